@@ -1,0 +1,38 @@
+# The two commands of the README, and the sanitizer builds that CI adds.
+BUILD_TYPE ?= RelWithDebInfo
+JOBS ?= 2
+CMAKE = cmake -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+
+.PHONY: deps build run test test-asan test-tsan ci clean
+
+deps:
+	bash scripts/install-deps.sh
+
+build: deps
+	$(CMAKE) -S . -B build
+	cmake --build build -j $(JOBS)
+
+# A real backup of a folder into the embedded local store.
+run: build
+	bash scripts/demo.sh build
+
+test: build
+	ctest --test-dir build --output-on-failure -j $(JOBS)
+
+test-asan: deps
+	$(CMAKE) -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DCV_SANITIZE=address,undefined
+	cmake --build build-asan -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ctest --test-dir build-asan --output-on-failure -j $(JOBS)
+
+# The threading tests (suites named *Concurrency* or *Thread*) under ThreadSanitizer.
+test-tsan: deps
+	$(CMAKE) -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DCV_SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1 setarch $$(uname -m) -R \
+	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R 'Concurrency|Thread'
+
+ci: test test-asan test-tsan
+
+clean:
+	rm -rf build build-asan build-tsan

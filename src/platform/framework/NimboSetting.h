@@ -1,0 +1,23 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace cirrovault {
+
+// The framework's settings: a property list "settings.plist" in the user's
+// configuration folder ($XDG_CONFIG_HOME/cirrovault). Holds the service URL, the SMTP
+// URL and tuning keys such as "IgnoreTimeSpan" and "UploadLocalPathCount".
+class NimboSetting {
+public:
+    // The setting's text; numbers and booleans are answered as decimal text.
+    static std::string GetSettingValueForKey(const std::string& key,
+                                             const std::string& defaultValue = "");
+    static std::optional<std::string> GetSetting(const std::string& key);
+    // Stores and writes the whole file at once; false when it cannot be written.
+    static bool SetSettingValueForKey(const std::string& key, const std::string& value);
+    static bool RemoveSettingForKey(const std::string& key);
+    static std::string SettingsFilePath();
+};
+
+} // namespace cirrovault

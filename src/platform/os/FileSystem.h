@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/os/Date.h"
+
+namespace cirrovault {
+
+enum class FileType { Regular, Directory, SymbolicLink, Other };
+
+struct FileStatus {
+    FileType type = FileType::Other;
+    uint64_t size = 0;
+    Date modifyTime;
+    Date changeTime; // status change; Linux keeps no creation date on every file system
+    uint32_t mode = 0;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+};
+
+// Local file-system calls of the whole program. Paths are UTF-8 with "/".
+class FileSystem {
+public:
+    // Status of the item itself: a final symbolic link is not followed.
+    static std::optional<FileStatus> linkStatus(const std::string& path);
+    // Status of what the path leads to, links followed.
+    static std::optional<FileStatus> status(const std::string& path);
+
+    static bool exists(const std::string& path); // anything, a dangling link included
+    static bool isRegularFile(const std::string& path); // not following a final link
+    static bool isDirectory(const std::string& path);   // not following a final link
+    static bool isDirectoryFollowingLinks(const std::string& path);
+
+    static bool createDirectories(const std::string& path); // true when it is a folder after
+    static bool createEmptyFile(const std::string& path);   // fails if something is there
+    // Moves an item; fails when the target exists.
+    static bool moveItem(const std::string& from, const std::string& to);
+    // Renames, replacing a file at the target.
+    static bool replaceItem(const std::string& from, const std::string& to);
+    static bool removeItem(const std::string& path);     // a file, link or empty folder
+    static bool removeAll(const std::string& path);      // recursively
+    static bool setModifyTime(const std::string& path, Date time);
+
+    static std::optional<std::string> readFile(const std::string& path);
+    // Writes a whole file: temporary file beside it, fsync, rename, fsync of the folder.
+    static bool writeFileAtomically(const std::string& path, const std::string& data);
+    static bool appendToFile(const std::string& path, const std::string& data);
+
+    // Entry names of a folder (no "." or ".."), in the order the system gives them.
+    static std::optional<std::vector<std::string>> listDirectory(const std::string& path);
+
+    // Free bytes for an unprivileged user on the file system holding path.
+    static std::optional<uint64_t> availableSpace(const std::string& path);
+    static std::string lastErrorText(); // strerror of errno
+};
+
+} // namespace cirrovault
