@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace cirrovault {
+
+class TrueProgressCallback;
+
+// One transfer request: which server file, which local file, which progress object.
+class TransferInfo {
+public:
+    void setSvrFile(const std::string& path) { svrFile_ = path; }
+    const std::string& svrFile() const { return svrFile_; }
+    void setLocFile(const std::string& path) { locFile_ = path; }
+    const std::string& locFile() const { return locFile_; }
+    void setProgress(TrueProgressCallback* progress) { progress_ = progress; }
+    TrueProgressCallback* progress() const { return progress_; }
+    // Pass phrase of an encrypted task; empty for a plain one.
+    void setPassPhrase(const std::string& phrase) { passPhrase_ = phrase; }
+    const std::string& passPhrase() const { return passPhrase_; }
+
+private:
+    std::string svrFile_;
+    std::string locFile_;
+    TrueProgressCallback* progress_ = nullptr;
+    std::string passPhrase_;
+};
+
+} // namespace cirrovault
