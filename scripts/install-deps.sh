@@ -7,7 +7,7 @@ packages=(
   cmake ninja-build g++ pkg-config make
   libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libplist-dev libplist-utils libsqlite3-dev libsodium-dev
-  libfmt-dev libcli11-dev libxml2-dev
+  libfmt-dev libcli11-dev libxml2-dev python3-aiosmtpd
 )
 packages+=("$@")
 

@@ -195,6 +195,47 @@ bool FileSystem::appendToFile(const std::string& path, const std::string& data) 
     return (::close(fd) == 0) && ok;
 }
 
+bool FileSystem::writePrivateFileAtomically(const std::string& path, const std::string& data) {
+    if (path.empty())
+        return false;
+    // mkstemp makes the file with mode 0600; the explicit fchmod keeps it so whatever
+    // the C library does.
+    std::string temp = path + ".tmp-XXXXXX";
+    int fd = ::mkostemp(temp.data(), O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool ok = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, data.data(), data.size()) &&
+              ::fsync(fd) == 0;
+    ok = (::close(fd) == 0) && ok;
+    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
+        ::unlink(temp.c_str());
+        return false;
+    }
+    int dir = ::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        ::fsync(dir);
+        ::close(dir);
+    }
+    return true;
+}
+
+bool FileSystem::writeHeadAndAppend(const std::string& path, const std::string& head,
+                                    const std::string& tail) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return false;
+    bool ok = true;
+    if (!head.empty()) {
+        ssize_t n;
+        do
+            n = ::pwrite(fd, head.data(), head.size(), 0);
+        while (n < 0 && errno == EINTR);
+        ok = n == static_cast<ssize_t>(head.size());
+    }
+    ok = ok && ::lseek(fd, 0, SEEK_END) >= 0 && writeAll(fd, tail.data(), tail.size());
+    return (::close(fd) == 0) && ok;
+}
+
 std::optional<std::vector<std::string>> FileSystem::listDirectory(const std::string& path) {
     DIR* dir = ::opendir(path.c_str());
     if (!dir)

@@ -48,6 +48,13 @@ public:
     // Writes a whole file: temporary file beside it, fsync, rename, fsync of the folder.
     static bool writeFileAtomically(const std::string& path, const std::string& data);
     static bool appendToFile(const std::string& path, const std::string& data);
+    // Like writeFileAtomically, but the file is readable by its owner only (mode 0600)
+    // from the moment it exists: for secrets such as pass phrases.
+    static bool writePrivateFileAtomically(const std::string& path, const std::string& data);
+    // On an existing file: writes head over the first bytes, then tail at the end, each
+    // with one write call (no O_APPEND, so the head can be rewritten). Callers serialise.
+    static bool writeHeadAndAppend(const std::string& path, const std::string& head,
+                                   const std::string& tail);
 
     // Entry names of a folder (no "." or ".."), in the order the system gives them.
     static std::optional<std::vector<std::string>> listDirectory(const std::string& path);

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/manager/StowlineBackupManageDelegate.h"
+#include "engine/task/CBackupTask.h"
+#include "engine/task/StowlineDelegate.h"
+#include "platform/framework/CLoopItem.h"
+#include "platform/os/Semaphore.h"
+#include "platform/os/Thread.h"
+
+namespace cirrovault {
+
+class PasswordMan;
+
+// The one object through which the host drives the backup engine: the user's tasks, the
+// waiting list, the tasks that ended in error, the task being created and the task now
+// running; this computer's identity; and the delegate of every task, which keeps its
+// own state up to date and passes on what the host must show.
+//
+// Tasks are identified by name everywhere here, never by object identity.
+class CBackupManage final : public StowlineDelegate {
+public:
+    using TaskPtr = std::shared_ptr<CBackupTask>;
+
+    CBackupManage();
+    ~CBackupManage() override;
+    CBackupManage(const CBackupManage&) = delete;
+    CBackupManage& operator=(const CBackupManage&) = delete;
+
+    // The manager's lock. Task events, the scheduler and the host meet on it; it is
+    // recursive because guarded operations call each other.
+    mutable std::recursive_mutex managerLock;
+
+    std::string strWorkingFile;       // local file a restore view works on
+    std::string strServerWorkingFile; // its server path
+    std::string pcName;               // this computer's name, from the identity file
+    std::string strName;              // the logged-on user
+    std::string strPassword;          // in memory only; never logged
+    std::string taskServerPath;       // server folder of the task list (set by the host)
+    std::string taskHistoryPath;      // server folder of task history (set by the host)
+    std::string taskBackupLogLocalPath; // local folder of result logs (set by the host)
+    std::vector<TaskPtr> waitingList; // guarded by managerLock; first in, first out
+    std::vector<TaskPtr> errTaskList; // guarded by managerLock
+    std::vector<TaskPtr> taskList;    // changed and walked under managerLock; owns the tasks
+    uint64_t pcID = 0;                // this computer's identity number
+    std::atomic<bool> bCancelLogon{false};
+    std::atomic<bool> bLogOff{false}; // a log-off is under way or done; stops the scheduler
+    std::atomic<bool> bExit{false};   // the application is quitting; stops the scheduler
+    std::atomic<bool> bFinshedBackupTask{true};
+    bool bFirstLogOn = false;
+    std::atomic<bool> bCancelDeleteTask{false};
+    // A task-list reload is under way: the scheduler neither queues nor starts.
+    std::atomic<bool> bRefreshTaskListFlag{false};
+    std::atomic<int64_t> iRet{0}; // result of the last logon attempt
+    std::shared_ptr<Thread> pLogonThread;
+    StowlineBackupManageDelegate* delegate = nullptr; // the host's; not owned
+    CLoopItem* loopItem = nullptr; // the logon/log-off dialog as its worker sees it; not owned
+    std::shared_ptr<CLoopItem> pLoopDlg; // that dialog, held by the operation showing it
+    std::unique_ptr<PasswordMan> pPasswordMan; // keeps task encryption pass phrases
+    // Made anew by the scheduler; replaced and read under managerLock.
+    std::shared_ptr<Semaphore> exitDoscheduleSemaphoreID;     // the scheduler has ended
+    std::shared_ptr<Semaphore> fineshedDoscheduleSemaphoreID; // a scheduler pass has ended
+    TaskPtr pNewTask;     // the task under creation in the wizard
+    TaskPtr pSaveTask;    // a task kept aside during a task-list reload
+    TaskPtr pWorkingTask; // guarded by managerLock; the one running task
+    int32_t nOSBackupDataType = 3; // kind of source paths of tasks being migrated
+
+    // ---- Small operations ----
+    std::vector<TaskPtr> getTasksList();
+    bool SetWorkingTask(const TaskPtr& task); // always true
+    StowlineBackupManageDelegate* GetDelegate() const { return delegate; }
+    void SetDelegate(StowlineBackupManageDelegate* receiver) { delegate = receiver; }
+    bool IsCreateingTask() const { return pNewTask != nullptr; }
+    TaskPtr GetNewTask() const { return pNewTask; }
+    std::string getCreateNewTaskName() const;
+    int32_t GetType() const; // schedule type of the task under creation
+    bool ISFirtLogOn();      // nobody has logged on from this computer yet
+    bool JustLogon(bool flag);
+
+    // ---- The task under creation ----
+    bool InitLocalFolderlist(const std::vector<std::string>& paths); // always true
+    bool hasLocalFolderSel() const;
+    bool SetServerFolder(const std::string& path); // always true
+    void setTaskSvrDataFodler(const std::string& folder);
+    void SetEncryMode(bool bEncryMode);
+    // Kept for the host; the result report is sent by the task itself.
+    void SendLogByEmail(const std::string& strLog, const std::string& errStr, int64_t iErr);
+    void MySignup(const std::string& userName, const std::string& userPassword,
+                  const std::string& emailAddress);
+
+    // ---- Identity, data folders, encryption ----
+    // Reads PCInfo.dat, or makes it once with a new identity; sets pcName and pcID.
+    void initMyID();
+    std::string GetSvrDataFolder();
+    bool IsServiceMainDataFilePathExisting();
+    void CreateEncryDataFodler();
+    void SaveEncryKey(const std::string& passPhrase, const std::string& encryPath);
+
+    // ---- Delegate ----
+    // Every task run by the manager reports here. Always answers true.
+    bool StowlineDelegateFun(const TaskPtr& task, StowlineDelegateType delegateType) override;
+    void AddErrTask(const TaskPtr& task);
+    // True for null (no task is ever queued or started for it), else whether the working
+    // task has the same name.
+    bool isWorkingTask(const TaskPtr& task);
+
+private:
+    // Passes an event to the host: its answer, or nothing when no host listens.
+    std::optional<bool> callHostDelegate(const TaskPtr& task, int32_t delegateType);
+};
+
+} // namespace cirrovault

@@ -1,0 +1,171 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/task/SourceInfo.h"
+#include "engine/task/StowlineDelegate.h"
+#include "platform/framework/CLoopItem.h"
+#include "platform/framework/TrueProgressCallback.h"
+#include "platform/os/Date.h"
+#include "platform/os/Semaphore.h"
+#include "platform/os/Thread.h"
+
+namespace cirrovault {
+
+// One backup task: identity and settings, its sources, its schedule dates, its run state
+// and the working collections of one run. The run itself is carried out by further
+// operations of this class on the task's own worker thread.
+//
+// The record has no lock. Fields that another thread reads while the run writes them
+// (the state, the stop and cancel flags) are atomic; everything else belongs to whoever
+// holds the task at the time (the manager under its lock, or the run).
+//
+// Tasks live in std::shared_ptr (the manager's lists share them); the task hands itself
+// to its delegate through shared_from_this().
+class CBackupTask : public std::enable_shared_from_this<CBackupTask> {
+public:
+    // States of mTaskState.
+    static constexpr int32_t StateIdle = 0;
+    static constexpr int32_t StateRunning = 1;   // running or about to run
+    static constexpr int32_t StateWaiting = 2;   // in the manager's waiting list
+    static constexpr int32_t StateCancelled = 3; // last run cancelled
+    static constexpr int32_t StateSucceeded = 4; // last run succeeded
+    static constexpr int32_t StateFailed = 5;    // last run failed; retry due at mResumeDate
+
+    // Schedule kinds: taskType & ScheduleKindMask. The upper bits carry other flags.
+    static constexpr int32_t ScheduleKindMask = 15;
+    static constexpr int32_t ScheduleNone = 0;
+    static constexpr int32_t ScheduleDaily = 1;
+    static constexpr int32_t ScheduleWeekly = 2;
+    static constexpr int32_t ScheduleBetweenDates = 3;
+
+    // A new task with the defaults: this computer's name, a random task ID, state 0,
+    // ten versions kept, a schedule window from 30 days ago to 2099.
+    CBackupTask();
+    CBackupTask(const CBackupTask&) = delete;
+    CBackupTask& operator=(const CBackupTask&) = delete;
+
+    // ---- Identity and settings ----
+    std::string name;        // unique among the user's tasks; key of its log entries
+    std::string description; // given with the name when the server folder is made
+    std::string serverPath;  // the task's server folder; empty makes a run fail at once
+    std::string mPCName;     // the computer that owns the task
+    int32_t taskID = 0;      // also the key of event-log records
+    uint64_t pcID = 0;       // identity of the owning computer
+    int32_t taskType = 0;    // schedule kind in the low four bits
+    uint64_t uiMaxVersion = 10; // old versions of a file kept on the server
+    uint64_t uiTaskListVersion = 0;
+    bool bEncryMode = false; // files are stored encrypted
+    bool bFolder = false;
+    std::string oldName;     // previous name while a rename is pending
+    std::optional<std::string> strTempFolder;
+    std::optional<std::string> strErrLog; // error text of the last run
+    std::optional<std::string> strLimitLocalPath;
+    std::string strWorkingFile;       // the file being worked on
+    std::string scanFilterSystemPath; // last system item the scan left out
+    std::string scanFilterUserPath;   // last folder the scan's filters left out
+
+    // ---- Schedule dates ----
+    Date mBeginDate;   // first date of the schedule
+    Date mEndDate;     // last date of the schedule
+    Date mDating;      // next scheduled run
+    Date mBackupDate;  // last successful run
+    Date mLastDating;  // previous scheduled run
+    Date mResumeDate;  // when a failed run is retried
+    Date mLastRunDate; // start of the last run, on the whole minute
+
+    // ---- Run state and results ----
+    // The scheduler and the host read the state while the run changes it.
+    std::atomic<int32_t> mTaskState{StateIdle};
+    int32_t mRestoreTaskState = 0;
+    uint64_t iBackupRet = 0; // result code of the current or last run
+    uint64_t uiRetValue = 0;
+    uint64_t uiErrorBackupCount = 0;
+    int32_t iErrorTimes = 0; // consecutive failed runs; drives the retry delay
+    int32_t iCurrentVersionCount = 0;
+    uint64_t uiRemoteSize = 0;
+    uint64_t uiNeedSpace = 0;
+    uint64_t uiTaskCurrentUploadSize = 0;
+    uint64_t fileTotalSize = 0;
+    int32_t nScanTotalFiles = 0;
+    bool bResume = false;   // the next run retries a failed one
+    bool blogModify = false; // the record changed and must go to the server task list
+    std::atomic<bool> bHaveErr{false}; // read by the manager when the run ends
+    bool bNeedRestart = false;  // kept for the host; the run never reads it
+    std::atomic<bool> bDeleting{false}; // refuses runs and renames
+    bool mbAllowUpload = false; // kept for the host; the run never reads it
+    bool bReCheckSize = false;  // kept for the host; the run never reads it
+    bool isHookStopping = false; // kept for the host; the run never reads it
+    std::atomic<bool> bLogOff{false}; // ends the run without the end-of-run events
+    std::atomic<bool> bExit{false};   // set with bLogOff by the manager; not read by the run
+    std::atomic<bool> bCancleScanFile{false};
+    bool bInitUIPrgBar = false;
+    bool bCreateBackupFolder = false;
+    bool bRescanForPrgBar = false;
+    bool bFinishScanForPrgBar = false;
+    std::optional<std::string> strRescanInfoForPrgbar;
+    std::optional<std::string> strCurrentXMLParentPath;
+    std::optional<std::string> strCurrentUploadFilePath;
+    bool bMigrateTask = false; // being moved to this computer
+    bool bOnlyMigrateTaskOrignalPath = false;
+    std::atomic<bool> bRefresh{false}; // run ended by a task-list reload: no close events
+    bool bDeleteServerFile = false;
+
+    // ---- Collections ----
+    std::vector<SourceEntry> localDirList; // the sources, in order
+    // For a task moved from another computer: {"PathID": path, "TypeID": folder flag}
+    // per source, in the order of localDirList.
+    std::vector<std::map<std::string, std::string>> sourceInfoArray;
+    std::vector<std::string> filterExt;  // file-name patterns the scan leaves out
+    std::vector<std::string> filtedPath; // folder patterns the scan leaves out
+    std::vector<std::string> scanFileArray; // what the scan chose; emptied after each run
+    std::vector<std::string> mSmallCacheFileList;
+    std::vector<std::string> mGetScanFilePath;
+    std::vector<std::string> addFileArray;
+    std::vector<std::string> deleteFileArray;
+    std::vector<std::string> backupFileArray;
+    std::vector<std::string> deleteFileVersionArray;
+    std::vector<std::string> localLogPathArray;
+
+    // ---- Run objects ----
+    std::shared_ptr<Thread> pBackupTaskThread;     // worker of the current run
+    std::shared_ptr<TrueProgressCallback> pPrgBar; // progress and cancel marks of the run
+    // The wait dialog of an interactive scan, and the same dialog seen as a loop item.
+    std::shared_ptr<CLoopItem> pLoopDlgController;
+    StowlineDelegate* delegate = nullptr;           // not owned
+    std::shared_ptr<Semaphore> backupSemaphoreID;   // signalled when a run has finished
+    std::shared_ptr<Thread> pThread;                // the interactive scan thread
+    CLoopItem* loopItem = nullptr;                  // not owned
+
+    // ---- Source list ----
+    // Adds a SourceInfo record (log serial 1, folder flag as found now). Duplicates and
+    // paths that do not exist are added too.
+    void AddSrcPath(const std::string& path);
+    void AddSrcPathList(const std::vector<std::string>& paths);
+    void ClearSrcList();
+    void ReplaceLocalList(const std::vector<std::string>& paths);
+    // These read entries as records: a plain-path entry ends the walk with false/none.
+    bool IsInSourceList(const std::string& path);
+    bool IsInBackupList(const std::string& path);
+    std::optional<SourceInfo> GetSrcItem(const std::string& path);
+    // Always false: callers treat every pair of lists as different.
+    bool IsSameSrcList(const std::vector<SourceInfo>& srcList);
+    // Reads the first entry as a plain path; "" when empty or when it is a record.
+    std::string GetFirstSrcPath();
+
+    // ---- Small operations ----
+    bool RenameTask(const std::string& newName); // true; the name is left as it is
+    bool RenamePath(const std::string& oldPath, const std::string& newPath); // !bDeleting
+    int32_t GetType() const { return taskType; } // all bits
+    void setTaskState(int32_t state) { mTaskState = state; }
+    void SetDelegate(StowlineDelegate* receiver) { delegate = receiver; }
+    StowlineDelegate* GetDelegate() const { return delegate; }
+};
+
+} // namespace cirrovault

@@ -1,0 +1,281 @@
+#include "platform/framework/CachedPathTree.h"
+
+#include <exception>
+
+#include "platform/framework/ResultCodes.h"
+#include "platform/os/SystemLog.h"
+#include "platform/store/StorePath.h"
+
+namespace cirrovault {
+
+namespace {
+
+const std::string Root = "\\";
+
+std::string parentOf(const std::string& path) {
+    auto cut = path.find_last_of('\\');
+    return cut == 0 || cut == std::string::npos ? Root : path.substr(0, cut);
+}
+
+std::string nameOf(const std::string& path) {
+    auto cut = path.find_last_of('\\');
+    return cut == std::string::npos ? path : path.substr(cut + 1);
+}
+
+int64_t filesIn(const StoreItem& item) { return item.isFolder ? item.fileCount : 1; }
+
+PathInfo toPathInfo(const std::string& path, const StoreItem& item) {
+    PathInfo info;
+    info.name = path == Root ? "" : nameOf(path);
+    info.path = path;
+    info.bFolder = item.isFolder;
+    info.iSize = item.size;
+    info.iFiles = item.isFolder ? item.fileCount : 0;
+    info.modifyTime = item.modifyTime;
+    info.description = item.description;
+    info.caption = item.caption;
+    return info;
+}
+
+} // namespace
+
+void CachedPathTree::setBackend(std::shared_ptr<StoreBackend> backend) {
+    std::lock_guard lock(mutex_);
+    backend_ = std::move(backend);
+    listings_.clear();
+}
+
+void CachedPathTree::clear() {
+    std::lock_guard lock(mutex_);
+    listings_.clear();
+}
+
+int64_t CachedPathTree::listingLocked(const std::string& folder, Listing*& out) {
+    auto it = listings_.find(folder);
+    if (it != listings_.end()) {
+        out = &it->second;
+        return ResultCode::Success;
+    }
+    if (!backend_)
+        return ResultCode::NoService;
+    Listing items;
+    int64_t code = backend_->list(folder, items);
+    if (code != ResultCode::Success)
+        return code;
+    out = &listings_.emplace(folder, std::move(items)).first->second;
+    return ResultCode::Success;
+}
+
+bool CachedPathTree::FindPath(const std::string& path, PathInfo& outPathInfo, bool) {
+    try {
+        auto canonical = StorePath::normalize(path);
+        if (!canonical)
+            return false;
+        std::lock_guard lock(mutex_);
+        if (*canonical == Root) {
+            StoreItem item;
+            if (!backend_ || backend_->stat(Root, item) != ResultCode::Success)
+                return false;
+            outPathInfo = toPathInfo(Root, item);
+            return true;
+        }
+        Listing* listing = nullptr;
+        if (listingLocked(parentOf(*canonical), listing) != ResultCode::Success)
+            return false;
+        std::string name = nameOf(*canonical);
+        for (const StoreItem& item : *listing) {
+            if (item.name == name) {
+                outPathInfo = toPathInfo(*canonical, item);
+                return true;
+            }
+        }
+        return false;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: PathTreeController::FindPath()");
+        return false;
+    }
+}
+
+int64_t CachedPathTree::RefreshSvrPath(const std::string& path) {
+    try {
+        auto canonical = StorePath::normalize(path);
+        if (!canonical)
+            return ResultCode::BadPath;
+        std::lock_guard lock(mutex_);
+        dropSubtreeLocked(*canonical);
+        dropAncestorListingsLocked(*canonical);
+        if (!backend_)
+            return ResultCode::NoService;
+        StoreItem item;
+        return backend_->stat(*canonical, item);
+    } catch (const std::exception&) {
+        SystemLog::write("Error: PathTreeController::RefreshSvrPath()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t CachedPathTree::collectLocked(const std::string& folder, bool recursive,
+                                      std::vector<PathInfo>& out) {
+    Listing* listing = nullptr;
+    int64_t code = listingLocked(folder, listing);
+    if (code != ResultCode::Success)
+        return code;
+    // Copied: listing further folders below may add to listings_, and the entries are
+    // read while that happens.
+    Listing items = *listing;
+    for (const StoreItem& item : items) {
+        std::string child = StorePath::child(folder, item.name);
+        out.push_back(toPathInfo(child, item));
+        if (recursive && item.isFolder) {
+            code = collectLocked(child, true, out);
+            if (code != ResultCode::Success)
+                return code;
+        }
+    }
+    return ResultCode::Success;
+}
+
+int64_t CachedPathTree::GetSubList(const std::string& path, std::vector<PathInfo>& outArray,
+                                   bool, bool isRecursion) {
+    outArray.clear();
+    try {
+        auto canonical = StorePath::normalize(path);
+        if (!canonical)
+            return ResultCode::BadPath;
+        std::lock_guard lock(mutex_);
+        int64_t code = collectLocked(*canonical, isRecursion, outArray);
+        if (code != ResultCode::Success)
+            outArray.clear();
+        return code;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: PathTreeController::GetSubList()");
+        outArray.clear();
+        return ResultCode::Failure;
+    }
+}
+
+StoreItem* CachedPathTree::entryLocked(const std::string& path) {
+    if (path == Root)
+        return nullptr;
+    auto it = listings_.find(parentOf(path));
+    if (it == listings_.end())
+        return nullptr;
+    std::string name = nameOf(path);
+    for (StoreItem& item : it->second) {
+        if (item.name == name)
+            return &item;
+    }
+    return nullptr;
+}
+
+void CachedPathTree::adjustAncestorsLocked(const std::string& folder, int64_t sizeDelta,
+                                           int64_t filesDelta) {
+    if (sizeDelta == 0 && filesDelta == 0)
+        return;
+    for (std::string at = folder; at != Root; at = parentOf(at)) {
+        auto it = listings_.find(parentOf(at));
+        if (it == listings_.end())
+            continue;
+        if (StoreItem* entry = entryLocked(at)) {
+            entry->size = static_cast<uint64_t>(static_cast<int64_t>(entry->size) + sizeDelta);
+            entry->fileCount = static_cast<int32_t>(entry->fileCount + filesDelta);
+        } else {
+            listings_.erase(it); // does not know a folder that exists: read it again
+        }
+    }
+}
+
+void CachedPathTree::dropSubtreeLocked(const std::string& path) {
+    for (auto it = listings_.lower_bound(path); it != listings_.end();) {
+        if (!StorePath::isSameOrInside(it->first, path)) {
+            if (path != Root && it->first.compare(0, path.size(), path) != 0)
+                break; // sorted: nothing further down starts with the path
+            ++it;
+            continue;
+        }
+        it = listings_.erase(it);
+    }
+}
+
+void CachedPathTree::dropAncestorListingsLocked(const std::string& path) {
+    if (path == Root)
+        return;
+    for (std::string at = parentOf(path);; at = parentOf(at)) {
+        listings_.erase(at);
+        if (at == Root)
+            break;
+    }
+}
+
+std::optional<StoreItem> CachedPathTree::cachedItem(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    if (StoreItem* entry = entryLocked(path))
+        return *entry;
+    return std::nullopt;
+}
+
+void CachedPathTree::noteStored(const std::string& path, const StoreItem& item) {
+    std::lock_guard lock(mutex_);
+    if (path == Root)
+        return;
+    std::string parent = parentOf(path);
+    auto it = listings_.find(parent);
+    if (it == listings_.end()) {
+        // The old entry is unknown, so the folders above cannot be adjusted.
+        dropAncestorListingsLocked(parent);
+        dropSubtreeLocked(path);
+        return;
+    }
+    StoreItem stored = item;
+    stored.name = nameOf(path);
+    int64_t sizeDelta = static_cast<int64_t>(stored.size);
+    int64_t filesDelta = filesIn(stored);
+    if (StoreItem* entry = entryLocked(path)) {
+        sizeDelta -= static_cast<int64_t>(entry->size);
+        filesDelta -= filesIn(*entry);
+        *entry = stored;
+    } else {
+        it->second.push_back(stored);
+    }
+    adjustAncestorsLocked(parent, sizeDelta, filesDelta);
+    dropSubtreeLocked(path);
+}
+
+void CachedPathTree::noteRemoved(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    std::string parent = parentOf(path);
+    auto it = listings_.find(parent);
+    if (path != Root && it == listings_.end()) {
+        dropAncestorListingsLocked(parent);
+    } else if (StoreItem* entry = entryLocked(path)) {
+        int64_t size = static_cast<int64_t>(entry->size);
+        int64_t files = filesIn(*entry);
+        it->second.erase(it->second.begin() + (entry - it->second.data()));
+        adjustAncestorsLocked(parent, -size, -files);
+    }
+    dropSubtreeLocked(path);
+}
+
+void CachedPathTree::noteRenamed(const std::string& path, const std::string& newName) {
+    std::lock_guard lock(mutex_);
+    if (StoreItem* entry = entryLocked(path))
+        entry->name = newName;
+    dropSubtreeLocked(path);
+}
+
+void CachedPathTree::noteFolderInfo(const std::string& path, const std::string& description,
+                                    const std::string& caption) {
+    std::lock_guard lock(mutex_);
+    if (StoreItem* entry = entryLocked(path)) {
+        entry->description = description;
+        entry->caption = caption;
+    }
+}
+
+void CachedPathTree::forget(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    dropSubtreeLocked(path);
+    dropAncestorListingsLocked(path);
+}
+
+} // namespace cirrovault

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/framework/PathTreeController.h"
+#include "platform/store/StoreBackend.h"
+
+namespace cirrovault {
+
+// The path-tree cache over one backend. Each folder is listed once; FindPath and
+// GetSubList then answer from memory. Changes made through TransferApiUtil are applied
+// to the cached listings (the entry itself and the sizes and file counts of the folders
+// above it), so an upload walk keeps reading from memory. Where a change cannot be
+// applied exactly, the listings that would be stale are dropped and read again later.
+//
+// One lock covers the cache and the listings it makes, so two threads asking for the
+// same folder cause one listing. Paths are server paths; the note... functions take
+// canonical ones (StorePath::normalize).
+class CachedPathTree : public PathTreeController {
+public:
+    CachedPathTree() = default;
+
+    bool FindPath(const std::string& path, PathInfo& outPathInfo, bool isShowProgress) override;
+    int64_t RefreshSvrPath(const std::string& path) override;
+    int64_t GetSubList(const std::string& path, std::vector<PathInfo>& outArray,
+                       bool isShowProgress, bool isRecursion) override;
+    // Kept for the host; the cache's own calls are short enough to show no dialog.
+    void setLoopDelegate(CLoopItem* loopItem) override { loopItem_ = loopItem; }
+
+    void setBackend(std::shared_ptr<StoreBackend> backend); // also forgets everything
+    void clear();
+
+    // What the cache holds for the path, without asking the backend.
+    std::optional<StoreItem> cachedItem(const std::string& path);
+    // The path now holds item (a file stored, a folder made, copied or moved here).
+    void noteStored(const std::string& path, const StoreItem& item);
+    void noteRemoved(const std::string& path);
+    void noteRenamed(const std::string& path, const std::string& newName);
+    void noteFolderInfo(const std::string& path, const std::string& description,
+                        const std::string& caption);
+    // The path changed in a way the cache cannot follow: forget it, what lies beneath,
+    // and the listings holding the sizes of the folders above it.
+    void forget(const std::string& path);
+
+private:
+    using Listing = std::vector<StoreItem>;
+
+    // The folder's listing, read from the backend when not cached. Caller holds mutex_.
+    int64_t listingLocked(const std::string& folder, Listing*& out);
+    int64_t collectLocked(const std::string& folder, bool recursive, std::vector<PathInfo>& out);
+    StoreItem* entryLocked(const std::string& path);
+    void adjustAncestorsLocked(const std::string& folder, int64_t sizeDelta, int64_t filesDelta);
+    void dropSubtreeLocked(const std::string& path);
+    void dropAncestorListingsLocked(const std::string& path);
+
+    std::mutex mutex_;
+    std::shared_ptr<StoreBackend> backend_;  // guarded by mutex_
+    std::map<std::string, Listing> listings_; // guarded by mutex_; canonical folder → entries
+    std::atomic<CLoopItem*> loopItem_{nullptr};
+};
+
+} // namespace cirrovault

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/os/Date.h"
+#include "platform/store/StoreBackend.h"
+
+namespace cirrovault {
+
+// Downloaded bytes into a local file. They go to a hidden temporary file beside the
+// target, which takes the target's name only at finish (with the stored modification
+// time already set), so an interrupted or refused download never leaves a partial
+// file under the real name.
+class LocalFileSink : public ByteSink {
+public:
+    // nullptr when the temporary file cannot be created in the target's folder.
+    static std::unique_ptr<LocalFileSink> open(const std::string& targetPath, Date modifyTime);
+    ~LocalFileSink() override; // discards an unfinished download
+    LocalFileSink(const LocalFileSink&) = delete;
+    LocalFileSink& operator=(const LocalFileSink&) = delete;
+
+    bool write(const char* buffer, size_t n) override;
+    bool finish() override;
+    // Removes the temporary file; the target is left as it was.
+    void discard();
+
+    uint64_t bytesWritten() const { return written_; }
+    const std::string& temporaryPath() const { return tempPath_; }
+
+private:
+    LocalFileSink() = default;
+    int fd_ = -1;
+    std::string targetPath_;
+    std::string tempPath_;
+    Date modifyTime_;
+    uint64_t written_ = 0;
+    bool finished_ = false;
+};
+
+} // namespace cirrovault

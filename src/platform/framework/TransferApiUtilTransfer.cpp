@@ -1,0 +1,218 @@
+// Uploads and downloads of the service session: progress into the caller's
+// TrueProgressCallback, cancel from it or from CurlHandleController, and the encrypted
+// form for files under the encryption folder.
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <thread>
+
+#include "platform/framework/CurlHandleController.h"
+#include "platform/framework/DecryptingFileSink.h"
+#include "platform/framework/EncryptingFileSource.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LocalFileSink.h"
+#include "platform/framework/LocalFileSource.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/framework/TransferApiUtilState.h"
+#include "platform/framework/TrueProgressCallback.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
+#include "platform/store/StorePath.h"
+
+namespace cirrovault {
+
+namespace {
+
+// One transfer as the store sees it. Registers the calling thread with
+// CurlHandleController for its lifetime, so CancelConnection(thread) reaches it.
+class TransferWatch : public TransferObserver {
+public:
+    explicit TransferWatch(TrueProgressCallback* progress)
+        : progress_(progress), cancel_(CurlHandleController::shared().beginTransfer()) {
+        if (progress_) {
+            progress_->setTempSize(0);
+            progress_->setSentSize(0);
+        }
+    }
+    ~TransferWatch() override { CurlHandleController::shared().endTransfer(); }
+    TransferWatch(const TransferWatch&) = delete;
+    TransferWatch& operator=(const TransferWatch&) = delete;
+
+    void transferred(uint64_t bytesDone, uint64_t) override {
+        done_ = bytesDone;
+        if (progress_)
+            progress_->setSentSize(bytesDone);
+    }
+    void resumedFrom(uint64_t bytes) override {
+        resumed_ = bytes;
+        done_ = bytes;
+        if (progress_) {
+            progress_->setTempSize(bytes);
+            progress_->setSentSize(bytes);
+        }
+    }
+    bool shouldContinue() override {
+        for (;;) {
+            if (cancelled())
+                return false;
+            if (!progress_ || !progress_->IsPaused())
+                return true;
+            // Paused: hold the transfer here until resumed or cancelled.
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+
+    uint64_t done() const { return done_; }
+    uint64_t resumed() const { return resumed_; }
+
+private:
+    bool cancelled() const {
+        return *cancel_ ||
+               (progress_ && (progress_->IsCancelled() || progress_->IsClickedCancel()));
+    }
+
+    TrueProgressCallback* progress_;
+    std::shared_ptr<std::atomic<bool>> cancel_;
+    uint64_t done_ = 0;
+    uint64_t resumed_ = 0;
+};
+
+void logTransferFailure(const char* operation, int64_t code, const TransferInfo& info) {
+    if (code == ResultCode::Success || code == ResultCode::Cancelled)
+        return;
+    SystemLog::write(std::string("Error: TransferApiUtil::") + operation + "() answered " +
+                     std::to_string(code) + " for \"" + info.svrFile() + "\" and \"" +
+                     info.locFile() + "\"");
+}
+
+} // namespace
+
+// Stores the local file at the server path, resuming an interrupted upload of the same
+// unchanged file. Answers Success when stored; the store is asked every time (the
+// engine decides beforehand whether a file changed), so Done is not used here.
+int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& uploadInformation) {
+    try {
+        uploadInformation = UploadFileInfo();
+        auto path = StorePath::normalize(transferInfo.svrFile());
+        if (!path || *path == "\\") {
+            logTransferFailure("UploadFile", ResultCode::BadPath, transferInfo);
+            return ResultCode::BadPath;
+        }
+        std::shared_ptr<StoreBackend> store = backend();
+        if (!store)
+            return ResultCode::NoService;
+
+        std::unique_ptr<ByteSource> source;
+        Date modifyTime;
+        int64_t code = ResultCode::Success;
+        if (Functions::IsEncryptPath(*path)) {
+            if (transferInfo.passPhrase().empty()) {
+                logTransferFailure("UploadFile", ResultCode::WrongPassPhrase, transferInfo);
+                return ResultCode::WrongPassPhrase;
+            }
+            auto encrypted =
+                EncryptingFileSource::open(transferInfo.locFile(), transferInfo.passPhrase(), code);
+            if (encrypted)
+                modifyTime = encrypted->modifyTime();
+            source = std::move(encrypted);
+        } else {
+            auto plain = LocalFileSource::open(transferInfo.locFile());
+            if (plain)
+                modifyTime = plain->modifyTime();
+            else
+                code = ResultCode::LocalFileError;
+            source = std::move(plain);
+        }
+        if (!source) {
+            logTransferFailure("UploadFile", code, transferInfo);
+            return code;
+        }
+
+        TrueProgressCallback* progress = transferInfo.progress();
+        if (progress) {
+            progress->setThisSize(source->size());
+            progress->setCurrentFile(transferInfo.locFile());
+        }
+        TransferWatch watch(progress);
+        code = store->put(*path, *source, modifyTime, &watch);
+        uploadInformation.resumedBytes = watch.resumed();
+        if (code == ResultCode::Success) {
+            uploadInformation.storedSize = source->size();
+            uploadInformation.uploadedBytes = source->size() - std::min(source->size(), watch.resumed());
+            StoreItem stored;
+            if (store->stat(*path, stored) == ResultCode::Success)
+                state_->tree->noteStored(*path, stored);
+            else
+                state_->tree->forget(*path);
+        } else {
+            uploadInformation.uploadedBytes = watch.done() - std::min(watch.done(), watch.resumed());
+        }
+        logTransferFailure("UploadFile", code, transferInfo);
+        return code;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: TransferApiUtil::UploadFile()");
+        return ResultCode::Failure;
+    }
+}
+
+// Fetches the server file into the local path (its folder made when missing). The
+// local file appears only complete, checked, and with the stored modification time.
+int64_t TransferApiUtil::DownloadFile(TransferInfo& transferInfo) {
+    try {
+        auto path = StorePath::normalize(transferInfo.svrFile());
+        if (!path || *path == "\\") {
+            logTransferFailure("DownloadFile", ResultCode::BadPath, transferInfo);
+            return ResultCode::BadPath;
+        }
+        std::shared_ptr<StoreBackend> store = backend();
+        if (!store)
+            return ResultCode::NoService;
+        StoreItem item;
+        int64_t code = store->stat(*path, item);
+        if (code == ResultCode::Success && item.isFolder)
+            code = ResultCode::BadRequest;
+        if (code != ResultCode::Success) {
+            logTransferFailure("DownloadFile", code, transferInfo);
+            return code;
+        }
+        const bool encrypted = Functions::IsEncryptPath(*path);
+        if (encrypted && transferInfo.passPhrase().empty()) {
+            logTransferFailure("DownloadFile", ResultCode::WrongPassPhrase, transferInfo);
+            return ResultCode::WrongPassPhrase;
+        }
+        const std::string& local = transferInfo.locFile();
+        auto slash = local.find_last_of('/');
+        if (slash != std::string::npos && slash > 0)
+            FileSystem::createDirectories(local.substr(0, slash));
+        auto file = LocalFileSink::open(local, item.modifyTime);
+        if (!file) {
+            logTransferFailure("DownloadFile", ResultCode::LocalFileError, transferInfo);
+            return ResultCode::LocalFileError;
+        }
+
+        TrueProgressCallback* progress = transferInfo.progress();
+        if (progress) {
+            progress->setThisSize(item.size);
+            progress->setCurrentFile(local);
+        }
+        TransferWatch watch(progress);
+        if (encrypted) {
+            DecryptingFileSink sink(std::move(file), transferInfo.passPhrase());
+            code = store->get(*path, sink, &watch);
+            if (sink.error() != ResultCode::Success && code != ResultCode::Cancelled)
+                code = sink.error();
+        } else {
+            code = store->get(*path, *file, &watch);
+            if (code != ResultCode::Success)
+                file->discard();
+        }
+        logTransferFailure("DownloadFile", code, transferInfo);
+        return code;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: TransferApiUtil::DownloadFile()");
+        return ResultCode::Failure;
+    }
+}
+
+} // namespace cirrovault

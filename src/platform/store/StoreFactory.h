@@ -1,0 +1,19 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/store/StoreBackend.h"
+
+namespace cirrovault {
+
+// Chooses the backend for a service URL.
+class StoreFactory {
+public:
+    // "file:///abs/path" (percent-encoded bytes allowed, host empty or "localhost"):
+    // the local store in that folder. nullptr, with a logged line, for anything it
+    // cannot serve.
+    static std::shared_ptr<StoreBackend> makeBackend(const std::string& serviceURL);
+};
+
+} // namespace cirrovault

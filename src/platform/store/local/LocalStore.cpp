@@ -1,0 +1,282 @@
+#include "platform/store/local/LocalStore.h"
+
+#include <exception>
+
+#include <fcntl.h>
+#include <sodium.h>
+#include <unistd.h>
+
+#include "platform/framework/ResultCodes.h"
+#include "platform/os/SystemLog.h"
+
+namespace cirrovault {
+
+namespace {
+
+std::string randomHex(size_t bytes) {
+    std::string raw(bytes, '\0');
+    randombytes_buf(raw.data(), raw.size());
+    std::string hex(bytes * 2 + 1, '\0');
+    sodium_bin2hex(hex.data(), hex.size(), reinterpret_cast<const unsigned char*>(raw.data()),
+                   raw.size());
+    hex.pop_back();
+    return hex;
+}
+
+// Customer IDs become folder names; one read from a damaged database must not lead
+// anywhere else.
+bool isSafeCustomerID(const std::string& id) {
+    if (id.empty() || id.size() > 64)
+        return false;
+    for (char c : id) {
+        bool ok = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+        if (!ok)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+LocalStore::LocalStore(std::string folder) : folder_(std::move(folder)) {
+    while (folder_.size() > 1 && folder_.back() == '/')
+        folder_.pop_back();
+}
+
+LocalStore::~LocalStore() = default;
+
+StoreCapabilities LocalStore::capabilities() const {
+    StoreCapabilities caps;
+    caps.nativeCopy = true;
+    caps.nativeMove = true;
+    caps.resumableUpload = true;
+    caps.folderProperties = true;
+    caps.modifyTimePrecision = 1e-9;
+    return caps;
+}
+
+std::string LocalStore::describe() const { return "local " + folder_; }
+
+std::optional<LocalStore::Account> LocalStore::currentAccount() const {
+    std::lock_guard lock(mutex_);
+    return account_;
+}
+
+std::string LocalStore::accountFilesFolder() const {
+    auto account = currentAccount();
+    return account ? account->filesRoot : std::string();
+}
+
+int64_t LocalStore::logon(const std::string& userName, const std::string& password,
+                          StoreSession& session) {
+    try {
+        session = {};
+        logoff();
+        if (userName.empty())
+            return ResultCode::EmptyName;
+        if (sodium_init() < 0) {
+            SystemLog::write("Error: LocalStore: the crypto library cannot start");
+            return ResultCode::Failure;
+        }
+        if (!FileSystem::createDirectories(folder_)) {
+            SystemLog::write("Error: LocalStore: the store folder cannot be made: " + folder_);
+            return ResultCode::NoService;
+        }
+        if (!db_.open(folder_ + "/store.db"))
+            return ResultCode::NoService;
+
+        std::optional<LocalAccountRecord> record;
+        if (!db_.findAccount(userName, record))
+            return ResultCode::Failure;
+        bool created = false;
+        if (!record) {
+            char hash[crypto_pwhash_STRBYTES];
+            if (crypto_pwhash_str(hash, password.data(), password.size(),
+                                  crypto_pwhash_OPSLIMIT_INTERACTIVE,
+                                  crypto_pwhash_MEMLIMIT_INTERACTIVE) != 0) {
+                SystemLog::write("Error: LocalStore: the password cannot be hashed");
+                return ResultCode::Failure;
+            }
+            std::string customerID = "c" + randomHex(6);
+            if (!db_.addAccount(userName, customerID, hash) || !db_.findAccount(userName, record) ||
+                !record)
+                return ResultCode::Failure;
+            // Another process may have created the same user a moment earlier.
+            created = record->customerID == customerID;
+        }
+        if (!created && crypto_pwhash_str_verify(record->passwordHash.c_str(), password.data(),
+                                                 password.size()) != 0) {
+            SystemLog::write("LocalStore: logon refused for " + userName);
+            return ResultCode::WrongPassword;
+        }
+        if (!isSafeCustomerID(record->customerID)) {
+            SystemLog::write("Error: LocalStore: damaged account record for " + userName);
+            return ResultCode::Failure;
+        }
+        Account account{record->customerID,
+                        folder_ + "/accounts/" + record->customerID + "/files"};
+        if (!FileSystem::createDirectories(account.filesRoot)) {
+            SystemLog::write("Error: LocalStore: the account folder cannot be made: " +
+                             account.filesRoot);
+            return ResultCode::NoService;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            account_ = account;
+            usedBytes_.reset();
+        }
+        session.sessionID = randomHex(16);
+        session.customerID = account.customerID;
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::logon()");
+        return ResultCode::Failure;
+    }
+}
+
+void LocalStore::logoff() {
+    std::lock_guard lock(mutex_);
+    account_.reset();
+    usedBytes_.reset();
+}
+
+int64_t LocalStore::usedSpace(const Account& account, bool refresh) {
+    {
+        std::lock_guard lock(mutex_);
+        if (usedBytes_ && !refresh)
+            return *usedBytes_;
+    }
+    PartSet parts;
+    unfinishedUploads(account, "\\", parts);
+    auto used = static_cast<int64_t>(totalsOf(account.filesRoot, "\\", parts).bytes);
+    std::lock_guard lock(mutex_);
+    if (account_ && account_->customerID == account.customerID)
+        usedBytes_ = used;
+    return used;
+}
+
+void LocalStore::adjustUsedSpace(int64_t change) {
+    std::lock_guard lock(mutex_);
+    if (usedBytes_)
+        *usedBytes_ = std::max<int64_t>(0, *usedBytes_ + change);
+}
+
+int64_t LocalStore::checkSpace(const Account& account, int64_t adding) {
+    if (adding <= 0)
+        return ResultCode::Success;
+    std::optional<int64_t> limit;
+    if (!db_.quota(account.customerID, limit))
+        return ResultCode::Failure;
+    if (limit) {
+        // The figure is kept between calls (a walk of the whole tree per upload would
+        // cost too much) and refreshed at logon and by quota().
+        if (usedSpace(account, false) + adding > *limit) {
+            SystemLog::write("LocalStore: the account's quota would be passed");
+            return ResultCode::SpaceLimit;
+        }
+        return ResultCode::Success;
+    }
+    // Default quota = free space + used space, so only the free space matters.
+    auto available = FileSystem::availableSpace(account.filesRoot);
+    if (available && static_cast<uint64_t>(adding) > *available) {
+        SystemLog::write("LocalStore: the disk holding the store is full");
+        return ResultCode::SpaceLimit;
+    }
+    return ResultCode::Success;
+}
+
+int64_t LocalStore::quota(StoreQuota& quota) {
+    try {
+        quota = {};
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        std::optional<int64_t> limit;
+        if (!db_.quota(account->customerID, limit))
+            return ResultCode::Failure;
+        quota.usedSpace = usedSpace(*account, true);
+        if (limit) {
+            quota.maxSpace = *limit;
+        } else {
+            auto available = FileSystem::availableSpace(account->filesRoot);
+            quota.maxSpace = quota.usedSpace + static_cast<int64_t>(available.value_or(0));
+        }
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::quota()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::setQuota(int64_t maxBytes) {
+    try {
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        std::optional<int64_t> limit;
+        if (maxBytes != DiskQuota) {
+            if (maxBytes < 0)
+                return ResultCode::BadRequest;
+            limit = maxBytes;
+        }
+        return db_.setQuota(account->customerID, limit) ? ResultCode::Success
+                                                        : ResultCode::Failure;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::setQuota()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::readTaskList(std::string& document, std::string& version) {
+    try {
+        document.clear();
+        version.clear();
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        return db_.readTaskList(account->customerID, document, version) ? ResultCode::Success
+                                                                         : ResultCode::StorageError;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::readTaskList()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::writeTaskList(const std::string& document, const std::string& expectedVersion) {
+    try {
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        int64_t rc = db_.writeTaskList(account->customerID, document, expectedVersion);
+        // The task list is worth a sync of its own: it is small and rarely written.
+        if (rc == ResultCode::Success)
+            db_.checkpoint();
+        return rc;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::writeTaskList()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::flush() {
+    try {
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        int fd = ::open(account->filesRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        bool synced = fd >= 0 && ::syncfs(fd) == 0;
+        if (fd >= 0)
+            ::close(fd);
+        if (!synced) {
+            SystemLog::write("Error: LocalStore: the store cannot be synced: " +
+                             FileSystem::lastErrorText());
+            return ResultCode::Failure;
+        }
+        return db_.checkpoint() ? ResultCode::Success : ResultCode::Failure;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::flush()");
+        return ResultCode::Failure;
+    }
+}
+
+} // namespace cirrovault

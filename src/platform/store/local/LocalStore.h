@@ -1,0 +1,113 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/os/FileSystem.h"
+#include "platform/store/StoreBackend.h"
+#include "platform/store/local/LocalStoreDatabase.h"
+
+namespace cirrovault {
+
+// The embedded store: a folder on this computer. Each account's files are kept as plain
+// files and folders with their real names under "accounts/<customerID>/files", so the
+// backup can be read with a file manager; everything else (accounts, folder
+// descriptions, quotas, the task-list document, resume tags of unfinished uploads) is in
+// "store.db". Several objects, threads and processes may use one store at once.
+//
+// An unfinished upload of "x" is the file "x.part" beside it together with its row in
+// the database; only such files are hidden from listings, so a user's own file named
+// "x.part" is stored and listed like any other.
+class LocalStore : public StoreBackend {
+public:
+    // folder: where the store lives; it is created on the first logon.
+    explicit LocalStore(std::string folder);
+    ~LocalStore() override;
+
+    StoreCapabilities capabilities() const override;
+    std::string describe() const override;
+
+    int64_t logon(const std::string& userName, const std::string& password,
+                  StoreSession& session) override;
+    void logoff() override;
+
+    int64_t stat(const std::string& path, StoreItem& item) override;
+    int64_t list(const std::string& folder, std::vector<StoreItem>& items) override;
+    int64_t makeFolder(const std::string& path, const std::string& description,
+                       const std::string& caption) override;
+    int64_t setFolderInfo(const std::string& path, const std::string& description,
+                          const std::string& caption) override;
+
+    int64_t put(const std::string& path, ByteSource& source, Date modifyTime,
+                TransferObserver* observer) override;
+    int64_t get(const std::string& path, ByteSink& sink, TransferObserver* observer) override;
+
+    int64_t move(const std::string& from, const std::string& to) override;
+    int64_t copy(const std::string& from, const std::string& to) override;
+    int64_t remove(const std::string& path) override;
+
+    int64_t quota(StoreQuota& quota) override;
+
+    int64_t readTaskList(std::string& document, std::string& version) override;
+    int64_t writeTaskList(const std::string& document, const std::string& expectedVersion) override;
+
+    int64_t flush() override;
+
+    // Limits the logged-on account to maxBytes; DiskQuota goes back to the default,
+    // what the disk can hold.
+    int64_t setQuota(int64_t maxBytes);
+    static constexpr int64_t DiskQuota = -1;
+
+    const std::string& folder() const { return folder_; }
+    // The local folder with the logged-on account's files; "" when not logged on.
+    std::string accountFilesFolder() const;
+
+    static constexpr size_t ChunkSize = 1 << 20;      // bytes between cancel checks
+    static constexpr uint64_t SyncThreshold = 8 << 20; // larger uploads are synced before use
+
+private:
+    struct Account {
+        std::string customerID;
+        std::string filesRoot; // local folder of the account's "\"
+    };
+    // A server path mapped onto the account's folder.
+    struct Location {
+        std::string serverPath;           // canonical
+        std::string localPath;            // absolute
+        std::optional<FileStatus> status; // the item itself; none when absent
+    };
+    struct Totals {
+        uint64_t bytes = 0;
+        int32_t files = 0;
+    };
+    using PartSet = std::unordered_set<std::string>; // target paths of unfinished uploads
+
+    std::optional<Account> currentAccount() const;
+    // Success, BadPath (malformed, or a link on the way) or NotFound (a missing parent).
+    int64_t locate(const Account& account, const std::string& path, Location& location);
+    bool isUnfinishedUpload(const Account& account, const Location& location);
+    bool unfinishedUploads(const Account& account, const std::string& folder, PartSet& parts);
+    static bool isPartOf(const std::string& serverPath, const PartSet& parts);
+    Totals totalsOf(const std::string& localFolder, const std::string& serverFolder,
+                    const PartSet& parts) const;
+    // Success, SpaceLimit (the disk filled up) or Failure.
+    int64_t copyTree(const std::string& localFrom, const std::string& localTo,
+                     const std::string& serverFrom, const PartSet& parts);
+
+    // SpaceLimit when adding bytes would take the account over its quota.
+    int64_t checkSpace(const Account& account, int64_t adding);
+    int64_t usedSpace(const Account& account, bool refresh);
+    void adjustUsedSpace(int64_t change);
+
+    std::string folder_;
+    LocalStoreDatabase db_;
+    mutable std::mutex mutex_;
+    std::optional<Account> account_;    // guarded by mutex_
+    std::optional<int64_t> usedBytes_;  // guarded by mutex_; refreshed by quota()
+};
+
+} // namespace cirrovault

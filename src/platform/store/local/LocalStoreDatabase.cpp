@@ -1,0 +1,446 @@
+#include "platform/store/local/LocalStoreDatabase.h"
+
+#include <chrono>
+#include <thread>
+
+#include <sqlite3.h>
+
+#include "platform/framework/ResultCodes.h"
+#include "platform/os/SystemLog.h"
+
+namespace cirrovault {
+
+namespace {
+
+// Waits this long for another connection's write lock before giving up.
+constexpr int BusyTimeoutMs = 30'000;
+
+// One prepared statement; finalised when it goes out of scope.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) {
+        if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
+            stmt_ = nullptr;
+    }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    bool ok() const { return stmt_ != nullptr; }
+    Statement& bind(int index, const std::string& text) {
+        if (stmt_)
+            sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()),
+                              SQLITE_TRANSIENT);
+        return *this;
+    }
+    Statement& bind(int index, int64_t value) {
+        if (stmt_)
+            sqlite3_bind_int64(stmt_, index, value);
+        return *this;
+    }
+    Statement& bindNull(int index) {
+        if (stmt_)
+            sqlite3_bind_null(stmt_, index);
+        return *this;
+    }
+    // SQLITE_ROW, SQLITE_DONE or an error code.
+    int step() { return stmt_ ? sqlite3_step(stmt_) : SQLITE_ERROR; }
+    bool run() { return step() == SQLITE_DONE; }
+
+    std::string text(int column) const {
+        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
+        return p ? std::string(p, static_cast<size_t>(sqlite3_column_bytes(stmt_, column)))
+                 : std::string();
+    }
+    int64_t integer(int column) const { return sqlite3_column_int64(stmt_, column); }
+    bool isNull(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
+
+private:
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+// The prefix that every path strictly inside folder starts with.
+std::string insidePrefix(const std::string& folder) {
+    return folder == "\\" ? folder : folder + "\\";
+}
+
+// Matches ?2 itself and everything beneath it, with ?3 = insidePrefix(?2).
+constexpr const char* TreeMatch = "(path = ?2 OR substr(path, 1, length(?3)) = ?3)";
+
+} // namespace
+
+LocalStoreDatabase::~LocalStoreDatabase() {
+    if (db_)
+        sqlite3_close_v2(db_);
+}
+
+void LocalStoreDatabase::logError(const char* what) {
+    SystemLog::write(std::string("Error: store database: ") + what + ": " +
+                     (db_ ? sqlite3_errmsg(db_) : "not open"));
+}
+
+bool LocalStoreDatabase::execute(const char* sql) {
+    char* message = nullptr;
+    int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &message);
+    if (rc != SQLITE_OK) {
+        SystemLog::write(std::string("Error: store database: ") + sql + ": " +
+                         (message ? message : sqlite3_errstr(rc)));
+        sqlite3_free(message);
+        return false;
+    }
+    return true;
+}
+
+bool LocalStoreDatabase::commit() {
+    if (execute("COMMIT"))
+        return true;
+    execute("ROLLBACK");
+    return false;
+}
+
+bool LocalStoreDatabase::open(const std::string& file) {
+    std::lock_guard lock(mutex_);
+    if (db_)
+        return true;
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open_v2(file.c_str(), &db,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                             nullptr);
+    if (rc != SQLITE_OK) {
+        SystemLog::write("Error: store database cannot be opened: " + file);
+        sqlite3_close_v2(db);
+        return false;
+    }
+    db_ = db;
+    sqlite3_busy_timeout(db_, BusyTimeoutMs);
+    if (!createSchema()) {
+        SystemLog::write("Error: store database is not usable: " + file);
+        sqlite3_close_v2(db_);
+        db_ = nullptr;
+        return false;
+    }
+    return true;
+}
+
+bool LocalStoreDatabase::createSchema() {
+    // Switching to WAL needs a moment alone with the file; a second process opening the
+    // same store at the same time may briefly hold it.
+    bool wal = false;
+    for (int attempt = 0; attempt < 100 && !wal; ++attempt) {
+        Statement mode(db_, "PRAGMA journal_mode=WAL");
+        wal = mode.step() == SQLITE_ROW && mode.text(0) == "wal";
+        if (!wal)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (!wal) {
+        logError("journal mode");
+        return false;
+    }
+    // Commits are not synced one by one; flush() checkpoints, which syncs them.
+    return execute("PRAGMA synchronous=NORMAL") &&
+           execute("BEGIN IMMEDIATE;"
+                   "CREATE TABLE IF NOT EXISTS accounts(userName TEXT PRIMARY KEY,"
+                   " customerID TEXT NOT NULL UNIQUE, passwordHash TEXT NOT NULL,"
+                   " quota INTEGER);"
+                   "CREATE TABLE IF NOT EXISTS folders(customerID TEXT NOT NULL,"
+                   " path TEXT NOT NULL, description TEXT NOT NULL, caption TEXT NOT NULL,"
+                   " PRIMARY KEY(customerID, path));"
+                   "CREATE TABLE IF NOT EXISTS parts(customerID TEXT NOT NULL,"
+                   " path TEXT NOT NULL, resumeTag TEXT NOT NULL,"
+                   " PRIMARY KEY(customerID, path));"
+                   "CREATE TABLE IF NOT EXISTS taskLists(customerID TEXT PRIMARY KEY,"
+                   " document TEXT NOT NULL, version INTEGER NOT NULL);"
+                   "COMMIT;");
+}
+
+bool LocalStoreDatabase::isOpen() const {
+    std::lock_guard lock(mutex_);
+    return db_ != nullptr;
+}
+
+bool LocalStoreDatabase::findAccount(const std::string& userName,
+                                     std::optional<LocalAccountRecord>& account) {
+    std::lock_guard lock(mutex_);
+    account.reset();
+    Statement st(db_, "SELECT customerID, passwordHash, quota FROM accounts WHERE userName = ?1");
+    st.bind(1, userName);
+    int rc = st.step();
+    if (rc == SQLITE_ROW) {
+        LocalAccountRecord record;
+        record.customerID = st.text(0);
+        record.passwordHash = st.text(1);
+        if (!st.isNull(2))
+            record.quota = st.integer(2);
+        account = std::move(record);
+        return true;
+    }
+    if (rc == SQLITE_DONE)
+        return true;
+    logError("find account");
+    return false;
+}
+
+bool LocalStoreDatabase::addAccount(const std::string& userName, const std::string& customerID,
+                                    const std::string& passwordHash) {
+    std::lock_guard lock(mutex_);
+    Statement st(db_, "INSERT OR IGNORE INTO accounts(userName, customerID, passwordHash)"
+                      " VALUES(?1, ?2, ?3)");
+    if (st.bind(1, userName).bind(2, customerID).bind(3, passwordHash).run())
+        return true;
+    logError("add account");
+    return false;
+}
+
+bool LocalStoreDatabase::setQuota(const std::string& customerID, std::optional<int64_t> quota) {
+    std::lock_guard lock(mutex_);
+    Statement st(db_, "UPDATE accounts SET quota = ?2 WHERE customerID = ?1");
+    st.bind(1, customerID);
+    if (quota)
+        st.bind(2, *quota);
+    else
+        st.bindNull(2);
+    if (st.run())
+        return true;
+    logError("set quota");
+    return false;
+}
+
+bool LocalStoreDatabase::quota(const std::string& customerID, std::optional<int64_t>& quota) {
+    std::lock_guard lock(mutex_);
+    quota.reset();
+    Statement st(db_, "SELECT quota FROM accounts WHERE customerID = ?1");
+    st.bind(1, customerID);
+    int rc = st.step();
+    if (rc == SQLITE_ROW && !st.isNull(0))
+        quota = st.integer(0);
+    if (rc == SQLITE_ROW || rc == SQLITE_DONE)
+        return true;
+    logError("read quota");
+    return false;
+}
+
+bool LocalStoreDatabase::setFolderInfo(const std::string& customerID, const std::string& path,
+                                       const LocalFolderInfo& info) {
+    std::lock_guard lock(mutex_);
+    bool ok;
+    if (info.description.empty() && info.caption.empty()) {
+        Statement st(db_, "DELETE FROM folders WHERE customerID = ?1 AND path = ?2");
+        ok = st.bind(1, customerID).bind(2, path).run();
+    } else {
+        Statement st(db_, "INSERT OR REPLACE INTO folders(customerID, path, description, caption)"
+                          " VALUES(?1, ?2, ?3, ?4)");
+        ok = st.bind(1, customerID).bind(2, path).bind(3, info.description)
+                 .bind(4, info.caption).run();
+    }
+    if (!ok)
+        logError("set folder information");
+    return ok;
+}
+
+bool LocalStoreDatabase::folderInfo(const std::string& customerID, const std::string& path,
+                                    LocalFolderInfo& info) {
+    std::lock_guard lock(mutex_);
+    info = {};
+    Statement st(db_, "SELECT description, caption FROM folders WHERE customerID = ?1 AND path = ?2");
+    st.bind(1, customerID).bind(2, path);
+    int rc = st.step();
+    if (rc == SQLITE_ROW) {
+        info.description = st.text(0);
+        info.caption = st.text(1);
+    }
+    if (rc == SQLITE_ROW || rc == SQLITE_DONE)
+        return true;
+    logError("read folder information");
+    return false;
+}
+
+bool LocalStoreDatabase::folderInfosInside(const std::string& customerID,
+                                           const std::string& folder,
+                                           std::map<std::string, LocalFolderInfo>& infos) {
+    std::lock_guard lock(mutex_);
+    infos.clear();
+    Statement st(db_, "SELECT path, description, caption FROM folders WHERE customerID = ?1"
+                      " AND substr(path, 1, length(?2)) = ?2");
+    st.bind(1, customerID).bind(2, insidePrefix(folder));
+    int rc;
+    while ((rc = st.step()) == SQLITE_ROW)
+        infos[st.text(0)] = LocalFolderInfo{st.text(1), st.text(2)};
+    if (rc == SQLITE_DONE)
+        return true;
+    logError("list folder information");
+    return false;
+}
+
+bool LocalStoreDatabase::partTag(const std::string& customerID, const std::string& path,
+                                 std::optional<std::string>& tag) {
+    std::lock_guard lock(mutex_);
+    tag.reset();
+    Statement st(db_, "SELECT resumeTag FROM parts WHERE customerID = ?1 AND path = ?2");
+    st.bind(1, customerID).bind(2, path);
+    int rc = st.step();
+    if (rc == SQLITE_ROW)
+        tag = st.text(0);
+    if (rc == SQLITE_ROW || rc == SQLITE_DONE)
+        return true;
+    logError("read resume tag");
+    return false;
+}
+
+bool LocalStoreDatabase::setPartTag(const std::string& customerID, const std::string& path,
+                                    const std::string& tag) {
+    std::lock_guard lock(mutex_);
+    Statement st(db_, "INSERT OR REPLACE INTO parts(customerID, path, resumeTag) VALUES(?1, ?2, ?3)");
+    if (st.bind(1, customerID).bind(2, path).bind(3, tag).run())
+        return true;
+    logError("write resume tag");
+    return false;
+}
+
+bool LocalStoreDatabase::removePartTag(const std::string& customerID, const std::string& path) {
+    std::lock_guard lock(mutex_);
+    Statement st(db_, "DELETE FROM parts WHERE customerID = ?1 AND path = ?2");
+    if (st.bind(1, customerID).bind(2, path).run())
+        return true;
+    logError("remove resume tag");
+    return false;
+}
+
+bool LocalStoreDatabase::partPathsInside(const std::string& customerID, const std::string& folder,
+                                         std::unordered_set<std::string>& paths) {
+    std::lock_guard lock(mutex_);
+    paths.clear();
+    Statement st(db_, std::string("SELECT path FROM parts WHERE customerID = ?1 AND ")
+                          .append(TreeMatch)
+                          .c_str());
+    st.bind(1, customerID).bind(2, folder).bind(3, insidePrefix(folder));
+    int rc;
+    while ((rc = st.step()) == SQLITE_ROW)
+        paths.insert(st.text(0));
+    if (rc == SQLITE_DONE)
+        return true;
+    logError("list resume tags");
+    return false;
+}
+
+bool LocalStoreDatabase::moveTree(const std::string& customerID, const std::string& from,
+                                  const std::string& to) {
+    std::lock_guard lock(mutex_);
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    bool ok = true;
+    for (const char* table : {"folders", "parts"}) {
+        std::string sql = std::string("UPDATE OR REPLACE ") + table +
+                          " SET path = ?4 || substr(path, length(?2) + 1)"
+                          " WHERE customerID = ?1 AND " + TreeMatch;
+        Statement st(db_, sql.c_str());
+        ok = ok && st.bind(1, customerID).bind(2, from).bind(3, insidePrefix(from))
+                       .bind(4, to).run();
+    }
+    if (!ok) {
+        logError("move rows");
+        execute("ROLLBACK");
+        return false;
+    }
+    return commit();
+}
+
+bool LocalStoreDatabase::copyFolderInfos(const std::string& customerID, const std::string& from,
+                                         const std::string& to) {
+    std::lock_guard lock(mutex_);
+    Statement st(db_, std::string("INSERT OR REPLACE INTO folders(customerID, path, description,"
+                                  " caption) SELECT customerID, ?4 || substr(path, length(?2) + 1),"
+                                  " description, caption FROM folders WHERE customerID = ?1 AND ")
+                          .append(TreeMatch)
+                          .c_str());
+    if (st.bind(1, customerID).bind(2, from).bind(3, insidePrefix(from)).bind(4, to).run())
+        return true;
+    logError("copy folder information");
+    return false;
+}
+
+bool LocalStoreDatabase::removeTree(const std::string& customerID, const std::string& path) {
+    std::lock_guard lock(mutex_);
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    bool ok = true;
+    for (const char* table : {"folders", "parts"}) {
+        std::string sql = std::string("DELETE FROM ") + table + " WHERE customerID = ?1 AND " +
+                          TreeMatch;
+        Statement st(db_, sql.c_str());
+        ok = ok && st.bind(1, customerID).bind(2, path).bind(3, insidePrefix(path)).run();
+    }
+    if (!ok) {
+        logError("remove rows");
+        execute("ROLLBACK");
+        return false;
+    }
+    return commit();
+}
+
+bool LocalStoreDatabase::readTaskList(const std::string& customerID, std::string& document,
+                                      std::string& version) {
+    std::lock_guard lock(mutex_);
+    document.clear();
+    version.clear();
+    Statement st(db_, "SELECT document, version FROM taskLists WHERE customerID = ?1");
+    st.bind(1, customerID);
+    int rc = st.step();
+    if (rc == SQLITE_ROW) {
+        document = st.text(0);
+        version = std::to_string(st.integer(1));
+    }
+    if (rc == SQLITE_ROW || rc == SQLITE_DONE)
+        return true;
+    logError("read task list");
+    return false;
+}
+
+int64_t LocalStoreDatabase::writeTaskList(const std::string& customerID,
+                                          const std::string& document,
+                                          const std::string& expectedVersion) {
+    std::lock_guard lock(mutex_);
+    // The write lock is taken before the version is read, so the check and the write
+    // are one step for every process sharing the store.
+    if (!execute("BEGIN IMMEDIATE"))
+        return ResultCode::StorageError;
+    std::string stored;
+    int64_t next = 1;
+    {
+        Statement st(db_, "SELECT version FROM taskLists WHERE customerID = ?1");
+        st.bind(1, customerID);
+        int rc = st.step();
+        if (rc == SQLITE_ROW) {
+            stored = std::to_string(st.integer(0));
+            next = st.integer(0) + 1;
+        } else if (rc != SQLITE_DONE) {
+            logError("read task-list version");
+            execute("ROLLBACK");
+            return ResultCode::StorageError;
+        }
+    }
+    if (stored != expectedVersion) {
+        execute("ROLLBACK");
+        return ResultCode::Conflict;
+    }
+    Statement st(db_, "INSERT OR REPLACE INTO taskLists(customerID, document, version)"
+                      " VALUES(?1, ?2, ?3)");
+    if (!st.bind(1, customerID).bind(2, document).bind(3, next).run()) {
+        logError("write task list");
+        execute("ROLLBACK");
+        return ResultCode::StorageError;
+    }
+    return commit() ? ResultCode::Success : ResultCode::StorageError;
+}
+
+bool LocalStoreDatabase::checkpoint() {
+    std::lock_guard lock(mutex_);
+    int logFrames = 0;
+    int done = 0;
+    int rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &logFrames, &done);
+    if (rc == SQLITE_OK)
+        return true;
+    logError("checkpoint");
+    return false;
+}
+
+} // namespace cirrovault

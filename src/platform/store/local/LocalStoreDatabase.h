@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_set>
+
+struct sqlite3;
+
+namespace cirrovault {
+
+struct LocalAccountRecord {
+    std::string customerID;
+    std::string passwordHash;
+    std::optional<int64_t> quota; // none: what the disk can hold
+};
+
+struct LocalFolderInfo {
+    std::string description;
+    std::string caption;
+};
+
+// The local store's metadata in one SQLite file ("store.db"): accounts, folder
+// descriptions, quotas, the task-list document and the resume tags of unfinished
+// uploads. WAL mode and a generous busy timeout let several processes use one store.
+// Paths are canonical server paths ("\a\b"). Every method answers false (or Failure)
+// after logging the database's message; none throws.
+class LocalStoreDatabase {
+public:
+    LocalStoreDatabase() = default;
+    ~LocalStoreDatabase();
+    LocalStoreDatabase(const LocalStoreDatabase&) = delete;
+    LocalStoreDatabase& operator=(const LocalStoreDatabase&) = delete;
+
+    // Opens (creating when missing) the database file and its tables.
+    bool open(const std::string& file);
+    bool isOpen() const;
+
+    bool findAccount(const std::string& userName, std::optional<LocalAccountRecord>& account);
+    // Adds the account unless the name exists already (another process may have won).
+    bool addAccount(const std::string& userName, const std::string& customerID,
+                    const std::string& passwordHash);
+    bool setQuota(const std::string& customerID, std::optional<int64_t> quota);
+    bool quota(const std::string& customerID, std::optional<int64_t>& quota);
+
+    // Empty description and caption drop the row.
+    bool setFolderInfo(const std::string& customerID, const std::string& path,
+                       const LocalFolderInfo& info);
+    bool folderInfo(const std::string& customerID, const std::string& path, LocalFolderInfo& info);
+    // The folders with a description or caption inside folder (at any depth), by path.
+    bool folderInfosInside(const std::string& customerID, const std::string& folder,
+                           std::map<std::string, LocalFolderInfo>& infos);
+
+    bool partTag(const std::string& customerID, const std::string& path,
+                 std::optional<std::string>& tag);
+    bool setPartTag(const std::string& customerID, const std::string& path, const std::string& tag);
+    bool removePartTag(const std::string& customerID, const std::string& path);
+    // Target paths (not ".part" names) of the unfinished uploads at or inside folder.
+    bool partPathsInside(const std::string& customerID, const std::string& folder,
+                         std::unordered_set<std::string>& paths);
+
+    // The rows of a tree follow its move or copy, and go with its removal.
+    bool moveTree(const std::string& customerID, const std::string& from, const std::string& to);
+    bool copyFolderInfos(const std::string& customerID, const std::string& from,
+                         const std::string& to);
+    bool removeTree(const std::string& customerID, const std::string& path);
+
+    // version is "" when the account has no document yet.
+    bool readTaskList(const std::string& customerID, std::string& document, std::string& version);
+    // Success, Conflict (the stored version is not expectedVersion) or StorageError.
+    int64_t writeTaskList(const std::string& customerID, const std::string& document,
+                          const std::string& expectedVersion);
+
+    // Writes the journal into the database file; both are synced on the way.
+    bool checkpoint();
+
+private:
+    bool execute(const char* sql);
+    bool commit(); // rolls back when the commit fails
+    bool createSchema();
+    void logError(const char* what);
+
+    mutable std::mutex mutex_; // serialises use of the connection
+    sqlite3* db_ = nullptr; // guarded by mutex_
+};
+
+} // namespace cirrovault

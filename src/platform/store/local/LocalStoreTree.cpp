@@ -1,0 +1,329 @@
+// Mapping server paths onto the account's folder, and the operations on the tree.
+#include <cerrno>
+#include <exception>
+
+#include <sys/stat.h>
+
+#include "platform/framework/ResultCodes.h"
+#include "platform/os/SystemLog.h"
+#include "platform/store/StorePath.h"
+#include "platform/store/local/LocalStore.h"
+
+namespace cirrovault {
+
+namespace {
+
+constexpr std::string_view PartSuffix = ".part";
+
+bool endsWithPart(const std::string& path) {
+    return path.size() > PartSuffix.size() &&
+           path.compare(path.size() - PartSuffix.size(), PartSuffix.size(), PartSuffix) == 0;
+}
+
+std::string lastName(const std::string& serverPath) {
+    return serverPath == "\\" ? std::string() : serverPath.substr(serverPath.rfind('\\') + 1);
+}
+
+} // namespace
+
+int64_t LocalStore::locate(const Account& account, const std::string& path, Location& location) {
+    location = {};
+    auto names = StorePath::split(path);
+    if (!names) {
+        SystemLog::write("LocalStore: refused malformed path: " + path);
+        return ResultCode::BadPath;
+    }
+    location.serverPath = StorePath::join(*names);
+    std::string local = account.filesRoot;
+    if (names->empty())
+        location.status = FileSystem::linkStatus(local);
+    for (size_t i = 0; i < names->size(); ++i) {
+        local += '/';
+        local += (*names)[i];
+        bool last = i + 1 == names->size();
+        auto status = FileSystem::linkStatus(local);
+        if (!status) {
+            if (!last)
+                return ResultCode::NotFound;
+            break;
+        }
+        // Links are never followed: one planted in the tree could lead out of the account.
+        if (status->type == FileType::SymbolicLink || status->type == FileType::Other) {
+            SystemLog::write("LocalStore: refused path through a link or special file: " + path);
+            return ResultCode::BadPath;
+        }
+        if (!last && status->type != FileType::Directory)
+            return ResultCode::NotFound;
+        if (last)
+            location.status = status;
+    }
+    location.localPath = local;
+    return ResultCode::Success;
+}
+
+bool LocalStore::isPartOf(const std::string& serverPath, const PartSet& parts) {
+    return endsWithPart(serverPath) &&
+           parts.count(serverPath.substr(0, serverPath.size() - PartSuffix.size())) > 0;
+}
+
+bool LocalStore::isUnfinishedUpload(const Account& account, const Location& location) {
+    if (!location.status || location.status->type != FileType::Regular ||
+        !endsWithPart(location.serverPath))
+        return false;
+    std::optional<std::string> tag;
+    db_.partTag(account.customerID,
+                location.serverPath.substr(0, location.serverPath.size() - PartSuffix.size()), tag);
+    return tag.has_value();
+}
+
+bool LocalStore::unfinishedUploads(const Account& account, const std::string& folder,
+                                   PartSet& parts) {
+    return db_.partPathsInside(account.customerID, folder, parts);
+}
+
+LocalStore::Totals LocalStore::totalsOf(const std::string& localFolder,
+                                        const std::string& serverFolder,
+                                        const PartSet& parts) const {
+    Totals totals;
+    auto names = FileSystem::listDirectory(localFolder);
+    if (!names)
+        return totals;
+    for (const auto& name : *names) {
+        auto status = FileSystem::linkStatus(localFolder + "/" + name);
+        if (!status)
+            continue;
+        std::string serverPath = StorePath::child(serverFolder, name);
+        if (status->type == FileType::Directory) {
+            Totals inner = totalsOf(localFolder + "/" + name, serverPath, parts);
+            totals.bytes += inner.bytes;
+            totals.files += inner.files;
+        } else if (status->type == FileType::Regular && !isPartOf(serverPath, parts)) {
+            totals.bytes += status->size;
+            ++totals.files;
+        }
+    }
+    return totals;
+}
+
+int64_t LocalStore::stat(const std::string& path, StoreItem& item) {
+    try {
+        item = {};
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        Location location;
+        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+            return rc;
+        if (!location.status || isUnfinishedUpload(*account, location))
+            return ResultCode::NotFound;
+        item.name = lastName(location.serverPath);
+        item.modifyTime = location.status->modifyTime;
+        if (location.status->type == FileType::Directory) {
+            PartSet parts;
+            LocalFolderInfo info;
+            if (!unfinishedUploads(*account, location.serverPath, parts) ||
+                !db_.folderInfo(account->customerID, location.serverPath, info))
+                return ResultCode::Failure;
+            Totals totals = totalsOf(location.localPath, location.serverPath, parts);
+            item.isFolder = true;
+            item.size = totals.bytes;
+            item.fileCount = totals.files;
+            item.description = info.description;
+            item.caption = info.caption;
+        } else {
+            item.size = location.status->size;
+        }
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::stat()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::list(const std::string& folder, std::vector<StoreItem>& items) {
+    try {
+        items.clear();
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        Location location;
+        if (int64_t rc = locate(*account, folder, location); rc != ResultCode::Success)
+            return rc;
+        if (!location.status || location.status->type != FileType::Directory)
+            return ResultCode::NotFound;
+        PartSet parts;
+        std::map<std::string, LocalFolderInfo> infos;
+        if (!unfinishedUploads(*account, location.serverPath, parts) ||
+            !db_.folderInfosInside(account->customerID, location.serverPath, infos))
+            return ResultCode::Failure;
+        auto names = FileSystem::listDirectory(location.localPath);
+        if (!names) {
+            SystemLog::write("Error: LocalStore: the folder cannot be read: " + location.localPath);
+            return ResultCode::Failure;
+        }
+        for (const auto& name : *names) {
+            std::string local = location.localPath + "/" + name;
+            std::string serverPath = StorePath::child(location.serverPath, name);
+            auto status = FileSystem::linkStatus(local);
+            if (!status || !StorePath::isValidName(name))
+                continue;
+            StoreItem item;
+            item.name = name;
+            item.modifyTime = status->modifyTime;
+            if (status->type == FileType::Directory) {
+                Totals totals = totalsOf(local, serverPath, parts);
+                item.isFolder = true;
+                item.size = totals.bytes;
+                item.fileCount = totals.files;
+                if (auto info = infos.find(serverPath); info != infos.end()) {
+                    item.description = info->second.description;
+                    item.caption = info->second.caption;
+                }
+            } else if (status->type == FileType::Regular && !isPartOf(serverPath, parts)) {
+                item.size = status->size;
+            } else {
+                continue; // links, special files and unfinished uploads are not the user's files
+            }
+            items.push_back(std::move(item));
+        }
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        items.clear();
+        SystemLog::write("Error: LocalStore::list()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::makeFolder(const std::string& path, const std::string& description,
+                               const std::string& caption) {
+    try {
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        Location location;
+        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+            return rc;
+        if (location.status)
+            return ResultCode::AlreadyExists;
+        if (::mkdir(location.localPath.c_str(), 0755) != 0) {
+            int error = errno;
+            if (error == EEXIST)
+                return ResultCode::AlreadyExists;
+            SystemLog::write("Error: LocalStore: the folder cannot be made: " + location.localPath +
+                             ": " + FileSystem::lastErrorText());
+            return error == ENOENT ? ResultCode::NotFound : ResultCode::Failure;
+        }
+        // Rows left by a folder of that name deleted behind our back must not come back.
+        bool ok = db_.removeTree(account->customerID, location.serverPath) &&
+                  db_.setFolderInfo(account->customerID, location.serverPath,
+                                    LocalFolderInfo{description, caption});
+        return ok ? ResultCode::Success : ResultCode::Failure;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::makeFolder()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::setFolderInfo(const std::string& path, const std::string& description,
+                                  const std::string& caption) {
+    try {
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        Location location;
+        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+            return rc;
+        if (!location.status || location.status->type != FileType::Directory)
+            return ResultCode::NotFound;
+        return db_.setFolderInfo(account->customerID, location.serverPath,
+                                 LocalFolderInfo{description, caption})
+                   ? ResultCode::Success
+                   : ResultCode::Failure;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::setFolderInfo()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::move(const std::string& from, const std::string& to) {
+    try {
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        Location source;
+        Location target;
+        if (int64_t rc = locate(*account, from, source); rc != ResultCode::Success)
+            return rc;
+        if (int64_t rc = locate(*account, to, target); rc != ResultCode::Success)
+            return rc;
+        if (source.serverPath == "\\" || target.serverPath == "\\") {
+            SystemLog::write("LocalStore: the account's root cannot move");
+            return ResultCode::BadPath;
+        }
+        if (!source.status || isUnfinishedUpload(*account, source))
+            return ResultCode::NotFound;
+        if (target.status)
+            return ResultCode::AlreadyExists;
+        if (StorePath::isSameOrInside(target.serverPath, source.serverPath)) {
+            SystemLog::write("LocalStore: a folder cannot move into itself: " + to);
+            return ResultCode::BadPath;
+        }
+        if (!FileSystem::moveItem(source.localPath, target.localPath)) {
+            SystemLog::write("Error: LocalStore: cannot move " + source.localPath + ": " +
+                             FileSystem::lastErrorText());
+            return ResultCode::Failure;
+        }
+        if (source.status->type == FileType::Directory &&
+            !db_.moveTree(account->customerID, source.serverPath, target.serverPath))
+            return ResultCode::Failure;
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::move()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t LocalStore::remove(const std::string& path) {
+    try {
+        auto account = currentAccount();
+        if (!account)
+            return ResultCode::NotLoggedOn;
+        Location location;
+        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+            return rc;
+        if (location.serverPath == "\\") {
+            SystemLog::write("LocalStore: the account's root cannot be removed");
+            return ResultCode::BadPath;
+        }
+        if (!location.status || isUnfinishedUpload(*account, location))
+            return ResultCode::NotFound;
+        if (location.status->type == FileType::Directory) {
+            PartSet parts;
+            unfinishedUploads(*account, location.serverPath, parts);
+            Totals totals = totalsOf(location.localPath, location.serverPath, parts);
+            bool removed = FileSystem::removeAll(location.localPath);
+            // Rows go even after a partial removal: what is left has no description.
+            bool rows = db_.removeTree(account->customerID, location.serverPath);
+            if (!removed) {
+                SystemLog::write("Error: LocalStore: cannot remove " + location.localPath);
+                std::lock_guard lock(mutex_);
+                usedBytes_.reset();
+                return ResultCode::Failure;
+            }
+            adjustUsedSpace(-static_cast<int64_t>(totals.bytes));
+            return rows ? ResultCode::Success : ResultCode::Failure;
+        }
+        if (!FileSystem::removeItem(location.localPath)) {
+            SystemLog::write("Error: LocalStore: cannot remove " + location.localPath + ": " +
+                             FileSystem::lastErrorText());
+            return ResultCode::Failure;
+        }
+        adjustUsedSpace(-static_cast<int64_t>(location.status->size));
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::remove()");
+        return ResultCode::Failure;
+    }
+}
+
+} // namespace cirrovault

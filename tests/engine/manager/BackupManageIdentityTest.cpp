@@ -1,0 +1,132 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "common/TempHome.h"
+#include "engine/manager/CBackupManage.h"
+#include "platform/framework/PropertyList.h"
+#include "platform/framework/UserSettingMan.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
+
+using namespace cirrovault;
+
+namespace {
+
+class BackupManageIdentity : public ::testing::Test {
+protected:
+    void SetUp() override { SystemLog::startCapture(); }
+    void TearDown() override { SystemLog::stopCapture(); }
+
+    std::string productFolder() const {
+        return home_.dataHome() + "/Cirrovault/Cirrovault Online Backup";
+    }
+    std::string identityFile() const { return productFolder() + "/PCInfo.dat"; }
+
+    test::TempHome home_;
+};
+
+} // namespace
+
+TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
+    CBackupManage first;
+    first.initMyID();
+    EXPECT_TRUE(SystemLog::capturedContains("No error saving pcINFO data."));
+    auto bytes = FileSystem::readFile(identityFile());
+    ASSERT_TRUE(bytes);
+
+    auto plist = PropertyList::parse(*bytes);
+    ASSERT_TRUE(plist && plist->dict());
+    EXPECT_EQ(plist->dict()->size(), 2u);
+    const PropertyList* id = plist->find("PC ID");
+    ASSERT_TRUE(id && id->isString()); // a decimal text, not a number node
+    EXPECT_EQ(*id->string(), std::to_string(first.pcID));
+    ASSERT_TRUE(plist->find("PC Name") && plist->find("PC Name")->isString());
+    EXPECT_EQ(*plist->find("PC Name")->string(), first.pcName);
+
+    // Later starts read the same identity and never rewrite the file.
+    for (int i = 0; i < 2; ++i) {
+        CBackupManage later;
+        later.initMyID();
+        EXPECT_EQ(later.pcID, first.pcID);
+        EXPECT_EQ(later.pcName, first.pcName);
+    }
+    EXPECT_EQ(FileSystem::readFile(identityFile()), bytes);
+    EXPECT_EQ(SystemLog::capturedCount("No error creating initMyID."), 2u);
+
+    // Another property-list reader takes the file as it is.
+    if (FileSystem::exists("/usr/bin/plistutil")) {
+        std::string binary = home_.file("pcinfo.bin");
+        std::string command = "/usr/bin/plistutil -i '" + identityFile() + "' -o '" + binary +
+                              "' -f bin >/dev/null 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0);
+        auto converted = FileSystem::readFile(binary);
+        ASSERT_TRUE(converted);
+        EXPECT_EQ(PropertyList::parse(*converted), plist);
+    }
+}
+
+TEST_F(BackupManageIdentity, DamagedFileKeepsTheIdentityAndIsLeftAlone) {
+    std::string valid = PropertyList(PlistDict{{"PC ID", PropertyList("77")},
+                                               {"PC Name", PropertyList("desk")}})
+                            .toXml();
+    const std::string damaged[] = {"", valid.substr(0, valid.size() / 2), "PC ID = 77\n",
+                                   PropertyList(PlistArray{PropertyList("77")}).toXml()};
+    ASSERT_TRUE(FileSystem::createDirectories(productFolder()));
+    for (const auto& content : damaged) {
+        SCOPED_TRACE(content);
+        ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), content));
+        SystemLog::startCapture();
+        CBackupManage manager;
+        manager.initMyID();
+        EXPECT_EQ(manager.pcID, 0u);
+        EXPECT_EQ(manager.pcName, "");
+        EXPECT_TRUE(SystemLog::capturedContains("Error: PCInfo.dat holds no identity"));
+        EXPECT_EQ(FileSystem::readFile(identityFile()), content);
+    }
+
+    // An empty dictionary is no identity either, but nothing is wrong with the file.
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), PropertyList(PlistDict{}).toXml()));
+    SystemLog::startCapture();
+    CBackupManage empty;
+    empty.initMyID();
+    EXPECT_EQ(empty.pcID, 0u);
+    EXPECT_FALSE(SystemLog::capturedContains("Error"));
+
+    // Numbers are read like a C int: leading digits, else 0.
+    ASSERT_TRUE(FileSystem::writeFileAtomically(
+        identityFile(), PropertyList(PlistDict{{"PC ID", PropertyList(" 42abc")},
+                                               {"PC Name", PropertyList("desk")}})
+                            .toXml()));
+    CBackupManage leading;
+    leading.initMyID();
+    EXPECT_EQ(leading.pcID, 42u);
+    EXPECT_EQ(leading.pcName, "desk");
+    ASSERT_TRUE(FileSystem::writeFileAtomically(
+        identityFile(), PropertyList(PlistDict{{"PC ID", PropertyList("desk")}}).toXml()));
+    CBackupManage word;
+    word.pcName = "before";
+    word.initMyID();
+    EXPECT_EQ(word.pcID, 0u);
+    EXPECT_EQ(word.pcName, ""); // read from a file without the key
+}
+
+TEST_F(BackupManageIdentity, MainDataFileIsOnlyLookedFor) {
+    CBackupManage manager;
+    std::string folder = home_.dataHome() + "/Cirrovault/Global Data";
+    EXPECT_FALSE(manager.IsServiceMainDataFilePathExisting());
+    ASSERT_TRUE(FileSystem::createDirectories(folder + "/mainData.dat"));
+    EXPECT_FALSE(manager.IsServiceMainDataFilePathExisting()); // a folder is not the file
+    ASSERT_TRUE(FileSystem::removeItem(folder + "/mainData.dat"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(folder + "/mainData.dat", "opaque"));
+    EXPECT_TRUE(manager.IsServiceMainDataFilePathExisting());
+    EXPECT_EQ(FileSystem::readFile(folder + "/mainData.dat"), "opaque");
+}
+
+TEST_F(BackupManageIdentity, FirstLogonUntilAUserIsStored) {
+    CBackupManage manager;
+    EXPECT_TRUE(manager.ISFirtLogOn());
+    ASSERT_TRUE(UserSettingMan::SetUserInfo("alice", "c-1"));
+    EXPECT_FALSE(manager.ISFirtLogOn());
+}

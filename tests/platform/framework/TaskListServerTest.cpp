@@ -1,0 +1,367 @@
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TaskListDocument.h"
+#include "platform/framework/TaskListServer.h"
+#include "platform/framework/UrlCoding.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/store/StoreBackend.h"
+
+using namespace cirrovault;
+
+namespace {
+
+// Keeps only a task-list document, with versions and compare-and-swap like a real store.
+class MemoryTaskListStore : public StoreBackend {
+public:
+    std::function<void()> beforeWrite; // runs once per write, outside the lock
+    bool failReads = false;
+    bool alwaysConflict = false;
+
+    std::string document() {
+        std::lock_guard lock(mutex_);
+        return document_;
+    }
+    void setDocument(const std::string& text) {
+        std::lock_guard lock(mutex_);
+        document_ = text;
+        version_ = "v" + std::to_string(++writes_);
+    }
+    int writes() {
+        std::lock_guard lock(mutex_);
+        return writes_;
+    }
+
+    int64_t readTaskList(std::string& document, std::string& version) override {
+        std::lock_guard lock(mutex_);
+        if (failReads)
+            return ResultCode::Failure;
+        document = document_;
+        version = version_;
+        return ResultCode::Success;
+    }
+    int64_t writeTaskList(const std::string& document, const std::string& expectedVersion) override {
+        if (auto hook = std::exchange(beforeWrite, nullptr))
+            hook();
+        std::lock_guard lock(mutex_);
+        if (alwaysConflict || expectedVersion != version_)
+            return ResultCode::Conflict;
+        document_ = document;
+        version_ = "v" + std::to_string(++writes_);
+        return ResultCode::Success;
+    }
+
+    StoreCapabilities capabilities() const override { return {}; }
+    std::string describe() const override { return "memory"; }
+    int64_t logon(const std::string&, const std::string&, StoreSession&) override { return 0; }
+    void logoff() override {}
+    int64_t stat(const std::string&, StoreItem&) override { return ResultCode::NotFound; }
+    int64_t list(const std::string&, std::vector<StoreItem>&) override { return ResultCode::NotFound; }
+    int64_t makeFolder(const std::string&, const std::string&, const std::string&) override { return 3; }
+    int64_t setFolderInfo(const std::string&, const std::string&, const std::string&) override { return 3; }
+    int64_t put(const std::string&, ByteSource&, Date, TransferObserver*) override { return 3; }
+    int64_t get(const std::string&, ByteSink&, TransferObserver*) override { return 3; }
+    int64_t move(const std::string&, const std::string&) override { return 3; }
+    int64_t copy(const std::string&, const std::string&) override { return 3; }
+    int64_t remove(const std::string&) override { return 3; }
+    int64_t quota(StoreQuota&) override { return 3; }
+    int64_t flush() override { return 0; }
+
+private:
+    std::mutex mutex_;
+    std::string document_; // guarded by mutex_
+    std::string version_;  // guarded by mutex_
+    int writes_ = 0;       // guarded by mutex_
+};
+
+std::string enc(const std::string& text) { return UrlCoding::encode(text); }
+
+// A request as the client writes it; entries are {path, add?}.
+std::string request(const std::string& name, const std::string& action,
+                    const std::vector<std::pair<std::string, bool>>& entries = {},
+                    const std::string& oldName = "", int taskID = 7) {
+    std::string text = "TaskID=" + std::to_string(taskID) +
+                       "&ComputerID=18446744073709551615&TaskName=" + enc(name) +
+                       "&Descr=" + enc("My docs & more") + "&PcName=box&Type=-2147483631" +
+                       "&BackupDate=" + enc("2024-03-05 07:08:09") + "&ServerPath=" +
+                       enc("\\Backup\\" + name) + "&FilterExts=" + enc("a b") + "|tmp|" +
+                       "&FilterPaths=&MaxVersion=10&NextDate=" + enc("2024-03-06 00:00:00") +
+                       "&BeginDate=" + enc("2024-02-05 07:08:09") + "&EndDate=" +
+                       enc("2099-01-01 00:00:00") + "&ResumeDate=" + enc("1971-01-01 00:00:00") +
+                       "&RemoteSize=123&IsResume=1&Upgraded=&OldTaskName=" +
+                       enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
+    for (size_t i = 0; i < entries.size(); ++i) {
+        std::string n = std::to_string(i);
+        text += "IsFolder" + n + "=1&Path" + n + "=" + enc(entries[i].first) + "&Serial" + n +
+                "=&Action" + n + "=" + (entries[i].second ? "1" : "0") + "&";
+    }
+    return text + "localPathNum=" + std::to_string(entries.size());
+}
+
+std::vector<std::string> valuesOf(const std::string& key, const std::string& reply) {
+    std::vector<std::string> values;
+    size_t start = 0;
+    while (start <= reply.size() && !reply.empty()) {
+        size_t end = reply.find('&', start);
+        std::string pair = reply.substr(start, end - start);
+        if (pair.rfind(key + "=", 0) == 0)
+            values.push_back(UrlCoding::decode(pair.substr(key.size() + 1)));
+        if (end == std::string::npos)
+            break;
+        start = end + 1;
+    }
+    return values;
+}
+
+std::vector<std::string> pathsOf(TaskListServer& server, const std::string& name) {
+    std::string reply;
+    EXPECT_EQ(server.getTaskList(name, "true", reply), 0);
+    return valuesOf("RETURN_Path", reply);
+}
+
+struct Fixture {
+    std::shared_ptr<MemoryTaskListStore> store = std::make_shared<MemoryTaskListStore>();
+    TaskListServer server{store, true};
+};
+
+} // namespace
+
+TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
+    Fixture f;
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/home/u/Docs", true}})), 0);
+    ASSERT_EQ(f.server.UploadTaskList(request("Mail|x", "Add")), ResultCode::BadRequest);
+    ASSERT_EQ(f.server.UploadTaskList(request("Photos", "Add", {}, "", 9)), 0);
+
+    std::string reply;
+    ASSERT_EQ(f.server.getTaskList("", "false", reply), 0);
+    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (std::vector<std::string>{"Docs", "Photos"}));
+    EXPECT_EQ(valuesOf("RETURN_TaskID", reply), (std::vector<std::string>{"7", "9"}));
+    EXPECT_EQ(valuesOf("RETURN_Descr", reply)[0], "My docs & more");
+    EXPECT_EQ(valuesOf("RETURN_PcName", reply)[0], "box");
+    EXPECT_EQ(valuesOf("RETURN_Type", reply)[0], "-2147483631");
+    EXPECT_EQ(valuesOf("RETURN_BackupDate", reply)[0], "03/05/2024 07:08:09");
+    EXPECT_EQ(valuesOf("RETURN_NextDate", reply)[0], "03/06/2024 00:00:00");
+    EXPECT_EQ(valuesOf("RETURN_BeginDate", reply)[0], "02/05/2024 07:08:09");
+    EXPECT_EQ(valuesOf("RETURN_EndDate", reply)[0], "01/01/2099 00:00:00");
+    EXPECT_EQ(valuesOf("RETURN_ResumeDate", reply)[0], "01/01/1971 00:00:00");
+    EXPECT_EQ(valuesOf("RETURN_ServerPath", reply)[0], "\\Backup\\Docs");
+    EXPECT_EQ(valuesOf("RETURN_FilterExts", reply)[0], "a b|tmp");
+    EXPECT_EQ(valuesOf("RETURN_FilterPaths", reply)[0], "");
+    EXPECT_EQ(valuesOf("ETURN_MaxVersion", reply)[0], "10");
+    EXPECT_TRUE(valuesOf("RETURN_MaxVersion", reply).empty());
+    EXPECT_EQ(valuesOf("RETURN_IsResume", reply)[0], "1");
+    EXPECT_EQ(valuesOf("RETURN_PcID", reply)[0], "18446744073709551615");
+    EXPECT_TRUE(valuesOf("RETURN_Path", reply).empty()); // not asked for
+
+    ASSERT_EQ(f.server.getTaskList("Docs", "true", reply), 0);
+    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (std::vector<std::string>{"Docs"}));
+    EXPECT_EQ(valuesOf("RETURN_Path", reply), (std::vector<std::string>{"/home/u/Docs"}));
+    EXPECT_EQ(valuesOf("RETURN_IsFolder", reply), (std::vector<std::string>{"1"}));
+    ASSERT_EQ(f.server.getTaskList("Nothing", "true", reply), 0);
+    EXPECT_EQ(reply, "");
+    EXPECT_EQ(f.server.getTaskList("", "yes", reply), ResultCode::BadRequest);
+
+    std::string names;
+    ASSERT_EQ(f.server.getTaskNames("true", names), 0);
+    EXPECT_EQ(names, "Docs|Photos");
+}
+
+TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
+    Fixture f;
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}})), 0);
+    const std::string before = f.store->document();
+    const int writes = f.store->writes();
+
+    std::string good = request("Docs", "Edit", {{"/b", true}, {"/c", true}});
+    auto replaced = [&](const std::string& from, const std::string& to) {
+        std::string text = good;
+        size_t at = text.find(from);
+        EXPECT_NE(at, std::string::npos) << from;
+        return text.replace(at, from.size(), to);
+    };
+    const std::vector<std::string> damaged = {
+        "",
+        "garbage",
+        replaced("TaskID=7&", ""),                            // missing key
+        replaced("TaskID=7", "TaskID=seven"),                 // bad number
+        replaced("TaskID=7", "TaskID=99999999999"),           // out of 32 bits
+        replaced("MaxVersion=10", "MaxVersion=-1"),           // unsigned
+        replaced("Type=-2147483631", "Type=1x"),
+        replaced("BackupDate=2024-03-05", "BackupDate=2024-13-05"),
+        replaced("%2007%3A08", "%20x7%3A08"),                 // bad date digits
+        replaced("Descr=My%20docs", "Descr=My%2Zdocs"),       // bad percent-encoding
+        replaced("Descr=My%20docs%20%26%20more", "Descr=My%2"),
+        replaced("IsResume=1", "IsResume=2"),
+        replaced("Action=Edit", "Action=Delete"),
+        replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"),          // list separators must stay plain
+        replaced("|tmp|", "|tmp"),                            // list without closing "|"
+        replaced("|tmp|", "||"),                              // empty list entry
+        replaced("IsFolder1=", "IsFolder2="),                 // indices out of order
+        replaced("Path1=", "Serial1="),                       // keys out of order
+        replaced("Action1=1", "Action1=3"),
+        replaced("IsFolder0=1", "IsFolder0=yes"),
+        replaced("Path0=%2Fb", "Path0="),                     // empty path
+        replaced("localPathNum=2", "localPathNum=3"),         // count does not match
+        replaced("localPathNum=2", "localPathNum=1"),
+        replaced("&localPathNum=2", ""),                      // count missing
+        good + "&",                                           // trailing "&"
+        good + "&Extra=1",
+        replaced("Upgraded=&", "Upgraded&"),                  // pair without "="
+    };
+    SystemLog::startCapture();
+    for (const auto& text : damaged)
+        EXPECT_EQ(f.server.UploadTaskList(text), ResultCode::BadRequest) << text;
+    EXPECT_TRUE(SystemLog::capturedContains("Error: task list request refused"));
+    SystemLog::stopCapture();
+    EXPECT_EQ(f.store->document(), before);
+    EXPECT_EQ(f.store->writes(), writes);
+    EXPECT_EQ(pathsOf(f.server, "Docs"), (std::vector<std::string>{"/a"}));
+
+    EXPECT_EQ(f.server.UploadTaskList(good), 0); // the undamaged text is taken
+    EXPECT_EQ(pathsOf(f.server, "Docs"), (std::vector<std::string>{"/a", "/b", "/c"}));
+}
+
+TEST(TaskListServer, ResultCodesOfAddAndEdit) {
+    Fixture f;
+    TaskListServer loggedOff(f.store, false);
+    std::string reply = "stale";
+    EXPECT_EQ(loggedOff.UploadTaskList(request("Docs", "Add")), ResultCode::NotLoggedOn);
+    EXPECT_EQ(loggedOff.getTaskList("", "false", reply), ResultCode::NotLoggedOn);
+    EXPECT_EQ(reply, "");
+    EXPECT_EQ(loggedOff.getTaskNames("true", reply), ResultCode::NotLoggedOn);
+    EXPECT_EQ(loggedOff.deleteTasks("Docs"), ResultCode::NotLoggedOn);
+
+    EXPECT_EQ(f.server.UploadTaskList(request("", "Add")), ResultCode::EmptyName);
+    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Edit")), ResultCode::OldTaskNotFound);
+    EXPECT_EQ(f.store->writes(), 0);
+
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 0);
+    ASSERT_EQ(f.server.UploadTaskList(request("Music", "Add", {}, "", 8)), 0);
+    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 6);
+    EXPECT_EQ(f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")), 6); // rename onto a taken name
+    EXPECT_EQ(f.server.UploadTaskList(request("", "Edit", {}, "Docs")), ResultCode::EmptyName);
+
+    std::string names;
+    ASSERT_EQ(f.server.getTaskNames("true", names), 0);
+    EXPECT_EQ(names, "Docs|Music");
+}
+
+TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten) {
+    Fixture f;
+    f.store->setDocument("<plist>not a task list");
+    SystemLog::startCapture();
+    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
+    EXPECT_TRUE(SystemLog::capturedContains("damaged task list document"));
+    SystemLog::stopCapture();
+    std::string reply;
+    EXPECT_EQ(f.server.getTaskList("", "false", reply), ResultCode::StorageError);
+    EXPECT_EQ(f.server.deleteTasks("Docs"), ResultCode::StorageError);
+    EXPECT_EQ(f.store->document(), "<plist>not a task list");
+
+    // A property list of another shape is just as foreign.
+    f.store->setDocument(R"(<?xml version="1.0"?><plist version="1.0"><dict><key>FormatVersion</key>)"
+                         R"(<integer>1</integer><key>Tasks</key><array><string>x</string></array>)"
+                         R"(</dict></plist>)");
+    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
+
+    f.store->setDocument("");
+    f.store->failReads = true;
+    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
+    EXPECT_EQ(f.server.getTaskNames("true", reply), ResultCode::StorageError);
+}
+
+TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
+    Fixture f;
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}, {"/b", true}})), 0);
+    // A rename with paths: removing /a, adding /b again (no duplicate) and /c.
+    ASSERT_EQ(f.server.UploadTaskList(
+                  request("Papers", "Edit", {{"/a", false}, {"/b", true}, {"/c", true}}, "Docs")),
+              0);
+    // The next batch of the same edit still names the old task; it finds the renamed one.
+    ASSERT_EQ(f.server.UploadTaskList(request("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs")),
+              0);
+    std::string names;
+    ASSERT_EQ(f.server.getTaskNames("true", names), 0);
+    EXPECT_EQ(names, "Papers");
+    EXPECT_EQ(pathsOf(f.server, "Papers"), (std::vector<std::string>{"/b", "/c", "/d"}));
+    std::string reply;
+    ASSERT_EQ(f.server.getTaskList("Papers", "false", reply), 0);
+    EXPECT_EQ(valuesOf("RETURN_ServerPath", reply)[0], "\\Backup\\Papers");
+
+    // Another task that merely has the new name is not taken for the old one.
+    EXPECT_EQ(f.server.UploadTaskList(request("Papers", "Edit", {}, "Docs", 99)),
+              ResultCode::OldTaskNotFound);
+
+    auto document = TaskListDocument::parse(f.store->document());
+    ASSERT_TRUE(document);
+    ASSERT_EQ(document->tasks.size(), 1u);
+    EXPECT_EQ(document->tasks[0].computerID, UINT64_MAX);
+    EXPECT_EQ(TaskListDocument::parse(document->serialize()), document);
+}
+
+TEST(TaskListServer, DeleteTakesOneOrSeveralNames) {
+    Fixture f;
+    for (auto name : {"A", "B", "C", "D"})
+        ASSERT_EQ(f.server.UploadTaskList(request(name, "Add")), 0);
+    EXPECT_EQ(f.server.deleteTasks(""), ResultCode::EmptyName);
+    EXPECT_EQ(f.server.deleteTasks("||"), ResultCode::EmptyName);
+    EXPECT_EQ(f.server.deleteTasks("B"), 0);
+    EXPECT_EQ(f.server.deleteTasks("A|Gone|D|"), 0);
+    EXPECT_EQ(f.server.deleteTasks("Gone"), 0);
+    std::string names;
+    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
+    EXPECT_EQ(names, "C");
+    EXPECT_EQ(f.server.deleteTasks("C"), 0);
+    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
+    EXPECT_EQ(names, "");
+}
+
+TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles) {
+    // Back-off pauses pass on a manual clock.
+    struct ClockGuard {
+        ClockGuard() { Clock::setShared(std::make_shared<ManualClock>()); }
+        ~ClockGuard() { Clock::setShared(nullptr); }
+    } clock;
+    Fixture f;
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}})), 0);
+    // Another client adds a path between this request's read and its write.
+    f.store->beforeWrite = [&] {
+        TaskListServer other(f.store, true);
+        ASSERT_EQ(other.UploadTaskList(request("Docs", "Edit", {{"/other", true}})), 0);
+    };
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/mine", true}})), 0);
+    EXPECT_EQ(pathsOf(f.server, "Docs"), (std::vector<std::string>{"/a", "/other", "/mine"}));
+
+    f.store->alwaysConflict = true;
+    SystemLog::startCapture();
+    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/never", true}})),
+              ResultCode::StorageError);
+    EXPECT_TRUE(SystemLog::capturedContains("gave up after"));
+    SystemLog::stopCapture();
+}
+
+TEST(TaskListServerConcurrency, ThreadsEditingOneTaskLoseNoPath) {
+    Fixture f;
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 0);
+    constexpr int kThreads = 4, kPaths = 25;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            TaskListServer server(f.store, true);
+            for (int i = 0; i < kPaths; ++i) {
+                std::string path = "/t" + std::to_string(t) + "/" + std::to_string(i);
+                EXPECT_EQ(server.UploadTaskList(request("Docs", "Edit", {{path, true}})), 0);
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(pathsOf(f.server, "Docs").size(), static_cast<size_t>(kThreads * kPaths));
+}

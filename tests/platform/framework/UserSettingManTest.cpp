@@ -1,0 +1,51 @@
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include "common/TempHome.h"
+#include "platform/framework/UserSettingMan.h"
+#include "platform/os/Clock.h"
+#include "platform/os/FileSystem.h"
+
+using namespace cirrovault;
+
+TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
+    test::TempHome home;
+    auto clock = std::make_shared<ManualClock>(Date(1714568709.0));
+    Clock::setShared(clock);
+    struct ClockReset {
+        ~ClockReset() { Clock::setShared(nullptr); }
+    } reset;
+
+    EXPECT_FALSE(UserSettingMan::GetUserInfo());
+    EXPECT_FALSE(UserSettingMan::SetUserInfo("", "c1"));
+    EXPECT_FALSE(UserSettingMan::GetUserInfo());
+
+    // A damaged file counts as no logon, and the next logon replaces it.
+    std::string file = home.configHome() + "/cirrovault/UserSetting.plist";
+    EXPECT_EQ(UserSettingMan::UserSettingFilePath(), file);
+    ASSERT_TRUE(FileSystem::createDirectories(home.configHome() + "/cirrovault"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(file, "<?xml version=\"1.0\"?><plist><dict>"));
+    EXPECT_FALSE(UserSettingMan::GetUserInfo());
+
+    ASSERT_TRUE(UserSettingMan::SetUserInfo("alice@example.com", "cust-42"));
+    auto info = UserSettingMan::GetUserInfo();
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->userName, "alice@example.com");
+    EXPECT_EQ(info->customerID, "cust-42");
+    EXPECT_EQ(info->lastLogonDate, clock->now());
+    if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
+        EXPECT_EQ(std::system(("plistutil -i '" + file + "' -o /dev/null").c_str()), 0);
+    }
+
+    clock->advance(3600);
+    ASSERT_TRUE(UserSettingMan::SetUserInfo("bob", ""));
+    info = UserSettingMan::GetUserInfo();
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->userName, "bob");
+    EXPECT_EQ(info->lastLogonDate, clock->now());
+
+    EXPECT_TRUE(UserSettingMan::ClearUserInfo());
+    EXPECT_FALSE(UserSettingMan::GetUserInfo());
+    EXPECT_TRUE(UserSettingMan::ClearUserInfo());
+}

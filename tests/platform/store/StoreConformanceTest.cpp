@@ -1,0 +1,538 @@
+#include "platform/store/StoreConformance.h"
+
+#include <cmath>
+#include <thread>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/framework/ResultCodes.h"
+#include "platform/os/FileSystem.h"
+#include "platform/store/StoreTestSupport.h"
+
+namespace cirrovault::test {
+
+namespace R = ResultCode;
+
+void StoreConformanceTest::SetUp() {
+    env = GetParam().make();
+    store = env->open();
+    ASSERT_EQ(store->logon("alice", "secret", session), R::Success);
+}
+
+std::shared_ptr<StoreBackend> StoreConformanceTest::connect(const std::string& user,
+                                                           const std::string& password) {
+    auto connection = env->open();
+    StoreSession s;
+    EXPECT_EQ(connection->logon(user, password, s), R::Success);
+    return connection;
+}
+
+namespace {
+
+// Every item of the account, one line each, for "nothing changed" checks.
+void describeTree(StoreBackend& store, const std::string& folder, std::string& out) {
+    std::vector<StoreItem> items;
+    if (store.list(folder, items) != R::Success) {
+        out += "<unreadable " + folder + ">\n";
+        return;
+    }
+    std::sort(items.begin(), items.end(),
+              [](const StoreItem& a, const StoreItem& b) { return a.name < b.name; });
+    for (const auto& item : items) {
+        std::string path = (folder == "\\" ? "" : folder) + "\\" + item.name;
+        out += path + " " + std::to_string(item.size) + " " + std::to_string(item.fileCount) + " " +
+               item.description + "\n";
+        if (item.isFolder)
+            describeTree(store, path, out);
+    }
+}
+
+std::string snapshot(StoreBackend& store) {
+    std::string out;
+    describeTree(store, "\\", out);
+    return out;
+}
+
+int64_t putText(StoreBackend& store, const std::string& path, const std::string& text,
+                Date modifyTime = Date(1'600'000'000.0), const std::string& tag = "t") {
+    MemorySource source(text, tag);
+    return store.put(path, source, modifyTime, nullptr);
+}
+
+double tolerance(const StoreBackend& store) {
+    // A Date is a double: below a microsecond it cannot say more about a current date.
+    return std::max(store.capabilities().modifyTimePrecision, 1e-6);
+}
+
+} // namespace
+
+TEST_P(StoreConformanceTest, LogonCreatesAccountsAndChecksPasswords) {
+    EXPECT_FALSE(session.sessionID.empty());
+    EXPECT_FALSE(session.customerID.empty());
+
+    auto other = env->open();
+    StoreSession again;
+    EXPECT_EQ(other->logon("alice", "wrong", again), R::WrongPassword);
+    EXPECT_TRUE(again.sessionID.empty());
+    StoreItem item;
+    EXPECT_EQ(other->stat("\\", item), R::NotLoggedOn); // a refused logon leaves no session
+
+    EXPECT_EQ(other->logon("alice", "secret", again), R::Success);
+    EXPECT_EQ(again.customerID, session.customerID);
+    EXPECT_NE(again.sessionID, session.sessionID);
+
+    StoreSession bob;
+    EXPECT_EQ(env->open()->logon("bob", "secret", bob), R::Success);
+    EXPECT_NE(bob.customerID, session.customerID);
+
+    store->logoff();
+    std::string document, version;
+    MemorySource source("x", "t");
+    EXPECT_EQ(store->stat("\\", item), R::NotLoggedOn);
+    EXPECT_EQ(store->put("\\x", source, Date(), nullptr), R::NotLoggedOn);
+    EXPECT_EQ(store->readTaskList(document, version), R::NotLoggedOn);
+    EXPECT_EQ(store->makeFolder("\\A", "", ""), R::NotLoggedOn);
+}
+
+TEST_P(StoreConformanceTest, FoldersKeepDescriptionAndCaption) {
+    ASSERT_EQ(store->makeFolder("\\Backup", "my backups", "Backup"), R::Success);
+    ASSERT_EQ(store->makeFolder("Backup\\Docs", "documents", "Docs"), R::Success); // no leading "\"
+    EXPECT_EQ(store->makeFolder("\\Backup", "", ""), R::AlreadyExists);
+    EXPECT_EQ(store->makeFolder("\\Missing\\Child", "", ""), R::NotFound);
+
+    StoreItem item;
+    ASSERT_EQ(store->stat("\\Backup\\Docs", item), R::Success);
+    EXPECT_TRUE(item.isFolder);
+    EXPECT_EQ(item.name, "Docs");
+    EXPECT_EQ(item.description, "documents");
+    EXPECT_EQ(item.caption, "Docs");
+
+    ASSERT_EQ(store->setFolderInfo("\\Backup\\Docs", "papers", "Papers"), R::Success);
+    std::vector<StoreItem> items;
+    ASSERT_EQ(store->list("\\Backup", items), R::Success);
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].description, "papers");
+    EXPECT_EQ(items[0].caption, "Papers");
+    EXPECT_EQ(store->setFolderInfo("\\Backup\\Nothing", "x", "y"), R::NotFound);
+    EXPECT_EQ(store->stat("\\Backup\\Nothing", item), R::NotFound);
+}
+
+TEST_P(StoreConformanceTest, PutAndGetKeepBytesAndModificationTime) {
+    ASSERT_EQ(store->makeFolder("\\T", "", ""), R::Success);
+    ASSERT_EQ(store->makeFolder("\\T\\Sub", "", ""), R::Success);
+    const std::string data = patternBytes(3 * 1024 * 1024 + 17);
+    const Date when(1'650'000'000.123456);
+    MemorySource source(data, "v1");
+    StopObserver observer;
+    ASSERT_EQ(store->put("\\T\\Sub\\big.bin", source, when, &observer), R::Success);
+    EXPECT_EQ(observer.lastDone, data.size());
+    EXPECT_EQ(observer.lastTotal, data.size());
+    ASSERT_EQ(putText(*store, "\\T\\small.txt", "hello"), R::Success);
+    ASSERT_EQ(putText(*store, "\\T\\empty", ""), R::Success);
+
+    StoreItem item;
+    ASSERT_EQ(store->stat("\\T\\Sub\\big.bin", item), R::Success);
+    EXPECT_FALSE(item.isFolder);
+    EXPECT_EQ(item.size, data.size());
+    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), when.timeIntervalSince1970(),
+                tolerance(*store));
+    EXPECT_EQ(storedContent(*store, "\\T\\Sub\\big.bin"), data);
+    EXPECT_EQ(storedContent(*store, "\\T\\empty"), "");
+
+    // Folder figures count every file beneath, recursively.
+    ASSERT_EQ(store->stat("\\T", item), R::Success);
+    EXPECT_EQ(item.size, data.size() + 5);
+    EXPECT_EQ(item.fileCount, 3);
+    std::vector<StoreItem> items;
+    ASSERT_EQ(store->list("\\T", items), R::Success);
+    ASSERT_EQ(items.size(), 3u);
+    for (const auto& entry : items) {
+        if (entry.name == "Sub") {
+            EXPECT_TRUE(entry.isFolder);
+            EXPECT_EQ(entry.size, data.size());
+            EXPECT_EQ(entry.fileCount, 1);
+        } else {
+            EXPECT_TRUE(entry.name == "small.txt" || entry.name == "empty") << entry.name;
+        }
+    }
+
+    // Overwrite: new bytes, new time, figures follow.
+    ASSERT_EQ(putText(*store, "\\T\\small.txt", "hello again", Date(1'700'000'000.5)), R::Success);
+    EXPECT_EQ(storedContent(*store, "\\T\\small.txt"), "hello again");
+    ASSERT_EQ(store->stat("\\T\\small.txt", item), R::Success);
+    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), 1'700'000'000.5, tolerance(*store));
+    ASSERT_EQ(store->stat("\\T", item), R::Success);
+    EXPECT_EQ(item.size, data.size() + 11);
+
+    MemorySink sink;
+    EXPECT_EQ(store->get("\\T\\none", sink, nullptr), R::NotFound);
+    EXPECT_EQ(putText(*store, "\\NoFolder\\x", "x"), R::NotFound);
+    EXPECT_EQ(putText(*store, "\\T\\Sub", "x"), R::AlreadyExists); // a folder has that name
+}
+
+TEST_P(StoreConformanceTest, InterruptedPutResumesOnlyWithTheSameSource) {
+    if (!store->capabilities().resumableUpload)
+        GTEST_SKIP() << "backend does not resume uploads";
+    const std::string data = patternBytes(5 * 1024 * 1024 + 3, 2);
+    {
+        MemorySource source(data, "tag-A");
+        StopObserver stopEarly(2 * 1024 * 1024);
+        ASSERT_EQ(store->put("\\f.bin", source, Date(1'600'000'000.0), &stopEarly), R::Cancelled);
+    }
+    StoreItem item;
+    EXPECT_EQ(store->stat("\\f.bin", item), R::NotFound);
+    EXPECT_EQ(store->stat("\\f.bin.part", item), R::NotFound); // the part is not a file
+    std::vector<StoreItem> items;
+    ASSERT_EQ(store->list("\\", items), R::Success);
+    EXPECT_TRUE(items.empty());
+    ASSERT_EQ(store->stat("\\", item), R::Success);
+    EXPECT_EQ(item.fileCount, 0);
+    EXPECT_EQ(item.size, 0u);
+
+    // Another connection, the same unchanged local file: continues where it stopped.
+    auto later = connect();
+    MemorySource again(data, "tag-A");
+    StopObserver observer;
+    ASSERT_EQ(later->put("\\f.bin", again, Date(1'600'000'000.0), &observer), R::Success);
+    EXPECT_GT(observer.resumed, 0u);
+    EXPECT_EQ(again.bytesRead(), data.size() - observer.resumed);
+    EXPECT_EQ(storedContent(*later, "\\f.bin"), data);
+
+    // The local file changed meanwhile: its interrupted part must not be reused.
+    const std::string changed = patternBytes(data.size(), 3);
+    {
+        MemorySource source(changed, "tag-B");
+        StopObserver stopEarly(2 * 1024 * 1024);
+        ASSERT_EQ(store->put("\\g.bin", source, Date(), &stopEarly), R::Cancelled);
+    }
+    MemorySource newer(data, "tag-C");
+    StopObserver fresh;
+    ASSERT_EQ(store->put("\\g.bin", newer, Date(), &fresh), R::Success);
+    EXPECT_EQ(fresh.resumed, 0u);
+    EXPECT_EQ(newer.bytesRead(), data.size());
+    EXPECT_EQ(storedContent(*store, "\\g.bin"), data);
+}
+
+TEST_P(StoreConformanceTest, CancelAndReadErrorsLeaveThePreviousCopy) {
+    ASSERT_EQ(putText(*store, "\\keep.bin", "old copy", Date(1'500'000'000.0)), R::Success);
+
+    const std::string data = patternBytes(16 * 1024 * 1024, 4);
+    MemorySource source(data, "big");
+    StopObserver observer;
+    observer.stop = true;
+    EXPECT_EQ(store->put("\\keep.bin", source, Date(1'600'000'000.0), &observer), R::Cancelled);
+    EXPECT_LT(source.bytesRead(), data.size());
+    EXPECT_EQ(storedContent(*store, "\\keep.bin"), "old copy");
+
+    StopObserver partWay(1);
+    MemorySource second(data, "big2");
+    EXPECT_EQ(store->put("\\keep.bin", second, Date(1'600'000'000.0), &partWay), R::Cancelled);
+    EXPECT_LE(second.bytesRead(), 4u * 1024 * 1024); // stopped within a few chunks
+    EXPECT_EQ(storedContent(*store, "\\keep.bin"), "old copy");
+
+    MemorySource failing(data, "bad");
+    failing.failReadsFrom(1024 * 1024);
+    EXPECT_EQ(store->put("\\keep.bin", failing, Date(), nullptr), R::LocalFileError);
+    StoreItem item;
+    ASSERT_EQ(store->stat("\\keep.bin", item), R::Success);
+    EXPECT_EQ(item.size, 8u);
+    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), 1'500'000'000.0, tolerance(*store));
+}
+
+TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentAndDescriptions) {
+    ASSERT_EQ(store->makeFolder("\\Task", "task folder", "Task"), R::Success);
+    ASSERT_EQ(store->makeFolder("\\Task\\Inner", "inner", "Inner"), R::Success);
+    ASSERT_EQ(store->makeFolder("\\History", "", ""), R::Success);
+    ASSERT_EQ(putText(*store, "\\Task\\a.txt", "version 1", Date(1'600'000'001.0)), R::Success);
+    ASSERT_EQ(putText(*store, "\\Task\\Inner\\b.txt", "bee"), R::Success);
+
+    // The old copy of a changed file goes to the history folder.
+    ASSERT_EQ(store->move("\\Task\\a.txt", "\\History\\a.txt"), R::Success);
+    StoreItem item;
+    EXPECT_EQ(store->stat("\\Task\\a.txt", item), R::NotFound);
+    ASSERT_EQ(store->stat("\\History\\a.txt", item), R::Success);
+    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), 1'600'000'001.0, tolerance(*store));
+    EXPECT_EQ(storedContent(*store, "\\History\\a.txt"), "version 1");
+
+    ASSERT_EQ(store->copy("\\Task", "\\Copy"), R::Success);
+    ASSERT_EQ(store->stat("\\Copy\\Inner", item), R::Success);
+    EXPECT_EQ(item.description, "inner");
+    EXPECT_EQ(storedContent(*store, "\\Copy\\Inner\\b.txt"), "bee");
+    ASSERT_EQ(store->stat("\\Task\\Inner\\b.txt", item), R::Success); // the original stays
+
+    ASSERT_EQ(store->move("\\Task", "\\Renamed"), R::Success);
+    ASSERT_EQ(store->stat("\\Renamed", item), R::Success);
+    EXPECT_EQ(item.description, "task folder");
+    ASSERT_EQ(store->stat("\\Renamed\\Inner", item), R::Success);
+    EXPECT_EQ(item.description, "inner");
+    EXPECT_EQ(store->stat("\\Task", item), R::NotFound);
+
+    ASSERT_EQ(putText(*store, "\\History\\c.txt", "sea"), R::Success);
+    EXPECT_EQ(store->copy("\\History\\c.txt", "\\History\\d.txt"), R::Success);
+    EXPECT_EQ(storedContent(*store, "\\History\\d.txt"), "sea");
+
+    std::string before = snapshot(*store);
+    EXPECT_EQ(store->move("\\History\\c.txt", "\\History\\a.txt"), R::AlreadyExists);
+    EXPECT_EQ(store->copy("\\Copy", "\\Renamed"), R::AlreadyExists);
+    EXPECT_EQ(store->move("\\Renamed", "\\Renamed\\Inner\\Deeper"), R::BadPath);
+    EXPECT_EQ(store->copy("\\Renamed", "\\Renamed\\Again"), R::BadPath);
+    EXPECT_EQ(store->move("\\Nothing", "\\Else"), R::NotFound);
+    EXPECT_EQ(store->copy("\\History\\c.txt", "\\NoFolder\\c.txt"), R::NotFound);
+    EXPECT_EQ(snapshot(*store), before);
+}
+
+TEST_P(StoreConformanceTest, RemoveTakesFilesFoldersAndTheirDescriptions) {
+    ASSERT_EQ(store->makeFolder("\\D", "described", "D"), R::Success);
+    ASSERT_EQ(store->makeFolder("\\D\\E", "deeper", "E"), R::Success);
+    ASSERT_EQ(putText(*store, "\\D\\E\\f", "f"), R::Success);
+    ASSERT_EQ(putText(*store, "\\g", "g"), R::Success);
+
+    EXPECT_EQ(store->remove("\\g"), R::Success);
+    EXPECT_EQ(store->remove("\\g"), R::NotFound);
+    EXPECT_EQ(store->remove("\\D"), R::Success);
+    StoreItem item;
+    EXPECT_EQ(store->stat("\\D\\E\\f", item), R::NotFound);
+
+    // A new folder of the old name starts without the old descriptions.
+    ASSERT_EQ(store->makeFolder("\\D", "", ""), R::Success);
+    ASSERT_EQ(store->makeFolder("\\D\\E", "", ""), R::Success);
+    ASSERT_EQ(store->stat("\\D\\E", item), R::Success);
+    EXPECT_EQ(item.description, "");
+    EXPECT_EQ(item.caption, "");
+    EXPECT_EQ(store->remove("\\"), R::BadPath);
+}
+
+TEST_P(StoreConformanceTest, QuotaFollowsUsageAndLimitsPuts) {
+    StoreQuota before;
+    ASSERT_EQ(store->quota(before), R::Success);
+    EXPECT_EQ(before.usedSpace, 0);
+    EXPECT_GT(before.maxSpace, 0);
+
+    ASSERT_EQ(putText(*store, "\\a", std::string(1000, 'a')), R::Success);
+    StoreQuota after;
+    ASSERT_EQ(store->quota(after), R::Success);
+    EXPECT_EQ(after.usedSpace, 1000);
+    ASSERT_EQ(store->copy("\\a", "\\b"), R::Success);
+    ASSERT_EQ(store->quota(after), R::Success);
+    EXPECT_EQ(after.usedSpace, 2000);
+    ASSERT_EQ(store->remove("\\b"), R::Success);
+    ASSERT_EQ(store->quota(after), R::Success);
+    EXPECT_EQ(after.usedSpace, 1000);
+
+    if (!env->limitQuota(*store, 2500))
+        GTEST_SKIP() << "backend has no configurable quota";
+    ASSERT_EQ(store->quota(after), R::Success);
+    EXPECT_EQ(after.maxSpace, 2500);
+    EXPECT_EQ(putText(*store, "\\b", std::string(1000, 'b')), R::Success);
+    EXPECT_EQ(putText(*store, "\\c", std::string(1000, 'c')), R::SpaceLimit);
+    StoreItem item;
+    EXPECT_EQ(store->stat("\\c", item), R::NotFound);
+    EXPECT_EQ(store->copy("\\a", "\\c"), R::SpaceLimit);
+    EXPECT_EQ(store->stat("\\c", item), R::NotFound);
+    // Replacing a file only needs the difference.
+    EXPECT_EQ(putText(*store, "\\a", std::string(1400, 'A')), R::Success);
+    ASSERT_EQ(store->remove("\\b"), R::Success);
+    EXPECT_EQ(putText(*store, "\\c", std::string(1000, 'c')), R::Success);
+}
+
+TEST_P(StoreConformanceTest, PathsLeavingTheAccountAreRefused) {
+    ASSERT_EQ(store->makeFolder("\\a", "", ""), R::Success);
+    ASSERT_EQ(putText(*store, "\\a\\file", "content"), R::Success);
+    const std::string before = snapshot(*store);
+    const std::vector<std::string> bad = {
+        "",           "..",         "\\..",         "\\a\\..\\..\\x", "\\a\\..",
+        "\\.\\a",     "\\a\\\\file", "\\\\",        "\\a\\b/c",       "/etc",
+        "\\..\\..\\etc\\passwd", std::string("\\a\\x\0y", 7), "\\" + std::string(300, 'n'),
+    };
+    for (const auto& path : bad) {
+        SCOPED_TRACE(path);
+        StoreItem item;
+        std::vector<StoreItem> items;
+        MemorySink sink;
+        MemorySource source("evil", "t");
+        EXPECT_EQ(store->stat(path, item), R::BadPath);
+        EXPECT_EQ(store->list(path, items), R::BadPath);
+        EXPECT_EQ(store->makeFolder(path, "", ""), R::BadPath);
+        EXPECT_EQ(store->setFolderInfo(path, "x", "y"), R::BadPath);
+        EXPECT_EQ(store->put(path, source, Date(), nullptr), R::BadPath);
+        EXPECT_EQ(source.bytesRead(), 0u);
+        EXPECT_EQ(store->get(path, sink, nullptr), R::BadPath);
+        EXPECT_EQ(store->move("\\a\\file", path), R::BadPath);
+        EXPECT_EQ(store->move(path, "\\a\\moved"), R::BadPath);
+        EXPECT_EQ(store->copy("\\a", path), R::BadPath);
+        EXPECT_EQ(store->remove(path), R::BadPath);
+    }
+    EXPECT_EQ(snapshot(*store), before);
+}
+
+TEST_P(StoreConformanceTest, LinksPlantedInTheAccountAreNotFollowed) {
+    const std::string outside = env->scratchFolder() + "/outside";
+    ASSERT_TRUE(FileSystem::createDirectories(outside));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(outside + "/secret.txt", "secret"));
+    ASSERT_EQ(store->makeFolder("\\T", "", ""), R::Success);
+    if (!env->plantLink(session, "\\T", "door", outside) ||
+        !env->plantLink(session, "\\T", "secret.txt", outside + "/secret.txt"))
+        GTEST_SKIP() << "backend storage cannot hold links";
+    const std::string before = snapshot(*store);
+
+    StoreItem item;
+    std::vector<StoreItem> items;
+    MemorySink sink;
+    EXPECT_EQ(store->stat("\\T\\door", item), R::BadPath);
+    EXPECT_EQ(store->stat("\\T\\door\\secret.txt", item), R::BadPath);
+    EXPECT_EQ(store->list("\\T\\door", items), R::BadPath);
+    EXPECT_EQ(store->get("\\T\\door\\secret.txt", sink, nullptr), R::BadPath);
+    EXPECT_EQ(store->get("\\T\\secret.txt", sink, nullptr), R::BadPath);
+    EXPECT_TRUE(sink.data.empty());
+    EXPECT_EQ(putText(*store, "\\T\\door\\new.txt", "evil"), R::BadPath);
+    EXPECT_EQ(putText(*store, "\\T\\secret.txt", "evil"), R::BadPath);
+    EXPECT_EQ(store->makeFolder("\\T\\door\\sub", "", ""), R::BadPath);
+    EXPECT_EQ(store->remove("\\T\\door\\secret.txt"), R::BadPath);
+    EXPECT_EQ(store->copy("\\T\\door", "\\T\\stolen"), R::BadPath);
+    EXPECT_EQ(store->move("\\T\\door\\secret.txt", "\\T\\stolen"), R::BadPath);
+    EXPECT_EQ(snapshot(*store), before);
+
+    // Links are not part of the backup: not listed, not counted.
+    ASSERT_EQ(store->list("\\T", items), R::Success);
+    EXPECT_TRUE(items.empty());
+    ASSERT_EQ(store->stat("\\T", item), R::Success);
+    EXPECT_EQ(item.fileCount, 0);
+    // A copy or removal of the folder holding them leaves what they point to alone.
+    EXPECT_EQ(store->copy("\\T", "\\U"), R::Success);
+    EXPECT_EQ(store->remove("\\T"), R::Success);
+
+    EXPECT_EQ(FileSystem::readFile(outside + "/secret.txt").value_or(""), "secret");
+    auto names = FileSystem::listDirectory(outside);
+    ASSERT_TRUE(names);
+    EXPECT_EQ(names->size(), 1u);
+}
+
+TEST_P(StoreConformanceTest, TaskListWritesCompareVersions) {
+    std::string document, version;
+    ASSERT_EQ(store->readTaskList(document, version), R::Success);
+    EXPECT_EQ(document, "");
+    EXPECT_EQ(version, "");
+
+    ASSERT_EQ(store->writeTaskList("first", ""), R::Success);
+    ASSERT_EQ(store->readTaskList(document, version), R::Success);
+    EXPECT_EQ(document, "first");
+    const std::string v1 = version;
+    EXPECT_FALSE(v1.empty());
+
+    EXPECT_EQ(store->writeTaskList("lost", ""), R::Conflict);
+    ASSERT_EQ(store->writeTaskList("second", v1), R::Success);
+    EXPECT_EQ(store->writeTaskList("stale", v1), R::Conflict);
+    ASSERT_EQ(store->readTaskList(document, version), R::Success);
+    EXPECT_EQ(document, "second");
+    EXPECT_NE(version, v1);
+
+    // Each account has its own document.
+    auto bob = connect("bob", "pw");
+    ASSERT_EQ(bob->readTaskList(document, version), R::Success);
+    EXPECT_EQ(document, "");
+    EXPECT_EQ(store->flush(), R::Success);
+}
+
+namespace {
+
+// Adds one to the counter document `rounds` times, reading again after each Conflict.
+// Answers the number of rounds that failed for another reason than a conflict.
+int incrementTaskList(StoreBackend& store, int rounds) {
+    int errors = 0;
+    for (int i = 0; i < rounds; ++i) {
+        for (;;) {
+            std::string document, version;
+            if (store.readTaskList(document, version) != R::Success) {
+                ++errors;
+                break;
+            }
+            int value = document.empty() ? 0 : std::stoi(document);
+            int64_t rc = store.writeTaskList(std::to_string(value + 1), version);
+            if (rc == R::Success)
+                break;
+            if (rc != R::Conflict) {
+                ++errors;
+                break;
+            }
+        }
+    }
+    return errors;
+}
+
+int counterValue(StoreBackend& store) {
+    std::string document, version;
+    EXPECT_EQ(store.readTaskList(document, version), R::Success);
+    return document.empty() ? 0 : std::stoi(document);
+}
+
+} // namespace
+
+TEST_P(StoreConcurrencyTest, ThreadsUpdatingTheTaskListLoseNothing) {
+    constexpr int Rounds = 40;
+    // Two threads share one connection, two have their own.
+    std::vector<std::shared_ptr<StoreBackend>> connections = {store, store, connect(), connect()};
+    std::vector<int> errors(connections.size(), 0);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < connections.size(); ++i)
+        threads.emplace_back([&, i] { errors[i] = incrementTaskList(*connections[i], Rounds); });
+    for (auto& thread : threads)
+        thread.join();
+    for (int e : errors)
+        EXPECT_EQ(e, 0);
+    EXPECT_EQ(counterValue(*store), Rounds * static_cast<int>(connections.size()));
+}
+
+TEST_P(StoreConcurrencyTest, ProcessesUpdatingTheTaskListLoseNothing) {
+    constexpr int Rounds = 30;
+    constexpr int Children = 2;
+    std::vector<pid_t> children;
+    for (int c = 0; c < Children; ++c) {
+        pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            // The child: its own connection; the exit status is the report.
+            auto own = env->open();
+            StoreSession s;
+            int status = own->logon("alice", "secret", s) == R::Success ? 0 : 2;
+            if (status == 0 && incrementTaskList(*own, Rounds) != 0)
+                status = 1;
+            ::_exit(status);
+        }
+        children.push_back(pid);
+    }
+    ASSERT_EQ(incrementTaskList(*store, Rounds), 0);
+    for (pid_t pid : children) {
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+    EXPECT_EQ(counterValue(*store), Rounds * (Children + 1));
+}
+
+TEST_P(StoreConcurrencyTest, ParallelPutsInOneFolderAllArrive) {
+    ASSERT_EQ(store->makeFolder("\\P", "", ""), R::Success);
+    constexpr int PerThread = 20;
+    std::vector<std::thread> threads;
+    std::vector<int> failures(3, 0);
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            auto own = t == 0 ? store : connect();
+            for (int i = 0; i < PerThread; ++i) {
+                std::string name = "\\P\\f" + std::to_string(t) + "_" + std::to_string(i);
+                if (putText(*own, name, name) != R::Success)
+                    ++failures[t];
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, std::vector<int>(3, 0));
+    StoreItem item;
+    ASSERT_EQ(store->stat("\\P", item), R::Success);
+    EXPECT_EQ(item.fileCount, 3 * PerThread);
+}
+
+} // namespace cirrovault::test

@@ -1,0 +1,47 @@
+#include <gtest/gtest.h>
+
+#include "platform/store/StorePath.h"
+
+namespace cirrovault {
+
+using Names = std::vector<std::string>;
+
+TEST(StorePathTest, SplitsAcceptedFormsIntoNames) {
+    EXPECT_EQ(StorePath::split("\\"), Names{});
+    EXPECT_EQ(StorePath::split("\\a\\b c\\d.txt"), (Names{"a", "b c", "d.txt"}));
+    EXPECT_EQ(StorePath::split("a\\b"), (Names{"a", "b"}));    // leading "\" optional
+    EXPECT_EQ(StorePath::split("\\a\\b\\"), (Names{"a", "b"})); // one trailing "\" tolerated
+    EXPECT_EQ(StorePath::split("\\C:\\...\\.hidden"), (Names{"C:", "...", ".hidden"}));
+    EXPECT_EQ(StorePath::normalize("a\\b\\"), "\\a\\b");
+    EXPECT_EQ(StorePath::normalize("\\"), "\\");
+    EXPECT_EQ(StorePath::join({}), "\\");
+}
+
+TEST(StorePathTest, RefusesPathsThatCouldLeaveTheRoot) {
+    for (std::string_view bad :
+         {"", "\\\\", "\\a\\\\b", "\\a\\\\", "..", "\\..", "\\a\\..\\..\\x", ".", "\\a\\.\\b",
+          "\\a/b", "/etc/passwd", "\\a\\b\\\\"}) {
+        EXPECT_FALSE(StorePath::split(bad)) << bad;
+    }
+    EXPECT_FALSE(StorePath::split(std::string("\\a\0b", 4)));
+    EXPECT_TRUE(StorePath::split("\\" + std::string(255, 'x')));
+    EXPECT_FALSE(StorePath::split("\\" + std::string(256, 'x')));
+    EXPECT_FALSE(StorePath::isValidName("a\\b"));
+}
+
+TEST(StorePathTest, TreeRelationsRespectNameBoundaries) {
+    EXPECT_TRUE(StorePath::isSameOrInside("\\a", "\\a"));
+    EXPECT_TRUE(StorePath::isSameOrInside("\\a\\b", "\\a"));
+    EXPECT_FALSE(StorePath::isSameOrInside("\\ab", "\\a"));
+    EXPECT_FALSE(StorePath::isSameOrInside("\\a", "\\a\\b"));
+    EXPECT_TRUE(StorePath::isSameOrInside("\\x", "\\"));
+
+    EXPECT_EQ(StorePath::child("\\", "a"), "\\a");
+    EXPECT_EQ(StorePath::child("\\a", "b"), "\\a\\b");
+    EXPECT_EQ(StorePath::rebase("\\a\\b\\c", "\\a", "\\x"), "\\x\\b\\c");
+    EXPECT_EQ(StorePath::rebase("\\a", "\\a", "\\x\\y"), "\\x\\y");
+    EXPECT_EQ(StorePath::rebase("\\a\\b", "\\", "\\x"), "\\x\\a\\b");
+    EXPECT_EQ(StorePath::rebase("\\a\\b", "\\a", "\\"), "\\b");
+}
+
+} // namespace cirrovault

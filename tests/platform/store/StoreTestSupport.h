@@ -1,0 +1,105 @@
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "platform/store/StoreBackend.h"
+
+namespace cirrovault::test {
+
+// Bytes of an upload held in memory. Counts what the store reads, and can fail a read
+// at a chosen offset the way a vanished disk would.
+class MemorySource : public ByteSource {
+public:
+    MemorySource(std::string data, std::string tag) : data_(std::move(data)), tag_(std::move(tag)) {}
+
+    uint64_t size() const override { return data_.size(); }
+    bool seek(uint64_t offset) override {
+        if (offset > data_.size())
+            return false;
+        position_ = offset;
+        return true;
+    }
+    int64_t read(char* buffer, size_t n) override {
+        if (failAt_ && position_ >= *failAt_)
+            return -1;
+        size_t count = std::min<size_t>(n, data_.size() - position_);
+        std::memcpy(buffer, data_.data() + position_, count);
+        position_ += count;
+        bytesRead_ += count;
+        return static_cast<int64_t>(count);
+    }
+    std::string resumeTag() const override { return tag_; }
+
+    void failReadsFrom(uint64_t offset) { failAt_ = offset; }
+    uint64_t bytesRead() const { return bytesRead_; }
+
+private:
+    std::string data_;
+    std::string tag_;
+    uint64_t position_ = 0;
+    uint64_t bytesRead_ = 0;
+    std::optional<uint64_t> failAt_;
+};
+
+class MemorySink : public ByteSink {
+public:
+    bool write(const char* buffer, size_t n) override {
+        data.append(buffer, n);
+        return true;
+    }
+    bool finish() override {
+        ++finishes;
+        return true;
+    }
+    std::string data;
+    int finishes = 0;
+};
+
+// Says stop once `stopAfter` bytes are stored, or when told to from another thread.
+class StopObserver : public TransferObserver {
+public:
+    explicit StopObserver(uint64_t stopAfter = UINT64_MAX) : stopAfter_(stopAfter) {}
+    void transferred(uint64_t done, uint64_t total) override {
+        lastDone = done;
+        lastTotal = total;
+    }
+    void resumedFrom(uint64_t bytes) override { resumed = bytes; }
+    bool shouldContinue() override {
+        ++asked;
+        return !stop && lastDone < stopAfter_;
+    }
+
+    std::atomic<bool> stop{false};
+    std::atomic<uint64_t> lastDone{0};
+    uint64_t lastTotal = 0;
+    uint64_t resumed = 0;
+    std::atomic<int> asked{0};
+
+private:
+    uint64_t stopAfter_;
+};
+
+// Content that differs at every offset, so a resume from the wrong place shows.
+inline std::string patternBytes(size_t size, unsigned seed = 1) {
+    std::string data(size, '\0');
+    uint32_t x = seed * 2654435761u + 1;
+    for (auto& c : data) {
+        x = x * 1103515245u + 12345u;
+        c = static_cast<char>(x >> 24);
+    }
+    return data;
+}
+
+inline std::string storedContent(StoreBackend& store, const std::string& path) {
+    MemorySink sink;
+    if (store.get(path, sink, nullptr) != 0)
+        return "<get failed>";
+    return sink.data;
+}
+
+} // namespace cirrovault::test

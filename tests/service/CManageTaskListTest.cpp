@@ -1,0 +1,292 @@
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/Calendar.h"
+#include "platform/os/FileSystem.h"
+#include "platform/store/StoreBackend.h"
+#include "service/CManageTaskList.h"
+
+using namespace cirrovault;
+
+namespace {
+
+Date localDate(int year, int month, int day, int hour, int minute, int second) {
+    DateComponents c;
+    c.year = year;
+    c.month = month;
+    c.day = day;
+    c.hour = hour;
+    c.minute = minute;
+    c.second = second;
+    return Calendar::dateFromComponents(c);
+}
+
+TaskListEntry makeTask(const std::string& name) {
+    TaskListEntry task;
+    task.taskID = -5;
+    task.pcID = UINT64_MAX;
+    task.name = name;
+    task.description = "Work files";
+    task.mPCName = "box";
+    task.taskType = 2;
+    task.mBackupDate = localDate(2024, 3, 5, 7, 8, 9);
+    task.serverPath = "\\Backup\\" + name;
+    task.uiMaxVersion = 10;
+    task.mDating = localDate(2024, 3, 6, 0, 0, 0);
+    task.mBeginDate = localDate(2024, 2, 5, 7, 8, 9);
+    task.mEndDate = localDate(2099, 1, 1, 0, 0, 0);
+    task.mResumeDate = localDate(1971, 1, 1, 0, 0, 0);
+    task.uiRemoteSize = 42;
+    return task;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// Against the real local store in a temporary home, logged on; every request text the
+// client sends is kept in `sent`.
+class CManageTaskListTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(api().OpenService("file://" + home.file("store")), 0);
+        ASSERT_EQ(api().Logon("alice", "secret"), 0);
+        client.setRequestObserver([this](const std::string& text) { sent.push_back(text); });
+    }
+    void TearDown() override { TransferApiUtil::releaseTransferApiUtil(); }
+
+    static TransferApiUtil& api() { return TransferApiUtil::shareTransferApiUtil(); }
+
+    std::vector<std::string> storedPaths(const std::string& name) {
+        CManageTaskList reader;
+        std::string reply = reader.getBackupTasks(name, "true");
+        EXPECT_EQ(reader.iResult, 0);
+        return Functions::GetValueArrayByKey("RETURN_Path", reply);
+    }
+
+    bool existsOnService(const std::string& path) {
+        StoreItem item;
+        return api().backend()->stat(path, item) == ResultCode::Success;
+    }
+
+    test::TempHome home;
+    CManageTaskList client;
+    std::vector<std::string> sent;
+};
+
+} // namespace
+
+TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmptyOne) {
+    std::string folderA = home.file("A b"), folderB = home.file("B"), file = home.file("c.txt");
+    FileSystem::createDirectories(folderA);
+    FileSystem::createDirectories(folderB);
+    FileSystem::writeFileAtomically(file, "x");
+    TaskListEntry task = makeTask("My Docs");
+    task.localDirList = {folderA, file, folderB};
+
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+    EXPECT_EQ(client.nType, 0);
+    ASSERT_EQ(sent.size(), 4u);
+    const std::string header =
+        "TaskID=-5&ComputerID=18446744073709551615&TaskName=My%20Docs&Descr=Work%20files&"
+        "PcName=box&Type=2&BackupDate=2024-03-05%2007%3A08%3A09&ServerPath=%5CBackup%5CMy%20Docs&"
+        "FilterExts=&FilterPaths=&MaxVersion=10&NextDate=2024-03-06%2000%3A00%3A00&"
+        "BeginDate=2024-02-05%2007%3A08%3A09&EndDate=2099-01-01%2000%3A00%3A00&"
+        "ResumeDate=1971-01-01%2000%3A00%3A00&RemoteSize=42&IsResume=0&Upgraded=&"
+        "OldTaskName=My%20Docs&";
+    EXPECT_EQ(sent[0], header + "Action=Add&IsFolder0=1&Path0=" + TransferApiUtil::EncodeURL(folderA) +
+                           "&Serial0=&Action0=1&localPathNum=1");
+    EXPECT_EQ(sent[1], header + "Action=Edit&IsFolder0=0&Path0=" + TransferApiUtil::EncodeURL(file) +
+                           "&Serial0=&Action0=1&localPathNum=1");
+    EXPECT_EQ(sent[2], header + "Action=Edit&IsFolder0=1&Path0=" + TransferApiUtil::EncodeURL(folderB) +
+                           "&Serial0=&Action0=1&localPathNum=1");
+    EXPECT_EQ(sent[3], header + "Action=Edit&localPathNum=0");
+    EXPECT_EQ(storedPaths("My Docs"), (std::vector<std::string>{folderA, file, folderB}));
+
+    // Filters: empty entries are skipped, each entry is encoded and followed by a plain "|".
+    sent.clear();
+    TaskListEntry filtered = makeTask("Filtered");
+    filtered.filterExt = {"tmp", "", "o b"};
+    filtered.filtedPath = {"/x/y"};
+    filtered.bResume = true;
+    ASSERT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", "1"), 0);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_TRUE(contains(sent[0], "&FilterExts=tmp|o%20b|&FilterPaths=%2Fx%2Fy|&MaxVersion=10&"));
+    EXPECT_TRUE(contains(sent[0], "&IsResume=1&Upgraded=1&OldTaskName=Filtered&Action=Add&localPathNum=0"));
+    std::string reply = client.getBackupTasks("Filtered", "false");
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_FilterExts", reply),
+              (std::vector<std::string>{"tmp|o b"}));
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_BackupDate", reply),
+              (std::vector<std::string>{"03/05/2024 07:08:09"}));
+
+    // The service's refusals come back as the request's result.
+    EXPECT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", ""), 6);
+    TaskListEntry nameless = makeTask("");
+    EXPECT_EQ(client.addOrEditBackupTask(nameless, "Add", "", "", ""), ResultCode::EmptyName);
+    TaskListEntry unknown = makeTask("Unknown");
+    EXPECT_EQ(client.addOrEditBackupTask(unknown, "Edit", "", "Unknown", ""), ResultCode::OldTaskNotFound);
+}
+
+TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
+    TaskListEntry task = makeTask("Old");
+    task.localDirList = {"/data/one"};
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+    for (auto folder : {"\\Backup", "\\Backup\\Old", "\\History", "\\History\\Old"})
+        ASSERT_EQ(api().AddFolder(folder, "", "", false), 0) << folder;
+
+    std::vector<bool> askedEncrypted;
+    task.getSvrHistoryFolder = [&](bool encrypted) {
+        askedEncrypted.push_back(encrypted);
+        return std::string("\\History");
+    };
+    task.name = "New";
+    sent.clear();
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Old", ""), 0);
+
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_TRUE(contains(sent[0], "&TaskName=New&"));
+    EXPECT_TRUE(contains(sent[0], "&ServerPath=%5CBackup%5CNew&"));
+    EXPECT_TRUE(endsWith(sent[0], "&OldTaskName=Old&Action=Edit&localPathNum=0"));
+    EXPECT_EQ(task.serverPath, "\\Backup\\New");
+    EXPECT_EQ(askedEncrypted, (std::vector<bool>{false}));
+    EXPECT_TRUE(existsOnService("\\Backup\\New"));
+    EXPECT_FALSE(existsOnService("\\Backup\\Old"));
+    EXPECT_TRUE(existsOnService("\\History\\New"));
+    EXPECT_FALSE(existsOnService("\\History\\Old"));
+
+    ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{"New"}));
+    EXPECT_EQ(storedPaths("New"), (std::vector<std::string>{"/data/one"}));
+
+    // A plain edit under the same name keeps the folders where they are.
+    sent.clear();
+    task.addFileArray = {"/data/two"};
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "New", ""), 0);
+    EXPECT_EQ(askedEncrypted.size(), 1u);
+    EXPECT_EQ(task.serverPath, "\\Backup\\New");
+    EXPECT_EQ(storedPaths("New"), (std::vector<std::string>{"/data/one", "/data/two"}));
+}
+
+TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero) {
+    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("UploadLocalPathCount", "no"));
+    TaskListEntry task = makeTask("Big");
+    for (int i = 0; i < 250; ++i)
+        task.localDirList.push_back("/src/" + std::to_string(i));
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+
+    ASSERT_EQ(sent.size(), 3u);
+    const char* counts[] = {"localPathNum=100", "localPathNum=100", "localPathNum=50"};
+    for (size_t r = 0; r < 3; ++r) {
+        EXPECT_TRUE(endsWith(sent[r], counts[r])) << r;
+        EXPECT_TRUE(contains(sent[r], r == 0 ? "&Action=Add&IsFolder0=0&" : "&Action=Edit&IsFolder0=0&"));
+        EXPECT_TRUE(contains(sent[r], "&Path0=%2Fsrc%2F" + std::to_string(r * 100) + "&"));
+        EXPECT_FALSE(contains(sent[r], "IsFolder100="));
+    }
+    std::vector<std::string> stored = storedPaths("Big");
+    EXPECT_EQ(stored, task.localDirList);
+
+    // Removals come first and share the count with additions: 150 + 50 = 200 entries go
+    // as two full requests and a final empty one.
+    sent.clear();
+    task.deleteFileArray.assign(task.localDirList.begin(), task.localDirList.begin() + 150);
+    for (int i = 0; i < 50; ++i)
+        task.addFileArray.push_back("/new/" + std::to_string(i));
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Big", ""), 0);
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_TRUE(contains(sent[1], "&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
+    EXPECT_TRUE(endsWith(sent[2], "&Action=Edit&localPathNum=0"));
+    stored = storedPaths("Big");
+    ASSERT_EQ(stored.size(), 150u);
+    EXPECT_EQ(stored.front(), "/src/150");
+    EXPECT_EQ(stored.back(), "/new/49");
+}
+
+TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsTheTaskListGaveThem) {
+    TaskListEntry task = makeTask("Moved");
+    task.localDirList = {"C:\\Data", "C:\\Mail"};
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+
+    task.bMigrateTask = true;
+    task.sourceInfoArray = {{{"PathID", "C:\\Data"}, {"TypeID", "1"}}, {{"PathID", "C:\\Mail"}, {"TypeID", "0"}}};
+    task.addFileArray = {home.path()};
+    sent.clear();
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Moved", "1"), 0);
+    ASSERT_EQ(sent.size(), 4u);
+    EXPECT_TRUE(contains(sent[0], "&Upgraded=1&"));
+    EXPECT_TRUE(endsWith(sent[0], "&IsFolder0=1&Path0=C%3A%5CData&Serial0=&Action0=0&localPathNum=1"));
+    EXPECT_TRUE(endsWith(sent[1], "&IsFolder0=0&Path0=C%3A%5CMail&Serial0=&Action0=0&localPathNum=1"));
+    EXPECT_TRUE(contains(sent[2], "&IsFolder0=1&Path0=" + TransferApiUtil::EncodeURL(home.path()) + "&"));
+    EXPECT_EQ(storedPaths("Moved"), (std::vector<std::string>{home.path()}));
+
+    // Keeping only the first computer's paths sends the header alone.
+    task.bOnlyMigrateTaskOrignalPath = true;
+    sent.clear();
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Moved", "1"), 0);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_TRUE(endsWith(sent[0], "&Action=Edit&localPathNum=0"));
+
+    // localFile numbers from the given count, except for removals, which start at 0.
+    EXPECT_EQ(client.localFile({"/p", "/q"}, "1", "H&", 3),
+              "H&IsFolder3=0&Path3=%2Fp&Serial3=&Action3=1&IsFolder4=0&Path4=%2Fq&Serial4=&Action4=1&");
+    EXPECT_EQ(client.localFile({"/p"}, "0", "", 3), "IsFolder0=0&Path0=%2Fp&Serial0=&Action0=0&");
+}
+
+TEST_F(CManageTaskListTest, NamesListsAndDeletes) {
+    ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.nType, 3);
+    EXPECT_EQ(client.strTaskNames, "");
+    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{""}));
+    EXPECT_EQ(client.getBackupTasks("", "false"), "");
+    EXPECT_EQ(client.iResult, 0);
+
+    for (auto name : {"A", "B", "C"}) {
+        TaskListEntry task = makeTask(name);
+        ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+    }
+    ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.strTaskNames, "A|B|C");
+    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{"A", "B", "C"}));
+    std::string reply = client.getBackupTasks("", "false");
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_TaskName", reply),
+              (std::vector<std::string>{"A", "B", "C"}));
+    EXPECT_EQ(Functions::GetValueArrayByKey("ETURN_MaxVersion", reply),
+              (std::vector<std::string>{"10", "10", "10"}));
+
+    EXPECT_EQ(client.deleteTasks(""), ResultCode::EmptyName);
+    EXPECT_EQ(client.deleteTasks("A|C"), 0);
+    ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{"B"}));
+
+    api().Logoff();
+    EXPECT_EQ(client.getBackupTasks("", "false"), "");
+    EXPECT_EQ(client.iResult, ResultCode::NotLoggedOn);
+    EXPECT_EQ(client.getTaskNames("true"), ResultCode::NotLoggedOn);
+    TaskListEntry task = makeTask("D");
+    EXPECT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), ResultCode::NotLoggedOn);
+    EXPECT_EQ(client.deleteTasks("B"), ResultCode::NotLoggedOn);
+}
+
+TEST(CManageTaskList, ResultMessagesByListType) {
+    CManageTaskList client;
+    EXPECT_EQ(client.showManageTaskListResult(0, 0), " Add/Edit successfully.");
+    EXPECT_EQ(client.showManageTaskListResult(2, 0), "Task name can\u2019t be empty.");
+    EXPECT_EQ(client.showManageTaskListResult(6, 0), "Already exists same backup task.");
+    EXPECT_EQ(client.showManageTaskListResult(1, 1), "Not logon.");
+    EXPECT_EQ(client.showManageTaskListResult(2, 2), "Task name is required.");
+    // Codes a list type does not name fall back to the framework's generic text.
+    EXPECT_EQ(client.showManageTaskListResult(2, 1), TransferApiUtil::stringWithReturnCode(2));
+    EXPECT_EQ(client.showManageTaskListResult(4, 2), TransferApiUtil::stringWithReturnCode(4));
+    EXPECT_EQ(client.showManageTaskListResult(0, 7), TransferApiUtil::stringWithReturnCode(0));
+}

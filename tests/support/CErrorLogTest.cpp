@@ -1,0 +1,211 @@
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <regex>
+#include <vector>
+
+#include "common/TempHome.h"
+#include "platform/framework/Functions.h"
+#include "platform/os/Clock.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
+#include "platform/os/Thread.h"
+#include "support/AccountSession.h"
+#include "support/CErrorLog.h"
+
+using namespace cirrovault;
+
+namespace {
+
+const std::string kMark = "4.500000\n";
+
+class CErrorLogTest : public ::testing::Test {
+protected:
+    void SetUp() override { CErrorLog::releaseErrorLogClass(); }
+    void TearDown() override {
+        CErrorLog::releaseErrorLogClass();
+        Clock::setShared(nullptr);
+    }
+
+    std::string logFile() const {
+        return home.dataHome() + "/Cirrovault/Cirrovault Online Backup/errlog.log";
+    }
+
+    std::vector<std::string> split(const std::string& text, char separator) {
+        std::vector<std::string> pieces;
+        size_t start = 0;
+        for (size_t end; (end = text.find(separator, start)) != std::string::npos; start = end + 1)
+            pieces.push_back(text.substr(start, end - start));
+        pieces.push_back(text.substr(start));
+        return pieces;
+    }
+
+    size_t countOf(const std::string& text, const std::string& part) {
+        size_t n = 0;
+        for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+            ++n;
+        return n;
+    }
+
+    test::TempHome home;
+};
+
+class CErrorLogConcurrency : public CErrorLogTest {};
+
+} // namespace
+
+TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMark) {
+    auto clock = std::make_shared<ManualClock>(Date(1714568709.0));
+    Clock::setShared(clock);
+    std::string time = Functions::stringTransFromedDate(clock->now(), "yyyy-MM-dd HH:mm:ss");
+
+    EXPECT_EQ(CErrorLog::GetEventLogFilePath(), logFile());
+    EXPECT_FALSE(FileSystem::exists(logFile())) << "asking for the path creates nothing";
+    ASSERT_TRUE(CErrorLog::recordError("Docs", 1804289383, "Upload failed: 100% of a|b", 2));
+    ASSERT_TRUE(CErrorLog::recordError("Docs", -7, "Backup started.", 0));
+    ASSERT_TRUE(CErrorLog::recordError("Docs", 0, "", 1));
+    ASSERT_TRUE(CErrorLog::recordError("Docs", 3, "odd kind", 5));
+
+    EXPECT_EQ(CErrorLog::shareTaskErrorLog()->strErrorFilePath(), logFile());
+    EXPECT_EQ(FileSystem::readFile(logFile()),
+              kMark + "Docs|1804289383|Upload failed: 100%25 of a%7cb|" + time + "|Error\n" +
+                  "Docs|-7|Backup started.|" + time + "|Information\n" + "Docs|0||" + time +
+                  "|Warning\n" + "Docs|3|odd kind|" + time + "|\n");
+}
+
+TEST_F(CErrorLogTest, EscapingRoundTripsEveryMessage) {
+    EXPECT_EQ(CErrorLog::EncodeEventMsg("100% of a|b"), "100%25 of a%7cb");
+    EXPECT_EQ(CErrorLog::EncodeEventMsg("%7c"), "%257c");
+    EXPECT_EQ(CErrorLog::EncodeEventMsg("%25"), "%2525");
+    EXPECT_EQ(CErrorLog::DecodeEventMsg("a%7Cb%41%7c%25"), "a%7Cb%41|%"); // only two sequences
+    EXPECT_EQ(CErrorLog::EncodeEventMsg(std::nullopt), std::nullopt);
+    EXPECT_EQ(CErrorLog::DecodeEventMsg(std::nullopt), std::nullopt);
+
+    const std::string messages[] = {"",    "|",      "%",       "%7c",  "%25",  "%7C",
+                                    "%%||", "%7%7c|", "%257c|%", "é|%ü", "a%|%7c|%2525b"};
+    for (const std::string& message : messages)
+        EXPECT_EQ(CErrorLog::DecodeEventMsg(CErrorLog::EncodeEventMsg(message)), message) << message;
+
+    // The same through the file: the third field decodes to the message as written.
+    for (const std::string& message : messages)
+        ASSERT_TRUE(CErrorLog::recordError("T", 1, message, 2));
+    auto lines = CErrorLog::GetErrorList();
+    ASSERT_TRUE(lines);
+    ASSERT_EQ(lines->size(), std::size(messages) + 2);
+    EXPECT_EQ(lines->front(), "4.500000");
+    EXPECT_EQ(lines->back(), "");
+    for (size_t i = 0; i < std::size(messages); ++i) {
+        auto fields = split((*lines)[i + 1], '|');
+        ASSERT_EQ(fields.size(), 5u) << (*lines)[i + 1];
+        EXPECT_EQ(CErrorLog::DecodeEventMsg(fields[2]), messages[i]);
+    }
+}
+
+TEST_F(CErrorLogTest, ListShowsOnlyTheFileThisProcessWrote) {
+    ASSERT_TRUE(FileSystem::createDirectories(home.dataHome() + "/Cirrovault/Cirrovault Online Backup"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(logFile(), kMark + "Old|1|earlier run|t|Error\n"));
+    auto before = CErrorLog::GetErrorList();
+    ASSERT_TRUE(before);
+    EXPECT_TRUE(before->empty()) << "nothing is listed before the first record of a process";
+
+    ASSERT_TRUE(CErrorLog::recordError("New", 2, "now", 0));
+    auto after = CErrorLog::GetErrorList();
+    ASSERT_TRUE(after);
+    ASSERT_EQ(after->size(), 4u);
+    EXPECT_EQ((*after)[0], "4.500000");
+    EXPECT_EQ((*after)[1], "Old|1|earlier run|t|Error");
+    EXPECT_EQ((*after)[2].substr(0, 10), "New|2|now|");
+    EXPECT_EQ((*after)[3], "");
+
+    CErrorLog::releaseErrorLogClass(); // a fresh instance has forgotten the path
+    auto released = CErrorLog::GetErrorList();
+    ASSERT_TRUE(released);
+    EXPECT_TRUE(released->empty());
+}
+
+TEST_F(CErrorLogTest, ClearDeletesAndTheNextRecordStartsAFreshFile) {
+    ASSERT_TRUE(CErrorLog::recordError("A", 1, "first", 0));
+    ASSERT_TRUE(CErrorLog::recordError("A", 1, "second", 0));
+    EXPECT_TRUE(CErrorLog::clearAllEventLog());
+    EXPECT_FALSE(FileSystem::exists(logFile()));
+    auto gone = CErrorLog::GetErrorList();
+    ASSERT_TRUE(gone);
+    EXPECT_TRUE(gone->empty());
+
+    SystemLog::startCapture();
+    EXPECT_TRUE(CErrorLog::clearAllEventLog()); // nothing to delete is still done
+    EXPECT_TRUE(SystemLog::capturedContains("Error:File not exists"));
+    SystemLog::stopCapture();
+
+    ASSERT_TRUE(CErrorLog::recordError("A", 1, "third", 0));
+    auto content = FileSystem::readFile(logFile());
+    ASSERT_TRUE(content);
+    EXPECT_EQ(content->substr(0, kMark.size()), kMark);
+    EXPECT_EQ(countOf(*content, "\n"), 2u);
+    EXPECT_EQ(countOf(*content, "|third|"), 1u);
+
+    // A log whose folder cannot be made (a file stands in the way) answers false.
+    ASSERT_TRUE(FileSystem::removeAll(home.dataHome() + "/Cirrovault"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(home.dataHome() + "/Cirrovault", "in the way"));
+    SystemLog::startCapture();
+    EXPECT_FALSE(CErrorLog::recordError("A", 1, "lost", 2));
+    EXPECT_EQ(CErrorLog::createErrorLogFile(), "");
+    EXPECT_TRUE(SystemLog::capturedContains("event log"));
+    SystemLog::stopCapture();
+}
+
+TEST_F(CErrorLogTest, EachAccountHasItsOwnLog) {
+    {
+        test::AccountSession session("cust-7");
+        ASSERT_TRUE(session.loggedOn());
+        std::string accountLog = home.dataHome() + "/Cirrovault/Cirrovault Online Backup/cust-7/errlog.log";
+        EXPECT_EQ(CErrorLog::GetEventLogFilePath(), accountLog);
+        ASSERT_TRUE(CErrorLog::recordError("A", 1, "mine", 0));
+        EXPECT_TRUE(FileSystem::isRegularFile(accountLog));
+    }
+    {
+        test::AccountSession strange("..");
+        ASSERT_TRUE(strange.loggedOn());
+        EXPECT_EQ(CErrorLog::GetEventLogFilePath(), "");
+        EXPECT_FALSE(CErrorLog::recordError("A", 1, "nowhere", 0));
+    }
+    EXPECT_FALSE(FileSystem::exists(logFile()));
+}
+
+TEST_F(CErrorLogConcurrency, EightWritersLeaveWholeRecords) {
+    constexpr int kThreads = 8;
+    constexpr int kRecords = 1000;
+    std::vector<std::unique_ptr<Thread>> writers;
+    for (int t = 0; t < kThreads; ++t) {
+        writers.push_back(std::make_unique<Thread>([t] {
+            std::string name = "task" + std::to_string(t);
+            for (int i = 0; i < kRecords; ++i)
+                if (!CErrorLog::recordError(name, i, "message | with 100%", 2))
+                    ADD_FAILURE() << "record failed";
+        }));
+    }
+    for (auto& writer : writers)
+        writer->start();
+    for (auto& writer : writers)
+        writer->join();
+
+    auto content = FileSystem::readFile(logFile());
+    ASSERT_TRUE(content);
+    EXPECT_EQ(content->substr(0, kMark.size()), kMark);
+    EXPECT_EQ(countOf(*content, "4.500000"), 1u);
+    auto lines = split(content->substr(kMark.size()), '\n');
+    ASSERT_EQ(lines.size(), size_t{kThreads * kRecords + 1});
+    EXPECT_EQ(lines.back(), "");
+    lines.pop_back();
+
+    // Every line is one whole record, and each writer's records come in its own order.
+    const std::regex record(R"(task(\d)\|(\d+)\|message %7c with 100%25\|[^|]*\|Error)");
+    std::map<int, int> nextOf;
+    for (const std::string& line : lines) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, record)) << line;
+        int writer = std::stoi(match[1]);
+        EXPECT_EQ(std::stoi(match[2]), nextOf[writer]++);
+    }
+    EXPECT_EQ(nextOf.size(), size_t{kThreads});
+}

@@ -1,0 +1,183 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "common/TempHome.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/Clock.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/Host.h"
+#include "support/CFileInfo.h"
+#include "support/GlobalFunction.h"
+
+using namespace cirrovault;
+
+TEST(GlobalFunctionSizeText, UnitBoundariesAndGrouping) {
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(0), "0 B");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(512), "512 B");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1023), "1023 B");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1024), "1 KB");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1535), "1 KB");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1536), "2 KB"); // half rounds up
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1048063), "1,023 KB");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1048576), "1,024 KB"); // 1024 is still KB
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1049088), "1 MB");     // k = 1025 moves on
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1073741824), "1,024 MB");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(1234567890), "1.15 GB");
+    EXPECT_EQ(GlobalFunction::stringFromFileSize(UINT64_MAX), "17179869184.00 GB");
+}
+
+TEST(GlobalFunctionText, ListsAndStrings) {
+    EXPECT_EQ(GlobalFunction::stringFromNSArray({"a", "", ";", "b"}, ";"), "a;b;");
+    EXPECT_EQ(GlobalFunction::stringFromNSArray({}, ";"), "");
+    EXPECT_EQ(GlobalFunction::arrayFromString("a;b;", ";"),
+              (std::vector<std::string>{"a", "b", ""}));
+    EXPECT_EQ(GlobalFunction::arrayFromString("a;;b", ";"),
+              (std::vector<std::string>{"a", "", "b"}));
+    EXPECT_EQ(GlobalFunction::arrayFromString("a||b", "||"), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(GlobalFunction::arrayFromString("", ";"), std::nullopt);
+
+    EXPECT_EQ(GlobalFunction::stringAppendString("ab", "cd"), "abcd");
+    EXPECT_EQ(GlobalFunction::stringByTrimmingLeadingWhitespace(" \t a b "), "a b ");
+    EXPECT_EQ(GlobalFunction::stringByTrimmingLeadingWhitespace(" \t "), "");
+
+    EXPECT_TRUE(GlobalFunction::IsWindowsBackupTask(""));
+    EXPECT_TRUE(GlobalFunction::IsWindowsBackupTask("C:\\Docs"));
+    EXPECT_FALSE(GlobalFunction::IsWindowsBackupTask("/home/a"));
+    EXPECT_EQ(GlobalFunction::GetWinDriveName("D:\\x"), "D");
+    EXPECT_EQ(GlobalFunction::GetWinDriveName(""), "");
+}
+
+TEST(GlobalFunctionText, ValidNameRefusesEverySpecialCharacter) {
+    EXPECT_TRUE(GlobalFunction::ValidNameFmt("Docs"));
+    EXPECT_TRUE(GlobalFunction::ValidNameFmt("My Docs 2"));
+    EXPECT_FALSE(GlobalFunction::ValidNameFmt(""));
+    for (const char* bad : {"Docs.1", "a$b", "a/b", "a\\b", "a\"b", "a:b", "a*b", "a|b", "a<b",
+                            "a>b", "a?b"})
+        EXPECT_FALSE(GlobalFunction::ValidNameFmt(bad)) << bad;
+}
+
+TEST(GlobalFunctionNames, MachineNameIsCutAtTheFirstDot) {
+    std::string host = Host::name();
+    std::string machine = GlobalFunction::GetMachineName();
+    EXPECT_EQ(machine, host.substr(0, host.find('.')));
+    EXPECT_EQ(machine.find('.'), std::string::npos);
+    EXPECT_EQ(GlobalFunction::getPCName(), machine);
+    EXPECT_EQ(GlobalFunction::GetCurrentUserName(), Host::userFullName());
+}
+
+TEST(GlobalFunctionRandom, SeedingByWholeSecondRepeatsWithinASecond) {
+    auto clock = std::make_shared<ManualClock>(Date(1'000'000.25));
+    Clock::setShared(clock);
+    int first = GlobalFunction::getRandom();
+    clock->advance(0.7);
+    EXPECT_EQ(GlobalFunction::getRandom(), first);
+    srand(1'000'000);
+    EXPECT_EQ(first, rand());
+    clock->advance(1.0);
+    EXPECT_NE(GlobalFunction::getRandom(), first);
+    Clock::setShared(nullptr);
+
+    int id = GlobalFunction::getTaskIDRandom();
+    EXPECT_GE(id, 0);
+    EXPECT_LE(id, RAND_MAX);
+}
+
+TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
+    test::TempHome home;
+    std::string folder = home.file("f");
+    ASSERT_TRUE(CFileInfo::CreateSubDir(folder));
+    ASSERT_TRUE(CFileInfo::CreateFile(folder + "/a.txt"));
+    ASSERT_TRUE(CFileInfo::CreateSubDir(folder + "/sub"));
+    EXPECT_TRUE(GlobalFunction::isFileExists(folder + "/a.txt"));
+    EXPECT_FALSE(GlobalFunction::isFileExists(folder + "/none"));
+    EXPECT_TRUE(GlobalFunction::isFileExistsAndIsDirectory(folder + "/sub"));
+    EXPECT_FALSE(GlobalFunction::isFileExistsAndIsDirectory(folder + "/a.txt"));
+
+    auto entries = GlobalFunction::getSubPath(folder);
+    ASSERT_TRUE(entries);
+    std::sort(entries->begin(), entries->end());
+    EXPECT_EQ(*entries, (std::vector<std::string>{"a.txt", "sub"}));
+    EXPECT_EQ(GlobalFunction::getSubPath(folder + "/none"), std::nullopt);
+
+    ItemInfoRecord info = GlobalFunction::getItemInfo(16, folder + "/a.txt");
+    EXPECT_EQ(info.flags, 16u);
+    EXPECT_EQ(info.fileType, "Regular");
+    EXPECT_EQ(info.extension, "txt");
+    EXPECT_EQ(GlobalFunction::getItemInfo(16, folder + "/none").fileType, "");
+    // Answers true for anything, hidden or not, existing or not.
+    EXPECT_TRUE(GlobalFunction::isInvisible(folder + "/a.txt"));
+    EXPECT_TRUE(GlobalFunction::isInvisible(folder + "/none"));
+}
+
+TEST(GlobalFunctionFiles, CurrentAppPathWithoutLogonIsTheProductFolder) {
+    test::TempHome home;
+    TransferApiUtil::releaseTransferApiUtil();
+    EXPECT_EQ(GlobalFunction::GetOBCurrentAppPath(), CFileInfo::getProductFolderPath());
+    EXPECT_FALSE(FileSystem::exists(CFileInfo::getProductFolderPath())); // nothing is made
+}
+
+TEST(GlobalFunctionFiles, LocalFileAgainstAMissingServerFile) {
+    test::TempHome home;
+    TransferApiUtil::releaseTransferApiUtil();
+    ASSERT_TRUE(CFileInfo::CreateFile(home.file("a.txt")));
+    EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\nowhere\\a.txt", home.file("a.txt")), 2);
+}
+
+class GlobalFunctionDialogs : public ::testing::Test {
+protected:
+    void SetUp() override {
+        presenter = std::make_shared<HeadlessMessagebox>();
+        NimboMessagebox::setPresenter(presenter);
+    }
+    void TearDown() override { NimboMessagebox::setPresenter(nullptr); }
+
+    test::TempHome home;
+    std::shared_ptr<HeadlessMessagebox> presenter;
+};
+
+TEST_F(GlobalFunctionDialogs, MessageBoxShowsTheTextWithoutTitle) {
+    presenter->queueAnswer(MessageboxAnswer::Yes);
+    EXPECT_EQ(GlobalFunction::MessageBox("Cancel the backup?", MessageboxStyle::YesNo), 3);
+    EXPECT_EQ(GlobalFunction::MessageBox("Again?", MessageboxStyle::YesNo), MessageboxAnswer::No);
+    auto shown = presenter->shown();
+    ASSERT_EQ(shown.size(), 2u);
+    EXPECT_EQ(shown[0].title, "");
+    EXPECT_EQ(shown[0].text, "Cancel the backup?");
+    EXPECT_EQ(shown[0].style, 2);
+}
+
+TEST_F(GlobalFunctionDialogs, SpaceLimitRetryOnlyOnRetry) {
+    TransferApiUtil::releaseTransferApiUtil();
+    presenter->queueAnswer(MessageboxAnswer::Retry);
+    EXPECT_TRUE(GlobalFunction::SpaceLimitRetry("Full"));
+    EXPECT_FALSE(GlobalFunction::SpaceLimitRetry("Full")); // headless default: cancel
+    presenter->queueAnswer(MessageboxAnswer::Yes);
+    EXPECT_FALSE(GlobalFunction::SpaceLimitRetry("Full"));
+    EXPECT_EQ(presenter->shown().at(0).style, MessageboxStyle::RetryCancel);
+}
+
+TEST_F(GlobalFunctionDialogs, SpaceLimitAlterBuildsItsMessageAndOrdersOnSeven) {
+    TransferApiUtil::releaseTransferApiUtil();
+    EXPECT_FALSE(GlobalFunction::SpaceLimitAlter(1, ""));
+    presenter->queueAnswer(MessageboxAnswer::OrderSpace);
+    EXPECT_TRUE(GlobalFunction::SpaceLimitAlter(4, "Buy more?"));
+    auto shown = presenter->shown();
+    ASSERT_EQ(shown.size(), 2u);
+    EXPECT_EQ(shown[0].kind, HeadlessMessagebox::Kind::StorageOrder);
+    EXPECT_EQ(shown[0].text, LoadString::GetValueByKey("IDS_STRREACHLIMIT") + " " +
+                                 LoadString::GetValueByKey("IDS_ORDERSPACE"));
+    EXPECT_FALSE(shown[0].checkBox);
+    EXPECT_EQ(shown[0].style, 1);
+    EXPECT_EQ(shown[1].text, "Buy more?");
+    EXPECT_EQ(shown[1].style, 4);
+}
+
+TEST_F(GlobalFunctionDialogs, FolderPanelAnswersTheChosenFolderOrEmpty) {
+    EXPECT_EQ(GlobalFunction::openFolderPanel(), "");
+    presenter->setFolderPanelPath("/restore/here");
+    EXPECT_EQ(GlobalFunction::openFolderPanel(), "/restore/here");
+    EXPECT_EQ(presenter->shown().at(0).title, LoadString::GetValueByKey("RestoreViewTitle"));
+}

@@ -1,0 +1,188 @@
+#include <cstdlib>
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "platform/framework/PropertyList.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
+#include "support/AccountSession.h"
+#include "support/OptionsMan.h"
+
+using namespace cirrovault;
+
+namespace {
+
+class OptionsManTest : public ::testing::Test {
+protected:
+    void SetUp() override { OptionsMan::clearnOptionsManClass(); }
+    void TearDown() override { OptionsMan::clearnOptionsManClass(); }
+
+    std::string publicFile() const {
+        return home.dataHome() + "/Cirrovault/Options/OnlineBackup/Options.plist";
+    }
+
+    void expectDefaults() {
+        EXPECT_EQ(OptionsMan::intervalMinutes(), 1u);
+        EXPECT_TRUE(OptionsMan::IsAutoStartScheduleAfterMinutes());
+        EXPECT_EQ(OptionsMan::reportEmail(), "");
+        EXPECT_FALSE(OptionsMan::IsAutoRun());
+        EXPECT_FALSE(OptionsMan::IsUseSSL());
+        EXPECT_FALSE(OptionsMan::IsReportWhenError());
+        EXPECT_FALSE(OptionsMan::IsReportWhenFinish());
+    }
+
+    test::TempHome home;
+};
+
+bool plistutilReads(const std::string& path) {
+    std::string command = "plistutil -i '" + path + "' -o /dev/null >/dev/null 2>&1";
+    return std::system(command.c_str()) == 0;
+}
+
+} // namespace
+
+TEST_F(OptionsManTest, DefaultsSettersAndLoadingBeforeSaving) {
+    expectDefaults();
+    OptionsMan::LoadPublicOptions(); // no file: nothing changes
+    expectDefaults();
+
+    OptionsMan::SetIntervalMinutes(0);
+    EXPECT_EQ(OptionsMan::intervalMinutes(), 0u); // 0 is a value, not "missing"
+    OptionsMan::SetAutoStartScheduleAfterMinutes(false);
+    OptionsMan::SetAutoRun(true);
+    OptionsMan::SetUseSSL(true);
+    OptionsMan::setReportEmail("a@example.com; b@example.com");
+    OptionsMan::SetReportWhenError(true);
+    OptionsMan::SetReportWhenFinish(true);
+    EXPECT_FALSE(OptionsMan::IsAutoStartScheduleAfterMinutes());
+    EXPECT_TRUE(OptionsMan::IsAutoRun());
+    EXPECT_TRUE(OptionsMan::IsUseSSL());
+    EXPECT_EQ(OptionsMan::reportEmail(), "a@example.com; b@example.com");
+    EXPECT_TRUE(OptionsMan::IsReportWhenError());
+    EXPECT_TRUE(OptionsMan::IsReportWhenFinish());
+    EXPECT_FALSE(FileSystem::exists(publicFile())) << "setters never write the file";
+
+    OptionsMan::LoadPublicOptions(); // still no file: the settings survive
+    EXPECT_EQ(OptionsMan::intervalMinutes(), 0u);
+
+    OptionsMan::SavePublicOptions();
+    OptionsMan::SetIntervalMinutes(42);
+    OptionsMan::LoadPublicOptions(); // loading before saving discards the change
+    EXPECT_EQ(OptionsMan::intervalMinutes(), 0u);
+
+    OptionsMan::clearnOptionsManClass();
+    expectDefaults();
+}
+
+TEST_F(OptionsManTest, FileRoundTripKeepsTypesAndUnknownKeys) {
+    OptionsMan::SetIntervalMinutes(4000000000u);
+    OptionsMan::SetReportWhenFinish(true);
+    OptionsMan::setReportEmail("me@example.com");
+    OptionsMan::SavePublicOptions();
+
+    auto file = PropertyListFile::read(publicFile());
+    ASSERT_TRUE(file);
+    const PropertyList* minutes = file->find("MyOptions")->find("Minutes");
+    ASSERT_TRUE(minutes);
+    EXPECT_EQ(std::get<int64_t>(minutes->value()), 4000000000);
+    EXPECT_EQ(std::get<bool>(file->find("EventLog")->find("ReportWhenFinish")->value()), true);
+    EXPECT_EQ(*file->find("EventLog")->find("ReportEmail")->string(), "me@example.com");
+    ASSERT_TRUE(file->find("SystemOptions")) << "every group is made by a setter";
+    if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
+        EXPECT_TRUE(plistutilReads(publicFile()));
+    }
+
+    // Keys this program does not know are kept through a load and a save.
+    (*file->find("SystemOptions")->dict())["CacheSize"] = PropertyList(int64_t{512});
+    (*file->dict())["FutureGroup"] = PropertyList(PlistDict{{"k", PropertyList("v")}});
+    ASSERT_TRUE(PropertyListFile::write(publicFile(), *file));
+    OptionsMan::clearnOptionsManClass();
+    OptionsMan::LoadPublicOptions();
+    EXPECT_EQ(OptionsMan::intervalMinutes(), 4000000000u);
+    EXPECT_TRUE(OptionsMan::IsReportWhenFinish());
+    OptionsMan::SetUseSSL(true);
+    OptionsMan::SavePublicOptions();
+    auto again = PropertyListFile::read(publicFile());
+    ASSERT_TRUE(again);
+    EXPECT_EQ(std::get<int64_t>(again->find("SystemOptions")->find("CacheSize")->value()), 512);
+    EXPECT_EQ(*again->find("FutureGroup")->find("k")->string(), "v");
+    EXPECT_EQ(std::get<bool>(again->find("SystemOptions")->find("UseSSL")->value()), true);
+}
+
+TEST_F(OptionsManTest, DamagedFileGivesDefaultsAndStoresNothingUntilReset) {
+    std::string good = PropertyList(PlistDict{{"MyOptions", PropertyList(PlistDict{
+                                                                {"Minutes", PropertyList(9)}})}})
+                           .toXml();
+    const std::string damaged[] = {
+        "", "not a property list at all", good.substr(0, good.size() / 2),
+        PropertyList(PlistArray{PropertyList("x")}).toXml(), // a list where a dictionary belongs
+    };
+    for (const std::string& content : damaged) {
+        SCOPED_TRACE(content);
+        OptionsMan::clearnOptionsManClass();
+        OptionsMan::SetIntervalMinutes(7);
+        ASSERT_TRUE(FileSystem::createDirectories(home.dataHome() + "/Cirrovault/Options/OnlineBackup"));
+        ASSERT_TRUE(FileSystem::writeFileAtomically(publicFile(), content));
+
+        SystemLog::startCapture();
+        OptionsMan::LoadPublicOptions();
+        EXPECT_TRUE(SystemLog::capturedContains("damaged options file"));
+        SystemLog::stopCapture();
+        expectDefaults();
+        OptionsMan::SetIntervalMinutes(5); // no options: nothing is stored
+        EXPECT_EQ(OptionsMan::intervalMinutes(), 1u);
+        OptionsMan::SavePublicOptions(); // and nothing is written over the file
+        EXPECT_EQ(FileSystem::readFile(publicFile()), content);
+    }
+    OptionsMan::clearnOptionsManClass();
+    OptionsMan::SetIntervalMinutes(5);
+    EXPECT_EQ(OptionsMan::intervalMinutes(), 5u);
+
+    // A group that is not a dictionary reads as missing and takes no values.
+    ASSERT_TRUE(FileSystem::writeFileAtomically(
+        publicFile(), PropertyList(PlistDict{{"MyOptions", PropertyList("oops")}}).toXml()));
+    OptionsMan::LoadPublicOptions();
+    OptionsMan::SetIntervalMinutes(3);
+    EXPECT_EQ(OptionsMan::intervalMinutes(), 1u);
+    OptionsMan::SetReportWhenError(true); // other groups still work
+    EXPECT_TRUE(OptionsMan::IsReportWhenError());
+}
+
+TEST_F(OptionsManTest, AccountFileIsSeparateFromThePublicFile) {
+    EXPECT_EQ(OptionsMan::getOptionsFile(), OptionsMan::getPublicOptionsFile());
+    EXPECT_EQ(OptionsMan::getPublicOptionsFile(), publicFile());
+    EXPECT_TRUE(FileSystem::isDirectory(home.dataHome() + "/Cirrovault/Options/OnlineBackup"));
+
+    OptionsMan::SetIntervalMinutes(30);
+    OptionsMan::SavePublicOptions();
+    {
+        test::AccountSession session("cust-42");
+        ASSERT_TRUE(session.loggedOn());
+        std::string accountFile =
+            home.dataHome() + "/Cirrovault/Options/OnlineBackup/cust-42/Options.plist";
+        EXPECT_EQ(OptionsMan::getOptionsFile(), accountFile);
+
+        OptionsMan::clearnOptionsManClass();
+        OptionsMan::SetIntervalMinutes(15);
+        OptionsMan::SaveOptions();
+        ASSERT_TRUE(FileSystem::isRegularFile(accountFile));
+
+        OptionsMan::clearnOptionsManClass();
+        OptionsMan::LoadOptions();
+        EXPECT_EQ(OptionsMan::intervalMinutes(), 15u);
+        OptionsMan::LoadPublicOptions(); // the sets are not merged: the last load wins
+        EXPECT_EQ(OptionsMan::intervalMinutes(), 30u);
+        OptionsMan::LoadOptions();
+        EXPECT_EQ(OptionsMan::intervalMinutes(), 15u);
+    }
+    {
+        test::AccountSession strange("../escape");
+        ASSERT_TRUE(strange.loggedOn());
+        SystemLog::startCapture();
+        EXPECT_EQ(OptionsMan::getOptionsFile(), "");
+        OptionsMan::SaveOptions(); // refused, not written outside the options folder
+        EXPECT_TRUE(SystemLog::capturedContains("customer ID"));
+        SystemLog::stopCapture();
+        EXPECT_FALSE(FileSystem::exists(home.dataHome() + "/Cirrovault/Options/escape"));
+    }
+}
