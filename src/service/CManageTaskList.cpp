@@ -15,7 +15,9 @@ constexpr const char* kRequestDateFormat = "yyyy-MM-dd HH:mm:ss";
 // Paths per request when the setting "UploadLocalPathCount" has any text at all.
 constexpr uint64_t kPathsPerRequest = 100;
 
-std::string encoded(const std::string& text) { return TransferApiUtil::EncodeURL(text); }
+std::string encoded(const std::string& text) {
+    return TransferApiUtil::EncodeURL(text);
+}
 
 void appendPair(std::string& url, const std::string& key, const std::string& value) {
     url += key;
@@ -64,7 +66,8 @@ std::vector<TaskListPathItem> pathItems(const std::vector<std::string>& paths) {
     return {paths.begin(), paths.end()};
 }
 
-std::vector<TaskListPathItem> pathItems(const std::vector<std::map<std::string, std::string>>& dictionaries) {
+std::vector<TaskListPathItem>
+pathItems(const std::vector<std::map<std::string, std::string>>& dictionaries) {
     return {dictionaries.begin(), dictionaries.end()};
 }
 
@@ -226,7 +229,8 @@ std::string CManageTaskList::getBackupTasks(const std::string& taskName,
                                             const std::string& bGetLocalPath) {
     try {
         std::string reply;
-        iResult = TransferApiUtil::shareTransferApiUtil().getTaskList(taskName, bGetLocalPath, reply);
+        iResult =
+            TransferApiUtil::shareTransferApiUtil().getTaskList(taskName, bGetLocalPath, reply);
         return iResult == ResultCode::Success ? reply : std::string();
     } catch (const std::exception&) {
         SystemLog::write("Error:getBackupTasks");
@@ -263,13 +267,20 @@ std::string CManageTaskList::showManageTaskListResult(int32_t code, int32_t task
     try {
         if (taskListType == 0) {
             switch (code) {
-            case 0: return " Add/Edit successfully.";
-            case 1: return "Not logon.";
-            case 2: return "Task name can’t be empty.";
-            case 4: return "Failed to update, did not find old backup task.";
-            case 5: return "Failed to update, DB error.";
-            case 6: return "Already exists same backup task.";
-            default: break;
+            case 0:
+                return " Add/Edit successfully.";
+            case 1:
+                return "Not logon.";
+            case 2:
+                return "Task name can’t be empty.";
+            case 4:
+                return "Failed to update, did not find old backup task.";
+            case 5:
+                return "Failed to update, DB error.";
+            case 6:
+                return "Already exists same backup task.";
+            default:
+                break;
             }
         } else if (taskListType == 1) {
             if (code == 0)

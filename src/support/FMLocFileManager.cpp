@@ -63,7 +63,8 @@ bool moveToTrash(const std::string& path) {
         trashName = name + "." + std::to_string(n);
     // The original place, percent-encoded part by part with its "/" kept.
     std::string encoded;
-    for (const std::string& part : *GlobalFunction::arrayFromString(path, "/"))
+    auto parts = GlobalFunction::arrayFromString(path, "/");
+    for (const std::string& part : parts.value_or(std::vector<std::string>{}))
         if (!part.empty())
             encoded += "/" + UrlCoding::encode(part);
     DateComponents now = Calendar::components(Date::now());

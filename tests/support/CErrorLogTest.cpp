@@ -58,6 +58,7 @@ TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMark) {
     auto clock = std::make_shared<ManualClock>(Date(1714568709.0));
     Clock::setShared(clock);
     std::string time = Functions::stringTransFromedDate(clock->now(), "yyyy-MM-dd HH:mm:ss");
+    EXPECT_TRUE(std::regex_match(time, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << time;
 
     EXPECT_EQ(CErrorLog::GetEventLogFilePath(), logFile());
     EXPECT_FALSE(FileSystem::exists(logFile())) << "asking for the path creates nothing";

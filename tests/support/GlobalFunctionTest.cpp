@@ -181,3 +181,9 @@ TEST_F(GlobalFunctionDialogs, FolderPanelAnswersTheChosenFolderOrEmpty) {
     EXPECT_EQ(GlobalFunction::openFolderPanel(), "/restore/here");
     EXPECT_EQ(presenter->shown().at(0).title, LoadString::GetValueByKey("RestoreViewTitle"));
 }
+
+TEST(GlobalFunctionText, ServerDateReadThroughTheLowerCasePattern) {
+    // The month lands in the minutes and is then overwritten: January, as it always was.
+    EXPECT_EQ(GlobalFunction::localDateFromServerDate("03/15/2024 14:30:00"), "2024-01-15 14:30:00");
+    EXPECT_EQ(GlobalFunction::localDateFromServerDate("not a date"), "");
+}

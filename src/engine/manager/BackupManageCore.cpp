@@ -26,7 +26,9 @@ std::string CBackupManage::getCreateNewTaskName() const {
     return pNewTask ? pNewTask->name : std::string();
 }
 
-int32_t CBackupManage::GetType() const { return pNewTask ? pNewTask->GetType() : 0; }
+int32_t CBackupManage::GetType() const {
+    return pNewTask ? pNewTask->GetType() : 0;
+}
 
 bool CBackupManage::ISFirtLogOn() {
     try {
@@ -81,8 +83,7 @@ void CBackupManage::SetEncryMode(bool bEncryMode) {
 void CBackupManage::SendLogByEmail(const std::string& /*strLog*/, const std::string& /*errStr*/,
                                    int64_t /*iErr*/) {}
 
-void CBackupManage::MySignup(const std::string& /*userName*/,
-                             const std::string& /*userPassword*/,
+void CBackupManage::MySignup(const std::string& /*userName*/, const std::string& /*userPassword*/,
                              const std::string& /*emailAddress*/) {}
 
 std::string CBackupManage::GetSvrDataFolder() {

@@ -38,18 +38,18 @@ public:
     // recursive because guarded operations call each other.
     mutable std::recursive_mutex managerLock;
 
-    std::string strWorkingFile;       // local file a restore view works on
-    std::string strServerWorkingFile; // its server path
-    std::string pcName;               // this computer's name, from the identity file
-    std::string strName;              // the logged-on user
-    std::string strPassword;          // in memory only; never logged
-    std::string taskServerPath;       // server folder of the task list (set by the host)
-    std::string taskHistoryPath;      // server folder of task history (set by the host)
+    std::string strWorkingFile;         // local file a restore view works on
+    std::string strServerWorkingFile;   // its server path
+    std::string pcName;                 // this computer's name, from the identity file
+    std::string strName;                // the logged-on user
+    std::string strPassword;            // in memory only; never logged
+    std::string taskServerPath;         // server folder of the task list (set by the host)
+    std::string taskHistoryPath;        // server folder of task history (set by the host)
     std::string taskBackupLogLocalPath; // local folder of result logs (set by the host)
-    std::vector<TaskPtr> waitingList; // guarded by managerLock; first in, first out
-    std::vector<TaskPtr> errTaskList; // guarded by managerLock
-    std::vector<TaskPtr> taskList;    // changed and walked under managerLock; owns the tasks
-    uint64_t pcID = 0;                // this computer's identity number
+    std::vector<TaskPtr> waitingList;   // guarded by managerLock; first in, first out
+    std::vector<TaskPtr> errTaskList;   // guarded by managerLock
+    std::vector<TaskPtr> taskList;      // changed and walked under managerLock; owns the tasks
+    uint64_t pcID = 0;                  // this computer's identity number
     std::atomic<bool> bCancelLogon{false};
     std::atomic<bool> bLogOff{false}; // a log-off is under way or done; stops the scheduler
     std::atomic<bool> bExit{false};   // the application is quitting; stops the scheduler
@@ -62,14 +62,14 @@ public:
     std::shared_ptr<Thread> pLogonThread;
     StowlineBackupManageDelegate* delegate = nullptr; // the host's; not owned
     CLoopItem* loopItem = nullptr; // the logon/log-off dialog as its worker sees it; not owned
-    std::shared_ptr<CLoopItem> pLoopDlg; // that dialog, held by the operation showing it
+    std::shared_ptr<CLoopItem> pLoopDlg;       // that dialog, held by the operation showing it
     std::unique_ptr<PasswordMan> pPasswordMan; // keeps task encryption pass phrases
     // Made anew by the scheduler; replaced and read under managerLock.
     std::shared_ptr<Semaphore> exitDoscheduleSemaphoreID;     // the scheduler has ended
     std::shared_ptr<Semaphore> fineshedDoscheduleSemaphoreID; // a scheduler pass has ended
-    TaskPtr pNewTask;     // the task under creation in the wizard
-    TaskPtr pSaveTask;    // a task kept aside during a task-list reload
-    TaskPtr pWorkingTask; // guarded by managerLock; the one running task
+    TaskPtr pNewTask;              // the task under creation in the wizard
+    TaskPtr pSaveTask;             // a task kept aside during a task-list reload
+    TaskPtr pWorkingTask;          // guarded by managerLock; the one running task
     int32_t nOSBackupDataType = 3; // kind of source paths of tasks being migrated
 
     // ---- Small operations ----

@@ -79,7 +79,9 @@ bool CBackupTask::IsInSourceList(const std::string& path) {
 }
 
 // Same walk and the same log line as IsInSourceList: both names are in use.
-bool CBackupTask::IsInBackupList(const std::string& path) { return IsInSourceList(path); }
+bool CBackupTask::IsInBackupList(const std::string& path) {
+    return IsInSourceList(path);
+}
 
 std::optional<SourceInfo> CBackupTask::GetSrcItem(const std::string& path) {
     try {
@@ -123,9 +125,9 @@ std::string CBackupTask::GetFirstSrcPath() {
     return "";
 }
 
-// Renaming is done by the manager through the server task list; the record only
-// confirms.
-bool CBackupTask::RenameTask(const std::string& /*newName*/) { return true; }
+bool CBackupTask::RenameTask(const std::string& /*newName*/) {
+    return true;
+}
 
 bool CBackupTask::RenamePath(const std::string& /*oldPath*/, const std::string& /*newPath*/) {
     return !bDeleting;

@@ -52,18 +52,18 @@ public:
     CBackupTask& operator=(const CBackupTask&) = delete;
 
     // ---- Identity and settings ----
-    std::string name;        // unique among the user's tasks; key of its log entries
-    std::string description; // given with the name when the server folder is made
-    std::string serverPath;  // the task's server folder; empty makes a run fail at once
-    std::string mPCName;     // the computer that owns the task
-    int32_t taskID = 0;      // also the key of event-log records
-    uint64_t pcID = 0;       // identity of the owning computer
-    int32_t taskType = 0;    // schedule kind in the low four bits
+    std::string name;           // unique among the user's tasks; key of its log entries
+    std::string description;    // given with the name when the server folder is made
+    std::string serverPath;     // the task's server folder; empty makes a run fail at once
+    std::string mPCName;        // the computer that owns the task
+    int32_t taskID = 0;         // also the key of event-log records
+    uint64_t pcID = 0;          // identity of the owning computer
+    int32_t taskType = 0;       // schedule kind in the low four bits
     uint64_t uiMaxVersion = 10; // old versions of a file kept on the server
     uint64_t uiTaskListVersion = 0;
     bool bEncryMode = false; // files are stored encrypted
     bool bFolder = false;
-    std::string oldName;     // previous name while a rename is pending
+    std::string oldName; // previous name while a rename is pending
     std::optional<std::string> strTempFolder;
     std::optional<std::string> strErrLog; // error text of the last run
     std::optional<std::string> strLimitLocalPath;
@@ -94,16 +94,16 @@ public:
     uint64_t uiTaskCurrentUploadSize = 0;
     uint64_t fileTotalSize = 0;
     int32_t nScanTotalFiles = 0;
-    bool bResume = false;   // the next run retries a failed one
-    bool blogModify = false; // the record changed and must go to the server task list
-    std::atomic<bool> bHaveErr{false}; // read by the manager when the run ends
-    bool bNeedRestart = false;  // kept for the host; the run never reads it
+    bool bResume = false;               // the next run retries a failed one
+    bool blogModify = false;            // the record changed and must go to the server task list
+    std::atomic<bool> bHaveErr{false};  // read by the manager when the run ends
+    bool bNeedRestart = false;          // kept for the host; the run never reads it
     std::atomic<bool> bDeleting{false}; // refuses runs and renames
-    bool mbAllowUpload = false; // kept for the host; the run never reads it
-    bool bReCheckSize = false;  // kept for the host; the run never reads it
-    bool isHookStopping = false; // kept for the host; the run never reads it
-    std::atomic<bool> bLogOff{false}; // ends the run without the end-of-run events
-    std::atomic<bool> bExit{false};   // set with bLogOff by the manager; not read by the run
+    bool mbAllowUpload = false;         // kept for the host; the run never reads it
+    bool bReCheckSize = false;          // kept for the host; the run never reads it
+    bool isHookStopping = false;        // kept for the host; the run never reads it
+    std::atomic<bool> bLogOff{false};   // ends the run without the end-of-run events
+    std::atomic<bool> bExit{false};     // set with bLogOff by the manager; not read by the run
     std::atomic<bool> bCancleScanFile{false};
     bool bInitUIPrgBar = false;
     bool bCreateBackupFolder = false;
@@ -122,8 +122,8 @@ public:
     // For a task moved from another computer: {"PathID": path, "TypeID": folder flag}
     // per source, in the order of localDirList.
     std::vector<std::map<std::string, std::string>> sourceInfoArray;
-    std::vector<std::string> filterExt;  // file-name patterns the scan leaves out
-    std::vector<std::string> filtedPath; // folder patterns the scan leaves out
+    std::vector<std::string> filterExt;     // file-name patterns the scan leaves out
+    std::vector<std::string> filtedPath;    // folder patterns the scan leaves out
     std::vector<std::string> scanFileArray; // what the scan chose; emptied after each run
     std::vector<std::string> mSmallCacheFileList;
     std::vector<std::string> mGetScanFilePath;
@@ -138,10 +138,10 @@ public:
     std::shared_ptr<TrueProgressCallback> pPrgBar; // progress and cancel marks of the run
     // The wait dialog of an interactive scan, and the same dialog seen as a loop item.
     std::shared_ptr<CLoopItem> pLoopDlgController;
-    StowlineDelegate* delegate = nullptr;           // not owned
-    std::shared_ptr<Semaphore> backupSemaphoreID;   // signalled when a run has finished
-    std::shared_ptr<Thread> pThread;                // the interactive scan thread
-    CLoopItem* loopItem = nullptr;                  // not owned
+    StowlineDelegate* delegate = nullptr;         // not owned
+    std::shared_ptr<Semaphore> backupSemaphoreID; // signalled when a run has finished
+    std::shared_ptr<Thread> pThread;              // the interactive scan thread
+    CLoopItem* loopItem = nullptr;                // not owned
 
     // ---- Source list ----
     // Adds a SourceInfo record (log serial 1, folder flag as found now). Duplicates and
@@ -160,9 +160,10 @@ public:
     std::string GetFirstSrcPath();
 
     // ---- Small operations ----
+    // Renames go through the manager and the server task list; these only answer.
     bool RenameTask(const std::string& newName); // true; the name is left as it is
     bool RenamePath(const std::string& oldPath, const std::string& newPath); // !bDeleting
-    int32_t GetType() const { return taskType; } // all bits
+    int32_t GetType() const { return taskType; } // all bits, flags included
     void setTaskState(int32_t state) { mTaskState = state; }
     void SetDelegate(StowlineDelegate* receiver) { delegate = receiver; }
     StowlineDelegate* GetDelegate() const { return delegate; }

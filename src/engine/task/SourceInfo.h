@@ -9,9 +9,9 @@ namespace cirrovault {
 // One source of a task as the source-list editor records it.
 class SourceInfo {
 public:
-    std::string m_strPath;   // absolute local path of the file or folder
+    std::string m_strPath; // absolute local path of the file or folder
     uint64_t m_uLogSerial = 0;
-    bool m_bFolder = false;  // the path was an existing folder when added
+    bool m_bFolder = false; // the path was an existing folder when added
 
     static SourceInfo InitSourceInfoWith(const std::string& path, uint64_t uLogSerial,
                                          bool bFolder);

@@ -12,7 +12,9 @@ namespace {
 constexpr int64_t kFormatVersion = 1;
 
 // Unsigned 64-bit values travel through the property list's signed integers bit for bit.
-PropertyList unsignedValue(uint64_t value) { return PropertyList(static_cast<int64_t>(value)); }
+PropertyList unsignedValue(uint64_t value) {
+    return PropertyList(static_cast<int64_t>(value));
+}
 
 PropertyList textArray(const std::vector<std::string>& texts) {
     PlistArray array;

@@ -1,5 +1,6 @@
 #include "platform/framework/TaskListServer.h"
 
+#include <algorithm>
 #include <charconv>
 #include <random>
 #include <stdexcept>
@@ -17,7 +18,9 @@ namespace cirrovault {
 
 namespace {
 
-constexpr int32_t code(int64_t resultCode) { return static_cast<int32_t>(resultCode); }
+constexpr int32_t code(int64_t resultCode) {
+    return static_cast<int32_t>(resultCode);
+}
 
 // The task list answers 6 for a name that is taken (elsewhere 6 means cancelled).
 constexpr int32_t kTaskExists = 6;
@@ -315,8 +318,8 @@ void backOff(int attempt) {
 TaskListServer::TaskListServer(std::shared_ptr<StoreBackend> backend, bool loggedOn)
     : backend_(std::move(backend)), loggedOn_(loggedOn) {}
 
-int32_t TaskListServer::read(TaskListDocument& document) {
-    std::string bytes, version;
+int32_t TaskListServer::read(TaskListDocument& document, std::string& version) {
+    std::string bytes;
     int64_t rc = backend_->readTaskList(bytes, version);
     if (rc == ResultCode::NotLoggedOn)
         return code(rc);
@@ -326,29 +329,23 @@ int32_t TaskListServer::read(TaskListDocument& document) {
     }
     auto parsed = TaskListDocument::parse(bytes);
     if (!parsed)
-        return code(ResultCode::StorageError);
+        return code(ResultCode::StorageError); // a damaged list is left as it is
     document = std::move(*parsed);
     return code(ResultCode::Success);
 }
 
 int32_t TaskListServer::update(const Change& change) {
     for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-        std::string bytes, version;
-        int64_t rc = backend_->readTaskList(bytes, version);
-        if (rc == ResultCode::NotLoggedOn)
-            return code(rc);
-        if (rc != ResultCode::Success) {
-            SystemLog::write("Error: task list could not be read, code " + std::to_string(rc));
-            return code(ResultCode::StorageError);
-        }
-        auto document = TaskListDocument::parse(bytes);
-        if (!document)
-            return code(ResultCode::StorageError); // a damaged list is left as it is
+        TaskListDocument document;
+        std::string version;
+        int32_t result = read(document, version);
+        if (result != ResultCode::Success)
+            return result;
         bool changed = false;
-        int32_t result = change(*document, changed);
+        result = change(document, changed);
         if (result != ResultCode::Success || !changed)
             return result;
-        rc = backend_->writeTaskList(document->serialize(), version);
+        int64_t rc = backend_->writeTaskList(document.serialize(), version);
         if (rc == ResultCode::Success)
             return result;
         if (rc == ResultCode::NotLoggedOn)
@@ -399,7 +396,8 @@ int32_t TaskListServer::getTaskList(const std::string& taskName, const std::stri
             return code(ResultCode::BadRequest);
         }
         TaskListDocument document;
-        int32_t result = read(document);
+        std::string version;
+        int32_t result = read(document, version);
         if (result != ResultCode::Success)
             return result;
         std::string reply;
@@ -422,7 +420,8 @@ int32_t TaskListServer::getTaskNames(const std::string& flag, std::string& taskN
         if (!loggedOn_ || !backend_)
             return code(ResultCode::NotLoggedOn);
         TaskListDocument document;
-        int32_t result = read(document);
+        std::string version;
+        int32_t result = read(document, version);
         if (result != ResultCode::Success)
             return result;
         std::vector<std::string> names;
@@ -450,8 +449,9 @@ int32_t TaskListServer::deleteTasks(const std::string& request) {
         return update([&](TaskListDocument& document, bool& changed) {
             size_t before = document.tasks.size();
             std::unordered_set<std::string> doomed(names.begin(), names.end());
-            std::erase_if(document.tasks,
-                          [&](const TaskListRecord& task) { return doomed.count(task.taskName) > 0; });
+            std::erase_if(document.tasks, [&](const TaskListRecord& task) {
+                return doomed.count(task.taskName) > 0;
+            });
             changed = document.tasks.size() != before;
             return code(ResultCode::Success);
         });

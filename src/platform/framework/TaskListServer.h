@@ -43,7 +43,7 @@ public:
 private:
     using Change = std::function<int32_t(TaskListDocument& document, bool& changed)>;
     int32_t update(const Change& change);
-    int32_t read(TaskListDocument& document);
+    int32_t read(TaskListDocument& document, std::string& version);
 
     std::shared_ptr<StoreBackend> backend_;
     bool loggedOn_;

@@ -95,13 +95,8 @@ int64_t TransferApiUtil::AddFolder(const std::string& path, const std::string& f
         if (!store)
             return ResultCode::NoService;
         int64_t code = store->makeFolder(*canonical, folderDescription, folderCaption);
-        if (code == ResultCode::Success) {
-            StoreItem folder;
-            folder.isFolder = true;
-            folder.description = folderDescription;
-            folder.caption = folderCaption;
-            state_->tree->noteStored(*canonical, folder);
-        }
+        if (code == ResultCode::Success)
+            noteArrived(*store, *state_->tree, *canonical);
         return code;
     } catch (const std::exception&) {
         SystemLog::write("Error: TransferApiUtil::AddFolder()");

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -224,8 +225,10 @@ bool FileSystem::writeHeadAndAppend(const std::string& path, const std::string& 
     int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0)
         return false;
-    bool ok = true;
-    if (!head.empty()) {
+    // Another process (the daemon beside the command line) may append too: without the
+    // lock both could find the same end and one record would overwrite the other.
+    bool ok = ::flock(fd, LOCK_EX) == 0;
+    if (ok && !head.empty()) {
         ssize_t n;
         do
             n = ::pwrite(fd, head.data(), head.size(), 0);

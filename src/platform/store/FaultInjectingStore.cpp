@@ -43,7 +43,8 @@ private:
 // Stops the inner put as soon as the cut is reached, as a dead connection would.
 class CutObserver : public TransferObserver {
 public:
-    CutObserver(TransferObserver* outer, const CutSource& source) : outer_(outer), source_(source) {}
+    CutObserver(TransferObserver* outer, const CutSource& source)
+        : outer_(outer), source_(source) {}
     void transferred(uint64_t done, uint64_t total) override {
         if (outer_)
             outer_->transferred(done, total);
@@ -62,8 +63,7 @@ private:
 };
 
 // Runs one operation; an exception becomes the operation's fixed log line and Failure.
-template <typename Body>
-int64_t guarded(const char* operation, Body body) {
+template <typename Body> int64_t guarded(const char* operation, Body body) {
     try {
         return body();
     } catch (const std::exception&) {
@@ -77,7 +77,9 @@ int64_t guarded(const char* operation, Body body) {
 FaultInjectingStore::FaultInjectingStore(std::shared_ptr<StoreBackend> inner)
     : inner_(std::move(inner)) {}
 
-FaultInjectingStore::~FaultInjectingStore() { clearFaults(); }
+FaultInjectingStore::~FaultInjectingStore() {
+    clearFaults();
+}
 
 void FaultInjectingStore::failPutWithSpaceLimit(int32_t nthPut) {
     std::lock_guard lock(mutex_);
@@ -173,9 +175,13 @@ int64_t FaultInjectingStore::hang(TransferObserver* observer) {
     return result;
 }
 
-StoreCapabilities FaultInjectingStore::capabilities() const { return inner_->capabilities(); }
+StoreCapabilities FaultInjectingStore::capabilities() const {
+    return inner_->capabilities();
+}
 
-std::string FaultInjectingStore::describe() const { return "faulty " + inner_->describe(); }
+std::string FaultInjectingStore::describe() const {
+    return "faulty " + inner_->describe();
+}
 
 int64_t FaultInjectingStore::logon(const std::string& userName, const std::string& password,
                                    StoreSession& session) {
@@ -186,7 +192,9 @@ int64_t FaultInjectingStore::logon(const std::string& userName, const std::strin
     });
 }
 
-void FaultInjectingStore::logoff() { inner_->logoff(); }
+void FaultInjectingStore::logoff() {
+    inner_->logoff();
+}
 
 int64_t FaultInjectingStore::stat(const std::string& path, StoreItem& item) {
     return guarded("stat", [&]() -> int64_t {
@@ -254,7 +262,8 @@ int64_t FaultInjectingStore::put(const std::string& path, ByteSource& source, Da
         CutObserver cutObserver(observer, cutSource);
         int64_t rc = inner_->put(path, cutSource, modifyTime, &cutObserver);
         if (cutSource.isCut() && rc != ResultCode::Success) {
-            SystemLog::write("FaultInjectingStore: connection dropped during the upload of " + path);
+            SystemLog::write("FaultInjectingStore: connection dropped during the upload of " +
+                             path);
             return ResultCode::Failure;
         }
         return rc;

@@ -20,8 +20,20 @@ namespace cirrovault {
 class FaultInjectingStore : public StoreBackend {
 public:
     enum class Operation {
-        Logon, Stat, List, MakeFolder, SetFolderInfo, Put, Get, Move, Copy, Remove, Quota,
-        ReadTaskList, WriteTaskList, Flush
+        Logon,
+        Stat,
+        List,
+        MakeFolder,
+        SetFolderInfo,
+        Put,
+        Get,
+        Move,
+        Copy,
+        Remove,
+        Quota,
+        ReadTaskList,
+        WriteTaskList,
+        Flush
     };
 
     explicit FaultInjectingStore(std::shared_ptr<StoreBackend> inner);

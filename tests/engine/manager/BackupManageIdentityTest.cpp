@@ -68,9 +68,9 @@ TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
 }
 
 TEST_F(BackupManageIdentity, DamagedFileKeepsTheIdentityAndIsLeftAlone) {
-    std::string valid = PropertyList(PlistDict{{"PC ID", PropertyList("77")},
-                                               {"PC Name", PropertyList("desk")}})
-                            .toXml();
+    std::string valid =
+        PropertyList(PlistDict{{"PC ID", PropertyList("77")}, {"PC Name", PropertyList("desk")}})
+            .toXml();
     const std::string damaged[] = {"", valid.substr(0, valid.size() / 2), "PC ID = 77\n",
                                    PropertyList(PlistArray{PropertyList("77")}).toXml()};
     ASSERT_TRUE(FileSystem::createDirectories(productFolder()));

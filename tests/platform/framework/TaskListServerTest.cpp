@@ -22,7 +22,7 @@ namespace {
 // Keeps only a task-list document, with versions and compare-and-swap like a real store.
 class MemoryTaskListStore : public StoreBackend {
 public:
-    std::function<void()> beforeWrite; // runs once per write, outside the lock
+    std::function<void()> beforeWrite; // runs once, before the next write; set while idle
     bool failReads = false;
     bool alwaysConflict = false;
 
@@ -48,8 +48,14 @@ public:
         version = version_;
         return ResultCode::Success;
     }
-    int64_t writeTaskList(const std::string& document, const std::string& expectedVersion) override {
-        if (auto hook = std::exchange(beforeWrite, nullptr))
+    int64_t writeTaskList(const std::string& document,
+                          const std::string& expectedVersion) override {
+        std::function<void()> hook;
+        {
+            std::lock_guard lock(mutex_);
+            hook = std::exchange(beforeWrite, nullptr);
+        }
+        if (hook)
             hook();
         std::lock_guard lock(mutex_);
         if (alwaysConflict || expectedVersion != version_)
@@ -64,9 +70,15 @@ public:
     int64_t logon(const std::string&, const std::string&, StoreSession&) override { return 0; }
     void logoff() override {}
     int64_t stat(const std::string&, StoreItem&) override { return ResultCode::NotFound; }
-    int64_t list(const std::string&, std::vector<StoreItem>&) override { return ResultCode::NotFound; }
-    int64_t makeFolder(const std::string&, const std::string&, const std::string&) override { return 3; }
-    int64_t setFolderInfo(const std::string&, const std::string&, const std::string&) override { return 3; }
+    int64_t list(const std::string&, std::vector<StoreItem>&) override {
+        return ResultCode::NotFound;
+    }
+    int64_t makeFolder(const std::string&, const std::string&, const std::string&) override {
+        return 3;
+    }
+    int64_t setFolderInfo(const std::string&, const std::string&, const std::string&) override {
+        return 3;
+    }
     int64_t put(const std::string&, ByteSource&, Date, TransferObserver*) override { return 3; }
     int64_t get(const std::string&, ByteSink&, TransferObserver*) override { return 3; }
     int64_t move(const std::string&, const std::string&) override { return 3; }
@@ -82,22 +94,25 @@ private:
     int writes_ = 0;       // guarded by mutex_
 };
 
-std::string enc(const std::string& text) { return UrlCoding::encode(text); }
+std::string enc(const std::string& text) {
+    return UrlCoding::encode(text);
+}
 
 // A request as the client writes it; entries are {path, add?}.
 std::string request(const std::string& name, const std::string& action,
                     const std::vector<std::pair<std::string, bool>>& entries = {},
                     const std::string& oldName = "", int taskID = 7) {
-    std::string text = "TaskID=" + std::to_string(taskID) +
-                       "&ComputerID=18446744073709551615&TaskName=" + enc(name) +
-                       "&Descr=" + enc("My docs & more") + "&PcName=box&Type=-2147483631" +
-                       "&BackupDate=" + enc("2024-03-05 07:08:09") + "&ServerPath=" +
-                       enc("\\Backup\\" + name) + "&FilterExts=" + enc("a b") + "|tmp|" +
-                       "&FilterPaths=&MaxVersion=10&NextDate=" + enc("2024-03-06 00:00:00") +
-                       "&BeginDate=" + enc("2024-02-05 07:08:09") + "&EndDate=" +
-                       enc("2099-01-01 00:00:00") + "&ResumeDate=" + enc("1971-01-01 00:00:00") +
-                       "&RemoteSize=123&IsResume=1&Upgraded=&OldTaskName=" +
-                       enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
+    std::string text =
+        "TaskID=" + std::to_string(taskID) +
+        "&ComputerID=18446744073709551615&TaskName=" + enc(name) +
+        "&Descr=" + enc("My docs & more") + "&PcName=box&Type=-2147483631" +
+        "&BackupDate=" + enc("2024-03-05 07:08:09") + "&ServerPath=" + enc("\\Backup\\" + name) +
+        "&FilterExts=" + enc("a b") + "|tmp|" +
+        "&FilterPaths=&MaxVersion=10&NextDate=" + enc("2024-03-06 00:00:00") +
+        "&BeginDate=" + enc("2024-02-05 07:08:09") + "&EndDate=" + enc("2099-01-01 00:00:00") +
+        "&ResumeDate=" + enc("1971-01-01 00:00:00") +
+        "&RemoteSize=123&IsResume=1&Upgraded=&OldTaskName=" +
+        enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
     for (size_t i = 0; i < entries.size(); ++i) {
         std::string n = std::to_string(i);
         text += "IsFolder" + n + "=1&Path" + n + "=" + enc(entries[i].first) + "&Serial" + n +
@@ -190,31 +205,31 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     const std::vector<std::string> damaged = {
         "",
         "garbage",
-        replaced("TaskID=7&", ""),                            // missing key
-        replaced("TaskID=7", "TaskID=seven"),                 // bad number
-        replaced("TaskID=7", "TaskID=99999999999"),           // out of 32 bits
-        replaced("MaxVersion=10", "MaxVersion=-1"),           // unsigned
+        replaced("TaskID=7&", ""),                  // missing key
+        replaced("TaskID=7", "TaskID=seven"),       // bad number
+        replaced("TaskID=7", "TaskID=99999999999"), // out of 32 bits
+        replaced("MaxVersion=10", "MaxVersion=-1"), // unsigned
         replaced("Type=-2147483631", "Type=1x"),
         replaced("BackupDate=2024-03-05", "BackupDate=2024-13-05"),
-        replaced("%2007%3A08", "%20x7%3A08"),                 // bad date digits
-        replaced("Descr=My%20docs", "Descr=My%2Zdocs"),       // bad percent-encoding
+        replaced("%2007%3A08", "%20x7%3A08"),           // bad date digits
+        replaced("Descr=My%20docs", "Descr=My%2Zdocs"), // bad percent-encoding
         replaced("Descr=My%20docs%20%26%20more", "Descr=My%2"),
         replaced("IsResume=1", "IsResume=2"),
         replaced("Action=Edit", "Action=Delete"),
-        replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"),          // list separators must stay plain
-        replaced("|tmp|", "|tmp"),                            // list without closing "|"
-        replaced("|tmp|", "||"),                              // empty list entry
-        replaced("IsFolder1=", "IsFolder2="),                 // indices out of order
-        replaced("Path1=", "Serial1="),                       // keys out of order
+        replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"), // list separators must stay plain
+        replaced("|tmp|", "|tmp"),                // list without closing "|"
+        replaced("|tmp|", "||"),                  // empty list entry
+        replaced("IsFolder1=", "IsFolder2="),     // indices out of order
+        replaced("Path1=", "Serial1="),           // keys out of order
         replaced("Action1=1", "Action1=3"),
         replaced("IsFolder0=1", "IsFolder0=yes"),
-        replaced("Path0=%2Fb", "Path0="),                     // empty path
-        replaced("localPathNum=2", "localPathNum=3"),         // count does not match
+        replaced("Path0=%2Fb", "Path0="),             // empty path
+        replaced("localPathNum=2", "localPathNum=3"), // count does not match
         replaced("localPathNum=2", "localPathNum=1"),
-        replaced("&localPathNum=2", ""),                      // count missing
-        good + "&",                                           // trailing "&"
+        replaced("&localPathNum=2", ""), // count missing
+        good + "&",                      // trailing "&"
         good + "&Extra=1",
-        replaced("Upgraded=&", "Upgraded&"),                  // pair without "="
+        replaced("Upgraded=&", "Upgraded&"), // pair without "="
     };
     SystemLog::startCapture();
     for (const auto& text : damaged)
@@ -246,7 +261,8 @@ TEST(TaskListServer, ResultCodesOfAddAndEdit) {
     ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 0);
     ASSERT_EQ(f.server.UploadTaskList(request("Music", "Add", {}, "", 8)), 0);
     EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 6);
-    EXPECT_EQ(f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")), 6); // rename onto a taken name
+    EXPECT_EQ(f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")),
+              6); // rename onto a taken name
     EXPECT_EQ(f.server.UploadTaskList(request("", "Edit", {}, "Docs")), ResultCode::EmptyName);
 
     std::string names;
@@ -267,9 +283,10 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     EXPECT_EQ(f.store->document(), "<plist>not a task list");
 
     // A property list of another shape is just as foreign.
-    f.store->setDocument(R"(<?xml version="1.0"?><plist version="1.0"><dict><key>FormatVersion</key>)"
-                         R"(<integer>1</integer><key>Tasks</key><array><string>x</string></array>)"
-                         R"(</dict></plist>)");
+    f.store->setDocument(
+        R"(<?xml version="1.0"?><plist version="1.0"><dict><key>FormatVersion</key>)"
+        R"(<integer>1</integer><key>Tasks</key><array><string>x</string></array>)"
+        R"(</dict></plist>)");
     EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
 
     f.store->setDocument("");
@@ -286,8 +303,9 @@ TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
                   request("Papers", "Edit", {{"/a", false}, {"/b", true}, {"/c", true}}, "Docs")),
               0);
     // The next batch of the same edit still names the old task; it finds the renamed one.
-    ASSERT_EQ(f.server.UploadTaskList(request("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs")),
-              0);
+    ASSERT_EQ(
+        f.server.UploadTaskList(request("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs")),
+        0);
     std::string names;
     ASSERT_EQ(f.server.getTaskNames("true", names), 0);
     EXPECT_EQ(names, "Papers");

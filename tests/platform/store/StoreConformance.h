@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -31,6 +32,10 @@ struct StoreKind {
     std::string name;
     std::function<std::unique_ptr<StoreEnvironment>()> make;
 };
+
+inline void PrintTo(const StoreKind& kind, std::ostream* os) {
+    *os << kind.name;
+}
 
 inline std::string storeKindName(const testing::TestParamInfo<StoreKind>& info) {
     return info.param.name;

@@ -22,7 +22,7 @@ void StoreConformanceTest::SetUp() {
 }
 
 std::shared_ptr<StoreBackend> StoreConformanceTest::connect(const std::string& user,
-                                                           const std::string& password) {
+                                                            const std::string& password) {
     auto connection = env->open();
     StoreSession s;
     EXPECT_EQ(connection->logon(user, password, s), R::Success);
@@ -342,9 +342,19 @@ TEST_P(StoreConformanceTest, PathsLeavingTheAccountAreRefused) {
     ASSERT_EQ(putText(*store, "\\a\\file", "content"), R::Success);
     const std::string before = snapshot(*store);
     const std::vector<std::string> bad = {
-        "",           "..",         "\\..",         "\\a\\..\\..\\x", "\\a\\..",
-        "\\.\\a",     "\\a\\\\file", "\\\\",        "\\a\\b/c",       "/etc",
-        "\\..\\..\\etc\\passwd", std::string("\\a\\x\0y", 7), "\\" + std::string(300, 'n'),
+        "",
+        "..",
+        "\\..",
+        "\\a\\..\\..\\x",
+        "\\a\\..",
+        "\\.\\a",
+        "\\a\\\\file",
+        "\\\\",
+        "\\a\\b/c",
+        "/etc",
+        "\\..\\..\\etc\\passwd",
+        std::string("\\a\\x\0y", 7),
+        "\\" + std::string(300, 'n'),
     };
     for (const auto& path : bad) {
         SCOPED_TRACE(path);

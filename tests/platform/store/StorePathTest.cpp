@@ -9,7 +9,7 @@ using Names = std::vector<std::string>;
 TEST(StorePathTest, SplitsAcceptedFormsIntoNames) {
     EXPECT_EQ(StorePath::split("\\"), Names{});
     EXPECT_EQ(StorePath::split("\\a\\b c\\d.txt"), (Names{"a", "b c", "d.txt"}));
-    EXPECT_EQ(StorePath::split("a\\b"), (Names{"a", "b"}));    // leading "\" optional
+    EXPECT_EQ(StorePath::split("a\\b"), (Names{"a", "b"}));     // leading "\" optional
     EXPECT_EQ(StorePath::split("\\a\\b\\"), (Names{"a", "b"})); // one trailing "\" tolerated
     EXPECT_EQ(StorePath::split("\\C:\\...\\.hidden"), (Names{"C:", "...", ".hidden"}));
     EXPECT_EQ(StorePath::normalize("a\\b\\"), "\\a\\b");
@@ -18,9 +18,8 @@ TEST(StorePathTest, SplitsAcceptedFormsIntoNames) {
 }
 
 TEST(StorePathTest, RefusesPathsThatCouldLeaveTheRoot) {
-    for (std::string_view bad :
-         {"", "\\\\", "\\a\\\\b", "\\a\\\\", "..", "\\..", "\\a\\..\\..\\x", ".", "\\a\\.\\b",
-          "\\a/b", "/etc/passwd", "\\a\\b\\\\"}) {
+    for (std::string_view bad : {"", "\\\\", "\\a\\\\b", "\\a\\\\", "..", "\\..", "\\a\\..\\..\\x",
+                                 ".", "\\a\\.\\b", "\\a/b", "/etc/passwd", "\\a\\b\\\\"}) {
         EXPECT_FALSE(StorePath::split(bad)) << bad;
     }
     EXPECT_FALSE(StorePath::split(std::string("\\a\0b", 4)));

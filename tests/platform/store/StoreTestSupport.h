@@ -15,7 +15,8 @@ namespace cirrovault::test {
 // at a chosen offset the way a vanished disk would.
 class MemorySource : public ByteSource {
 public:
-    MemorySource(std::string data, std::string tag) : data_(std::move(data)), tag_(std::move(tag)) {}
+    MemorySource(std::string data, std::string tag)
+        : data_(std::move(data)), tag_(std::move(tag)) {}
 
     uint64_t size() const override { return data_.size(); }
     bool seek(uint64_t offset) override {

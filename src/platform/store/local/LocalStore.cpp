@@ -55,7 +55,9 @@ StoreCapabilities LocalStore::capabilities() const {
     return caps;
 }
 
-std::string LocalStore::describe() const { return "local " + folder_; }
+std::string LocalStore::describe() const {
+    return "local " + folder_;
+}
 
 std::optional<LocalStore::Account> LocalStore::currentAccount() const {
     std::lock_guard lock(mutex_);
@@ -113,9 +115,10 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
             SystemLog::write("Error: LocalStore: damaged account record for " + userName);
             return ResultCode::Failure;
         }
-        Account account{record->customerID,
-                        folder_ + "/accounts/" + record->customerID + "/files"};
-        if (!FileSystem::createDirectories(account.filesRoot)) {
+        Account account{record->customerID, folder_ + "/accounts/" + record->customerID + "/files"};
+        // The account's root must be a real folder: as a link it could lead anywhere.
+        if (!FileSystem::createDirectories(account.filesRoot) ||
+            !FileSystem::isDirectory(account.filesRoot)) {
             SystemLog::write("Error: LocalStore: the account folder cannot be made: " +
                              account.filesRoot);
             return ResultCode::NoService;
@@ -219,8 +222,7 @@ int64_t LocalStore::setQuota(int64_t maxBytes) {
                 return ResultCode::BadRequest;
             limit = maxBytes;
         }
-        return db_.setQuota(account->customerID, limit) ? ResultCode::Success
-                                                        : ResultCode::Failure;
+        return db_.setQuota(account->customerID, limit) ? ResultCode::Success : ResultCode::Failure;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::setQuota()");
         return ResultCode::Failure;
@@ -235,7 +237,7 @@ int64_t LocalStore::readTaskList(std::string& document, std::string& version) {
         if (!account)
             return ResultCode::NotLoggedOn;
         return db_.readTaskList(account->customerID, document, version) ? ResultCode::Success
-                                                                         : ResultCode::StorageError;
+                                                                        : ResultCode::StorageError;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::readTaskList()");
         return ResultCode::Failure;

@@ -66,7 +66,7 @@ public:
     // The local folder with the logged-on account's files; "" when not logged on.
     std::string accountFilesFolder() const;
 
-    static constexpr size_t ChunkSize = 1 << 20;      // bytes between cancel checks
+    static constexpr size_t ChunkSize = 1 << 20;       // bytes between cancel checks
     static constexpr uint64_t SyncThreshold = 8 << 20; // larger uploads are synced before use
 
 private:
@@ -106,8 +106,8 @@ private:
     std::string folder_;
     LocalStoreDatabase db_;
     mutable std::mutex mutex_;
-    std::optional<Account> account_;    // guarded by mutex_
-    std::optional<int64_t> usedBytes_;  // guarded by mutex_; refreshed by quota()
+    std::optional<Account> account_;   // guarded by mutex_
+    std::optional<int64_t> usedBytes_; // guarded by mutex_; refreshed by quota()
 };
 
 } // namespace cirrovault

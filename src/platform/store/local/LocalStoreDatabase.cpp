@@ -103,9 +103,9 @@ bool LocalStoreDatabase::open(const std::string& file) {
     if (db_)
         return true;
     sqlite3* db = nullptr;
-    int rc = sqlite3_open_v2(file.c_str(), &db,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                             nullptr);
+    int rc =
+        sqlite3_open_v2(file.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         SystemLog::write("Error: store database cannot be opened: " + file);
         sqlite3_close_v2(db);
@@ -128,7 +128,10 @@ bool LocalStoreDatabase::createSchema() {
     bool wal = false;
     for (int attempt = 0; attempt < 100 && !wal; ++attempt) {
         Statement mode(db_, "PRAGMA journal_mode=WAL");
-        wal = mode.step() == SQLITE_ROW && mode.text(0) == "wal";
+        int rc = mode.step();
+        wal = rc == SQLITE_ROW && mode.text(0) == "wal";
+        if (!wal && rc != SQLITE_BUSY && rc != SQLITE_LOCKED)
+            break; // not a database, or unwritable: waiting will not help
         if (!wal)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -229,8 +232,11 @@ bool LocalStoreDatabase::setFolderInfo(const std::string& customerID, const std:
     } else {
         Statement st(db_, "INSERT OR REPLACE INTO folders(customerID, path, description, caption)"
                           " VALUES(?1, ?2, ?3, ?4)");
-        ok = st.bind(1, customerID).bind(2, path).bind(3, info.description)
-                 .bind(4, info.caption).run();
+        ok = st.bind(1, customerID)
+                 .bind(2, path)
+                 .bind(3, info.description)
+                 .bind(4, info.caption)
+                 .run();
     }
     if (!ok)
         logError("set folder information");
@@ -241,7 +247,8 @@ bool LocalStoreDatabase::folderInfo(const std::string& customerID, const std::st
                                     LocalFolderInfo& info) {
     std::lock_guard lock(mutex_);
     info = {};
-    Statement st(db_, "SELECT description, caption FROM folders WHERE customerID = ?1 AND path = ?2");
+    Statement st(db_,
+                 "SELECT description, caption FROM folders WHERE customerID = ?1 AND path = ?2");
     st.bind(1, customerID).bind(2, path);
     int rc = st.step();
     if (rc == SQLITE_ROW) {
@@ -254,8 +261,7 @@ bool LocalStoreDatabase::folderInfo(const std::string& customerID, const std::st
     return false;
 }
 
-bool LocalStoreDatabase::folderInfosInside(const std::string& customerID,
-                                           const std::string& folder,
+bool LocalStoreDatabase::folderInfosInside(const std::string& customerID, const std::string& folder,
                                            std::map<std::string, LocalFolderInfo>& infos) {
     std::lock_guard lock(mutex_);
     infos.clear();
@@ -289,7 +295,8 @@ bool LocalStoreDatabase::partTag(const std::string& customerID, const std::strin
 bool LocalStoreDatabase::setPartTag(const std::string& customerID, const std::string& path,
                                     const std::string& tag) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, "INSERT OR REPLACE INTO parts(customerID, path, resumeTag) VALUES(?1, ?2, ?3)");
+    Statement st(db_,
+                 "INSERT OR REPLACE INTO parts(customerID, path, resumeTag) VALUES(?1, ?2, ?3)");
     if (st.bind(1, customerID).bind(2, path).bind(3, tag).run())
         return true;
     logError("write resume tag");
@@ -309,9 +316,9 @@ bool LocalStoreDatabase::partPathsInside(const std::string& customerID, const st
                                          std::unordered_set<std::string>& paths) {
     std::lock_guard lock(mutex_);
     paths.clear();
-    Statement st(db_, std::string("SELECT path FROM parts WHERE customerID = ?1 AND ")
-                          .append(TreeMatch)
-                          .c_str());
+    Statement st(
+        db_,
+        std::string("SELECT path FROM parts WHERE customerID = ?1 AND ").append(TreeMatch).c_str());
     st.bind(1, customerID).bind(2, folder).bind(3, insidePrefix(folder));
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
@@ -331,10 +338,11 @@ bool LocalStoreDatabase::moveTree(const std::string& customerID, const std::stri
     for (const char* table : {"folders", "parts"}) {
         std::string sql = std::string("UPDATE OR REPLACE ") + table +
                           " SET path = ?4 || substr(path, length(?2) + 1)"
-                          " WHERE customerID = ?1 AND " + TreeMatch;
+                          " WHERE customerID = ?1 AND " +
+                          TreeMatch;
         Statement st(db_, sql.c_str());
-        ok = ok && st.bind(1, customerID).bind(2, from).bind(3, insidePrefix(from))
-                       .bind(4, to).run();
+        ok = ok &&
+             st.bind(1, customerID).bind(2, from).bind(3, insidePrefix(from)).bind(4, to).run();
     }
     if (!ok) {
         logError("move rows");
@@ -364,8 +372,8 @@ bool LocalStoreDatabase::removeTree(const std::string& customerID, const std::st
         return false;
     bool ok = true;
     for (const char* table : {"folders", "parts"}) {
-        std::string sql = std::string("DELETE FROM ") + table + " WHERE customerID = ?1 AND " +
-                          TreeMatch;
+        std::string sql =
+            std::string("DELETE FROM ") + table + " WHERE customerID = ?1 AND " + TreeMatch;
         Statement st(db_, sql.c_str());
         ok = ok && st.bind(1, customerID).bind(2, path).bind(3, insidePrefix(path)).run();
     }

@@ -83,7 +83,7 @@ private:
     void logError(const char* what);
 
     mutable std::mutex mutex_; // serialises use of the connection
-    sqlite3* db_ = nullptr; // guarded by mutex_
+    sqlite3* db_ = nullptr;    // guarded by mutex_
 };
 
 } // namespace cirrovault

@@ -18,6 +18,8 @@ namespace cirrovault {
 
 namespace {
 
+constexpr std::string_view PartSuffix = ".part";
+
 // A file descriptor closed when it goes out of scope.
 class Descriptor {
 public:
@@ -66,7 +68,8 @@ ssize_t readSome(int fd, char* buffer, size_t size) {
 
 int64_t writeFailure(int error, const std::string& what) {
     errno = error;
-    SystemLog::write("Error: LocalStore: cannot write " + what + ": " + FileSystem::lastErrorText());
+    SystemLog::write("Error: LocalStore: cannot write " + what + ": " +
+                     FileSystem::lastErrorText());
     return (error == ENOSPC || error == EDQUOT) ? ResultCode::SpaceLimit : ResultCode::Failure;
 }
 
@@ -131,7 +134,8 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
         const std::string& customerID = account->customerID;
         // Storing a file under the name another upload uses for its part gives that up.
         if (isUnfinishedUpload(*account, target))
-            db_.removePartTag(customerID, target.serverPath.substr(0, target.serverPath.size() - (sizeof(".part") - 1)));
+            db_.removePartTag(customerID, target.serverPath.substr(0, target.serverPath.size() -
+                                                                          PartSuffix.size()));
 
         const uint64_t size = source.size();
         const uint64_t oldSize = target.status ? target.status->size : 0;
@@ -143,7 +147,7 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
 
         // The row naming the part exists before the part itself, so a part file never
         // stands in the tree unexplained, even after a crash.
-        const std::string partPath = target.localPath + ".part";
+        const std::string partPath = target.localPath + std::string(PartSuffix);
         std::optional<std::string> storedTag;
         if (!db_.partTag(customerID, target.serverPath, storedTag))
             return ResultCode::Failure;
@@ -163,7 +167,8 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
                 return ResultCode::Failure;
             storedTag = tag;
         }
-        Descriptor part(::open(partPath.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+        Descriptor part(
+            ::open(partPath.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
         if (!part.valid())
             return openFailure(errno, partPath);
         // One writer per part, across threads and processes; the lock goes with the
@@ -204,7 +209,8 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
             const auto want = static_cast<size_t>(std::min<uint64_t>(buffer.size(), size - done));
             int64_t n = source.read(buffer.data(), want);
             if (n < 0 || n > static_cast<int64_t>(want)) {
-                SystemLog::write("LocalStore: the local file cannot be read for " + target.serverPath);
+                SystemLog::write("LocalStore: the local file cannot be read for " +
+                                 target.serverPath);
                 return ResultCode::LocalFileError;
             }
             if (n == 0) {
@@ -352,8 +358,8 @@ int64_t LocalStore::copy(const std::string& from, const std::string& to) {
             FileSystem::removeAll(target.localPath);
             return rc;
         }
-        if (folder && !db_.copyFolderInfos(account->customerID, source.serverPath,
-                                           target.serverPath))
+        if (folder &&
+            !db_.copyFolderInfos(account->customerID, source.serverPath, target.serverPath))
             return ResultCode::Failure;
         adjustUsedSpace(static_cast<int64_t>(bytes));
         return ResultCode::Success;

@@ -1,0 +1,135 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/FileSystem.h"
+
+extern char** environ;
+
+namespace cirrovault {
+namespace {
+
+// The distribution's interpreter: the SMTP sink is its package, not a pip install.
+const char* const Python = "/usr/bin/python3";
+
+bool canConnect(int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return ok;
+}
+
+int freePort() {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t size = sizeof address;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+// A real SMTP server on 127.0.0.1 that puts every message it takes into a Maildir.
+class SmtpMailTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::access(Python, X_OK) != 0 ||
+            std::system("/usr/bin/python3 -c 'import aiosmtpd' 2>/dev/null") != 0)
+            GTEST_SKIP() << "no SMTP server to test with: install python3-aiosmtpd";
+        TransferApiUtil::releaseTransferApiUtil();
+        maildir_ = home_.file("maildir");
+        port_ = freePort();
+        std::string listen = "127.0.0.1:" + std::to_string(port_);
+        std::vector<std::string> args = {Python, "-m", "aiosmtpd", "-n", "-l", listen,
+                                         "-c", "aiosmtpd.handlers.Mailbox", maildir_};
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        ASSERT_EQ(::posix_spawn(&server_, Python, nullptr, nullptr, argv.data(), environ), 0);
+        // Waits for the server process to come up, not for any schedule.
+        for (int i = 0; i < 200 && !canConnect(port_); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ASSERT_TRUE(canConnect(port_)) << "the SMTP server did not start";
+        ASSERT_TRUE(NimboSetting::SetSettingValueForKey(
+            "SMTPURL", "smtp://127.0.0.1:" + std::to_string(port_)));
+        ASSERT_TRUE(NimboSetting::SetSettingValueForKey("SMTPFrom", "backup@example.org"));
+    }
+    void TearDown() override {
+        stopServer();
+        TransferApiUtil::releaseTransferApiUtil();
+    }
+    void stopServer() {
+        if (server_ > 0) {
+            ::kill(server_, SIGTERM);
+            ::waitpid(server_, nullptr, 0);
+            server_ = 0;
+        }
+    }
+    std::vector<std::string> received() {
+        std::vector<std::string> messages;
+        for (const auto& name : FileSystem::listDirectory(maildir_ + "/new").value_or(
+                 std::vector<std::string>{}))
+            messages.push_back(FileSystem::readFile(maildir_ + "/new/" + name).value_or(""));
+        return messages;
+    }
+
+    test::TempHome home_;
+    std::string maildir_;
+    int port_ = 0;
+    pid_t server_ = 0;
+};
+
+TEST_F(SmtpMailTest, ReportIsDeliveredToEveryRecipient) {
+    TransferApiUtil& api = TransferApiUtil::shareTransferApiUtil();
+    std::string body = "Task \"Docs\" finished.\n.\nA line with a lone dot above.\nS\xC3\xA9same";
+    ASSERT_EQ(api.SendEmailToUser("one@example.org, two@example.org",
+                                  "Backup finished: \xE2\x9C\x93", body),
+              ResultCode::Success);
+    auto messages = received();
+    ASSERT_EQ(messages.size(), 1u);
+    const std::string& mail = messages[0];
+    EXPECT_NE(mail.find("X-MailFrom: backup@example.org"), std::string::npos);
+    EXPECT_NE(mail.find("X-RcptTo: one@example.org, two@example.org"), std::string::npos);
+    EXPECT_NE(mail.find("Subject: =?UTF-8?B?"), std::string::npos);
+    EXPECT_NE(mail.find("Message-ID: <"), std::string::npos);
+    EXPECT_NE(mail.find("Task \"Docs\" finished."), std::string::npos);
+    // The lone dot did not end the message early.
+    EXPECT_NE(mail.find("A line with a lone dot above."), std::string::npos);
+    EXPECT_NE(mail.find("S=C3=A9same"), std::string::npos);
+    EXPECT_FALSE(FileSystem::exists(home_.dataHome() + "/cirrovault/outbox"));
+}
+
+TEST_F(SmtpMailTest, ReportIsKeptWhenTheServerHasGone) {
+    stopServer();
+    TransferApiUtil& api = TransferApiUtil::shareTransferApiUtil();
+    ASSERT_EQ(api.SendEmailToUser("one@example.org", "Backup failed", "Body"), ResultCode::Success);
+    auto kept = FileSystem::listDirectory(home_.dataHome() + "/cirrovault/outbox/unknown");
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->size(), 1u);
+}
+
+} // namespace
+} // namespace cirrovault

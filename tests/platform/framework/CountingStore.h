@@ -1,0 +1,48 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/store/FaultInjectingStore.h"
+
+namespace cirrovault::test {
+
+// Passes everything to another backend and counts the listings per folder, so tests
+// can see how often the path cache really asks the service.
+class CountingStore : public FaultInjectingStore {
+public:
+    using FaultInjectingStore::FaultInjectingStore;
+
+    int64_t list(const std::string& folder, std::vector<StoreItem>& items) override {
+        {
+            std::lock_guard lock(mutex_);
+            ++lists_[folder];
+        }
+        return FaultInjectingStore::list(folder, items);
+    }
+    int listCount(const std::string& folder) const {
+        std::lock_guard lock(mutex_);
+        auto it = lists_.find(folder);
+        return it == lists_.end() ? 0 : it->second;
+    }
+    int totalLists() const {
+        std::lock_guard lock(mutex_);
+        int total = 0;
+        for (const auto& entry : lists_)
+            total += entry.second;
+        return total;
+    }
+    void resetCounts() {
+        std::lock_guard lock(mutex_);
+        lists_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::map<std::string, int> lists_; // guarded by mutex_
+};
+
+} // namespace cirrovault::test

@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sys/stat.h>
+#include <thread>
+
+#include "common/TempHome.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/PropertyList.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/Calendar.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/UrlOpener.h"
+
+using namespace cirrovault;
+
+namespace {
+Date localDate(int year, int month, int day, int hour, int minute, double second) {
+    DateComponents c;
+    c.year = year;
+    c.month = month;
+    c.day = day;
+    c.hour = hour;
+    c.minute = minute;
+    c.second = second;
+    return Calendar::dateFromComponents(c);
+}
+} // namespace
+
+TEST(FunctionsDates, RoundTripsInRequestAndReplyFormats) {
+    Date date = localDate(2024, 3, 5, 17, 8, 9.75);
+    EXPECT_EQ(Functions::stringTransFromedDate(date, "yyyy-MM-dd HH:mm:ss"), "2024-03-05 17:08:09");
+    EXPECT_EQ(Functions::stringTransFromedDate(date, "MM/dd/yyyy HH:mm:ss"), "03/05/2024 17:08:09");
+    Date whole = localDate(2024, 3, 5, 17, 8, 9);
+    EXPECT_EQ(Functions::dayTransFromedString("2024-03-05 17:08:09", "yyyy-MM-dd HH:mm:ss"), whole);
+    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 17:08:09", "MM/dd/yyyy HH:mm:ss"), whole);
+
+    // Every day of a leap year survives both formats.
+    for (Date d = localDate(2024, 1, 1, 12, 0, 0); d < localDate(2025, 1, 1, 0, 0, 0);
+         d = d.addingTimeInterval(86400)) {
+        for (const char* format : {"yyyy-MM-dd HH:mm:ss", "MM/dd/yyyy HH:mm:ss"}) {
+            auto back = Functions::dayTransFromedString(Functions::stringTransFromedDate(d, format), format);
+            ASSERT_TRUE(back) << format;
+            EXPECT_EQ(Calendar::components(*back).day, Calendar::components(d).day);
+            EXPECT_EQ(Calendar::components(*back).hour, Calendar::components(d).hour);
+        }
+    }
+}
+
+TEST(FunctionsDates, ParsingAcceptsShortFieldsAndRefusesNonsense) {
+    EXPECT_EQ(Functions::dayTransFromedString("2099-1-1 00:00:00", "yyyy-MM-dd HH:mm:ss"),
+              localDate(2099, 1, 1, 0, 0, 0));
+    EXPECT_EQ(Functions::dayTransFromedString("2099-1-1 0:0:0 ", "yyyy-MM-dd HH:mm:ss"),
+              localDate(2099, 1, 1, 0, 0, 0));
+    for (const char* bad : {"", "abc", "2024-02-30 00:00:00", "2023-02-29 00:00:00",
+                            "2024-13-01 00:00:00", "2024-01-01 24:00:00", "2024-01-01 00:60:00",
+                            "2024-01-01", "2024-01-01 00:00:00x", "2024/01/01 00:00:00"})
+        EXPECT_FALSE(Functions::dayTransFromedString(bad, "yyyy-MM-dd HH:mm:ss")) << bad;
+    EXPECT_TRUE(Functions::dayTransFromedString("2024-02-29 00:00:00", "yyyy-MM-dd HH:mm:ss"));
+
+    // Adjacent numeric fields take the pattern's width.
+    EXPECT_EQ(Functions::dayTransFromedString("20240305", "yyyyMMdd"), localDate(2024, 3, 5, 0, 0, 0));
+}
+
+TEST(FunctionsDates, TwelveHourClockAndLowerCasePattern) {
+    const char* format = "MM/dd/yyyy hh:mm:ss a";
+    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 0, 5, 0), format),
+              "03/05/2024 12:05:00 AM");
+    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 13, 5, 0), format),
+              "03/05/2024 01:05:00 PM");
+    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 12:05:00 AM", format), localDate(2024, 3, 5, 0, 5, 0));
+    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 12:05:00 pm", format), localDate(2024, 3, 5, 12, 5, 0));
+    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 1:05:00 PM", format), localDate(2024, 3, 5, 13, 5, 0));
+
+    // "mm" is minutes: the month of such a text is lost and the later minute field wins.
+    EXPECT_EQ(Functions::dayTransFromedString("03/15/2024 02:30:00", "mm/dd/yyyy hh:mm:ss"),
+              localDate(2024, 1, 15, 2, 30, 0));
+    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 14, 7, 0), "mm/dd/yyyy hh:mm:ss"),
+              "07/05/2024 02:07:00");
+}
+
+TEST(FunctionsDates, ServerDatesAreBroughtToTheReplyForm) {
+    EXPECT_EQ(Functions::stringFromSvrDate("03/05/2024 17:08:09"), "03/05/2024 17:08:09");
+    EXPECT_EQ(Functions::stringFromSvrDate("3/5/2024 7:08:09"), "03/05/2024 07:08:09");
+    EXPECT_EQ(Functions::stringFromSvrDate("3/5/2024 1:02:03 PM"), "03/05/2024 13:02:03");
+    EXPECT_EQ(Functions::stringFromSvrDate(" 2024-03-05T17:08:09"), "03/05/2024 17:08:09");
+    EXPECT_EQ(Functions::stringFromSvrDate("2024-03-05"), "03/05/2024 00:00:00");
+    EXPECT_EQ(Functions::stringFromSvrDate("yesterday"), "");
+    EXPECT_EQ(Functions::stringFromSvrDate(""), "");
+}
+
+TEST(FunctionsDates, ComponentsByUnitAndWeekday) {
+    Date date = localDate(2024, 2, 1, 10, 30, 15.5);
+    DateComponents time = Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 224);
+    EXPECT_EQ(time.hour, 10);
+    EXPECT_EQ(time.minute, 30);
+    EXPECT_DOUBLE_EQ(time.second, 15.5);
+    EXPECT_EQ(time.year, DateComponents{}.year); // not asked for
+    DateComponents day = Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 156);
+    EXPECT_EQ(day.year, 2024);
+    EXPECT_EQ(day.month, 2);
+    EXPECT_EQ(day.day, 1);
+    EXPECT_EQ(day.hour, 0);
+    EXPECT_DOUBLE_EQ(day.second, 15.5);
+    EXPECT_EQ(Functions::getDayOfWeekly(date), 5); // a Thursday; Sunday is 1
+    EXPECT_EQ(Functions::getDayOfWeekly(localDate(2024, 2, 4, 0, 0, 0)), 1);
+}
+
+TEST(FunctionsText, SizeText) {
+    EXPECT_EQ(Functions::FormatSizeToString(0), "0 B");
+    EXPECT_EQ(Functions::FormatSizeToString(1023), "1023 B");
+    EXPECT_EQ(Functions::FormatSizeToString(1024), "1.00 KB");
+    EXPECT_EQ(Functions::FormatSizeToString(1536), "1.50 KB");
+    EXPECT_EQ(Functions::FormatSizeToString(1048576), "1.00 MB");
+    EXPECT_EQ(Functions::FormatSizeToString(3221225472), "3.00 GB");
+    EXPECT_EQ(Functions::FormatSizeToString(1099511627776), "1.00 TB");
+}
+
+TEST(FunctionsText, ReplyValuesByExactKey) {
+    std::string reply = "RETURN_TaskName=a%20b&RETURN_TaskNameX=z&XRETURN_TaskName=q&"
+                        "RETURN_TaskName=c%26d&noequals&RETURN_TaskName=&";
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_TaskName", reply),
+              (std::vector<std::string>{"a b", "c&d", ""}));
+    EXPECT_TRUE(Functions::GetValueArrayByKey("RETURN_TaskName", "").empty());
+    EXPECT_TRUE(Functions::GetValueArrayByKey("Missing", reply).empty());
+    EXPECT_EQ(Functions::GetValueArrayByKey("K", "K=1=2"), (std::vector<std::string>{"1=2"}));
+}
+
+TEST(FunctionsText, EncryptedPathsByFirstComponent) {
+    test::TempHome home;
+    std::string folder = LoadString::GetValueByKey("EncryptionFolder");
+    ASSERT_FALSE(folder.empty());
+    EXPECT_TRUE(Functions::IsEncryptPath("\\" + folder + "\\History\\x"));
+    EXPECT_TRUE(Functions::IsEncryptPath(folder));
+    EXPECT_FALSE(Functions::IsEncryptPath("\\" + folder + "X\\y"));
+    EXPECT_FALSE(Functions::IsEncryptPath("\\Backup\\" + folder));
+    EXPECT_FALSE(Functions::IsEncryptPath(""));
+
+    // A string table that names no encryption folder makes nothing encrypted.
+    FileSystem::createDirectories(home.configHome() + "/cirrovault");
+    ASSERT_TRUE(PropertyListFile::write(home.configHome() + "/cirrovault/Localizable.plist",
+                                        PlistDict{{"EncryptionFolder", ""}}));
+    LoadString::Reload();
+    EXPECT_FALSE(Functions::IsEncryptPath("\\" + folder + "\\x"));
+}
+
+TEST(FunctionsWeb, OpensAddressesThroughTheOpener) {
+    test::TempHome home;
+    TransferApiUtil::releaseTransferApiUtil();
+    std::string script = home.file("opener.sh");
+    std::string seen = home.file("seen.txt");
+    ASSERT_TRUE(FileSystem::writeFileAtomically(
+        script, "#!/bin/sh\nprintf '%s' \"$1\" > \"" + seen + ".part\" && mv \"" + seen + ".part\" \"" + seen + "\"\n"));
+    ASSERT_EQ(::chmod(script.c_str(), 0755), 0);
+    UrlOpener::setOpenerProgram(script);
+
+    std::string url = "https://example.test/page?a=1&b=two words";
+    EXPECT_TRUE(Functions::OpenURLLink(url, true)); // a full address is opened as it is
+    // The opener runs on its own; wait for its file rather than for the clock.
+    for (int i = 0; i < 1000 && !FileSystem::exists(seen); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(FileSystem::readFile(seen), url);
+
+    // A page of the service needs its web host; the local store has none.
+    EXPECT_FALSE(Functions::OpenURLLink("/Secure/Deposit.aspx", true));
+    EXPECT_FALSE(Functions::OpenURLLink("", false));
+
+    UrlOpener::setOpenerProgram(home.file("no-such-opener"));
+    EXPECT_FALSE(Functions::OpenURLLink(url, false));
+    UrlOpener::setOpenerProgram("");
+}

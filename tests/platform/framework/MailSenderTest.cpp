@@ -1,0 +1,170 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sodium.h>
+
+#include "common/TempHome.h"
+#include "platform/framework/MailSender.h"
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
+
+namespace cirrovault {
+namespace {
+
+std::string decodeQuotedPrintable(const std::string& text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text.compare(i, 3, "=\r\n") == 0) {
+            i += 2;
+        } else if (text[i] == '=' && i + 2 < text.size()) {
+            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t at = 0;
+    for (size_t end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2)
+        lines.push_back(text.substr(at, end - at));
+    EXPECT_EQ(at, text.size()) << "every line ends with CRLF";
+    return lines;
+}
+
+// A port on 127.0.0.1 where nothing listens.
+int closedPort() {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t size = sizeof address;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+TEST(MailSenderTest, BodyIsQuotedPrintableWithinLineLimits) {
+    std::string body = "Plain line\n" + std::string(200, 'x') + "\r\n.starts with a dot\n"
+                       "ends in spaces  \ttab\t\nequals = sign\rUmlaut \xC3\xBC and \xE2\x82\xAC\n";
+    std::string encoded = MailSender::quotedPrintable(body);
+    for (const std::string& line : linesOf(encoded)) {
+        EXPECT_LE(line.size(), 76u) << line;
+        EXPECT_NE(line.front(), '.') << line;
+        EXPECT_TRUE(line.back() != ' ' && line.back() != '\t') << line;
+        for (unsigned char c : line)
+            EXPECT_TRUE((c >= 32 && c < 127) || c == '\t') << line;
+    }
+    std::string expected = "Plain line\r\n" + std::string(200, 'x') + "\r\n.starts with a dot\r\n"
+                           "ends in spaces  \ttab\t\r\nequals = sign\r\nUmlaut \xC3\xBC and "
+                           "\xE2\x82\xAC\r\n";
+    EXPECT_EQ(decodeQuotedPrintable(encoded), expected);
+}
+
+TEST(MailSenderTest, HeaderTextIsOneLineAndNonAsciiBecomesEncodedWords) {
+    EXPECT_EQ(MailSender::encodeHeaderText("Backup done"), "Backup done");
+    EXPECT_EQ(MailSender::encodeHeaderText("a\r\nBcc: x@y.z"), "a  Bcc: x@y.z");
+
+    std::string subject;
+    for (int i = 0; i < 30; ++i)
+        subject += "T\xC3\xA4sk \xE2\x82\xAC ";
+    std::string encoded = MailSender::encodeHeaderText(subject);
+    std::string decoded;
+    size_t at = 0;
+    for (std::string word; at < encoded.size();) {
+        size_t end = encoded.find("\r\n ", at);
+        word = encoded.substr(at, end == std::string::npos ? std::string::npos : end - at);
+        at = end == std::string::npos ? encoded.size() : end + 3;
+        ASSERT_LE(word.size(), 75u);
+        ASSERT_EQ(word.rfind("=?UTF-8?B?", 0), 0u) << word;
+        std::string b64 = word.substr(10, word.size() - 12);
+        std::string bytes(b64.size(), '\0');
+        size_t length = 0;
+        ASSERT_EQ(sodium_base642bin(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(),
+                                    b64.c_str(), b64.size(), nullptr, &length, nullptr,
+                                    sodium_base64_VARIANT_ORIGINAL),
+                  0);
+        bytes.resize(length);
+        // Each word holds whole characters.
+        EXPECT_NE(static_cast<unsigned char>(bytes.front()) & 0xC0, 0x80);
+        decoded += bytes;
+    }
+    EXPECT_EQ(decoded, subject);
+}
+
+TEST(MailSenderTest, RecipientsAndMessageLayout) {
+    EXPECT_EQ(MailSender::splitRecipients("a@x.org, b@y.org;c@z.org"),
+              (std::vector<std::string>{"a@x.org", "b@y.org", "c@z.org"}));
+    EXPECT_TRUE(MailSender::splitRecipients("").empty());
+    EXPECT_TRUE(MailSender::splitRecipients("nobody").empty());
+    EXPECT_TRUE(MailSender::splitRecipients("a@x.org\r\nRCPT TO:<b@y.org>").empty());
+    EXPECT_TRUE(MailSender::splitRecipients("<a@x.org>").empty());
+
+    std::string message = MailSender::composeMessage("me@host", {"a@x.org", "b@y.org"},
+                                                      "Report", "Line 1\nLine 2",
+                                                      Date(1'700'000'000), "<id@host>");
+    std::vector<std::string> lines = linesOf(message);
+    ASSERT_GE(lines.size(), 11u);
+    EXPECT_EQ(lines[0].rfind("Date: ", 0), 0u);
+    EXPECT_NE(lines[0].find(" 2023 "), std::string::npos);
+    EXPECT_EQ(lines[1], "From: me@host");
+    EXPECT_EQ(lines[2], "To: a@x.org, b@y.org");
+    EXPECT_EQ(lines[3], "Subject: Report");
+    EXPECT_EQ(lines[4], "Message-ID: <id@host>");
+    EXPECT_EQ(lines[5], "MIME-Version: 1.0");
+    EXPECT_EQ(lines[6], "Content-Type: text/plain; charset=UTF-8");
+    EXPECT_EQ(lines[7], "Content-Transfer-Encoding: quoted-printable");
+    EXPECT_EQ(lines[8], "");
+    EXPECT_EQ(lines[9], "Line 1");
+    EXPECT_EQ(lines[10], "Line 2");
+}
+
+TEST(MailSenderTest, UnsentReportsAreKeptInTheOutbox) {
+    test::TempHome home;
+    TransferApiUtil::releaseTransferApiUtil();
+    TransferApiUtil& api = TransferApiUtil::shareTransferApiUtil();
+    const std::string outbox = home.dataHome() + "/cirrovault/outbox/unknown";
+
+    // No SMTP server set: kept, one file per report.
+    EXPECT_EQ(api.SendEmailToUser("a@x.org", "First", "Body one"), ResultCode::Success);
+    EXPECT_EQ(api.SendEmailToUser("a@x.org", "Second", "Body two"), ResultCode::Success);
+    auto kept = FileSystem::listDirectory(outbox);
+    ASSERT_TRUE(kept);
+    ASSERT_EQ(kept->size(), 2u);
+    for (const auto& name : *kept) {
+        EXPECT_EQ(name.substr(name.size() - 4), ".eml");
+        std::string text = FileSystem::readFile(outbox + "/" + name).value_or("");
+        EXPECT_NE(text.find("To: a@x.org\r\n"), std::string::npos);
+    }
+
+    // A server that cannot be reached: kept too, and the failure is logged.
+    ASSERT_TRUE(NimboSetting::SetSettingValueForKey(
+        "SMTPURL", "smtp://127.0.0.1:" + std::to_string(closedPort())));
+    SystemLog::startCapture();
+    EXPECT_EQ(api.SendEmailToUser("a@x.org", "Third", "Body"), ResultCode::Success);
+    EXPECT_TRUE(SystemLog::capturedContains("Error: report mail could not be sent by SMTP"));
+    SystemLog::stopCapture();
+    EXPECT_EQ(FileSystem::listDirectory(outbox)->size(), 3u);
+
+    // Neither sent nor kept, or no address at all: the only failures.
+    ASSERT_TRUE(FileSystem::removeAll(home.dataHome() + "/cirrovault/outbox"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(home.dataHome() + "/cirrovault/outbox", "blocker"));
+    EXPECT_EQ(api.SendEmailToUser("a@x.org", "Fourth", "Body"), ResultCode::MailFailed);
+    EXPECT_EQ(api.SendEmailToUser("", "Fifth", "Body"), ResultCode::MailFailed);
+}
+
+} // namespace
+} // namespace cirrovault

@@ -1,0 +1,113 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/os/SystemLog.h"
+
+using namespace cirrovault;
+
+namespace {
+int run(const std::string& text, int style) {
+    NimboMessagebox box;
+    return box.InitWithMessage("Title", text, style).runModal();
+}
+
+class ThrowingPresenter : public NimboMessagebox::Presenter {
+public:
+    int showMessage(const std::string&, const std::string&, int) override {
+        throw std::runtime_error("no display");
+    }
+    int showStorageOrder(const std::string&, const std::string&, bool&, int) override {
+        throw std::runtime_error("no display");
+    }
+    std::string chooseFolder(const std::string&) override { throw std::runtime_error("no display"); }
+};
+} // namespace
+
+TEST(Messagebox, HeadlessDefaultsNeverAgreeToAnything) {
+    auto headless = std::make_shared<HeadlessMessagebox>();
+    NimboMessagebox::setPresenter(headless);
+    EXPECT_EQ(run("notice", MessageboxStyle::Notice), 0);
+    EXPECT_NE(run("try again?", MessageboxStyle::TryAgainOrGiveUp), MessageboxAnswer::TryAgain);
+    EXPECT_NE(run("sure?", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
+    EXPECT_NE(run("retry?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
+    bool box = false;
+    EXPECT_NE(NimboMessagebox::runStorageOrderDialog("", "full", box, 1), MessageboxAnswer::OrderSpace);
+    EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "");
+    NimboMessagebox::setPresenter(nullptr);
+}
+
+TEST(Messagebox, ScriptedAnswersComeFirstThenConfiguredDefaults) {
+    auto headless = std::make_shared<HeadlessMessagebox>();
+    NimboMessagebox::setPresenter(headless);
+    headless->queueAnswer(MessageboxAnswer::Retry);
+    headless->queueAnswer(MessageboxAnswer::OrderSpace);
+    headless->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
+    headless->setFolderPanelPath("/chosen");
+
+    EXPECT_EQ(run("first", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
+    bool box = true;
+    EXPECT_EQ(NimboMessagebox::runStorageOrderDialog("T", "second", box, 3), MessageboxAnswer::OrderSpace);
+    EXPECT_EQ(run("third", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
+    EXPECT_EQ(run("fourth", MessageboxStyle::RetryCancel), MessageboxAnswer::Cancel);
+    EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "/chosen");
+
+    auto shown = headless->shown();
+    ASSERT_EQ(shown.size(), 5u);
+    EXPECT_EQ(shown[0].title, "Title");
+    EXPECT_EQ(shown[0].text, "first");
+    EXPECT_EQ(shown[1].kind, HeadlessMessagebox::Kind::StorageOrder);
+    EXPECT_TRUE(shown[1].checkBox);
+    EXPECT_EQ(shown[1].style, 3);
+    EXPECT_EQ(shown[4].kind, HeadlessMessagebox::Kind::FolderPanel);
+    EXPECT_EQ(shown[4].folder, "/chosen");
+    headless->clearShown();
+    EXPECT_TRUE(headless->shown().empty());
+    NimboMessagebox::setPresenter(nullptr);
+}
+
+TEST(Messagebox, FailingPresenterIsLoggedAndAnswersTheDefault) {
+    NimboMessagebox::setPresenter(std::make_shared<ThrowingPresenter>());
+    SystemLog::startCapture();
+    EXPECT_EQ(run("x", MessageboxStyle::YesNo), HeadlessMessagebox::defaultAnswerForStyle(2));
+    bool box = false;
+    EXPECT_EQ(NimboMessagebox::runStorageOrderDialog("", "x", box, 0), 0);
+    EXPECT_EQ(NimboMessagebox::runFolderPanel("x"), "");
+    EXPECT_EQ(SystemLog::capturedCount("Error: NimboMessagebox::runModal"), 1u);
+    SystemLog::stopCapture();
+    NimboMessagebox::setPresenter(nullptr);
+    EXPECT_NE(NimboMessagebox::presenter(), nullptr); // the built-in one is back
+}
+
+// Worker threads ask while the host swaps presenters: every box is answered and
+// recorded by exactly one presenter.
+TEST(MessageboxConcurrency, BoxesFromManyThreadsWhilePresentersChange) {
+    auto first = std::make_shared<HeadlessMessagebox>();
+    auto second = std::make_shared<HeadlessMessagebox>();
+    first->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
+    second->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
+    NimboMessagebox::setPresenter(first);
+    constexpr int threads = 4;
+    constexpr int perThread = 200;
+    std::atomic<int> yes{0};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t)
+        workers.emplace_back([&] {
+            for (int i = 0; i < perThread; ++i)
+                if (run("q", MessageboxStyle::YesNo) == MessageboxAnswer::Yes)
+                    ++yes;
+        });
+    for (int i = 0; i < 50; ++i)
+        NimboMessagebox::setPresenter(i % 2 ? first : second);
+    for (auto& worker : workers)
+        worker.join();
+    EXPECT_EQ(yes.load(), threads * perThread);
+    EXPECT_EQ(first->shown().size() + second->shown().size(), size_t{threads * perThread});
+    NimboMessagebox::setPresenter(nullptr);
+}

@@ -1,0 +1,177 @@
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/framework/SessionFixture.h"
+#include "platform/framework/TransferInfo.h"
+#include "platform/framework/UploadFileInfo.h"
+
+namespace cirrovault {
+namespace {
+
+class PathTreeTest : public test::SessionFixture {
+protected:
+    void upload(const std::string& server, const std::string& content) {
+        TransferInfo info;
+        info.setSvrFile(server);
+        info.setLocFile(makeFile("local/" + std::to_string(++files_), content));
+        UploadFileInfo result;
+        ASSERT_EQ(api().UploadFile(info, result), ResultCode::Success) << server;
+    }
+    void folder(const std::string& server) {
+        ASSERT_EQ(api().AddFolder(server, "", "", false), ResultCode::Success) << server;
+    }
+    // What the cache says of a folder equals what the store says now.
+    void expectInStep(const std::string& path) {
+        SCOPED_TRACE(path);
+        PathInfo cached;
+        StoreItem fresh;
+        ASSERT_TRUE(tree().FindPath(path, cached, false));
+        ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
+        EXPECT_EQ(cached.iSize, fresh.size);
+        EXPECT_EQ(cached.iFiles, fresh.isFolder ? fresh.fileCount : 0);
+        EXPECT_EQ(cached.bFolder, fresh.isFolder);
+    }
+    int files_ = 0;
+};
+
+TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
+    folder("\\A");
+    folder("\\A\\B");
+    upload("\\A\\x.txt", "xx");
+    upload("\\A\\y.txt", "yyy");
+    upload("\\A\\B\\z.txt", "zzzz");
+    ASSERT_EQ(tree().RefreshSvrPath("\\"), ResultCode::Success);
+    store_->resetCounts();
+
+    PathInfo info;
+    ASSERT_TRUE(tree().FindPath("\\A\\x.txt", info, false));
+    EXPECT_EQ(info.name, "x.txt");
+    EXPECT_EQ(info.path, "\\A\\x.txt");
+    EXPECT_EQ(info.iSize, 2u);
+    EXPECT_FALSE(info.bFolder);
+    EXPECT_EQ(info.modifyTime, Date(1'600'000'000.25));
+    ASSERT_TRUE(tree().FindPath("A\\y.txt", info, false)); // the leading "\" is optional
+    EXPECT_EQ(info.iSize, 3u);
+    EXPECT_FALSE(tree().FindPath("\\A\\none", info, false));
+    ASSERT_TRUE(tree().FindPath("\\A", info, false));
+    EXPECT_TRUE(info.bFolder);
+    EXPECT_EQ(info.iSize, 9u);
+    EXPECT_EQ(info.iFiles, 3);
+    ASSERT_TRUE(tree().FindPath("\\A\\B\\z.txt", info, false));
+    EXPECT_EQ(store_->listCount("\\A"), 1);
+    EXPECT_EQ(store_->listCount("\\A\\B"), 1);
+    EXPECT_EQ(store_->listCount("\\"), 1);
+
+    std::vector<PathInfo> all;
+    ASSERT_EQ(tree().GetSubList("\\A", all, false, true), ResultCode::Success);
+    ASSERT_EQ(all.size(), 4u);
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i].path == "\\A\\B") { // a folder comes right before what it holds
+            ASSERT_LT(i + 1, all.size());
+            EXPECT_EQ(all[i + 1].path, "\\A\\B\\z.txt");
+        }
+    }
+    EXPECT_EQ(store_->totalLists(), 3);
+
+    std::vector<PathInfo> top;
+    ASSERT_EQ(tree().GetSubList("\\A", top, false, false), ResultCode::Success);
+    EXPECT_EQ(top.size(), 3u);
+    EXPECT_NE(tree().GetSubList("\\A\\missing", top, false, false), ResultCode::Success);
+    EXPECT_TRUE(top.empty());
+    EXPECT_EQ(tree().GetSubList("\\A\\..\\etc", top, false, false), ResultCode::BadPath);
+    EXPECT_FALSE(tree().FindPath("\\A\\..\\A", info, false));
+}
+
+TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
+    folder("\\T");
+    folder("\\T\\Docs");
+    folder("\\H");
+    PathInfo info;
+    ASSERT_FALSE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
+    ASSERT_FALSE(tree().FindPath("\\H\\x", info, false));
+    ASSERT_TRUE(tree().FindPath("\\T\\Docs", info, false));
+    ASSERT_TRUE(tree().FindPath("\\T", info, false));
+    store_->resetCounts();
+
+    upload("\\T\\Docs\\a.txt", std::string(10, 'a'));
+    upload("\\T\\Docs\\b.txt", std::string(5, 'b'));
+    expectInStep("\\T");
+    expectInStep("\\T\\Docs");
+    upload("\\T\\Docs\\a.txt", std::string(25, 'a')); // replaced: size changes, count not
+    expectInStep("\\T");
+    ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
+    EXPECT_EQ(info.iSize, 25u);
+
+    // The versioning moves: rename in place, then move into the history folder.
+    ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", "a0.txt", "", ""), ResultCode::Success);
+    EXPECT_FALSE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
+    ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a0.txt", info, false));
+    ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\a0.txt"}, "\\H", nullptr, true), ResultCode::Success);
+    EXPECT_FALSE(tree().FindPath("\\T\\Docs\\a0.txt", info, false));
+    ASSERT_TRUE(tree().FindPath("\\H\\a0.txt", info, false));
+    EXPECT_EQ(info.iSize, 25u);
+    expectInStep("\\T");
+    expectInStep("\\H");
+
+    ASSERT_EQ(api().CopyPaths({"\\T\\Docs"}, "\\H", nullptr, false), ResultCode::Success);
+    expectInStep("\\H");
+    ASSERT_EQ(api().DeletePaths({"\\T\\Docs\\b.txt"}, nullptr, false), ResultCode::Success);
+    expectInStep("\\T");
+    expectInStep("\\T\\Docs");
+    ASSERT_EQ(api().EditFolder("\\T\\Docs", "Papers", "", ""), ResultCode::Success);
+    EXPECT_FALSE(tree().FindPath("\\T\\Docs", info, false));
+    expectInStep("\\T\\Papers");
+    // All of that was followed without listing a folder again.
+    EXPECT_EQ(store_->totalLists(), 0);
+}
+
+TEST_F(PathTreeTest, RefreshForgetsThePathAndBelow) {
+    folder("\\A");
+    folder("\\A\\B");
+    PathInfo info;
+    EXPECT_FALSE(tree().FindPath("\\A\\B\\new", info, false));
+    // Changed behind the cache's back (another computer): not seen until refreshed.
+    ASSERT_EQ(local_->makeFolder("\\A\\B\\new", "", ""), ResultCode::Success);
+    EXPECT_FALSE(tree().FindPath("\\A\\B\\new", info, false));
+    EXPECT_EQ(tree().RefreshSvrPath("\\A"), ResultCode::Success);
+    EXPECT_TRUE(tree().FindPath("\\A\\B\\new", info, false));
+    EXPECT_EQ(tree().RefreshSvrPath("\\A\\gone"), ResultCode::NotFound);
+    EXPECT_EQ(tree().RefreshSvrPath("\\A\\..\\.."), ResultCode::BadPath);
+    EXPECT_EQ(tree().RefreshSvrPath("\\"), ResultCode::Success);
+
+    // Logged off, nothing is answered from what was cached before.
+    api().Logoff();
+    EXPECT_FALSE(tree().FindPath("\\A", info, false));
+    EXPECT_EQ(tree().RefreshSvrPath("\\"), ResultCode::NotLoggedOn);
+}
+
+class PathTreeConcurrencyTest : public PathTreeTest {};
+
+TEST_F(PathTreeConcurrencyTest, LookupsInOneFolderFromManyThreadsListItOnce) {
+    folder("\\Many");
+    for (int i = 0; i < 8; ++i)
+        upload("\\Many\\f" + std::to_string(i), "x");
+    tree().RefreshSvrPath("\\Many");
+    store_->resetCounts();
+    std::vector<std::thread> threads;
+    std::atomic<int> found{0};
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 8; ++i) {
+                PathInfo info;
+                if (tree().FindPath("\\Many\\f" + std::to_string((i + t) % 8), info, false))
+                    ++found;
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(found, 64);
+    EXPECT_EQ(store_->listCount("\\Many"), 1);
+}
+
+} // namespace
+} // namespace cirrovault

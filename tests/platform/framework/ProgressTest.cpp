@@ -1,0 +1,99 @@
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/framework/CurlHandleController.h"
+#include "platform/framework/TrueProgressCallback.h"
+#include "platform/os/Clock.h"
+#include "platform/os/Semaphore.h"
+
+namespace cirrovault {
+namespace {
+
+class CountingDelegate : public TrueProgressDelegate {
+public:
+    void progressChanged() override { ++calls; }
+    std::atomic<int> calls{0};
+};
+
+class ProgressTest : public ::testing::Test {
+protected:
+    void SetUp() override { Clock::setShared(clock_); }
+    void TearDown() override { Clock::setShared(nullptr); }
+    std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
+};
+
+TEST_F(ProgressTest, ResumedBytesCountForPercentButNotForSpeed) {
+    TrueProgressCallback p;
+    CountingDelegate delegate;
+    p.SetDelegate(&delegate);
+    p.setTotalSize(2000);
+    p.setDoneSize(1000); // an earlier file of the run
+    EXPECT_EQ(p.secondsLeft(), -1);
+
+    p.setThisSize(1000);
+    p.setTempSize(200);
+    p.setSentSize(200); // found already stored: nothing moved yet
+    EXPECT_DOUBLE_EQ(p.percent(), 60.0);
+    EXPECT_EQ(p.speed(), 0);
+    EXPECT_EQ(p.secondsLeft(), -1);
+
+    clock_->advance(10); // the time before the first byte moves is not counted
+    p.setSentSize(400);
+    clock_->advance(2);
+    p.setSentSize(600);
+    EXPECT_DOUBLE_EQ(p.speed(), 200.0); // 400 bytes in 2 s
+    EXPECT_DOUBLE_EQ(p.secondsLeft(), 2.0);
+    EXPECT_DOUBLE_EQ(p.percent(), 80.0);
+    EXPECT_EQ(p.bytesDone(), 1600u);
+    EXPECT_EQ(delegate.calls, 3);
+
+    // Going back (the next attempt starts over) adds nothing to the speed.
+    p.setSentSize(0);
+    EXPECT_DOUBLE_EQ(p.speed(), 200.0);
+    p.setSentSize(5000);
+    EXPECT_DOUBLE_EQ(p.percent(), 100.0);
+    EXPECT_EQ(p.secondsLeft(), 0);
+}
+
+TEST_F(ProgressTest, SingleTransferWithoutRunTotalsShowsTheFile) {
+    TrueProgressCallback p;
+    EXPECT_EQ(p.percent(), 0);
+    p.setThisSize(400);
+    p.startTiming();
+    clock_->advance(4);
+    p.setSentSize(100);
+    EXPECT_DOUBLE_EQ(p.percent(), 25.0);
+    EXPECT_DOUBLE_EQ(p.speed(), 25.0);
+    EXPECT_DOUBLE_EQ(p.secondsLeft(), 12.0);
+}
+
+TEST(ProgressThreadTest, CancelConnectionReachesOnlyTheNamedThreadsTransfer) {
+    CurlHandleController& controller = CurlHandleController::shared();
+    Semaphore started;
+    Semaphore cancelled;
+    std::shared_ptr<std::atomic<bool>> flag;
+    std::shared_ptr<std::atomic<bool>> mine = controller.beginTransfer();
+    std::thread worker([&] {
+        flag = controller.beginTransfer();
+        started.signal();
+        cancelled.wait();
+        controller.endTransfer();
+    });
+    started.wait();
+    EXPECT_FALSE(*flag);
+    EXPECT_TRUE(controller.CancelConnection(worker.get_id()));
+    EXPECT_TRUE(*flag);
+    EXPECT_FALSE(*mine);
+    cancelled.signal();
+    worker.join();
+    // Ended transfers and threads without one are not reached.
+    EXPECT_FALSE(controller.CancelConnection(worker.get_id()));
+    controller.endTransfer();
+    EXPECT_FALSE(controller.CancelConnection(std::this_thread::get_id()));
+}
+
+} // namespace
+} // namespace cirrovault

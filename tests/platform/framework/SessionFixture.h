@@ -1,0 +1,55 @@
+#pragma once
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/FileSystem.h"
+#include "platform/store/local/LocalStore.h"
+#include "platform/framework/CountingStore.h"
+
+namespace cirrovault::test {
+
+// A logged-on service session over a real local store in a temporary home, reached
+// through a CountingStore.
+class SessionFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        TransferApiUtil::releaseTransferApiUtil();
+        local_ = std::make_shared<LocalStore>(home_.file("store"));
+        store_ = std::make_shared<CountingStore>(local_);
+        api().SetBackend(store_);
+        ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+        store_->resetCounts();
+    }
+    void TearDown() override { TransferApiUtil::releaseTransferApiUtil(); }
+
+    static TransferApiUtil& api() { return TransferApiUtil::shareTransferApiUtil(); }
+    static PathTreeController& tree() { return TransferApiUtil::sharePathTreeController(); }
+
+    // A local file with the given content and modification time.
+    std::string makeFile(const std::string& name, const std::string& content,
+                         double modifyTime = 1'600'000'000.25) {
+        std::string path = home_.file(name);
+        auto slash = path.find_last_of('/');
+        FileSystem::createDirectories(path.substr(0, slash));
+        std::ofstream(path, std::ios::binary) << content;
+        FileSystem::setModifyTime(path, Date(modifyTime));
+        return path;
+    }
+    std::string readFile(const std::string& path) {
+        return FileSystem::readFile(path).value_or("<missing>");
+    }
+
+    TempHome home_;
+    std::shared_ptr<LocalStore> local_;
+    std::shared_ptr<CountingStore> store_;
+};
+
+} // namespace cirrovault::test
