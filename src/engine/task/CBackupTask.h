@@ -167,6 +167,51 @@ public:
     void setTaskState(int32_t state) { mTaskState = state; }
     void SetDelegate(StowlineDelegate* receiver) { delegate = receiver; }
     StowlineDelegate* GetDelegate() const { return delegate; }
+
+    // ---- Schedule (BackupTaskSchedule.cpp) ----
+    // Dates are local calendar dates; "now" comes from Clock::shared().
+    void SetSchDating(Date date, bool bAdjustTime); // the user's time (and weekday)
+    void SetBeginDate(Date date);                   // re-adjusts scheduled kinds only
+    // Moves mDating to the first run at or after the later of now and mBeginDate.
+    void AdjuestDating(bool fromBeginDate);
+    // Steps mDating on after a run; after a long pause, to the next slot from today.
+    void SetNextDating();
+
+    // ---- Scan (BackupTaskScan.cpp) ----
+    // The run's walk, on the worker thread: false when cancelled.
+    bool CalculateBackupSize();
+    // The interactive walk under the wait dialog: false when cancelled (list emptied).
+    bool StartScanFile();
+    void scanFileProc(); // body of the interactive scan thread
+
+    // ---- Exclusion filters (BackupTaskFilters.cpp) ----
+    // Whether any entry of filterArray excludes path ('*' and '?' wildcards, case
+    // ignored). A folder entry excludes the folder at any depth and all below it.
+    static bool RegexFun(const std::string& path, const std::vector<std::string>& filterArray,
+                         bool bFilterFolder);
+    static std::string RegexCombiningStrings(const std::string& entry, bool bFilterFolder);
+    static bool RegexFindLeftCharacterFromStr(const std::string& text,
+                                              const std::string& findCharacter);
+    static bool RegexFindRightCharacterFromStr(const std::string& text,
+                                               const std::string& findCharacter);
+    // Whether a component below the root holds a character the server cannot store.
+    static bool RegexBackupPathForServer(const std::string& path);
+    // Whether the disk holding path is larger than iCompareSize; asks the user otherwise.
+    static bool CheckLocalPathSize(const std::string& path, uint64_t iCompareSize);
+
+    // ---- Space check (BackupTaskSpace.cpp) ----
+    // Whether the file must be uploaded; if so it is listed and the counters raised.
+    bool CalculateBackupFileSize(const std::string& localFile);
+    // Lowers uiRemoteSize by the size of the file's interrupted upload on the service.
+    void getPartSizeFromSever(const std::string& localFile);
+    // Inside a run: true to go on; sets iBackupRet (10 when the user declines).
+    bool CheckAccountSpace(uint64_t needed);
+    // Before a run (the manager). task must not be null. The service code goes to
+    // *result; true to go on.
+    static bool CheckFreeSpaceFromServer(uint64_t needed, CBackupTask* task, int64_t* result);
+    // The per-file decision with the status a walk has already read, so that a walk
+    // makes one metadata call per item.
+    bool CalculateBackupFileSize(const std::string& localFile, uint64_t size, Date modifyDate);
 };
 
 } // namespace cirrovault

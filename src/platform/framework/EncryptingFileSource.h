@@ -29,7 +29,6 @@ public:
     std::string resumeTag() const override { return tag_; }
 
     Date modifyTime() const { return plain_->modifyTime(); }
-    uint64_t plainBytesRead() const { return plain_->bytesRead(); }
 
 private:
     EncryptingFileSource() = default;

@@ -219,12 +219,4 @@ std::string FileCrypto::toHex(const unsigned char* bytes, size_t n) {
     return out;
 }
 
-void FileCrypto::clearCaches() {
-    Caches& c = caches();
-    std::lock_guard lock(c.mutex);
-    c.keys.clear();
-    c.salts.clear();
-    c.nonces.clear();
-}
-
 } // namespace cirrovault

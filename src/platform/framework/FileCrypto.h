@@ -78,8 +78,6 @@ public:
                                                                 const std::string& resumeTag);
 
     static std::string toHex(const unsigned char* bytes, size_t n);
-    // Forgets cached keys, salts and nonces (tests; after a pass phrase changes).
-    static void clearCaches();
 };
 
 } // namespace cirrovault

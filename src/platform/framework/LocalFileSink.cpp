@@ -47,7 +47,6 @@ bool LocalFileSink::write(const char* buffer, size_t n) {
         }
         buffer += done;
         n -= static_cast<size_t>(done);
-        written_ += static_cast<uint64_t>(done);
     }
     return true;
 }

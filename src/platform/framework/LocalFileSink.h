@@ -26,16 +26,12 @@ public:
     // Removes the temporary file; the target is left as it was.
     void discard();
 
-    uint64_t bytesWritten() const { return written_; }
-    const std::string& temporaryPath() const { return tempPath_; }
-
 private:
     LocalFileSink() = default;
     int fd_ = -1;
     std::string targetPath_;
     std::string tempPath_;
     Date modifyTime_;
-    uint64_t written_ = 0;
     bool finished_ = false;
 };
 

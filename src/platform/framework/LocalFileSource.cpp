@@ -58,7 +58,6 @@ int64_t LocalFileSource::read(char* buffer, size_t n) {
         if (got <= 0)
             return -1; // an error, or the file is shorter than it was when opened
         position_ += static_cast<uint64_t>(got);
-        bytesRead_ += static_cast<uint64_t>(got);
         return got;
     }
 }

@@ -29,14 +29,12 @@ public:
     std::string resumeTag() const override { return tag_; }
 
     Date modifyTime() const { return modifyTime_; }
-    uint64_t bytesRead() const { return bytesRead_; } // all reads, seeks not undone
 
 private:
     LocalFileSource() = default;
     int fd_ = -1;
     uint64_t size_ = 0;
     uint64_t position_ = 0;
-    uint64_t bytesRead_ = 0;
     Date modifyTime_;
     std::string tag_;
 };

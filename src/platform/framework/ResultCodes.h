@@ -15,6 +15,7 @@ inline constexpr int64_t Failure = 3;          // ordinary failure; the engine m
 inline constexpr int64_t OldTaskNotFound = 4;  // task list: the task to edit does not exist
 inline constexpr int64_t StorageError = 5;     // task list: the store could not be updated
 inline constexpr int64_t Cancelled = 6;
+inline constexpr int64_t TaskExists = 6;      // task list only: the same task exists already
 inline constexpr int64_t AlreadyExists = 7;    // the target path exists already
 inline constexpr int64_t NotFound = 8;         // no such path on the service
 inline constexpr int64_t WrongPassword = 9;    // logon refused

@@ -33,7 +33,8 @@ public:
     // folder. Opening picks the backend; a URL it cannot serve gives NoService.
     static std::string defaultServiceURL();
     int64_t OpenService(const std::string& serviceURL);
-    // Uses the given backend directly (tests and fault injection).
+    // Uses the given backend directly (tests and fault injection). A session already
+    // open is kept, so a wrapper around the same store goes on with it.
     void SetBackend(std::shared_ptr<StoreBackend> backend);
     std::shared_ptr<StoreBackend> backend() const;
 
