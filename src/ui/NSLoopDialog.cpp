@@ -19,7 +19,7 @@ constexpr int RetryPage = 2;
 NSLoopDialog::NSLoopDialog(std::shared_ptr<ViewBackend> backend)
     : backend_(backend ? std::move(backend) : ViewBackend::shared()),
       window_(backend_->createWindow(ViewLayout::LoopDialog)) {
-    // Buttons hold no strong reference to the dialog: the window outlives nothing.
+    // The actions capture the dialog, which owns the window and outlives its modal loop.
     window_->setAction(ViewButton::Cancel, [this] { onCancel(); });
     window_->setAction(ViewButton::Retry, [this] { onRetry(); });
     window_->setText(ViewOutlet::Title, LoadString::GetValueByKey("OBTitle", "Cirrovault Online Backup"));

@@ -212,6 +212,9 @@ public:
     // The per-file decision with the status a walk has already read, so that a walk
     // makes one metadata call per item.
     bool CalculateBackupFileSize(const std::string& localFile, uint64_t size, Date modifyDate);
+    // The last server folder the per-file decision found missing: its other files are
+    // new without asking the service again. Cleared when a walk starts.
+    std::string strMissingSvrFolder;
 };
 
 } // namespace cirrovault

@@ -21,8 +21,8 @@ namespace cirrovault {
 // applied exactly, the listings that would be stale are dropped and read again later.
 //
 // One lock covers the cache and the listings it makes, so two threads asking for the
-// same folder cause one listing. Paths are server paths; the note... functions take
-// canonical ones (StorePath::normalize).
+// same folder cause one listing. The PathTreeController calls accept any server path
+// StorePath accepts; cachedItem, forget and the note functions take canonical ones.
 class CachedPathTree : public PathTreeController {
 public:
     CachedPathTree() = default;

@@ -260,6 +260,13 @@ std::optional<uint64_t> FileSystem::availableSpace(const std::string& path) {
     return static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
 }
 
+std::optional<uint64_t> FileSystem::totalSpace(const std::string& path) {
+    struct statvfs vfs {};
+    if (::statvfs(path.c_str(), &vfs) != 0)
+        return std::nullopt;
+    return static_cast<uint64_t>(vfs.f_blocks) * vfs.f_frsize;
+}
+
 std::string FileSystem::lastErrorText() { return std::strerror(errno); }
 
 } // namespace cirrovault

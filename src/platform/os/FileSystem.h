@@ -61,6 +61,8 @@ public:
 
     // Free bytes for an unprivileged user on the file system holding path.
     static std::optional<uint64_t> availableSpace(const std::string& path);
+    // The size of the whole file system holding path, free or not.
+    static std::optional<uint64_t> totalSpace(const std::string& path);
     static std::string lastErrorText(); // strerror of errno
 };
 

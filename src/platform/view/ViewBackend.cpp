@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "platform/os/SystemLog.h"
+#include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 
 namespace cirrovault {

@@ -117,11 +117,11 @@ TEST_F(BackupTaskSchedule, BeginDateAndTheBetweenDatesKind) {
     task_->SetSchDating(at(2026, 3, 10, 8, 0), true);
     EXPECT_EQ(task_->mDating, at(2026, 3, 10, 8, 0));
     task_->SetBeginDate(at(2026, 1, 1, 0, 0));
-    EXPECT_EQ(task_->mDating, at(2026, 3, 12, 8, 0));
+    EXPECT_EQ(task_->mDating, at(2026, 3, 11, 8, 0));
     // A success outside the range does not count.
     task_->mEndDate = at(2026, 3, 10, 0, 0);
     task_->SetSchDating(at(2026, 3, 10, 8, 0), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 12, 8, 0));
+    EXPECT_EQ(task_->mDating, at(2026, 3, 11, 8, 0));
 }
 
 TEST_F(BackupTaskSchedule, NextDatingStepsOneWholePeriodOrCatchesUpFromToday) {

@@ -1,0 +1,273 @@
+#include <algorithm>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "engine/task/CBackupTask.h"
+#include "engine/task/ScanFileInfo.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/os/Clock.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemItems.h"
+#include "platform/os/SystemLog.h"
+#include "support/CFileInfo.h"
+
+namespace cirrovault {
+
+namespace {
+
+enum class Step { Descend, SkipBelow, Stop };
+using Visitor = std::function<Step(const std::string&, const std::optional<FileStatus>&)>;
+
+// Pre-order walk: each folder's contents come right after the folder, as the
+// one-entry memories of excluded folders expect. One status call per item; links are
+// never followed. Answers false when the visitor stopped the walk.
+bool walkTree(const std::string& folder, const Visitor& visit) {
+    auto names = FileSystem::listDirectory(folder);
+    if (!names)
+        return true; // a vanished or unreadable folder yields nothing
+    std::sort(names->begin(), names->end());
+    for (const auto& name : *names) {
+        std::string path = CFileInfo::MacPathAppend(folder, name);
+        std::optional<FileStatus> status = FileSystem::linkStatus(path);
+        Step step = visit(path, status);
+        if (step == Step::Stop)
+            return false;
+        if (step == Step::Descend && status && status->type == FileType::Directory &&
+            !walkTree(path, visit))
+            return false;
+    }
+    return true;
+}
+
+// A plain text prefix test: an excluded "Trash" also covers a sibling "Trashes".
+bool beginsWith(const std::string& path, const std::string& prefix) {
+    return !prefix.empty() && path.starts_with(prefix);
+}
+
+std::string sourcePath(const SourceEntry& entry) {
+    return entry.isRecord() ? entry.record().m_strPath : entry.path();
+}
+
+// Tells the delegate; a delegate that did not handle the event is only logged.
+void sendScanNotice(CBackupTask& task, StowlineDelegateType type) {
+    StowlineDelegate* receiver = task.GetDelegate();
+    if (!receiver)
+        return;
+    if (!receiver->StowlineDelegateFun(task.weak_from_this().lock(), type))
+        SystemLog::write("Error: runDelegateFun:(enum StowlineDelegateType)nType.");
+}
+
+} // namespace
+
+bool CBackupTask::CalculateBackupSize() {
+    try {
+        bRescanForPrgBar = false;
+        strMissingSvrFolder.clear();
+        scanFilterSystemPath.clear();
+        scanFilterUserPath.clear();
+        int32_t items = 0;
+        int32_t taken = 0;
+        SystemItems systemItems;
+
+        auto cancelled = [this] {
+            return pPrgBar && (pPrgBar->IsClickedCancel() || pPrgBar->IsCancelled());
+        };
+        // Every hundred items: a cancel test and a progress notice. False = cancelled.
+        auto report = [&](const std::string& source) {
+            if (items % 100 != 0)
+                return true;
+            if (cancelled())
+                return false;
+            bRescanForPrgBar = true;
+            strRescanInfoForPrgbar = LoadString::Format("ReScanFile", source, items, taken);
+            sendScanNotice(*this, refreshProgressBarDelegate);
+            bRescanForPrgBar = false;
+            return true;
+        };
+        auto takeFile = [&](const std::string& path, const FileStatus& status) {
+            if (CalculateBackupFileSize(path, status.size, status.modifyTime))
+                ++taken;
+        };
+
+        // Files are measured against the extension and name filters by
+        // CalculateBackupFileSize; the walk itself filters folders only.
+        for (const auto& entry : localDirList) {
+            std::string source = sourcePath(entry);
+            if (cancelled())
+                return false;
+            ++items;
+            std::optional<FileStatus> status = FileSystem::linkStatus(source);
+            if (status && status->type == FileType::Regular) {
+                if (!beginsWith(source, scanFilterUserPath))
+                    takeFile(source, *status);
+            } else if (status && status->type == FileType::Directory) {
+                if (RegexFun(source, filtedPath, true) || RegexBackupPathForServer(source)) {
+                    scanFilterUserPath = source;
+                    continue;
+                }
+                scanFileArray.push_back(source);
+            }
+            if (!report(source))
+                return false;
+            if (!status || status->type != FileType::Directory)
+                continue;
+
+            bool finished = walkTree(source, [&](const std::string& path,
+                                                  const std::optional<FileStatus>& item) {
+                if (cancelled())
+                    return Step::Stop;
+                if (beginsWith(path, scanFilterSystemPath))
+                    return Step::SkipBelow;
+                if (systemItems.isExcluded(path)) {
+                    scanFilterSystemPath = path;
+                    return Step::SkipBelow;
+                }
+                if (!item)
+                    return Step::SkipBelow; // vanished since the folder was listed
+                ++items;
+                Step step = Step::Descend;
+                if (item->type == FileType::Regular) {
+                    if (!beginsWith(path, scanFilterUserPath))
+                        takeFile(path, *item);
+                } else if (RegexFun(path, filtedPath, true) || RegexBackupPathForServer(path)) {
+                    scanFilterUserPath = path;
+                    step = Step::SkipBelow; // everything below is excluded as well
+                } else {
+                    scanFileArray.push_back(path);
+                }
+                return report(source) ? step : Step::Stop;
+            });
+            if (!finished)
+                return false;
+        }
+        nScanTotalFiles = taken;
+        bFinishScanForPrgBar = true;
+        sendScanNotice(*this, refreshProgressBarDelegate);
+        bFinishScanForPrgBar = false;
+        return true;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CBackupTask::CalculateBackupSize()");
+        return false;
+    }
+}
+
+bool CBackupTask::StartScanFile() {
+    try {
+        scanFileArray.clear();
+        fileTotalSize = 0;
+        bCancleScanFile = false;
+        // Without a user interface there is no dialog, and the scan runs on its own.
+        pLoopDlgController = CLoopItem::create();
+        loopItem = pLoopDlgController.get();
+        pThread = std::make_shared<Thread>([this] { scanFileProc(); });
+        if (loopItem)
+            loopItem->EnterLoopMode(pThread.get(), CLoopItem::ButtonScanFiles);
+        else
+            pThread->start();
+        pThread->join(); // the thread may still be returning after it left the loop
+        pThread.reset();
+        if (bCancleScanFile) {
+            scanFileArray.clear();
+            return false;
+        }
+        return true;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CBackupTask::StartScanFile()");
+        return false;
+    }
+}
+
+void CBackupTask::scanFileProc() {
+    Thread* self = pThread.get();
+    try {
+        if (loopItem)
+            Clock::shared().sleepFor(3); // let the dialog come up first
+        scanFilterSystemPath.clear();
+        scanFilterUserPath.clear();
+        int32_t files = 0;
+        SystemItems systemItems;
+
+        auto cancelled = [&] {
+            return bCancleScanFile || (loopItem && loopItem->IsLoopCancel(self));
+        };
+        auto excludedFolder = [&](const std::string& path) {
+            return RegexFun(path, filtedPath, true) || RegexBackupPathForServer(path);
+        };
+        auto excludedFile = [&](const std::string& path) {
+            return beginsWith(path, scanFilterUserPath) || RegexFun(path, filterExt, false) ||
+                   RegexBackupPathForServer(path);
+        };
+        auto addSize = [&](uint64_t size) {
+            fileTotalSize += size;
+            uiNeedSpace = fileTotalSize;
+            ++files;
+        };
+
+        for (const auto& entry : localDirList) {
+            std::string source = sourcePath(entry);
+            std::optional<FileStatus> status = FileSystem::linkStatus(source);
+            bool isFolder = status && status->type == FileType::Directory;
+            if (isFolder) {
+                if (excludedFolder(source)) {
+                    scanFilterUserPath = source;
+                    continue;
+                }
+                scanFileArray.push_back(source);
+            }
+            if (status && status->type == FileType::Regular) {
+                if (!excludedFile(source)) {
+                    scanFileArray.push_back(source);
+                    addSize(status->size);
+                }
+                continue;
+            }
+
+            walkTree(source, [&](const std::string& path, const std::optional<FileStatus>& item) {
+                if (cancelled()) {
+                    bCancleScanFile = true;
+                    return Step::Stop;
+                }
+                if (beginsWith(path, scanFilterSystemPath))
+                    return Step::SkipBelow;
+                if (systemItems.isExcluded(path)) {
+                    scanFilterSystemPath = path;
+                    return Step::SkipBelow;
+                }
+                if (!item)
+                    return Step::SkipBelow;
+                if (item->type == FileType::Directory) {
+                    if (excludedFolder(path)) {
+                        scanFilterUserPath = path;
+                        return Step::SkipBelow;
+                    }
+                } else if (excludedFile(path)) {
+                    return Step::SkipBelow;
+                }
+                scanFileArray.push_back(path);
+                if (item->type == FileType::Regular)
+                    addSize(item->size);
+                if (loopItem) {
+                    ScanFileInfo info = ScanFileInfo::initScanFileInfoWithString(
+                        Functions::FormatSizeToString(fileTotalSize), std::to_string(files), path);
+                    loopItem->SetScanFileLoopMessage(self, info.totalSourceSize,
+                                                     info.totalSourceFilesCount, info.pathFolder);
+                }
+                return Step::Descend;
+            });
+            if (cancelled()) {
+                bCancleScanFile = true;
+                break;
+            }
+        }
+        nScanTotalFiles = files;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CBackupTask::scanFileProc()");
+    }
+    if (loopItem)
+        loopItem->LeaveLoopMode(self);
+}
+
+} // namespace cirrovault

@@ -1,0 +1,229 @@
+#include <cmath>
+#include <cstdlib>
+#include <exception>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/AccountBalance.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/SystemLog.h"
+#include "support/CFileAttributes.h"
+#include "support/CFileInfo.h"
+#include "support/GlobalFunction.h"
+
+namespace cirrovault {
+
+namespace {
+
+constexpr uint64_t kEncryptedExtra = 128; // an encrypted copy is this much longer
+constexpr int kPromptSomeSpaceLeft = 8;
+constexpr int kPromptNoSpaceLeft = 6;
+
+std::string firstSourcePath(const CBackupTask& task) {
+    if (task.localDirList.empty())
+        return "";
+    const SourceEntry& entry = task.localDirList.front();
+    return entry.isRecord() ? entry.record().m_strPath : entry.path();
+}
+
+std::string toServerSeparators(std::string path) {
+    for (auto& c : path)
+        if (c == '/')
+            c = '\\';
+    return path;
+}
+
+// The server folder that holds a local file: the task's folder followed by the file's
+// folder counted from the first source's own name (/Users/a/Docs/x/y.txt with the
+// first source /Users/a/Docs gives serverPath + "\Docs\x"). Plain text joins.
+std::string targetServerFolder(const CBackupTask& task, const std::string& localFile) {
+    std::string local = toServerSeparators(localFile);
+    std::string first = toServerSeparators(firstSourcePath(task));
+    size_t top = first.rfind('\\');
+    std::string rel = local.substr(std::min(top == std::string::npos ? 0 : top, local.size()));
+    size_t cut = rel.rfind('\\');
+    return task.serverPath + (cut == std::string::npos ? std::string() : rel.substr(0, cut));
+}
+
+std::string serverFileOf(const CBackupTask& task, const std::string& localFile) {
+    return CFileInfo::serverPathAppend(targetServerFolder(task, localFile),
+                                       CFileInfo::getMacFileName(localFile, false));
+}
+
+// Free bytes of the account; may be negative.
+int64_t freeSpaceOf(const AccountBalance& balance) {
+    return balance.maxSpace - balance.fileSpaceUsed - balance.msgSpaceUsed;
+}
+
+// free − needed > 0, without overflow for any needed.
+bool roomFor(int64_t freeSpace, uint64_t needed) {
+    return freeSpace > 0 && static_cast<uint64_t>(freeSpace) > needed;
+}
+
+} // namespace
+
+bool CBackupTask::CalculateBackupFileSize(const std::string& localFile) {
+    try {
+        CFileAttributes attributes(localFile);
+        if (!attributes.getFileAttibutes() || !attributes.modifyDate) {
+            SystemLog::write("Error: CalculateBackupFileSize cannot read " + localFile);
+            return false;
+        }
+        return CalculateBackupFileSize(localFile, static_cast<uint64_t>(attributes.fileSize),
+                                       *attributes.modifyDate);
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CalculateBackupFileSize");
+        return false;
+    }
+}
+
+bool CBackupTask::CalculateBackupFileSize(const std::string& localFile, uint64_t size,
+                                          Date modifyDate) {
+    try {
+        if (RegexFun(localFile, filterExt, false) || RegexBackupPathForServer(localFile))
+            return false;
+        std::string folder = targetServerFolder(*this, localFile);
+        std::string serverFile =
+            CFileInfo::serverPathAppend(folder, CFileInfo::getMacFileName(localFile, false));
+        uint64_t extra = Functions::IsEncryptPath(serverFile) ? kEncryptedExtra : 0;
+
+        // The path tree lists each server folder once and answers later files of the
+        // same folder from memory; a folder that is missing is remembered here, since
+        // the tree keeps no record of what it did not find.
+        PathTreeController& tree = TransferApiUtil::sharePathTreeController();
+        bool folderMissing = !strMissingSvrFolder.empty() && folder == strMissingSvrFolder;
+        PathInfo stored;
+        if (folderMissing || !tree.FindPath(serverFile, stored, false)) {
+            PathInfo part;
+            bool interrupted = false;
+            if (!folderMissing) {
+                PathInfo folderInfo;
+                if (tree.FindPath(folder, folderInfo, false))
+                    interrupted = tree.FindPath(serverFile + ".part", part, false);
+                else
+                    strMissingSvrFolder = folder;
+            }
+            scanFileArray.push_back(localFile);
+            fileTotalSize += size;
+            if (!interrupted)
+                uiNeedSpace += size + extra;
+            else // the upload resumes: what is already there is not charged twice
+                uiRemoteSize = part.iSize >= uiRemoteSize ? 0 : uiRemoteSize - part.iSize;
+            return true;
+        }
+
+        double d = std::trunc(modifyDate.timeIntervalSinceDate(stored.modifyTime));
+        if (d >= -2 && d <= 2)
+            return false;
+        // A shift of one hour (daylight saving, a new time zone) with the same size.
+        if (std::fabs(d) >= 3598 && std::fabs(d) <= 3602 && size + extra == stored.iSize)
+            return false;
+        uiNeedSpace += size; // the whole file, and no extra for a changed one
+        scanFileArray.push_back(localFile);
+        fileTotalSize += size;
+        return true;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CalculateBackupFileSize");
+        return false;
+    }
+}
+
+void CBackupTask::getPartSizeFromSever(const std::string& localFile) {
+    try {
+        PathInfo part;
+        if (!TransferApiUtil::sharePathTreeController().FindPath(
+                serverFileOf(*this, localFile) + ".part", part, false))
+            return;
+        uiRemoteSize = part.iSize >= uiRemoteSize ? 0 : uiRemoteSize - part.iSize;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: getPartSizeFromSever");
+    }
+}
+
+bool CBackupTask::CheckAccountSpace(uint64_t needed) {
+    try {
+        for (;;) {
+            AccountBalance balance;
+            int64_t code = TransferApiUtil::shareTransferApiUtil().GetAccountBalance(balance);
+            iBackupRet = static_cast<uint64_t>(code);
+            // The task's own network test always passes; only the service's code counts.
+            if (code != ResultCode::Success)
+                return false;
+            int64_t freeSpace = freeSpaceOf(balance);
+            if (roomFor(freeSpace, needed))
+                return true;
+            if (needed == 0)
+                SystemLog::write("needspace is zero.");
+
+            std::string text;
+            if (freeSpace < 1) {
+                text = LoadString::Format("NeedMoreBuySpace", freeSpace / 1048576);
+                if (!GlobalFunction::SpaceLimitAlter(kPromptNoSpaceLeft, text))
+                    break;
+            } else {
+                text = LoadString::Format("IDS_NEEDMOREBUYSPACE", name, (needed + 0xFFFFF) >> 20,
+                                          freeSpace >> 20);
+                if (!GlobalFunction::SpaceLimitAlter(kPromptSomeSpaceLeft, text)) {
+                    iBackupRet = ResultCode::Success; // declined: the run ends quietly
+                    return false;
+                }
+            }
+            if (!GlobalFunction::SpaceLimitRetry(text))
+                break;
+        }
+        iBackupRet = ResultCode::SpaceLimit;
+        bHaveErr = true;
+        return false;
+    } catch (const std::exception&) {
+        // A failure inside the check must not stop the backup.
+        SystemLog::write("Error:CheckAccountSpace");
+        return true;
+    }
+}
+
+bool CBackupTask::CheckFreeSpaceFromServer(uint64_t needed, CBackupTask* task, int64_t* result) {
+    if (!task) {
+        SystemLog::write("Error: CheckFreeSpaceFromServer without a task");
+        std::abort();
+    }
+    try {
+        for (;;) {
+            AccountBalance balance;
+            int64_t code = TransferApiUtil::shareTransferApiUtil().GetAccountBalance(balance);
+            if (result)
+                *result = code;
+            if (code != ResultCode::Success)
+                return false;
+            int64_t freeSpace = freeSpaceOf(balance);
+            if (roomFor(freeSpace, needed))
+                return true;
+
+            std::string neededText = Functions::FormatSizeToString(needed);
+            std::string freeText =
+                (freeSpace < 0 ? "-" : "") +
+                Functions::FormatSizeToString(static_cast<uint64_t>(std::llabs(freeSpace)));
+            // Suggest twice the shortfall.
+            uint64_t shortfall = needed - static_cast<uint64_t>(freeSpace);
+            std::string suggestedText = Functions::FormatSizeToString(2 * shortfall);
+            std::string text =
+                freeSpace != 0
+                    ? LoadString::Format("IDS_STRNEEDMORESPACE", task->name, neededText, freeText,
+                                         suggestedText)
+                    : LoadString::Format("SubUserHaveBuyStorageSpace", task->name, neededText,
+                                         freeText);
+            if (!GlobalFunction::SpaceLimitAlter(kPromptSomeSpaceLeft, text))
+                return true; // the user goes on anyway
+            if (!GlobalFunction::SpaceLimitRetry(LoadString::GetValueByKey("IDS_REBACKAGAIN", "")))
+                return false;
+        }
+    } catch (const std::exception&) {
+        // Only a broken invariant gets here; going on would hide it.
+        SystemLog::write("Error: CheckFreeSpaceFromServer");
+        std::abort();
+    }
+}
+
+} // namespace cirrovault

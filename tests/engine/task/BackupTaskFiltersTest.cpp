@@ -1,0 +1,80 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "engine/task/CBackupTask.h"
+
+using namespace cirrovault;
+
+namespace {
+
+using Entries = std::vector<std::string>;
+
+TEST(BackupTaskFilters, PatternsBuiltFromEntries) {
+    EXPECT_EQ(CBackupTask::RegexCombiningStrings("", true), "");
+    EXPECT_EQ(CBackupTask::RegexCombiningStrings("Library", true), "*/Library/*");
+    EXPECT_EQ(CBackupTask::RegexCombiningStrings("cache*", true), "*/cache*");
+    EXPECT_EQ(CBackupTask::RegexCombiningStrings("*.tmp", false), "*/*.tmp");
+    // A leading "*" is never treated specially.
+    EXPECT_EQ(CBackupTask::RegexCombiningStrings("*cache", true), "*/*cache/*");
+    EXPECT_FALSE(CBackupTask::RegexFindLeftCharacterFromStr("*a", "*"));
+    EXPECT_TRUE(CBackupTask::RegexFindRightCharacterFromStr("a*", "*"));
+    EXPECT_FALSE(CBackupTask::RegexFindRightCharacterFromStr("a*b", "*"));
+    EXPECT_FALSE(CBackupTask::RegexFindRightCharacterFromStr("", "*"));
+    EXPECT_FALSE(CBackupTask::RegexFindRightCharacterFromStr("a*", ""));
+}
+
+TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelow) {
+    Entries library{"", "Library"};
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library", library, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a/b/library", library, true)); // case ignored
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library/x/y", library, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library/x.txt", library, false) == false);
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/Libraryx", library, true));
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/MyLibrary", library, true));
+
+    Entries cache{"cache*"};
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/cache", cache, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Cache-2/sub", cache, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/cachedir/sub", cache, true));
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/mycache", cache, true));
+
+    // '?' stands for exactly one character, a multi-byte one included.
+    Entries oneChar{"v?"};
+    EXPECT_TRUE(CBackupTask::RegexFun("/x/v1", oneChar, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/x/vé", oneChar, true));
+    EXPECT_FALSE(CBackupTask::RegexFun("/x/v12", oneChar, true));
+    EXPECT_FALSE(CBackupTask::RegexFun("/x/v", oneChar, true));
+
+    EXPECT_FALSE(CBackupTask::RegexFun("/x/anything", Entries{}, true));
+}
+
+TEST(BackupTaskFilters, FileEntriesMatchTheWholeName) {
+    Entries tmp{"*.TMP", "Thumbs.db"};
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a.tmp", tmp, false));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/deep/er/A.Tmp", tmp, false));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/THUMBS.DB", tmp, false));
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/a.tmp.txt", tmp, false));
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/xThumbs.db", tmp, false));
+    EXPECT_FALSE(CBackupTask::RegexFun("a.tmp", tmp, false)); // no folder before it
+}
+
+TEST(BackupTaskFilters, NamesTheServerCannotStore) {
+    for (const char* bad : {"/a/b:c.txt", "/a/x?y/z", "/a/q\"t", "/a/b\\c", "/a/{x}", "/a/st*r",
+                            "/a/p|p", "/a/<x", "/a/x>"})
+        EXPECT_TRUE(CBackupTask::RegexBackupPathForServer(bad)) << bad;
+    EXPECT_FALSE(CBackupTask::RegexBackupPathForServer("/home/u/ok name (1) [2] é.txt"));
+    EXPECT_FALSE(CBackupTask::RegexBackupPathForServer("/"));
+    EXPECT_FALSE(CBackupTask::RegexBackupPathForServer(""));
+    // The first component of a relative path is skipped like the root.
+    EXPECT_FALSE(CBackupTask::RegexBackupPathForServer("a:b/c"));
+    EXPECT_TRUE(CBackupTask::RegexBackupPathForServer("a/b:c"));
+}
+
+TEST(BackupTaskFilters, LocalPathSizeComparesWithTheWholeDisk) {
+    EXPECT_FALSE(CBackupTask::CheckLocalPathSize("", 0));
+    EXPECT_TRUE(CBackupTask::CheckLocalPathSize("/tmp/somewhere", 1));
+}
+
+} // namespace

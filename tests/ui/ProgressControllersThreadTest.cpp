@@ -1,0 +1,194 @@
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/LoadString.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/os/Thread.h"
+#include "platform/view/ViewLayout.h"
+#include "platform/view/headless/HeadlessViewBackend.h"
+#include "ui/CDownloadFileController.h"
+#include "ui/ProgressBarController.h"
+
+namespace cirrovault {
+namespace {
+
+// Waits (in short real steps) for the window's refresh thread to show a text.
+bool eventuallyShows(const ViewWindow& window, const char* outlet, const std::string& text) {
+    for (int i = 0; i < 5000; ++i) {
+        if (window.text(outlet) == text)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
+class ProgressThreadTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Clock::setShared(clock);
+        SystemLog::startCapture();
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        Clock::setShared(nullptr);
+        NimboMessagebox::setPresenter(nullptr);
+    }
+
+    test::TempHome home;
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
+};
+
+TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
+    ProgressBarController controller(backend);
+    EXPECT_TRUE(controller.IsCancelProgressModel(nullptr));
+    Thread* self = nullptr;
+    bool shown = false;
+    bool cancelWhileOpen = true;
+    std::shared_ptr<ViewWindow> window;
+    Thread worker([&] {
+        auto info = controller.getProgressInfo(self);
+        window = controller.windowOf(self)->window();
+        info->setTotalFiles(8);
+        info->setTotalFolders(2);
+        info->setDoneFiles(3);
+        info->setDoneFolders(1);
+        info->setTotalSize(1000);
+        info->setSentSize(100); // the first byte starts the clock
+        clock->advance(10);
+        info->setSentSize(300); // 30 bytes a second: 700 bytes take 23 seconds
+        shown = eventuallyShows(*window, ViewOutlet::Left, "6") &&
+                eventuallyShows(*window, ViewOutlet::TimeLeft, "0:00:23");
+        cancelWhileOpen = controller.IsCancelProgressModel(self);
+        controller.SetProgressMessage(self, "");
+        controller.SetProgressMessage(self, "Deleting");
+        controller.LeaveProgressModel(self);
+    });
+    self = &worker;
+
+    controller.EnterProgressMode(&worker);
+    worker.join();
+    EXPECT_TRUE(shown);
+    EXPECT_FALSE(cancelWhileOpen);
+    EXPECT_EQ(window->text(ViewOutlet::Total), "10");
+    EXPECT_DOUBLE_EQ(window->value(ViewOutlet::Bar), 30.0);
+    EXPECT_EQ(window->text(ViewOutlet::TotalLabel), "Total Objects:");
+    EXPECT_EQ(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::Message),
+              (std::vector<std::string>{"Deleting"}));
+    EXPECT_TRUE(window->isClosed());
+    EXPECT_EQ(controller.windowCount(), 0u);
+    EXPECT_TRUE(controller.IsCancelProgressModel(&worker)); // no windows left
+    EXPECT_EQ(controller.getProgressInfo(&worker), nullptr);
+}
+
+TEST_F(ProgressThreadTest, CancelEndsTheLoopAndReachesTheWorker) {
+    ProgressBarController controller(backend);
+    backend->pressWhenText(ViewLayout::ProgressWindow, ViewOutlet::Message, "step 2", ViewButton::Cancel);
+    Thread* self = nullptr;
+    int steps = 0;
+    bool progressCancelled = false;
+    Thread worker([&] {
+        auto info = controller.getProgressInfo(self);
+        while (!controller.IsCancelProgressModel(self) && steps < 1000)
+            controller.SetProgressMessage(self, "step " + std::to_string(++steps));
+        progressCancelled = info->IsCancelled();
+        controller.LeaveProgressModel(self);
+    });
+    self = &worker;
+    controller.EnterProgressMode(&worker); // returns on Cancel, maybe before the worker ends
+    worker.join();
+    EXPECT_EQ(steps, 2);
+    EXPECT_TRUE(progressCancelled);
+    EXPECT_EQ(controller.windowCount(), 0u);
+}
+
+TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel) {
+    auto boxes = std::make_shared<HeadlessMessagebox>();
+    NimboMessagebox::setPresenter(boxes);
+    boxes->queueAnswer(MessageboxAnswer::No);  // first Cancel: the user changes their mind
+    boxes->queueAnswer(MessageboxAnswer::Yes); // second Cancel: stop
+    CDownloadFileController controller(backend);
+    Thread* self = nullptr;
+    std::vector<bool> cancelSeen;
+    Thread worker([&] {
+        controller.iTotalSize = 1000;
+        controller.setStrDownPath("/home/u/restore");
+        auto progress = controller.pDownloadProgBar;
+        progress->setTotalSize(1000);
+        progress->setSentSize(100);
+        clock->advance(10);
+        progress->setSentSize(300); // 30 bytes a second, 700 left: 23 seconds
+        auto window = controller.view()->window();
+        window->press(ViewButton::Cancel);
+        cancelSeen.push_back(controller.IsCancelDownload(self));
+        window->press(ViewButton::Cancel);
+        cancelSeen.push_back(controller.IsCancelDownload(self));
+        controller.LeaveProgressModel(self);
+    });
+    self = &worker;
+    EXPECT_TRUE(controller.EnterProgressMode(&worker));
+    worker.join();
+
+    EXPECT_EQ(cancelSeen, (std::vector<bool>{false, true}));
+    EXPECT_TRUE(controller.pDownloadProgBar->IsClickedCancel());
+    EXPECT_EQ(controller.view()->nType, 1);
+    EXPECT_EQ(controller.pDownloadThread, &worker);
+    auto window = controller.view()->window();
+    EXPECT_EQ(window->text(ViewOutlet::TimeLeft), "0:00:23");
+    EXPECT_EQ(window->text(ViewOutlet::TransferRate), "30 B/s");
+    EXPECT_EQ(window->text(ViewOutlet::DownPath), "/home/u/restore");
+    EXPECT_DOUBLE_EQ(window->value(ViewOutlet::FilePrgBar), 30.0);
+    EXPECT_TRUE(SystemLog::capturedContains("refresh download file progress bar."));
+    auto asked = boxes->shown();
+    ASSERT_EQ(asked.size(), 2u);
+    EXPECT_EQ(asked[0].text, LoadString::GetValueByKey("IDS_STRCANCELCONFIRM"));
+    EXPECT_EQ(asked[0].style, MessageboxStyle::YesNo);
+
+    // One view per controller; a null thread changes nothing.
+    EXPECT_TRUE(controller.EnterProgressMode(&worker));
+    EXPECT_FALSE(controller.IsCancelDownload(nullptr));
+
+    // Nothing to restore: no percentage and no time.
+    controller.iTotalSize = 0;
+    controller.refreshPrgbarDelegate();
+    EXPECT_DOUBLE_EQ(window->value(ViewOutlet::FilePrgBar), 0.0);
+    EXPECT_EQ(window->text(ViewOutlet::TimeLeft), "");
+    controller.iTotalSize = 300;
+    controller.iHasDownloadSize = 100;
+    controller.refreshPrgbarDelegate();
+    EXPECT_DOUBLE_EQ(window->value(ViewOutlet::FilePrgBar), 33.0); // whole percents
+}
+
+TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
+    auto boxes = std::make_shared<HeadlessMessagebox>();
+    NimboMessagebox::setPresenter(boxes);
+    boxes->queueAnswer(MessageboxAnswer::Yes);
+    CDownloadFileController controller(backend);
+    backend->pressOnShow(ViewLayout::DownloadProgressWindow, ViewButton::Close);
+    Thread* self = nullptr;
+    bool stopped = false;
+    Thread worker([&] {
+        while (!controller.IsCancelDownload(self)) {
+        }
+        stopped = controller.pDownloadProgBar->IsClickedCancel();
+        controller.LeaveProgressModel(self);
+    });
+    self = &worker;
+    controller.EnterProgressMode(&worker);
+    worker.join();
+    EXPECT_TRUE(stopped);
+    EXPECT_EQ(controller.view()->nType, 1); // the worker's leave comes last
+    ASSERT_EQ(boxes->shown().size(), 1u);
+    EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("closeDownloadFileView"));
+}
+
+} // namespace
+} // namespace cirrovault
