@@ -1,12 +1,11 @@
 #include "support/CErrorLog.h"
 
-#include <exception>
-
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Date.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Guarded.h"
 #include "platform/os/SystemLog.h"
 #include "support/CFileInfo.h"
 
@@ -21,16 +20,6 @@ std::shared_ptr<CErrorLog> gShared; // guarded by gClassMutex
 const char* const kFileName = "errlog.log";
 // 4.5 printed with "%f\n": nine bytes, rewritten at offset 0 before every record.
 const char* const kFormatMark = "4.500000\n";
-
-template <typename T, typename Body>
-T guarded(const char* line, T fallback, Body&& body) {
-    try {
-        return body();
-    } catch (const std::exception&) {
-        SystemLog::write(line);
-        return fallback;
-    }
-}
 
 std::string replaceAll(const std::string& text, const std::string& from, const std::string& to) {
     std::string result;

@@ -1,27 +1,16 @@
 #include "support/CFileInfo.h"
 
 #include <algorithm>
-#include <exception>
 
 #include "platform/framework/LoadString.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Guarded.h"
 #include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
 
 namespace cirrovault {
 
 namespace {
-
-// Runs body; an exception is logged with line and answered with fallback.
-template <typename T, typename Body>
-T guarded(const char* line, T fallback, Body&& body) {
-    try {
-        return body();
-    } catch (const std::exception&) {
-        SystemLog::write(line);
-        return fallback;
-    }
-}
 
 bool isDriveRoot(const std::string& path) {
     return path.size() == 3 && path.find(":\\") != std::string::npos;

@@ -1,12 +1,12 @@
 #include "support/FMLocFileManager.h"
 
 #include <cmath>
-#include <exception>
 #include <fmt/format.h>
 
 #include "platform/framework/UrlCoding.h"
 #include "platform/os/Calendar.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Guarded.h"
 #include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
 #include "support/CFileAttributes.h"
@@ -15,16 +15,6 @@
 namespace cirrovault {
 
 namespace {
-
-template <typename T, typename Body>
-T guarded(const char* line, T fallback, Body&& body) {
-    try {
-        return body();
-    } catch (const std::exception&) {
-        SystemLog::write(line);
-        return fallback;
-    }
-}
 
 // Copies a file or a whole folder; the copy keeps modification times.
 bool copyTree(const std::string& from, const std::string& to) {

@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <exception>
 #include <fmt/format.h>
 
 #include "platform/framework/Functions.h"
@@ -10,24 +9,14 @@
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Date.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Guarded.h"
 #include "platform/os/Host.h"
-#include "platform/os/SystemLog.h"
 #include "support/CFileAttributes.h"
 #include "support/CFileInfo.h"
 
 namespace cirrovault {
 
 namespace {
-
-template <typename T, typename Body>
-T guarded(const char* line, T fallback, Body&& body) {
-    try {
-        return body();
-    } catch (const std::exception&) {
-        SystemLog::write(line);
-        return fallback;
-    }
-}
 
 // "1234567" → "1,234,567"
 std::string groupedDigits(uint64_t value) {

@@ -1,11 +1,11 @@
 #include "support/OptionsMan.h"
 
-#include <exception>
 #include <mutex>
 
 #include "platform/framework/LoadString.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Guarded.h"
 #include "platform/os/SystemLog.h"
 #include "support/CFileInfo.h"
 
@@ -18,16 +18,6 @@ std::shared_ptr<OptionsMan> gShared; // guarded by gClassMutex
 
 const char* const kFileName = "Options.plist";
 const char* const kGroups[] = {SystemOptionsKey, MyOptionsKey, EventLogKey};
-
-template <typename T, typename Body>
-T guarded(const char* line, T fallback, Body&& body) {
-    try {
-        return body();
-    } catch (const std::exception&) {
-        SystemLog::write(line);
-        return fallback;
-    }
-}
 
 // A customer ID becomes one folder name; anything that would leave the options folder
 // is refused rather than followed.
@@ -70,16 +60,15 @@ void OptionsMan::clearnOptionsManClass() {
 }
 
 void OptionsMan::initOptions() {
-    guarded("Error: OptionsMan::initOptions", 0, [] {
+    guarded("Error: OptionsMan::initOptions", [] {
         std::lock_guard lock(gClassMutex);
         if (!gShared)
             gShared.reset(new OptionsMan());
         if (!gShared->options_)
-            return 0;
+            return;
         PlistDict& root = *gShared->options_->dict();
         for (const char* group : kGroups)
             root.try_emplace(group, PropertyList(PlistDict{}));
-        return 0;
     });
 }
 
@@ -129,10 +118,8 @@ bool OptionsMan::IsAutoRun() {
 }
 
 void OptionsMan::SetAutoRun(bool autoRun) {
-    guarded("Error: OptionsMan::SetAutoRun", 0, [&] {
-        setOption(SystemOptionsKey, AutoRunKey, PropertyList(autoRun));
-        return 0;
-    });
+    guarded("Error: OptionsMan::SetAutoRun",
+            [&] { setOption(SystemOptionsKey, AutoRunKey, PropertyList(autoRun)); });
 }
 
 bool OptionsMan::IsUseSSL() {
@@ -141,10 +128,8 @@ bool OptionsMan::IsUseSSL() {
 }
 
 void OptionsMan::SetUseSSL(bool useSSL) {
-    guarded("Error: OptionsMan::SetUseSSL", 0, [&] {
-        setOption(SystemOptionsKey, UseSSLKey, PropertyList(useSSL));
-        return 0;
-    });
+    guarded("Error: OptionsMan::SetUseSSL",
+            [&] { setOption(SystemOptionsKey, UseSSLKey, PropertyList(useSSL)); });
 }
 
 bool OptionsMan::IsAutoStartScheduleAfterMinutes() {
@@ -154,10 +139,8 @@ bool OptionsMan::IsAutoStartScheduleAfterMinutes() {
 }
 
 void OptionsMan::SetAutoStartScheduleAfterMinutes(bool autoStart) {
-    guarded("Error: OptionsMan::SetAutoStartScheduleAfterMinutes", 0, [&] {
-        setOption(MyOptionsKey, AutoScheduleTypeKey, PropertyList(autoStart));
-        return 0;
-    });
+    guarded("Error: OptionsMan::SetAutoStartScheduleAfterMinutes",
+            [&] { setOption(MyOptionsKey, AutoScheduleTypeKey, PropertyList(autoStart)); });
 }
 
 uint32_t OptionsMan::intervalMinutes() {
@@ -173,10 +156,8 @@ uint32_t OptionsMan::intervalMinutes() {
 }
 
 void OptionsMan::SetIntervalMinutes(uint32_t minutes) {
-    guarded("Error: OptionsMan::SetIntervalMinutes", 0, [&] {
-        setOption(MyOptionsKey, AutoStartMinutesKey, PropertyList(minutes));
-        return 0;
-    });
+    guarded("Error: OptionsMan::SetIntervalMinutes",
+            [&] { setOption(MyOptionsKey, AutoStartMinutesKey, PropertyList(minutes)); });
 }
 
 std::string OptionsMan::reportEmail() {
@@ -191,10 +172,8 @@ std::string OptionsMan::reportEmail() {
 }
 
 void OptionsMan::setReportEmail(const std::string& reportEmail) {
-    guarded("Error: OptionsMan::setReportEmail", 0, [&] {
-        setOption(EventLogKey, reportEmailKey, PropertyList(reportEmail));
-        return 0;
-    });
+    guarded("Error: OptionsMan::setReportEmail",
+            [&] { setOption(EventLogKey, reportEmailKey, PropertyList(reportEmail)); });
 }
 
 bool OptionsMan::IsReportWhenError() {
@@ -204,10 +183,8 @@ bool OptionsMan::IsReportWhenError() {
 }
 
 void OptionsMan::SetReportWhenError(bool report) {
-    guarded("Error: OptionsMan::SetReportWhenError", 0, [&] {
-        setOption(EventLogKey, reportWhenErrorKey, PropertyList(report));
-        return 0;
-    });
+    guarded("Error: OptionsMan::SetReportWhenError",
+            [&] { setOption(EventLogKey, reportWhenErrorKey, PropertyList(report)); });
 }
 
 bool OptionsMan::IsReportWhenFinish() {
@@ -217,10 +194,8 @@ bool OptionsMan::IsReportWhenFinish() {
 }
 
 void OptionsMan::SetReportWhenFinish(bool report) {
-    guarded("Error: OptionsMan::SetReportWhenFinish", 0, [&] {
-        setOption(EventLogKey, reportWhenFinishKey, PropertyList(report));
-        return 0;
-    });
+    guarded("Error: OptionsMan::SetReportWhenFinish",
+            [&] { setOption(EventLogKey, reportWhenFinishKey, PropertyList(report)); });
 }
 
 void OptionsMan::load(const std::string& path) {
@@ -254,31 +229,19 @@ void OptionsMan::save(const std::string& path) {
 }
 
 void OptionsMan::LoadOptions() {
-    guarded("Error: OptionsMan::LoadOptions", 0, [] {
-        load(getOptionsFile());
-        return 0;
-    });
+    guarded("Error: OptionsMan::LoadOptions", [] { load(getOptionsFile()); });
 }
 
 void OptionsMan::LoadPublicOptions() {
-    guarded("Error: OptionsMan::LoadPublicOptions", 0, [] {
-        load(getPublicOptionsFile());
-        return 0;
-    });
+    guarded("Error: OptionsMan::LoadPublicOptions", [] { load(getPublicOptionsFile()); });
 }
 
 void OptionsMan::SaveOptions() {
-    guarded("Error: OptionsMan::SaveOptions", 0, [] {
-        save(getOptionsFile());
-        return 0;
-    });
+    guarded("Error: OptionsMan::SaveOptions", [] { save(getOptionsFile()); });
 }
 
 void OptionsMan::SavePublicOptions() {
-    guarded("Error: OptionsMan::SavePublicOptions", 0, [] {
-        save(getPublicOptionsFile());
-        return 0;
-    });
+    guarded("Error: OptionsMan::SavePublicOptions", [] { save(getPublicOptionsFile()); });
 }
 
 std::string OptionsMan::getOptionsFile() {

@@ -1,8 +1,5 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/LoopbackPort.h"
 #include "common/TempHome.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/ResultCodes.h"
@@ -28,29 +26,6 @@ namespace {
 // The distribution's interpreter: the SMTP sink is its package, not a pip install.
 const char* const Python = "/usr/bin/python3";
 
-bool canConnect(int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
-}
-
-int freePort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t size = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 // A real SMTP server on 127.0.0.1 that puts every message it takes into a Maildir.
 class SmtpMailTest : public ::testing::Test {
 protected:
@@ -60,7 +35,7 @@ protected:
             GTEST_SKIP() << "no SMTP server to test with: install python3-aiosmtpd";
         TransferApiUtil::releaseTransferApiUtil();
         maildir_ = home_.file("maildir");
-        port_ = freePort();
+        port_ = test::unusedLoopbackPort();
         std::string listen = "127.0.0.1:" + std::to_string(port_);
         std::vector<std::string> args = {Python, "-m", "aiosmtpd", "-n", "-l", listen,
                                          "-c", "aiosmtpd.handlers.Mailbox", maildir_};
@@ -70,9 +45,9 @@ protected:
         argv.push_back(nullptr);
         ASSERT_EQ(::posix_spawn(&server_, Python, nullptr, nullptr, argv.data(), environ), 0);
         // Waits for the server process to come up, not for any schedule.
-        for (int i = 0; i < 200 && !canConnect(port_); ++i)
+        for (int i = 0; i < 200 && !test::acceptsOnLoopback(port_); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        ASSERT_TRUE(canConnect(port_)) << "the SMTP server did not start";
+        ASSERT_TRUE(test::acceptsOnLoopback(port_)) << "the SMTP server did not start";
         ASSERT_TRUE(NimboSetting::SetSettingValueForKey(
             "SMTPURL", "smtp://127.0.0.1:" + std::to_string(port_)));
         ASSERT_TRUE(NimboSetting::SetSettingValueForKey("SMTPFrom", "backup@example.org"));

@@ -91,10 +91,12 @@ bool CBackupTask::CalculateBackupFileSize(const std::string& localFile, uint64_t
         uint64_t extra = Functions::IsEncryptPath(serverFile) ? kEncryptedExtra : 0;
 
         // The path tree lists each server folder once and answers later files of the
-        // same folder from memory; a folder that is missing is remembered here, since
-        // the tree keeps no record of what it did not find.
+        // same folder from memory; a missing folder is remembered here (with all below
+        // it), since the tree keeps no record of what it did not find.
         PathTreeController& tree = TransferApiUtil::sharePathTreeController();
-        bool folderMissing = !strMissingSvrFolder.empty() && folder == strMissingSvrFolder;
+        bool folderMissing = !strMissingSvrFolder.empty() &&
+                             (folder == strMissingSvrFolder ||
+                              folder.starts_with(strMissingSvrFolder + "\\"));
         PathInfo stored;
         if (folderMissing || !tree.FindPath(serverFile, stored, false)) {
             PathInfo part;

@@ -1,6 +1,5 @@
 #include "platform/framework/LocalFileSink.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,19 +35,7 @@ LocalFileSink::~LocalFileSink() {
 }
 
 bool LocalFileSink::write(const char* buffer, size_t n) {
-    if (fd_ < 0)
-        return false;
-    while (n > 0) {
-        ssize_t done = ::write(fd_, buffer, n);
-        if (done < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        buffer += done;
-        n -= static_cast<size_t>(done);
-    }
-    return true;
+    return fd_ >= 0 && FileSystem::writeAll(fd_, buffer, n);
 }
 
 bool LocalFileSink::finish() {

@@ -1,10 +1,10 @@
 #include "platform/framework/PasswordMan.h"
 
-#include <exception>
 #include <mutex>
 
 #include "platform/framework/PropertyList.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Guarded.h"
 #include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
 
@@ -20,16 +20,6 @@ const char* const kAccount = "Account";
 const char* const kPassword = "Password";
 const char* const kIsEncrypt = "IsEncrypt";
 const char* const kUserName = "UserName";
-
-template <typename T, typename Body>
-T guarded(const char* line, T fallback, Body&& body) {
-    try {
-        return body();
-    } catch (const std::exception&) {
-        SystemLog::write(line);
-        return fallback;
-    }
-}
 
 // The store's root dictionary: empty when there is no file yet, nothing when the file
 // cannot be read or is not a property-list dictionary.

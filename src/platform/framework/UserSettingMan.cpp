@@ -1,10 +1,10 @@
 #include "platform/framework/UserSettingMan.h"
 
-#include <exception>
 #include <mutex>
 
 #include "platform/framework/PropertyList.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Guarded.h"
 #include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
 
@@ -17,16 +17,6 @@ std::mutex gMutex;
 const char* const kUserName = "UserName";
 const char* const kCustomerID = "CustomerID";
 const char* const kLastLogon = "LastLogonDate";
-
-template <typename T, typename Body>
-T guarded(const char* line, T fallback, Body&& body) {
-    try {
-        return body();
-    } catch (const std::exception&) {
-        SystemLog::write(line);
-        return fallback;
-    }
-}
 
 std::string textOf(const PropertyList& root, const char* key) {
     const PropertyList* value = root.find(key);

@@ -32,25 +32,27 @@ FileStatus fromStat(const struct stat& st) {
     return s;
 }
 
-bool writeAll(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 std::string parentOf(const std::string& path) {
     auto slash = path.find_last_of('/');
     if (slash == std::string::npos)
         return ".";
     return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Closes the temporary file fd and, when it was written whole, renames it over path and
+// syncs the folder so that the rename survives a crash; otherwise the temporary goes.
+bool finishAtomicWrite(int fd, const std::string& temp, const std::string& path, bool written) {
+    bool ok = (::close(fd) == 0) && written;
+    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
+        ::unlink(temp.c_str());
+        return false;
+    }
+    int dir = ::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        ::fsync(dir);
+        ::close(dir);
+    }
+    return true;
 }
 
 } // namespace
@@ -167,6 +169,20 @@ std::optional<std::string> FileSystem::readFile(const std::string& path) {
     return data;
 }
 
+bool FileSystem::writeAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 bool FileSystem::writeFileAtomically(const std::string& path, const std::string& data) {
     if (path.empty())
         return false;
@@ -175,17 +191,7 @@ bool FileSystem::writeFileAtomically(const std::string& path, const std::string&
     if (fd < 0)
         return false;
     bool ok = writeAll(fd, data.data(), data.size()) && ::fsync(fd) == 0;
-    ok = (::close(fd) == 0) && ok;
-    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-        ::unlink(temp.c_str());
-        return false;
-    }
-    int dir = ::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) {
-        ::fsync(dir);
-        ::close(dir);
-    }
-    return true;
+    return finishAtomicWrite(fd, temp, path, ok);
 }
 
 bool FileSystem::appendToFile(const std::string& path, const std::string& data) {
@@ -207,17 +213,7 @@ bool FileSystem::writePrivateFileAtomically(const std::string& path, const std::
         return false;
     bool ok = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, data.data(), data.size()) &&
               ::fsync(fd) == 0;
-    ok = (::close(fd) == 0) && ok;
-    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-        ::unlink(temp.c_str());
-        return false;
-    }
-    int dir = ::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) {
-        ::fsync(dir);
-        ::close(dir);
-    }
-    return true;
+    return finishAtomicWrite(fd, temp, path, ok);
 }
 
 bool FileSystem::writeHeadAndAppend(const std::string& path, const std::string& head,

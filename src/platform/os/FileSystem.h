@@ -55,6 +55,9 @@ public:
     // with one write call (no O_APPEND, so the head can be rewritten). Callers serialise.
     static bool writeHeadAndAppend(const std::string& path, const std::string& head,
                                    const std::string& tail);
+    // Writes every byte to an open descriptor, going on after short and interrupted
+    // writes; false with errno kept from the failed write.
+    static bool writeAll(int fd, const char* data, size_t size);
 
     // Entry names of a folder (no "." or ".."), in the order the system gives them.
     static std::optional<std::vector<std::string>> listDirectory(const std::string& path);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,7 @@ TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelow) {
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library", library, true));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a/b/library", library, true)); // case ignored
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library/x/y", library, true));
-    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library/x.txt", library, false) == false);
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/Library/x.txt", library, false));
     EXPECT_FALSE(CBackupTask::RegexFun("/home/u/Libraryx", library, true));
     EXPECT_FALSE(CBackupTask::RegexFun("/home/u/MyLibrary", library, true));
 
@@ -75,6 +76,8 @@ TEST(BackupTaskFilters, NamesTheServerCannotStore) {
 TEST(BackupTaskFilters, LocalPathSizeComparesWithTheWholeDisk) {
     EXPECT_FALSE(CBackupTask::CheckLocalPathSize("", 0));
     EXPECT_TRUE(CBackupTask::CheckLocalPathSize("/tmp/somewhere", 1));
+    // Too small: the user is told, and giving up (the default without a display) ends it.
+    EXPECT_FALSE(CBackupTask::CheckLocalPathSize("/tmp/somewhere", UINT64_MAX));
 }
 
 } // namespace

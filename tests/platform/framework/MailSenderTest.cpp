@@ -1,14 +1,10 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sodium.h>
 
+#include "common/LoopbackPort.h"
 #include "common/TempHome.h"
 #include "platform/framework/MailSender.h"
 #include "platform/framework/NimboSetting.h"
@@ -42,19 +38,6 @@ std::vector<std::string> linesOf(const std::string& text) {
         lines.push_back(text.substr(at, end - at));
     EXPECT_EQ(at, text.size()) << "every line ends with CRLF";
     return lines;
-}
-
-// A port on 127.0.0.1 where nothing listens.
-int closedPort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t size = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-    ::close(fd);
-    return ntohs(address.sin_port);
 }
 
 TEST(MailSenderTest, BodyIsQuotedPrintableWithinLineLimits) {
@@ -152,7 +135,7 @@ TEST(MailSenderTest, UnsentReportsAreKeptInTheOutbox) {
 
     // A server that cannot be reached: kept too, and the failure is logged.
     ASSERT_TRUE(NimboSetting::SetSettingValueForKey(
-        "SMTPURL", "smtp://127.0.0.1:" + std::to_string(closedPort())));
+        "SMTPURL", "smtp://127.0.0.1:" + std::to_string(test::unusedLoopbackPort())));
     SystemLog::startCapture();
     EXPECT_EQ(api.SendEmailToUser("a@x.org", "Third", "Body"), ResultCode::Success);
     EXPECT_TRUE(SystemLog::capturedContains("Error: report mail could not be sent by SMTP"));

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -89,6 +90,15 @@ private:
     std::optional<Account> currentAccount() const;
     // Success, BadPath (malformed, or a link on the way) or NotFound (a missing parent).
     int64_t locate(const Account& account, const std::string& path, Location& location);
+    // The opening of every path operation: NotLoggedOn, or locate()'s answer for the
+    // logged-on account, which is left in account.
+    int64_t locateLoggedOn(const std::string& path, Account& account, Location& location);
+    // The checks a move and a copy share: both paths located, neither one the root
+    // (rootRefusal is logged), the source present, the target free and not inside the
+    // source (insideRefusal is logged, followed by to).
+    int64_t locateSourceAndTarget(const std::string& from, const std::string& to,
+                                  std::string_view rootRefusal, std::string_view insideRefusal,
+                                  Account& account, Location& source, Location& target);
     bool isUnfinishedUpload(const Account& account, const Location& location);
     bool unfinishedUploads(const Account& account, const std::string& folder, PartSet& parts);
     static bool isPartOf(const std::string& serverPath, const PartSet& parts);

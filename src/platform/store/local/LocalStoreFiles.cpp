@@ -43,21 +43,6 @@ private:
     int fd_;
 };
 
-// 0, or the errno of the failed write.
-int writeAll(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return errno;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return 0;
-}
-
 ssize_t readSome(int fd, char* buffer, size_t size) {
     for (;;) {
         ssize_t n = ::read(fd, buffer, size);
@@ -104,8 +89,8 @@ int64_t copyFile(const std::string& from, const std::string& to, Date modifyTime
         }
         if (n == 0)
             break;
-        if (int error = writeAll(out.get(), buffer.data(), static_cast<size_t>(n)))
-            return writeFailure(error, to);
+        if (!FileSystem::writeAll(out.get(), buffer.data(), static_cast<size_t>(n)))
+            return writeFailure(errno, to);
     }
     if (!out.close())
         return writeFailure(errno, to);
@@ -117,11 +102,9 @@ int64_t copyFile(const std::string& from, const std::string& to, Date modifyTime
 int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modifyTime,
                         TransferObserver* observer) {
     try {
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location target;
-        if (int64_t rc = locate(*account, path, target); rc != ResultCode::Success)
+        if (int64_t rc = locateLoggedOn(path, account, target); rc != ResultCode::Success)
             return rc;
         if (target.serverPath == "\\") {
             SystemLog::write("LocalStore: a file cannot replace the account's root");
@@ -131,16 +114,16 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
             SystemLog::write("LocalStore: a folder has the upload's name: " + target.serverPath);
             return ResultCode::AlreadyExists;
         }
-        const std::string& customerID = account->customerID;
+        const std::string& customerID = account.customerID;
         // Storing a file under the name another upload uses for its part gives that up.
-        if (isUnfinishedUpload(*account, target))
+        if (isUnfinishedUpload(account, target))
             db_.removePartTag(customerID, target.serverPath.substr(0, target.serverPath.size() -
                                                                           PartSuffix.size()));
 
         const uint64_t size = source.size();
         const uint64_t oldSize = target.status ? target.status->size : 0;
         if (size > oldSize) {
-            if (int64_t rc = checkSpace(*account, static_cast<int64_t>(size - oldSize));
+            if (int64_t rc = checkSpace(account, static_cast<int64_t>(size - oldSize));
                 rc != ResultCode::Success)
                 return rc;
         }
@@ -217,8 +200,8 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
                 SystemLog::write("LocalStore: the local file ended early for " + target.serverPath);
                 return ResultCode::LocalFileError;
             }
-            if (int error = writeAll(part.get(), buffer.data(), static_cast<size_t>(n)))
-                return writeFailure(error, partPath);
+            if (!FileSystem::writeAll(part.get(), buffer.data(), static_cast<size_t>(n)))
+                return writeFailure(errno, partPath);
             done += static_cast<uint64_t>(n);
             if (observer)
                 observer->transferred(done, size);
@@ -244,14 +227,12 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
 
 int64_t LocalStore::get(const std::string& path, ByteSink& sink, TransferObserver* observer) {
     try {
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location location;
-        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+        if (int64_t rc = locateLoggedOn(path, account, location); rc != ResultCode::Success)
             return rc;
         if (!location.status || location.status->type != FileType::Regular ||
-            isUnfinishedUpload(*account, location))
+            isUnfinishedUpload(account, location))
             return ResultCode::NotFound;
         Descriptor file(::open(location.localPath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
         if (!file.valid())
@@ -321,36 +302,23 @@ int64_t LocalStore::copyTree(const std::string& localFrom, const std::string& lo
 
 int64_t LocalStore::copy(const std::string& from, const std::string& to) {
     try {
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location source;
         Location target;
-        if (int64_t rc = locate(*account, from, source); rc != ResultCode::Success)
+        if (int64_t rc = locateSourceAndTarget(
+                from, to, "LocalStore: the account's root cannot be copied or replaced",
+                "LocalStore: a folder cannot be copied into itself: ", account, source, target);
+            rc != ResultCode::Success)
             return rc;
-        if (int64_t rc = locate(*account, to, target); rc != ResultCode::Success)
-            return rc;
-        if (source.serverPath == "\\" || target.serverPath == "\\") {
-            SystemLog::write("LocalStore: the account's root cannot be copied or replaced");
-            return ResultCode::BadPath;
-        }
-        if (!source.status || isUnfinishedUpload(*account, source))
-            return ResultCode::NotFound;
-        if (target.status)
-            return ResultCode::AlreadyExists;
-        if (StorePath::isSameOrInside(target.serverPath, source.serverPath)) {
-            SystemLog::write("LocalStore: a folder cannot be copied into itself: " + to);
-            return ResultCode::BadPath;
-        }
         const bool folder = source.status->type == FileType::Directory;
         PartSet parts;
         uint64_t bytes = source.status->size;
         if (folder) {
-            if (!unfinishedUploads(*account, source.serverPath, parts))
+            if (!unfinishedUploads(account, source.serverPath, parts))
                 return ResultCode::Failure;
             bytes = totalsOf(source.localPath, source.serverPath, parts).bytes;
         }
-        if (int64_t rc = checkSpace(*account, static_cast<int64_t>(bytes));
+        if (int64_t rc = checkSpace(account, static_cast<int64_t>(bytes));
             rc != ResultCode::Success)
             return rc;
         if (int64_t rc = copyTree(source.localPath, target.localPath, source.serverPath, parts);
@@ -359,7 +327,7 @@ int64_t LocalStore::copy(const std::string& from, const std::string& to) {
             return rc;
         }
         if (folder &&
-            !db_.copyFolderInfos(account->customerID, source.serverPath, target.serverPath))
+            !db_.copyFolderInfos(account.customerID, source.serverPath, target.serverPath))
             return ResultCode::Failure;
         adjustUsedSpace(static_cast<int64_t>(bytes));
         return ResultCode::Success;

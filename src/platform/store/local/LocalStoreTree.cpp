@@ -61,6 +61,37 @@ int64_t LocalStore::locate(const Account& account, const std::string& path, Loca
     return ResultCode::Success;
 }
 
+int64_t LocalStore::locateLoggedOn(const std::string& path, Account& account, Location& location) {
+    auto current = currentAccount();
+    if (!current)
+        return ResultCode::NotLoggedOn;
+    account = std::move(*current);
+    return locate(account, path, location);
+}
+
+int64_t LocalStore::locateSourceAndTarget(const std::string& from, const std::string& to,
+                                          std::string_view rootRefusal,
+                                          std::string_view insideRefusal, Account& account,
+                                          Location& source, Location& target) {
+    if (int64_t rc = locateLoggedOn(from, account, source); rc != ResultCode::Success)
+        return rc;
+    if (int64_t rc = locate(account, to, target); rc != ResultCode::Success)
+        return rc;
+    if (source.serverPath == "\\" || target.serverPath == "\\") {
+        SystemLog::write(rootRefusal);
+        return ResultCode::BadPath;
+    }
+    if (!source.status || isUnfinishedUpload(account, source))
+        return ResultCode::NotFound;
+    if (target.status)
+        return ResultCode::AlreadyExists;
+    if (StorePath::isSameOrInside(target.serverPath, source.serverPath)) {
+        SystemLog::write(std::string(insideRefusal) + to);
+        return ResultCode::BadPath;
+    }
+    return ResultCode::Success;
+}
+
 bool LocalStore::isPartOf(const std::string& serverPath, const PartSet& parts) {
     return endsWithPart(serverPath) &&
            parts.count(serverPath.substr(0, serverPath.size() - PartSuffix.size())) > 0;
@@ -108,21 +139,19 @@ LocalStore::Totals LocalStore::totalsOf(const std::string& localFolder,
 int64_t LocalStore::stat(const std::string& path, StoreItem& item) {
     try {
         item = {};
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location location;
-        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+        if (int64_t rc = locateLoggedOn(path, account, location); rc != ResultCode::Success)
             return rc;
-        if (!location.status || isUnfinishedUpload(*account, location))
+        if (!location.status || isUnfinishedUpload(account, location))
             return ResultCode::NotFound;
         item.name = lastName(location.serverPath);
         item.modifyTime = location.status->modifyTime;
         if (location.status->type == FileType::Directory) {
             PartSet parts;
             LocalFolderInfo info;
-            if (!unfinishedUploads(*account, location.serverPath, parts) ||
-                !db_.folderInfo(account->customerID, location.serverPath, info))
+            if (!unfinishedUploads(account, location.serverPath, parts) ||
+                !db_.folderInfo(account.customerID, location.serverPath, info))
                 return ResultCode::Failure;
             Totals totals = totalsOf(location.localPath, location.serverPath, parts);
             item.isFolder = true;
@@ -143,18 +172,16 @@ int64_t LocalStore::stat(const std::string& path, StoreItem& item) {
 int64_t LocalStore::list(const std::string& folder, std::vector<StoreItem>& items) {
     try {
         items.clear();
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location location;
-        if (int64_t rc = locate(*account, folder, location); rc != ResultCode::Success)
+        if (int64_t rc = locateLoggedOn(folder, account, location); rc != ResultCode::Success)
             return rc;
         if (!location.status || location.status->type != FileType::Directory)
             return ResultCode::NotFound;
         PartSet parts;
         std::map<std::string, LocalFolderInfo> infos;
-        if (!unfinishedUploads(*account, location.serverPath, parts) ||
-            !db_.folderInfosInside(account->customerID, location.serverPath, infos))
+        if (!unfinishedUploads(account, location.serverPath, parts) ||
+            !db_.folderInfosInside(account.customerID, location.serverPath, infos))
             return ResultCode::Failure;
         auto names = FileSystem::listDirectory(location.localPath);
         if (!names) {
@@ -197,11 +224,9 @@ int64_t LocalStore::list(const std::string& folder, std::vector<StoreItem>& item
 int64_t LocalStore::makeFolder(const std::string& path, const std::string& description,
                                const std::string& caption) {
     try {
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location location;
-        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+        if (int64_t rc = locateLoggedOn(path, account, location); rc != ResultCode::Success)
             return rc;
         if (location.status)
             return ResultCode::AlreadyExists;
@@ -214,8 +239,8 @@ int64_t LocalStore::makeFolder(const std::string& path, const std::string& descr
             return error == ENOENT ? ResultCode::NotFound : ResultCode::Failure;
         }
         // Rows left by a folder of that name deleted behind our back must not come back.
-        bool ok = db_.removeTree(account->customerID, location.serverPath) &&
-                  db_.setFolderInfo(account->customerID, location.serverPath,
+        bool ok = db_.removeTree(account.customerID, location.serverPath) &&
+                  db_.setFolderInfo(account.customerID, location.serverPath,
                                     LocalFolderInfo{description, caption});
         return ok ? ResultCode::Success : ResultCode::Failure;
     } catch (const std::exception&) {
@@ -227,15 +252,13 @@ int64_t LocalStore::makeFolder(const std::string& path, const std::string& descr
 int64_t LocalStore::setFolderInfo(const std::string& path, const std::string& description,
                                   const std::string& caption) {
     try {
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location location;
-        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+        if (int64_t rc = locateLoggedOn(path, account, location); rc != ResultCode::Success)
             return rc;
         if (!location.status || location.status->type != FileType::Directory)
             return ResultCode::NotFound;
-        return db_.setFolderInfo(account->customerID, location.serverPath,
+        return db_.setFolderInfo(account.customerID, location.serverPath,
                                  LocalFolderInfo{description, caption})
                    ? ResultCode::Success
                    : ResultCode::Failure;
@@ -247,34 +270,21 @@ int64_t LocalStore::setFolderInfo(const std::string& path, const std::string& de
 
 int64_t LocalStore::move(const std::string& from, const std::string& to) {
     try {
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location source;
         Location target;
-        if (int64_t rc = locate(*account, from, source); rc != ResultCode::Success)
+        if (int64_t rc = locateSourceAndTarget(
+                from, to, "LocalStore: the account's root cannot move",
+                "LocalStore: a folder cannot move into itself: ", account, source, target);
+            rc != ResultCode::Success)
             return rc;
-        if (int64_t rc = locate(*account, to, target); rc != ResultCode::Success)
-            return rc;
-        if (source.serverPath == "\\" || target.serverPath == "\\") {
-            SystemLog::write("LocalStore: the account's root cannot move");
-            return ResultCode::BadPath;
-        }
-        if (!source.status || isUnfinishedUpload(*account, source))
-            return ResultCode::NotFound;
-        if (target.status)
-            return ResultCode::AlreadyExists;
-        if (StorePath::isSameOrInside(target.serverPath, source.serverPath)) {
-            SystemLog::write("LocalStore: a folder cannot move into itself: " + to);
-            return ResultCode::BadPath;
-        }
         if (!FileSystem::moveItem(source.localPath, target.localPath)) {
             SystemLog::write("Error: LocalStore: cannot move " + source.localPath + ": " +
                              FileSystem::lastErrorText());
             return ResultCode::Failure;
         }
         if (source.status->type == FileType::Directory &&
-            !db_.moveTree(account->customerID, source.serverPath, target.serverPath))
+            !db_.moveTree(account.customerID, source.serverPath, target.serverPath))
             return ResultCode::Failure;
         return ResultCode::Success;
     } catch (const std::exception&) {
@@ -285,25 +295,23 @@ int64_t LocalStore::move(const std::string& from, const std::string& to) {
 
 int64_t LocalStore::remove(const std::string& path) {
     try {
-        auto account = currentAccount();
-        if (!account)
-            return ResultCode::NotLoggedOn;
+        Account account;
         Location location;
-        if (int64_t rc = locate(*account, path, location); rc != ResultCode::Success)
+        if (int64_t rc = locateLoggedOn(path, account, location); rc != ResultCode::Success)
             return rc;
         if (location.serverPath == "\\") {
             SystemLog::write("LocalStore: the account's root cannot be removed");
             return ResultCode::BadPath;
         }
-        if (!location.status || isUnfinishedUpload(*account, location))
+        if (!location.status || isUnfinishedUpload(account, location))
             return ResultCode::NotFound;
         if (location.status->type == FileType::Directory) {
             PartSet parts;
-            unfinishedUploads(*account, location.serverPath, parts);
+            unfinishedUploads(account, location.serverPath, parts);
             Totals totals = totalsOf(location.localPath, location.serverPath, parts);
             bool removed = FileSystem::removeAll(location.localPath);
             // Rows go even after a partial removal: what is left has no description.
-            bool rows = db_.removeTree(account->customerID, location.serverPath);
+            bool rows = db_.removeTree(account.customerID, location.serverPath);
             if (!removed) {
                 SystemLog::write("Error: LocalStore: cannot remove " + location.localPath);
                 std::lock_guard lock(mutex_);

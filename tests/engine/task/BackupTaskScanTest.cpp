@@ -1,0 +1,256 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/CLoopItem.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+
+using namespace cirrovault;
+
+namespace {
+
+using Paths = std::vector<std::string>;
+
+// Records the task's notices with the progress marks as they were at the time; may
+// cancel the run at the first rescan notice.
+class RecordingDelegate : public StowlineDelegate {
+public:
+    struct Notice {
+        StowlineDelegateType type;
+        bool rescan;
+        bool finished;
+        std::string info;
+    };
+    bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
+                             StowlineDelegateType type) override {
+        notices.push_back({type, task->bRescanForPrgBar, task->bFinishScanForPrgBar,
+                           task->strRescanInfoForPrgbar.value_or("")});
+        if (cancelAtRescan && task->bRescanForPrgBar)
+            task->pPrgBar->setBClickedCancel(true);
+        return true;
+    }
+    std::vector<Notice> notices;
+    bool cancelAtRescan = false;
+};
+
+class BackupTaskScan : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        task_ = std::make_shared<CBackupTask>();
+        task_->name = "Docs";
+        task_->serverPath = "\\Backup";
+        task_->pPrgBar = std::make_shared<TrueProgressCallback>();
+        task_->SetDelegate(&delegate_);
+        src_ = home_.file("src");
+    }
+
+    // A tree with everything the filters leave out next to what they keep.
+    void makeTree() {
+        file("a.txt", "aaaa");
+        file("a.tmp", "t");
+        file(".hidden.txt", "h");
+        file(".dotdir/x.txt", "x");
+        file("Library/lib.txt", "l");
+        file("Libraryx/inner.txt", "i"); // its name extends the excluded "Library"
+        file("sub/b.txt", "bbbbbb");
+        file("sub/cache1/c.txt", "c");
+        file("sub/x?y/d.txt", "d");
+        file("sub/e:f.txt", "e");
+        file("sub/deep/g.txt", "gg");
+        task_->localDirList = {src_};
+        task_->filtedPath = {"Library", "cache*"};
+        task_->filterExt = {"*.TMP"};
+    }
+    std::string file(const std::string& relative, const std::string& content) {
+        return makeFile("src/" + relative, content);
+    }
+    std::string at(const std::string& relative) const { return src_ + "/" + relative; }
+
+    std::shared_ptr<CBackupTask> task_;
+    RecordingDelegate delegate_;
+    std::string src_;
+};
+
+TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
+    makeTree();
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    // Folders are listed as they come; files only when they must go up. The prefix
+    // memory of the excluded "Library" also covers the files of "Libraryx".
+    EXPECT_EQ(task_->scanFileArray, (Paths{src_, at("Libraryx"), at("a.txt"), at("sub"),
+                                           at("sub/b.txt"), at("sub/deep"), at("sub/deep/g.txt")}));
+    EXPECT_EQ(task_->fileTotalSize, 4u + 6u + 2u);
+    EXPECT_EQ(task_->uiNeedSpace, 12u);
+    EXPECT_EQ(task_->scanFilterUserPath, at("sub/x?y"));
+    ASSERT_EQ(delegate_.notices.size(), 1u);
+    EXPECT_TRUE(delegate_.notices[0].finished);
+    EXPECT_FALSE(task_->bFinishScanForPrgBar);
+
+    // Nothing on the service yet: each missing server folder costs a bounded number of
+    // listings, however many files it would hold.
+    EXPECT_LE(store_->totalLists(), 8);
+}
+
+TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
+    file("one.txt", "1");
+    makeFile("Library/l.txt", "l");
+    makeFile(".dotsource/k.txt", "kk");
+    task_->filtedPath = {"Library"};
+    task_->localDirList = {at("one.txt"), home_.file("Library"), home_.file(".dotsource"),
+                           home_.file("gone")};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    // A source is never tested as a system item; a missing one gives nothing.
+    EXPECT_EQ(task_->scanFileArray, (Paths{at("one.txt"), home_.file(".dotsource"),
+                                           home_.file(".dotsource/k.txt")}));
+    EXPECT_EQ(task_->scanFilterUserPath, home_.file("Library"));
+
+    task_->scanFileArray.clear();
+    ASSERT_TRUE(task_->StartScanFile());
+    EXPECT_EQ(task_->scanFileArray, (Paths{at("one.txt"), home_.file(".dotsource"),
+                                           home_.file(".dotsource/k.txt")}));
+    EXPECT_EQ(task_->fileTotalSize, 3u);
+}
+
+TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
+    for (int i = 0; i < 249; ++i)
+        file("f" + std::to_string(1000 + i), "");
+    task_->localDirList = {src_};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    ASSERT_EQ(delegate_.notices.size(), 3u);
+    EXPECT_TRUE(delegate_.notices[0].rescan);
+    EXPECT_EQ(delegate_.notices[0].info,
+              LoadString::Format("ReScanFile", src_, 100, 99)); // the source is item 1
+    EXPECT_TRUE(delegate_.notices[1].rescan);
+    EXPECT_TRUE(delegate_.notices[2].finished);
+    EXPECT_EQ(task_->scanFileArray.size(), 250u);
+
+    // Cancelled at the first notice: the walk ends at its next test, without the
+    // finishing notice.
+    delegate_.notices.clear();
+    delegate_.cancelAtRescan = true;
+    task_->scanFileArray.clear();
+    EXPECT_FALSE(task_->CalculateBackupSize());
+    EXPECT_EQ(delegate_.notices.size(), 1u);
+    EXPECT_EQ(task_->scanFileArray.size(), 100u);
+
+    task_->pPrgBar->setBClickedCancel(false);
+    task_->pPrgBar->setCancelled(true);
+    EXPECT_FALSE(task_->CalculateBackupSize());
+}
+
+TEST_F(BackupTaskScan, InteractiveWalkFiltersFilesToo) {
+    makeTree();
+    // The run's walk hands "a.tmp" on; the interactive walk leaves it out by itself.
+    ASSERT_TRUE(task_->StartScanFile());
+    EXPECT_EQ(task_->scanFileArray, (Paths{src_, at("Libraryx"), at("a.txt"), at("sub"),
+                                           at("sub/b.txt"), at("sub/deep"), at("sub/deep/g.txt")}));
+    EXPECT_EQ(task_->fileTotalSize, 12u);
+    EXPECT_EQ(task_->uiNeedSpace, 12u);
+    EXPECT_EQ(task_->nScanTotalFiles, 3);
+    EXPECT_FALSE(task_->bCancleScanFile);
+    EXPECT_EQ(store_->totalLists(), 0); // it never asks the service
+}
+
+// A wait dialog that runs its worker like the real one: the worker is started by
+// EnterLoopMode, which returns when the worker leaves the loop. Cancel is pressed after
+// a chosen number of messages.
+class FakeLoopDialog : public CLoopItem {
+public:
+    explicit FakeLoopDialog(int cancelAfter) : cancelAfter_(cancelAfter) {}
+    bool EnterLoopMode(Thread* thread, int32_t buttonType) override {
+        buttonType_ = buttonType;
+        thread->start();
+        std::unique_lock lock(mutex_);
+        left_.wait(lock, [this] { return leftLoop_; });
+        return true;
+    }
+    bool LeaveLoopMode(Thread*) override {
+        std::lock_guard lock(mutex_);
+        leftLoop_ = true;
+        left_.notify_all();
+        return true;
+    }
+    bool IsLoopCancel(Thread*) override {
+        std::lock_guard lock(mutex_);
+        return cancelAfter_ >= 0 && static_cast<int>(messages_.size()) >= cancelAfter_;
+    }
+    bool IsLoopRetry(Thread*) override { return false; }
+    void SetRetry(Thread*, bool) override {}
+    void SetLoopType(Thread*, int32_t) override {}
+    bool SetLoopMessage(Thread*, const std::string&) override { return true; }
+    bool SetScanFileLoopMessage(Thread*, const std::string& size, const std::string& count,
+                                const std::string& path) override {
+        std::lock_guard lock(mutex_);
+        messages_.push_back(size + "|" + count + "|" + path);
+        return true;
+    }
+    bool EnterLoopModel(Thread*) override { return true; }
+    bool IsCancelLoopModel(Thread*) override { return false; }
+    bool SetLoopModelMessage(Thread*, const std::string&) override { return true; }
+    bool LeaveLoopModel(Thread*) override { return true; }
+
+    std::vector<std::string> messages() {
+        std::lock_guard lock(mutex_);
+        return messages_;
+    }
+    int32_t buttonType_ = 0;
+
+private:
+    std::mutex mutex_;
+    std::condition_variable left_;
+    bool leftLoop_ = false;               // guarded by mutex_
+    std::vector<std::string> messages_;   // guarded by mutex_
+    int cancelAfter_;
+};
+
+class BackupTaskScanThread : public BackupTaskScan {
+protected:
+    void SetUp() override {
+        BackupTaskScan::SetUp();
+        Clock::setShared(clock_); // the scan's wait for the dialog must not take time
+    }
+    void TearDown() override {
+        CLoopItem::setFactory(nullptr);
+        Clock::setShared(nullptr);
+        BackupTaskScan::TearDown();
+    }
+    std::shared_ptr<FakeLoopDialog> installDialog(int cancelAfter) {
+        auto dialog = std::make_shared<FakeLoopDialog>(cancelAfter);
+        CLoopItem::setFactory([dialog] { return dialog; });
+        return dialog;
+    }
+    std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
+};
+
+TEST_F(BackupTaskScanThread, DialogShowsRunningTotalsAndCancelEmptiesTheList) {
+    makeTree();
+    auto dialog = installDialog(-1);
+    Date before = clock_->now();
+    ASSERT_TRUE(task_->StartScanFile());
+    EXPECT_EQ(dialog->buttonType_, CLoopItem::ButtonScanFiles);
+    EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 3.0);
+    std::vector<std::string> messages = dialog->messages();
+    ASSERT_EQ(messages.size(), 6u); // every listed item below the source
+    EXPECT_EQ(messages.back(),
+              Functions::FormatSizeToString(12) + "|3|" + at("sub/deep/g.txt"));
+    EXPECT_EQ(task_->scanFileArray.size(), 7u);
+    EXPECT_EQ(task_->pThread, nullptr);
+
+    auto cancelling = installDialog(2);
+    EXPECT_FALSE(task_->StartScanFile());
+    EXPECT_TRUE(task_->bCancleScanFile);
+    EXPECT_TRUE(task_->scanFileArray.empty());
+    EXPECT_EQ(cancelling->messages().size(), 2u);
+}
+
+} // namespace

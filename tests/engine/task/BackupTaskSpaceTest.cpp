@@ -1,0 +1,249 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/AccountBalance.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/LocalFileSource.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/SystemLog.h"
+#include "platform/os/UrlOpener.h"
+
+using namespace cirrovault;
+
+namespace {
+
+constexpr double T = 1'600'000'000.0;
+constexpr int64_t MB = 1 << 20;
+
+class BackupTaskSpace : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        dialogs_ = std::make_shared<HeadlessMessagebox>();
+        NimboMessagebox::setPresenter(dialogs_);
+        UrlOpener::setOpenerProgram("true");
+        SystemLog::startCapture();
+        task_ = std::make_shared<CBackupTask>();
+        task_->name = "Docs";
+        useServerFolder("\\Backup");
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        UrlOpener::setOpenerProgram("");
+        NimboMessagebox::setPresenter(nullptr);
+        SessionFixture::TearDown();
+    }
+    // The task backs up home/src into serverFolder, which holds "\src".
+    void useServerFolder(const std::string& serverFolder) {
+        task_->serverPath = serverFolder;
+        task_->localDirList = {home_.file("src")};
+        std::string path;
+        for (size_t at = 1; at <= serverFolder.size(); ++at) {
+            if (at == serverFolder.size() || serverFolder[at] == '\\')
+                local_->makeFolder(serverFolder.substr(0, at), "", "");
+        }
+        local_->makeFolder(serverFolder + "\\src", "", "");
+        tree().RefreshSvrPath("\\");
+        store_->resetCounts();
+    }
+    std::string local(const std::string& name, const std::string& content, double time) {
+        return makeFile("src/" + name, content, time);
+    }
+    // Puts a copy on the service as an earlier run would have left it.
+    void stored(const std::string& name, const std::string& content, double time) {
+        std::string staging = makeFile("staging/" + name, content, time);
+        auto source = LocalFileSource::open(staging);
+        ASSERT_TRUE(source);
+        ASSERT_EQ(local_->put(task_->serverPath + "\\src\\" + name, *source, Date(time), nullptr),
+                  ResultCode::Success);
+        tree().RefreshSvrPath("\\");
+        store_->resetCounts();
+    }
+    bool decide(const std::string& name, const std::string& content, double time) {
+        return task_->CalculateBackupFileSize(local(name, content, time));
+    }
+    int64_t freeSpace() {
+        AccountBalance balance;
+        EXPECT_EQ(api().GetAccountBalance(balance), ResultCode::Success);
+        return balance.maxSpace - balance.fileSpaceUsed - balance.msgSpaceUsed;
+    }
+    void setFree(int64_t bytes) {
+        AccountBalance balance;
+        ASSERT_EQ(api().GetAccountBalance(balance), ResultCode::Success);
+        ASSERT_EQ(local_->setQuota(balance.fileSpaceUsed + balance.msgSpaceUsed + bytes),
+                  ResultCode::Success);
+    }
+    std::vector<HeadlessMessagebox::Shown> prompts() { return dialogs_->shown(); }
+
+    std::shared_ptr<HeadlessMessagebox> dialogs_;
+    std::shared_ptr<CBackupTask> task_;
+};
+
+TEST_F(BackupTaskSpace, ChangeDecisionCountsWholeSecondsAndForgivesOneHour) {
+    stored("near.txt", "1234", T);
+    stored("before.txt", "1234", T);
+    stored("three.txt", "1234", T);
+    stored("hour.txt", "1234", T);
+    stored("hourback.txt", "1234", T);
+    stored("hourplus.txt", "1234", T);
+    stored("grown.txt", "1234", T);
+    stored("resume.txt.part", "12345", T); // an interrupted upload
+
+    EXPECT_FALSE(decide("near.txt", "abcd", T + 2.9));
+    EXPECT_FALSE(decide("before.txt", "abcd", T - 2.9));
+    EXPECT_FALSE(decide("hour.txt", "abcd", T + 3600));
+    EXPECT_FALSE(decide("hourback.txt", "abcd", T - 3602.5));
+    EXPECT_EQ(task_->uiNeedSpace, 0u);
+    EXPECT_TRUE(task_->scanFileArray.empty());
+
+    EXPECT_TRUE(decide("three.txt", "abcd", T + 3));
+    EXPECT_TRUE(decide("hourplus.txt", "abcd", T + 3603));
+    EXPECT_TRUE(decide("grown.txt", "abcdefghij", T + 3600)); // charged in full
+    EXPECT_EQ(task_->uiNeedSpace, 4u + 4u + 10u);
+
+    EXPECT_TRUE(decide("new.txt", "abcdefg", T));
+    EXPECT_EQ(task_->uiNeedSpace, 25u);
+
+    // Resumed upload: listed, but it adds nothing and lowers the remote size.
+    task_->uiRemoteSize = 3;
+    EXPECT_TRUE(decide("resume.txt", "abcdefgh", T));
+    EXPECT_EQ(task_->uiNeedSpace, 25u);
+    EXPECT_EQ(task_->uiRemoteSize, 0u);
+    task_->uiRemoteSize = 100;
+    task_->getPartSizeFromSever(home_.file("src/resume.txt"));
+    EXPECT_EQ(task_->uiRemoteSize, 95u);
+
+    EXPECT_EQ(task_->fileTotalSize, 4u + 4u + 10u + 7u + 8u);
+    std::vector<std::string> expected;
+    for (const char* name : {"three.txt", "hourplus.txt", "grown.txt", "new.txt", "resume.txt"})
+        expected.push_back(home_.file(std::string("src/") + name));
+    EXPECT_EQ(task_->scanFileArray, expected);
+
+    // Filtered names are never looked up.
+    task_->filterExt = {"*.log"};
+    EXPECT_FALSE(decide("x.log", "l", T));
+    EXPECT_FALSE(decide("a:b.txt", "l", T));
+    EXPECT_FALSE(task_->CalculateBackupFileSize(home_.file("src/missing.txt")));
+
+    // Every decision of the folder came from one listing.
+    EXPECT_EQ(store_->listCount("\\Backup\\src"), 1);
+}
+
+TEST_F(BackupTaskSpace, NewFolderOnTheServiceIsAskedForOnce) {
+    for (int i = 0; i < 40; ++i)
+        local("fresh/deeper/f" + std::to_string(i), "x", T);
+    for (int i = 0; i < 40; ++i)
+        EXPECT_TRUE(task_->CalculateBackupFileSize(home_.file("src/fresh/deeper/f" + std::to_string(i))));
+    EXPECT_EQ(task_->uiNeedSpace, 40u);
+    EXPECT_LE(store_->totalLists(), 3);
+}
+
+TEST_F(BackupTaskSpace, EncryptedTaskChargesNewFiles128BytesMore) {
+    useServerFolder("\\" + LoadString::GetValueByKey("EncryptionFolder", "") + "\\Backup");
+    // The stored copy of an encrypted file is 128 bytes longer than the original.
+    stored("moved.txt", std::string(4 + 128, 'e'), T);
+    stored("changed.txt", std::string(4 + 128, 'e'), T);
+
+    EXPECT_FALSE(decide("moved.txt", "abcd", T + 3600));
+    EXPECT_TRUE(decide("changed.txt", "abcd", T + 60));
+    EXPECT_EQ(task_->uiNeedSpace, 4u);
+    EXPECT_TRUE(decide("new.txt", "abcdef", T));
+    EXPECT_EQ(task_->uiNeedSpace, 4u + 6u + 128u);
+    EXPECT_EQ(task_->fileTotalSize, 10u);
+}
+
+TEST_F(BackupTaskSpace, AccountSpaceCheck) {
+    setFree(5 * MB);
+    EXPECT_TRUE(task_->CheckAccountSpace(1));
+    EXPECT_EQ(task_->iBackupRet, 0u);
+    EXPECT_TRUE(prompts().empty());
+
+    // Exactly enough is not enough. Declining with some space left ends quietly.
+    EXPECT_FALSE(task_->CheckAccountSpace(5 * MB));
+    EXPECT_EQ(task_->iBackupRet, 0u);
+    EXPECT_FALSE(task_->bHaveErr);
+    ASSERT_EQ(prompts().size(), 1u);
+    EXPECT_EQ(prompts()[0].style, 8);
+    dialogs_->clearShown();
+
+    // Needed MB rounded up, free MB rounded down.
+    setFree(MB + MB / 2);
+    EXPECT_FALSE(task_->CheckAccountSpace(MB + MB / 2 + MB / 4));
+    ASSERT_EQ(prompts().size(), 1u);
+    EXPECT_EQ(prompts()[0].text, LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1));
+    dialogs_->clearShown();
+
+    // Nothing left: the other prompt, and declining refuses the run.
+    setFree(0);
+    EXPECT_FALSE(task_->CheckAccountSpace(1));
+    EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::SpaceLimit));
+    EXPECT_TRUE(task_->bHaveErr);
+    ASSERT_EQ(prompts().size(), 1u);
+    EXPECT_EQ(prompts()[0].style, 6);
+    EXPECT_EQ(prompts()[0].text, LoadString::Format("NeedMoreBuySpace", 0));
+    EXPECT_EQ(SystemLog::capturedCount("needspace is zero."), 0u);
+    EXPECT_FALSE(task_->CheckAccountSpace(0));
+    EXPECT_EQ(SystemLog::capturedCount("needspace is zero."), 1u);
+    dialogs_->clearShown();
+
+    // Ordering space and retrying reads fresh figures and asks again.
+    dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
+    dialogs_->queueAnswer(MessageboxAnswer::Retry);
+    EXPECT_FALSE(task_->CheckAccountSpace(1));
+    EXPECT_EQ(prompts().size(), 3u);
+    EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::SpaceLimit));
+
+    // Account figures that cannot be read end the check with the service's code.
+    api().Logoff();
+    EXPECT_FALSE(task_->CheckAccountSpace(1));
+    EXPECT_NE(task_->iBackupRet, 0u);
+}
+
+TEST_F(BackupTaskSpace, FreeSpaceBeforeARun) {
+    int64_t code = -1;
+    setFree(5 * MB);
+    EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(MB, task_.get(), &code));
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE(prompts().empty());
+
+    // Short of space: going on anyway is the user's choice (the default answer).
+    setFree(MB);
+    EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(2 * MB, task_.get(), &code));
+    ASSERT_EQ(prompts().size(), 1u);
+    EXPECT_EQ(prompts()[0].text,
+              LoadString::Format("IDS_STRNEEDMORESPACE", "Docs", Functions::FormatSizeToString(2 * MB),
+                                 Functions::FormatSizeToString(MB),
+                                 Functions::FormatSizeToString(2 * MB)));
+    dialogs_->clearShown();
+
+    // Ordering space, then not trying again, stops the run.
+    setFree(0);
+    dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
+    EXPECT_FALSE(CBackupTask::CheckFreeSpaceFromServer(MB, task_.get(), &code));
+    ASSERT_EQ(prompts().size(), 2u);
+    EXPECT_EQ(prompts()[0].text,
+              LoadString::Format("SubUserHaveBuyStorageSpace", "Docs",
+                                 Functions::FormatSizeToString(MB), Functions::FormatSizeToString(0)));
+    EXPECT_EQ(prompts()[1].text, LoadString::GetValueByKey("IDS_REBACKAGAIN", ""));
+    dialogs_->clearShown();
+
+    // More used than allowed: the free size shows negative.
+    ASSERT_EQ(local_->setQuota(LocalStore::DiskQuota), ResultCode::Success);
+    stored("big.bin", std::string(2000, 'b'), T);
+    ASSERT_EQ(local_->setQuota(1000), ResultCode::Success);
+    ASSERT_LT(freeSpace(), 0);
+    EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(10, task_.get(), &code));
+    ASSERT_EQ(prompts().size(), 1u);
+    EXPECT_NE(prompts()[0].text.find("-" + Functions::FormatSizeToString(-freeSpace())),
+              std::string::npos);
+}
+
+} // namespace

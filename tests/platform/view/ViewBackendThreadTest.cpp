@@ -1,0 +1,153 @@
+#include <fcntl.h>
+#include <memory>
+#include <stdlib.h>
+#include <string>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/framework/TerminalMessagebox.h"
+#include "platform/os/Thread.h"
+#include "platform/view/ViewLayout.h"
+#include "platform/view/headless/HeadlessViewBackend.h"
+#include "platform/view/terminal/TerminalViewBackend.h"
+
+namespace cirrovault {
+namespace {
+
+TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreads) {
+    HeadlessViewBackend backend;
+    auto outer = backend.createWindow(ViewLayout::ProgressWindow);
+    auto inner = backend.createWindow(ViewLayout::LoopDialog);
+    std::shared_ptr<ViewWindow> seenInner, seenOuter;
+    Thread other([&] {
+        ASSERT_TRUE(backend.waitUntilModal(*inner));
+        seenInner = backend.modalWindow();
+        backend.abortModal(*outer); // not the innermost: ends nothing yet
+        backend.abortModal(*inner);
+        ASSERT_TRUE(backend.waitUntilModal(*outer));
+        seenOuter = backend.modalWindow();
+        outer->close(); // closing ends a window's loop too
+    });
+    outer->setAction(ViewEvent::Shown, [&] {
+        other.start();
+        backend.runModal(inner);
+    });
+    backend.runModal(outer);
+    other.join();
+    EXPECT_EQ(seenInner, inner);
+    EXPECT_EQ(seenOuter, outer);
+    EXPECT_EQ(backend.modalWindow(), nullptr);
+    // A closed window never runs modally, and no one waits for it.
+    backend.runModal(outer);
+    EXPECT_FALSE(backend.waitUntilModal(*outer));
+}
+
+TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
+    HeadlessViewBackend backend;
+    backend.pressAfterTexts(ViewLayout::LoopDialog, ViewOutlet::LogOnStr, 2, ViewButton::Cancel);
+    backend.pressWhenText(ViewLayout::LoopDialog, ViewOutlet::RetryLogonStr, "30", ViewButton::Retry);
+    auto window = backend.createWindow(ViewLayout::LoopDialog);
+    auto other = backend.createWindow(ViewLayout::ProgressWindow);
+    other->setText(ViewOutlet::LogOnStr, "a"); // another layout does not count
+    window->setText(ViewOutlet::LogOnStr, "a");
+    EXPECT_EQ(window->pressCount(ViewButton::Cancel), 0);
+    window->setText(ViewOutlet::LogOnStr, "b");
+    window->setText(ViewOutlet::LogOnStr, "c");
+    window->setText(ViewOutlet::RetryLogonStr, "in 31");
+    window->setText(ViewOutlet::RetryLogonStr, "in 30");
+    window->setText(ViewOutlet::RetryLogonStr, "in 30");
+    EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
+    EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
+    EXPECT_EQ(backend.textsOf(ViewLayout::LoopDialog, ViewOutlet::LogOnStr),
+              (std::vector<std::string>{"a", "b", "c"}));
+}
+
+// A pipe stands in for a terminal that is not there: stderr redirected to a file.
+class Pipe {
+public:
+    Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
+    ~Pipe() {
+        ::close(fds_[0]);
+        if (fds_[1] >= 0)
+            ::close(fds_[1]);
+    }
+    int in() const { return fds_[0]; }
+    int out() const { return fds_[1]; }
+    std::string drain() {
+        ::close(fds_[1]);
+        fds_[1] = -1;
+        std::string all;
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(fds_[0], buffer, sizeof buffer)) > 0;)
+            all.append(buffer, static_cast<size_t>(n));
+        return all;
+    }
+
+private:
+    int fds_[2] = {-1, -1};
+};
+
+TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
+    Pipe input, output;
+    TerminalViewBackend backend({input.in(), output.out(), ViewButton::Cancel});
+    EXPECT_FALSE(backend.interactive());
+    auto window = backend.createWindow(ViewLayout::LoopDialog);
+    bool cancelled = false;
+    window->setAction(ViewButton::Cancel, [&] { cancelled = true; });
+    Thread worker([&] {
+        backend.waitUntilModal(*window);
+        window->setText(ViewOutlet::LogOnStr, "Signing in...");
+        window->selectTab(2); // nobody can answer: the default button is pressed at once
+        window->setText(ViewOutlet::RetryLogonStr, "Trying again in 59 seconds");
+        backend.abortModal(*window);
+    });
+    window->setAction(ViewEvent::Shown, [&] { worker.start(); });
+    backend.runModal(window);
+    worker.join();
+    EXPECT_TRUE(cancelled);
+    std::string printed = output.drain();
+    EXPECT_NE(printed.find("Signing in...\n"), std::string::npos);
+    EXPECT_NE(printed.find("Trying again in 59 seconds\n"), std::string::npos);
+    EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
+}
+
+TEST(TerminalBackendThread, PseudoTerminalKeysPressButtons) {
+    int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(::grantpt(master), 0);
+    ASSERT_EQ(::unlockpt(master), 0);
+    int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
+    {
+        TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
+        EXPECT_TRUE(backend.interactive());
+        auto window = backend.createWindow(ViewLayout::LoopDialog);
+        window->selectTab(2);
+        window->setAction(ViewButton::Retry, [&] { ::write(master, "c", 1); });
+        window->setAction(ViewButton::Cancel, [&] { backend.abortModal(*window); });
+        window->setAction(ViewEvent::Shown, [&] { ::write(master, "xr", 2); });
+        backend.runModal(window); // r presses Retry, whose action types c: Cancel ends it
+        EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
+        EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
+        char drawn[4096];
+        ssize_t n = ::read(master, drawn, sizeof drawn);
+        ASSERT_GT(n, 0);
+        EXPECT_NE(std::string(drawn, static_cast<size_t>(n)).find("[r] Retry"), std::string::npos);
+    }
+    ::close(slave);
+    ::close(master);
+}
+
+TEST(TerminalMessageboxTest, WithoutTerminalAnswersConfiguredDefaults) {
+    Pipe input, output;
+    TerminalMessagebox box(input.in(), output.out());
+    box.defaults().setDefaultAnswer(MessageboxStyle::RetryCancel, MessageboxAnswer::Retry);
+    EXPECT_EQ(box.showMessage("", "Delete it?", MessageboxStyle::YesNo), MessageboxAnswer::No);
+    EXPECT_EQ(box.showMessage("", "Again?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
+    EXPECT_EQ(box.chooseFolder("Where?"), "");
+    EXPECT_NE(output.drain().find("Delete it? (answered 4)"), std::string::npos);
+}
+
+} // namespace
+} // namespace cirrovault
