@@ -4,12 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include "common/LocalDate.h"
 #include "common/TempHome.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
-#include "platform/os/Calendar.h"
 #include "platform/os/FileSystem.h"
 #include "platform/store/StoreBackend.h"
 #include "service/CManageTaskList.h"
@@ -18,16 +18,7 @@ using namespace cirrovault;
 
 namespace {
 
-Date localDate(int year, int month, int day, int hour, int minute, int second) {
-    DateComponents c;
-    c.year = year;
-    c.month = month;
-    c.day = day;
-    c.hour = hour;
-    c.minute = minute;
-    c.second = second;
-    return Calendar::dateFromComponents(c);
-}
+using test::localDate;
 
 TaskListEntry makeTask(const std::string& name) {
     TaskListEntry task;

@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/LocalDate.h"
 #include "common/TempHome.h"
-#include "platform/os/Calendar.h"
 #include "platform/os/FileSystem.h"
 #include "support/CFileAttributes.h"
 #include "support/CFileInfo.h"
@@ -116,16 +116,9 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
 }
 
 TEST(FMLocFileManagerDates, MediumDateShortTime) {
-    DateComponents c;
-    c.year = 2024;
-    c.month = 1;
-    c.day = 5;
-    c.hour = 15;
-    c.minute = 4;
     FMLocFileManager manager;
-    EXPECT_EQ(manager.formatDate(Calendar::dateFromComponents(c)), "Jan 5, 2024, 3:04 PM");
-    c.hour = 0;
-    EXPECT_EQ(manager.formatDate(Calendar::dateFromComponents(c)), "Jan 5, 2024, 12:04 AM");
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 15, 4)), "Jan 5, 2024, 3:04 PM");
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 0, 4)), "Jan 5, 2024, 12:04 AM");
 }
 
 TEST_F(LocalItems, FileOperations) {

@@ -22,37 +22,6 @@ constexpr uint64_t kEncryptedExtra = 128; // an encrypted copy is this much long
 constexpr int kPromptSomeSpaceLeft = 8;
 constexpr int kPromptNoSpaceLeft = 6;
 
-std::string firstSourcePath(const CBackupTask& task) {
-    if (task.localDirList.empty())
-        return "";
-    const SourceEntry& entry = task.localDirList.front();
-    return entry.isRecord() ? entry.record().m_strPath : entry.path();
-}
-
-std::string toServerSeparators(std::string path) {
-    for (auto& c : path)
-        if (c == '/')
-            c = '\\';
-    return path;
-}
-
-// The server folder that holds a local file: the task's folder followed by the file's
-// folder counted from the first source's own name (/Users/a/Docs/x/y.txt with the
-// first source /Users/a/Docs gives serverPath + "\Docs\x"). Plain text joins.
-std::string targetServerFolder(const CBackupTask& task, const std::string& localFile) {
-    std::string local = toServerSeparators(localFile);
-    std::string first = toServerSeparators(firstSourcePath(task));
-    size_t top = first.rfind('\\');
-    std::string rel = local.substr(std::min(top == std::string::npos ? 0 : top, local.size()));
-    size_t cut = rel.rfind('\\');
-    return task.serverPath + (cut == std::string::npos ? std::string() : rel.substr(0, cut));
-}
-
-std::string serverFileOf(const CBackupTask& task, const std::string& localFile) {
-    return CFileInfo::serverPathAppend(targetServerFolder(task, localFile),
-                                       CFileInfo::getMacFileName(localFile, false));
-}
-
 // Free bytes of the account; may be negative.
 int64_t freeSpaceOf(const AccountBalance& balance) {
     return balance.maxSpace - balance.fileSpaceUsed - balance.msgSpaceUsed;
@@ -85,7 +54,7 @@ bool CBackupTask::CalculateBackupFileSize(const std::string& localFile, uint64_t
     try {
         if (RegexFun(localFile, filterExt, false) || RegexBackupPathForServer(localFile))
             return false;
-        std::string folder = targetServerFolder(*this, localFile);
+        std::string folder = getTargetSvrFolder(localFile, true);
         std::string serverFile =
             CFileInfo::serverPathAppend(folder, CFileInfo::getMacFileName(localFile, false));
         uint64_t extra = Functions::IsEncryptPath(serverFile) ? kEncryptedExtra : 0;
@@ -137,7 +106,9 @@ void CBackupTask::getPartSizeFromSever(const std::string& localFile) {
     try {
         PathInfo part;
         if (!TransferApiUtil::sharePathTreeController().FindPath(
-                serverFileOf(*this, localFile) + ".part", part, false))
+                CFileInfo::serverPathAppend(getTargetSvrFolder(localFile, true),
+                                            CFileInfo::getMacFileName(localFile, false)) +
+                    ".part", part, false))
             return;
         uiRemoteSize = part.iSize >= uiRemoteSize ? 0 : uiRemoteSize - part.iSize;
     } catch (const std::exception&) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "platform/os/Date.h"
 #include "platform/os/Semaphore.h"
 #include "platform/os/Thread.h"
+#include "service/TaskListEntry.h"
 
 namespace cirrovault {
 
@@ -215,6 +217,80 @@ public:
     // The last server folder the per-file decision found missing: its other files are
     // new without asking the service again. Cleared when a walk starts.
     std::string strMissingSvrFolder;
+
+    // ---- Server folders and versions (BackupTaskVersions.cpp) ----
+    // The info folder of the account's application tree; "" when it cannot be made.
+    std::string getSvrInfoFolder();
+    // The history folder (plain or encrypted tree), made if missing; "" on failure.
+    std::string getSvrHistoryFolder(bool bEncrypted);
+    // Local parent folder of the first source path.
+    std::string GetTopFolder();
+    // The server folder for a local path below the first source: the folder itself
+    // (a folder, bNoFolderSwitch false) or the folder that will hold the file.
+    std::string getTargetSvrFolder(const std::string& localPath, bool bNoFolderSwitch);
+    // Moves the current server copy into the version folder before it is overwritten.
+    // True when it was moved or nothing had to be kept.
+    bool recordCurrent(const std::string& serverFile, uint64_t iMaxVersion,
+                       const std::string& fileName);
+    // Name of the entry of serverFolder with the earliest modification time; "" if none.
+    std::string getOldTimeHistoryFile(const std::string& serverFolder);
+    // Copies the source file into strDesFile's folder under its own name.
+    bool copyBackupFile(const std::string& strSrcFile, const std::string& strDesFile,
+                        int64_t* iRetCopy);
+    // Fills the source list from the server task list; answers its result code.
+    int64_t loadFilePathListFromDB();
+    // uiRemoteSize = what the task's folder and its history subfolder hold on the service.
+    void getTaskSizeFromServer();
+
+    // ---- Result log and report (BackupTaskReport.cpp) ----
+    // Turns a run's or a step's result code into strErrLog and event-log entries.
+    void getBackupTaskResult(uint64_t code, const std::string& logServerPath,
+                             const std::string& logUploadPath);
+    // Mails the end-of-run report as the account options ask.
+    void sendLogByEmail(int code);
+    // Sends this task to the server task list; true on success.
+    bool uploadTaskList(const std::string& action, const std::string& taskName);
+    // The fields the server task list is built from.
+    TaskListEntry toTaskListEntry();
+
+    // ---- Run driver (BackupTaskRun.cpp) ----
+    // Starts a run on the task's own worker thread; always answers false (the outcome
+    // arrives through the delegate and the task's state). The flag is not used.
+    bool StartBackup(bool flag);
+    // Body of the worker thread: scan, space check, server folder, upload, close.
+    void BackupThreadProc();
+    // Closes the run: final state, next dates, report, semaphore and closing notices.
+    void FinishBackup();
+    // Waits for the end of a run that got past its start, then drops the worker.
+    bool checkFinshedBackup();
+    bool CheckNetwork() { return true; } // no test of its own: the service answers
+    // Replaces the run's progress object and tells the delegate (notice 4).
+    bool RefreshProgressInfo(std::shared_ptr<TrueProgressCallback> progress);
+    void runDelegateFun(StowlineDelegateType nType);
+    // The run's progress object as it is now, safe from any thread; null between runs.
+    std::shared_ptr<TrueProgressCallback> GetProgress() const;
+    // From another thread: marks the run cancelled and aborts the transfer under way.
+    void CancelBackup();
+    // Only the worker (and StartBackup, before the worker exists) assigns pPrgBar, and
+    // always under this lock; other threads copy it under the lock (GetProgress), so the
+    // worker may read its own pointer without it and a canceller never sees it freed.
+    mutable std::mutex prgBarMutex;
+
+    // ---- Upload (BackupTaskUpload.cpp) ----
+    // Walks scanFileArray in passes; always true, the outcome is left in iBackupRet.
+    bool BeginUploadingData();
+    // One entry of the walk: a folder, a file, or a path that has gone (0).
+    int64_t BackupPath(const std::string& localPath, const std::string& serverPath,
+                       bool bRecursive);
+    // Makes sure the local folder exists on the server below serverPath.
+    int64_t backupDir(const std::string& localPath, const std::string& serverPath,
+                      bool bRecursive);
+    // Uploads the file into serverPath when it changed, keeping the old copy as a
+    // version; iTryTime counts the attempts already made in this pass.
+    int64_t backupFile(const std::string& localPath, const std::string& serverPath,
+                       int32_t iTryTime);
+    // Codes that end the upload walk at once.
+    static bool isFatalUploadCode(int64_t code);
 };
 
 } // namespace cirrovault

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <thread>
 
+#include "common/LocalDate.h"
 #include "common/TempHome.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
@@ -15,18 +16,7 @@
 
 using namespace cirrovault;
 
-namespace {
-Date localDate(int year, int month, int day, int hour, int minute, double second) {
-    DateComponents c;
-    c.year = year;
-    c.month = month;
-    c.day = day;
-    c.hour = hour;
-    c.minute = minute;
-    c.second = second;
-    return Calendar::dateFromComponents(c);
-}
-} // namespace
+using test::localDate;
 
 TEST(FunctionsDates, RoundTripsInRequestAndReplyFormats) {
     Date date = localDate(2024, 3, 5, 17, 8, 9.75);

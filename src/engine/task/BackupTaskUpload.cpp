@@ -1,0 +1,270 @@
+// The upload walk: passes over the scan's list, folders made on the server, files
+// compared with their stored copies and uploaded only when changed.
+#include <cmath>
+#include <cstddef>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/framework/TransferInfo.h"
+#include "platform/framework/UploadFileInfo.h"
+#include "platform/os/SystemLog.h"
+#include "support/CErrorLog.h"
+#include "support/CFileAttributes.h"
+#include "support/CFileInfo.h"
+#include "support/GlobalFunction.h"
+
+namespace cirrovault {
+
+namespace {
+
+constexpr int32_t kErrorEntry = 2;
+constexpr uint64_t kEncryptedExtra = 128;
+constexpr int32_t kLastRetry = 19; // tries 0..20: 21 attempts per pass
+constexpr int kPromptNoSpaceLeft = 6;
+constexpr int64_t kFolderException = 2;
+constexpr int64_t kNoServerFolder = 4;
+constexpr double kOneHour = 3600;
+
+bool cancelRequested(const std::shared_ptr<TrueProgressCallback>& progress) {
+    return progress && (progress->IsClickedCancel() || progress->IsCancelled());
+}
+
+// The user may free space and go on after a space-limit answer.
+bool userRetriesAfterSpaceLimit() {
+    return GlobalFunction::SpaceLimitAlter(kPromptNoSpaceLeft, "") &&
+           GlobalFunction::SpaceLimitRetry("");
+}
+
+// Seconds of difference the change test forgives. The default is the key's own text,
+// whose number is 0: unset means "equal to the second".
+int64_t ignoredTimeSpan() {
+    std::string text = NimboSetting::GetSettingValueForKey("IgnoreTimeSpan", "IgnoreTimeSpan");
+    return std::strtoll(text.c_str(), nullptr, 10);
+}
+
+} // namespace
+
+bool CBackupTask::isFatalUploadCode(int64_t code) {
+    switch (code) {
+    case 5:
+    case 6:
+    case 10:
+    case 12:
+    case 73:
+    case 74:
+    case 75:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool CBackupTask::BeginUploadingData() {
+    try {
+        size_t count = scanFileArray.size();
+        while (count >= 1) {
+            if (cancelRequested(pPrgBar)) {
+                iBackupRet = ResultCode::Cancelled;
+                return true;
+            }
+            if (isFatalUploadCode(static_cast<int64_t>(iBackupRet)))
+                return true;
+            size_t i = 0;
+            while (i < count) {
+                if (cancelRequested(pPrgBar)) {
+                    iBackupRet = ResultCode::Cancelled;
+                    break;
+                }
+                const std::string entry = scanFileArray[i];
+                if (entry.empty()) {
+                    // Nothing to back up; left in place it would keep the walk going.
+                    scanFileArray.erase(scanFileArray.begin() + static_cast<std::ptrdiff_t>(i));
+                    --count;
+                    continue;
+                }
+                int64_t r = BackupPath(entry, "", false);
+                if (isFatalUploadCode(r)) {
+                    getBackupTaskResult(static_cast<uint64_t>(r), "", entry);
+                    iBackupRet = static_cast<uint64_t>(r);
+                    break;
+                }
+                if (r == ResultCode::Failure) {
+                    // The entry stays, and the one after it waits for the next pass.
+                    i += 2;
+                } else {
+                    // The next entry moves into this place.
+                    scanFileArray.erase(scanFileArray.begin() + static_cast<std::ptrdiff_t>(i));
+                    --count;
+                }
+                iBackupRet = static_cast<uint64_t>(r);
+            }
+            count = scanFileArray.size();
+        }
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CBackupTask::BeginUploadingData()");
+    }
+    return true;
+}
+
+int64_t CBackupTask::BackupPath(const std::string& localPath, const std::string& serverPath,
+                                bool bRecursive) {
+    try {
+        std::string folder = serverPath.empty() ? getTargetSvrFolder(localPath, true) : serverPath;
+        bCreateBackupFolder = false;
+        if (CFileInfo::isDirectory(localPath)) {
+            SystemLog::write("backupDir");
+            return backupDir(localPath, folder, bRecursive);
+        }
+        if (CFileInfo::isFile(localPath)) {
+            SystemLog::write("backupFile");
+            return backupFile(localPath, folder, 0);
+        }
+        return ResultCode::Success; // gone since the scan
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CBackupTask::BackupPath()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t CBackupTask::backupDir(const std::string& localPath, const std::string& serverPath,
+                               bool bRecursive) {
+    std::string svrPath;
+    try {
+        std::string folderName = CFileInfo::getMacFileName(localPath, false);
+        svrPath = CFileInfo::serverPathAppend(serverPath, folderName);
+        PathInfo found;
+        if (TransferApiUtil::sharePathTreeController().FindPath(svrPath, found, false))
+            return ResultCode::Success;
+
+        bCreateBackupFolder = true;
+        bInitUIPrgBar = false;
+        if (pPrgBar)
+            pPrgBar->setMsg("Create " + folderName);
+        runDelegateFun(refreshProgressBarDelegate);
+        TransferApiUtil& service = TransferApiUtil::shareTransferApiUtil();
+        int64_t c = service.AddFolder(svrPath, folderName, folderName, false);
+        if (c == ResultCode::NotLoggedOn) {
+            if (!GlobalFunction::reLogon(true))
+                return ResultCode::Success;
+            c = service.AddFolder(svrPath, folderName, folderName, false);
+        }
+
+        if (c == ResultCode::Failure || c == ResultCode::SubItemLimit || c == 75) {
+            getBackupTaskResult(static_cast<uint64_t>(c), svrPath, localPath);
+            return c;
+        }
+        if (c == ResultCode::SpaceLimit) {
+            if (userRetriesAfterSpaceLimit())
+                return backupDir(localPath, serverPath, bRecursive);
+            getBackupTaskResult(static_cast<uint64_t>(c), svrPath, localPath);
+            return c;
+        }
+        if (c > 9 || c == ResultCode::Success)
+            return ResultCode::Success;
+        bHaveErr = true;
+        CErrorLog::recordError(name, taskID,
+                               LoadString::GetValueByKey("CreateFolderError", "") + svrPath,
+                               kErrorEntry);
+        return c;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CBackupTask::backupDir()");
+        getBackupTaskResult(kFolderException, svrPath, localPath);
+        return kFolderException;
+    }
+}
+
+int64_t CBackupTask::backupFile(const std::string& localPath, const std::string& serverPath,
+                                int32_t iTryTime) {
+    try {
+        PathTreeController& tree = TransferApiUtil::sharePathTreeController();
+        PathInfo folderInfo;
+        if (!tree.FindPath(serverPath, folderInfo, false)) {
+            std::string caption = CFileInfo::GetServerFileName(serverPath);
+            int64_t code = 0;
+            if (!GlobalFunction::CreateSrvFolder(serverPath, caption, caption, &code)) {
+                bHaveErr = true;
+                CErrorLog::recordError(
+                    name, taskID, LoadString::GetValueByKey("CreateFolderError", "") + serverPath,
+                    kErrorEntry);
+                return kNoServerFolder;
+            }
+        }
+
+        std::string fileName = CFileInfo::getMacFileName(localPath, false);
+        std::string serverFile = CFileInfo::serverPathAppend(serverPath, fileName);
+        PathInfo stored;
+        if (tree.FindPath(serverFile, stored, false)) {
+            CFileAttributes attributes(localPath);
+            if (attributes.getFileAttibutes() && attributes.modifyDate) {
+                int64_t span = ignoredTimeSpan();
+                double d = std::trunc(
+                    std::fabs(stored.modifyTime.timeIntervalSinceDate(*attributes.modifyDate)));
+                uint64_t expected = static_cast<uint64_t>(attributes.fileSize) +
+                                    (Functions::IsEncryptPath(serverFile) ? kEncryptedExtra : 0);
+                // Within the span the size is not compared; an hour off (a clock moved
+                // for summer time) counts as the same only with the same size.
+                bool unchanged = d <= static_cast<double>(span) ||
+                                 (d >= kOneHour - static_cast<double>(span) &&
+                                  d <= kOneHour + static_cast<double>(span) &&
+                                  stored.iSize == expected);
+                if (unchanged) {
+                    if (pPrgBar)
+                        pPrgBar->setDoneSize(pPrgBar->doneSize() + expected);
+                    return ResultCode::Success;
+                }
+            }
+            recordCurrent(serverFile, uiMaxVersion, fileName);
+        }
+
+        CFileInfo::CreateSubDir(CFileInfo::getTempPath(serverPath, true));
+
+        TransferInfo transfer;
+        transfer.setSvrFile(serverFile);
+        transfer.setLocFile(localPath);
+        uint64_t size = CFileInfo::sizeOfFile(localPath);
+        if (pPrgBar)
+            pPrgBar->setThisSize(size);
+        transfer.setProgress(pPrgBar.get());
+        bInitUIPrgBar = true;
+        strWorkingFile = localPath;
+        runDelegateFun(refreshProgressBarDelegate);
+
+        UploadFileInfo information;
+        int64_t r = TransferApiUtil::shareTransferApiUtil().UploadFile(transfer, information);
+        if (r != ResultCode::Success && r != ResultCode::Done && pPrgBar) {
+            // Back to what earlier files confirmed; this attempt's bytes do not count.
+            pPrgBar->setSentSize(0);
+            pPrgBar->setTempSize(0);
+        }
+        if (r == ResultCode::Success || r == ResultCode::Done) {
+            r = ResultCode::Success;
+            uiRemoteSize += size;
+            uiTaskCurrentUploadSize += size;
+            blogModify = true;
+            if (pPrgBar) {
+                pPrgBar->setDoneSize(pPrgBar->doneSize() + size);
+                pPrgBar->setSentSize(0);
+            }
+        }
+        if ((r == ResultCode::SpaceLimit && userRetriesAfterSpaceLimit()) ||
+            r == ResultCode::Failure) {
+            if (iTryTime <= kLastRetry)
+                return backupFile(localPath, serverPath, iTryTime + 1);
+        }
+        getBackupTaskResult(static_cast<uint64_t>(r), serverPath, localPath);
+        return r;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: CBackupTask::backupFile()");
+        return ResultCode::Failure;
+    }
+}
+
+} // namespace cirrovault

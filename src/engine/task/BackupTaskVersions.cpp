@@ -1,0 +1,241 @@
+#include <exception>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
+#include "service/CManageTaskList.h"
+#include "support/CFileInfo.h"
+#include "support/GlobalFunction.h"
+
+namespace cirrovault {
+
+namespace {
+
+std::string text(const char* key) {
+    return LoadString::GetValueByKey(key, "");
+}
+
+// The first source as a path, whether the entry is a plain path or a record: the
+// target folder is asked for every uploaded file and must not fail on either form.
+std::string firstSourcePath(const CBackupTask& task) {
+    if (task.localDirList.empty())
+        return "";
+    const SourceEntry& entry = task.localDirList.front();
+    return entry.isRecord() ? entry.record().m_strPath : entry.path();
+}
+
+std::string toServerSeparators(std::string path) {
+    for (auto& c : path)
+        if (c == '/')
+            c = '\\';
+    return path;
+}
+
+// base + number (+ "." + ext): the name of one version of a file.
+std::string versionName(const std::string& base, const std::string& number, const std::string& ext) {
+    return ext.empty() ? base + number : base + number + "." + ext;
+}
+
+} // namespace
+
+std::string CBackupTask::getSvrInfoFolder() {
+    try {
+        return GlobalFunction::getSvrAppFolder(text("IDS_INFOPATH"), text("IDS_INFONOTE"));
+    } catch (const std::exception&) {
+        SystemLog::write("Error: getSvrInfoFolder");
+        return "";
+    }
+}
+
+std::string CBackupTask::getSvrHistoryFolder(bool bEncrypted) {
+    try {
+        if (!bEncrypted)
+            return GlobalFunction::getSvrAppFolder(text("IDS_HISTFOLDER"), text("IDS_HISTNOTE"));
+        // Encrypted tasks keep their history inside the encryption folder, so that the
+        // old versions are stored encrypted like the files themselves.
+        std::string top = text("EncryptionFolder");
+        int64_t code = 0;
+        if (!GlobalFunction::CreateSrvFolder(top, "", "", &code))
+            return "";
+        std::string folder = CFileInfo::serverPathAppend(top, text("IDS_HISTFOLDER"));
+        if (!GlobalFunction::CreateSrvHistoryFolder(folder, text("IDS_HISTNOTE"), "", &code))
+            return "";
+        return folder;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: getSvrHistoryFolder");
+        return "";
+    }
+}
+
+std::string CBackupTask::GetTopFolder() {
+    try {
+        return CFileInfo::getMacParentFolder(GetFirstSrcPath());
+    } catch (const std::exception&) {
+        SystemLog::write("Error: GetTopFolder");
+        return "";
+    }
+}
+
+std::string CBackupTask::getTargetSvrFolder(const std::string& localPath, bool bNoFolderSwitch) {
+    try {
+        std::string local = toServerSeparators(localPath);
+        std::string first = toServerSeparators(firstSourcePath(*this));
+        // From the top source folder's own name on: /Users/a/Docs/x/y.txt with the
+        // first source /Users/a/Docs gives "\Docs\x\y.txt".
+        size_t top = first.rfind('\\');
+        if (top == std::string::npos)
+            top = 0;
+        std::string rel = top < local.size() ? local.substr(top) : std::string();
+        if (!bNoFolderSwitch && CFileInfo::isDirectory(localPath))
+            return serverPath + rel;
+        size_t cut = rel.rfind('\\');
+        return serverPath + (cut == std::string::npos ? std::string() : rel.substr(0, cut));
+    } catch (const std::exception&) {
+        SystemLog::write("Error: getTargetSvrFolder");
+        return "";
+    }
+}
+
+bool CBackupTask::recordCurrent(const std::string& serverFile, uint64_t iMaxVersion,
+                                const std::string& fileName) {
+    try {
+        if (serverFile.empty() || iMaxVersion < 2)
+            return false;
+        TransferApiUtil& service = TransferApiUtil::shareTransferApiUtil();
+        PathTreeController& tree = TransferApiUtil::sharePathTreeController();
+
+        std::string history = getSvrHistoryFolder(Functions::IsEncryptPath(serverPath));
+        if (history.empty())
+            return false;
+        std::string fileFolder = CFileInfo::getServerParentFolder(serverFile);
+        std::string versionFolder = CFileInfo::serverPathAppend(history, name);
+        std::string sub = CFileInfo::getServerSubFolder(fileFolder, serverPath);
+        if (!sub.empty())
+            versionFolder = CFileInfo::serverPathAppend(versionFolder, sub);
+
+        std::string base = CFileInfo::getMacFileName(fileName, true);
+        std::string ext = fileName.size() > base.size() + 1 ? fileName.substr(base.size() + 1) : "";
+
+        std::string newName;
+        int64_t count = 0;
+        PathInfo folderInfo;
+        if (tree.FindPath(versionFolder, folderInfo, false)) {
+            count = folderInfo.iFiles;
+            if (count >= static_cast<int64_t>(iMaxVersion) - 1) {
+                // Full: the oldest version makes room, and its name is reused so the
+                // numbers stay within the limit.
+                newName = getOldTimeHistoryFile(versionFolder);
+                if (newName.empty())
+                    newName = versionName(base, "0", ext);
+                if (service.DeletePaths({CFileInfo::serverPathAppend(versionFolder, newName)},
+                                        nullptr, false) != ResultCode::Success)
+                    return false;
+            }
+        } else {
+            int64_t code = 0;
+            if (!GlobalFunction::CreateSrvFolder(versionFolder, "", "", &code))
+                return false;
+            count = 0;
+        }
+        if (newName.empty())
+            newName = versionName(base, std::to_string(count), ext);
+
+        if (service.EditFile(serverFile, newName, "", "") != ResultCode::Success) {
+            SystemLog::write("Error:Edit file: " + serverFile);
+            return false;
+        }
+        PathInfo renamed;
+        std::string renamedPath = CFileInfo::serverPathAppend(fileFolder, newName);
+        if (!tree.FindPath(renamedPath, renamed, false))
+            return true;
+        return service.CopyPaths({renamedPath}, versionFolder, nullptr, true) == ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: recordCurrent");
+        return false;
+    }
+}
+
+std::string CBackupTask::getOldTimeHistoryFile(const std::string& serverFolder) {
+    try {
+        std::vector<PathInfo> entries;
+        TransferApiUtil::sharePathTreeController().GetSubList(serverFolder, entries, false, false);
+        const PathInfo* oldest = nullptr;
+        for (const auto& entry : entries)
+            if (!oldest || entry.modifyTime.timeIntervalSinceDate(oldest->modifyTime) < 0)
+                oldest = &entry;
+        return oldest ? oldest->name : "";
+    } catch (const std::exception&) {
+        SystemLog::write("Error: getOldTimeHistoryFile");
+        return "";
+    }
+}
+
+bool CBackupTask::copyBackupFile(const std::string& strSrcFile, const std::string& strDesFile,
+                                 int64_t* /*iRetCopy*/) {
+    try {
+        // The copy keeps the source's own name and modification time; only the
+        // destination's folder counts.
+        std::string target = CFileInfo::MacPathAppend(CFileInfo::getMacParentFolder(strDesFile),
+                                                      CFileInfo::getMacFileName(strSrcFile, false));
+        auto status = FileSystem::status(strSrcFile);
+        auto content = FileSystem::readFile(strSrcFile);
+        if (!status || !content || !FileSystem::writeFileAtomically(target, *content)) {
+            SystemLog::write("Error: copyBackupFile " + strSrcFile);
+            return false;
+        }
+        FileSystem::setModifyTime(target, status->modifyTime);
+        return true;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: copyBackupFile");
+        return false;
+    }
+}
+
+void CBackupTask::getTaskSizeFromServer() {
+    try {
+        PathTreeController& tree = TransferApiUtil::sharePathTreeController();
+        PathInfo info;
+        uiRemoteSize = tree.FindPath(serverPath, info, false) ? info.iSize : 0;
+        std::string history = getSvrHistoryFolder(Functions::IsEncryptPath(serverPath));
+        PathInfo versions;
+        if (!history.empty() &&
+            tree.FindPath(CFileInfo::serverPathAppend(history, name), versions, false))
+            uiRemoteSize += versions.iSize;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: getTaskSizeFromServer");
+    }
+}
+
+int64_t CBackupTask::loadFilePathListFromDB() {
+    try {
+        CManageTaskList taskList;
+        std::string reply = taskList.getBackupTasks(name, "true");
+        if (taskList.iResult != ResultCode::Success) {
+            SystemLog::write("Error: get task list.");
+            return taskList.iResult;
+        }
+        std::vector<std::string> paths = Functions::GetValueArrayByKey("RETURN_Path", reply);
+        if (bMigrateTask) {
+            std::vector<std::string> folders = Functions::GetValueArrayByKey("RETURN_IsFolder", reply);
+            for (size_t i = 0; i < paths.size(); ++i) {
+                sourceInfoArray.push_back(
+                    {{"PathID", paths[i]}, {"TypeID", i < folders.size() ? folders[i] : ""}});
+                localDirList.emplace_back(paths[i]);
+            }
+        } else {
+            for (const auto& path : paths)
+                localDirList.emplace_back(path);
+        }
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: loadFilePathListFromDB");
+        return ResultCode::Failure;
+    }
+}
+
+} // namespace cirrovault

@@ -1,0 +1,306 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/LocalFileSource.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/os/UrlOpener.h"
+#include "support/CErrorLog.h"
+
+using namespace cirrovault;
+using Op = FaultInjectingStore::Operation;
+
+namespace {
+
+constexpr double T = 1'600'000'000.0;
+
+// Records every notice, and for notice 4 the file the task was working on.
+class RecordingDelegate : public StowlineDelegate {
+public:
+    bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
+                             StowlineDelegateType type) override {
+        std::lock_guard lock(mutex_);
+        types_.push_back(type);
+        if (type == refreshProgressBarDelegate && task && task->bInitUIPrgBar)
+            working_.push_back(task->strWorkingFile); // a file's upload begins
+        return true;
+    }
+    // The notices without the progress refreshes (4).
+    std::vector<int> milestones() const {
+        std::lock_guard lock(mutex_);
+        std::vector<int> out;
+        for (auto t : types_)
+            if (t != refreshProgressBarDelegate)
+                out.push_back(t);
+        return out;
+    }
+    std::vector<std::string> working() const {
+        std::lock_guard lock(mutex_);
+        return working_;
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        types_.clear();
+        working_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<StowlineDelegateType> types_;
+    std::vector<std::string> working_;
+};
+
+class BackupTaskRun : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        clock_ = std::make_shared<ManualClock>(Date(T));
+        Clock::setShared(clock_);
+        dialogs_ = std::make_shared<HeadlessMessagebox>();
+        NimboMessagebox::setPresenter(dialogs_);
+        UrlOpener::setOpenerProgram("true");
+        SystemLog::startCapture();
+        task_ = std::make_shared<CBackupTask>();
+        task_->name = "Docs";
+        task_->serverPath = "\\Backup";
+        task_->localDirList = {home_.file("src")};
+        task_->SetDelegate(&delegate_);
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        UrlOpener::setOpenerProgram("");
+        NimboMessagebox::setPresenter(nullptr);
+        Clock::setShared(nullptr);
+        SessionFixture::TearDown();
+    }
+    std::string local(const std::string& name, const std::string& content, double time = T) {
+        return makeFile("src/" + name, content, time);
+    }
+    // One whole run, closing notices included.
+    void run() {
+        task_->StartBackup(false);
+        std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
+        task_->checkFinshedBackup();
+        worker->join();
+    }
+    // The walk alone over the given list, as the run calls it.
+    void walk(std::vector<std::string> entries) {
+        task_->pPrgBar = std::make_shared<TrueProgressCallback>();
+        task_->scanFileArray = std::move(entries);
+        task_->iBackupRet = 0;
+        task_->BeginUploadingData();
+    }
+    std::string stored(const std::string& serverPath) {
+        std::string staging = home_.file("fetched");
+        TransferInfo info;
+        info.setSvrFile(serverPath);
+        info.setLocFile(staging);
+        if (api().DownloadFile(info) != ResultCode::Success)
+            return "<missing>";
+        return readFile(staging);
+    }
+    void storeCopy(const std::string& serverPath, const std::string& content, double time) {
+        std::string staging = makeFile("staging/copy", content, time);
+        auto source = LocalFileSource::open(staging);
+        ASSERT_TRUE(source);
+        local_->makeFolder("\\Backup", "", "");
+        local_->makeFolder("\\Backup\\src", "", "");
+        ASSERT_EQ(local_->put(serverPath, *source, Date(time), nullptr), ResultCode::Success);
+        tree().RefreshSvrPath("\\");
+    }
+    size_t eventsContaining(const std::string& text) {
+        auto lines = CErrorLog::GetErrorList();
+        size_t n = 0;
+        if (lines)
+            for (const auto& line : *lines)
+                n += line.find(text) != std::string::npos;
+        return n;
+    }
+
+    std::shared_ptr<ManualClock> clock_;
+    std::shared_ptr<HeadlessMessagebox> dialogs_;
+    RecordingDelegate delegate_;
+    std::shared_ptr<CBackupTask> task_;
+};
+
+TEST_F(BackupTaskRun, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinish) {
+    local("a.txt", "alpha");
+    local("sub/b.txt", "beta");
+    task_->mLastRunDate = Date(0);
+    clock_->set(Date(T + 75.5)); // 1:15.5 into a minute of the epoch's whole minutes
+    run();
+
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(task_->iBackupRet, 0u);
+    EXPECT_EQ(task_->iErrorTimes, 0);
+    EXPECT_TRUE(task_->scanFileArray.empty());
+    EXPECT_EQ(task_->pPrgBar, nullptr);
+    EXPECT_EQ(std::fmod(task_->mLastRunDate.timeIntervalSince1970(), 60.0), 0.0);
+    EXPECT_EQ(stored("\\Backup\\src\\a.txt"), "alpha");
+    EXPECT_EQ(stored("\\Backup\\src\\sub\\b.txt"), "beta");
+    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+    EXPECT_EQ(eventsContaining("Backup started."), 1u);
+    EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
+    // The two-second pause went through the injected clock.
+    EXPECT_GE(clock_->now().timeIntervalSince1970(), T + 75.5 + 2);
+}
+
+TEST_F(BackupTaskRun, EmptyServerPathEndsTheRunBeforeItBegins) {
+    task_->serverPath = "";
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateRunning);
+    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1}));
+    EXPECT_EQ(eventsContaining("has no destination folder"), 1u);
+    EXPECT_EQ(eventsContaining("Backup started."), 0u);
+    EXPECT_TRUE(SystemLog::capturedContains("Docs server path is empty."));
+}
+
+TEST_F(BackupTaskRun, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTime) {
+    local("a.txt", "alpha");
+    local("b.txt", "beta");
+    // A full account ends the walk at once; any other refusal fails the file.
+    store_->failPutWithSpaceLimit(1);
+    for (int n = 1; n <= 3; ++n) {
+        run();
+        if (n == 1) {
+            EXPECT_EQ(task_->iBackupRet, 10u);
+            EXPECT_EQ(store_->putCount(), 1);
+            store_->failOperation(Op::Put, ResultCode::LocalFileError);
+        }
+        EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+        EXPECT_EQ(task_->iErrorTimes, n);
+        EXPECT_TRUE(task_->bResume);
+        EXPECT_DOUBLE_EQ(task_->mResumeDate.timeIntervalSinceDate(clock_->now()),
+                         n * 7200.0 - 2); // the closing pause came after the date was set
+        EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+        delegate_.clear();
+        clock_->advance(600);
+    }
+    EXPECT_EQ(eventsContaining("Backup finished successfully."), 0u);
+
+    store_->clearFaults();
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(task_->iErrorTimes, 0);
+    EXPECT_FALSE(task_->bResume);
+}
+
+TEST_F(BackupTaskRun, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
+    local("a.txt", "alpha");
+    store_->failOperation(Op::MakeFolder, ResultCode::Failure, 1);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+
+    auto second = std::make_shared<CBackupTask>();
+    second->name = "Other";
+    second->serverPath = "\\Other";
+    second->localDirList = {home_.file("src")};
+    task_ = second;
+    store_->failOperation(Op::MakeFolder, ResultCode::Failure, 2);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_EQ(task_->iBackupRet, 3u);
+    EXPECT_EQ(store_->putCount(), 1); // only the first task's file
+
+    store_->failOperation(Op::MakeFolder, ResultCode::StorageError, 1);
+    run();
+    EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::StorageError));
+    store_->clearFaults();
+}
+
+TEST_F(BackupTaskRun, LogOffAndRefreshSuppressTheClosingNotices) {
+    local("a.txt", "alpha");
+    task_->bLogOff = true;
+    run();
+    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3}));
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+}
+
+TEST_F(BackupTaskRun, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOnePass) {
+    std::string a = local("a.txt", "A");
+    std::string b = local("b.txt", "B");
+    std::string c = local("c.txt", "C");
+    std::string gone = home_.file("src/gone.txt");
+
+    store_->failOperation(Op::Put, ResultCode::Failure, 21);
+    walk({a, b, gone, c});
+    // a: 21 failed attempts; b waits a pass, the vanished entry leaves, c goes; the
+    // next pass takes a and b.
+    std::vector<std::string> expected(21, a);
+    expected.insert(expected.end(), {c, a, b});
+    EXPECT_EQ(delegate_.working(), expected);
+    EXPECT_EQ(task_->iBackupRet, 0u);
+    EXPECT_TRUE(task_->scanFileArray.empty());
+    EXPECT_EQ(stored("\\Backup\\src\\a.txt"), "A");
+    EXPECT_EQ(task_->uiTaskCurrentUploadSize, 3u);
+    EXPECT_TRUE(task_->blogModify);
+}
+
+TEST_F(BackupTaskRun, FatalCodeOrCancelEndsTheWalk) {
+    std::string a = local("a.txt", "A");
+    std::string b = local("b.txt", "B");
+    store_->failOperation(Op::Put, ResultCode::SubItemLimit, 1);
+    walk({a, b});
+    EXPECT_EQ(task_->iBackupRet, 73u);
+    EXPECT_EQ(store_->putCount(), 1);
+    EXPECT_EQ(task_->scanFileArray.size(), 2u);
+
+    task_->pPrgBar = std::make_shared<TrueProgressCallback>();
+    task_->pPrgBar->setBClickedCancel(true);
+    task_->iBackupRet = 0;
+    task_->BeginUploadingData();
+    EXPECT_EQ(task_->iBackupRet, 6u);
+    EXPECT_EQ(store_->putCount(), 1);
+}
+
+TEST_F(BackupTaskRun, ChangeTestComparesWholeSecondsAndForgivesOneHourWithEqualSize) {
+    storeCopy("\\Backup\\src\\same.txt", "1234", T);
+    storeCopy("\\Backup\\src\\hour.txt", "1234", T);
+    storeCopy("\\Backup\\src\\grown.txt", "1234", T);
+    storeCopy("\\Backup\\src\\second.txt", "1234", T);
+    int before = store_->putCount();
+    walk({local("same.txt", "abcd", T + 0.9), local("hour.txt", "abcd", T - 3600),
+          local("grown.txt", "abcdef", T + 3600), local("second.txt", "abcd", T + 1)});
+    EXPECT_EQ(store_->putCount() - before, 2);
+    EXPECT_EQ(stored("\\Backup\\src\\same.txt"), "1234");
+    EXPECT_EQ(stored("\\Backup\\src\\hour.txt"), "1234");
+    EXPECT_EQ(stored("\\Backup\\src\\grown.txt"), "abcdef");
+    EXPECT_EQ(stored("\\Backup\\src\\second.txt"), "abcd");
+
+    // A span from the settings widens both windows.
+    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("IgnoreTimeSpan", "5"));
+    before = store_->putCount();
+    walk({local("second.txt", "wxyz", T + 5), local("hour.txt", "abcd", T + 3595)});
+    EXPECT_EQ(store_->putCount(), before);
+}
+
+// Cancel comes from another thread while the worker is inside a transfer.
+TEST_F(BackupTaskRun, ThreadCancelDuringTransferEndsTheRunCancelled) {
+    local("a.txt", "alpha");
+    store_->hangNextPut();
+    task_->StartBackup(false);
+    std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
+    store_->waitUntilHanging();
+    task_->CancelBackup();
+    task_->checkFinshedBackup();
+    worker->join();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
+    EXPECT_EQ(task_->iBackupRet, 6u);
+    EXPECT_EQ(task_->iErrorTimes, 0);
+    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+    EXPECT_EQ(eventsContaining("Backup finished successfully."), 0u);
+    EXPECT_EQ(task_->GetProgress(), nullptr);
+}
+
+} // namespace

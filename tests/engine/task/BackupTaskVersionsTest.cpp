@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/framework/TransferInfo.h"
+#include "platform/framework/UploadFileInfo.h"
+#include "platform/os/SystemLog.h"
+#include "support/CFileInfo.h"
+#include "support/GlobalFunction.h"
+
+using namespace cirrovault;
+
+namespace {
+
+constexpr double T = 1'600'000'000.0;
+
+std::string text(const char* key) {
+    return LoadString::GetValueByKey(key, "");
+}
+
+class BackupTaskVersions : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        SystemLog::startCapture();
+        task_ = std::make_shared<CBackupTask>();
+        task_->name = "Docs";
+        task_->serverPath = "\\Backup";
+        task_->localDirList = {home_.file("src")};
+        ASSERT_EQ(api().AddFolder("\\Backup", "", "", false), ResultCode::Success);
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        SessionFixture::TearDown();
+    }
+
+    // One upload of a local file as the run does it: keep the current copy, then
+    // overwrite it. Answers the server path.
+    std::string upload(const std::string& relative, const std::string& content, double time,
+                       bool keepVersion = true) {
+        std::string local = makeFile("src/" + relative, content, time);
+        std::string folder = task_->getTargetSvrFolder(local, true);
+        std::string serverFile =
+            CFileInfo::serverPathAppend(folder, CFileInfo::getMacFileName(local, false));
+        EXPECT_TRUE(GlobalFunction::CreateSrvFolder(folder, "", "", nullptr));
+        PathInfo info;
+        if (keepVersion && tree().FindPath(serverFile, info, false)) {
+            EXPECT_TRUE(task_->recordCurrent(serverFile, task_->uiMaxVersion,
+                                             CFileInfo::getMacFileName(local, false)));
+        }
+        TransferInfo transfer;
+        transfer.setLocFile(local);
+        transfer.setSvrFile(serverFile);
+        UploadFileInfo uploaded;
+        EXPECT_EQ(api().UploadFile(transfer, uploaded), ResultCode::Success);
+        return serverFile;
+    }
+    std::string download(const std::string& serverFile) {
+        std::string local = home_.file("down/" + CFileInfo::GetServerFileName(serverFile));
+        FileSystem::createDirectories(home_.file("down"));
+        TransferInfo transfer;
+        transfer.setLocFile(local);
+        transfer.setSvrFile(serverFile);
+        if (api().DownloadFile(transfer) != ResultCode::Success)
+            return "<missing>";
+        return readFile(local);
+    }
+    std::vector<std::string> names(const std::string& folder) {
+        std::vector<PathInfo> entries;
+        tree().GetSubList(folder, entries, false, false);
+        std::vector<std::string> result;
+        for (const auto& entry : entries)
+            result.push_back(entry.name);
+        std::sort(result.begin(), result.end());
+        return result;
+    }
+    std::string versionFolder(const std::string& sub) {
+        std::string folder =
+            CFileInfo::serverPathAppend(task_->getSvrHistoryFolder(false), task_->name);
+        return sub.empty() ? folder : CFileInfo::serverPathAppend(folder, sub);
+    }
+
+    std::shared_ptr<CBackupTask> task_;
+};
+
+TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
+    std::string data = text("ApplicationDataPath");
+    std::string tasks = CFileInfo::serverPathAppend(data, text("ServerStoreTaskPath"));
+    std::string info = task_->getSvrInfoFolder();
+    EXPECT_EQ(info, CFileInfo::serverPathAppend(tasks, text("IDS_INFOPATH")));
+    EXPECT_EQ(task_->getSvrHistoryFolder(false),
+              CFileInfo::serverPathAppend(tasks, text("IDS_HISTFOLDER")));
+    std::string encrypted = task_->getSvrHistoryFolder(true);
+    EXPECT_EQ(encrypted,
+              CFileInfo::serverPathAppend(text("EncryptionFolder"), text("IDS_HISTFOLDER")));
+
+    tree().RefreshSvrPath("\\");
+    PathInfo found;
+    ASSERT_TRUE(tree().FindPath(data, found, false));
+    // The data folder has its caption text as description: the other way round.
+    EXPECT_EQ(found.description, text("IDS_STRORVODATACAP"));
+    EXPECT_EQ(found.caption, text("IDS_STRORVODATANOTE"));
+    ASSERT_TRUE(tree().FindPath(tasks, found, false));
+    EXPECT_EQ(found.description, text("IDS_STRAPPFOLDERNOTE"));
+    EXPECT_EQ(found.caption, text("IDS_STRAPPFOLDERCAP"));
+    ASSERT_TRUE(tree().FindPath(info, found, false));
+    EXPECT_EQ(found.description, text("IDS_INFONOTE"));
+    EXPECT_EQ(found.caption, text("IDS_INFOPATH"));
+    ASSERT_TRUE(tree().FindPath(encrypted, found, false));
+    EXPECT_EQ(found.description, text("IDS_HISTNOTE"));
+    EXPECT_EQ(found.caption, "");
+
+    api().Logoff();
+    EXPECT_EQ(task_->getSvrInfoFolder(), "");
+    EXPECT_EQ(task_->getSvrHistoryFolder(true), "");
+}
+
+TEST_F(BackupTaskVersions, TargetFolderFollowsTheTopSourceName) {
+    task_->localDirList = {"/Users/a/Docs"};
+    EXPECT_EQ(task_->getTargetSvrFolder("/Users/a/Docs/x/y.txt", false), "\\Backup\\Docs\\x");
+    EXPECT_EQ(task_->getTargetSvrFolder("/Users/a/Docs/y.txt", true), "\\Backup\\Docs");
+    EXPECT_EQ(task_->GetTopFolder(), "/Users/a");
+
+    // A real folder: itself without the switch, its parent with it.
+    task_->localDirList = {home_.file("src")};
+    makeFile("src/x/y.txt", "y");
+    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x"), false), "\\Backup\\src\\x");
+    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x"), true), "\\Backup\\src");
+    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x/y.txt"), false), "\\Backup\\src\\x");
+}
+
+TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsAndReusesTheOldestName) {
+    task_->uiMaxVersion = 3;
+    std::string serverFile = upload("x/a.txt", "one", T);
+    upload("x/a.txt", "two", T + 100);
+    std::string versions = versionFolder("src\\x");
+    EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt"}));
+    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a0.txt")), "one");
+
+    upload("x/a.txt", "three", T + 200);
+    EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
+    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
+
+    // Full: the oldest ("one", as a0.txt) goes and its name takes the new version.
+    upload("x/a.txt", "four", T + 300);
+    EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
+    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a0.txt")), "three");
+    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
+    EXPECT_EQ(download(serverFile), "four");
+    EXPECT_EQ(task_->getOldTimeHistoryFile(versions), "a1.txt");
+    EXPECT_EQ(names(CFileInfo::getServerParentFolder(serverFile)),
+              (std::vector<std::string>{"a.txt"}));
+}
+
+TEST_F(BackupTaskVersions, NamesWithoutExtensionAndNothingKeptBelowTwo) {
+    upload("notes", "n1", T);
+    upload("notes", "n2", T + 10);
+    upload("notes", "n3", T + 20);
+    EXPECT_EQ(names(versionFolder("src")), (std::vector<std::string>{"notes0", "notes1"}));
+    EXPECT_EQ(task_->getOldTimeHistoryFile(versionFolder("src")), "notes0");
+
+    std::string serverFile = upload("b.txt", "b1", T);
+    for (uint64_t max : {0, 1})
+        EXPECT_FALSE(task_->recordCurrent(serverFile, max, "b.txt"));
+    EXPECT_FALSE(task_->recordCurrent("", 5, "b.txt"));
+    EXPECT_EQ(names(versionFolder("src")), (std::vector<std::string>{"notes0", "notes1"}));
+
+    // The current copy is gone: the rename fails and is logged; nothing was deleted.
+    EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
+    EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
+    EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
+}
+
+TEST_F(BackupTaskVersions, TaskSizeCountsFolderAndHistory) {
+    task_->uiMaxVersion = 5;
+    upload("a.txt", "12345", T);
+    upload("a.txt", "1234567", T + 10);
+    task_->uiRemoteSize = 999;
+    task_->getTaskSizeFromServer();
+    EXPECT_EQ(task_->uiRemoteSize, 12u);
+
+    task_->serverPath = "\\Nowhere";
+    task_->name = "Other";
+    task_->getTaskSizeFromServer();
+    EXPECT_EQ(task_->uiRemoteSize, 0u);
+}
+
+TEST_F(BackupTaskVersions, CopyBackupFileKeepsItsOwnName) {
+    std::string source = makeFile("in/report.pdf", "pdf", T);
+    FileSystem::createDirectories(home_.file("out"));
+    EXPECT_TRUE(task_->copyBackupFile(source, home_.file("out/other.name"), nullptr));
+    EXPECT_EQ(readFile(home_.file("out/report.pdf")), "pdf");
+    EXPECT_FALSE(FileSystem::exists(home_.file("out/other.name")));
+    EXPECT_EQ(FileSystem::status(home_.file("out/report.pdf"))->modifyTime.timeIntervalSince1970(),
+              T);
+    EXPECT_FALSE(task_->copyBackupFile(home_.file("in/none"), home_.file("out/x"), nullptr));
+}
+
+} // namespace

@@ -1,0 +1,199 @@
+// Whole backup runs against the real local store: first run, an unchanged rerun, a
+// changed file with its old copy kept, and a cancelled large file resumed next time.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/task/CBackupTask.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/os/UrlOpener.h"
+#include "support/CErrorLog.h"
+
+using namespace cirrovault;
+
+namespace {
+
+constexpr double T = 1'650'000'000.0;
+
+// Records the milestones of each run; can cancel the run when a chosen file is about
+// to be sent for the second time, and notes the bytes a finished run resumed.
+class RunObserver : public StowlineDelegate {
+public:
+    bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
+                             StowlineDelegateType type) override {
+        std::lock_guard lock(mutex_);
+        if (type != refreshProgressBarDelegate)
+            types.push_back(type);
+        if (type == refreshProgressBarDelegate && task && task->bInitUIPrgBar &&
+            task->strWorkingFile == cancelOnSecondTry && ++tries == 2)
+            task->CancelBackup();
+        if (type == closeProgressBarViewDelegate && task && task->GetProgress())
+            resumedBytes = task->GetProgress()->tempSize();
+        return true;
+    }
+
+    std::mutex mutex_;
+    std::vector<int> types;
+    std::string cancelOnSecondTry;
+    int tries = 0;
+    uint64_t resumedBytes = 0;
+};
+
+class BackupRun : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        clock_ = std::make_shared<ManualClock>(Date(T));
+        Clock::setShared(clock_);
+        dialogs_ = std::make_shared<HeadlessMessagebox>();
+        NimboMessagebox::setPresenter(dialogs_);
+        UrlOpener::setOpenerProgram("true");
+        task_ = std::make_shared<CBackupTask>();
+        task_->name = "Projects";
+        task_->serverPath = "\\Backups\\Projects";
+        task_->localDirList = {home_.file("work")};
+        task_->SetDelegate(&observer_);
+    }
+    void TearDown() override {
+        UrlOpener::setOpenerProgram("");
+        NimboMessagebox::setPresenter(nullptr);
+        Clock::setShared(nullptr);
+        SessionFixture::TearDown();
+    }
+    void run() {
+        observer_.types.clear();
+        task_->StartBackup(false);
+        std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
+        task_->checkFinshedBackup();
+        worker->join();
+        clock_->advance(3600);
+    }
+    std::string serverOf(const std::string& relative) {
+        std::string path = "\\Backups\\Projects\\work\\" + relative;
+        for (auto& c : path)
+            if (c == '/')
+                c = '\\';
+        return path;
+    }
+    // Every file in the tree below folder on the store.
+    std::vector<PathInfo> storedFiles(const std::string& folder) {
+        std::vector<PathInfo> all;
+        std::vector<PathInfo> files;
+        tree().RefreshSvrPath("\\");
+        tree().GetSubList(folder, all, false, true);
+        for (const auto& item : all)
+            if (!item.bFolder)
+                files.push_back(item);
+        return files;
+    }
+
+    std::shared_ptr<ManualClock> clock_;
+    std::shared_ptr<HeadlessMessagebox> dialogs_;
+    RunObserver observer_;
+    std::shared_ptr<CBackupTask> task_;
+};
+
+TEST_F(BackupRun, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
+    std::vector<std::string> relatives;
+    for (int d = 0; d < 6; ++d)
+        for (int s = 0; s < 4; ++s)
+            for (int f = 0; f < 10; ++f) {
+                std::string rel = "d" + std::to_string(d) + "/s" + std::to_string(s) + "/f" +
+                                  std::to_string(f) + ".txt";
+                makeFile("work/" + rel, "content of " + rel, T - 86400 + d * 100 + f + 0.5);
+                relatives.push_back(rel);
+            }
+    run();
+
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(observer_.types, (std::vector<int>{1, 3, 5, 0, 2}));
+    EXPECT_EQ(store_->putCount(), 240);
+    for (const auto& rel : relatives) {
+        StoreItem item;
+        ASSERT_EQ(local_->stat(serverOf(rel), item), ResultCode::Success) << rel;
+        EXPECT_EQ(item.size, ("content of " + rel).size());
+        auto status = FileSystem::status(home_.file("work/" + rel));
+        ASSERT_TRUE(status);
+        EXPECT_EQ(static_cast<int64_t>(item.modifyTime.timeIntervalSince1970()),
+                  static_cast<int64_t>(status->modifyTime.timeIntervalSince1970()));
+    }
+    TransferInfo fetch;
+    fetch.setSvrFile(serverOf("d5/s3/f9.txt"));
+    fetch.setLocFile(home_.file("fetched.txt"));
+    ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success);
+    EXPECT_EQ(readFile(home_.file("fetched.txt")), "content of d5/s3/f9.txt");
+
+    auto events = CErrorLog::GetErrorList();
+    ASSERT_TRUE(events);
+    size_t starts = 0, finishes = 0;
+    for (const auto& line : *events) {
+        starts += line.find("Projects|") == 0 && line.find("Backup started.") != std::string::npos;
+        finishes += line.find("Backup finished successfully.") != std::string::npos;
+    }
+    EXPECT_EQ(starts, 1u);
+    EXPECT_EQ(finishes, 1u);
+
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(store_->putCount(), 240);
+    EXPECT_EQ(task_->uiTaskCurrentUploadSize, 0u);
+}
+
+TEST_F(BackupRun, ChangedFileIsUploadedAndItsOldCopyKept) {
+    makeFile("work/notes.txt", "first words", T - 7200);
+    makeFile("work/other.txt", "untouched", T - 7200);
+    run();
+    ASSERT_EQ(store_->putCount(), 2);
+
+    makeFile("work/notes.txt", "second words, longer", T - 60);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(store_->putCount(), 3);
+    StoreItem item;
+    ASSERT_EQ(local_->stat(serverOf("notes.txt"), item), ResultCode::Success);
+    EXPECT_EQ(item.size, std::string("second words, longer").size());
+
+    std::string history = task_->getSvrHistoryFolder(false);
+    ASSERT_FALSE(history.empty());
+    auto versions = storedFiles(history);
+    ASSERT_EQ(versions.size(), 1u);
+    EXPECT_NE(versions[0].name.find("notes"), std::string::npos);
+    EXPECT_EQ(versions[0].iSize, std::string("first words").size());
+}
+
+TEST_F(BackupRun, CancelledLargeFileResumesFromItsPartNextRun) {
+    std::string big(3 << 20, 'x');
+    for (size_t i = 0; i < big.size(); i += 4096)
+        big[i] = static_cast<char>('a' + (i / 4096) % 26);
+    std::string path = makeFile("work/big.bin", big, T - 600);
+    const uint64_t kept = 1 << 20;
+    store_->dropConnectionInNextPut(kept);
+    observer_.cancelOnSecondTry = path;
+    run();
+
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
+    EXPECT_EQ(task_->iBackupRet, 6u);
+    StoreItem item;
+    EXPECT_NE(local_->stat(serverOf("big.bin"), item), ResultCode::Success);
+
+    observer_.cancelOnSecondTry.clear();
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(observer_.resumedBytes, kept);
+    TransferInfo fetch;
+    fetch.setSvrFile(serverOf("big.bin"));
+    fetch.setLocFile(home_.file("fetched.bin"));
+    ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success);
+    EXPECT_TRUE(readFile(home_.file("fetched.bin")) == big);
+}
+
+} // namespace

@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/TempHome.h"
+#include "platform/os/FileSystem.h"
+
+using namespace cirrovault;
+
+namespace {
+
+// Names in folder other than the expected ones: a temporary left behind shows up here.
+std::vector<std::string> strayNames(const std::string& folder, const std::string& expected) {
+    std::vector<std::string> stray;
+    for (const auto& name : FileSystem::listDirectory(folder).value_or(std::vector<std::string>{}))
+        if (name != expected)
+            stray.push_back(name);
+    return stray;
+}
+
+} // namespace
+
+TEST(FileSystemWrite, AtomicWritesReplaceWholeAndLeaveNoTemporary) {
+    test::TempHome home;
+    const std::string folder = home.file("w");
+    ASSERT_TRUE(FileSystem::createDirectories(folder));
+    const std::string path = folder + "/data.plist";
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(path, "first, and longer"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(path, "second"));
+    EXPECT_EQ(FileSystem::readFile(path), "second");
+
+    const std::string secret = folder + "/secret.plist";
+    ASSERT_TRUE(FileSystem::writePrivateFileAtomically(secret, "phrase"));
+    EXPECT_EQ(FileSystem::readFile(secret), "phrase");
+    EXPECT_EQ(FileSystem::status(secret)->mode & 0777, 0600u);
+    FileSystem::removeItem(secret);
+    EXPECT_TRUE(strayNames(folder, "data.plist").empty());
+
+    // A folder in the way: the rename fails and the temporary is removed again.
+    const std::string blocked = folder + "/blocked";
+    ASSERT_TRUE(FileSystem::createDirectories(blocked + "/inside"));
+    EXPECT_FALSE(FileSystem::writeFileAtomically(blocked, "x"));
+    EXPECT_FALSE(FileSystem::writePrivateFileAtomically(blocked, "x"));
+    FileSystem::removeAll(blocked);
+    EXPECT_TRUE(strayNames(folder, "data.plist").empty());
+    EXPECT_FALSE(FileSystem::writeFileAtomically(folder + "/missing/file", "x"));
+}
+
+TEST(FileSystemWriteThread, WriteAllGoesOnPastShortWritesAndReportsFailure) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    // More than a pipe holds at once, so the reader must drain while the writer goes on.
+    const std::string data(1 << 20, 'z');
+    std::string received;
+    std::thread reader([&] {
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+            received.append(buffer, static_cast<size_t>(n));
+    });
+    EXPECT_TRUE(FileSystem::writeAll(fds[1], data.data(), data.size()));
+    ::close(fds[1]);
+    reader.join();
+    ::close(fds[0]);
+    EXPECT_EQ(received.size(), data.size());
+
+    EXPECT_FALSE(FileSystem::writeAll(-1, "x", 1));
+    EXPECT_EQ(errno, EBADF);
+}
