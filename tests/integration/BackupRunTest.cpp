@@ -48,7 +48,7 @@ public:
     uint64_t resumedBytes = 0;
 };
 
-class BackupRun : public test::SessionFixture {
+class BackupRunThread : public test::SessionFixture {
 protected:
     void SetUp() override {
         SessionFixture::SetUp();
@@ -102,7 +102,7 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-TEST_F(BackupRun, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
+TEST_F(BackupRunThread, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
     std::vector<std::string> relatives;
     for (int d = 0; d < 6; ++d)
         for (int s = 0; s < 4; ++s)
@@ -148,7 +148,7 @@ TEST_F(BackupRun, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
     EXPECT_EQ(task_->uiTaskCurrentUploadSize, 0u);
 }
 
-TEST_F(BackupRun, ChangedFileIsUploadedAndItsOldCopyKept) {
+TEST_F(BackupRunThread, ChangedFileIsUploadedAndItsOldCopyKept) {
     makeFile("work/notes.txt", "first words", T - 7200);
     makeFile("work/other.txt", "untouched", T - 7200);
     run();
@@ -170,7 +170,7 @@ TEST_F(BackupRun, ChangedFileIsUploadedAndItsOldCopyKept) {
     EXPECT_EQ(versions[0].iSize, std::string("first words").size());
 }
 
-TEST_F(BackupRun, CancelledLargeFileResumesFromItsPartNextRun) {
+TEST_F(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
     std::string big(3 << 20, 'x');
     for (size_t i = 0; i < big.size(); i += 4096)
         big[i] = static_cast<char>('a' + (i / 4096) % 26);

@@ -61,7 +61,7 @@ private:
     std::vector<std::string> working_;
 };
 
-class BackupTaskRun : public test::SessionFixture {
+class BackupTaskRunThread : public test::SessionFixture {
 protected:
     void SetUp() override {
         SessionFixture::SetUp();
@@ -134,7 +134,7 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-TEST_F(BackupTaskRun, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinish) {
+TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinish) {
     local("a.txt", "alpha");
     local("sub/b.txt", "beta");
     task_->mLastRunDate = Date(0);
@@ -156,7 +156,7 @@ TEST_F(BackupTaskRun, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinish) {
     EXPECT_GE(clock_->now().timeIntervalSince1970(), T + 75.5 + 2);
 }
 
-TEST_F(BackupTaskRun, EmptyServerPathEndsTheRunBeforeItBegins) {
+TEST_F(BackupTaskRunThread, EmptyServerPathEndsTheRunBeforeItBegins) {
     task_->serverPath = "";
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateRunning);
@@ -166,7 +166,7 @@ TEST_F(BackupTaskRun, EmptyServerPathEndsTheRunBeforeItBegins) {
     EXPECT_TRUE(SystemLog::capturedContains("Docs server path is empty."));
 }
 
-TEST_F(BackupTaskRun, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTime) {
+TEST_F(BackupTaskRunThread, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTime) {
     local("a.txt", "alpha");
     local("b.txt", "beta");
     // A full account ends the walk at once; any other refusal fails the file.
@@ -196,7 +196,7 @@ TEST_F(BackupTaskRun, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTime) {
     EXPECT_FALSE(task_->bResume);
 }
 
-TEST_F(BackupTaskRun, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
+TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
     local("a.txt", "alpha");
     store_->failOperation(Op::MakeFolder, ResultCode::Failure, 1);
     run();
@@ -219,7 +219,7 @@ TEST_F(BackupTaskRun, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
     store_->clearFaults();
 }
 
-TEST_F(BackupTaskRun, LogOffAndRefreshSuppressTheClosingNotices) {
+TEST_F(BackupTaskRunThread, LogOffAndRefreshSuppressTheClosingNotices) {
     local("a.txt", "alpha");
     task_->bLogOff = true;
     run();
@@ -227,7 +227,7 @@ TEST_F(BackupTaskRun, LogOffAndRefreshSuppressTheClosingNotices) {
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
 }
 
-TEST_F(BackupTaskRun, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOnePass) {
+TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOnePass) {
     std::string a = local("a.txt", "A");
     std::string b = local("b.txt", "B");
     std::string c = local("c.txt", "C");
@@ -247,7 +247,7 @@ TEST_F(BackupTaskRun, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOnePass)
     EXPECT_TRUE(task_->blogModify);
 }
 
-TEST_F(BackupTaskRun, FatalCodeOrCancelEndsTheWalk) {
+TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
     std::string a = local("a.txt", "A");
     std::string b = local("b.txt", "B");
     store_->failOperation(Op::Put, ResultCode::SubItemLimit, 1);
@@ -264,7 +264,7 @@ TEST_F(BackupTaskRun, FatalCodeOrCancelEndsTheWalk) {
     EXPECT_EQ(store_->putCount(), 1);
 }
 
-TEST_F(BackupTaskRun, ChangeTestComparesWholeSecondsAndForgivesOneHourWithEqualSize) {
+TEST_F(BackupTaskRunThread, ChangeTestComparesWholeSecondsAndForgivesOneHourWithEqualSize) {
     storeCopy("\\Backup\\src\\same.txt", "1234", T);
     storeCopy("\\Backup\\src\\hour.txt", "1234", T);
     storeCopy("\\Backup\\src\\grown.txt", "1234", T);
@@ -286,7 +286,7 @@ TEST_F(BackupTaskRun, ChangeTestComparesWholeSecondsAndForgivesOneHourWithEqualS
 }
 
 // Cancel comes from another thread while the worker is inside a transfer.
-TEST_F(BackupTaskRun, ThreadCancelDuringTransferEndsTheRunCancelled) {
+TEST_F(BackupTaskRunThread, ThreadCancelDuringTransferEndsTheRunCancelled) {
     local("a.txt", "alpha");
     store_->hangNextPut();
     task_->StartBackup(false);
