@@ -23,5 +23,7 @@ run backup "$demo/Documents"
 echo "changed" >> "$demo/Documents/Letters/letter 3.txt"
 run backup --list "$demo/Documents"
 run status
-echo "The store is a plain folder tree: $XDG_DATA_HOME/cirrovault/store/accounts/"
-find "$XDG_DATA_HOME/cirrovault/store/accounts" -maxdepth 6 -type d | sed "s|$demo/||" | head -12
+store="$XDG_DATA_HOME/cirrovault/store/accounts"
+echo "The store is a plain folder tree under $store:"
+(cd "$store" && find . -path '*Letters/letter 3*' -o -path '*Photos/*' | sort)
+echo "(the older copy of the changed letter is kept under History as \"letter 30.txt\")"

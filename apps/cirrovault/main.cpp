@@ -5,7 +5,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "QuickBackup.h"
+#include "FolderBackup.h"
+#include "engine/task/CBackupTask.h"
 #include "platform/framework/AccountBalance.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/ResultCodes.h"
@@ -95,12 +96,16 @@ int backupFolder(const Options& options, const std::string& folder, bool list) {
         std::free(real);
     }
     std::printf("Backing up %s\n", absolute.c_str());
-    QuickBackupResult r = QuickBackup::run(absolute, list);
-    std::printf("%d uploaded (%s), %d unchanged, %d failed -> %s\n", r.filesUploaded,
-                GlobalFunction::stringFromFileSize(r.bytesUploaded).c_str(), r.filesUnchanged,
-                r.filesFailed, r.serverFolder.c_str());
+    FolderBackupResult r = FolderBackup::run(absolute, list);
+    if (r.state == CBackupTask::StateSucceeded)
+        std::printf("Done: %d new or changed files, %s sent -> %s\n", r.filesToSend,
+                    GlobalFunction::stringFromFileSize(r.bytesSent).c_str(),
+                    r.serverFolder.c_str());
+    else
+        std::fprintf(stderr, "cirrovault: the backup %s: %s\n",
+                     r.state == CBackupTask::StateCancelled ? "was cancelled" : "failed", r.errorText.c_str());
     TransferApiUtil::shareTransferApiUtil().Logoff();
-    return r.code == ResultCode::Success && r.filesFailed == 0 ? kExitOk : kExitFailed;
+    return r.state == CBackupTask::StateSucceeded ? kExitOk : kExitFailed;
 }
 
 } // namespace

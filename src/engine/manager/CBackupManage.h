@@ -111,6 +111,40 @@ public:
     // task has the same name.
     bool isWorkingTask(const TaskPtr& task);
 
+    // ---- Scheduler and waiting list (BackupManageSchedule.cpp) ----
+    // Starts the scheduler on its own thread and returns at once; the host calls it after
+    // each logon. The thread ends when bExit or bLogOff is seen.
+    void doScheduleTaskThreadMethod();
+    void doScheduleTaskProc(); // body of the scheduler thread
+    // Whether the task is due now. Called with managerLock held.
+    bool nowDating(const TaskPtr& task);
+    bool AddTaskToWaitList(const TaskPtr& task, bool bWaiting);
+    bool RemoveTaskFromWaitlist(const TaskPtr& task); // always true; the task's state becomes 0
+    bool findTaskFromWaitingList(const TaskPtr& task);
+    TaskPtr getTopTaskFromWaitingList();
+    // Runs the task now when nothing runs; otherwise queues it (bByChangeEvent false).
+    bool StartBackupByUser(const std::string& taskName, bool bByChangeEvent);
+    bool stopBackupTask(const std::string& taskName); // always true; waits for the run's end
+    bool StopWaitingTask(const std::string& taskName); // always false
+    bool endBackpTask();                               // always true
+    void pauseUpload(const std::string& taskName, bool bPause);
+
+    // The scheduler thread; set only by the host's thread in doScheduleTaskThreadMethod.
+    std::shared_ptr<Thread> pScheduleThread;
+
+private:
+    // The task of that name in taskList, or null.
+    TaskPtr scheduleTaskNamed(const std::string& taskName);
+    void queueDueTasks();     // the queueing pass; managerLock held
+    void startWaitingTask();  // the starting pass; managerLock held
+    // Declared last so it goes first: a manager destroyed while its scheduler still runs
+    // stops that thread and waits for it before any field it uses is gone.
+    struct ScheduleThreadStopper {
+        CBackupManage* owner;
+        ~ScheduleThreadStopper();
+    };
+    ScheduleThreadStopper scheduleThreadStopper{this};
+
 private:
     // Passes an event to the host: its answer, or nothing when no host listens.
     std::optional<bool> callHostDelegate(const TaskPtr& task, int32_t delegateType);

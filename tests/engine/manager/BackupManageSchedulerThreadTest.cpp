@@ -1,0 +1,512 @@
+// The scheduler against real runs on a local store: what is due, queue order, one run
+// at a time, the user's start/stop/pause/un-queue, and the task-list reload flag.
+// Passes are driven one by one through a clock whose scheduler sleeps wait for the test.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "common/LocalDate.h"
+#include "engine/manager/CBackupManage.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/os/UrlOpener.h"
+
+using namespace cirrovault;
+
+namespace {
+
+using TaskPtr = std::shared_ptr<CBackupTask>;
+constexpr double T = 1'700'000'000.0;
+constexpr uint64_t kPc = 7;
+
+// Time moves only when told. Sleeps of the gated thread (the scheduler) wait until the
+// test lets one pass through; every other sleep moves time on and returns at once.
+class GatedClock : public Clock {
+public:
+    explicit GatedClock(Date start) : now_(start) {}
+    Date now() const override {
+        std::lock_guard lock(mutex_);
+        return now_;
+    }
+    void sleepFor(double seconds) override {
+        std::unique_lock lock(mutex_);
+        if (!gated_ || !gated_()) {
+            now_ = now_.addingTimeInterval(seconds);
+            return;
+        }
+        uint64_t ticket = ++entered_;
+        cv_.notify_all();
+        cv_.wait(lock, [&] { return released_ >= ticket; });
+    }
+    void gateWhen(std::function<bool()> gated) {
+        std::lock_guard lock(mutex_);
+        gated_ = std::move(gated);
+    }
+    void waitForSleeper() {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [&] { return entered_ > released_; });
+    }
+    void releaseSleeper(double seconds) {
+        std::lock_guard lock(mutex_);
+        now_ = now_.addingTimeInterval(seconds);
+        ++released_;
+        cv_.notify_all();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    Date now_;
+    std::function<bool()> gated_;
+    uint64_t entered_ = 0;
+    uint64_t released_ = 0;
+};
+
+// Records the host events by task name (progress refreshes left out) and can hold one
+// task's run at the start of its first file upload until released.
+class HostRecorder : public StowlineBackupManageDelegate {
+public:
+    bool StowlineBackupManageDelegateFun(CBackupManage*, const TaskPtr& task,
+                                         int32_t type) override {
+        std::unique_lock lock(mutex_);
+        std::string name = task ? task->name : "";
+        if (type == refreshProgressBarDelegate) {
+            if (task && task->bInitUIPrgBar && name == holdName_ && !held_) {
+                held_ = true;
+                cv_.notify_all();
+                cv_.wait(lock, [&] { return released_; });
+            }
+            return true;
+        }
+        events_.push_back(name + ":" + std::to_string(type));
+        cv_.notify_all();
+        return true;
+    }
+    void holdUploadOf(const std::string& name) {
+        std::lock_guard lock(mutex_);
+        holdName_ = name;
+        held_ = released_ = false;
+    }
+    void waitHeld() {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [&] { return held_; });
+    }
+    void release() {
+        std::lock_guard lock(mutex_);
+        released_ = true;
+        cv_.notify_all();
+    }
+    void waitFor(const std::string& event) {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [&] { return count(event) > 0; });
+    }
+    std::vector<std::string> events() {
+        std::lock_guard lock(mutex_);
+        return events_;
+    }
+    size_t countOf(const std::string& event) {
+        std::lock_guard lock(mutex_);
+        return count(event);
+    }
+
+private:
+    size_t count(const std::string& event) const {
+        size_t n = 0;
+        for (const auto& e : events_)
+            n += e == event;
+        return n;
+    }
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<std::string> events_;
+    std::string holdName_;
+    bool held_ = false;
+    bool released_ = false;
+};
+
+class BackupManageSchedulerThread : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        clock_ = std::make_shared<GatedClock>(Date(T));
+        clock_->gateWhen(
+            [this] { return manager_.pScheduleThread && manager_.pScheduleThread->isCurrent(); });
+        Clock::setShared(clock_);
+        dialogs_ = std::make_shared<HeadlessMessagebox>();
+        NimboMessagebox::setPresenter(dialogs_);
+        UrlOpener::setOpenerProgram("true");
+        SystemLog::startCapture();
+        manager_.pcID = kPc;
+        manager_.SetDelegate(&host_);
+    }
+    void TearDown() override {
+        if (manager_.pScheduleThread && !manager_.pScheduleThread->isFinished())
+            stopScheduler();
+        for (auto& task : manager_.taskList)
+            if (task->pBackupTaskThread)
+                task->pBackupTaskThread->join();
+        SystemLog::stopCapture();
+        UrlOpener::setOpenerProgram("");
+        NimboMessagebox::setPresenter(nullptr);
+        Clock::setShared(nullptr);
+        SessionFixture::TearDown();
+    }
+
+    // A daily task of this computer with two files, due since a minute ago.
+    TaskPtr addTask(const std::string& name) {
+        makeFile(name + "/a.txt", "alpha of " + name);
+        makeFile(name + "/b.txt", "beta of " + name);
+        auto task = std::make_shared<CBackupTask>();
+        task->name = name;
+        task->pcID = kPc;
+        task->serverPath = "\\Backups\\" + name;
+        task->localDirList = {home_.file(name)};
+        task->taskType = CBackupTask::ScheduleDaily;
+        task->mDating = Date(T - 120);
+        manager_.taskList.push_back(task);
+        return task;
+    }
+
+    void startScheduler() {
+        manager_.doScheduleTaskThreadMethod();
+        clock_->waitForSleeper(); // the pause before the first pass
+        clock_->releaseSleeper(2);
+        clock_->waitForSleeper(); // inside the first pass, its semaphores made
+    }
+    // Lets exactly one pass run and waits until it has signalled its end.
+    void pass() {
+        std::shared_ptr<Semaphore> done;
+        {
+            std::lock_guard lock(manager_.managerLock);
+            done = manager_.fineshedDoscheduleSemaphoreID;
+        }
+        clock_->releaseSleeper(2);
+        done->wait();
+        clock_->waitForSleeper();
+    }
+    void stopScheduler() {
+        std::shared_ptr<Semaphore> exited;
+        {
+            std::lock_guard lock(manager_.managerLock);
+            exited = manager_.exitDoscheduleSemaphoreID;
+        }
+        manager_.bExit = true;
+        clock_->releaseSleeper(2);
+        exited->wait();
+        manager_.pScheduleThread->join();
+    }
+    std::vector<std::string> queuedNames() {
+        std::lock_guard lock(manager_.managerLock);
+        std::vector<std::string> names;
+        for (const auto& task : manager_.waitingList)
+            names.push_back(task->name);
+        return names;
+    }
+    std::string workingName() {
+        std::lock_guard lock(manager_.managerLock);
+        return manager_.pWorkingTask ? manager_.pWorkingTask->name : "";
+    }
+    bool stored(const std::string& path) {
+        StoreItem item;
+        return local_->stat(path, item) == ResultCode::Success;
+    }
+    // Runs op on another thread (it waits for the held run's end), lets the held run go
+    // on once op has asked it to cancel, and waits for op.
+    void whileHeld(const TaskPtr& task, std::function<void()> op) {
+        std::thread caller(std::move(op));
+        auto progress = task->GetProgress();
+        while (!progress->IsClickedCancel())
+            std::this_thread::yield();
+        host_.release();
+        caller.join();
+    }
+
+    std::shared_ptr<GatedClock> clock_;
+    std::shared_ptr<HeadlessMessagebox> dialogs_;
+    HostRecorder host_;
+    CBackupManage manager_;
+};
+
+TEST_F(BackupManageSchedulerThread, DueTasksQueueInOrderAndRunOneAtATime) {
+    TaskPtr a = addTask("A"), b = addTask("B"), c = addTask("C");
+    TaskPtr other = addTask("Other");
+    other->pcID = 99;
+    TaskPtr moving = addTask("Moving");
+    moving->bMigrateTask = true;
+    TaskPtr deleting = addTask("Deleting");
+    deleting->bDeleting = true;
+
+    host_.holdUploadOf("A");
+    startScheduler();
+    pass();
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "C:7", "A:1"}));
+    host_.waitHeld();
+    // While A runs, further passes leave the queue alone.
+    pass();
+    pass();
+    EXPECT_EQ(workingName(), "A");
+    EXPECT_EQ(queuedNames(), (std::vector<std::string>{"B", "C"}));
+    EXPECT_EQ(b->mTaskState, CBackupTask::StateWaiting);
+    host_.release();
+
+    host_.waitFor("A:2");
+    pass();
+    host_.waitFor("B:2");
+    pass();
+    host_.waitFor("C:2");
+    pass();
+    pass();
+
+    std::vector<std::string> runs;
+    for (const auto& e : host_.events())
+        if (e.back() == '1' || e.back() == '2')
+            runs.push_back(e);
+    EXPECT_EQ(runs, (std::vector<std::string>{"A:1", "A:2", "B:1", "B:2", "C:1", "C:2"}));
+    EXPECT_EQ(host_.countOf("A:7"), 1u); // the next slot is tomorrow
+    for (const auto& task : {a, b, c}) {
+        EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << task->name;
+        EXPECT_TRUE(stored("\\Backups\\" + task->name + "\\" + task->name + "\\b.txt"))
+            << task->name;
+    }
+    for (const auto& task : {other, moving, deleting}) {
+        EXPECT_EQ(host_.countOf(task->name + ":7"), 0u) << task->name;
+        EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle) << task->name;
+    }
+    EXPECT_TRUE(queuedNames().empty());
+    EXPECT_EQ(workingName(), "");
+
+    stopScheduler();
+    EXPECT_TRUE(SystemLog::capturedContains("Exit do schedule."));
+}
+
+TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOnTheRun) {
+    TaskPtr a = addTask("A"), b = addTask("B");
+    a->taskType = b->taskType = CBackupTask::ScheduleNone; // only the user starts them
+    startScheduler();
+
+    host_.holdUploadOf("A");
+    EXPECT_FALSE(manager_.StartBackupByUser("Nobody", false));
+    EXPECT_TRUE(manager_.StartBackupByUser("A", false));
+    host_.waitHeld();
+    EXPECT_EQ(workingName(), "A");
+
+    EXPECT_FALSE(manager_.StartBackupByUser("B", true));
+    EXPECT_TRUE(
+        SystemLog::capturedContains("Cannot start the task as there are other task running"));
+    EXPECT_TRUE(manager_.StartBackupByUser("B", false));
+    EXPECT_FALSE(manager_.StartBackupByUser("B", false));
+    EXPECT_EQ(SystemLog::capturedCount("Find task from waiting list"), 1u);
+    EXPECT_EQ(queuedNames(), (std::vector<std::string>{"B"}));
+    EXPECT_EQ(b->mTaskState, CBackupTask::StateWaiting);
+
+    manager_.pauseUpload("A", true);
+    EXPECT_TRUE(a->GetProgress()->IsPaused());
+    manager_.pauseUpload("A", false);
+    EXPECT_FALSE(a->GetProgress()->IsPaused());
+    manager_.pauseUpload("B", true); // not running: nothing to pause
+    EXPECT_EQ(b->GetProgress(), nullptr);
+
+    pass();
+    EXPECT_EQ(workingName(), "A");
+
+    whileHeld(a, [&] { EXPECT_TRUE(manager_.stopBackupTask("A")); });
+    EXPECT_EQ(a->mTaskState, CBackupTask::StateCancelled);
+    EXPECT_FALSE(stored("\\Backups\\A\\A\\b.txt"));
+    host_.waitFor("A:2");
+
+    pass(); // the queued task starts once nothing runs
+    host_.waitFor("B:2");
+    EXPECT_EQ(b->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_TRUE(stored("\\Backups\\B\\B\\b.txt"));
+}
+
+TEST_F(BackupManageSchedulerThread, EndingTheRunAndUnqueueingLeaveNothingBehind) {
+    TaskPtr a = addTask("A"), b = addTask("B");
+    host_.holdUploadOf("A");
+    startScheduler();
+    pass();
+    host_.waitHeld();
+    EXPECT_EQ(queuedNames(), (std::vector<std::string>{"B"}));
+
+    EXPECT_FALSE(manager_.StopWaitingTask("B"));
+    EXPECT_TRUE(queuedNames().empty());
+    EXPECT_EQ(b->mTaskState, CBackupTask::StateIdle);
+    EXPECT_GT(b->mDating, clock_->now()); // the skipped slot is not due again
+
+    whileHeld(a, [&] { EXPECT_TRUE(manager_.endBackpTask()); });
+    EXPECT_EQ(workingName(), "");
+    EXPECT_FALSE(a->bLogOff);
+
+    pass();
+    pass();
+    // The ended run may still send its closing events (it can look at its bLogOff just
+    // after it is cleared again); nothing else may happen.
+    std::vector<std::string> others;
+    for (const auto& e : host_.events())
+        if (e != "A:5" && e != "A:2")
+            others.push_back(e);
+    EXPECT_EQ(others, (std::vector<std::string>{"A:7", "B:7", "A:1"}));
+    EXPECT_EQ(workingName(), "");
+    EXPECT_TRUE(queuedNames().empty());
+}
+
+TEST_F(BackupManageSchedulerThread, ReloadFlagKeepsPassesGoingButQueuesAndStartsNothing) {
+    TaskPtr a = addTask("A"), b = addTask("B");
+    b->taskType = CBackupTask::ScheduleNone;
+    EXPECT_TRUE(manager_.AddTaskToWaitList(b, false));
+
+    manager_.bRefreshTaskListFlag = true;
+    startScheduler();
+    pass(); // each returns only once the pass has signalled
+    pass();
+    pass();
+    EXPECT_TRUE(host_.events().empty());
+    EXPECT_EQ(queuedNames(), (std::vector<std::string>{"B"}));
+    EXPECT_EQ(workingName(), "");
+
+    manager_.bRefreshTaskListFlag = false;
+    pass(); // A joins the queue behind B; B, at its head, starts
+    host_.waitFor("B:2");
+    pass();
+    host_.waitFor("A:2");
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:1", "B:5", "B:2", "A:1", "A:5",
+                                                        "A:2"}));
+}
+
+// ---- The due test and the waiting list, without the thread ----
+
+class BackupManageDue : public ::testing::Test {
+protected:
+    void SetUp() override {
+        clock_ = std::make_shared<ManualClock>(test::localDate(2024, 3, 5, 9, 1, 10));
+        Clock::setShared(clock_);
+        SystemLog::startCapture();
+        manager_.pcID = kPc;
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        Clock::setShared(nullptr);
+    }
+    // Daily at 09:00 on 5 March 2024, never run.
+    TaskPtr daily(const std::string& name = "Daily") {
+        auto task = std::make_shared<CBackupTask>();
+        task->name = name;
+        task->pcID = kPc;
+        task->taskType = CBackupTask::ScheduleDaily;
+        task->mBeginDate = test::localDate(2024, 1, 1, 0, 0);
+        task->mEndDate = test::localDate(2099, 1, 1, 0, 0);
+        task->mDating = test::localDate(2024, 3, 5, 9, 0);
+        return task;
+    }
+    bool dueAt(const TaskPtr& task, Date now) {
+        clock_->set(now);
+        return manager_.nowDating(task);
+    }
+
+    test::TempHome home_;
+    std::shared_ptr<ManualClock> clock_;
+    CBackupManage manager_;
+};
+
+TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDue) {
+    EXPECT_TRUE(manager_.nowDating(daily()));
+    EXPECT_FALSE(manager_.nowDating(nullptr));
+    auto other = daily();
+    other->pcID = 8;
+    auto moving = daily();
+    moving->bMigrateTask = true;
+    auto deleting = daily();
+    deleting->bDeleting = true;
+    for (const auto& task : {other, moving, deleting})
+        EXPECT_FALSE(manager_.nowDating(task));
+
+    auto working = daily();
+    manager_.SetWorkingTask(working);
+    EXPECT_FALSE(manager_.nowDating(working));
+    EXPECT_TRUE(manager_.nowDating(daily())); // a twin by name is kept out by the queue
+    manager_.SetWorkingTask(nullptr);
+
+    manager_.bLogOff = true;
+    EXPECT_FALSE(manager_.nowDating(daily()));
+}
+
+TEST_F(BackupManageDue, ScheduleRules) {
+    const Date slot = test::localDate(2024, 3, 5, 9, 0);
+    auto task = daily();
+    EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 9, 0, 40))); // still the slot's minute
+    EXPECT_TRUE(dueAt(task, test::localDate(2024, 3, 5, 9, 1, 0)));
+    EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 8, 59, 0)));
+
+    task->mLastRunDate = slot; // this slot has already run
+    EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 12, 0)));
+    task->mLastRunDate = Date();
+
+    task->mBackupDate = slot.addingTimeInterval(23 * 3600.0);
+    EXPECT_FALSE(dueAt(task, slot.addingTimeInterval(23 * 3600.0 + 60)));
+    task->mBackupDate = slot.addingTimeInterval(25 * 3600.0);
+    EXPECT_TRUE(dueAt(task, slot.addingTimeInterval(25 * 3600.0 + 60)));
+    task->mBackupDate = Date();
+
+    task->mTaskState = CBackupTask::StateFailed;
+    EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 8, 30)));
+    EXPECT_EQ(task->mTaskState, CBackupTask::StateFailed);
+    EXPECT_TRUE(dueAt(task, test::localDate(2024, 3, 5, 9, 0, 30))); // from the slot's minute
+    EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle);
+
+    task->mEndDate = test::localDate(2024, 3, 5, 10, 0);
+    EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 10, 1)));
+    task->bResume = true; // a retry goes on whatever the schedule says
+    task->mResumeDate = test::localDate(2024, 3, 5, 11, 0);
+    EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 10, 59)));
+    task->taskType = CBackupTask::ScheduleNone;
+    EXPECT_TRUE(dueAt(task, test::localDate(2024, 3, 5, 11, 0)));
+    task->bResume = false;
+    EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 11, 0)));
+
+    auto weekly = daily("Weekly"); // 5 March 2024 is a Tuesday
+    weekly->taskType = CBackupTask::ScheduleWeekly;
+    EXPECT_FALSE(dueAt(weekly, test::localDate(2024, 3, 6, 10, 0)));
+    EXPECT_TRUE(dueAt(weekly, test::localDate(2024, 3, 12, 10, 0)));
+
+    auto once = daily("Once");
+    once->taskType = CBackupTask::ScheduleBetweenDates;
+    EXPECT_TRUE(dueAt(once, test::localDate(2024, 3, 6, 10, 0)));
+    once->mBackupDate = test::localDate(2024, 3, 5, 9, 30); // the range's run happened
+    EXPECT_FALSE(dueAt(once, test::localDate(2024, 3, 8, 10, 0)));
+}
+
+TEST_F(BackupManageDue, WaitingListKeepsOneEntryPerName) {
+    auto first = daily("Same");
+    auto twin = daily("Same");
+    EXPECT_TRUE(manager_.AddTaskToWaitList(first, false));
+    EXPECT_FALSE(manager_.AddTaskToWaitList(twin, false));
+    EXPECT_EQ(SystemLog::capturedCount("Find task from waiting list"), 1u);
+    EXPECT_EQ(manager_.waitingList.size(), 1u);
+    EXPECT_TRUE(manager_.findTaskFromWaitingList(twin));
+
+    EXPECT_TRUE(manager_.RemoveTaskFromWaitlist(twin)); // by name
+    EXPECT_TRUE(manager_.waitingList.empty());
+    EXPECT_EQ(twin->mTaskState, CBackupTask::StateIdle);
+    EXPECT_EQ(manager_.getTopTaskFromWaitingList(), nullptr);
+
+    // The running task may be queued for another run only on request.
+    auto running = daily("Running");
+    running->mTaskState = CBackupTask::StateRunning;
+    manager_.SetWorkingTask(running);
+    EXPECT_FALSE(manager_.AddTaskToWaitList(running, false));
+    EXPECT_TRUE(manager_.AddTaskToWaitList(running, true));
+    EXPECT_EQ(running->mTaskState, CBackupTask::StateRunning);
+    EXPECT_EQ(manager_.getTopTaskFromWaitingList(), running);
+}
+
+} // namespace
