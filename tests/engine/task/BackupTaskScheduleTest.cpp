@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "common/LocalDate.h"
 #include "engine/task/CBackupTask.h"
 #include "platform/os/Calendar.h"
 #include "platform/os/Clock.h"
@@ -16,16 +17,7 @@ namespace {
 
 // Local time in a zone with daylight saving, so that calendar days and exact offsets
 // can differ. 2026-03-11 is a Wednesday; summer time starts on 2026-03-29.
-Date at(int year, int month, int day, int hour, int minute, double second = 0) {
-    DateComponents c;
-    c.year = year;
-    c.month = month;
-    c.day = day;
-    c.hour = hour;
-    c.minute = minute;
-    c.second = second;
-    return Calendar::dateFromComponents(c);
-}
+using test::localDate;
 
 class BackupTaskSchedule : public ::testing::Test {
 protected:
@@ -34,10 +26,10 @@ protected:
             savedTz_ = tz;
         setenv("TZ", "Europe/Berlin", 1);
         tzset();
-        clock_ = std::make_shared<ManualClock>(at(2026, 3, 11, 9, 30));
+        clock_ = std::make_shared<ManualClock>(localDate(2026, 3, 11, 9, 30));
         Clock::setShared(clock_);
         task_ = std::make_shared<CBackupTask>();
-        task_->mBeginDate = at(2026, 1, 1, 0, 0);
+        task_->mBeginDate = localDate(2026, 1, 1, 0, 0);
     }
     void TearDown() override {
         Clock::setShared(nullptr);
@@ -56,117 +48,117 @@ protected:
 
 TEST_F(BackupTaskSchedule, DailyTimeOfDayMovesToTheFirstSlotNotBeforeThisMinute) {
     task_->taskType = CBackupTask::ScheduleDaily | 0x30; // flag bits must not matter
-    task_->SetSchDating(at(2025, 6, 2, 8, 0), true);      // only the time of day counts
-    EXPECT_EQ(task_->mDating, at(2026, 3, 12, 8, 0));
+    task_->SetSchDating(localDate(2025, 6, 2, 8, 0), true);      // only the time of day counts
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 12, 8, 0));
 
-    task_->SetSchDating(at(2025, 6, 2, 10, 15, 7), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 11, 10, 15, 7));
+    task_->SetSchDating(localDate(2025, 6, 2, 10, 15, 7), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 10, 15, 7));
 
     // The fraction of the current second is kept in "now", so a slot at the very start
     // of this minute has passed, and the next minute has not.
-    now(at(2026, 3, 11, 8, 0, 40.5));
-    task_->SetSchDating(at(2026, 3, 11, 8, 0), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 12, 8, 0));
-    task_->SetSchDating(at(2026, 3, 11, 8, 1), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 11, 8, 1));
+    now(localDate(2026, 3, 11, 8, 0, 40.5));
+    task_->SetSchDating(localDate(2026, 3, 11, 8, 0), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 12, 8, 0));
+    task_->SetSchDating(localDate(2026, 3, 11, 8, 1), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 8, 1));
 
     // Without adjustment the date is taken as given.
-    task_->SetSchDating(at(2020, 1, 1, 8, 0), false);
-    EXPECT_EQ(task_->mDating, at(2020, 1, 1, 8, 0));
+    task_->SetSchDating(localDate(2020, 1, 1, 8, 0), false);
+    EXPECT_EQ(task_->mDating, localDate(2020, 1, 1, 8, 0));
 }
 
 TEST_F(BackupTaskSchedule, WeeklyCountsWeekdaysFromToday) {
     task_->taskType = CBackupTask::ScheduleWeekly;
     // Monday chosen on a Wednesday: five days ahead.
-    task_->SetSchDating(at(2026, 3, 9, 10, 0), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 16, 10, 0));
+    task_->SetSchDating(localDate(2026, 3, 9, 10, 0), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 16, 10, 0));
     // Today's weekday with a later time: today.
-    task_->SetSchDating(at(2026, 3, 4, 11, 0), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 11, 11, 0));
+    task_->SetSchDating(localDate(2026, 3, 4, 11, 0), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 11, 0));
     // Today's weekday whose time has passed: a week from today.
-    task_->SetSchDating(at(2026, 3, 4, 8, 0), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 18, 8, 0));
+    task_->SetSchDating(localDate(2026, 3, 4, 8, 0), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 18, 8, 0));
 
     // Begin date on Friday, weekday Thursday: the Thursday lies before the begin date,
     // so the task goes to today's weekday a week on, not to the next Thursday.
-    task_->mDating = at(2026, 3, 5, 8, 0);
-    task_->SetBeginDate(at(2026, 3, 13, 12, 0));
-    EXPECT_EQ(task_->mDating, at(2026, 3, 18, 8, 0));
+    task_->mDating = localDate(2026, 3, 5, 8, 0);
+    task_->SetBeginDate(localDate(2026, 3, 13, 12, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 18, 8, 0));
 }
 
 TEST_F(BackupTaskSchedule, BeginDateAndTheBetweenDatesKind) {
     // A begin date ten days ahead moves a daily task one day on only; the scheduler
     // itself waits for the begin date.
-    now(at(2026, 3, 11, 7, 0));
+    now(localDate(2026, 3, 11, 7, 0));
     task_->taskType = CBackupTask::ScheduleDaily;
-    task_->mDating = at(2026, 3, 11, 8, 0);
-    task_->SetBeginDate(at(2026, 3, 21, 7, 0));
-    EXPECT_EQ(task_->mDating, at(2026, 3, 12, 8, 0));
+    task_->mDating = localDate(2026, 3, 11, 8, 0);
+    task_->SetBeginDate(localDate(2026, 3, 21, 7, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 12, 8, 0));
 
     // No schedule: a new begin date leaves the next run alone.
     task_->taskType = CBackupTask::ScheduleNone;
-    task_->mDating = at(2026, 3, 1, 8, 0);
-    task_->SetBeginDate(at(2026, 1, 1, 0, 0));
-    EXPECT_EQ(task_->mDating, at(2026, 3, 1, 8, 0));
+    task_->mDating = localDate(2026, 3, 1, 8, 0);
+    task_->SetBeginDate(localDate(2026, 1, 1, 0, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 1, 8, 0));
 
     // The range's one run already happened after the slot: setting the time keeps it,
     // a new begin date recomputes it.
     task_->taskType = CBackupTask::ScheduleBetweenDates;
-    task_->mEndDate = at(2026, 4, 1, 0, 0);
-    task_->mBackupDate = at(2026, 3, 10, 8, 30);
-    task_->SetSchDating(at(2026, 3, 10, 8, 0), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 10, 8, 0));
-    task_->SetBeginDate(at(2026, 1, 1, 0, 0));
-    EXPECT_EQ(task_->mDating, at(2026, 3, 11, 8, 0));
+    task_->mEndDate = localDate(2026, 4, 1, 0, 0);
+    task_->mBackupDate = localDate(2026, 3, 10, 8, 30);
+    task_->SetSchDating(localDate(2026, 3, 10, 8, 0), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 10, 8, 0));
+    task_->SetBeginDate(localDate(2026, 1, 1, 0, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 8, 0));
     // A success outside the range does not count.
-    task_->mEndDate = at(2026, 3, 10, 0, 0);
-    task_->SetSchDating(at(2026, 3, 10, 8, 0), true);
-    EXPECT_EQ(task_->mDating, at(2026, 3, 11, 8, 0));
+    task_->mEndDate = localDate(2026, 3, 10, 0, 0);
+    task_->SetSchDating(localDate(2026, 3, 10, 8, 0), true);
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 8, 0));
 }
 
 TEST_F(BackupTaskSchedule, NextDatingStepsOneWholePeriodOrCatchesUpFromToday) {
     task_->taskType = CBackupTask::ScheduleDaily;
     // Within a day of the slot: exactly 86400 s on, even across the change to summer
     // time (so 09:00 local the next day).
-    task_->mDating = at(2026, 3, 28, 8, 0);
-    now(at(2026, 3, 28, 8, 0).addingTimeInterval(86'400)); // not later than the next slot
+    task_->mDating = localDate(2026, 3, 28, 8, 0);
+    now(localDate(2026, 3, 28, 8, 0).addingTimeInterval(86'400)); // not later than the next slot
     task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, at(2026, 3, 28, 8, 0).addingTimeInterval(86'400));
-    EXPECT_EQ(task_->mDating, at(2026, 3, 29, 9, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 28, 8, 0).addingTimeInterval(86'400));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 29, 9, 0));
 
     // A missed day or more: tomorrow at the calendar time of the slot; day 32 rolls
     // over into the next month.
-    task_->mDating = at(2026, 1, 28, 8, 0);
-    now(at(2026, 1, 31, 10, 0));
+    task_->mDating = localDate(2026, 1, 28, 8, 0);
+    now(localDate(2026, 1, 31, 10, 0));
     task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, at(2026, 2, 1, 8, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 2, 1, 8, 0));
     // Just past the next slot counts as missed.
-    task_->mDating = at(2026, 3, 26, 8, 0);
-    now(at(2026, 3, 27, 8, 0, 0.5));
+    task_->mDating = localDate(2026, 3, 26, 8, 0);
+    now(localDate(2026, 3, 27, 8, 0, 0.5));
     task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, at(2026, 3, 28, 8, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 28, 8, 0));
 
     task_->taskType = CBackupTask::ScheduleBetweenDates;
-    task_->mDating = at(2026, 3, 26, 8, 0);
-    now(at(2026, 3, 29, 10, 0));
+    task_->mDating = localDate(2026, 3, 26, 8, 0);
+    now(localDate(2026, 3, 29, 10, 0));
     task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, at(2026, 3, 30, 8, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 30, 8, 0));
 
     // Weekly: one week on, or after a pause a week from today (today's weekday wins).
     task_->taskType = CBackupTask::ScheduleWeekly;
-    task_->mDating = at(2026, 3, 9, 8, 0);
-    now(at(2026, 3, 11, 9, 0));
+    task_->mDating = localDate(2026, 3, 9, 8, 0);
+    now(localDate(2026, 3, 11, 9, 0));
     task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, at(2026, 3, 16, 8, 0));
-    task_->mDating = at(2026, 3, 2, 8, 0);
-    now(at(2026, 3, 12, 9, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 16, 8, 0));
+    task_->mDating = localDate(2026, 3, 2, 8, 0);
+    now(localDate(2026, 3, 12, 9, 0));
     task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, at(2026, 3, 19, 8, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 3, 19, 8, 0));
 
     task_->taskType = CBackupTask::ScheduleNone;
-    task_->mDating = at(2026, 1, 1, 8, 0);
+    task_->mDating = localDate(2026, 1, 1, 8, 0);
     task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, at(2026, 1, 1, 8, 0));
+    EXPECT_EQ(task_->mDating, localDate(2026, 1, 1, 8, 0));
 }
 
 } // namespace
