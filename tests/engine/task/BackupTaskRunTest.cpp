@@ -303,4 +303,48 @@ TEST_F(BackupTaskRunThread, ThreadCancelDuringTransferEndsTheRunCancelled) {
     EXPECT_EQ(task_->GetProgress(), nullptr);
 }
 
+// Only a bounded-window schedule skips ahead 42 hours after a cancel; daily and weekly
+// schedules step to their next slot instead. Flag bits above the kind must not matter.
+TEST_F(BackupTaskRunThread, CancelledBoundedWindowRunMovesTheNextRunFortyTwoHoursLater) {
+    local("a.txt", "alpha");
+    const Date dating(T + 3600);
+    auto cancelledRun = [&](int32_t kind) {
+        auto task = std::make_shared<CBackupTask>();
+        task->name = "Kind" + std::to_string(kind);
+        task->serverPath = "\\Kind" + std::to_string(kind);
+        task->localDirList = {home_.file("src")};
+        task->SetDelegate(&delegate_);
+        task->taskType = kind | 0x30;
+        task->mDating = dating;
+        task_ = task;
+        store_->hangNextPut();
+        task->StartBackup(false);
+        std::shared_ptr<Thread> worker = task->pBackupTaskThread;
+        store_->waitUntilHanging();
+        task->CancelBackup();
+        task->checkFinshedBackup();
+        worker->join();
+        EXPECT_EQ(task->mTaskState, CBackupTask::StateCancelled) << kind;
+        return task->mDating.timeIntervalSinceDate(dating);
+    };
+    EXPECT_DOUBLE_EQ(cancelledRun(CBackupTask::ScheduleBetweenDates), 151'200.0);
+    EXPECT_DOUBLE_EQ(cancelledRun(CBackupTask::ScheduleDaily), 86'400.0);
+    EXPECT_DOUBLE_EQ(cancelledRun(CBackupTask::ScheduleWeekly), 7 * 86'400.0);
+
+    // A window run that finishes keeps its date; one cancelled after an error was
+    // noted steps a day like the others.
+    task_->taskType = CBackupTask::ScheduleBetweenDates;
+    task_->mDating = dating;
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_DOUBLE_EQ(task_->mDating.timeIntervalSinceDate(dating), 0.0);
+
+    task_->pPrgBar = std::make_shared<TrueProgressCallback>();
+    task_->bHaveErr = true;
+    task_->iBackupRet = static_cast<uint64_t>(ResultCode::Cancelled);
+    task_->FinishBackup();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
+    EXPECT_DOUBLE_EQ(task_->mDating.timeIntervalSinceDate(dating), 86'400.0);
+}
+
 } // namespace
