@@ -262,17 +262,9 @@ CBackupManage::TaskPtr CBackupManage::getTopTaskFromWaitingList() {
     return waitingList.empty() ? nullptr : waitingList.front();
 }
 
-CBackupManage::TaskPtr CBackupManage::scheduleTaskNamed(const std::string& taskName) {
-    std::lock_guard lock(managerLock);
-    for (const auto& task : taskList)
-        if (task && task->name == taskName)
-            return task;
-    return nullptr;
-}
-
 bool CBackupManage::StartBackupByUser(const std::string& taskName, bool bByChangeEvent) {
     try {
-        TaskPtr task = scheduleTaskNamed(taskName);
+        TaskPtr task = GetTaskByName(taskName);
         if (!task)
             return false;
         // Held across the start so that the scheduler cannot start another task between
@@ -298,7 +290,7 @@ bool CBackupManage::StartBackupByUser(const std::string& taskName, bool bByChang
 
 bool CBackupManage::stopBackupTask(const std::string& taskName) {
     try {
-        TaskPtr task = scheduleTaskNamed(taskName);
+        TaskPtr task = GetTaskByName(taskName);
         if (!task)
             return true;
         if (task->mTaskState == CBackupTask::StateRunning) {
@@ -323,7 +315,7 @@ bool CBackupManage::stopBackupTask(const std::string& taskName) {
 
 bool CBackupManage::StopWaitingTask(const std::string& taskName) {
     try {
-        TaskPtr task = scheduleTaskNamed(taskName);
+        TaskPtr task = GetTaskByName(taskName);
         if (!task)
             return false;
         std::lock_guard lock(managerLock);
@@ -359,7 +351,7 @@ bool CBackupManage::endBackpTask() {
 
 void CBackupManage::pauseUpload(const std::string& taskName, bool bPause) {
     try {
-        TaskPtr task = scheduleTaskNamed(taskName);
+        TaskPtr task = GetTaskByName(taskName);
         if (!task || task->mTaskState != CBackupTask::StateRunning)
             return;
         if (std::shared_ptr<TrueProgressCallback> progress = task->GetProgress())

@@ -129,12 +129,62 @@ public:
     bool endBackpTask();                               // always true
     void pauseUpload(const std::string& taskName, bool bPause);
 
+    // ---- Logon, log-off and task-list loading (BackupManageLogon.cpp) ----
+    // Host main thread: logs on under the wait dialog and loads the task list. Returns the
+    // logon result (0 logged on), 6 when the user cancelled, 2 on an exception.
+    int64_t Mylogon(const std::string& userName, const std::string& userPassword);
+    void LogonProc();  // body of the logon thread
+    void ReLogon();    // retry policy for result 3
+    // Host main thread: stops the scheduler and the running task, then ends the session.
+    void logOff(bool flag);
+    void logOffProc(); // body of the log-off thread
+    bool LoadTaskList(const std::string& response);
+    bool refreshTaskList(); // true when the list changed; leaves bRefreshTaskListFlag set
+    bool refreshTaskListForRemoteDeleteTask();
+    void setBRefreshTaskListFlag(bool flag) { bRefreshTaskListFlag = flag; }
+
+    // ---- New task (BackupManageNewTask.cpp) ----
+    bool BeginNewTask();
+    bool EndNewTask();
+    void CancelNewTask();
+    bool AddTask(const TaskPtr& task);
+    std::string CreateRandomName(); // "" when a million names are taken
+    bool SetTaskName(const std::string& name);
+    bool SetTaskDescription(const std::string& description);
+    void SetManagerDating(Date date);
+    void SetBeginDate(Date date);
+    void SetEndDate(Date date);
+    void SetFilter(const std::vector<std::string>& filterExt);
+    void SetFilterPath(const std::vector<std::string>& filtedPath);
+    bool SetMaxVersions(uint64_t maxVersions); // answers IsCreateingTask; changes nothing
+    void setType(int32_t type);
+
+    // ---- Existing tasks: edit, delete, versions (BackupManageTasks.cpp) ----
+    TaskPtr GetTaskByName(const std::string& name);
+    int32_t editBackupTask(const TaskPtr& task, const std::string& oldTaskName);
+    bool UpdateTask(const TaskPtr& task, const TaskPtr& pNewTask); // always true
+    // Deletes on its own thread under the shared progress window. False when cancelled.
+    bool BatchDeleteTask(const std::string& name, bool bCheck);
+    void BatchDeleteTaskProc(const TaskPtr& task);
+    bool RemoveTaskFromTaskList(const TaskPtr& task);
+    bool RemoveTaskFromTaskListByName(const std::string& name);
+    bool DeleteFileVersions(const std::vector<std::string>& paths, const std::string& taskName);
+    void DeleteFileVersionProc(const TaskPtr& task);
+
+    // ---- Migration and the restore view (BackupManageMigrate.cpp) ----
+    bool MigrateTaskToCurrentPC(const std::string& newRoot, const TaskPtr& pTask,
+                                int32_t nMigrateOSBackupType);
+    void GetTaskInformationForRestoreView(const std::string& name);
+    bool IsWorkingTaskForRestore(const std::string& name);
+    void SetRestoreWorkingFile(const std::optional<std::string>& localPath,
+                               const std::optional<std::string>& svrPath);
+    void setWrokingFile(const std::optional<std::string>& localPath,
+                        const std::optional<std::string>& svrPath);
+
     // The scheduler thread; set only by the host's thread in doScheduleTaskThreadMethod.
     std::shared_ptr<Thread> pScheduleThread;
 
 private:
-    // The task of that name in taskList, or null.
-    TaskPtr scheduleTaskNamed(const std::string& taskName);
     void queueDueTasks();     // the queueing pass; managerLock held
     void startWaitingTask();  // the starting pass; managerLock held
     // Declared last so it goes first: a manager destroyed while its scheduler still runs
