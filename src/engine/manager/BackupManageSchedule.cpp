@@ -136,6 +136,14 @@ void CBackupManage::queueDueTasks() {
 }
 
 void CBackupManage::startWaitingTask() {
+    // A run that ended without its closing notice (it never started because the task is
+    // being deleted, or it had no server folder) would otherwise hold the place forever.
+    if (pWorkingTask && pWorkingTask->hasRunEnded()) {
+        SystemLog::write("The working task ended without its closing notice.");
+        if (pWorkingTask->mTaskState == CBackupTask::StateRunning)
+            pWorkingTask->setTaskState(CBackupTask::StateFailed);
+        SetWorkingTask(nullptr);
+    }
     if (waitingList.empty() || pWorkingTask || bLogOff || bRefreshTaskListFlag)
         return;
     TaskPtr top = getTopTaskFromWaitingList();
@@ -156,8 +164,10 @@ void CBackupManage::startWaitingTask() {
 bool CBackupManage::nowDating(const TaskPtr& task) {
     try {
         std::lock_guard lock(managerLock);
+        // A task without a server folder fails at once; queueing it on every pass would
+        // only fill the event log. The user can still start it and see why.
         if (!task || bExit || bLogOff || task->pcID != pcID || task->bMigrateTask ||
-            task == pWorkingTask || task->bDeleting)
+            task == pWorkingTask || task->bDeleting || task->serverPath.empty())
             return false;
 
         const Date now = Clock::shared().now();
@@ -340,6 +350,10 @@ bool CBackupManage::endBackpTask() {
             if (std::shared_ptr<TrueProgressCallback> progress = task->GetProgress())
                 progress->setBClickedCancel(true);
             task->checkFinshedBackup();
+            // The run reads bLogOff once more after its semaphore, so the flag is
+            // cleared only when its thread has ended; with the flag set it takes none
+            // of our locks on the way out.
+            task->waitForRunThread();
             task->bLogOff = false;
             SetWorkingTask(nullptr);
         }

@@ -1,7 +1,9 @@
 // The run driver: start, the worker thread's stages, the end-of-run state rules and the
 // notices that tell the manager and the host where the run stands.
+#include <chrono>
 #include <exception>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "engine/task/CBackupTask.h"
@@ -58,6 +60,11 @@ bool CBackupTask::StartBackup(bool /*flag*/) {
         {
             std::lock_guard lock(prgBarMutex);
             pBackupTaskThread = worker; // joins the previous run's finished thread
+            // Made before the worker starts, so that checkFinshedBackup called right
+            // after this returns waits for the run. A run without a server folder ends
+            // before any work and has nothing to wait for.
+            if (!serverPath.empty())
+                backupSemaphoreID = std::make_shared<Semaphore>();
         }
         runDelegateFun(beginUploadTaskDelegate);
         worker->start();
@@ -74,10 +81,6 @@ void CBackupTask::BackupThreadProc() {
             CErrorLog::recordError(name, taskID, LoadString::Format("ServerPathError", name),
                                    kErrorEntry);
             return;
-        }
-        {
-            std::lock_guard lock(prgBarMutex);
-            backupSemaphoreID = std::make_shared<Semaphore>();
         }
         TransferApiUtil::sharePathTreeController().RefreshSvrPath(serverPath);
         CErrorLog::recordError(name, taskID, LoadString::GetValueByKey("EventLogStart", ""),
@@ -256,6 +259,25 @@ bool CBackupTask::checkFinshedBackup() {
         SystemLog::write("Error: CBackupTask::checkFinshedBackup()");
     }
     return true;
+}
+
+bool CBackupTask::hasRunEnded() const {
+    std::lock_guard lock(prgBarMutex);
+    return !pBackupTaskThread || pBackupTaskThread->isFinished();
+}
+
+void CBackupTask::waitForRunThread() {
+    std::shared_ptr<Thread> worker;
+    {
+        std::lock_guard lock(prgBarMutex);
+        worker = pBackupTaskThread;
+    }
+    if (!worker || worker->isCurrent())
+        return;
+    worker->join();
+    // Another thread may be joining it at the same moment; then join returns at once.
+    while (worker->isStarted() && !worker->isFinished())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 bool CBackupTask::RefreshProgressInfo(std::shared_ptr<TrueProgressCallback> progress) {

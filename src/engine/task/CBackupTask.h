@@ -263,6 +263,12 @@ public:
     void FinishBackup();
     // Waits for the end of a run that got past its start, then drops the worker.
     bool checkFinshedBackup();
+    // True when no worker is running or about to run for this task (never started, or
+    // its thread has ended). A run that ends without its closing notices is seen so.
+    bool hasRunEnded() const;
+    // Waits until the worker thread itself has ended. Only for callers that have made
+    // the run skip its closing notices (bLogOff), which may need the caller's locks.
+    void waitForRunThread();
     bool CheckNetwork() { return true; } // no test of its own: the service answers
     // Replaces the run's progress object and tells the delegate (notice 4).
     bool RefreshProgressInfo(std::shared_ptr<TrueProgressCallback> progress);

@@ -289,6 +289,27 @@ TEST_F(BackupManageSchedulerThread, DueTasksQueueInOrderAndRunOneAtATime) {
     EXPECT_TRUE(SystemLog::capturedContains("Exit do schedule."));
 }
 
+// A queued task whose run never starts (its deletion began while it waited) must not
+// hold the one running place: the next pass frees it and starts the next task.
+TEST_F(BackupManageSchedulerThread, ARunThatNeverStartedDoesNotBlockTheQueue) {
+    TaskPtr gone = addTask("Gone"), next = addTask("Next");
+    gone->taskType = next->taskType = CBackupTask::ScheduleNone;
+    startScheduler();
+    {
+        std::lock_guard lock(manager_.managerLock);
+        manager_.AddTaskToWaitList(gone, false);
+        manager_.AddTaskToWaitList(next, false);
+        gone->bDeleting = true;
+    }
+    pass(); // starts Gone, whose run ends at once
+    pass(); // frees the place and starts Next
+    host_.waitFor("Next:2");
+    EXPECT_EQ(host_.countOf("Gone:2"), 0u);
+    EXPECT_TRUE(SystemLog::capturedContains("The working task ended without its closing notice."));
+    EXPECT_TRUE(stored("\\Backups\\Next\\Next\\a.txt"));
+    stopScheduler();
+}
+
 TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOnTheRun) {
     TaskPtr a = addTask("A"), b = addTask("B");
     a->taskType = b->taskType = CBackupTask::ScheduleNone; // only the user starts them
@@ -406,6 +427,7 @@ protected:
         task->mBeginDate = test::localDate(2024, 1, 1, 0, 0);
         task->mEndDate = test::localDate(2099, 1, 1, 0, 0);
         task->mDating = test::localDate(2024, 3, 5, 9, 0);
+        task->serverPath = "\\Backup\\" + name;
         return task;
     }
     bool dueAt(const TaskPtr& task, Date now) {
@@ -427,7 +449,9 @@ TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDue) {
     moving->bMigrateTask = true;
     auto deleting = daily();
     deleting->bDeleting = true;
-    for (const auto& task : {other, moving, deleting})
+    auto homeless = daily();
+    homeless->serverPath.clear();
+    for (const auto& task : {other, moving, deleting, homeless})
         EXPECT_FALSE(manager_.nowDating(task));
 
     auto working = daily();
