@@ -183,15 +183,26 @@ bool FileSystem::writeAll(int fd, const char* data, size_t size) {
     return true;
 }
 
-bool FileSystem::writeFileAtomically(const std::string& path, const std::string& data) {
+namespace {
+
+// A temporary of a unique name beside path (two threads of one process may write the
+// same file at once), given the mode, written whole, synced and renamed over path.
+bool writeThroughTemporary(const std::string& path, const std::string& data, mode_t mode) {
     if (path.empty())
         return false;
-    std::string temp = path + ".tmp-" + std::to_string(::getpid());
-    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    std::string temp = path + ".tmp-XXXXXX";
+    int fd = ::mkostemp(temp.data(), O_CLOEXEC);
     if (fd < 0)
         return false;
-    bool ok = writeAll(fd, data.data(), data.size()) && ::fsync(fd) == 0;
+    bool ok = ::fchmod(fd, mode) == 0 && FileSystem::writeAll(fd, data.data(), data.size()) &&
+              ::fsync(fd) == 0;
     return finishAtomicWrite(fd, temp, path, ok);
+}
+
+} // namespace
+
+bool FileSystem::writeFileAtomically(const std::string& path, const std::string& data) {
+    return writeThroughTemporary(path, data, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
 }
 
 bool FileSystem::appendToFile(const std::string& path, const std::string& data) {
@@ -203,17 +214,7 @@ bool FileSystem::appendToFile(const std::string& path, const std::string& data) 
 }
 
 bool FileSystem::writePrivateFileAtomically(const std::string& path, const std::string& data) {
-    if (path.empty())
-        return false;
-    // mkstemp makes the file with mode 0600; the explicit fchmod keeps it so whatever
-    // the C library does.
-    std::string temp = path + ".tmp-XXXXXX";
-    int fd = ::mkostemp(temp.data(), O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    bool ok = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, data.data(), data.size()) &&
-              ::fsync(fd) == 0;
-    return finishAtomicWrite(fd, temp, path, ok);
+    return writeThroughTemporary(path, data, S_IRUSR | S_IWUSR);
 }
 
 bool FileSystem::writeHeadAndAppend(const std::string& path, const std::string& head,
