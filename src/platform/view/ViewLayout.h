@@ -9,6 +9,10 @@ namespace ViewLayout {
 inline constexpr const char* LoopDialog = "LoopDialog";
 inline constexpr const char* ProgressWindow = "ProgressWindow";
 inline constexpr const char* DownloadProgressWindow = "DownloadProgressWindow";
+// The first step of the new-task wizard: name, description, schedule type, weekday, time.
+inline constexpr const char* CreateTaskStep1 = "CreateTaskStep1";
+// The local folder browser: one row per item of the current folder, ticks by row.
+inline constexpr const char* FilePathBrowser = "FilePathBrowser";
 } // namespace ViewLayout
 
 namespace ViewOutlet {
@@ -37,6 +41,17 @@ inline constexpr const char* DownPath = "downPath";
 inline constexpr const char* TransferRate = "transferRate";
 inline constexpr const char* RestoringFile = "restoringFile";
 inline constexpr const char* FilePrgBar = "filePrgBar";
+// CreateTaskStep1
+inline constexpr const char* TaskName = "taskName";
+inline constexpr const char* TaskDescription = "taskDescription";
+inline constexpr const char* DaysPopupButton = "daysPopupButton"; // items: titles; value: index
+inline constexpr const char* BackupTypeMatrixRadio = "backupTypeMatrixRadio"; // value: tag
+inline constexpr const char* BackupDate = "backupDate"; // value: seconds since 1970
+// FilePathBrowser
+inline constexpr const char* CurrentPath = "currentPath";
+inline constexpr const char* Rows = "rows";     // items: one drawn row each
+inline constexpr const char* Cursor = "cursor"; // value: index of the highlighted row
+inline constexpr const char* Status = "status"; // e.g. why a folder shows nothing
 } // namespace ViewOutlet
 
 namespace ViewButton {
@@ -44,6 +59,16 @@ inline constexpr const char* Cancel = "Cancel";
 inline constexpr const char* Retry = "Retry";
 // The window's own close button.
 inline constexpr const char* Close = "Close";
+// CreateTaskStep1 (the radio matrix's action is its outlet name)
+inline constexpr const char* Next = "Next";
+inline constexpr const char* Back = "Back";
+// FilePathBrowser
+inline constexpr const char* Up = "Up";
+inline constexpr const char* Down = "Down";
+inline constexpr const char* Open = "Open";     // opens the highlighted folder
+inline constexpr const char* Parent = "Parent"; // goes to the enclosing folder
+inline constexpr const char* Tick = "Tick";     // ticks or unticks the highlighted row
+inline constexpr const char* Done = "Done";
 } // namespace ViewButton
 
 // Events a window sends to its actions, like buttons but raised by the back end.

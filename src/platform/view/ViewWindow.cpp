@@ -42,6 +42,41 @@ double ViewWindow::value(const std::string& outlet) const {
     return found == values_.end() ? 0.0 : found->second;
 }
 
+void ViewWindow::setItems(const std::string& outlet, const std::vector<std::string>& items) {
+    std::string joined;
+    for (size_t i = 0; i < items.size(); ++i)
+        joined += (i == 0 ? "" : "\n") + items[i];
+    {
+        std::lock_guard lock(mutex_);
+        items_[outlet] = items;
+        ++revision_;
+    }
+    changed(outlet, joined);
+}
+
+std::vector<std::string> ViewWindow::items(const std::string& outlet) const {
+    std::lock_guard lock(mutex_);
+    auto found = items_.find(outlet);
+    return found == items_.end() ? std::vector<std::string>() : found->second;
+}
+
+void ViewWindow::setEnabled(const std::string& outlet, bool enabled) {
+    {
+        std::lock_guard lock(mutex_);
+        if (enabled)
+            disabled_.erase(outlet);
+        else
+            disabled_.insert(outlet);
+        ++revision_;
+    }
+    changed(outlet + ".enabled", enabled ? "1" : "0");
+}
+
+bool ViewWindow::isEnabled(const std::string& outlet) const {
+    std::lock_guard lock(mutex_);
+    return disabled_.count(outlet) == 0;
+}
+
 void ViewWindow::selectTab(int index) {
     {
         std::lock_guard lock(mutex_);

@@ -3,7 +3,9 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
+#include <vector>
 
 namespace cirrovault {
 
@@ -32,6 +34,12 @@ public:
     std::string text(const std::string& outlet) const; // "" when never set
     void setValue(const std::string& outlet, double value);
     double value(const std::string& outlet) const; // 0 when never set
+    // A list shown by the outlet (the rows of a browser, the titles of a popup).
+    void setItems(const std::string& outlet, const std::vector<std::string>& items);
+    std::vector<std::string> items(const std::string& outlet) const; // empty when never set
+    // Whether the control behind the outlet takes input; true until set otherwise.
+    void setEnabled(const std::string& outlet, bool enabled);
+    bool isEnabled(const std::string& outlet) const;
     void selectTab(int index);
     int selectedTab() const;
     void setSpinning(bool spinning);
@@ -62,6 +70,8 @@ private:
     mutable std::mutex mutex_;
     std::map<std::string, std::string> texts_;                  // guarded by mutex_
     std::map<std::string, double> values_;                      // guarded by mutex_
+    std::map<std::string, std::vector<std::string>> items_;     // guarded by mutex_
+    std::set<std::string> disabled_;                            // guarded by mutex_
     std::map<std::string, int> presses_;                        // guarded by mutex_
     std::map<std::string, std::function<void()>> actions_;      // guarded by mutex_
     int tab_ = 0;                                               // guarded by mutex_

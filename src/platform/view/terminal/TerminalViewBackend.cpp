@@ -1,8 +1,10 @@
 #include "platform/view/terminal/TerminalViewBackend.h"
 
+#include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
 
+#include "platform/os/Calendar.h"
 #include "platform/view/ViewLayout.h"
 
 namespace cirrovault {
@@ -26,6 +28,47 @@ std::string fit(const std::string& line, int columns) {
 
 bool isLoopRetryPage(const ViewWindow& window) {
     return window.layout() == ViewLayout::LoopDialog && window.selectedTab() == 2;
+}
+
+// Rows of a browser shown at once; the list scrolls to keep the highlighted row in view.
+constexpr int BrowserRows = 15;
+
+void renderBrowser(const ViewWindow& window, std::vector<std::string>& lines) {
+    using namespace ViewOutlet;
+    std::vector<std::string> rows = window.items(Rows);
+    int count = static_cast<int>(rows.size());
+    int cursor = std::clamp(static_cast<int>(window.value(Cursor)), 0, std::max(count - 1, 0));
+    int first = std::clamp(cursor - BrowserRows / 2, 0, std::max(count - BrowserRows, 0));
+    int last = std::min(count, first + BrowserRows);
+    lines.push_back(window.text(Title));
+    lines.push_back("  " + window.text(CurrentPath));
+    if (!window.text(Status).empty())
+        lines.push_back("  " + window.text(Status));
+    lines.push_back(first > 0 ? "  ..." : "");
+    for (int i = first; i < last; ++i)
+        lines.push_back((i == cursor ? "> " : "  ") + rows[static_cast<size_t>(i)]);
+    lines.push_back(last < count ? "  ..." : "");
+    lines.push_back("  [arrows j/k] move  [Enter] open  [Backspace] up  [Space] tick  [q] done");
+}
+
+void renderStep(const ViewWindow& window, std::vector<std::string>& lines) {
+    using namespace ViewOutlet;
+    int type = static_cast<int>(window.value(BackupTypeMatrixRadio));
+    auto radio = [type](int tag, const char* label) {
+        return fmt::format("({}) {}", type == tag ? '*' : ' ', label);
+    };
+    std::vector<std::string> days = window.items(DaysPopupButton);
+    size_t day = static_cast<size_t>(window.value(DaysPopupButton));
+    DateComponents time = Calendar::components(Date(window.value(BackupDate)));
+    lines.push_back(window.text(Title));
+    lines.push_back("  Name:        " + window.text(TaskName));
+    lines.push_back("  Description: " + window.text(TaskDescription));
+    lines.push_back("  [1-3] " + radio(1, "daily") + "  " + radio(2, "weekly") + "  " + radio(3, "once"));
+    if (window.isEnabled(DaysPopupButton) && day < days.size())
+        lines.push_back("  [d] Day:     " + days[day]);
+    lines.push_back(fmt::format("  [+/-] Time:  {:04}-{:02}-{:02} {:02}:{:02}", time.year, time.month,
+                                time.day, time.hour, time.minute));
+    lines.push_back("  [n] Next   [b] Back");
 }
 
 } // namespace
@@ -71,6 +114,10 @@ std::vector<std::string> TerminalViewBackend::render(const ViewWindow& window, i
         lines.push_back(fmt::format("  {} {:3.0f}%  {}  {} left   [c] Cancel",
                                     bar(window.value(FilePrgBar), 30), window.value(FilePrgBar),
                                     window.text(TransferRate), window.text(TimeLeft)));
+    } else if (layout == ViewLayout::FilePathBrowser) {
+        renderBrowser(window, lines);
+    } else if (layout == ViewLayout::CreateTaskStep1) {
+        renderStep(window, lines);
     } else {
         lines.push_back(window.text(Title));
     }
@@ -81,6 +128,11 @@ void TerminalViewBackend::modalStarted(ViewWindow& window) {
     if (!interactive_) {
         if (isLoopRetryPage(window) && !options_.retryPageDefault.empty())
             window.press(options_.retryPageDefault);
+        // Windows that only a person could fill take what they were given and end.
+        if (window.layout() == ViewLayout::FilePathBrowser || window.layout() == ViewLayout::CreateTaskStep1) {
+            window.press(window.layout() == ViewLayout::FilePathBrowser ? ViewButton::Done : ViewButton::Next);
+            abortModal(window);
+        }
         return;
     }
     std::lock_guard console(TerminalConsole::lock());
@@ -94,13 +146,13 @@ void TerminalViewBackend::modalStarted(ViewWindow& window) {
 void TerminalViewBackend::modalTick(ViewWindow& window) {
     if (!interactive_)
         return;
-    std::optional<char> key;
+    std::vector<std::string> keys;
     {
         // A prompt owns the terminal meanwhile: neither read its keys nor draw over it.
         std::unique_lock console(TerminalConsole::lock(), std::try_to_lock);
         if (!console.owns_lock())
             return;
-        key = TerminalConsole::readKey(options_.inputFd);
+        keys = readKeys();
         std::lock_guard lock(mutex_);
         Screen& screen = screens_[&window];
         ++screen.frame;
@@ -110,8 +162,67 @@ void TerminalViewBackend::modalTick(ViewWindow& window) {
                         now - screen.drawnAt >= std::chrono::seconds(1)))
             draw(window, screen);
     }
-    if (key)
-        handleKey(window, *key); // the action may prompt, so the console is free again
+    // The action may prompt, so the console is free again.
+    for (const std::string& key : keys)
+        handleKey(window, key);
+    if (!keys.empty() && isNavigable(window)) {
+        // Keys move a list: show the result at once rather than at the next second.
+        std::unique_lock console(TerminalConsole::lock(), std::try_to_lock);
+        if (!console.owns_lock())
+            return;
+        std::lock_guard lock(mutex_);
+        auto found = screens_.find(&window);
+        if (found != screens_.end() && window.revision() != found->second.drawnRevision)
+            draw(window, found->second);
+    }
+}
+
+std::vector<std::string> TerminalViewBackend::readKeys() {
+    std::vector<std::string> keys;
+    while (auto key = TerminalConsole::readKey(options_.inputFd)) {
+        if (*key != '\033') {
+            keys.emplace_back(1, *key);
+            continue;
+        }
+        // An arrow key arrives as ESC [ A..D, all three bytes together.
+        auto bracket = TerminalConsole::readKey(options_.inputFd);
+        if (bracket && *bracket != '[' && *bracket != 'O') {
+            // Escape on its own, then an ordinary key typed right after it.
+            keys.emplace_back(1, '\033');
+            keys.emplace_back(1, *bracket);
+            continue;
+        }
+        auto code = bracket ? TerminalConsole::readKey(options_.inputFd) : std::nullopt;
+        if (code == 'A')
+            keys.emplace_back(KeyUp);
+        else if (code == 'B')
+            keys.emplace_back(KeyDown);
+        else if (code == 'C')
+            keys.emplace_back(KeyRight);
+        else if (code == 'D')
+            keys.emplace_back(KeyLeft);
+        else
+            keys.emplace_back(1, '\033');
+    }
+    return keys;
+}
+
+void TerminalViewBackend::handleKey(ViewWindow& window, const std::string& key) {
+    if (window.layout() == ViewLayout::FilePathBrowser) {
+        handleBrowserKey(window, key);
+        return;
+    }
+    if (window.layout() == ViewLayout::CreateTaskStep1) {
+        handleStepKey(window, key);
+        return;
+    }
+    if (key.size() != 1)
+        return;
+    handleKey(window, key[0]);
+}
+
+bool TerminalViewBackend::isNavigable(const ViewWindow& window) {
+    return window.layout() == ViewLayout::FilePathBrowser || window.layout() == ViewLayout::CreateTaskStep1;
 }
 
 void TerminalViewBackend::handleKey(ViewWindow& window, char key) {
@@ -119,6 +230,42 @@ void TerminalViewBackend::handleKey(ViewWindow& window, char key) {
         window.press(ViewButton::Cancel);
     else if ((key == 'r' || key == 'R') && isLoopRetryPage(window))
         window.press(ViewButton::Retry);
+}
+
+void TerminalViewBackend::handleBrowserKey(ViewWindow& window, const std::string& key) {
+    using namespace ViewButton;
+    if (key == KeyUp || key == "k")
+        window.press(Up);
+    else if (key == KeyDown || key == "j")
+        window.press(Down);
+    else if (key == "\n" || key == "\r" || key == KeyRight || key == "l")
+        window.press(Open);
+    else if (key == "\x7f" || key == "\b" || key == KeyLeft || key == "h")
+        window.press(Parent);
+    else if (key == " ")
+        window.press(Tick);
+    else if (key == "q" || key == "Q" || key == "\033" || key == "\x03")
+        window.press(Done);
+}
+
+void TerminalViewBackend::handleStepKey(ViewWindow& window, const std::string& key) {
+    using namespace ViewOutlet;
+    if (key == "n" || key == "N" || key == "\n" || key == "\r") {
+        window.press(ViewButton::Next);
+    } else if (key == "b" || key == "B" || key == "\033" || key == "\x03") {
+        window.press(ViewButton::Back);
+    } else if (key == "1" || key == "2" || key == "3") {
+        window.setValue(BackupTypeMatrixRadio, key[0] - '0');
+        window.press(BackupTypeMatrixRadio);
+    } else if ((key == "d" || key == "D") && window.isEnabled(DaysPopupButton)) {
+        size_t count = window.items(DaysPopupButton).size();
+        if (count > 0)
+            window.setValue(DaysPopupButton,
+                            static_cast<double>((static_cast<size_t>(window.value(DaysPopupButton)) + 1) % count));
+    } else if (key == "+" || key == "-") {
+        // The time picker in steps of a quarter of an hour.
+        window.setValue(BackupDate, window.value(BackupDate) + (key == "+" ? 900 : -900));
+    }
 }
 
 void TerminalViewBackend::draw(ViewWindow& window, Screen& screen) {

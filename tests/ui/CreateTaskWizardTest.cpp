@@ -1,0 +1,244 @@
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/LocalDate.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/view/ViewLayout.h"
+#include "platform/view/headless/HeadlessViewBackend.h"
+#include "service/CManageTaskList.h"
+#include "ui/CreateViewXibController.h"
+
+namespace cirrovault {
+namespace {
+
+using test::localDate;
+
+// Wednesday 8 May 2024, 09:30:20.5 local time.
+Date wednesdayMorning() {
+    return localDate(2024, 5, 8, 9, 30, 20.5);
+}
+
+class RecordingStepDelegate : public CreateViewXibControllerDelegate {
+public:
+    bool GoToTaskStep2Delegate(CreateViewXibController& controller) override {
+        directions.push_back(controller.nTaskStep1ButtonType);
+        return answer;
+    }
+    std::vector<int32_t> directions;
+    bool answer = true;
+};
+
+class CreateTaskWizardTest : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        Clock::setShared(clock);
+        SessionFixture::SetUp();
+        NimboMessagebox::setPresenter(messages);
+        controller = std::make_unique<CreateViewXibController>(backend);
+        controller->setDelegate(&host);
+        SystemLog::startCapture();
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        controller.reset();
+        NimboMessagebox::setPresenter(nullptr);
+        SessionFixture::TearDown();
+        Clock::setShared(nullptr);
+    }
+
+    // The string-table keys of the messages shown since the last call.
+    std::vector<std::string> shownKeys() {
+        static const char* keys[] = {"EmptyTaskName",    "DescriptionsEmpty", "TaskNameInvaild",
+                                     "IDS_MSGSELFOLDER", "IDS_STRING_EMPTY",  "IDS_MSGDUPNAME"};
+        std::vector<std::string> found;
+        for (const auto& shown : messages->shown()) {
+            std::string key = "<" + shown.text + ">";
+            for (const char* candidate : keys)
+                if (shown.text == LoadString::GetValueByKey(candidate, ""))
+                    key = candidate;
+            EXPECT_EQ(shown.style, MessageboxStyle::Notice);
+            found.push_back(key);
+        }
+        messages->clearShown();
+        return found;
+    }
+    std::vector<std::string> next(const std::string& name, const std::string& description) {
+        controller->setSetp1TaskName(name);
+        controller->setStep1Description(description);
+        controller->pStep1View->window()->press(ViewButton::Next);
+        return shownKeys();
+    }
+    std::string tickNewFolder(const std::string& name) {
+        std::string folder = home_.file(name);
+        EXPECT_TRUE(FileSystem::createDirectories(folder));
+        auto& browser = *controller->pFilePathView;
+        EXPECT_TRUE(browser.openFolder(home_.path()));
+        for (size_t i = 0; i < browser.rows().size(); ++i)
+            if (browser.rows()[i].filePath == folder)
+                browser.setTicked(i, true);
+        return folder;
+    }
+    void addServiceTask(const std::string& name, uint64_t pcID, const std::string& pcName) {
+        TaskListEntry task;
+        task.taskID = static_cast<int32_t>(pcID % 1000);
+        task.pcID = pcID;
+        task.name = name;
+        task.description = name;
+        task.mPCName = pcName;
+        task.taskType = 1;
+        task.serverPath = "\\Backup\\" + name;
+        task.mDating = Date::now();
+        task.mBeginDate = Date::now();
+        task.mEndDate = localDate(2099, 1, 1, 0, 0);
+        CManageTaskList list;
+        ASSERT_EQ(list.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+    }
+
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(wednesdayMorning());
+    std::shared_ptr<HeadlessMessagebox> messages = std::make_shared<HeadlessMessagebox>();
+    std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
+    RecordingStepDelegate host;
+    std::unique_ptr<CreateViewXibController> controller;
+};
+
+TEST_F(CreateTaskWizardTest, ChecksRefuseInOrderWithTheirKeys) {
+    // No task under creation: Next does nothing at all.
+    EXPECT_TRUE(next("Docs", "My documents").empty());
+    EXPECT_TRUE(host.directions.empty());
+
+    ASSERT_TRUE(controller->createTaskName());
+    std::string proposed = controller->getStep1TaskName();
+    EXPECT_FALSE(proposed.empty());
+    EXPECT_EQ(proposed, controller->pBackupManage->getCreateNewTaskName());
+    EXPECT_EQ(controller->getStep1TaskDescription(), proposed);
+
+    using Keys = std::vector<std::string>;
+    EXPECT_EQ(next("", ""), Keys{"EmptyTaskName"});
+    EXPECT_EQ(next("", "Fine"), Keys{"EmptyTaskName"});
+    EXPECT_EQ(next("   ", "Fine"), Keys{"TaskNameInvaild"}); // blank is not empty
+    EXPECT_EQ(next("Docs", ""), Keys{"DescriptionsEmpty"});
+    EXPECT_EQ(next("Docs", " \t "), Keys{"DescriptionsEmpty"});
+    EXPECT_EQ(next("My.Task", "  "), Keys{"DescriptionsEmpty"}); // description before name
+    EXPECT_EQ(next("My.Task", "Fine"), Keys{"TaskNameInvaild"});
+    EXPECT_EQ(next("a$b", "Fine"), Keys{"TaskNameInvaild"});
+    EXPECT_EQ(next("Docs", "Fine"), Keys{"IDS_MSGSELFOLDER"}); // nothing ticked
+
+    // A new task started afresh keeps nothing of the refused attempts.
+    ASSERT_TRUE(controller->createTaskName());
+    EXPECT_EQ(controller->getStep1TaskName(), proposed);
+    EXPECT_TRUE(host.directions.empty());
+    EXPECT_EQ(controller->nTaskStep1ButtonType, 0);
+}
+
+TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactly) {
+    addServiceTask("Docs", 11, "this-pc");
+    addServiceTask("Photos", 99, "other-pc"); // another computer of the account
+    ASSERT_TRUE(controller->createTaskName());
+    std::string folder = tickNewFolder("Projects");
+
+    EXPECT_EQ(controller->IsCreateTaskValid("Docs"), 1);
+    EXPECT_EQ(controller->IsCreateTaskValid("Photos"), 1);
+    EXPECT_EQ(controller->IsCreateTaskValid("docs"), 0);
+    EXPECT_EQ(controller->IsCreateTaskValid("Docs "), 0);
+    EXPECT_EQ(controller->IsCreateTaskValid(""), 0); // empty names never match
+
+    EXPECT_EQ(next("Docs", "Mine"), std::vector<std::string>{"IDS_MSGDUPNAME"});
+    EXPECT_EQ(next("Photos", "Mine"), std::vector<std::string>{"IDS_MSGDUPNAME"});
+    EXPECT_TRUE(host.directions.empty());
+
+    // Letter case makes a different name.
+    EXPECT_TRUE(next("docs", "Mine").empty());
+    EXPECT_EQ(host.directions, std::vector<int32_t>{1});
+    auto task = controller->pBackupManage->GetNewTask();
+    ASSERT_TRUE(task);
+    EXPECT_EQ(task->name, "docs");
+    ASSERT_EQ(task->localDirList.size(), 1u);
+    EXPECT_EQ(task->localDirList[0].path(), folder);
+}
+
+TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheManager) {
+    ASSERT_TRUE(controller->createTaskName());
+    tickNewFolder("Travel");
+    // Weekly on Monday at 10:00, chosen on a Wednesday.
+    controller->pStep1View->setBackupDate(localDate(2024, 5, 8, 10, 0));
+    controller->pStep1View->selectDayIndex(1);
+    controller->pStep1View->selectTypeTag(2);
+    controller->pStep1View->window()->press(ViewOutlet::BackupTypeMatrixRadio);
+    EXPECT_TRUE(controller->pStep1View->isDaysPopupEnabled());
+
+    EXPECT_TRUE(next("  Travel", "\tTrip photos ").empty());
+    EXPECT_EQ(host.directions, std::vector<int32_t>{1});
+    EXPECT_EQ(controller->taskName, "Travel");
+    auto task = controller->pBackupManage->GetNewTask();
+    ASSERT_TRUE(task);
+    EXPECT_EQ(task->name, "Travel");
+    EXPECT_EQ(task->description, "Trip photos ");
+    EXPECT_EQ(task->taskType & 15, 2);
+    // The manager's schedule rules bring the proposal to the next Monday at 10:00.
+    EXPECT_EQ(task->mDating, localDate(2024, 5, 13, 10, 0));
+
+    // Back goes the other way through the same delegate; a refusing host is logged.
+    host.answer = false;
+    controller->pStep1View->window()->press(ViewButton::Back);
+    EXPECT_EQ(host.directions, (std::vector<int32_t>{1, 0}));
+    EXPECT_EQ(controller->nTaskStep1ButtonType, 0);
+    EXPECT_TRUE(SystemLog::capturedContains("Error:backButton: (id)sender,GoToTaskStep2Delegate"));
+    EXPECT_TRUE(next("Travel", "Trip").empty());
+    EXPECT_TRUE(SystemLog::capturedContains("Error:nextButton: (id)sender, GoToTaskStep2Delegate."));
+}
+
+TEST_F(CreateTaskWizardTest, UnreadableServiceListStopsWithItsOwnMessage) {
+    ASSERT_TRUE(controller->createTaskName());
+    tickNewFolder("Docs");
+    api().Logoff();
+    EXPECT_EQ(controller->IsCreateTaskValid("Docs"), -1);
+    auto shown = messages->shown();
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_EQ(shown[0].text, CManageTaskList().showManageTaskListResult(1, 1));
+    messages->clearShown();
+
+    // Next stops after that message, without a duplicate-name message of its own.
+    EXPECT_EQ(next("Docs", "Mine").size(), 1u);
+    EXPECT_TRUE(host.directions.empty());
+}
+
+TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleType) {
+    // The proposed time: the current whole minute plus half an hour.
+    controller->initBackupDate();
+    const Date picked = controller->pStep1View->backupDate();
+    EXPECT_EQ(picked, localDate(2024, 5, 8, 10, 0, 0));
+
+    auto first = [&](int32_t type, int dayIndex) {
+        controller->setBackupTypeMode(type);
+        controller->pStep1View->selectDayIndex(dayIndex);
+        return controller->getStep1Dating();
+    };
+    // Daily and date-range tasks: one day on, whatever the weekday list says.
+    EXPECT_EQ(first(1, 1), picked.addingTimeInterval(86400));
+    EXPECT_FALSE(controller->pStep1View->isDaysPopupEnabled());
+    EXPECT_EQ(first(3, 5), picked.addingTimeInterval(86400));
+    EXPECT_FALSE(controller->pStep1View->isDaysPopupEnabled());
+    // Weekly, today Wednesday: Monday is 5 days ahead, Tuesday 6, Wednesday 0, plus a week.
+    EXPECT_EQ(first(2, 1), picked.addingTimeInterval(5 * 86400 + 604800));
+    EXPECT_TRUE(controller->pStep1View->isDaysPopupEnabled());
+    EXPECT_EQ(controller->getStep1SelectBackupDay(), 5);
+    EXPECT_EQ(first(2, 2), picked.addingTimeInterval(6 * 86400 + 604800));
+    EXPECT_EQ(first(2, 3), picked.addingTimeInterval(604800));
+    EXPECT_EQ(controller->pStep1View->schTime, picked.addingTimeInterval(604800));
+    // Saturday from a Saturday, and Sunday from a Saturday.
+    clock->set(localDate(2024, 5, 11, 23, 59, 59));
+    controller->pStep1View->selectDayIndex(6);
+    EXPECT_EQ(controller->getStep1SelectBackupDay(), 0);
+    controller->pStep1View->selectDayIndex(0);
+    EXPECT_EQ(controller->getStep1SelectBackupDay(), 1);
+}
+
+} // namespace
+} // namespace cirrovault
