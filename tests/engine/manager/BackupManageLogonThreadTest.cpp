@@ -1,0 +1,539 @@
+// Logon with its retry policy, loading and reloading the task list, and log-off, against
+// a real local store. The wait dialog is a scripted stand-in that records what the
+// worker shows and presses buttons; every pause goes through a clock that records it.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/LocalDate.h"
+#include "engine/manager/CBackupManage.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "service/CManageTaskList.h"
+
+using namespace cirrovault;
+using test::localDate;
+
+namespace {
+
+using TaskPtr = std::shared_ptr<CBackupTask>;
+using Op = FaultInjectingStore::Operation;
+
+// One ordered record of what the dialog showed and when the workers paused.
+class Events {
+public:
+    void add(std::string event) {
+        std::lock_guard lock(mutex_);
+        events_.push_back(std::move(event));
+    }
+    std::vector<std::string> all() const {
+        std::lock_guard lock(mutex_);
+        return events_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+// Records every pause and moves time on at once. Sleeps of the gated thread (the
+// scheduler) wait until the test lets one through.
+class TestClock : public Clock {
+public:
+    explicit TestClock(Events& events) : events_(events) {}
+    Date now() const override {
+        std::lock_guard lock(mutex_);
+        return now_;
+    }
+    void sleepFor(double seconds) override {
+        std::unique_lock lock(mutex_);
+        if (gated_ && gated_()) {
+            uint64_t ticket = ++entered_;
+            cv_.notify_all();
+            cv_.wait(lock, [&] { return released_ >= ticket; });
+            return;
+        }
+        now_ = now_.addingTimeInterval(seconds);
+        events_.add(fmt::format("sleep {}", seconds));
+    }
+    void gateWhen(std::function<bool()> gated) {
+        std::lock_guard lock(mutex_);
+        gated_ = std::move(gated);
+    }
+    void waitForSleeper() {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [&] { return entered_ > released_; });
+    }
+    void releaseSleeper() {
+        std::lock_guard lock(mutex_);
+        ++released_;
+        cv_.notify_all();
+    }
+
+private:
+    Events& events_;
+    mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    Date now_{1'700'000'000.0};
+    std::function<bool()> gated_;
+    uint64_t entered_ = 0;
+    uint64_t released_ = 0;
+};
+
+// The wait dialog as the worker sees it: records types and messages, and presses a
+// button once a message containing a given text is shown.
+class ScriptedLoop : public CLoopItem {
+public:
+    explicit ScriptedLoop(Events& events) : events_(events) {}
+
+    void pressWhenShown(const std::string& contains, bool cancel) {
+        std::lock_guard lock(mutex_);
+        when_ = contains;
+        cancelPress_ = cancel;
+    }
+
+    bool EnterLoopMode(Thread* thread, int32_t buttonType) override {
+        events_.add("type " + std::to_string(buttonType));
+        thread->start();
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [&] { return left_; });
+        return true;
+    }
+    bool LeaveLoopMode(Thread*) override {
+        events_.add("leave");
+        std::lock_guard lock(mutex_);
+        left_ = true;
+        cv_.notify_all();
+        return true;
+    }
+    bool IsLoopCancel(Thread*) override {
+        std::lock_guard lock(mutex_);
+        return cancel_;
+    }
+    bool IsLoopRetry(Thread*) override {
+        std::lock_guard lock(mutex_);
+        return retry_;
+    }
+    void SetRetry(Thread*, bool retryValue) override {
+        events_.add(retryValue ? "retry set" : "retry cleared");
+        std::lock_guard lock(mutex_);
+        retry_ = retryValue;
+    }
+    void SetLoopType(Thread*, int32_t loopType) override {
+        events_.add("type " + std::to_string(loopType));
+    }
+    bool SetLoopMessage(Thread*, const std::string& strMsg) override {
+        events_.add(strMsg);
+        std::lock_guard lock(mutex_);
+        if (!when_.empty() && strMsg.find(when_) != std::string::npos) {
+            (cancelPress_ ? cancel_ : retry_) = true;
+            when_.clear();
+        }
+        return true;
+    }
+    bool SetScanFileLoopMessage(Thread*, const std::string&, const std::string&,
+                                const std::string&) override {
+        return true;
+    }
+    bool EnterLoopModel(Thread*) override { return true; }
+    bool IsCancelLoopModel(Thread*) override { return false; }
+    bool SetLoopModelMessage(Thread*, const std::string&) override { return true; }
+    bool LeaveLoopModel(Thread*) override { return true; }
+
+private:
+    Events& events_;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::string when_;        // guarded by mutex_
+    bool cancelPress_ = false; // guarded by mutex_
+    bool cancel_ = false;      // guarded by mutex_
+    bool retry_ = false;       // guarded by mutex_
+    bool left_ = false;        // guarded by mutex_
+};
+
+// Host events by task name; can hold one task's run at its first file upload.
+class Host : public StowlineBackupManageDelegate {
+public:
+    bool StowlineBackupManageDelegateFun(CBackupManage*, const TaskPtr& task,
+                                         int32_t type) override {
+        std::unique_lock lock(mutex_);
+        if (type == refreshProgressBarDelegate) {
+            if (task && task->bInitUIPrgBar && task->name == holdName_ && !held_) {
+                held_ = true;
+                cv_.notify_all();
+                cv_.wait(lock, [&] { return released_; });
+            }
+            return true;
+        }
+        events_.push_back((task ? task->name : "") + ":" + std::to_string(type));
+        return true;
+    }
+    void hold(const std::string& name) {
+        std::lock_guard lock(mutex_);
+        holdName_ = name;
+    }
+    void waitHeld() {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [&] { return held_; });
+    }
+    void release() {
+        std::lock_guard lock(mutex_);
+        released_ = true;
+        cv_.notify_all();
+    }
+    std::vector<std::string> events() {
+        std::lock_guard lock(mutex_);
+        return events_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<std::string> events_;
+    std::string holdName_;
+    bool held_ = false;
+    bool released_ = false;
+};
+
+std::string text(const char* key) {
+    return LoadString::GetValueByKey(key, "");
+}
+std::string countDown(int seconds) {
+    return LoadString::Format("IDS_STRFAILCONTRYTIME", 4,
+                              " " + LoadString::Format("IDS_STRSECONDS", seconds));
+}
+
+// A task-list reply with one row per entry of rows: key -> values in row order.
+std::string reply(const std::vector<std::pair<std::string, std::vector<std::string>>>& columns) {
+    std::string out;
+    size_t rows = columns.front().second.size();
+    for (size_t row = 0; row < rows; ++row)
+        for (const auto& [key, values] : columns)
+            out += (out.empty() ? "" : "&") + key + "=" + TransferApiUtil::EncodeURL(values[row]);
+    return out;
+}
+
+class BackupManageLogonThread : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        clock_ = std::make_shared<TestClock>(events_);
+        Clock::setShared(clock_);
+        NimboMessagebox::setPresenter(std::make_shared<HeadlessMessagebox>());
+        SystemLog::startCapture();
+        CLoopItem::setFactory(nullptr);
+        api().Logoff();
+    }
+    void TearDown() override {
+        CLoopItem::setFactory(nullptr);
+        SystemLog::stopCapture();
+        NimboMessagebox::setPresenter(nullptr);
+        Clock::setShared(nullptr);
+        SessionFixture::TearDown();
+    }
+
+    std::shared_ptr<ScriptedLoop> useDialog() {
+        auto dialog = std::make_shared<ScriptedLoop>(events_);
+        CLoopItem::setFactory([dialog] { return dialog; });
+        return dialog;
+    }
+
+    // A task of the account registered on the service's task list.
+    TaskPtr registerTask(const std::string& name, uint64_t pcID) {
+        auto task = std::make_shared<CBackupTask>();
+        task->name = name;
+        task->description = "about " + name;
+        task->pcID = pcID;
+        task->serverPath = "\\Backups\\" + name;
+        task->taskType = CBackupTask::ScheduleWeekly;
+        task->mBackupDate = localDate(2024, 3, 5, 14, 30, 15);
+        task->mDating = localDate(2024, 3, 12, 9, 0);
+        task->filterExt = {"*.tmp", "*.bak"};
+        task->uiMaxVersion = 4;
+        task->localDirList = {makeFile(name + "/a.txt", "a")};
+        EXPECT_TRUE(task->uploadTaskList("Add", name));
+        return task;
+    }
+    std::vector<std::string> names(const std::vector<TaskPtr>& tasks) {
+        std::vector<std::string> out;
+        for (const auto& task : tasks)
+            out.push_back(task->name);
+        return out;
+    }
+
+    Events events_;
+    std::shared_ptr<TestClock> clock_;
+    CBackupManage manager_;
+};
+
+TEST_F(BackupManageLogonThread, ThreeAttemptsThenCountDownUntilCancel) {
+    store_->failOperation(Op::Logon, ResultCode::Failure);
+    auto dialog = useDialog();
+    dialog->pressWhenShown(countDown(57), /*cancel=*/true);
+
+    EXPECT_EQ(manager_.Mylogon("alice", "secret"), 6);
+    EXPECT_TRUE(manager_.bCancelLogon);
+    EXPECT_EQ(manager_.pLogonThread, nullptr);
+    EXPECT_EQ(manager_.loopItem, nullptr);
+    EXPECT_EQ(SystemLog::capturedCount("Log on ret: 3"), 1u);
+    EXPECT_EQ(events_.all(),
+              (std::vector<std::string>{
+                  "type 7", text("IDS_SINGING"),
+                  "sleep 0", text("IDS_STRFAILCONTRY"),
+                  "sleep 1", text("IDS_STRFAILCONTRY2"),
+                  "sleep 3", text("IDS_STRFAILCONTRY3"),
+                  "type 3",
+                  LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1)),
+                  "sleep 1", countDown(59), "sleep 1", countDown(58), "sleep 1", countDown(57),
+                  "leave"}));
+}
+
+TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn) {
+    // The first logon and three attempts fail; after Retry two more fail, the third works.
+    store_->failOperation(Op::Logon, ResultCode::Failure, 6);
+    auto dialog = useDialog();
+    dialog->pressWhenShown(countDown(58), /*cancel=*/false);
+    manager_.bLogOff = true;
+
+    EXPECT_EQ(manager_.Mylogon("alice", "secret"), 0);
+    EXPECT_FALSE(manager_.bLogOff);
+    EXPECT_FALSE(api().sessionID().empty());
+    EXPECT_EQ(events_.all(),
+              (std::vector<std::string>{
+                  "type 7", text("IDS_SINGING"),
+                  "sleep 0", text("IDS_STRFAILCONTRY"),
+                  "sleep 1", text("IDS_STRFAILCONTRY2"),
+                  "sleep 3", text("IDS_STRFAILCONTRY3"),
+                  "type 3",
+                  LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1)),
+                  "sleep 1", countDown(59), "sleep 1", countDown(58),
+                  text("IDS_SINGING"), "type 7", "retry cleared",
+                  "sleep 0", text("IDS_STRFAILCONTRY"),
+                  "sleep 1", text("IDS_STRFAILCONTRY2"),
+                  "sleep 3", text("IDS_STRFAILCONTRY3"),
+                  "type 7", text("IDS_STRINITLISTAFTERLOGON"), text("IDS_GETTINGTASK"), "leave"}));
+    // The account has no tasks yet: an empty reply, which loads nothing.
+    EXPECT_EQ(SystemLog::capturedCount("Failed to load task list"), 1u);
+}
+
+TEST_F(BackupManageLogonThread, WithoutDialogLogonLoadsTheServiceListOrReportsFailure) {
+    // Nobody could end a count-down: three attempts, then the failure goes to the host.
+    store_->failOperation(Op::Logon, ResultCode::Failure);
+    EXPECT_EQ(manager_.Mylogon("alice", "secret"), 3);
+    EXPECT_EQ(events_.all(), (std::vector<std::string>{"sleep 0", "sleep 1", "sleep 3"}));
+    EXPECT_TRUE(api().sessionID().empty());
+
+    // Other failures are passed through unchanged.
+    store_->failOperation(Op::Logon, ResultCode::WrongPassword);
+    EXPECT_EQ(manager_.Mylogon("alice", "secret"), ResultCode::WrongPassword);
+    store_->clearFaults();
+
+    // A task list that cannot be read still leaves a good logon, with no tasks.
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+    manager_.initMyID();
+    TaskPtr mine = registerTask("Docs", manager_.pcID);
+    registerTask("Elsewhere", manager_.pcID + 1);
+    api().Logoff();
+    store_->failOperation(Op::ReadTaskList, ResultCode::Failure, 1);
+    EXPECT_EQ(manager_.Mylogon("alice", "secret"), 0);
+    EXPECT_TRUE(manager_.taskList.empty());
+    EXPECT_EQ(SystemLog::capturedCount("Error: get task list."), 1u);
+
+    EXPECT_EQ(manager_.Mylogon("alice", "secret"), 0);
+    ASSERT_EQ(names(manager_.taskList), (std::vector<std::string>{"Docs", "Elsewhere"}));
+    const TaskPtr& docs = manager_.taskList[0];
+    EXPECT_EQ(docs->description, "about Docs");
+    EXPECT_EQ(docs->taskID, mine->taskID);
+    EXPECT_EQ(docs->mBackupDate, mine->mBackupDate);
+    EXPECT_EQ(docs->mDating, mine->mDating);
+    EXPECT_EQ(docs->filterExt, (std::vector<std::string>{"*.tmp", "*.bak"}));
+    EXPECT_EQ(docs->uiMaxVersion, 4u);
+    EXPECT_FALSE(docs->bMigrateTask);
+    EXPECT_TRUE(manager_.taskList[1]->bMigrateTask);
+}
+
+TEST_F(BackupManageLogonThread, LoadTaskListReadsEveryColumnOfAReply) {
+    manager_.pcID = 7;
+    const std::string encrypted = "\\" + text("EncryptionFolder") + "\\Secret";
+    std::string twoTasks = reply({
+        {"RETURN_TaskID", {"12", "13"}},
+        {"RETURN_TaskName", {"Photos", "Secret"}},
+        {"RETURN_Descr", {"my photos", "keys"}},
+        {"RETURN_PcName", {"desk", "laptop"}},
+        {"RETURN_Type", {"2", "17"}},
+        {"RETURN_BackupDate", {"03/05/2024 14:30:15", "12/31/2023 23:59:59"}},
+        {"RETURN_ServerPath", {"\\Backups\\Photos", encrypted}},
+        {"RETURN_FilterExts", {"*.tmp|*.bak", ""}},
+        {"RETURN_FilterPaths", {"/home/a/cache", ""}},
+        {"ETURN_MaxVersion", {"5", "12345678901"}},
+        {"RETURN_NextDate", {"03/12/2024 09:00:00", "01/01/2024 08:00:00"}},
+        {"RETURN_BeginDate", {"01/01/2024 00:00:00", "01/01/2023 00:00:00"}},
+        {"RETURN_EndDate", {"01/01/2099 00:00:00", "01/01/2099 00:00:00"}},
+        {"RETURN_ResumeDate", {"03/05/2024 16:30:15", "01/01/1971 00:00:00"}},
+        {"RETURN_IsResume", {"1", "0"}},
+        {"RETURN_PcID", {"7", "8"}},
+    });
+    EXPECT_TRUE(manager_.LoadTaskList(twoTasks));
+    ASSERT_EQ(manager_.taskList.size(), 2u);
+    const TaskPtr& photos = manager_.taskList[0];
+    EXPECT_EQ(photos->taskID, 12);
+    EXPECT_EQ(photos->name, "Photos");
+    EXPECT_EQ(photos->description, "my photos");
+    EXPECT_EQ(photos->mPCName, "desk");
+    EXPECT_EQ(photos->taskType, 2);
+    EXPECT_EQ(photos->mBackupDate, localDate(2024, 3, 5, 14, 30, 15));
+    EXPECT_EQ(photos->serverPath, "\\Backups\\Photos");
+    EXPECT_FALSE(photos->bEncryMode);
+    EXPECT_EQ(photos->filterExt, (std::vector<std::string>{"*.tmp", "*.bak"}));
+    EXPECT_EQ(photos->filtedPath, (std::vector<std::string>{"/home/a/cache"}));
+    EXPECT_EQ(photos->uiMaxVersion, 5u);
+    EXPECT_EQ(photos->mDating, localDate(2024, 3, 12, 9, 0));
+    EXPECT_EQ(photos->mBeginDate, localDate(2024, 1, 1, 0, 0));
+    EXPECT_EQ(photos->mEndDate, localDate(2099, 1, 1, 0, 0));
+    EXPECT_EQ(photos->mResumeDate, localDate(2024, 3, 5, 16, 30, 15));
+    EXPECT_TRUE(photos->bResume);
+    EXPECT_EQ(photos->pcID, 7u);
+    EXPECT_FALSE(photos->bMigrateTask);
+    EXPECT_EQ(photos->mTaskState, CBackupTask::StateIdle);
+
+    const TaskPtr& secret = manager_.taskList[1];
+    EXPECT_EQ(secret->taskType, 17); // all bits, not only the schedule kind
+    EXPECT_TRUE(secret->bEncryMode);
+    EXPECT_TRUE(secret->filterExt.empty());
+    EXPECT_TRUE(secret->filtedPath.empty());
+    EXPECT_EQ(secret->uiMaxVersion, 12345678901u);
+    EXPECT_FALSE(secret->bResume);
+    EXPECT_TRUE(secret->bMigrateTask); // another computer's task
+
+    // The maximum-version column is read only under its one spelling.
+    manager_.taskList.clear();
+    EXPECT_TRUE(manager_.LoadTaskList(reply({{"RETURN_TaskID", {"1"}},
+                                             {"RETURN_TaskName", {"Music"}},
+                                             {"RETURN_MaxVersion", {"9"}},
+                                             {"RETURN_PcID", {"7"}}})));
+    ASSERT_EQ(manager_.taskList.size(), 1u);
+    EXPECT_EQ(manager_.taskList[0]->uiMaxVersion, 0u);
+
+    EXPECT_FALSE(manager_.LoadTaskList(""));
+    EXPECT_EQ(manager_.taskList.size(), 1u);
+}
+
+TEST_F(BackupManageLogonThread, RefreshKeepsUnchangedTasksAndFollowsTheService) {
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+    manager_.pcID = 7;
+    TaskPtr a = registerTask("A", 7);
+    TaskPtr b = registerTask("B", 7);
+    registerTask("C", 7);
+    CManageTaskList client;
+    ASSERT_TRUE(manager_.LoadTaskList(client.getBackupTasks("", "false")));
+    TaskPtr loadedA = manager_.GetTaskByName("A");
+    TaskPtr loadedB = manager_.GetTaskByName("B");
+    loadedB->mTaskState = CBackupTask::StateWaiting;
+    manager_.waitingList = {loadedB};
+
+    // On the service: B has run since, C was deleted, D is new.
+    b->mBackupDate = b->mBackupDate.addingTimeInterval(3600);
+    ASSERT_TRUE(b->uploadTaskList("Edit", "B"));
+    ASSERT_EQ(CManageTaskList().deleteTasks("C"), ResultCode::Success);
+    registerTask("D", 7);
+
+    EXPECT_TRUE(manager_.refreshTaskList());
+    EXPECT_TRUE(manager_.bRefreshTaskListFlag); // the host clears it
+    EXPECT_TRUE(manager_.waitingList.empty());
+    EXPECT_EQ(loadedB->mTaskState, CBackupTask::StateIdle);
+    std::vector<std::string> after = names(manager_.taskList);
+    std::sort(after.begin(), after.end());
+    EXPECT_EQ(after, (std::vector<std::string>{"A", "B", "D"}));
+    EXPECT_EQ(manager_.GetTaskByName("A"), loadedA);
+    EXPECT_NE(manager_.GetTaskByName("B"), loadedB);
+    EXPECT_EQ(manager_.GetTaskByName("B")->mBackupDate, b->mBackupDate);
+    EXPECT_EQ(SystemLog::capturedCount("refresh task for stop tasks."), 1u);
+
+    // Nothing changed since: no change reported, the same objects stay.
+    TaskPtr newB = manager_.GetTaskByName("B");
+    EXPECT_FALSE(manager_.refreshTaskList());
+    EXPECT_EQ(manager_.GetTaskByName("B"), newB);
+
+    // The service's list cannot be read: nothing changes.
+    store_->failOperation(Op::ReadTaskList, ResultCode::Failure);
+    EXPECT_FALSE(manager_.refreshTaskList());
+    EXPECT_EQ(manager_.taskList.size(), 3u);
+    EXPECT_FALSE(manager_.refreshTaskListForRemoteDeleteTask());
+    EXPECT_TRUE(SystemLog::capturedContains("Error:refreshTaskListForRemoteDeleteTask. Get result: "));
+}
+
+TEST_F(BackupManageLogonThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTheLists) {
+    // Without a session only the flags are set.
+    TaskPtr idle = std::make_shared<CBackupTask>();
+    idle->name = "Idle";
+    manager_.taskList = {idle};
+    manager_.logOff(false);
+    EXPECT_TRUE(manager_.bLogOff);
+    EXPECT_TRUE(manager_.bExit);
+    EXPECT_EQ(manager_.taskList.size(), 1u);
+    EXPECT_EQ(SystemLog::capturedCount("Start to log off."), 0u);
+
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+    manager_.bLogOff = manager_.bExit = false;
+    manager_.pcID = 7;
+    Host host;
+    manager_.SetDelegate(&host);
+    auto running = std::make_shared<CBackupTask>();
+    running->name = "Run";
+    running->pcID = 7;
+    running->serverPath = "\\Backups\\Run";
+    makeFile("Run/a.txt", "alpha");
+    running->localDirList = {home_.file("Run")};
+    manager_.taskList.push_back(running);
+    manager_.AddErrTask(idle);
+    manager_.pSaveTask = idle;
+
+    clock_->gateWhen(
+        [this] { return manager_.pScheduleThread && manager_.pScheduleThread->isCurrent(); });
+    manager_.doScheduleTaskThreadMethod();
+    clock_->waitForSleeper(); // before its first pass
+    clock_->releaseSleeper();
+    clock_->waitForSleeper(); // inside the first pass
+    host.hold("Run");
+    ASSERT_TRUE(manager_.StartBackupByUser("Run", false));
+    host.waitHeld();
+    manager_.AddTaskToWaitList(idle, false);
+
+    std::thread hostThread([&] { manager_.logOff(false); });
+    auto progress = running->GetProgress();
+    while (!progress->IsClickedCancel())
+        std::this_thread::yield();
+    host.release();          // the run ends, cancelled ...
+    clock_->releaseSleeper(); // ... and the scheduler sees bLogOff
+    hostThread.join();
+    manager_.pScheduleThread->join();
+
+    std::vector<std::string> log = SystemLog::captured();
+    auto at = [&](const std::string& line) {
+        return std::find(log.begin(), log.end(), line) - log.begin();
+    };
+    ASSERT_LT(at("Exit do schedule."), static_cast<long>(log.size()));
+    EXPECT_LT(at("Exit do schedule."), at("Start to log off."));
+    EXPECT_EQ(host.events(), (std::vector<std::string>{"Run:1"})); // no end events
+    EXPECT_NE(running->mTaskState, CBackupTask::StateRunning);
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
+    EXPECT_EQ(manager_.pSaveTask, nullptr);
+    EXPECT_TRUE(manager_.taskList.empty());
+    EXPECT_TRUE(manager_.waitingList.empty());
+    EXPECT_TRUE(manager_.errTaskList.empty());
+    EXPECT_TRUE(api().sessionID().empty());
+}
+
+} // namespace

@@ -1,0 +1,154 @@
+// A user's session end to end on the real local store and the headless wait dialog:
+// logon with the retry count-down, creating a task through the wizard, log-off, and a
+// later logon from a fresh manager that finds the same task.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/LocalDate.h"
+#include "engine/manager/CBackupManage.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/view/ViewLayout.h"
+#include "platform/view/headless/HeadlessViewBackend.h"
+#include "ui/CreateViewXibController.h"
+#include "ui/LoopDlgController.h"
+
+using namespace cirrovault;
+
+namespace {
+
+using Op = FaultInjectingStore::Operation;
+
+class StepHost : public CreateViewXibControllerDelegate {
+public:
+    bool GoToTaskStep2Delegate(CreateViewXibController&) override { return true; }
+};
+
+std::string text(const char* key) {
+    return LoadString::GetValueByKey(key, "");
+}
+std::string countDown(int seconds) {
+    return LoadString::Format("IDS_STRFAILCONTRYTIME", 4,
+                              " " + LoadString::Format("IDS_STRSECONDS", seconds));
+}
+
+class LogonLifecycleThread : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        Clock::setShared(std::make_shared<ManualClock>(Date(1'700'000'000.0)));
+        NimboMessagebox::setPresenter(dialogs_);
+        LoopDlgController::installFactory(backend_);
+        SystemLog::startCapture();
+        api().Logoff();
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        CLoopItem::setFactory(nullptr);
+        NimboMessagebox::setPresenter(nullptr);
+        Clock::setShared(nullptr);
+        SessionFixture::TearDown();
+    }
+    std::vector<std::string> texts(const char* outlet) const {
+        return backend_->textsOf(ViewLayout::LoopDialog, outlet);
+    }
+
+    std::shared_ptr<HeadlessViewBackend> backend_ = std::make_shared<HeadlessViewBackend>();
+    std::shared_ptr<HeadlessMessagebox> dialogs_ = std::make_shared<HeadlessMessagebox>();
+};
+
+TEST_F(LogonLifecycleThread, RetryInTheDialogTriesThreeTimesMoreAndCancelEndsTheLogon) {
+    CBackupManage manager;
+    store_->failOperation(Op::Logon, ResultCode::Failure);
+    backend_->pressWhenText(ViewLayout::LoopDialog, ViewOutlet::RetryLogonStr, countDown(58),
+                            ViewButton::Retry);
+    // Pressed in the second count-down only: the first one ends with Retry at 58.
+    backend_->pressWhenText(ViewLayout::LoopDialog, ViewOutlet::RetryLogonStr, countDown(57),
+                            ViewButton::Cancel);
+
+    EXPECT_EQ(manager.Mylogon("alice", "secret"), 6);
+    const std::string minute =
+        LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1));
+    EXPECT_EQ(texts(ViewOutlet::LogOnStr),
+              (std::vector<std::string>{text("IDS_SINGING"), text("IDS_STRFAILCONTRY"),
+                                        text("IDS_STRFAILCONTRY2"), text("IDS_STRFAILCONTRY3"),
+                                        text("IDS_STRFAILCONTRY"), text("IDS_STRFAILCONTRY2"),
+                                        text("IDS_STRFAILCONTRY3")}));
+    EXPECT_EQ(texts(ViewOutlet::RetryLogonStr),
+              (std::vector<std::string>{minute, countDown(59), countDown(58), text("IDS_SINGING"),
+                                        minute, countDown(59), countDown(58), countDown(57)}));
+    EXPECT_TRUE(api().sessionID().empty());
+}
+
+TEST_F(LogonLifecycleThread, TaskMadeInTheWizardIsFoundAgainAfterLogOffAndLogon) {
+    makeFile("work/docs/report.txt", "quarterly numbers");
+    makeFile("work/docs/notes.tmp", "scratch");
+    makeFile("work/docs/cache/blob.bin", "cached");
+    const std::string docs = home_.file("work/docs");
+
+    StepHost stepHost;
+    CreateViewXibController wizard(backend_);
+    wizard.setDelegate(&stepHost);
+    ASSERT_EQ(wizard.logon("alice", "secret"), 0);
+    EXPECT_TRUE(wizard.getTaskList().empty());
+
+    ASSERT_TRUE(wizard.createTaskName());
+    wizard.setSetp1TaskName("Documents");
+    wizard.setStep1Description("My documents");
+    wizard.pStep1View->selectTypeTag(CBackupTask::ScheduleDaily);
+    ASSERT_TRUE(wizard.pFilePathView->openFolder(home_.file("work")));
+    const auto& rows = wizard.pFilePathView->rows();
+    auto row = std::find_if(rows.begin(), rows.end(),
+                            [&](const FileAttributeNode& node) { return node.filePath == docs; });
+    ASSERT_NE(row, rows.end());
+    ASSERT_TRUE(wizard.pFilePathView->tickRow(static_cast<size_t>(row - rows.begin())));
+    wizard.nextButton();
+    ASSERT_EQ(wizard.nTaskStep1ButtonType, 1);
+
+    CBackupManage& first = *wizard.pBackupManage;
+    first.SetFilter({"*.tmp"});
+    first.SetFilterPath({"cache"});
+    first.SetEndDate(test::localDate(2031, 6, 30, 18, 0));
+    ASSERT_TRUE(first.EndNewTask());
+    CBackupManage::TaskPtr made = first.GetTaskByName("Documents");
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(made->mTaskState, CBackupTask::StateIdle); // its first run is tomorrow
+
+    first.logOff(false);
+    EXPECT_TRUE(api().sessionID().empty());
+    EXPECT_TRUE(first.taskList.empty());
+    std::vector<std::string> shown = texts(ViewOutlet::LogOnStr);
+    EXPECT_NE(std::find(shown.begin(), shown.end(), text("IDS_LOGOFFING")), shown.end());
+
+    CBackupManage second;
+    ASSERT_EQ(second.Mylogon("alice", "secret"), 0);
+    CBackupManage::TaskPtr found = second.GetTaskByName("Documents");
+    ASSERT_NE(found, nullptr);
+    EXPECT_NE(found, made);
+    EXPECT_EQ(found->taskID, made->taskID);
+    EXPECT_EQ(found->description, "My documents");
+    EXPECT_EQ(found->taskType, made->taskType);
+    EXPECT_EQ(found->taskType & CBackupTask::ScheduleKindMask, CBackupTask::ScheduleDaily);
+    EXPECT_EQ(found->mDating, made->mDating);
+    EXPECT_EQ(found->mBeginDate, made->mBeginDate);
+    EXPECT_EQ(found->mEndDate, test::localDate(2031, 6, 30, 18, 0));
+    EXPECT_EQ(found->mBackupDate, made->mBackupDate);
+    EXPECT_EQ(found->filterExt, (std::vector<std::string>{"*.tmp"}));
+    EXPECT_EQ(found->filtedPath, (std::vector<std::string>{"cache"}));
+    EXPECT_EQ(found->uiMaxVersion, made->uiMaxVersion);
+    EXPECT_EQ(found->serverPath, made->serverPath);
+    EXPECT_EQ(found->pcID, second.pcID); // the same computer: not offered for migration
+    EXPECT_FALSE(found->bMigrateTask);
+    ASSERT_EQ(found->loadFilePathListFromDB(), ResultCode::Success);
+    EXPECT_EQ(found->localDirList, (std::vector<SourceEntry>{docs}));
+}
+
+} // namespace
