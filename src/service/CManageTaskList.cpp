@@ -132,9 +132,23 @@ int32_t CManageTaskList::addOrEditBackupTask(TaskListEntry& task, const std::str
         appendPair(url, "Upgraded=", upgraded);
         appendPair(url, "OldTaskName=", taskAction == "Edit" ? oldTaskName : task.name);
 
-        if (taskAction != "Add" && renamed) {
-            // The rename on the service follows the record; its results do not decide
-            // the outcome (a task without data yet has no folders to rename).
+        if (taskAction == "Add")
+            return addOrEditLocalPath({}, pathItems(task.localDirList), url, taskAction, false);
+        int32_t result;
+        if (!task.bMigrateTask)
+            result = addOrEditLocalPath(pathItems(task.deleteFileArray),
+                                        pathItems(task.addFileArray), url, taskAction, false);
+        else if (!task.bOnlyMigrateTaskOrignalPath)
+            result = addOrEditLocalPath(pathItems(task.sourceInfoArray),
+                                        pathItems(task.addFileArray), url, taskAction, true);
+        else
+            result = addOrEditLocalPath({}, {}, url, taskAction, true);
+
+        if (renamed && result == ResultCode::Success) {
+            // The folders follow the record only once the service has taken the new
+            // name: a refused rename (the name is another task's) must not move this
+            // task's data under that name. Their results do not decide the outcome (a
+            // task without data yet has no folders to rename).
             auto& service = TransferApiUtil::shareTransferApiUtil();
             service.EditFolder(oldServerPath, task.name, "", "");
             std::string historyFolder =
@@ -145,16 +159,7 @@ int32_t CManageTaskList::addOrEditBackupTask(TaskListEntry& task, const std::str
             if (!oldHistory.empty())
                 service.EditFolder(oldHistory, task.name, "", "");
         }
-
-        if (taskAction == "Add")
-            return addOrEditLocalPath({}, pathItems(task.localDirList), url, taskAction, false);
-        if (!task.bMigrateTask)
-            return addOrEditLocalPath(pathItems(task.deleteFileArray), pathItems(task.addFileArray),
-                                      url, taskAction, false);
-        if (!task.bOnlyMigrateTaskOrignalPath)
-            return addOrEditLocalPath(pathItems(task.sourceInfoArray), pathItems(task.addFileArray),
-                                      url, taskAction, true);
-        return addOrEditLocalPath({}, {}, url, taskAction, true);
+        return result;
     } catch (const std::exception&) {
         SystemLog::write("Error:addOrEditBackupTask");
         return static_cast<int32_t>(ResultCode::Failure);

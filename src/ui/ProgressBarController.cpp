@@ -9,19 +9,32 @@ namespace cirrovault {
 
 namespace {
 std::mutex sharedMutex;
-std::unique_ptr<ProgressBarController> sharedController; // guarded by sharedMutex
+std::shared_ptr<ProgressBarController> sharedController; // guarded by sharedMutex
 } // namespace
 
-ProgressBarController& ProgressBarController::shareProgressController() {
+std::shared_ptr<ProgressBarController> ProgressBarController::sharedInstance() {
     std::lock_guard lock(sharedMutex);
     if (!sharedController)
-        sharedController = std::make_unique<ProgressBarController>();
-    return *sharedController;
+        sharedController = std::make_shared<ProgressBarController>();
+    return sharedController;
+}
+
+ProgressBarController& ProgressBarController::shareProgressController() {
+    return *sharedInstance();
 }
 
 void ProgressBarController::releaseProgressController() {
     std::lock_guard lock(sharedMutex);
     sharedController.reset();
+}
+
+void ProgressBarController::installProgressModeHost() {
+    ProgressModeHost::setProvider(
+        []() -> std::shared_ptr<ProgressModeHost> { return sharedInstance(); });
+}
+
+void ProgressBarController::uninstallProgressModeHost() {
+    ProgressModeHost::setProvider(nullptr);
 }
 
 ProgressBarController::ProgressBarController(std::shared_ptr<ViewBackend> backend)

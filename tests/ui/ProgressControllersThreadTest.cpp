@@ -16,6 +16,12 @@
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "ui/CDownloadFileController.h"
 #include "ui/ProgressBarController.h"
+#include "engine/manager/CBackupManage.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/ProgressModeHost.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "service/CManageTaskList.h"
 
 namespace cirrovault {
 namespace {
@@ -188,6 +194,42 @@ TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
     EXPECT_EQ(controller.view()->nType, 1); // the worker's leave comes last
     ASSERT_EQ(boxes->shown().size(), 1u);
     EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("closeDownloadFileView"));
+}
+
+// The shared controller, once installed, is the window the manager's deletions run
+// under: the worker is started by the window and closes it at its end.
+TEST_F(ProgressThreadTest, InstalledControllerRunsTheManagersDeletion) {
+    ViewBackend::setShared(backend);
+    ProgressBarController::installProgressModeHost();
+    auto& api = TransferApiUtil::shareTransferApiUtil();
+    ASSERT_EQ(api.OpenService("file://" + home.file("store")), ResultCode::Success);
+    ASSERT_EQ(api.Logon("alice", "secret"), ResultCode::Success);
+    ASSERT_EQ(api.AddFolder("\\Backups", "", "", false), ResultCode::Success);
+    ASSERT_EQ(api.AddFolder("\\Backups\\Docs", "", "", false), ResultCode::Success);
+    TaskListEntry record;
+    record.name = "Docs";
+    record.serverPath = "\\Backups\\Docs";
+    CManageTaskList list;
+    ASSERT_EQ(list.addOrEditBackupTask(record, "Add", "0", "Docs", "1"), ResultCode::Success);
+    CBackupManage manager;
+    auto task = std::make_shared<CBackupTask>();
+    task->name = "Docs";
+    task->serverPath = record.serverPath;
+    manager.taskList.push_back(task);
+
+    EXPECT_TRUE(ProgressModeHost::shared());
+    EXPECT_TRUE(manager.BatchDeleteTask("Docs", true));
+    EXPECT_TRUE(manager.taskList.empty());
+    PathInfo info;
+    EXPECT_FALSE(TransferApiUtil::sharePathTreeController().FindPath("\\Backups\\Docs", info, false));
+    EXPECT_EQ(ProgressBarController::shareProgressController().windowCount(), 0u);
+    EXPECT_FALSE(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::TotalLabel).empty());
+
+    ProgressBarController::uninstallProgressModeHost();
+    EXPECT_FALSE(ProgressModeHost::shared());
+    ProgressBarController::releaseProgressController();
+    ViewBackend::setShared(nullptr);
+    TransferApiUtil::releaseTransferApiUtil();
 }
 
 } // namespace

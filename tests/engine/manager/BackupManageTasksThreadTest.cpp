@@ -1,0 +1,477 @@
+// Task creation, edit, deletion and versions through the manager, against a real local
+// store: what the service's task list and folders hold afterwards, and the runs that
+// follow.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/LocalDate.h"
+#include "engine/manager/CBackupManage.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/LoadString.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/ProgressModeHost.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "platform/os/UrlOpener.h"
+#include "service/CManageTaskList.h"
+#include "support/GlobalFunction.h"
+
+using namespace cirrovault;
+
+namespace {
+
+using TaskPtr = std::shared_ptr<CBackupTask>;
+constexpr uint64_t kPc = 7;
+
+class HostEvents : public StowlineBackupManageDelegate {
+public:
+    bool StowlineBackupManageDelegateFun(CBackupManage*, const TaskPtr& task,
+                                         int32_t type) override {
+        std::lock_guard lock(mutex_);
+        if (type != refreshProgressBarDelegate)
+            events_.push_back((task ? task->name : std::string()) + ":" + std::to_string(type));
+        return true;
+    }
+    size_t count(const std::string& event) {
+        std::lock_guard lock(mutex_);
+        return std::count(events_.begin(), events_.end(), event);
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+// A progress window whose user has pressed Cancel as soon as it came up.
+class CancellingWindow : public ProgressModeHost {
+public:
+    void EnterProgressMode(Thread* thread) override {
+        entered = thread;
+        thread->start();
+    }
+    void LeaveProgressModel(Thread* thread) override { left = thread; }
+    bool IsCancelProgressModel(Thread*) override { return true; }
+    std::shared_ptr<TrueProgressCallback> getProgressInfo(Thread*) override { return nullptr; }
+    Thread* entered = nullptr;
+    Thread* left = nullptr;
+};
+
+class BackupManageTasksThread : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        clock_ = std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
+        Clock::setShared(clock_);
+        dialogs_ = std::make_shared<HeadlessMessagebox>();
+        NimboMessagebox::setPresenter(dialogs_);
+        UrlOpener::setOpenerProgram("true");
+        ProgressModeHost::setProvider(nullptr);
+        SystemLog::startCapture();
+        manager_.pcID = kPc;
+        manager_.SetDelegate(&host_);
+    }
+    void TearDown() override {
+        for (const auto& task : started_)
+            if (auto worker = task->pBackupTaskThread)
+                worker->join();
+        ProgressModeHost::setProvider(nullptr);
+        SystemLog::stopCapture();
+        UrlOpener::setOpenerProgram("");
+        NimboMessagebox::setPresenter(nullptr);
+        Clock::setShared(nullptr);
+        SessionFixture::TearDown();
+    }
+
+    Date now() const { return clock_->now(); }
+
+    // A daily task of this computer over the local folder "src-<name>" with two files,
+    // not due for a long time.
+    TaskPtr makeTask(const std::string& name) {
+        makeFile("src-" + name + "/a.txt", "alpha of " + name);
+        makeFile("src-" + name + "/b.txt", "beta of " + name);
+        auto task = std::make_shared<CBackupTask>();
+        task->name = name;
+        task->pcID = kPc;
+        task->serverPath = "\\Backups\\" + name;
+        task->localDirList = {home_.file("src-" + name)};
+        task->taskType = CBackupTask::ScheduleDaily;
+        task->mDating = now().addingTimeInterval(86400 * 30);
+        return task;
+    }
+    TaskPtr registered(const std::string& name) {
+        TaskPtr task = makeTask(name);
+        EXPECT_TRUE(manager_.AddTask(task));
+        return task;
+    }
+    // One whole run started as the user would; returns the files it stored.
+    int run(const TaskPtr& task) {
+        int before = store_->putCount();
+        EXPECT_TRUE(manager_.StartBackupByUser(task->name, false));
+        finish(task);
+        EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
+        return store_->putCount() - before;
+    }
+    void finish(const TaskPtr& task) {
+        started_.push_back(task);
+        std::shared_ptr<Thread> worker = task->pBackupTaskThread;
+        task->checkFinshedBackup();
+        if (worker)
+            worker->join();
+    }
+    // A change to a.txt that the next run must upload, keeping the old copy as a version.
+    void change(const std::string& name, int round) {
+        makeFile("src-" + name + "/a.txt", "alpha " + std::string(round, '+'),
+                 1'600'000'000.0 + 3600 * round);
+    }
+    StoreItem item(const std::string& path) {
+        StoreItem found;
+        if (local_->stat(path, found) != ResultCode::Success)
+            found.fileCount = -1;
+        return found;
+    }
+    bool exists(const std::string& path) {
+        StoreItem found;
+        return local_->stat(path, found) == ResultCode::Success;
+    }
+    std::string historyRoot() {
+        CBackupTask probe;
+        return probe.getSvrHistoryFolder(false);
+    }
+    std::vector<std::string> serviceTaskNames() {
+        CManageTaskList list;
+        list.getTaskNames("false");
+        return list.taskNamesArray;
+    }
+    static bool contains(const std::vector<std::string>& names, const std::string& name) {
+        return std::find(names.begin(), names.end(), name) != names.end();
+    }
+    bool listed(const TaskPtr& task) {
+        std::lock_guard lock(manager_.managerLock);
+        return std::find(manager_.taskList.begin(), manager_.taskList.end(), task) !=
+               manager_.taskList.end();
+    }
+
+    std::shared_ptr<ManualClock> clock_;
+    std::shared_ptr<HeadlessMessagebox> dialogs_;
+    HostEvents host_;
+    CBackupManage manager_;
+    std::vector<TaskPtr> started_;
+};
+
+TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
+    auto named = [](int n) { return LoadString::Format("IDS_TASKNAMEFOR", n); };
+    for (int n : {0, 2}) {
+        auto task = std::make_shared<CBackupTask>();
+        task->name = named(n);
+        manager_.taskList.push_back(task);
+    }
+    EXPECT_EQ(manager_.CreateRandomName(), named(1)); // the gap first
+    for (int n : {1, 3, 4}) {
+        auto task = std::make_shared<CBackupTask>();
+        task->name = named(n);
+        manager_.taskList.push_back(task);
+    }
+    EXPECT_EQ(manager_.CreateRandomName(), named(5));
+
+    // Without a session the account's figures cannot be had: the user is told.
+    api().Logoff();
+    EXPECT_FALSE(manager_.BeginNewTask());
+    EXPECT_FALSE(manager_.IsCreateingTask());
+    ASSERT_EQ(dialogs_->shown().size(), 1u);
+    EXPECT_EQ(dialogs_->shown()[0].text, TransferApiUtil::stringWithReturnCode(1));
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+
+    ASSERT_TRUE(manager_.BeginNewTask());
+    TaskPtr first = manager_.GetNewTask();
+    EXPECT_EQ(first->name, named(5));
+    EXPECT_EQ(first->description, named(5));
+    EXPECT_EQ(first->pcID, kPc);
+    ASSERT_TRUE(manager_.BeginNewTask());
+    EXPECT_EQ(manager_.GetNewTask(), first);
+
+    EXPECT_TRUE(manager_.SetMaxVersions(3));
+    EXPECT_EQ(first->uiMaxVersion, 10u); // the limit comes from the service's task list
+    manager_.setType(CBackupTask::ScheduleWeekly);
+    manager_.SetFilter({"*.tmp"});
+    manager_.SetEndDate(now());
+    EXPECT_EQ(first->taskType, CBackupTask::ScheduleWeekly);
+    EXPECT_EQ(first->filterExt, std::vector<std::string>{"*.tmp"});
+    EXPECT_EQ(first->mEndDate, now());
+    manager_.CancelNewTask();
+    EXPECT_FALSE(manager_.SetMaxVersions(3));
+    manager_.setType(1);
+    EXPECT_TRUE(SystemLog::capturedContains("New task class is empty"));
+
+    // A registration the service refuses: the newcomer leaves the list, a task of the
+    // same name that was there before stays.
+    manager_.taskList.clear();
+    TaskPtr original = makeTask("Docs");
+    manager_.taskList.push_back(original);
+    TaskPtr twin = makeTask("Docs");
+    api().Logoff();
+    dialogs_->clearShown();
+    EXPECT_FALSE(manager_.AddTask(twin));
+    ASSERT_EQ(dialogs_->shown().size(), 1u);
+    EXPECT_EQ(dialogs_->shown()[0].text, "Not logon.");
+    EXPECT_EQ(manager_.taskList, std::vector<TaskPtr>{original});
+}
+
+TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
+    ASSERT_TRUE(manager_.BeginNewTask());
+    manager_.InitLocalFolderlist({home_.file("missing")});
+    manager_.SetServerFolder("\\Backups\\New");
+    EXPECT_FALSE(manager_.EndNewTask());
+    EXPECT_TRUE(SystemLog::capturedContains("Error: scan file array is empty"));
+    EXPECT_TRUE(manager_.IsCreateingTask()); // the wizard may go on
+
+    makeFile("src-New/a.txt", "alpha");
+    TaskPtr task = manager_.GetNewTask();
+    manager_.InitLocalFolderlist({home_.file("src-New")});
+    manager_.SetEndDate(now().addingTimeInterval(-60)); // no run at once
+    ASSERT_TRUE(manager_.EndNewTask());
+    EXPECT_FALSE(manager_.IsCreateingTask());
+    EXPECT_EQ(manager_.GetTaskByName(task->name), task);
+    EXPECT_TRUE(contains(serviceTaskNames(), task->name));
+    EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle);
+}
+
+TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
+    TaskPtr later = makeTask("Later");
+    ASSERT_TRUE(manager_.AddTask(later));
+    TaskPtr over = makeTask("Over");
+    over->taskType = CBackupTask::ScheduleNone;
+    over->mEndDate = now().addingTimeInterval(-1);
+    ASSERT_TRUE(manager_.AddTask(over));
+    EXPECT_TRUE(listed(later));
+    EXPECT_TRUE(listed(over));
+    EXPECT_TRUE(manager_.waitingList.empty());
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
+
+    manager_.SetRestoreWorkingFile(std::string("/x"), std::string("\\x"));
+    TaskPtr now = makeTask("Now");
+    now->taskType = CBackupTask::ScheduleNone;
+    now->mBeginDate = this->now().addingTimeInterval(-10);
+    now->mEndDate = this->now().addingTimeInterval(10);
+    ASSERT_TRUE(manager_.AddTask(now));
+    {
+        std::lock_guard lock(manager_.managerLock);
+        EXPECT_EQ(manager_.pWorkingTask, now);
+        EXPECT_FALSE(listed(now)); // it runs as the working task, outside the list
+        EXPECT_EQ(manager_.waitingList, std::vector<TaskPtr>{now});
+        EXPECT_EQ(manager_.strWorkingFile, "");
+        EXPECT_EQ(manager_.strServerWorkingFile, "");
+    }
+    finish(now);
+    EXPECT_EQ(now->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_TRUE(exists("\\Backups\\Now\\src-Now\\a.txt"));
+    EXPECT_EQ(host_.count("Now:1"), 1u);
+}
+
+TEST_F(BackupManageTasksThread, DeletionWithServerFilesRemovesFoldersAndRecord) {
+    TaskPtr docs = registered("Docs");
+    TaskPtr keep = registered("Keep");
+    EXPECT_EQ(run(docs), 2);
+    change("Docs", 1);
+    EXPECT_EQ(run(docs), 1);
+    EXPECT_EQ(run(keep), 2);
+    const std::string history = historyRoot() + "\\Docs";
+    ASSERT_TRUE(exists(history));
+
+    EXPECT_TRUE(manager_.BatchDeleteTask("Docs", true));
+    EXPECT_TRUE(docs->bDeleting);
+    EXPECT_FALSE(exists("\\Backups\\Docs"));
+    EXPECT_FALSE(exists(history));
+    EXPECT_FALSE(listed(docs));
+    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_TRUE(contains(serviceTaskNames(), "Keep"));
+    EXPECT_TRUE(exists("\\Backups\\Keep\\src-Keep\\b.txt"));
+    EXPECT_EQ(host_.count(":6"), 1u);
+    EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
+}
+
+TEST_F(BackupManageTasksThread, DeletionKeepingServerFilesRenamesBothFolders) {
+    TaskPtr docs = registered("Docs");
+    run(docs);
+    change("Docs", 1);
+    run(docs);
+    EXPECT_TRUE(manager_.BatchDeleteTask("Docs", false));
+
+    // The computer's name, the time and the task's name joined by dots.
+    const std::string kept = GlobalFunction::getPCName() + ".2011-03-05 14-07-";
+    std::vector<StoreItem> backups;
+    ASSERT_EQ(local_->list("\\Backups", backups), ResultCode::Success);
+    ASSERT_EQ(backups.size(), 1u);
+    EXPECT_EQ(backups[0].name.rfind(kept, 0), 0u) << backups[0].name;
+    EXPECT_EQ(backups[0].name.substr(backups[0].name.size() - 5), ".Docs");
+    EXPECT_EQ(backups[0].fileCount, 2);
+    EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
+    EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
+    EXPECT_FALSE(listed(docs));
+    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+}
+
+TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotReach) {
+    auto window = std::make_shared<CancellingWindow>();
+    ProgressModeHost::setProvider([window] { return window; });
+    TaskPtr docs = registered("Docs");
+    run(docs);
+
+    // Cancelled before the service deleted anything: folders, record and task stay.
+    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", true));
+    EXPECT_NE(window->entered, nullptr);
+    EXPECT_EQ(window->left, window->entered);
+    EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
+    EXPECT_TRUE(listed(docs));
+    EXPECT_TRUE(contains(serviceTaskNames(), "Docs"));
+
+    // Keeping the server files, the renaming and the removal still happen.
+    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", false));
+    EXPECT_FALSE(exists("\\Backups\\Docs"));
+    EXPECT_FALSE(listed(docs));
+    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+}
+
+TEST_F(BackupManageTasksThread, SelectedVersionsAreDeleted) {
+    TaskPtr docs = registered("Docs");
+    run(docs);
+    change("Docs", 1);
+    run(docs);
+    change("Docs", 2);
+    run(docs);
+    const std::string versions = historyRoot() + "\\Docs\\src-Docs";
+    std::vector<StoreItem> kept;
+    ASSERT_EQ(local_->list(versions, kept), ResultCode::Success);
+    ASSERT_EQ(kept.size(), 2u);
+
+    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Nobody"));
+    EXPECT_TRUE(exists(versions + "\\" + kept[0].name));
+    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Docs"));
+    EXPECT_FALSE(exists(versions + "\\" + kept[0].name));
+    EXPECT_TRUE(exists(versions + "\\" + kept[1].name));
+    EXPECT_TRUE(docs->deleteFileArray.empty());
+    EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
+}
+
+TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
+    TaskPtr docs = registered("Docs");
+    run(docs);
+    change("Docs", 1);
+    run(docs);
+    const std::vector<std::string> sources = {home_.file("src-Docs")};
+
+    docs->name = "Papers";
+    docs->backupFileArray = sources;
+    docs->addFileArray = {"stale"};
+    ASSERT_EQ(manager_.editBackupTask(docs, "Docs"), 0);
+    EXPECT_EQ(docs->serverPath, "\\Backups\\Papers");
+    EXPECT_EQ(docs->localDirList, std::vector<SourceEntry>(sources.begin(), sources.end()));
+    EXPECT_TRUE(docs->addFileArray.empty());
+    EXPECT_TRUE(docs->backupFileArray.empty());
+    EXPECT_FALSE(exists("\\Backups\\Docs"));
+    EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
+    EXPECT_EQ(item("\\Backups\\Papers").fileCount, 2);
+    EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
+    EXPECT_TRUE(contains(serviceTaskNames(), "Papers"));
+    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+
+    EXPECT_EQ(run(docs), 0); // nothing changed, nothing sent again
+    change("Docs", 2);
+    EXPECT_EQ(run(docs), 1);
+    EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2); // the versions go on
+
+    // A rename the service refuses leaves the task where its record is.
+    TaskPtr other = registered("Other");
+    docs->name = "Other";
+    dialogs_->clearShown();
+    EXPECT_NE(manager_.editBackupTask(docs, "Papers"), 0);
+    EXPECT_EQ(dialogs_->shown().size(), 1u);
+    EXPECT_EQ(docs->serverPath, "\\Backups\\Papers");
+    EXPECT_EQ(item("\\Backups\\Papers").fileCount, 2);
+    EXPECT_FALSE(exists("\\Backups\\Other"));
+    EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2);
+}
+
+TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
+    auto foreign = [&](const std::string& name, std::vector<std::string> paths) {
+        auto task = std::make_shared<CBackupTask>();
+        task->name = name;
+        task->pcID = 99;
+        task->bMigrateTask = true;
+        task->mEndDate = now().addingTimeInterval(-1); // no run at once
+        task->serverPath = "\\Backups\\" + name;
+        task->localDirList.assign(paths.begin(), paths.end());
+        EXPECT_TRUE(manager_.AddTask(task));
+        return task;
+    };
+    auto newSources = [](const TaskPtr& task) {
+        std::vector<std::string> paths;
+        for (const auto& entry : task->localDirList)
+            paths.push_back(entry.path());
+        return paths;
+    };
+    TaskPtr drives = foreign("Drives", {"C:\\Users\\bob", "D:\\Media"});
+    EXPECT_TRUE(manager_.MigrateTaskToCurrentPC("/new", drives, 0));
+    EXPECT_EQ(newSources(drives), (std::vector<std::string>{"/new/C", "/new/D"}));
+    EXPECT_EQ(drives->pcID, kPc);
+    EXPECT_EQ(drives->mPCName, GlobalFunction::GetMachineName());
+    EXPECT_TRUE(drives->addFileArray.empty());
+    EXPECT_TRUE(drives->deleteFileArray.empty());
+
+    TaskPtr one = foreign("One", {"E:\\"});
+    EXPECT_TRUE(manager_.MigrateTaskToCurrentPC("/new", one, 1));
+    EXPECT_EQ(newSources(one), std::vector<std::string>{"/new/E"});
+
+    // A task the service does not know: the user is told, nothing is kept pending.
+    auto unknown = std::make_shared<CBackupTask>();
+    unknown->name = "Unknown";
+    unknown->localDirList = {"/a/b"};
+    unknown->sourceInfoArray = {{{"PathID", "/a/b"}, {"TypeID", "1"}}};
+    EXPECT_FALSE(manager_.MigrateTaskToCurrentPC("/new", unknown, 3));
+    EXPECT_TRUE(unknown->sourceInfoArray.empty());
+    EXPECT_EQ(dialogs_->shown().size(), 1u);
+    EXPECT_FALSE(manager_.MigrateTaskToCurrentPC("/new", nullptr, 3));
+}
+
+TEST_F(BackupManageTasksThread, RestoreViewContextAndWorkingFiles) {
+    auto task = [&](const std::string& name, std::vector<std::string> paths, bool migrating) {
+        auto made = std::make_shared<CBackupTask>();
+        made->name = name;
+        made->serverPath = "\\Backups\\" + name;
+        made->bMigrateTask = migrating;
+        made->localDirList.assign(paths.begin(), paths.end());
+        manager_.taskList.push_back(made);
+    };
+    task("Drives", {"C:\\", "D:\\"}, true);
+    task("Drive", {"C:\\"}, true);
+    task("Here", {"/home/bob/Docs"}, false);
+    struct Want {
+        const char* name;
+        int32_t kind;
+        const char* local;
+    };
+    // Kinds 2 and 3 are seen in the migration tests.
+    for (Want want : {Want{"Drives", 0, ""}, Want{"Drive", 1, "C:\\"}}) {
+        manager_.GetTaskInformationForRestoreView(want.name);
+        EXPECT_EQ(manager_.nOSBackupDataType, want.kind) << want.name;
+        EXPECT_EQ(manager_.taskBackupLogLocalPath, want.local) << want.name;
+        EXPECT_EQ(manager_.taskServerPath, std::string("\\Backups\\") + want.name);
+        EXPECT_EQ(manager_.taskHistoryPath, historyRoot());
+    }
+
+    EXPECT_TRUE(manager_.IsWorkingTaskForRestore("Nobody"));
+    EXPECT_FALSE(manager_.IsWorkingTaskForRestore("Here"));
+    manager_.SetRestoreWorkingFile(std::string("  /Home/Bob/Docs/A.TXT \t"),
+                                   std::string(" \\Backups\\Here\\A.TXT "));
+    EXPECT_EQ(manager_.strWorkingFile, "/home/bob/docs/a.txt");
+    EXPECT_EQ(manager_.strServerWorkingFile, "\\backups\\here\\a.txt");
+    manager_.setWrokingFile(std::nullopt, std::nullopt);
+    EXPECT_EQ(manager_.strWorkingFile, "");
+}
+
+} // namespace

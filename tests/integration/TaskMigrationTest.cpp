@@ -1,0 +1,198 @@
+// A task moves to a second computer: that computer (its own data folder, so its own
+// identity) loads the task list, sees the task offered for migration, points it at a
+// copy of the same files under a new local root, and its next run goes on in the same
+// server folder without sending the unchanged files again.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/TempHome.h"
+#include "engine/manager/CBackupManage.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/HeadlessMessagebox.h"
+#include "platform/framework/NimboMessagebox.h"
+#include "platform/framework/SessionFixture.h"
+#include "platform/os/Clock.h"
+#include "platform/os/SystemLog.h"
+#include "service/CManageTaskList.h"
+
+using namespace cirrovault;
+
+namespace {
+
+using TaskPtr = std::shared_ptr<CBackupTask>;
+constexpr double kFileTime = 1'600'000'000.0;
+
+// Sends nothing on: runs of tasks outside any manager report here.
+class QuietDelegate : public StowlineDelegate {
+public:
+    bool StowlineDelegateFun(const TaskPtr&, StowlineDelegateType) override { return true; }
+};
+
+class TaskMigrationThread : public test::SessionFixture {
+protected:
+    void SetUp() override {
+        SessionFixture::SetUp();
+        Clock::setShared(clock_);
+        NimboMessagebox::setPresenter(dialogs_);
+        SystemLog::startCapture();
+        first_.initMyID();
+    }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        NimboMessagebox::setPresenter(nullptr);
+        Clock::setShared(nullptr);
+        SessionFixture::TearDown();
+    }
+
+    // The same files (content and modification time) under root.
+    void writeFiles(const std::string& root, const std::vector<std::string>& names) {
+        for (const auto& name : names) {
+            std::string path = root + "/" + name;
+            FileSystem::createDirectories(path.substr(0, path.find_last_of('/')));
+            FileSystem::writeFileAtomically(path, "content of " + name);
+            FileSystem::setModifyTime(path, Date(kFileTime));
+        }
+    }
+    // One whole run of a task of the manager, as the user starts it; the files stored.
+    int run(CBackupManage& manager, const std::string& name) {
+        int before = store_->putCount();
+        TaskPtr task = manager.GetTaskByName(name);
+        EXPECT_TRUE(task);
+        if (!task)
+            return -1;
+        EXPECT_TRUE(manager.StartBackupByUser(name, false));
+        std::shared_ptr<Thread> worker = task->pBackupTaskThread;
+        task->checkFinshedBackup();
+        worker->join();
+        EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << name;
+        return store_->putCount() - before;
+    }
+    // One task with its paths, or (as logon asks) every task without them.
+    std::string reply(const std::string& name) {
+        CManageTaskList list;
+        return list.getBackupTasks(name, name.empty() ? "false" : "true");
+    }
+    bool stored(const std::string& path) {
+        StoreItem item;
+        return local_->stat(path, item) == ResultCode::Success;
+    }
+    // The second computer: its own data folder and identity, the task list loaded.
+    void startSecondComputer() {
+        secondHome_ = std::make_unique<test::TempHome>();
+        second_.initMyID();
+        ASSERT_NE(second_.pcID, first_.pcID);
+        ASSERT_TRUE(second_.LoadTaskList(reply("")));
+    }
+    std::vector<std::string> sources(const TaskPtr& task) {
+        std::vector<std::string> paths;
+        for (const auto& entry : task->localDirList)
+            paths.push_back(entry.isRecord() ? entry.record().m_strPath : entry.path());
+        return paths;
+    }
+
+    std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(kFileTime + 86400));
+    std::shared_ptr<HeadlessMessagebox> dialogs_ = std::make_shared<HeadlessMessagebox>();
+    CBackupManage first_;
+    std::unique_ptr<test::TempHome> secondHome_;
+    CBackupManage second_;
+};
+
+TEST_F(TaskMigrationThread, TaskOfThisSystemMovesToANewRoot) {
+    const std::vector<std::string> files = {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"};
+    writeFiles(home_.file("old"), files);
+    auto task = std::make_shared<CBackupTask>();
+    task->name = "Home";
+    task->pcID = first_.pcID;
+    task->serverPath = "\\Backups\\Home";
+    task->localDirList = {home_.file("old/Docs"), home_.file("old/Pics")};
+    task->taskType = CBackupTask::ScheduleDaily;
+    task->mDating = clock_->now().addingTimeInterval(86400 * 30);
+    ASSERT_TRUE(first_.AddTask(task));
+    EXPECT_EQ(run(first_, "Home"), 3);
+
+    startSecondComputer();
+    TaskPtr moving = second_.GetTaskByName("Home");
+    ASSERT_TRUE(moving);
+    EXPECT_TRUE(moving->bMigrateTask);
+    EXPECT_FALSE(second_.nowDating(moving)); // never scheduled before it has moved
+    second_.GetTaskInformationForRestoreView("Home");
+    EXPECT_EQ(second_.nOSBackupDataType, 3);
+    EXPECT_EQ(second_.taskBackupLogLocalPath, home_.file("old"));
+
+    const std::string newRoot = secondHome_->file("moved");
+    writeFiles(newRoot, files);
+    ASSERT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
+    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
+    std::string record = reply("Home");
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", record), sources(moving));
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", record),
+              std::vector<std::string>{std::to_string(second_.pcID)});
+
+    EXPECT_EQ(run(second_, "Home"), 0);
+    writeFiles(newRoot, {"Docs/new.txt"});
+    EXPECT_EQ(run(second_, "Home"), 1);
+    EXPECT_TRUE(stored("\\Backups\\Home\\Docs\\new.txt"));
+
+    // Loaded afresh, the task is this computer's own.
+    CBackupManage again;
+    again.pcID = second_.pcID;
+    ASSERT_TRUE(again.LoadTaskList(reply("")));
+    ASSERT_TRUE(again.GetTaskByName("Home"));
+    EXPECT_FALSE(again.GetTaskByName("Home")->bMigrateTask);
+}
+
+TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
+    // The task as the other system's client left it: its record, with drive-letter
+    // paths, and its files in the task's folder, one sub-folder per source.
+    TaskListEntry record;
+    record.taskID = 4242;
+    record.pcID = 31337;
+    record.name = "Win";
+    record.mPCName = "office";
+    record.taskType = CBackupTask::ScheduleDaily;
+    record.serverPath = "\\Backups\\Win";
+    record.mDating = clock_->now().addingTimeInterval(86400 * 30);
+    record.mBeginDate = clock_->now().addingTimeInterval(-86400);
+    record.mEndDate = clock_->now().addingTimeInterval(86400 * 365);
+    record.localDirList = {"C:\\Users\\bob\\Docs", "C:\\Users\\bob\\Pics"};
+    CManageTaskList list;
+    ASSERT_EQ(list.addOrEditBackupTask(record, "Add", "0", "Win", "1"), 0);
+
+    const std::vector<std::string> files = {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"};
+    writeFiles(home_.file("win"), files);
+    QuietDelegate quiet;
+    auto uploader = std::make_shared<CBackupTask>();
+    uploader->name = "Uploader"; // not on the task list: its record update goes nowhere
+    uploader->serverPath = "\\Backups\\Win";
+    uploader->localDirList = {home_.file("win/Docs"), home_.file("win/Pics")};
+    uploader->SetDelegate(&quiet);
+    uploader->StartBackup(false);
+    std::shared_ptr<Thread> worker = uploader->pBackupTaskThread;
+    uploader->checkFinshedBackup();
+    worker->join();
+    ASSERT_TRUE(stored("\\Backups\\Win\\Pics\\c.jpg"));
+
+    startSecondComputer();
+    TaskPtr moving = second_.GetTaskByName("Win");
+    ASSERT_TRUE(moving);
+    EXPECT_TRUE(moving->bMigrateTask);
+    second_.GetTaskInformationForRestoreView("Win");
+    EXPECT_EQ(second_.nOSBackupDataType, 2);
+    EXPECT_EQ(second_.taskBackupLogLocalPath, "C:\\Users\\bob");
+
+    const std::string newRoot = secondHome_->file("bob");
+    writeFiles(newRoot, files);
+    ASSERT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
+    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", reply("Win")), sources(moving));
+
+    EXPECT_EQ(run(second_, "Win"), 0);
+    writeFiles(newRoot, {"Pics/d.jpg"});
+    EXPECT_EQ(run(second_, "Win"), 1);
+    EXPECT_TRUE(stored("\\Backups\\Win\\Pics\\d.jpg"));
+}
+
+} // namespace
