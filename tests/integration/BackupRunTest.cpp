@@ -1,12 +1,15 @@
-// Whole backup runs against the real local store: first run, an unchanged rerun, a
-// changed file with its old copy kept, and a cancelled large file resumed next time.
+// Whole backup runs against the real local store and real WebDAV servers: first run, an
+// unchanged rerun, a changed file with its old copy kept, and a cancelled large file
+// resumed next time.
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "common/WebDavTestServer.h"
 #include "engine/task/CBackupTask.h"
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/NimboMessagebox.h"
@@ -16,6 +19,7 @@
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/UrlOpener.h"
+#include "platform/store/webdav/WebDavStore.h"
 #include "support/CErrorLog.h"
 
 using namespace cirrovault;
@@ -48,10 +52,31 @@ public:
     uint64_t resumedBytes = 0;
 };
 
-class BackupRunThread : public test::SessionFixture {
+// The store a run goes to: the local one, or a WebDAV server started for the test.
+struct RunStore {
+    std::string name;
+    std::optional<test::WebDavTestServer::Kind> server;
+};
+
+void PrintTo(const RunStore& store, std::ostream* os) {
+    *os << store.name;
+}
+
+class BackupRunThread : public test::SessionFixture, public testing::WithParamInterface<RunStore> {
 protected:
     void SetUp() override {
         SessionFixture::SetUp();
+        raw_ = local_;
+        if (GetParam().server) {
+            server_ = std::make_unique<test::WebDavTestServer>(
+                *GetParam().server, home_.file("server"),
+                std::map<std::string, std::string>{{"alice", "secret"}});
+            raw_ = std::make_shared<WebDavStore>(server_->url("{user}/"));
+            store_ = std::make_shared<test::CountingStore>(raw_);
+            api().SetBackend(store_);
+            ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+            store_->resetCounts();
+        }
         clock_ = std::make_shared<ManualClock>(Date(T));
         Clock::setShared(clock_);
         dialogs_ = std::make_shared<HeadlessMessagebox>();
@@ -96,13 +121,15 @@ protected:
         return files;
     }
 
+    std::unique_ptr<test::WebDavTestServer> server_;
+    std::shared_ptr<StoreBackend> raw_; // the store behind the counting one
     std::shared_ptr<ManualClock> clock_;
     std::shared_ptr<HeadlessMessagebox> dialogs_;
     RunObserver observer_;
     std::shared_ptr<CBackupTask> task_;
 };
 
-TEST_F(BackupRunThread, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
+TEST_P(BackupRunThread, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
     std::vector<std::string> relatives;
     for (int d = 0; d < 6; ++d)
         for (int s = 0; s < 4; ++s)
@@ -119,7 +146,7 @@ TEST_F(BackupRunThread, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
     EXPECT_EQ(store_->putCount(), 240);
     for (const auto& rel : relatives) {
         StoreItem item;
-        ASSERT_EQ(local_->stat(serverOf(rel), item), ResultCode::Success) << rel;
+        ASSERT_EQ(raw_->stat(serverOf(rel), item), ResultCode::Success) << rel;
         EXPECT_EQ(item.size, ("content of " + rel).size());
         auto status = FileSystem::status(home_.file("work/" + rel));
         ASSERT_TRUE(status);
@@ -148,7 +175,7 @@ TEST_F(BackupRunThread, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
     EXPECT_EQ(task_->uiTaskCurrentUploadSize, 0u);
 }
 
-TEST_F(BackupRunThread, ChangedFileIsUploadedAndItsOldCopyKept) {
+TEST_P(BackupRunThread, ChangedFileIsUploadedAndItsOldCopyKept) {
     makeFile("work/notes.txt", "first words", T - 7200);
     makeFile("work/other.txt", "untouched", T - 7200);
     run();
@@ -159,7 +186,7 @@ TEST_F(BackupRunThread, ChangedFileIsUploadedAndItsOldCopyKept) {
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_EQ(store_->putCount(), 3);
     StoreItem item;
-    ASSERT_EQ(local_->stat(serverOf("notes.txt"), item), ResultCode::Success);
+    ASSERT_EQ(raw_->stat(serverOf("notes.txt"), item), ResultCode::Success);
     EXPECT_EQ(item.size, std::string("second words, longer").size());
 
     std::string history = task_->getSvrHistoryFolder(false);
@@ -170,7 +197,7 @@ TEST_F(BackupRunThread, ChangedFileIsUploadedAndItsOldCopyKept) {
     EXPECT_EQ(versions[0].iSize, std::string("first words").size());
 }
 
-TEST_F(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
+TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
     std::string big(3 << 20, 'x');
     for (size_t i = 0; i < big.size(); i += 4096)
         big[i] = static_cast<char>('a' + (i / 4096) % 26);
@@ -183,17 +210,25 @@ TEST_F(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
     EXPECT_EQ(task_->iBackupRet, 6u);
     StoreItem item;
-    EXPECT_NE(local_->stat(serverOf("big.bin"), item), ResultCode::Success);
+    EXPECT_NE(raw_->stat(serverOf("big.bin"), item), ResultCode::Success);
 
     observer_.cancelOnSecondTry.clear();
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_EQ(observer_.resumedBytes, kept);
+    // A server that cannot continue a part gets the file again whole.
+    EXPECT_EQ(observer_.resumedBytes, raw_->capabilities().resumableUpload ? kept : 0u);
     TransferInfo fetch;
     fetch.setSvrFile(serverOf("big.bin"));
     fetch.setLocFile(home_.file("fetched.bin"));
     ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success);
     EXPECT_TRUE(readFile(home_.file("fetched.bin")) == big);
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, BackupRunThread,
+                         testing::Values(RunStore{"Local", std::nullopt},
+                                         RunStore{"Apache", test::WebDavTestServer::Kind::Apache},
+                                         RunStore{"Lighttpd",
+                                                  test::WebDavTestServer::Kind::Lighttpd}),
+                         [](const testing::TestParamInfo<RunStore>& info) { return info.param.name; });
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "platform/framework/UrlCoding.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/local/LocalStore.h"
+#include "platform/store/webdav/WebDavStore.h"
 
 namespace cirrovault {
 
@@ -45,10 +46,18 @@ std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& servi
             }
             return std::make_shared<LocalStore>(folder);
         }
-        if (startsWith(serviceURL, "webdav://") || startsWith(serviceURL, "webdavs://")) {
-            SystemLog::write("Error: WebDAV stores are not available in this build: " +
-                             withoutCredentials(serviceURL));
-            return nullptr;
+        if (WebDavStore::isWebDavURL(serviceURL)) {
+            // Credentials come from the logon, never from the URL.
+            std::string rest = serviceURL.substr(serviceURL.find("://") + 3);
+            auto hostEnd = rest.find('/');
+            std::string host = rest.substr(0, hostEnd);
+            if (host.empty() || host.find('@') != std::string::npos ||
+                rest.find_first_of("?#") != std::string::npos) {
+                SystemLog::write("Error: the service URL is not a WebDAV folder: " +
+                                 withoutCredentials(serviceURL));
+                return nullptr;
+            }
+            return std::make_shared<WebDavStore>(serviceURL);
         }
         SystemLog::write("Error: unknown kind of service URL: " + withoutCredentials(serviceURL));
         return nullptr;

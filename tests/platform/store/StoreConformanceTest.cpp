@@ -439,7 +439,7 @@ TEST_P(StoreConformanceTest, TaskListWritesCompareVersions) {
     EXPECT_NE(version, v1);
 
     // Each account has its own document.
-    auto bob = connect("bob", "pw");
+    auto bob = connect("bob", "secret");
     ASSERT_EQ(bob->readTaskList(document, version), R::Success);
     EXPECT_EQ(document, "");
     EXPECT_EQ(store->flush(), R::Success);

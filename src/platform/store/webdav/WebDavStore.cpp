@@ -1,0 +1,526 @@
+// The WebDAV store: logon, connections, requests, quota and the task list.
+#include "platform/store/webdav/WebDavStore.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <exception>
+#include <thread>
+
+#include <sodium.h>
+
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/UrlCoding.h"
+#include "platform/os/SystemLog.h"
+#include "platform/store/webdav/WebDavTextSource.h"
+
+namespace cirrovault {
+
+namespace {
+
+constexpr const char* TaskListMagic = "cirrovault-tasklist ";
+
+std::string randomHex(size_t bytes) {
+    std::string raw(bytes, '\0');
+    randombytes_buf(raw.data(), raw.size());
+    std::string hex(bytes * 2 + 1, '\0');
+    sodium_bin2hex(hex.data(), hex.size(), reinterpret_cast<const unsigned char*>(raw.data()),
+                   raw.size());
+    hex.pop_back();
+    return hex;
+}
+
+bool startsWith(const std::string& text, std::string_view prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::string replaceAll(std::string text, const std::string& what, const std::string& with) {
+    for (size_t at = text.find(what); at != std::string::npos;
+         at = text.find(what, at + with.size()))
+        text.replace(at, what.size(), with);
+    return text;
+}
+
+} // namespace
+
+bool WebDavStore::isWebDavURL(const std::string& url) {
+    return startsWith(url, "webdav://") || startsWith(url, "webdavs://");
+}
+
+WebDavStore::WebDavStore(std::string serviceURL, HttpTimeouts timeouts)
+    : serviceURL_(std::move(serviceURL)), timeouts_(timeouts) {
+    if (startsWith(serviceURL_, "webdavs://"))
+        baseUrl_ = "https://" + serviceURL_.substr(10);
+    else if (startsWith(serviceURL_, "webdav://"))
+        baseUrl_ = "http://" + serviceURL_.substr(9);
+    auto hostStart = baseUrl_.find("://");
+    if (hostStart != std::string::npos && baseUrl_.find('/', hostStart + 3) == std::string::npos)
+        baseUrl_ += '/';
+    if (!baseUrl_.empty() && baseUrl_.back() != '/')
+        baseUrl_ += '/';
+}
+
+WebDavStore::~WebDavStore() = default;
+
+StoreCapabilities WebDavStore::capabilities() const {
+    StoreCapabilities caps;
+    caps.nativeCopy = true;
+    caps.nativeMove = true;
+    caps.modifyTimePrecision = 1;
+    if (auto account = currentAccount()) {
+        caps.folderProperties = account->features.deadProperties;
+        caps.resumableUpload = account->features.deadProperties && account->features.rangePut;
+    }
+    return caps;
+}
+
+std::string WebDavStore::describe() const {
+    return serviceURL_;
+}
+
+std::optional<WebDavStore::Account> WebDavStore::currentAccount() const {
+    std::lock_guard lock(mutex_);
+    return account_;
+}
+
+int64_t WebDavStore::loggedOn(Account& account) const {
+    auto current = currentAccount();
+    if (!current)
+        return ResultCode::NotLoggedOn;
+    account = std::move(*current);
+    return ResultCode::Success;
+}
+
+int64_t WebDavStore::send(const Account& account, HttpRequest& request, HttpResponse& response) {
+    std::unique_ptr<WebDavHttpSession> session;
+    uint64_t generation = 0;
+    {
+        std::lock_guard lock(mutex_);
+        generation = generation_;
+        if (!idle_.empty()) {
+            session = std::move(idle_.back());
+            idle_.pop_back();
+        }
+    }
+    if (!session)
+        session = std::make_unique<WebDavHttpSession>(account.user, account.password, timeouts_);
+    int64_t rc = session->perform(request, response);
+    std::lock_guard lock(mutex_);
+    if (generation == generation_ && idle_.size() < 16)
+        idle_.push_back(std::move(session));
+    return rc;
+}
+
+std::string WebDavStore::urlOf(const Account& account, const std::vector<std::string>& names,
+                               bool folder) const {
+    std::string url = account.rootUrl;
+    for (size_t i = 0; i < names.size(); ++i) {
+        url += UrlCoding::encode(names[i]);
+        if (folder || i + 1 < names.size())
+            url += '/';
+    }
+    return url;
+}
+
+int64_t WebDavStore::codeOf(long status) {
+    if (status >= 200 && status < 300)
+        return ResultCode::Success;
+    switch (status) {
+    case 401:
+        return ResultCode::NotLoggedOn;
+    case 404:
+    case 409: // a missing parent folder
+        return ResultCode::NotFound;
+    case 412:
+        return ResultCode::AlreadyExists;
+    case 423:
+        return ResultCode::Conflict;
+    case 507:
+        return ResultCode::SpaceLimit;
+    default:
+        return ResultCode::Failure;
+    }
+}
+
+// A 207 reply to MOVE, COPY or DELETE lists what failed; any failure fails the whole.
+int64_t WebDavStore::worstOf(const std::string& body) {
+    std::vector<DavResource> resources;
+    if (!WebDavMultistatus::parse(body, resources))
+        return ResultCode::Failure;
+    int64_t worst = ResultCode::Success;
+    for (const auto& resource : resources) {
+        if (resource.status != 0 && (resource.status < 200 || resource.status >= 300)) {
+            int64_t code = codeOf(resource.status);
+            if (worst == ResultCode::Success || code == ResultCode::SpaceLimit)
+                worst = code == ResultCode::Success ? ResultCode::Failure : code;
+        }
+        if (!resource.failed.empty() && worst == ResultCode::Success)
+            worst = ResultCode::Failure;
+    }
+    return worst;
+}
+
+int64_t WebDavStore::propfind(const Account& account, const std::string& url, int depth,
+                              std::vector<DavResource>& resources) {
+    resources.clear();
+    HttpRequest request;
+    request.method = "PROPFIND";
+    request.url = url;
+    request.headers = {depth == 0 ? "Depth: 0" : "Depth: 1"};
+    request.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
+                   "<D:propfind xmlns:D=\"DAV:\" xmlns:C=\"urn:x-cirrovault:\"><D:prop>"
+                   "<D:resourcetype/><D:getcontentlength/><D:getlastmodified/><D:getetag/>"
+                   "<C:mtime/><C:description/><C:caption/><C:resumetag/>"
+                   "</D:prop></D:propfind>";
+    HttpResponse response;
+    int64_t rc = send(account, request, response);
+    if (rc != ResultCode::Success)
+        return rc;
+    // Folders asked for without their "/" may be redirected to it.
+    if ((response.status == 301 || response.status == 308) && url.back() != '/') {
+        request.url = url + "/";
+        if ((rc = send(account, request, response)) != ResultCode::Success)
+            return rc;
+    }
+    if (response.status != 207)
+        return response.status == 200 ? ResultCode::Failure : codeOf(response.status);
+    if (!WebDavMultistatus::parse(response.body, resources)) {
+        SystemLog::write("WebDAV: unreadable PROPFIND reply for " + url);
+        return ResultCode::Failure;
+    }
+    return ResultCode::Success;
+}
+
+std::optional<int64_t> WebDavStore::configuredQuota() const {
+    auto text = NimboSetting::GetSetting("Quota");
+    if (!text || text->empty())
+        return std::nullopt;
+    char* end = nullptr;
+    long long value = std::strtoll(text->c_str(), &end, 10);
+    if (!end || *end != '\0' || value <= 0)
+        return std::nullopt;
+    return value;
+}
+
+void WebDavStore::adjustUsedSpace(int64_t change) {
+    std::lock_guard lock(mutex_);
+    if (usedBytes_)
+        *usedBytes_ = std::max<int64_t>(0, *usedBytes_ + change);
+}
+
+void WebDavStore::forgetUsedSpace() {
+    std::lock_guard lock(mutex_);
+    usedBytes_.reset();
+}
+
+int64_t WebDavStore::checkSpace(const Account& account, int64_t adding) {
+    if (adding <= 0)
+        return ResultCode::Success;
+    auto limit = configuredQuota();
+    if (!limit)
+        return ResultCode::Success; // the server answers 507 when it is full
+    std::optional<int64_t> used;
+    {
+        std::lock_guard lock(mutex_);
+        used = usedBytes_;
+    }
+    if (!used) {
+        Totals totals;
+        if (int64_t rc = totalsOf(account, {}, totals); rc != ResultCode::Success)
+            return rc;
+        used = static_cast<int64_t>(totals.bytes);
+        std::lock_guard lock(mutex_);
+        usedBytes_ = used;
+    }
+    if (*used + adding > *limit) {
+        SystemLog::write("WebDAV: the account's quota would be passed");
+        return ResultCode::SpaceLimit;
+    }
+    return ResultCode::Success;
+}
+
+int64_t WebDavStore::logon(const std::string& userName, const std::string& password,
+                           StoreSession& session) {
+    try {
+        session = {};
+        logoff();
+        if (userName.empty())
+            return ResultCode::EmptyName;
+        if (baseUrl_.empty()) {
+            SystemLog::write("Error: WebDAV: not a WebDAV URL: " + serviceURL_);
+            return ResultCode::NoService;
+        }
+        if (sodium_init() < 0)
+            return ResultCode::Failure;
+        Account account;
+        account.user = userName;
+        account.password = password;
+        account.rootUrl = replaceAll(baseUrl_, "{user}", UrlCoding::encode(userName));
+        auto hostEnd = account.rootUrl.find('/', account.rootUrl.find("://") + 3);
+        account.serverKey = account.rootUrl.substr(0, hostEnd);
+        account.rootPath = WebDavMultistatus::hrefPath(account.rootUrl.substr(hostEnd));
+
+        // The password is checked by an authenticated look at the account's root.
+        std::vector<DavResource> resources;
+        int64_t rc = propfind(account, account.rootUrl, 0, resources);
+        if (rc == ResultCode::NotLoggedOn) {
+            SystemLog::write("WebDAV: logon refused for " + userName);
+            return ResultCode::WrongPassword;
+        }
+        if (rc == ResultCode::NotFound) {
+            // A new user on a server that keeps a folder per user: make it.
+            HttpRequest mkcol = httpRequest("MKCOL", account.rootUrl);
+            HttpResponse response;
+            rc = send(account, mkcol, response);
+            if (rc == ResultCode::Success && response.status != 201) {
+                SystemLog::write("Error: WebDAV: the account's folder cannot be made: " +
+                                 account.rootUrl);
+                return ResultCode::NoService;
+            }
+        }
+        if (rc != ResultCode::Success) {
+            SystemLog::write("WebDAV: the server cannot be reached: " + account.serverKey);
+            return rc == ResultCode::Cancelled ? ResultCode::Failure : rc;
+        }
+        {
+            HttpRequest mkcol = httpRequest("MKCOL", account.rootUrl + MetaFolder + "/");
+            HttpResponse response;
+            send(account, mkcol, response); // 405 when it exists
+        }
+        account.features = WebDavCapabilityProbe::featuresFor(
+            account.serverKey, account.rootUrl + MetaFolder + "/probe",
+            [&](HttpRequest& request, HttpResponse& response) {
+                return send(account, request, response);
+            });
+
+        unsigned char hash[16];
+        std::string identity = account.rootUrl + "\n" + userName;
+        crypto_generichash(hash, sizeof hash, reinterpret_cast<const unsigned char*>(identity.data()),
+                           identity.size(), nullptr, 0);
+        char hex[sizeof hash * 2 + 1];
+        sodium_bin2hex(hex, sizeof hex, hash, 6);
+        account.customerID = std::string("c") + hex;
+
+        {
+            std::lock_guard lock(mutex_);
+            account_ = account;
+            usedBytes_.reset();
+        }
+        session.sessionID = randomHex(16);
+        session.customerID = account.customerID;
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: WebDavStore::logon()");
+        return ResultCode::Failure;
+    }
+}
+
+void WebDavStore::logoff() {
+    std::lock_guard lock(mutex_);
+    account_.reset();
+    usedBytes_.reset();
+    ++generation_;
+    idle_.clear();
+}
+
+int64_t WebDavStore::quota(StoreQuota& quota) {
+    try {
+        quota = {};
+        Account account;
+        if (int64_t rc = loggedOn(account); rc != ResultCode::Success)
+            return rc;
+        // RFC 4331 figures, when the server reports them.
+        HttpRequest request;
+        request.method = "PROPFIND";
+        request.url = account.rootUrl;
+        request.headers = {"Depth: 0"};
+        request.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
+                       "<D:propfind xmlns:D=\"DAV:\"><D:prop><D:quota-available-bytes/>"
+                       "<D:quota-used-bytes/></D:prop></D:propfind>";
+        HttpResponse response;
+        int64_t rc = send(account, request, response);
+        if (rc != ResultCode::Success)
+            return rc;
+        std::vector<DavResource> resources;
+        if (response.status == 207 && WebDavMultistatus::parse(response.body, resources) &&
+            !resources.empty()) {
+            auto available = resources[0].property("DAV:", "quota-available-bytes");
+            auto used = resources[0].property("DAV:", "quota-used-bytes");
+            if (available && used && !available->empty() && !used->empty()) {
+                quota.usedSpace = std::strtoll(used->c_str(), nullptr, 10);
+                quota.maxSpace = quota.usedSpace + std::strtoll(available->c_str(), nullptr, 10);
+                if (auto limit = configuredQuota())
+                    quota.maxSpace = std::min(quota.maxSpace, *limit);
+                return ResultCode::Success;
+            }
+        } else if (response.status != 207) {
+            return codeOf(response.status);
+        }
+        Totals totals;
+        if ((rc = totalsOf(account, {}, totals)) != ResultCode::Success)
+            return rc;
+        quota.usedSpace = static_cast<int64_t>(totals.bytes);
+        quota.maxSpace = configuredQuota().value_or(UnlimitedQuota);
+        std::lock_guard lock(mutex_);
+        usedBytes_ = quota.usedSpace;
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: WebDavStore::quota()");
+        return ResultCode::Failure;
+    }
+}
+
+// The task list is one document in our folder, "<magic><generation>\n<document>". The
+// generation travels with the bytes in one GET, so a version can never be read apart
+// from its content. Writers take a lock (a folder beside it), compare generations, and
+// PUT with If-Match on the ETag where the server gives a strong one, so two computers
+// updating at once never lose a change: the loser answers Conflict and reads again.
+int64_t WebDavStore::readTaskList(std::string& document, std::string& version) {
+    try {
+        document.clear();
+        version.clear();
+        Account account;
+        if (int64_t rc = loggedOn(account); rc != ResultCode::Success)
+            return rc;
+        HttpRequest request = httpRequest("GET", account.rootUrl + MetaFolder + "/tasklist");
+        HttpResponse response;
+        if (int64_t rc = send(account, request, response); rc != ResultCode::Success)
+            return rc;
+        if (response.status == 404)
+            return ResultCode::Success;
+        if (response.status != 200)
+            return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
+                                                                   : codeOf(response.status);
+        const std::string& body = response.body;
+        auto newline = body.find('\n');
+        if (!startsWith(body, TaskListMagic) || newline == std::string::npos) {
+            SystemLog::write("Error: WebDAV: the task list document is damaged");
+            return ResultCode::StorageError;
+        }
+        version = body.substr(std::string_view(TaskListMagic).size(),
+                              newline - std::string_view(TaskListMagic).size());
+        document = body.substr(newline + 1);
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: WebDavStore::readTaskList()");
+        return ResultCode::Failure;
+    }
+}
+
+// The writers' lock is a folder: MKCOL is a mkdir on every file-backed server, which
+// exactly one of several writers wins, while LOCK requests race on some servers. A lock
+// left by a writer that died is broken once it is older than StaleLockSeconds.
+int64_t WebDavStore::lockTaskList(const Account& account, std::string& token) {
+    token = account.rootUrl + MetaFolder + "/tasklist.lock/";
+    auto wait = std::chrono::milliseconds(1);
+    for (int attempt = 0; attempt < 400; ++attempt) {
+        HttpRequest request = httpRequest("MKCOL", token);
+        HttpResponse response;
+        if (int64_t rc = send(account, request, response); rc != ResultCode::Success)
+            return rc;
+        if (response.status == 201)
+            return ResultCode::Success;
+        if (response.status != 405 && response.status != 403 && response.status != 409 &&
+            response.status != 500)
+            return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
+                                                                   : codeOf(response.status);
+        if (attempt % 20 == 19) {
+            std::vector<DavResource> held;
+            auto serverNow = WebDavMultistatus::parseHttpDate(response.header("date"));
+            if (propfind(account, token, 0, held) == ResultCode::Success && !held.empty() &&
+                held[0].lastModified && serverNow &&
+                serverNow->timeIntervalSince1970() - held[0].lastModified->timeIntervalSince1970() >
+                    StaleLockSeconds) {
+                SystemLog::write("WebDAV: broke a stale task list lock");
+                HttpRequest drop = httpRequest("DELETE", token);
+                send(account, drop, response);
+                continue;
+            }
+        }
+        // Another writer holds it for the few milliseconds of its update.
+        std::this_thread::sleep_for(wait);
+        wait = std::min(wait * 2, std::chrono::milliseconds(25));
+    }
+    return ResultCode::Conflict;
+}
+
+void WebDavStore::unlockTaskList(const Account& account, const std::string& token) {
+    HttpRequest request = httpRequest("DELETE", token);
+    HttpResponse response;
+    send(account, request, response);
+}
+
+int64_t WebDavStore::writeTaskList(const std::string& document, const std::string& expectedVersion) {
+    try {
+        Account account;
+        if (int64_t rc = loggedOn(account); rc != ResultCode::Success)
+            return rc;
+        std::string token;
+        if (int64_t rc = lockTaskList(account, token); rc != ResultCode::Success)
+            return rc;
+        struct Unlock {
+            WebDavStore* store;
+            const Account& account;
+            const std::string& token;
+            ~Unlock() { store->unlockTaskList(account, token); }
+        } unlock{this, account, token};
+
+        const std::string url = account.rootUrl + MetaFolder + "/tasklist";
+        HttpRequest get = httpRequest("GET", url);
+        HttpResponse current;
+        if (int64_t rc = send(account, get, current); rc != ResultCode::Success)
+            return rc;
+        std::string currentVersion;
+        if (current.status == 200) {
+            auto newline = current.body.find('\n');
+            if (startsWith(current.body, TaskListMagic) && newline != std::string::npos)
+                currentVersion = current.body.substr(std::string_view(TaskListMagic).size(),
+                                                     newline - std::string_view(TaskListMagic).size());
+            else
+                currentVersion = "damaged";
+        } else if (current.status != 404) {
+            return codeOf(current.status) == ResultCode::Success ? ResultCode::Failure
+                                                                  : codeOf(current.status);
+        }
+        if (currentVersion != expectedVersion)
+            return ResultCode::Conflict;
+
+        std::string body = TaskListMagic + randomHex(16) + "\n" + document;
+        HttpRequest put;
+        put.method = "PUT";
+        put.url = url;
+        std::string etag = current.header("etag");
+        if (current.status == 404)
+            put.headers.push_back("If-None-Match: *");
+        else if (!etag.empty() && !startsWith(etag, "W/"))
+            put.headers.push_back("If-Match: " + etag);
+        WebDavTextSource source(body);
+        put.upload = &source;
+        put.uploadLength = body.size();
+        HttpResponse response;
+        if (int64_t rc = send(account, put, response); rc != ResultCode::Success)
+            return rc;
+        if (response.status == 412)
+            return ResultCode::Conflict;
+        if (response.status < 200 || response.status >= 300) {
+            SystemLog::write("Error: WebDAV: the task list cannot be stored: HTTP " +
+                             std::to_string(response.status));
+            int64_t code = codeOf(response.status);
+            return code == ResultCode::NotLoggedOn || code == ResultCode::SpaceLimit
+                       ? code
+                       : ResultCode::StorageError;
+        }
+        return ResultCode::Success;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: WebDavStore::writeTaskList()");
+        return ResultCode::Failure;
+    }
+}
+
+int64_t WebDavStore::flush() {
+    Account account;
+    // Every completed request is already stored by the server.
+    return loggedOn(account);
+}
+
+} // namespace cirrovault

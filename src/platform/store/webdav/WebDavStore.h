@@ -1,0 +1,143 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/store/StoreBackend.h"
+#include "platform/store/webdav/WebDavCapabilityProbe.h"
+#include "platform/store/webdav/WebDavHttpSession.h"
+#include "platform/store/webdav/WebDavMultistatus.h"
+
+namespace cirrovault {
+
+// A WebDAV server as the store: "webdav://host[:port]/path" (plain HTTP) or
+// "webdavs://host/path" (TLS, certificates verified). "{user}" in the path stands for
+// the logon name, for servers that give each user a folder of their own.
+//
+// The account's root is the URL's folder. Our own files live in its ".cirrovault"
+// folder (the task list, a lock for its updates, probes); it and the ".part" files of
+// unfinished uploads (marked by a property) are never listed. Modification times,
+// folder descriptions and captions, and resume tags are properties of our namespace.
+class WebDavStore : public StoreBackend {
+public:
+    explicit WebDavStore(std::string serviceURL, HttpTimeouts timeouts = {});
+    ~WebDavStore() override;
+
+    static bool isWebDavURL(const std::string& url);
+
+    StoreCapabilities capabilities() const override;
+    std::string describe() const override;
+
+    int64_t logon(const std::string& userName, const std::string& password,
+                  StoreSession& session) override;
+    void logoff() override;
+
+    int64_t stat(const std::string& path, StoreItem& item) override;
+    int64_t list(const std::string& folder, std::vector<StoreItem>& items) override;
+    int64_t makeFolder(const std::string& path, const std::string& description,
+                       const std::string& caption) override;
+    int64_t setFolderInfo(const std::string& path, const std::string& description,
+                          const std::string& caption) override;
+
+    int64_t put(const std::string& path, ByteSource& source, Date modifyTime,
+                TransferObserver* observer) override;
+    int64_t get(const std::string& path, ByteSink& sink, TransferObserver* observer) override;
+
+    int64_t move(const std::string& from, const std::string& to) override;
+    int64_t copy(const std::string& from, const std::string& to) override;
+    int64_t remove(const std::string& path) override;
+
+    int64_t quota(StoreQuota& quota) override;
+
+    int64_t readTaskList(std::string& document, std::string& version) override;
+    int64_t writeTaskList(const std::string& document, const std::string& expectedVersion) override;
+
+    int64_t flush() override;
+
+    static constexpr uint64_t FirstSegment = 1 << 20; // resumable uploads go in growing segments
+    static constexpr uint64_t MaxSegment = 16 << 20;
+    static constexpr const char* MetaFolder = ".cirrovault";
+    static constexpr const char* Namespace = "urn:x-cirrovault:";
+    // Account size when neither the server nor the "Quota" setting gives one.
+    static constexpr int64_t UnlimitedQuota = int64_t(1) << 60;
+    static constexpr double StaleLockSeconds = 60;
+
+private:
+    struct Account {
+        std::string user;
+        std::string password;
+        std::string serverKey; // "http://host:port"
+        std::string rootUrl;   // ends with "/"
+        std::string rootPath;  // decoded path of rootUrl, no trailing "/"
+        std::string customerID;
+        WebDavFeatures features;
+    };
+    struct Totals {
+        uint64_t bytes = 0;
+        int32_t files = 0;
+    };
+    // An item found by PROPFIND, with what we keep about it.
+    struct Found {
+        DavResource resource;
+        bool unfinishedPart = false;
+    };
+
+    std::optional<Account> currentAccount() const;
+    int64_t loggedOn(Account& account) const;
+    // Borrows a connection of the logged-on credentials and sends the request.
+    int64_t send(const Account& account, HttpRequest& request, HttpResponse& response);
+    std::string urlOf(const Account& account, const std::vector<std::string>& names,
+                      bool folder) const;
+    // PROPFIND of one item (depth 0) or a folder and its entries (depth 1).
+    int64_t propfind(const Account& account, const std::string& url, int depth,
+                     std::vector<DavResource>& resources);
+    // The item at names: Success, NotFound (also for our own hidden items), or a failure.
+    int64_t find(const Account& account, const std::vector<std::string>& names, Found& found);
+    int64_t totalsOf(const Account& account, const std::vector<std::string>& folder,
+                     Totals& totals);
+    bool isHidden(const std::vector<std::string>& parent, const DavResource& resource,
+                  const std::string& name) const;
+    StoreItem itemOf(const DavResource& resource, const std::string& name) const;
+    int64_t setProperties(const Account& account, const std::string& url,
+                          const std::vector<std::pair<std::string, std::string>>& set,
+                          const std::vector<std::string>& remove);
+    // MOVE or COPY with Overwrite: F unless overwrite.
+    int64_t transfer(const Account& account, const std::string& method, const std::string& from,
+                     const std::string& to, bool overwrite);
+    int64_t moveOrCopy(const std::string& method, const std::string& from, const std::string& to);
+
+    int64_t checkSpace(const Account& account, int64_t adding);
+    std::optional<int64_t> configuredQuota() const;
+    void adjustUsedSpace(int64_t change);
+
+    int64_t putSegments(const Account& account, const std::string& partUrl, ByteSource& source,
+                        uint64_t offset, Date modifyTime, TransferObserver* observer, bool tagged,
+                        HttpResponse& last);
+
+    // token: what unlockTaskList needs to release the lock.
+    // knownToExist: whether the target was there, when it was asked before the upload.
+    int64_t replaceWithPart(const Account& account, const std::string& partUrl,
+                            const std::vector<std::string>& names, std::optional<bool> knownToExist);
+    void forgetUsedSpace();
+    int64_t lockTaskList(const Account& account, std::string& token);
+    void unlockTaskList(const Account& account, const std::string& token);
+
+    static int64_t codeOf(long status);
+    static int64_t worstOf(const std::string& multistatusBody);
+
+    std::string serviceURL_;
+    std::string baseUrl_; // http(s) form of serviceURL_, "{user}" still in it
+    HttpTimeouts timeouts_;
+
+    mutable std::mutex mutex_;
+    std::optional<Account> account_;   // guarded by mutex_
+    std::optional<int64_t> usedBytes_; // guarded by mutex_
+    uint64_t generation_ = 0;          // guarded by mutex_; a new logon drops old connections
+    std::vector<std::unique_ptr<WebDavHttpSession>> idle_; // guarded by mutex_
+};
+
+} // namespace cirrovault

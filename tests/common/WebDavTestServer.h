@@ -1,0 +1,175 @@
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "common/LoopbackPort.h"
+#include "platform/os/FileSystem.h"
+
+namespace cirrovault::test {
+
+// A real WebDAV server (Apache with mod_dav, or lighttpd with mod_webdav) on a free port
+// of 127.0.0.1, configured in a folder of its own and stopped with the object. Each user
+// gets a folder "data/<name>"; URLs with "{user}" reach it. A missing server program
+// fails the test with a message saying what to install: CI has them all.
+class WebDavTestServer {
+public:
+    enum class Kind { Apache, Lighttpd };
+
+    WebDavTestServer(Kind kind, std::string folder, std::map<std::string, std::string> users)
+        : kind_(kind), folder_(std::move(folder)) {
+        const char* program = kind == Kind::Apache ? "apache2" : "lighttpd";
+        binary_ = findProgram(program);
+        if (binary_.empty()) {
+            ADD_FAILURE() << program << " is not installed: run scripts/install-deps.sh "
+                          << "(packages apache2, lighttpd, lighttpd-mod-webdav)";
+            return;
+        }
+        FileSystem::createDirectories(folder_ + "/data");
+        for (const auto& [user, password] : users) {
+            FileSystem::createDirectories(folder_ + "/data/" + user);
+            addUser(user, password);
+        }
+        for (int attempt = 0; attempt < 3 && pid_ <= 0; ++attempt)
+            start();
+        if (pid_ <= 0)
+            ADD_FAILURE() << program << " did not start; its log:\n" << log();
+    }
+    ~WebDavTestServer() { stop(); }
+    WebDavTestServer(const WebDavTestServer&) = delete;
+    WebDavTestServer& operator=(const WebDavTestServer&) = delete;
+
+    bool running() const { return pid_ > 0; }
+    int port() const { return port_; }
+    const std::string& folder() const { return folder_; }
+    std::string dataFolder() const { return folder_ + "/data"; }
+    // "webdav://127.0.0.1:<port>/<path>"
+    std::string url(const std::string& path) const {
+        return "webdav://127.0.0.1:" + std::to_string(port_) + "/" + path;
+    }
+    std::string log() const {
+        return FileSystem::readFile(folder_ + "/error.log").value_or("") +
+               FileSystem::readFile(folder_ + "/output.log").value_or("");
+    }
+
+    void stop() {
+        if (pid_ <= 0)
+            return;
+        ::kill(pid_, SIGTERM);
+        for (int i = 0; i < 400; ++i) { // up to two seconds, then no more patience
+            if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
+                pid_ = 0;
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = 0;
+    }
+
+private:
+    static std::string findProgram(const std::string& name) {
+        for (const char* dir : {"/usr/sbin", "/usr/bin", "/usr/local/sbin", "/usr/local/bin"}) {
+            std::string path = std::string(dir) + "/" + name;
+            if (::access(path.c_str(), X_OK) == 0)
+                return path;
+        }
+        return {};
+    }
+
+    void addUser(const std::string& user, const std::string& password) {
+        if (kind_ == Kind::Lighttpd) {
+            std::string users = FileSystem::readFile(folder_ + "/users").value_or("");
+            FileSystem::writeFileAtomically(folder_ + "/users", users + user + ":" + password + "\n");
+            return;
+        }
+        bool first = ::access((folder_ + "/users").c_str(), F_OK) != 0;
+        std::string command = "htpasswd -b" + std::string(first ? "c" : "") + " '" + folder_ +
+                              "/users' '" + user + "' '" + password + "' >/dev/null 2>&1";
+        EXPECT_EQ(std::system(command.c_str()), 0) << "htpasswd (apache2-utils) failed";
+    }
+
+    std::string apacheConfig() const {
+        const std::string modules = "/usr/lib/apache2/modules/";
+        std::string conf = "ServerRoot " + folder_ + "\nServerName 127.0.0.1\n" +
+                           "Listen 127.0.0.1:" + std::to_string(port_) + "\n" +
+                           "PidFile " + folder_ + "/httpd.pid\nErrorLog " + folder_ +
+                           "/error.log\nLogLevel warn\nDefaultRuntimeDir " + folder_ + "\n";
+        for (const char* module :
+             {"mpm_event", "authz_core", "authn_core", "authn_file", "authz_user", "auth_basic",
+              "dav", "dav_fs"})
+            conf += std::string("LoadModule ") + module + "_module " + modules + "mod_" + module +
+                    ".so\n";
+        conf += "DAVLockDB " + folder_ + "/DAVLock\nDocumentRoot " + folder_ +
+                "/data\nKeepAliveTimeout 30\n<Directory " + folder_ +
+                "/data>\n  Dav On\n  AuthType Basic\n  AuthName dav\n  AuthUserFile " + folder_ +
+                "/users\n  Require valid-user\n  Options None\n  AllowOverride None\n"
+                "</Directory>\n";
+        return conf;
+    }
+
+    std::string lighttpdConfig() const {
+        return "server.modules = (\"mod_auth\", \"mod_authn_file\", \"mod_webdav\")\n"
+               "server.document-root = \"" + folder_ + "/data\"\n"
+               "server.bind = \"127.0.0.1\"\nserver.port = " + std::to_string(port_) + "\n"
+               "server.errorlog = \"" + folder_ + "/error.log\"\n"
+               "server.upload-dirs = (\"" + folder_ + "\")\n"
+               "auth.backend = \"plain\"\nauth.backend.plain.userfile = \"" + folder_ + "/users\"\n"
+               "auth.require = (\"/\" => (\"method\" => \"basic\", \"realm\" => \"dav\", "
+               "\"require\" => \"valid-user\"))\n"
+               "webdav.activate = \"enable\"\n"
+               "webdav.sqlite-db-name = \"" + folder_ + "/webdav.db\"\n";
+    }
+
+    void start() {
+        port_ = unusedLoopbackPort();
+        const std::string conf = folder_ + (kind_ == Kind::Apache ? "/httpd.conf" : "/lighttpd.conf");
+        FileSystem::writeFileAtomically(conf,
+                                        kind_ == Kind::Apache ? apacheConfig() : lighttpdConfig());
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            int out = ::open((folder_ + "/output.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            if (out >= 0) {
+                ::dup2(out, 1);
+                ::dup2(out, 2);
+            }
+            if (kind_ == Kind::Apache)
+                ::execl(binary_.c_str(), "apache2", "-f", conf.c_str(), "-DFOREGROUND", nullptr);
+            else
+                ::execl(binary_.c_str(), "lighttpd", "-D", "-f", conf.c_str(), nullptr);
+            ::_exit(127);
+        }
+        if (pid < 0)
+            return;
+        for (int i = 0; i < 2000; ++i) { // up to ten seconds
+            if (acceptsOnLoopback(port_)) {
+                pid_ = pid;
+                return;
+            }
+            if (::waitpid(pid, nullptr, WNOHANG) == pid)
+                return; // exited: the port was taken meanwhile, or the configuration is bad
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+
+    Kind kind_;
+    std::string folder_;
+    std::string binary_;
+    int port_ = 0;
+    pid_t pid_ = 0;
+};
+
+} // namespace cirrovault::test

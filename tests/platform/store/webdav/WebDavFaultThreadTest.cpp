@@ -1,0 +1,100 @@
+// Servers that fail in the middle of an upload: the store answers the engine's codes,
+// never touches the file's real name, and a cancel ends a hung request at once.
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "common/LoopbackPort.h"
+#include "platform/framework/CurlHandleController.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/store/StoreTestSupport.h"
+#include "platform/store/webdav/MisbehavingDavServer.h"
+#include "platform/store/webdav/WebDavStore.h"
+
+namespace cirrovault::test {
+
+namespace {
+
+namespace R = ResultCode;
+using Fault = MisbehavingDavServer::Fault;
+
+// Asks the thread's cancel flag, the way the engine's transfers do.
+class ControllerObserver : public TransferObserver {
+public:
+    ControllerObserver() : cancel_(CurlHandleController::shared().beginTransfer()) {}
+    ~ControllerObserver() override { CurlHandleController::shared().endTransfer(); }
+    void transferred(uint64_t, uint64_t) override {}
+    bool shouldContinue() override { return !*cancel_; }
+
+private:
+    std::shared_ptr<std::atomic<bool>> cancel_;
+};
+
+std::unique_ptr<WebDavStore> loggedOn(const MisbehavingDavServer& server, HttpTimeouts timeouts = {}) {
+    WebDavCapabilityProbe::forgetAll();
+    auto store = std::make_unique<WebDavStore>(server.url(), timeouts);
+    StoreSession session;
+    EXPECT_EQ(store->logon("alice", "secret", session), R::Success);
+    return store;
+}
+
+} // namespace
+
+TEST(WebDavFaultThreadTest, FailedUploadsAnswerTheirCodesAndNeverReplaceTheFile) {
+    const std::string data = patternBytes(512 * 1024);
+    for (auto [fault, expected] : {std::pair{Fault::DropMidBody, R::Failure},
+                                   std::pair{Fault::Answer500, R::Failure},
+                                   std::pair{Fault::Answer507, R::SpaceLimit}}) {
+        MisbehavingDavServer server(fault);
+        auto store = loggedOn(server);
+        EXPECT_FALSE(store->capabilities().resumableUpload); // no ranges, no properties here
+        MemorySource source(data, "tag");
+        EXPECT_EQ(store->put("\\file.bin", source, Date(1'600'000'000.0), nullptr), expected);
+        EXPECT_TRUE(server.saw("PUT /dav/file.bin.part "));
+        EXPECT_FALSE(server.saw("MOVE ")); // the real name is never touched
+        EXPECT_FALSE(server.saw("PUT /dav/file.bin "));
+    }
+}
+
+TEST(WebDavFaultThreadTest, CancelEndsAHungUploadAtOnceAndAStallTimesOut) {
+    MisbehavingDavServer server(Fault::Hang);
+    auto store = loggedOn(server);
+    MemorySource source(patternBytes(64 * 1024), "tag");
+    std::promise<std::thread::id> worker;
+    auto started = std::chrono::steady_clock::now();
+    auto result = std::async(std::launch::async, [&] {
+        ControllerObserver observer;
+        worker.set_value(std::this_thread::get_id());
+        return store->put("\\file.bin", source, Date(1'600'000'000.0), &observer);
+    });
+    auto id = worker.get_future().get();
+    // Let the request reach the server and hang there.
+    while (!server.saw("PUT /dav/file.bin.part ") &&
+           std::chrono::steady_clock::now() - started < std::chrono::seconds(5))
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    auto cancelAt = std::chrono::steady_clock::now();
+    EXPECT_TRUE(CurlHandleController::shared().CancelConnection(id));
+    EXPECT_EQ(result.get(), R::Cancelled);
+    EXPECT_LT(std::chrono::steady_clock::now() - cancelAt, std::chrono::milliseconds(500));
+    EXPECT_FALSE(server.saw("MOVE "));
+
+    // Nobody cancels: the stalled request ends by itself as an ordinary failure.
+    store.reset(); // the server serves one connection at a time: give it back
+    auto impatient = loggedOn(server, HttpTimeouts{2, 1});
+    MemorySource again(patternBytes(1024), "tag");
+    EXPECT_EQ(impatient->put("\\other.bin", again, Date(), nullptr), R::Failure);
+}
+
+TEST(WebDavFaultThreadTest, UnreachableServerAndBadURLs) {
+    WebDavStore nowhere("webdav://127.0.0.1:" + std::to_string(unusedLoopbackPort()) + "/dav/");
+    StoreSession session;
+    EXPECT_EQ(nowhere.logon("alice", "secret", session), R::Failure);
+    EXPECT_TRUE(session.sessionID.empty());
+    StoreItem item;
+    EXPECT_EQ(nowhere.stat("\\", item), R::NotLoggedOn);
+    EXPECT_EQ(nowhere.logon("", "secret", session), R::EmptyName);
+}
+
+} // namespace cirrovault::test
