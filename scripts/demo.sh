@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job, for a first look: back up a sample folder into the embedded local store,
-# run again (nothing changed: nothing is sent), change a file, run once more.
-# Everything lives under BUILD/demo, so the user's own store is left alone.
+# run again (nothing changed: nothing is sent), change a file, run once more, look at the
+# older version it kept and restore both. Everything lives under BUILD/demo, so the
+# user's own store is left alone.
 set -euo pipefail
 build=${1:-build}
 demo="$(cd "$build" && pwd)/demo"
@@ -15,13 +16,18 @@ done
 head -c 3000000 /dev/urandom > "$demo/Documents/Photos/holiday.jpg"
 echo "draft" > "$demo/Documents/.hidden-notes"
 
-export XDG_DATA_HOME="$demo/data" XDG_CONFIG_HOME="$demo/config" CIRROVAULT_PASSWORD=demo-password
+export HOME="$demo/home" XDG_DATA_HOME="$demo/data" XDG_CONFIG_HOME="$demo/config" CIRROVAULT_PASSWORD=demo-password
 run() { echo "\$ cirrovault $*"; "$bin" --user demo "$@"; echo; }
 
-run backup "$demo/Documents"
+run backup --list "$demo/Documents"
 run backup "$demo/Documents"
 echo "changed" >> "$demo/Documents/Letters/letter 3.txt"
-run backup --list "$demo/Documents"
+run backup --list Documents
+run versions Documents "$demo/Documents/Letters/letter 3.txt"
+run restore Documents "Documents/Letters/letter 3.txt" --version 0 --to "$demo/restored-older"
+run restore Documents --to "$demo/restored"
+diff -r "$demo/Documents" "$demo/restored/Documents" --exclude=.hidden-notes && echo "The restored copy equals the folder (hidden files are left out by design)." && echo
+run log
 run status
 store="$XDG_DATA_HOME/cirrovault/store/accounts"
 echo "The store is a plain folder tree under $store:"

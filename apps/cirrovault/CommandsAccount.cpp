@@ -1,0 +1,105 @@
+// logon, logoff, status.
+#include "Commands.h"
+#include "Credentials.h"
+#include "TaskFormat.h"
+#include "platform/framework/AccountBalance.h"
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/PasswordMan.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "support/GlobalFunction.h"
+
+namespace cirrovault::cli {
+
+namespace {
+
+int logonCommand(const GlobalOptions& global, const Output& out) {
+    HostSession session(global, out);
+    session.logon(false);
+    if (!Credentials::remember(session.userName(), session.password()))
+        throw CliError(Exit::Failed, text("CliCannotKeep", "logged on, but the account could not be kept in {}",
+                                          PasswordMan::PasswordFilePath()));
+    if (!global.service.empty())
+        NimboSetting::SetSettingValueForKey("ServiceURL", global.service);
+    out.line(text("CliLoggedOn", "Logged on as {} (customer {}) at {}.", session.userName(),
+                  session.customerID(), session.serviceURL()));
+    out.line(text("CliKept", "The account is kept for the daemon and later commands in {} (readable by you only).",
+                  PasswordMan::PasswordFilePath()));
+    Json doc = Json::object();
+    doc.set("ok", true).set("user", session.userName()).set("customerID", session.customerID())
+        .set("service", session.serviceURL()).set("credentialsFile", PasswordMan::PasswordFilePath());
+    out.result(doc);
+    return Exit::Ok;
+}
+
+int logoffCommand(const GlobalOptions&, const Output& out) {
+    auto account = PasswordMan().GetAccount();
+    if (!Credentials::forget())
+        throw CliError(Exit::Failed, text("CliCannotForget", "the kept account could not be removed from {}",
+                                          PasswordMan::PasswordFilePath()));
+    out.line(account ? text("CliForgot", "The account {} is no longer kept on this computer.", account->userName)
+                     : text("CliNothingKept", "No account was kept on this computer."));
+    Json doc = Json::object();
+    doc.set("ok", true).set("removed", account ? Json(account->userName) : Json());
+    out.result(doc);
+    return Exit::Ok;
+}
+
+int statusCommand(const GlobalOptions& global, const Output& out) {
+    HostSession session(global, out);
+    session.logon(false);
+    TransferApiUtil& api = TransferApiUtil::shareTransferApiUtil();
+    AccountBalance balance;
+    int64_t code = api.GetAccountBalance(balance);
+    Json doc = Json::object();
+    doc.set("ok", true).set("user", session.userName()).set("customerID", session.customerID())
+        .set("service", session.serviceURL());
+    out.line(text("CliStatusAccount", "account     {} (customer {})", session.userName(), session.customerID()));
+    out.line(text("CliStatusService", "service     {}", session.serviceURL()));
+    if (code == ResultCode::Success) {
+        uint64_t used = static_cast<uint64_t>(std::max<int64_t>(balance.fileSpaceUsed, 0));
+        uint64_t max = static_cast<uint64_t>(std::max<int64_t>(balance.maxSpace, 0));
+        uint64_t free = max > used ? max - used : 0;
+        out.line(text("CliStatusSpace", "space       {} used, {} free of {}", GlobalFunction::stringFromFileSize(used),
+                      GlobalFunction::stringFromFileSize(free), GlobalFunction::stringFromFileSize(max)));
+        doc.set("spaceUsed", used).set("spaceFree", free).set("spaceTotal", max);
+    } else {
+        out.line(text("CliStatusNoSpace", "space       unknown: {}", TransferApiUtil::stringWithReturnCode(code)));
+    }
+    auto holder = RunLock::holder(session.accountFolder());
+    out.line(holder ? text("CliStatusEngineBusy", "engine      running in process {}", *holder)
+                    : text("CliStatusEngineIdle", "engine      not running (start it with `cirrovault daemon`)"));
+    doc.set("enginePid", holder ? Json(static_cast<int64_t>(*holder)) : Json());
+    Json tasks = Json::array();
+    auto list = session.manager().getTasksList();
+    out.line(list.empty() ? text("CliStatusNoTasks", "tasks       none") : text("CliStatusTasks", "tasks"));
+    for (const auto& task : list) {
+        tasks.push(TaskFormat::toJson(*task, false));
+        int32_t kind = task->taskType & CBackupTask::ScheduleKindMask;
+        std::string line = "  " + task->name + "  [" + TaskFormat::stateName(task->mTaskState) + "]  last backup " +
+                           TaskFormat::dateText(task->mBackupDate);
+        if (kind != CBackupTask::ScheduleNone)
+            line += ", next run " + TaskFormat::dateText(task->mDating);
+        if (task->bMigrateTask)
+            line += "  (made on " + task->mPCName + ")";
+        out.line(line);
+        if (task->strErrLog && !task->strErrLog->empty())
+            out.line("      last error: " + *task->strErrLog);
+    }
+    doc.set("tasks", tasks);
+    out.result(doc);
+    return Exit::Ok;
+}
+
+} // namespace
+
+void addAccountCommands(CLI::App& app, Runner& run) {
+    auto* logon = app.add_subcommand("logon", "log on and keep the account (0600) for the daemon and later commands");
+    logon->callback([&run] { run = logonCommand; });
+    auto* logoff = app.add_subcommand("logoff", "forget the kept account on this computer");
+    logoff->callback([&run] { run = logoffCommand; });
+    auto* status = app.add_subcommand("status", "the account, its space, and every task with its state");
+    status->callback([&run] { run = statusCommand; });
+}
+
+} // namespace cirrovault::cli

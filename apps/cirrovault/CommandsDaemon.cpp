@@ -1,0 +1,77 @@
+// daemon: the scheduler in the foreground until SIGTERM or SIGINT.
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <unistd.h>
+
+#include "Commands.h"
+#include "Signals.h"
+#include "TaskFormat.h"
+#include "platform/os/SystemLog.h"
+#include "support/OptionsMan.h"
+
+namespace cirrovault::cli {
+
+namespace {
+
+struct DaemonArgs {
+    bool now = false;
+};
+
+void say(const std::string& line) {
+    // One line per event on stdout: the journal (or a terminal) shows them as they come.
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Output& out) {
+    Signals::install();
+    HostSession session(global, out);
+    session.showMessagesAtOnce();
+    session.logon(true);
+    session.addListener([](const HostSession::TaskPtr& task, int32_t type) {
+        if (!task)
+            return;
+        switch (type) {
+        case 7: say(text("CliDaemonQueued", "queued \"{}\"", task->name)); break;
+        case 1: say(text("CliDaemonStarted", "started \"{}\"", task->name)); break;
+        case 2:
+            say(text("CliDaemonEnded", "ended \"{}\": {}{}", task->name, TaskFormat::stateName(task->mTaskState),
+                     task->strErrLog && !task->strErrLog->empty() ? " (" + *task->strErrLog + ")" : ""));
+            break;
+        default: break;
+        }
+    });
+    OptionsMan::LoadOptions();
+    say(text("CliDaemonUp", "cirrovault daemon {} logged on as {} with {} tasks", getpid(), session.userName(),
+             session.manager().getTasksList().size()));
+    // The options may ask for the scheduled backups to wait a few minutes after logon.
+    if (!args.now && OptionsMan::IsAutoStartScheduleAfterMinutes() && OptionsMan::intervalMinutes() > 0) {
+        uint32_t minutes = OptionsMan::intervalMinutes();
+        say(text("CliDaemonDelay", "scheduled backups start in {} minute(s)", minutes));
+        Signals::wait(minutes * 60.0);
+    }
+    if (!Signals::pending()) {
+        session.startScheduler();
+        say(text("CliDaemonScheduling", "scheduler running; stop with SIGTERM or Ctrl-C"));
+        while (!Signals::pending())
+            Signals::wait(3600);
+    }
+    say(text("CliDaemonStopping", "stopping: the scheduler first, then the running task, then the session"));
+    session.logoff();
+    say(text("CliDaemonStopped", "stopped"));
+    return Exit::Ok;
+}
+
+} // namespace
+
+void addDaemonCommands(CLI::App& app, Runner& run) {
+    auto args = std::make_shared<DaemonArgs>();
+    auto* daemon = app.add_subcommand(
+        "daemon", "log on with the kept account and run the scheduled tasks until SIGTERM or Ctrl-C "
+                  "(resources/cirrovault.service runs it as a systemd user service)");
+    daemon->add_flag("--now", args->now, "start the scheduler at once, not after the options' minutes");
+    daemon->callback([&run, args] { run = [args](auto& g, auto& o) { return daemonCommand(*args, g, o); }; });
+}
+
+} // namespace cirrovault::cli

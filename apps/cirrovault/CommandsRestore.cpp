@@ -1,0 +1,267 @@
+// restore, versions, versions delete.
+#include <cstdio>
+#include <memory>
+
+#include "Commands.h"
+#include "RestoreSupport.h"
+#include "Signals.h"
+#include "TaskFormat.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/framework/TransferApiUtil.h"
+#include "platform/framework/TransferInfo.h"
+#include "platform/os/FileSystem.h"
+#include "support/GlobalFunction.h"
+#include "ui/CDownloadFileController.h"
+
+namespace cirrovault::cli {
+
+namespace {
+
+struct RestoreArgs {
+    std::string name;
+    std::vector<std::string> paths;
+    std::string to;
+    int version = -1;
+    bool overwrite = false;
+};
+
+struct VersionArgs {
+    std::string name;
+    std::string path;
+    int version = -1;
+    bool all = false;
+};
+
+struct Item {
+    std::string server;
+    std::string local;
+    uint64_t size = 0;
+};
+
+int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const Output& out) {
+    if (args.to.empty())
+        throw CliError(Exit::Usage, text("CliNeedTo", "say where to restore with --to DIR"));
+    if (FileSystem::exists(args.to) && !FileSystem::isDirectoryFollowingLinks(args.to))
+        throw CliError(Exit::Usage, text("CliNotAFolder", "{} is not a folder", args.to));
+    if (args.version >= 0 && args.paths.size() != 1)
+        throw CliError(Exit::Usage, text("CliVersionOneFile", "--version restores one file: name exactly one PATH"));
+    Signals::install();
+    HostSession session(global, out);
+    session.logon(false);
+    auto task = session.task(args.name);
+    RestoreSupport where(session, task);
+    std::vector<std::string> wanted;
+    for (const auto& p : args.paths)
+        wanted.push_back(where.relative(p));
+
+    std::vector<Item> items;
+    uint64_t total = 0;
+    if (args.version >= 0) {
+        auto versions = where.versions(wanted[0]);
+        const FileVersion* chosen = nullptr;
+        for (const auto& v : versions)
+            if (v.number == args.version)
+                chosen = &v;
+        if (!chosen)
+            throw CliError(Exit::Usage, versions.empty()
+                                            ? text("CliNoVersions", "{} has no older versions", wanted[0])
+                                            : text("CliNoSuchVersion", "{} has no version {} (see `cirrovault versions {} {}`)",
+                                                   wanted[0], args.version, task->name, wanted[0]));
+        items.push_back({chosen->info.path, args.to + "/" + wanted[0], chosen->info.iSize});
+        total = chosen->info.iSize;
+    } else {
+        auto files = where.files();
+        std::vector<bool> matched(wanted.size(), false);
+        for (const auto& [rel, info] : files) {
+            bool take = wanted.empty();
+            for (size_t i = 0; i < wanted.size(); ++i)
+                if (rel == wanted[i] || rel.compare(0, wanted[i].size() + 1, wanted[i] + "/") == 0)
+                    take = matched[i] = true;
+            if (take) {
+                items.push_back({info.path, args.to + "/" + rel, info.iSize});
+                total += info.iSize;
+            }
+        }
+        for (size_t i = 0; i < wanted.size(); ++i)
+            if (!matched[i])
+                throw CliError(Exit::Usage, text("CliNotBackedUp", "{} is not backed up in \"{}\"", args.paths[i], task->name));
+    }
+
+    std::string passPhrase = where.passPhraseFor(where.serverFolder());
+    CDownloadFileController window(session.backend());
+    window.iTotalSize = total;
+    window.setStrDownPath(args.to);
+    std::vector<std::string> restored, kept, failed;
+    bool cancelled = false;
+    Thread* self = nullptr;
+    Thread worker([&] {
+        TrueProgressCallback& progress = *window.pDownloadProgBar;
+        progress.setTotalSize(total);
+        progress.setTotalFiles(static_cast<int64_t>(items.size()));
+        uint64_t done = 0;
+        for (const auto& item : items) {
+            if (window.IsCancelDownload(self) || progress.IsClickedCancel() || Signals::pending()) {
+                cancelled = true;
+                break;
+            }
+            if (FileSystem::exists(item.local) && !args.overwrite) {
+                kept.push_back(item.local);
+            } else {
+                window.setStrRestoringFile(item.local);
+                progress.setDoneSize(done);
+                TransferInfo transfer;
+                transfer.setSvrFile(item.server);
+                transfer.setLocFile(item.local);
+                transfer.setProgress(&progress);
+                transfer.setPassPhrase(passPhrase);
+                int64_t code = TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
+                if (code == ResultCode::Cancelled) {
+                    cancelled = true;
+                    break;
+                }
+                if (code == ResultCode::Success)
+                    restored.push_back(item.local);
+                else
+                    failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
+            }
+            done += item.size;
+            window.iHasDownloadSize = done;
+            progress.setDoneFiles(progress.doneFiles() + 1);
+            progress.setSentSize(0);
+        }
+        window.LeaveProgressModel(self);
+    });
+    self = &worker;
+    window.EnterProgressMode(&worker);
+    worker.join();
+
+    for (const auto& f : restored)
+        out.line(text("CliRestored", "restored  {}", f));
+    for (const auto& f : kept)
+        out.line(text("CliKeptLocal", "kept      {} (it exists; --overwrite replaces it)", f));
+    Json doc = Json::object();
+    Json r = Json::array(), k = Json::array(), f = Json::array();
+    for (const auto& x : restored) r.push(x);
+    for (const auto& x : kept) k.push(x);
+    for (const auto& x : failed) f.push(x);
+    doc.set("ok", failed.empty() && kept.empty() && !cancelled).set("restored", r).set("kept", k).set("failed", f)
+        .set("cancelled", cancelled);
+    out.result(doc);
+    for (const auto& x : failed)
+        std::fprintf(stderr, "cirrovault: not restored: %s\n", x.c_str());
+    if (cancelled) {
+        std::fprintf(stderr, "cirrovault: %s\n", text("CliRestoreCancelled", "the restore was cancelled; {} of {} files restored",
+                                                      restored.size(), items.size()).c_str());
+        return Exit::Cancelled;
+    }
+    if (!failed.empty() || !kept.empty())
+        return Exit::Failed;
+    out.line(text("CliRestoreDone", "Restored {} files ({}) into {}.", restored.size(),
+                  GlobalFunction::stringFromFileSize(total), args.to));
+    return Exit::Ok;
+}
+
+int versionsCommand(const VersionArgs& args, const GlobalOptions& global, const Output& out) {
+    HostSession session(global, out);
+    session.logon(false);
+    auto task = session.task(args.name);
+    RestoreSupport where(session, task);
+    std::string rel = where.relative(args.path);
+    PathInfo current;
+    bool hasCurrent = TransferApiUtil::sharePathTreeController().FindPath(where.serverPathOf(rel), current, false);
+    auto versions = where.versions(rel);
+    if (!hasCurrent && versions.empty())
+        throw CliError(Exit::Usage, text("CliNotBackedUp", "{} is not backed up in \"{}\"", args.path, task->name));
+    Json list = Json::array();
+    out.line(text("CliVersionsOf", "{} in \"{}\":", rel, task->name));
+    if (hasCurrent)
+        out.line(text("CliVersionCurrent", "  current    {}  {}", TaskFormat::dateText(current.modifyTime),
+                      GlobalFunction::stringFromFileSize(current.iSize)));
+    for (const auto& v : versions) {
+        out.line(text("CliVersionLine", "  version {}  {}  {}", v.number, TaskFormat::dateText(v.info.modifyTime),
+                      GlobalFunction::stringFromFileSize(v.info.iSize)));
+        Json j = Json::object();
+        j.set("version", v.number).set("modified", TaskFormat::dateText(v.info.modifyTime)).set("size", v.info.iSize)
+            .set("serverPath", v.info.path);
+        list.push(j);
+    }
+    if (versions.empty())
+        out.line(text("CliNoOlder", "  no older versions"));
+    else
+        out.line(text("CliVersionHint", "Restore one with `cirrovault restore {} {} --version K --to DIR`.", task->name, rel));
+    Json doc = Json::object();
+    doc.set("ok", true).set("path", rel).set("current", hasCurrent ? Json(TaskFormat::dateText(current.modifyTime)) : Json())
+        .set("currentSize", hasCurrent ? Json(current.iSize) : Json()).set("versions", list);
+    out.result(doc);
+    return Exit::Ok;
+}
+
+int versionsDeleteCommand(const VersionArgs& args, const GlobalOptions& global, const Output& out) {
+    if (args.version < 0 && !args.all)
+        throw CliError(Exit::Usage, text("CliWhichVersion", "say which version to delete: --version K, or --all"));
+    HostSession session(global, out);
+    session.logon(true);
+    auto task = session.task(args.name);
+    RestoreSupport where(session, task);
+    std::string rel = where.relative(args.path);
+    auto versions = where.versions(rel);
+    std::vector<std::string> paths;
+    for (const auto& v : versions)
+        if (args.all || v.number == args.version)
+            paths.push_back(v.info.path);
+    if (paths.empty())
+        throw CliError(Exit::Usage, args.all ? text("CliNoVersions", "{} has no older versions", rel)
+                                             : text("CliNoSuchVersion", "{} has no version {} (see `cirrovault versions {} {}`)",
+                                                    rel, args.version, task->name, rel));
+    session.manager().DeleteFileVersions(paths, task->name);
+    size_t left = 0;
+    for (const auto& p : paths) {
+        PathInfo info;
+        if (TransferApiUtil::sharePathTreeController().FindPath(p, info, false))
+            ++left;
+    }
+    if (left > 0)
+        throw CliError(Exit::Failed, text("CliVersionsLeft", "{} of {} versions could not be deleted", left, paths.size()));
+    out.line(text("CliVersionsDeleted", "Deleted {} older version(s) of {}.", paths.size(), rel));
+    Json doc = Json::object();
+    doc.set("ok", true).set("deleted", static_cast<uint64_t>(paths.size()));
+    out.result(doc);
+    return Exit::Ok;
+}
+
+} // namespace
+
+void addRestoreCommands(CLI::App& app, Runner& run) {
+    auto rargs = std::make_shared<RestoreArgs>();
+    auto* restore = app.add_subcommand(
+        "restore", "restore a task's files (all, or the PATHs) into a folder; existing files are kept unless --overwrite");
+    restore->add_option("name", rargs->name, "the task")->required();
+    restore->add_option("paths", rargs->paths,
+                        "files or folders to restore: the original path, or relative to the folder above the task's "
+                        "source (e.g. Documents/a.txt)");
+    restore->add_option("--to", rargs->to, "the folder to restore into (made when missing)")->required();
+    restore->add_option("--version", rargs->version, "restore this older version of the one PATH (see `versions`)");
+    restore->add_flag("--overwrite", rargs->overwrite, "replace files that exist in the target folder");
+    restore->callback([&run, rargs] { run = [rargs](auto& g, auto& o) { return restoreCommand(*rargs, g, o); }; });
+
+    auto vargs = std::make_shared<VersionArgs>();
+    auto* versions = app.add_subcommand("versions", "the older versions of a file kept on the service");
+    versions->add_option("name", vargs->name, "the task");
+    versions->add_option("path", vargs->path, "the file (original path, or relative as for restore)");
+    auto* remove = versions->add_subcommand("delete", "delete older versions of a file on the service");
+    remove->add_option("name", vargs->name, "the task")->required();
+    remove->add_option("path", vargs->path, "the file")->required();
+    remove->add_option("--version", vargs->version, "the version to delete");
+    remove->add_flag("--all", vargs->all, "delete every older version of the file");
+    remove->callback([&run, vargs] { run = [vargs](auto& g, auto& o) { return versionsDeleteCommand(*vargs, g, o); }; });
+    versions->callback([&run, vargs, remove] {
+        if (remove->parsed())
+            return;
+        if (vargs->name.empty() || vargs->path.empty())
+            throw CLI::ValidationError("versions", "name a task and a file: cirrovault versions NAME PATH");
+        run = [vargs](auto& g, auto& o) { return versionsCommand(*vargs, g, o); };
+    });
+}
+
+} // namespace cirrovault::cli

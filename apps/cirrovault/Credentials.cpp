@@ -1,0 +1,70 @@
+#include "Credentials.h"
+
+#include <cstdlib>
+#include <termios.h>
+#include <unistd.h>
+
+#include "platform/framework/PasswordMan.h"
+#include "platform/framework/UserSettingMan.h"
+#include "platform/os/Host.h"
+#include "platform/view/terminal/TerminalConsole.h"
+
+namespace cirrovault::cli {
+
+std::string Credentials::userName(const std::string& option) {
+    if (!option.empty())
+        return option;
+    if (auto account = PasswordMan().GetAccount(); account && !account->userName.empty())
+        return account->userName;
+    if (auto info = UserSettingMan::GetUserInfo(); info && !info->userName.empty())
+        return info->userName;
+    return Host::userLoginName();
+}
+
+std::optional<std::string> Credentials::password(const std::string& user, bool mayPrompt) {
+    if (const char* env = std::getenv("CIRROVAULT_PASSWORD"); env && *env)
+        return std::string(env);
+    if (auto account = PasswordMan().GetAccount(); account && account->userName == user &&
+                                                   !account->password.empty())
+        return account->password;
+    if (mayPrompt)
+        return prompt("Password for " + user + ": ");
+    return std::nullopt;
+}
+
+bool Credentials::remember(const std::string& user, const std::string& password) {
+    return PasswordMan().SetAccount(user, password);
+}
+
+bool Credentials::forget() {
+    PasswordMan passwords;
+    return !passwords.GetAccount() || passwords.RemoveAccount();
+}
+
+bool Credentials::remembered(const std::string& user) {
+    auto account = PasswordMan().GetAccount();
+    return account && account->userName == user;
+}
+
+std::optional<std::string> Credentials::prompt(const std::string& question) {
+    if (!TerminalConsole::isTty(0) || !TerminalConsole::isTty(2))
+        return std::nullopt;
+    std::lock_guard lock(TerminalConsole::lock());
+    TerminalConsole::write(2, question);
+    termios saved{};
+    bool restore = tcgetattr(0, &saved) == 0;
+    if (restore) {
+        termios quiet = saved;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(0, TCSANOW, &quiet);
+    }
+    std::optional<std::string> line = TerminalConsole::readLine(0);
+    if (restore)
+        tcsetattr(0, TCSANOW, &saved);
+    TerminalConsole::write(2, "\n");
+    if (!line || line->empty())
+        return std::nullopt;
+    return line;
+}
+
+} // namespace cirrovault::cli

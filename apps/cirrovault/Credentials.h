@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace cirrovault::cli {
+
+// Who logs on, and with which password. The password comes from CIRROVAULT_PASSWORD,
+// else from the account kept by `cirrovault logon` (a 0600 file in the configuration
+// folder), else from a prompt at a terminal. It is never printed or logged.
+class Credentials {
+public:
+    // --user, else the kept account, else the last user who logged on here, else the
+    // login name.
+    static std::string userName(const std::string& option);
+    static std::optional<std::string> password(const std::string& user, bool mayPrompt);
+    // Keeps the account for the daemon and later commands (mode 0600).
+    static bool remember(const std::string& user, const std::string& password);
+    static bool forget();
+    static bool remembered(const std::string& user);
+    // Reads a secret from the terminal without echo; nothing without a terminal.
+    static std::optional<std::string> prompt(const std::string& question);
+};
+
+} // namespace cirrovault::cli

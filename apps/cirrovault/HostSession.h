@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Output.h"
+#include "RunLock.h"
+#include "engine/manager/CBackupManage.h"
+#include "engine/manager/StowlineBackupManageDelegate.h"
+#include "platform/view/ViewBackend.h"
+#include "ui/CreateViewXibController.h"
+
+namespace cirrovault::cli {
+
+// Options that every command takes.
+struct GlobalOptions {
+    std::string service; // service URL for this run ("" = the setting, else the local store)
+    std::string user;
+    bool json = false;
+    bool verbose = false;
+};
+
+// One host application around one CBackupManage: the dialog back end (terminal at a
+// terminal, headless otherwise), the message boxes, the logon and log-off, the
+// account's run lock and the manager's events.
+class HostSession : public StowlineBackupManageDelegate {
+public:
+    using TaskPtr = CBackupManage::TaskPtr;
+    // Receives the manager's events on the thread that raised them.
+    using Listener = std::function<void(const TaskPtr& task, int32_t type)>;
+
+    HostSession(const GlobalOptions& options, const Output& out);
+    ~HostSession() override; // logs off when still logged on
+    HostSession(const HostSession&) = delete;
+    HostSession& operator=(const HostSession&) = delete;
+
+    // Opens the service and logs on through the manager, which loads the task list.
+    // With exclusive, also takes the account's run lock. Throws CliError.
+    void logon(bool exclusive);
+    // Ends the session. After the scheduler ran this is the manager's own log-off
+    // (scheduler first, then the running task, then the service); a command that ran no
+    // scheduler ends its session directly, without the log-off's wait dialog.
+    void logoff();
+    bool loggedOn() const { return loggedOn_; }
+
+    CBackupManage& manager() { return *wizard_->pBackupManage; }
+    // The new-task wizard; its manager is the one this session drives.
+    CreateViewXibController& wizard() { return *wizard_; }
+    // The text of the last message box shown (the reason a check refused); taking it
+    // means the command reports it, so it is not printed again at the end.
+    std::string lastMessage() const;
+    // Message boxes are printed as they come (the daemon), not kept for the end.
+    void showMessagesAtOnce();
+    void clearLastMessage();
+    const std::shared_ptr<ViewBackend>& backend() const { return backend_; }
+    bool interactive() const { return interactive_; }
+    const Output& out() const { return out_; }
+    const std::string& userName() const { return userName_; }
+    const std::string& password() const { return password_; }
+    const std::string& serviceURL() const { return serviceURL_; }
+    std::string customerID() const;
+    // The account's data folder (event log, run lock).
+    std::string accountFolder() const;
+
+    // The task of that name, or a CliError that says there is none.
+    TaskPtr task(const std::string& name);
+    // Starts the manager's scheduler thread (the daemon).
+    void startScheduler();
+
+    // Adds a receiver of the manager's events; the answer removes it again.
+    size_t addListener(Listener listener);
+    void removeListener(size_t id);
+    bool StowlineBackupManageDelegateFun(CBackupManage* manager, const TaskPtr& taskInfo,
+                                         int32_t delegateType) override;
+
+private:
+    GlobalOptions options_;
+    const Output& out_;
+    bool interactive_ = false;
+    std::shared_ptr<ViewBackend> backend_;
+    std::unique_ptr<CreateViewXibController> wizard_;
+    std::shared_ptr<class RecordingMessagebox> messages_;
+    std::unique_ptr<RunLock> lock_;
+    bool loggedOn_ = false;
+    bool schedulerStarted_ = false;
+    std::string userName_;
+    std::string password_; // in memory only
+    std::string serviceURL_;
+    std::mutex listenerMutex_;
+    std::vector<std::pair<size_t, Listener>> listeners_; // guarded by listenerMutex_
+    size_t nextListener_ = 1;                            // guarded by listenerMutex_
+};
+
+} // namespace cirrovault::cli

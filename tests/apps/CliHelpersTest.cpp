@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include "Json.h"
+#include "RunLock.h"
+#include "TaskFormat.h"
+#include "common/TempHome.h"
+#include "platform/os/Calendar.h"
+
+namespace cirrovault::cli {
+namespace {
+
+TEST(CliDates, DatesAndTimesAreCheckedNotRolledOver) {
+    test::TempHome home;
+    auto date = TaskFormat::parseDate("2024-02-29 13:05", false);
+    ASSERT_TRUE(date);
+    DateComponents c = Calendar::components(*date);
+    EXPECT_EQ(c.year, 2024);
+    EXPECT_EQ(c.month, 2);
+    EXPECT_EQ(c.day, 29);
+    EXPECT_EQ(c.hour, 13);
+    EXPECT_EQ(c.minute, 5);
+    // A bare date as the end of a range covers the whole day.
+    DateComponents end = Calendar::components(*TaskFormat::parseDate("2024-03-01", true));
+    EXPECT_EQ(end.hour, 23);
+    EXPECT_EQ(end.minute, 59);
+    for (const char* bad : {"2023-02-29", "2024-13-01", "2024-04-31", "2024-1-1", "2024-01-01 24:00", "tomorrow", ""})
+        EXPECT_FALSE(TaskFormat::parseDate(bad, false)) << bad;
+    EXPECT_EQ(TaskFormat::parseTime("02:30"), 150);
+    EXPECT_EQ(TaskFormat::parseTime("9:05"), 545);
+    for (const char* bad : {"24:00", "12:60", "1230", "12:3", ""})
+        EXPECT_FALSE(TaskFormat::parseTime(bad)) << bad;
+    EXPECT_EQ(TaskFormat::parseWeekday("Sat"), 7);
+    EXPECT_EQ(TaskFormat::parseWeekday("sunday"), 1);
+    EXPECT_FALSE(TaskFormat::parseWeekday("s"));
+    EXPECT_FALSE(TaskFormat::parseWeekday("funday"));
+    EXPECT_EQ(TaskFormat::dateText(Date(0)), "never");
+}
+
+TEST(CliRunLock, OneHolderAtATimeAndReleasedWithIt) {
+    test::TempHome home;
+    std::string folder = home.file("account");
+    EXPECT_FALSE(RunLock::holder(folder));
+    pid_t holder = -1;
+    auto first = RunLock::acquire(folder, &holder);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(RunLock::holder(folder), getpid());
+    // A second open of the file is refused even in the same process, and names the owner.
+    EXPECT_FALSE(RunLock::acquire(folder, &holder));
+    EXPECT_EQ(holder, getpid());
+    first.reset();
+    EXPECT_FALSE(RunLock::holder(folder));
+    EXPECT_TRUE(RunLock::acquire(folder, &holder));
+}
+
+TEST(CliJson, TextIsEscapedAndKeysKeepTheirOrder) {
+    Json doc = Json::object();
+    doc.set("b", "line\n\"quoted\" \\ tab\t\x01").set("a", Json::array().push(1).push(true).push(Json()));
+    doc.set("b", 2); // replaces in place
+    EXPECT_EQ(doc.dump(), "{\"b\":2,\"a\":[1,true,null]}");
+    EXPECT_EQ(Json("x\"\n\x01").dump(), "\"x\\\"\\n\\u0001\"");
+}
+
+} // namespace
+} // namespace cirrovault::cli
