@@ -12,6 +12,7 @@
 #include "platform/framework/Functions.h"
 #include "platform/framework/LocalFileSink.h"
 #include "platform/framework/LocalFileSource.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferApiUtilState.h"
@@ -23,6 +24,14 @@
 namespace cirrovault {
 
 namespace {
+
+// The pass phrase of a file in the encrypted area: the one the caller gave, else the
+// phrase kept on this computer for the task folder the file lies in.
+std::string passPhraseFor(const TransferInfo& transferInfo, const std::string& path) {
+    if (!transferInfo.passPhrase().empty())
+        return transferInfo.passPhrase();
+    return PasswordMan().FindPasswordForPath(path).value_or("");
+}
 
 // One transfer as the store sees it. Registers the calling thread with
 // CurlHandleController for its lifetime, so CancelConnection(thread) reaches it.
@@ -107,12 +116,12 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
         Date modifyTime;
         int64_t code = ResultCode::Success;
         if (Functions::IsEncryptPath(*path)) {
-            if (transferInfo.passPhrase().empty()) {
+            const std::string passPhrase = passPhraseFor(transferInfo, *path);
+            if (passPhrase.empty()) {
                 logTransferFailure("UploadFile", ResultCode::WrongPassPhrase, transferInfo);
                 return ResultCode::WrongPassPhrase;
             }
-            auto encrypted =
-                EncryptingFileSource::open(transferInfo.locFile(), transferInfo.passPhrase(), code);
+            auto encrypted = EncryptingFileSource::open(transferInfo.locFile(), passPhrase, code);
             if (encrypted)
                 modifyTime = encrypted->modifyTime();
             source = std::move(encrypted);
@@ -177,7 +186,8 @@ int64_t TransferApiUtil::DownloadFile(TransferInfo& transferInfo) {
             return code;
         }
         const bool encrypted = Functions::IsEncryptPath(*path);
-        if (encrypted && transferInfo.passPhrase().empty()) {
+        const std::string passPhrase = encrypted ? passPhraseFor(transferInfo, *path) : "";
+        if (encrypted && passPhrase.empty()) {
             logTransferFailure("DownloadFile", ResultCode::WrongPassPhrase, transferInfo);
             return ResultCode::WrongPassPhrase;
         }
@@ -198,7 +208,7 @@ int64_t TransferApiUtil::DownloadFile(TransferInfo& transferInfo) {
         }
         TransferWatch watch(progress);
         if (encrypted) {
-            DecryptingFileSink sink(std::move(file), transferInfo.passPhrase());
+            DecryptingFileSink sink(std::move(file), passPhrase);
             code = store->get(*path, sink, &watch);
             if (sink.error() != ResultCode::Success && code != ResultCode::Cancelled)
                 code = sink.error();

@@ -7,6 +7,7 @@
 
 #include "platform/framework/CurlHandleController.h"
 #include "platform/framework/NimboSetting.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/framework/SessionFixture.h"
 #include "platform/framework/TransferInfo.h"
 #include "platform/framework/TrueProgressCallback.h"
@@ -178,6 +179,16 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
     EXPECT_EQ(download("\\Encrypted\\secret.txt", refused, "my phrase"), ResultCode::DamagedFile);
     EXPECT_FALSE(FileSystem::exists(refused));
     EXPECT_EQ(FileSystem::listDirectory(home_.file("out"))->size(), 1u); // no leftovers
+
+    // A run passes no phrase: the one kept on this computer for the task folder is used.
+    ASSERT_EQ(api().AddFolder("\\Encrypted\\Docs", "", "", false), ResultCode::Success);
+    ASSERT_TRUE(PasswordMan().SetPassword("\\Encrypted\\Docs", true, "kept phrase"));
+    ASSERT_EQ(upload("\\Encrypted\\Docs\\a.txt", local, nullptr, ""), ResultCode::Success);
+    std::string kept = home_.file("out/kept.txt");
+    ASSERT_EQ(download("\\Encrypted\\Docs\\a.txt", kept, ""), ResultCode::Success);
+    EXPECT_TRUE(readFile(kept) == content);
+    EXPECT_EQ(download("\\Encrypted\\Docs\\a.txt", refused, "my phrase"),
+              ResultCode::WrongPassPhrase);
 }
 
 TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
