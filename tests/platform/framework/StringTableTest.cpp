@@ -15,10 +15,9 @@ using namespace cirrovault;
 
 namespace {
 
-// The checkout this test was built from: tests/platform/framework/ is three levels down.
-std::filesystem::path sourceRoot() {
-    return std::filesystem::path(__FILE__).parent_path().parent_path().parent_path().parent_path();
-}
+// The checkout this test was built from (set by the build, so that compiler caches that
+// shorten __FILE__ do not matter).
+std::filesystem::path sourceRoot() { return CV_SOURCE_ROOT; }
 
 std::string tableFile() { return (sourceRoot() / "resources" / "Localizable.plist").string(); }
 
