@@ -65,7 +65,6 @@ void sendScanNotice(CBackupTask& task, StowlineDelegateType type) {
 bool CBackupTask::CalculateBackupSize() {
     try {
         bRescanForPrgBar = false;
-        strMissingSvrFolder.clear();
         scanFilterSystemPath.clear();
         scanFilterUserPath.clear();
         int32_t items = 0;

@@ -59,24 +59,16 @@ bool CBackupTask::CalculateBackupFileSize(const std::string& localFile, uint64_t
             CFileInfo::serverPathAppend(folder, CFileInfo::getMacFileName(localFile, false));
         uint64_t extra = Functions::IsEncryptPath(serverFile) ? kEncryptedExtra : 0;
 
-        // The path tree lists each server folder once and answers later files of the
-        // same folder from memory; a missing folder is remembered here (with all below
-        // it), since the tree keeps no record of what it did not find.
+        // The path tree lists each server folder once and remembers the ones it did not
+        // find, so the later files of a folder are answered from memory.
         PathTreeController& tree = TransferApiUtil::sharePathTreeController();
-        bool folderMissing = !strMissingSvrFolder.empty() &&
-                             (folder == strMissingSvrFolder ||
-                              folder.starts_with(strMissingSvrFolder + "\\"));
         PathInfo stored;
-        if (folderMissing || !tree.FindPath(serverFile, stored, false)) {
+        if (!tree.FindPath(serverFile, stored, false)) {
             PathInfo part;
             bool interrupted = false;
-            if (!folderMissing) {
-                PathInfo folderInfo;
-                if (tree.FindPath(folder, folderInfo, false))
-                    interrupted = tree.FindPath(serverFile + ".part", part, false);
-                else
-                    strMissingSvrFolder = folder;
-            }
+            PathInfo folderInfo;
+            if (tree.FindPath(folder, folderInfo, false))
+                interrupted = tree.FindPath(serverFile + ".part", part, false);
             scanFileArray.push_back(localFile);
             fileTotalSize += size;
             if (!interrupted)

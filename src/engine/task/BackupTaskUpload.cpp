@@ -44,10 +44,15 @@ bool userRetriesAfterSpaceLimit() {
 }
 
 // Seconds of difference the change test forgives. The default is the key's own text,
-// whose number is 0: unset means "equal to the second".
-int64_t ignoredTimeSpan() {
-    std::string text = NimboSetting::GetSettingValueForKey("IgnoreTimeSpan", "IgnoreTimeSpan");
-    return std::strtoll(text.c_str(), nullptr, 10);
+// whose number is 0: unset means "equal to the second". Read once per walk: the
+// settings file is parsed on every read.
+int64_t ignoredTimeSpan(std::optional<int64_t>& cached) {
+    if (!cached) {
+        std::string text =
+            NimboSetting::GetSettingValueForKey("IgnoreTimeSpan", "IgnoreTimeSpan");
+        cached = std::strtoll(text.c_str(), nullptr, 10);
+    }
+    return *cached;
 }
 
 } // namespace
@@ -69,6 +74,7 @@ bool CBackupTask::isFatalUploadCode(int64_t code) {
 
 bool CBackupTask::BeginUploadingData() {
     try {
+        uploadWalkCache = {};
         size_t count = scanFileArray.size();
         while (count >= 1) {
             if (cancelRequested(pPrgBar)) {
@@ -77,35 +83,54 @@ bool CBackupTask::BeginUploadingData() {
             }
             if (isFatalUploadCode(static_cast<int64_t>(iBackupRet)))
                 return true;
+            // One pass. Entries done leave the list, the others keep their order; the list
+            // is closed up once at the end of the pass, not at every entry (that moved
+            // every later entry once per file: quadratic in the files of the run).
             size_t i = 0;
-            while (i < count) {
-                if (cancelRequested(pPrgBar)) {
-                    iBackupRet = ResultCode::Cancelled;
-                    break;
-                }
-                const std::string entry = scanFileArray[i];
-                if (entry.empty()) {
-                    // Nothing to back up; left in place it would keep the walk going.
-                    scanFileArray.erase(scanFileArray.begin() + static_cast<std::ptrdiff_t>(i));
-                    --count;
-                    continue;
-                }
-                int64_t r = BackupPath(entry, "", false);
-                if (isFatalUploadCode(r)) {
-                    getBackupTaskResult(static_cast<uint64_t>(r), "", entry);
+            size_t kept = 0;
+            auto keepEntry = [this](size_t& to, size_t from) {
+                if (to != from)
+                    scanFileArray[to] = std::move(scanFileArray[from]);
+                ++to;
+            };
+            auto closeUp = [&] {
+                for (; i < count; ++i)
+                    keepEntry(kept, i);
+                scanFileArray.resize(kept);
+            };
+            try {
+                while (i < count) {
+                    if (cancelRequested(pPrgBar)) {
+                        iBackupRet = ResultCode::Cancelled;
+                        break;
+                    }
+                    const std::string& entry = scanFileArray[i];
+                    if (entry.empty()) {
+                        // Nothing to back up; left in place it would keep the walk going.
+                        ++i;
+                        continue;
+                    }
+                    int64_t r = BackupPath(entry, "", false);
+                    if (isFatalUploadCode(r)) {
+                        getBackupTaskResult(static_cast<uint64_t>(r), "", entry);
+                        iBackupRet = static_cast<uint64_t>(r);
+                        break;
+                    }
+                    if (r == ResultCode::Failure) {
+                        // The entry stays, and the one after it waits for the next pass.
+                        keepEntry(kept, i++);
+                        if (i < count)
+                            keepEntry(kept, i++);
+                    } else {
+                        ++i;
+                    }
                     iBackupRet = static_cast<uint64_t>(r);
-                    break;
                 }
-                if (r == ResultCode::Failure) {
-                    // The entry stays, and the one after it waits for the next pass.
-                    i += 2;
-                } else {
-                    // The next entry moves into this place.
-                    scanFileArray.erase(scanFileArray.begin() + static_cast<std::ptrdiff_t>(i));
-                    --count;
-                }
-                iBackupRet = static_cast<uint64_t>(r);
+            } catch (...) {
+                closeUp();
+                throw;
             }
+            closeUp();
             count = scanFileArray.size();
         }
     } catch (const std::exception&) {
@@ -204,7 +229,7 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
         if (tree.FindPath(serverFile, stored, false)) {
             CFileAttributes attributes(localPath);
             if (attributes.getFileAttibutes() && attributes.modifyDate) {
-                int64_t span = ignoredTimeSpan();
+                int64_t span = ignoredTimeSpan(uploadWalkCache.ignoreTimeSpan);
                 double d = std::trunc(
                     std::fabs(stored.modifyTime.timeIntervalSinceDate(*attributes.modifyDate)));
                 uint64_t expected = static_cast<uint64_t>(attributes.fileSize) +

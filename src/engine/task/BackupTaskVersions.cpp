@@ -109,7 +109,11 @@ bool CBackupTask::recordCurrent(const std::string& serverFile, uint64_t iMaxVers
         TransferApiUtil& service = TransferApiUtil::shareTransferApiUtil();
         PathTreeController& tree = TransferApiUtil::sharePathTreeController();
 
-        std::string history = getSvrHistoryFolder(Functions::IsEncryptPath(serverPath));
+        // Looked up (and made) once per walk: each lookup walks the application tree.
+        bool encrypted = Functions::IsEncryptPath(serverPath);
+        std::string& history = uploadWalkCache.historyFolder[encrypted ? 1 : 0];
+        if (history.empty())
+            history = getSvrHistoryFolder(encrypted);
         if (history.empty())
             return false;
         std::string fileFolder = CFileInfo::getServerParentFolder(serverFile);

@@ -214,9 +214,13 @@ public:
     // The per-file decision with the status a walk has already read, so that a walk
     // makes one metadata call per item.
     bool CalculateBackupFileSize(const std::string& localFile, uint64_t size, Date modifyDate);
-    // The last server folder the per-file decision found missing: its other files are
-    // new without asking the service again. Cleared when a walk starts.
-    std::string strMissingSvrFolder;
+    // What an upload walk looks up once and then reuses for every file: the
+    // "IgnoreTimeSpan" setting and the history folder (plain, encrypted). Emptied when
+    // the walk starts.
+    struct UploadWalkCache {
+        std::optional<int64_t> ignoreTimeSpan;
+        std::string historyFolder[2];
+    } uploadWalkCache;
 
     // ---- Server folders and versions (BackupTaskVersions.cpp) ----
     // The info folder of the account's application tree; "" when it cannot be made.

@@ -43,11 +43,13 @@ void CachedPathTree::setBackend(std::shared_ptr<StoreBackend> backend) {
     std::lock_guard lock(mutex_);
     backend_ = std::move(backend);
     listings_.clear();
+    missing_.clear();
 }
 
 void CachedPathTree::clear() {
     std::lock_guard lock(mutex_);
     listings_.clear();
+    missing_.clear();
 }
 
 int64_t CachedPathTree::listingLocked(const std::string& folder, Listing*& out) {
@@ -56,10 +58,29 @@ int64_t CachedPathTree::listingLocked(const std::string& folder, Listing*& out) 
         out = &it->second;
         return ResultCode::Success;
     }
+    if (knownMissingLocked(folder))
+        return ResultCode::NotFound;
+    // The nearest held listing above already tells whether the way down is there.
+    for (std::string at = folder; at != Root; at = parentOf(at)) {
+        auto above = listings_.find(parentOf(at));
+        if (above == listings_.end())
+            continue;
+        std::string name = nameOf(at);
+        bool present = false;
+        for (const StoreItem& item : above->second)
+            present = present || (item.isFolder && item.name == name);
+        if (!present) {
+            missing_.insert(at);
+            return ResultCode::NotFound;
+        }
+        break;
+    }
     if (!backend_)
         return ResultCode::NoService;
     Listing items;
     int64_t code = backend_->list(folder, items);
+    if (code == ResultCode::NotFound)
+        missing_.insert(folder);
     if (code != ResultCode::Success)
         return code;
     out = &listings_.emplace(folder, std::move(items)).first->second;
@@ -104,6 +125,7 @@ int64_t CachedPathTree::RefreshSvrPath(const std::string& path) {
         std::lock_guard lock(mutex_);
         dropSubtreeLocked(*canonical);
         dropAncestorListingsLocked(*canonical);
+        forgetMissingLocked(*canonical);
         if (!backend_)
             return ResultCode::NoService;
         StoreItem item;
@@ -207,6 +229,62 @@ void CachedPathTree::dropAncestorListingsLocked(const std::string& path) {
     }
 }
 
+void CachedPathTree::followUncachedChangeLocked(const std::string& folder) {
+    // The highest folder on the way up whose listing is not held, below one that is.
+    std::string child = folder;
+    std::string above = parentOf(folder);
+    if (folder == Root)
+        return;
+    while (listings_.find(above) == listings_.end()) {
+        if (above == Root)
+            return; // no listing above holds figures of this part of the tree
+        child = above;
+        above = parentOf(above);
+    }
+    StoreItem now;
+    if (!backend_ || backend_->stat(child, now) != ResultCode::Success || !now.isFolder) {
+        dropAncestorListingsLocked(folder);
+        return;
+    }
+    now.name = nameOf(child);
+    int64_t sizeDelta = static_cast<int64_t>(now.size);
+    int64_t filesDelta = filesIn(now);
+    if (StoreItem* entry = entryLocked(child)) {
+        sizeDelta -= static_cast<int64_t>(entry->size);
+        filesDelta -= filesIn(*entry);
+        *entry = now;
+    } else {
+        listings_[above].push_back(now);
+    }
+    adjustAncestorsLocked(above, sizeDelta, filesDelta);
+}
+
+bool CachedPathTree::knownMissingLocked(const std::string& folder) const {
+    if (missing_.empty())
+        return false;
+    for (std::string at = folder;; at = parentOf(at)) {
+        if (missing_.count(at))
+            return true;
+        if (at == Root)
+            return false;
+    }
+}
+
+void CachedPathTree::forgetMissingLocked(const std::string& path) {
+    if (missing_.empty())
+        return;
+    if (path == Root) {
+        missing_.clear();
+        return;
+    }
+    for (std::string at = path; at != Root; at = parentOf(at))
+        missing_.erase(at);
+    std::string below = path + "\\";
+    for (auto it = missing_.lower_bound(below);
+         it != missing_.end() && it->compare(0, below.size(), below) == 0;)
+        it = missing_.erase(it);
+}
+
 std::optional<StoreItem> CachedPathTree::cachedItem(const std::string& path) {
     std::lock_guard lock(mutex_);
     if (StoreItem* entry = entryLocked(path))
@@ -218,11 +296,12 @@ void CachedPathTree::noteStored(const std::string& path, const StoreItem& item) 
     std::lock_guard lock(mutex_);
     if (path == Root)
         return;
+    forgetMissingLocked(path);
     std::string parent = parentOf(path);
     auto it = listings_.find(parent);
     if (it == listings_.end()) {
-        // The old entry is unknown, so the folders above cannot be adjusted.
-        dropAncestorListingsLocked(parent);
+        // The old entry is unknown: the figures above come from the backend instead.
+        followUncachedChangeLocked(parent);
         dropSubtreeLocked(path);
         return;
     }
@@ -241,12 +320,19 @@ void CachedPathTree::noteStored(const std::string& path, const StoreItem& item) 
     dropSubtreeLocked(path);
 }
 
+void CachedPathTree::noteFolderMade(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    StoreItem* entry = entryLocked(path);
+    if (entry && entry->isFolder && entry->fileCount == 0)
+        listings_.try_emplace(path);
+}
+
 void CachedPathTree::noteRemoved(const std::string& path) {
     std::lock_guard lock(mutex_);
     std::string parent = parentOf(path);
     auto it = listings_.find(parent);
     if (path != Root && it == listings_.end()) {
-        dropAncestorListingsLocked(parent);
+        followUncachedChangeLocked(parent);
     } else if (StoreItem* entry = entryLocked(path)) {
         int64_t size = static_cast<int64_t>(entry->size);
         int64_t files = filesIn(*entry);
@@ -261,6 +347,8 @@ void CachedPathTree::noteRenamed(const std::string& path, const std::string& new
     if (StoreItem* entry = entryLocked(path))
         entry->name = newName;
     dropSubtreeLocked(path);
+    if (path != Root)
+        forgetMissingLocked(StorePath::child(parentOf(path), newName));
 }
 
 void CachedPathTree::noteFolderInfo(const std::string& path, const std::string& description,
@@ -276,6 +364,7 @@ void CachedPathTree::forget(const std::string& path) {
     std::lock_guard lock(mutex_);
     dropSubtreeLocked(path);
     dropAncestorListingsLocked(path);
+    forgetMissingLocked(path);
 }
 
 } // namespace cirrovault

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,12 @@ namespace cirrovault {
 // to the cached listings (the entry itself and the sizes and file counts of the folders
 // above it), so an upload walk keeps reading from memory. Where a change cannot be
 // applied exactly, the listings that would be stale are dropped and read again later.
+// A change below a folder whose listing is not held is followed by asking the backend
+// for that one folder's figures, so the listings above it (the root's among them) stay.
+//
+// Folders the backend did not find are remembered too, so a first backup asks once per
+// missing folder, not once per new file; storing anything at or below such a folder (or
+// forgetting it) ends that.
 //
 // One lock covers the cache and the listings it makes, so two threads asking for the
 // same folder cause one listing. The PathTreeController calls accept any server path
@@ -41,6 +48,8 @@ public:
     std::optional<StoreItem> cachedItem(const std::string& path);
     // The path now holds item (a file stored, a folder made, copied or moved here).
     void noteStored(const std::string& path, const StoreItem& item);
+    // The folder at path was just made, so it is empty: its listing needs no request.
+    void noteFolderMade(const std::string& path);
     void noteRemoved(const std::string& path);
     void noteRenamed(const std::string& path, const std::string& newName);
     void noteFolderInfo(const std::string& path, const std::string& description,
@@ -59,10 +68,17 @@ private:
     void adjustAncestorsLocked(const std::string& folder, int64_t sizeDelta, int64_t filesDelta);
     void dropSubtreeLocked(const std::string& path);
     void dropAncestorListingsLocked(const std::string& path);
+    // Something below folder changed and folder's listing is not held: brings the
+    // figures of the listings above it up to date from the backend, or drops them.
+    void followUncachedChangeLocked(const std::string& folder);
+    bool knownMissingLocked(const std::string& folder) const;
+    // path and everything that may now exist on the way to it or below it.
+    void forgetMissingLocked(const std::string& path);
 
     std::mutex mutex_;
     std::shared_ptr<StoreBackend> backend_;  // guarded by mutex_
     std::map<std::string, Listing> listings_; // guarded by mutex_; canonical folder → entries
+    std::set<std::string> missing_;           // guarded by mutex_; folders found absent
     std::atomic<CLoopItem*> loopItem_{nullptr};
 };
 

@@ -95,8 +95,10 @@ int64_t TransferApiUtil::AddFolder(const std::string& path, const std::string& f
         if (!store)
             return ResultCode::NoService;
         int64_t code = store->makeFolder(*canonical, folderDescription, folderCaption);
-        if (code == ResultCode::Success)
+        if (code == ResultCode::Success) {
             noteArrived(*store, *state_->tree, *canonical);
+            state_->tree->noteFolderMade(*canonical);
+        }
         return code;
     } catch (const std::exception&) {
         SystemLog::write("Error: TransferApiUtil::AddFolder()");

@@ -156,6 +156,43 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     EXPECT_GE(clock_->now().timeIntervalSince1970(), T + 75.5 + 2);
 }
 
+// A rerun after a few files changed reads each server folder at most once, however
+// many old copies move into the history folders; nothing is uploaded without a change.
+TEST_F(BackupTaskRunThread, RerunsListEachServerFolderAtMostOnce) {
+    for (const char* folder : {"a", "b", "c d"})
+        for (int i = 0; i < 10; ++i)
+            local(std::string(folder) + "/f" + std::to_string(i) + ".txt", "content", T);
+    run();
+    ASSERT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    StoreItem root;
+    ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
+    ASSERT_EQ(root.fileCount, 30);
+
+    for (int pass = 1; pass <= 2; ++pass) {
+        SCOPED_TRACE(pass);
+        local("b/f" + std::to_string(pass) + ".txt", "changed " + std::to_string(pass), T + 100);
+        local("c d/f" + std::to_string(pass) + ".txt", "changed", T + 100);
+        store_->resetCounts();
+        delegate_.clear();
+        run();
+        EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+        EXPECT_EQ(delegate_.working().size(), 2u);
+        for (const auto& [folder, count] : store_->listCounts())
+            EXPECT_LE(count, 1) << folder;
+        EXPECT_EQ(stored("\\Backup\\src\\b\\f" + std::to_string(pass) + ".txt"),
+                  "changed " + std::to_string(pass));
+        ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
+        EXPECT_EQ(root.fileCount, 30 + 2 * pass); // the old copies are kept as versions
+    }
+
+    store_->resetCounts();
+    delegate_.clear();
+    run();
+    EXPECT_TRUE(delegate_.working().empty());
+    for (const auto& [folder, count] : store_->listCounts())
+        EXPECT_LE(count, 1) << folder;
+}
+
 TEST_F(BackupTaskRunThread, EmptyServerPathEndsTheRunBeforeItBegins) {
     task_->serverPath = "";
     run();

@@ -35,6 +35,10 @@ public:
             total += entry.second;
         return total;
     }
+    std::map<std::string, int> listCounts() const {
+        std::lock_guard lock(mutex_);
+        return lists_;
+    }
     void resetCounts() {
         std::lock_guard lock(mutex_);
         lists_.clear();

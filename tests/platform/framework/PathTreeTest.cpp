@@ -148,6 +148,71 @@ TEST_F(PathTreeTest, RefreshForgetsThePathAndBelow) {
     EXPECT_EQ(tree().RefreshSvrPath("\\"), ResultCode::NotLoggedOn);
 }
 
+TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
+    folder("\\T");
+    PathInfo info;
+    ASSERT_TRUE(tree().FindPath("\\T", info, false));
+    store_->resetCounts();
+    // A first backup asks for every new file of a folder that is not there yet.
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_FALSE(tree().FindPath("\\T\\New\\f" + std::to_string(i), info, false));
+        EXPECT_FALSE(tree().FindPath("\\T\\New\\Deep\\g" + std::to_string(i), info, false));
+        EXPECT_FALSE(tree().FindPath("\\Gone\\Deep\\h" + std::to_string(i), info, false));
+    }
+    // \T\New was asked for once; the root's listing already tells \Gone is absent.
+    EXPECT_EQ(store_->totalLists(), 1);
+    EXPECT_EQ(store_->listCount("\\T\\New"), 1);
+
+    // Made through the session: what lies below is asked for again, and found.
+    folder("\\T\\New");
+    upload("\\T\\New\\f1", "one");
+    ASSERT_TRUE(tree().FindPath("\\T\\New\\f1", info, false));
+    EXPECT_EQ(info.iSize, 3u);
+    EXPECT_FALSE(tree().FindPath("\\T\\New\\Deep\\g1", info, false));
+    expectInStep("\\T\\New");
+
+    // Made behind the cache's back: seen after a refresh of the folder or above it.
+    ASSERT_EQ(local_->makeFolder("\\Gone", "", ""), ResultCode::Success);
+    ASSERT_EQ(local_->makeFolder("\\Gone\\Deep", "", ""), ResultCode::Success);
+    EXPECT_FALSE(tree().FindPath("\\Gone\\Deep", info, false));
+    tree().RefreshSvrPath("\\Gone\\Deep");
+    EXPECT_TRUE(tree().FindPath("\\Gone\\Deep", info, false));
+    EXPECT_TRUE(info.bFolder);
+}
+
+TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
+    folder("\\T");
+    folder("\\T\\Docs");
+    folder("\\H");
+    folder("\\H\\Task");
+    folder("\\H\\Task\\Docs");
+    upload("\\T\\Docs\\a.txt", std::string(10, 'a'));
+    upload("\\H\\Task\\Docs\\old0.txt", std::string(4, 'o'));
+    ASSERT_EQ(tree().RefreshSvrPath("\\"), ResultCode::Success);
+    PathInfo info;
+    ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
+    ASSERT_TRUE(tree().FindPath("\\T\\Docs", info, false));
+    ASSERT_TRUE(tree().FindPath("\\T", info, false));
+    ASSERT_TRUE(tree().FindPath("\\H\\Task", info, false)); // \H held, \H\Task not
+    store_->resetCounts();
+
+    // The versioning move lands in a folder whose listing is not held.
+    for (int n = 1; n <= 3; ++n) {
+        upload("\\T\\Docs\\a.txt", std::string(10 + n, 'a'));
+        std::string version = "a" + std::to_string(n) + ".txt";
+        ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), ResultCode::Success);
+        ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true),
+                  ResultCode::Success);
+        expectInStep("\\H");
+        expectInStep("\\H\\Task");
+        expectInStep("\\T");
+    }
+    // Followed from the figures of the one folder below the held listings.
+    EXPECT_EQ(store_->totalLists(), 0);
+    ASSERT_EQ(api().DeletePaths({"\\H\\Task\\Docs\\a2.txt"}, nullptr, false), ResultCode::Success);
+    expectInStep("\\H");
+}
+
 class PathTreeConcurrencyTest : public PathTreeTest {};
 
 TEST_F(PathTreeConcurrencyTest, LookupsInOneFolderFromManyThreadsListItOnce) {

@@ -208,4 +208,48 @@ TEST(StoreFactoryTest, ChoosesTheBackendByURL) {
     SystemLog::stopCapture();
 }
 
+// Folder figures are remembered per folder and trusted while the folder's times stand
+// still; changes from another store object on the same folder must still show.
+TEST_F(LocalStoreTest, FolderFiguresFollowChangesFromAnotherStoreObject) {
+    for (const char* folder : {"\\A", "\\A\\B", "\\A\\B\\C", "\\D"})
+        ASSERT_EQ(store.makeFolder(folder, "", ""), R::Success);
+    MemorySource one("12345", "t1");
+    ASSERT_EQ(store.put("\\A\\B\\C\\one", one, Date(), nullptr), R::Success);
+    // Long settled: times a minute old are trusted by later readings.
+    const Date past = Date::now().addingTimeInterval(-60);
+    for (const char* folder : {"", "/A", "/A/B", "/A/B/C", "/D"})
+        ASSERT_TRUE(FileSystem::setModifyTime(filesFolder() + folder, past));
+    StoreItem item;
+    ASSERT_EQ(store.stat("\\", item), R::Success);
+    EXPECT_EQ(item.size, 5u);
+    EXPECT_EQ(item.fileCount, 1);
+
+    LocalStore other{home.file("store")};
+    StoreSession otherSession;
+    ASSERT_EQ(other.logon("alice", "pw", otherSession), R::Success);
+    MemorySource two("abc", "t2");
+    ASSERT_EQ(other.put("\\A\\B\\C\\two", two, Date(), nullptr), R::Success);
+    MemorySource longer("1234567", "t3");
+    ASSERT_EQ(other.put("\\A\\B\\C\\one", longer, Date(), nullptr), R::Success); // replaced
+    ASSERT_EQ(store.stat("\\", item), R::Success);
+    EXPECT_EQ(item.size, 10u);
+    EXPECT_EQ(item.fileCount, 2);
+
+    ASSERT_EQ(other.move("\\A\\B\\C", "\\D\\C"), R::Success);
+    std::vector<StoreItem> items;
+    ASSERT_EQ(store.list("\\", items), R::Success);
+    for (const auto& entry : items) {
+        SCOPED_TRACE(entry.name);
+        EXPECT_EQ(entry.size, entry.name == "D" ? 10u : 0u);
+        EXPECT_EQ(entry.fileCount, entry.name == "D" ? 2 : 0);
+    }
+    ASSERT_EQ(other.copy("\\D\\C", "\\A\\C2"), R::Success);
+    ASSERT_EQ(other.remove("\\D\\C\\two"), R::Success);
+    ASSERT_EQ(store.stat("\\A", item), R::Success);
+    EXPECT_EQ(item.size, 10u);
+    ASSERT_EQ(store.stat("\\", item), R::Success);
+    EXPECT_EQ(item.size, 17u);
+    EXPECT_EQ(item.fileCount, 3);
+}
+
 } // namespace cirrovault::test

@@ -43,7 +43,45 @@ LocalStore::LocalStore(std::string folder) : folder_(std::move(folder)) {
         folder_.pop_back();
 }
 
-LocalStore::~LocalStore() = default;
+LocalStore::~LocalStore() {
+    try {
+        saveFolderTotals();
+    } catch (const std::exception&) {
+        SystemLog::write("Error: LocalStore::~LocalStore()");
+    }
+}
+
+LocalStore::OpenFolder::~OpenFolder() {
+    if (fd >= 0)
+        ::close(fd);
+}
+
+void LocalStore::loadFolderTotals() {
+    std::vector<std::pair<std::string, std::string>> rows;
+    if (!db_.folderTotals(rows))
+        return;
+    for (auto& row : rows)
+        row.first = folder_ + "/" + row.first;
+    totals_.load(rows);
+}
+
+void LocalStore::saveFolderTotals() {
+    if (!db_.isOpen())
+        return;
+    std::vector<std::pair<std::string, std::string>> changed;
+    std::vector<std::string> gone;
+    totals_.takeChanges(changed, gone);
+    const std::string prefix = folder_ + "/";
+    auto relative = [&](std::string& path) {
+        if (path.compare(0, prefix.size(), prefix) != 0)
+            return false;
+        path.erase(0, prefix.size());
+        return true;
+    };
+    std::erase_if(changed, [&](auto& row) { return !relative(row.first); });
+    std::erase_if(gone, [&](auto& path) { return !relative(path); });
+    db_.replaceFolderTotals(changed, gone);
+}
 
 StoreCapabilities LocalStore::capabilities() const {
     StoreCapabilities caps;
@@ -86,6 +124,8 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
         }
         if (!db_.open(folder_ + "/store.db"))
             return ResultCode::NoService;
+        if (!totalsLoaded_.exchange(true))
+            loadFolderTotals();
 
         std::optional<LocalAccountRecord> record;
         if (!db_.findAccount(userName, record))
@@ -99,7 +139,8 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
                 SystemLog::write("Error: LocalStore: the password cannot be hashed");
                 return ResultCode::Failure;
             }
-            std::string customerID = "c" + randomHex(6);
+            std::string customerID = "c";
+            customerID += randomHex(6);
             if (!db_.addAccount(userName, customerID, hash) || !db_.findAccount(userName, record) ||
                 !record)
                 return ResultCode::Failure;
@@ -115,7 +156,8 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
             SystemLog::write("Error: LocalStore: damaged account record for " + userName);
             return ResultCode::Failure;
         }
-        Account account{record->customerID, folder_ + "/accounts/" + record->customerID + "/files"};
+        Account account{record->customerID, folder_ + "/accounts/" + record->customerID + "/files",
+                        nullptr};
         // The account's root must be a real folder: as a link it could lead anywhere.
         if (!FileSystem::createDirectories(account.filesRoot) ||
             !FileSystem::isDirectory(account.filesRoot)) {
@@ -123,6 +165,9 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
                              account.filesRoot);
             return ResultCode::NoService;
         }
+        account.root = std::make_shared<OpenFolder>();
+        account.root->fd =
+            ::open(account.filesRoot.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         {
             std::lock_guard lock(mutex_);
             account_ = account;
@@ -138,6 +183,7 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
 }
 
 void LocalStore::logoff() {
+    saveFolderTotals();
     std::lock_guard lock(mutex_);
     account_.reset();
     usedBytes_.reset();
@@ -274,6 +320,7 @@ int64_t LocalStore::flush() {
                              FileSystem::lastErrorText());
             return ResultCode::Failure;
         }
+        saveFolderTotals();
         return db_.checkpoint() ? ResultCode::Success : ResultCode::Failure;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::flush()");

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -10,6 +12,7 @@
 
 #include "platform/os/FileSystem.h"
 #include "platform/store/StoreBackend.h"
+#include "platform/store/local/LocalFolderTotals.h"
 #include "platform/store/local/LocalStoreDatabase.h"
 
 namespace cirrovault {
@@ -71,9 +74,16 @@ public:
     static constexpr uint64_t SyncThreshold = 8 << 20; // larger uploads are synced before use
 
 private:
+    // The account's root folder held open, so paths below it are looked up from there
+    // instead of from "/" for every component checked.
+    struct OpenFolder {
+        int fd = -1;
+        ~OpenFolder();
+    };
     struct Account {
         std::string customerID;
-        std::string filesRoot; // local folder of the account's "\"
+        std::string filesRoot;             // local folder of the account's "\"
+        std::shared_ptr<OpenFolder> root;  // filesRoot, open; none when it cannot be opened
     };
     // A server path mapped onto the account's folder.
     struct Location {
@@ -112,9 +122,14 @@ private:
     int64_t checkSpace(const Account& account, int64_t adding);
     int64_t usedSpace(const Account& account, bool refresh);
     void adjustUsedSpace(int64_t change);
+    // The folder figures kept in the database, in and out.
+    void loadFolderTotals();
+    void saveFolderTotals();
 
     std::string folder_;
     LocalStoreDatabase db_;
+    mutable LocalFolderTotals totals_; // folder figures, read again only where changed
+    std::atomic<bool> totalsLoaded_{false}; // the figures kept by earlier processes are in
     mutable std::mutex mutex_;
     std::optional<Account> account_;   // guarded by mutex_
     std::optional<int64_t> usedBytes_; // guarded by mutex_; refreshed by quota()

@@ -153,6 +153,8 @@ bool LocalStoreDatabase::createSchema() {
                    " PRIMARY KEY(customerID, path));"
                    "CREATE TABLE IF NOT EXISTS taskLists(customerID TEXT PRIMARY KEY,"
                    " document TEXT NOT NULL, version INTEGER NOT NULL);"
+                   "CREATE TABLE IF NOT EXISTS folderTotals(folder TEXT PRIMARY KEY,"
+                   " record TEXT NOT NULL);"
                    "COMMIT;");
 }
 
@@ -438,6 +440,46 @@ int64_t LocalStoreDatabase::writeTaskList(const std::string& customerID,
         return ResultCode::StorageError;
     }
     return commit() ? ResultCode::Success : ResultCode::StorageError;
+}
+
+bool LocalStoreDatabase::folderTotals(std::vector<std::pair<std::string, std::string>>& rows) {
+    std::lock_guard lock(mutex_);
+    rows.clear();
+    Statement st(db_, "SELECT folder, record FROM folderTotals");
+    int rc;
+    while ((rc = st.step()) == SQLITE_ROW)
+        rows.emplace_back(st.text(0), st.text(1));
+    if (rc == SQLITE_DONE)
+        return true;
+    logError("read folder totals");
+    return false;
+}
+
+bool LocalStoreDatabase::replaceFolderTotals(
+    const std::vector<std::pair<std::string, std::string>>& changed,
+    const std::vector<std::string>& gone) {
+    std::lock_guard lock(mutex_);
+    if (changed.empty() && gone.empty())
+        return true;
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    bool ok = true;
+    {
+        for (const auto& [folder, record] : changed) {
+            Statement one(db_, "INSERT OR REPLACE INTO folderTotals(folder, record) VALUES(?1, ?2)");
+            ok = ok && one.bind(1, folder).bind(2, record).run();
+        }
+        for (const auto& folder : gone) {
+            Statement drop(db_, "DELETE FROM folderTotals WHERE folder = ?1");
+            ok = ok && drop.bind(1, folder).run();
+        }
+    }
+    if (!ok) {
+        logError("write folder totals");
+        execute("ROLLBACK");
+        return false;
+    }
+    return commit();
 }
 
 bool LocalStoreDatabase::checkpoint() {

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 struct sqlite3;
 
@@ -72,6 +74,13 @@ public:
     // Success, Conflict (the stored version is not expectedVersion) or StorageError.
     int64_t writeTaskList(const std::string& customerID, const std::string& document,
                           const std::string& expectedVersion);
+
+    // The remembered figures of the store's folders (LocalFolderTotals), as folder path
+    // (relative to the store) and record text. Replacing writes changed and drops gone
+    // rows in one transaction.
+    bool folderTotals(std::vector<std::pair<std::string, std::string>>& rows);
+    bool replaceFolderTotals(const std::vector<std::pair<std::string, std::string>>& changed,
+                             const std::vector<std::string>& gone);
 
     // Writes the journal into the database file; both are synced on the way.
     bool checkpoint();

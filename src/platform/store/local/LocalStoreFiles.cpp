@@ -1,5 +1,6 @@
 // The transfers of the local store: put, get and copy.
 #include <algorithm>
+#include <cmath>
 #include <cerrno>
 #include <exception>
 #include <vector>
@@ -97,6 +98,55 @@ int64_t copyFile(const std::string& from, const std::string& to, Date modifyTime
     return FileSystem::setModifyTime(to, modifyTime) ? ResultCode::Success : ResultCode::Failure;
 }
 
+// Answered by putNewWhole when the ordinary way (a part file with its row) must do it.
+constexpr int64_t UseAPart = -1;
+
+// A new file small enough to go in one piece is written into an unnamed file in its
+// folder and linked under its name only when complete: no part file stands in the tree
+// at any moment, so it needs no row either. UseAPart when the file system has no
+// unnamed files or the name was taken meanwhile.
+int64_t putNewWhole(const std::string& target, ByteSource& source, uint64_t size,
+                    Date modifyTime, TransferObserver* observer) {
+    const std::string folder = target.substr(0, target.rfind('/'));
+    Descriptor file(::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
+    if (!file.valid())
+        return errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL ? UseAPart
+                                                                            : openFailure(errno, target);
+    if (observer && !observer->shouldContinue())
+        return ResultCode::Cancelled;
+    if (!source.seek(0)) {
+        SystemLog::write("LocalStore: the local file cannot be read from its start");
+        return ResultCode::LocalFileError;
+    }
+    std::vector<char> buffer(std::max<uint64_t>(size, 1));
+    uint64_t done = 0;
+    while (done < size) {
+        int64_t n = source.read(buffer.data() + done, static_cast<size_t>(size - done));
+        if (n <= 0 || static_cast<uint64_t>(n) > size - done) {
+            SystemLog::write("LocalStore: the local file cannot be read for " + target);
+            return ResultCode::LocalFileError;
+        }
+        done += static_cast<uint64_t>(n);
+    }
+    if (!FileSystem::writeAll(file.get(), buffer.data(), static_cast<size_t>(size)))
+        return writeFailure(errno, target);
+    const double seconds = std::floor(modifyTime.timeIntervalSince1970());
+    timespec times[2];
+    times[0].tv_sec = 0;
+    times[0].tv_nsec = UTIME_OMIT;
+    times[1].tv_sec = static_cast<time_t>(seconds);
+    times[1].tv_nsec = std::clamp(
+        static_cast<long>((modifyTime.timeIntervalSince1970() - seconds) * 1e9), 0L, 999'999'999L);
+    if (::futimens(file.get(), times) != 0)
+        return writeFailure(errno, target);
+    const std::string self = "/proc/self/fd/" + std::to_string(file.get());
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, target.c_str(), AT_SYMLINK_FOLLOW) != 0)
+        return errno == EEXIST || errno == ENOENT ? UseAPart : writeFailure(errno, target);
+    if (observer)
+        observer->transferred(size, size);
+    return ResultCode::Success;
+}
+
 } // namespace
 
 int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modifyTime,
@@ -144,6 +194,13 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
                              target.serverPath + ".part");
             return ResultCode::AlreadyExists;
         }
+        if (!partStatus && !storedTag && !target.status && size <= ChunkSize) {
+            int64_t rc = putNewWhole(target.localPath, source, size, modifyTime, observer);
+            if (rc == ResultCode::Success)
+                adjustUsedSpace(static_cast<int64_t>(size));
+            if (rc != UseAPart)
+                return rc;
+        }
         const std::string tag = source.resumeTag();
         if (!partStatus) {
             if (!db_.setPartTag(customerID, target.serverPath, tag))
@@ -173,7 +230,9 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
             if (observer)
                 observer->resumedFrom(done);
         } else {
-            if (::ftruncate(part.get(), 0) != 0)
+            // Only a part with bytes in it is cut: on ext4, truncating a file to nothing
+            // makes its close write it out at once, which a fresh part must not pay for.
+            if (partSize > 0 && ::ftruncate(part.get(), 0) != 0)
                 return writeFailure(errno, partPath);
             if (storedTag != tag && !db_.setPartTag(customerID, target.serverPath, tag))
                 return ResultCode::Failure;
@@ -321,10 +380,13 @@ int64_t LocalStore::copy(const std::string& from, const std::string& to) {
         if (int64_t rc = checkSpace(account, static_cast<int64_t>(bytes));
             rc != ResultCode::Success)
             return rc;
-        if (int64_t rc = copyTree(source.localPath, target.localPath, source.serverPath, parts);
-            rc != ResultCode::Success) {
+        int64_t copied = copyTree(source.localPath, target.localPath, source.serverPath, parts);
+        // Files were written in place: a folder read meanwhile saw them part-written.
+        totals_.forget(target.localPath);
+        totals_.forget(target.localPath.substr(0, target.localPath.rfind('/')));
+        if (copied != ResultCode::Success) {
             FileSystem::removeAll(target.localPath);
-            return rc;
+            return copied;
         }
         if (folder &&
             !db_.copyFolderInfos(account.customerID, source.serverPath, target.serverPath))

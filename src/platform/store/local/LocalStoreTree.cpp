@@ -2,7 +2,12 @@
 #include <cerrno>
 #include <exception>
 
+#include <memory>
+
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "platform/framework/ResultCodes.h"
 #include "platform/os/SystemLog.h"
@@ -18,6 +23,21 @@ constexpr std::string_view PartSuffix = ".part";
 bool endsWithPart(const std::string& path) {
     return path.size() > PartSuffix.size() &&
            path.compare(path.size() - PartSuffix.size(), PartSuffix.size(), PartSuffix) == 0;
+}
+
+FileStatus statusFrom(const struct stat& st) {
+    FileStatus s;
+    s.type = S_ISREG(st.st_mode)   ? FileType::Regular
+             : S_ISDIR(st.st_mode) ? FileType::Directory
+             : S_ISLNK(st.st_mode) ? FileType::SymbolicLink
+                                   : FileType::Other;
+    s.size = static_cast<uint64_t>(st.st_size);
+    s.modifyTime = Date(static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9);
+    s.changeTime = Date(static_cast<double>(st.st_ctim.tv_sec) + st.st_ctim.tv_nsec / 1e9);
+    s.mode = st.st_mode;
+    s.device = st.st_dev;
+    s.inode = st.st_ino;
+    return s;
 }
 
 std::string lastName(const std::string& serverPath) {
@@ -37,11 +57,21 @@ int64_t LocalStore::locate(const Account& account, const std::string& path, Loca
     std::string local = account.filesRoot;
     if (names->empty())
         location.status = FileSystem::linkStatus(local);
+    const int rootFd = account.root ? account.root->fd : -1;
+    std::string relative;
     for (size_t i = 0; i < names->size(); ++i) {
         local += '/';
         local += (*names)[i];
+        if (!relative.empty())
+            relative += '/';
+        relative += (*names)[i];
         bool last = i + 1 == names->size();
-        auto status = FileSystem::linkStatus(local);
+        std::optional<FileStatus> status;
+        if (rootFd < 0) {
+            status = FileSystem::linkStatus(local);
+        } else if (struct stat st {}; ::fstatat(rootFd, relative.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            status = statusFrom(st);
+        }
         if (!status) {
             if (!last)
                 return ResultCode::NotFound;
@@ -115,25 +145,8 @@ bool LocalStore::unfinishedUploads(const Account& account, const std::string& fo
 LocalStore::Totals LocalStore::totalsOf(const std::string& localFolder,
                                         const std::string& serverFolder,
                                         const PartSet& parts) const {
-    Totals totals;
-    auto names = FileSystem::listDirectory(localFolder);
-    if (!names)
-        return totals;
-    for (const auto& name : *names) {
-        auto status = FileSystem::linkStatus(localFolder + "/" + name);
-        if (!status)
-            continue;
-        std::string serverPath = StorePath::child(serverFolder, name);
-        if (status->type == FileType::Directory) {
-            Totals inner = totalsOf(localFolder + "/" + name, serverPath, parts);
-            totals.bytes += inner.bytes;
-            totals.files += inner.files;
-        } else if (status->type == FileType::Regular && !isPartOf(serverPath, parts)) {
-            totals.bytes += status->size;
-            ++totals.files;
-        }
-    }
-    return totals;
+    LocalFolderTotals::Totals totals = totals_.of(localFolder, serverFolder, parts);
+    return Totals{totals.bytes, totals.files};
 }
 
 int64_t LocalStore::stat(const std::string& path, StoreItem& item) {
@@ -183,21 +196,31 @@ int64_t LocalStore::list(const std::string& folder, std::vector<StoreItem>& item
         if (!unfinishedUploads(account, location.serverPath, parts) ||
             !db_.folderInfosInside(account.customerID, location.serverPath, infos))
             return ResultCode::Failure;
-        auto names = FileSystem::listDirectory(location.localPath);
-        if (!names) {
+        // Each entry's status is read relative to the open folder: no walk of the whole
+        // path per entry.
+        int fd = ::open(location.localPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        DIR* dir = fd < 0 ? nullptr : ::fdopendir(fd);
+        if (!dir) {
+            if (fd >= 0)
+                ::close(fd);
             SystemLog::write("Error: LocalStore: the folder cannot be read: " + location.localPath);
             return ResultCode::Failure;
         }
-        for (const auto& name : *names) {
-            std::string local = location.localPath + "/" + name;
-            std::string serverPath = StorePath::child(location.serverPath, name);
-            auto status = FileSystem::linkStatus(local);
-            if (!status || !StorePath::isValidName(name))
+        std::unique_ptr<DIR, int (*)(DIR*)> closer(dir, ::closedir);
+        while (struct dirent* entry = ::readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name == "." || name == ".." || !StorePath::isValidName(name))
                 continue;
+            struct stat st {};
+            if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+                continue; // gone meanwhile
             StoreItem item;
             item.name = name;
-            item.modifyTime = status->modifyTime;
-            if (status->type == FileType::Directory) {
+            item.modifyTime =
+                Date(static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9);
+            if (S_ISDIR(st.st_mode)) {
+                std::string local = location.localPath + "/" + name;
+                std::string serverPath = StorePath::child(location.serverPath, name);
                 Totals totals = totalsOf(local, serverPath, parts);
                 item.isFolder = true;
                 item.size = totals.bytes;
@@ -206,8 +229,10 @@ int64_t LocalStore::list(const std::string& folder, std::vector<StoreItem>& item
                     item.description = info->second.description;
                     item.caption = info->second.caption;
                 }
-            } else if (status->type == FileType::Regular && !isPartOf(serverPath, parts)) {
-                item.size = status->size;
+            } else if (S_ISREG(st.st_mode) &&
+                       (!endsWithPart(name) ||
+                        !isPartOf(StorePath::child(location.serverPath, name), parts))) {
+                item.size = static_cast<uint64_t>(st.st_size);
             } else {
                 continue; // links, special files and unfinished uploads are not the user's files
             }
@@ -283,6 +308,7 @@ int64_t LocalStore::move(const std::string& from, const std::string& to) {
                              FileSystem::lastErrorText());
             return ResultCode::Failure;
         }
+        totals_.forget(source.localPath);
         if (source.status->type == FileType::Directory &&
             !db_.moveTree(account.customerID, source.serverPath, target.serverPath))
             return ResultCode::Failure;
