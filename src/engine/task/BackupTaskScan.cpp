@@ -25,13 +25,13 @@ using Visitor = std::function<Step(const std::string&, const std::optional<FileS
 // one-entry memories of excluded folders expect. One status call per item; links are
 // never followed. Answers false when the visitor stopped the walk.
 bool walkTree(const std::string& folder, const Visitor& visit) {
-    auto names = FileSystem::listDirectory(folder);
-    if (!names)
+    auto entries = FileSystem::listDirectoryWithStatus(folder);
+    if (!entries)
         return true; // a vanished or unreadable folder yields nothing
-    std::sort(names->begin(), names->end());
-    for (const auto& name : *names) {
+    std::sort(entries->begin(), entries->end(),
+              [](const FileSystem::Entry& a, const FileSystem::Entry& b) { return a.name < b.name; });
+    for (const auto& [name, status] : *entries) {
         std::string path = CFileInfo::MacPathAppend(folder, name);
-        std::optional<FileStatus> status = FileSystem::linkStatus(path);
         Step step = visit(path, status);
         if (step == Step::Stop)
             return false;

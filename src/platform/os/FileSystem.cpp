@@ -250,6 +250,26 @@ std::optional<std::vector<std::string>> FileSystem::listDirectory(const std::str
     return names;
 }
 
+std::optional<std::vector<FileSystem::Entry>>
+FileSystem::listDirectoryWithStatus(const std::string& path) {
+    DIR* dir = ::opendir(path.c_str());
+    if (!dir)
+        return std::nullopt;
+    const int fd = ::dirfd(dir);
+    std::vector<Entry> entries;
+    while (struct dirent* entry = ::readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        Entry item{entry->d_name, std::nullopt};
+        struct stat st {};
+        if (::fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0)
+            item.status = fromStat(st);
+        entries.push_back(std::move(item));
+    }
+    ::closedir(dir);
+    return entries;
+}
+
 std::optional<uint64_t> FileSystem::availableSpace(const std::string& path) {
     struct statvfs vfs {};
     if (::statvfs(path.c_str(), &vfs) != 0)

@@ -61,6 +61,14 @@ public:
 
     // Entry names of a folder (no "." or ".."), in the order the system gives them.
     static std::optional<std::vector<std::string>> listDirectory(const std::string& path);
+    // The folder's entries with their status (links not followed), read relative to the
+    // open folder so that no entry costs a walk of the whole path. An entry that went
+    // between the listing and its status has no status.
+    struct Entry {
+        std::string name;
+        std::optional<FileStatus> status;
+    };
+    static std::optional<std::vector<Entry>> listDirectoryWithStatus(const std::string& path);
 
     // Free bytes for an unprivileged user on the file system holding path.
     static std::optional<uint64_t> availableSpace(const std::string& path);
