@@ -15,20 +15,23 @@
 
 #include "common/LoopbackPort.h"
 #include "platform/os/FileSystem.h"
+#include "platform/store/webdav/WebDavCapabilityProbe.h"
 
 namespace cirrovault::test {
 
-// A real WebDAV server (Apache with mod_dav, or lighttpd with mod_webdav) on a free port
-// of 127.0.0.1, configured in a folder of its own and stopped with the object. Each user
+// A real WebDAV server (Apache with mod_dav, or lighttpd with mod_webdav, with or without
+// its property database) on a free port of 127.0.0.1, configured in a folder of its own
+// and stopped with the object. Each user
 // gets a folder "data/<name>"; URLs with "{user}" reach it. A missing server program
 // fails the test with a message saying what to install: CI has them all.
 class WebDavTestServer {
 public:
-    enum class Kind { Apache, Lighttpd };
+    enum class Kind { Apache, Lighttpd, LighttpdWithoutProperties };
 
     WebDavTestServer(Kind kind, std::string folder, std::map<std::string, std::string> users)
         : kind_(kind), folder_(std::move(folder)) {
         const char* program = kind == Kind::Apache ? "apache2" : "lighttpd";
+        lighttpd_ = kind != Kind::Apache;
         binary_ = findProgram(program);
         if (binary_.empty()) {
             ADD_FAILURE() << program << " is not installed: run scripts/install-deps.sh "
@@ -89,7 +92,7 @@ private:
     }
 
     void addUser(const std::string& user, const std::string& password) {
-        if (kind_ == Kind::Lighttpd) {
+        if (lighttpd_) {
             std::string users = FileSystem::readFile(folder_ + "/users").value_or("");
             FileSystem::writeFileAtomically(folder_ + "/users", users + user + ":" + password + "\n");
             return;
@@ -125,18 +128,23 @@ private:
                "server.bind = \"127.0.0.1\"\nserver.port = " + std::to_string(port_) + "\n"
                "server.errorlog = \"" + folder_ + "/error.log\"\n"
                "server.upload-dirs = (\"" + folder_ + "\")\n"
+               // Tests change files behind the server's back: no remembered status.
+               "server.stat-cache-engine = \"disable\"\n"
                "auth.backend = \"plain\"\nauth.backend.plain.userfile = \"" + folder_ + "/users\"\n"
                "auth.require = (\"/\" => (\"method\" => \"basic\", \"realm\" => \"dav\", "
                "\"require\" => \"valid-user\"))\n"
-               "webdav.activate = \"enable\"\n"
-               "webdav.sqlite-db-name = \"" + folder_ + "/webdav.db\"\n";
+               "webdav.activate = \"enable\"\n" +
+               (kind_ == Kind::Lighttpd
+                    ? "webdav.sqlite-db-name = \"" + folder_ + "/webdav.db\"\n"
+                    : std::string());
     }
 
     void start() {
         port_ = unusedLoopbackPort();
-        const std::string conf = folder_ + (kind_ == Kind::Apache ? "/httpd.conf" : "/lighttpd.conf");
-        FileSystem::writeFileAtomically(conf,
-                                        kind_ == Kind::Apache ? apacheConfig() : lighttpdConfig());
+        // The port may have served another kind of server earlier in this process.
+        WebDavCapabilityProbe::forgetAll();
+        const std::string conf = folder_ + (lighttpd_ ? "/lighttpd.conf" : "/httpd.conf");
+        FileSystem::writeFileAtomically(conf, lighttpd_ ? lighttpdConfig() : apacheConfig());
         pid_t pid = ::fork();
         if (pid == 0) {
             int out = ::open((folder_ + "/output.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -144,10 +152,10 @@ private:
                 ::dup2(out, 1);
                 ::dup2(out, 2);
             }
-            if (kind_ == Kind::Apache)
-                ::execl(binary_.c_str(), "apache2", "-f", conf.c_str(), "-DFOREGROUND", nullptr);
-            else
+            if (lighttpd_)
                 ::execl(binary_.c_str(), "lighttpd", "-D", "-f", conf.c_str(), nullptr);
+            else
+                ::execl(binary_.c_str(), "apache2", "-f", conf.c_str(), "-DFOREGROUND", nullptr);
             ::_exit(127);
         }
         if (pid < 0)
@@ -166,6 +174,7 @@ private:
     }
 
     Kind kind_;
+    bool lighttpd_ = false;
     std::string folder_;
     std::string binary_;
     int port_ = 0;

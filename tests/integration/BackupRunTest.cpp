@@ -228,7 +228,10 @@ INSTANTIATE_TEST_SUITE_P(Stores, BackupRunThread,
                          testing::Values(RunStore{"Local", std::nullopt},
                                          RunStore{"Apache", test::WebDavTestServer::Kind::Apache},
                                          RunStore{"Lighttpd",
-                                                  test::WebDavTestServer::Kind::Lighttpd}),
+                                                  test::WebDavTestServer::Kind::Lighttpd},
+                                         RunStore{"LighttpdWithoutProperties",
+                                                  test::WebDavTestServer::Kind::
+                                                      LighttpdWithoutProperties}),
                          [](const testing::TestParamInfo<RunStore>& info) { return info.param.name; });
 
 } // namespace

@@ -68,7 +68,7 @@ StoreCapabilities WebDavStore::capabilities() const {
     caps.nativeMove = true;
     caps.modifyTimePrecision = 1;
     if (auto account = currentAccount()) {
-        caps.folderProperties = account->features.deadProperties;
+        caps.folderProperties = true; // as properties, or in the metadata documents
         caps.resumableUpload = account->features.deadProperties && account->features.rangePut;
     }
     return caps;
@@ -316,7 +316,10 @@ int64_t WebDavStore::logon(const std::string& userName, const std::string& passw
 }
 
 void WebDavStore::logoff() {
+    if (auto account = currentAccount(); account && keepsMetaDocuments(*account))
+        flushMeta(*account);
     std::lock_guard lock(mutex_);
+    pendingMeta_.clear();
     account_.reset();
     usedBytes_.reset();
     ++generation_;
@@ -519,8 +522,10 @@ int64_t WebDavStore::writeTaskList(const std::string& document, const std::strin
 
 int64_t WebDavStore::flush() {
     Account account;
-    // Every completed request is already stored by the server.
-    return loggedOn(account);
+    if (int64_t rc = loggedOn(account); rc != ResultCode::Success)
+        return rc;
+    // Every completed request is already stored by the server; what waits is ours.
+    return keepsMetaDocuments(account) ? flushMeta(account) : ResultCode::Success;
 }
 
 } // namespace cirrovault

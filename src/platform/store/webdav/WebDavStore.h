@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -10,6 +11,7 @@
 #include "platform/store/StoreBackend.h"
 #include "platform/store/webdav/WebDavCapabilityProbe.h"
 #include "platform/store/webdav/WebDavHttpSession.h"
+#include "platform/store/webdav/WebDavMetaDocument.h"
 #include "platform/store/webdav/WebDavMultistatus.h"
 
 namespace cirrovault {
@@ -22,6 +24,9 @@ namespace cirrovault {
 // folder (the task list, a lock for its updates, probes); it and the ".part" files of
 // unfinished uploads (marked by a property) are never listed. Modification times,
 // folder descriptions and captions, and resume tags are properties of our namespace.
+// Servers that keep no such properties get a document ".cirrovault-meta" in each folder
+// instead (WebDavMetaDocument), with the times and descriptions of the folder's entries;
+// the name is ours on such servers and refused for user files everywhere.
 class WebDavStore : public StoreBackend {
 public:
     explicit WebDavStore(std::string serviceURL, HttpTimeouts timeouts = {});
@@ -126,6 +131,35 @@ private:
     int64_t lockTaskList(const Account& account, std::string& token);
     void unlockTaskList(const Account& account, const std::string& token);
 
+    // The metadata documents, for servers without properties. Changes wait in memory
+    // (readers see them) and are written a folder at a time: when the work moves on to
+    // another folder, when many have gathered, before a folder moves, and on flush() and
+    // logoff(). A change lost in a crash only makes the next run send that file again.
+    using FolderNames = std::vector<std::string>;
+    using MetaChanges = std::map<std::string, std::optional<WebDavMetaEntry>>; // nullopt: drop
+    static bool keepsMetaDocuments(const Account& account) {
+        return !account.features.deadProperties;
+    }
+    static bool isReservedName(const std::vector<std::string>& names);
+    // stored: whether the folder's document may exist (false skips asking the server).
+    int64_t readMeta(const Account& account, const FolderNames& folder, bool stored,
+                     WebDavMetaEntries& entries);
+    void noteMeta(const Account& account, const FolderNames& folder, const std::string& name,
+                  std::optional<WebDavMetaEntry> entry);
+    // Writes the changes of one folder, or of every folder.
+    int64_t flushMeta(const Account& account, const std::optional<FolderNames>& only = {});
+    int64_t writeMeta(const Account& account, const FolderNames& folder, MetaChanges changes);
+    void dropMetaInside(const FolderNames& folder);
+    void noteFolderInfo(const Account& account, const FolderNames& path,
+                        const std::string& description, const std::string& caption);
+    // After a MOVE or COPY: the entry of what went follows it (a copy is a new file,
+    // whose server time is learned again).
+    void carryMeta(const Account& account, const FolderNames& from, const FolderNames& to,
+                   bool moved);
+    static void applyMeta(StoreItem& item, const DavResource& resource,
+                          const WebDavMetaEntries& entries);
+    static constexpr size_t MetaBatch = 128;
+
     static int64_t codeOf(long status);
     static int64_t worstOf(const std::string& multistatusBody);
 
@@ -138,6 +172,8 @@ private:
     std::optional<int64_t> usedBytes_; // guarded by mutex_
     uint64_t generation_ = 0;          // guarded by mutex_; a new logon drops old connections
     std::vector<std::unique_ptr<WebDavHttpSession>> idle_; // guarded by mutex_
+    std::map<FolderNames, MetaChanges> pendingMeta_;        // guarded by mutex_
+    std::mutex metaWriteMutex_; // one writer of metadata documents at a time
 };
 
 } // namespace cirrovault

@@ -108,8 +108,8 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
         auto names = StorePath::split(path);
         if (!names)
             return ResultCode::BadPath;
-        if (names->empty() || (names->size() == 1 && names->front() == MetaFolder)) {
-            SystemLog::write("WebDAV: refused upload onto the account's root or our own folder");
+        if (names->empty() || isReservedName(*names)) {
+            SystemLog::write("WebDAV: refused upload onto the account's root or our own files");
             return ResultCode::BadPath;
         }
         auto partNames = *names;
@@ -191,7 +191,8 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
             }
         }
 
-        if (last.header("x-oc-mtime") == "accepted")
+        const bool serverKeepsTime = last.header("x-oc-mtime") == "accepted";
+        if (serverKeepsTime)
             WebDavCapabilityProbe::noteOcMtime(account.serverKey);
         if (account.features.deadProperties) {
             if ((rc = setProperties(account, partUrl,
@@ -207,6 +208,16 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
             adjustUsedSpace(static_cast<int64_t>(size) - static_cast<int64_t>(*oldSize));
         else
             forgetUsedSpace();
+        if (keepsMetaDocuments(account)) {
+            std::optional<WebDavMetaEntry> entry;
+            if (!serverKeepsTime) {
+                entry.emplace();
+                entry->modifyTime = modifyTime.timeIntervalSince1970();
+                entry->size = size;
+            }
+            noteMeta(account, FolderNames(names->begin(), names->end() - 1), names->back(),
+                     std::move(entry));
+        }
         return ResultCode::Success;
     } catch (const std::exception&) {
         SystemLog::write("Error: WebDavStore::put()");

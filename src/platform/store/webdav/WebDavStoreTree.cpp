@@ -51,6 +51,8 @@ bool WebDavStore::isHidden(const std::vector<std::string>& parent, const DavReso
                            const std::string& name) const {
     if (parent.empty() && name == MetaFolder)
         return true;
+    if (!resource.collection && name == WebDavMetaDocument::FileName)
+        return true;
     auto tag = resource.property(Namespace, "resumetag");
     return !resource.collection && endsWithPart(name) && tag && !tag->empty();
 }
@@ -133,6 +135,15 @@ int64_t WebDavStore::stat(const std::string& path, StoreItem& item) {
         if (found.unfinishedPart)
             return ResultCode::NotFound;
         item = itemOf(found.resource, names->empty() ? std::string() : names->back());
+        if (keepsMetaDocuments(account) && !names->empty()) {
+            WebDavMetaEntries entries;
+            FolderNames parent(names->begin(), names->end() - 1);
+            if (int64_t rc = readMeta(account, parent, true, entries); rc != ResultCode::Success) {
+                item = {};
+                return rc;
+            }
+            applyMeta(item, found.resource, entries);
+        }
         if (item.isFolder) {
             Totals totals;
             if (int64_t rc = totalsOf(account, *names, totals); rc != ResultCode::Success) {
@@ -174,11 +185,21 @@ int64_t WebDavStore::list(const std::string& folder, std::vector<StoreItem>& ite
         }
         if (!isFolder)
             return ResultCode::NotFound;
+        WebDavMetaEntries entries;
+        if (keepsMetaDocuments(account)) {
+            bool stored = false;
+            for (const auto& resource : resources)
+                stored = stored || (!resource.collection &&
+                                    childName(selfPath, resource.path) == WebDavMetaDocument::FileName);
+            if (int64_t rc = readMeta(account, *names, stored, entries); rc != ResultCode::Success)
+                return rc;
+        }
         for (const auto& resource : resources) {
             auto name = childName(selfPath, resource.path);
             if (!name || !StorePath::isValidName(*name) || isHidden(*names, resource, *name))
                 continue;
             StoreItem item = itemOf(resource, *name);
+            applyMeta(item, resource, entries);
             if (item.isFolder) {
                 std::vector<std::string> inner = *names;
                 inner.push_back(*name);
@@ -235,6 +256,8 @@ int64_t WebDavStore::makeFolder(const std::string& path, const std::string& desc
             return ResultCode::BadPath;
         if (names->empty() || (names->size() == 1 && names->front() == MetaFolder))
             return ResultCode::AlreadyExists;
+        if (isReservedName(*names))
+            return ResultCode::BadPath;
         const std::string url = urlOf(account, *names, true);
         HttpRequest request = httpRequest("MKCOL", url);
         HttpResponse response;
@@ -245,8 +268,12 @@ int64_t WebDavStore::makeFolder(const std::string& path, const std::string& desc
         if (response.status != 201)
             return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
                                                                    : codeOf(response.status);
-        if ((description.empty() && caption.empty()) || !account.features.deadProperties)
+        if (description.empty() && caption.empty())
             return ResultCode::Success;
+        if (keepsMetaDocuments(account)) {
+            noteFolderInfo(account, *names, description, caption);
+            return ResultCode::Success;
+        }
         return setProperties(account, url, {{"description", description}, {"caption", caption}},
                              {});
     } catch (const std::exception&) {
@@ -269,9 +296,13 @@ int64_t WebDavStore::setFolderInfo(const std::string& path, const std::string& d
             return rc;
         if (!found.resource.collection)
             return ResultCode::NotFound;
-        if (!account.features.deadProperties) {
-            SystemLog::write("WebDAV: the server keeps no folder descriptions");
-            return ResultCode::Failure;
+        if (keepsMetaDocuments(account)) {
+            if (names->empty()) {
+                SystemLog::write("WebDAV: the account's root has no description here");
+                return ResultCode::Failure;
+            }
+            noteFolderInfo(account, *names, description, caption);
+            return flushMeta(account, FolderNames(names->begin(), names->end() - 1));
         }
         return setProperties(account, urlOf(account, *names, true),
                              {{"description", description}, {"caption", caption}}, {});
@@ -306,8 +337,7 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
         SystemLog::write("WebDAV: a folder cannot go into itself: " + to);
         return ResultCode::BadPath;
     }
-    if ((source->size() == 1 && source->front() == MetaFolder) ||
-        (target->size() == 1 && target->front() == MetaFolder))
+    if (isReservedName(*source) || isReservedName(*target))
         return ResultCode::BadPath;
     Found found;
     if (int64_t rc = find(account, *source, found); rc != ResultCode::Success)
@@ -331,11 +361,20 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
         if (int64_t rc = checkSpace(account, bytes); rc != ResultCode::Success)
             return rc;
     }
+    const bool meta = keepsMetaDocuments(account);
+    if (meta && folder) {
+        // The documents inside travel with the folder: they must be complete first.
+        if (int64_t rc = flushMeta(account); rc != ResultCode::Success)
+            return rc;
+    }
     int64_t rc = transfer(account, method, urlOf(account, *source, folder),
                           urlOf(account, *target, folder), false);
-    if (rc == ResultCode::Success)
-        adjustUsedSpace(bytes);
-    return rc;
+    if (rc != ResultCode::Success)
+        return rc;
+    adjustUsedSpace(bytes);
+    if (meta)
+        carryMeta(account, *source, *target, method == "MOVE");
+    return ResultCode::Success;
 }
 
 int64_t WebDavStore::move(const std::string& from, const std::string& to) {
@@ -379,6 +418,12 @@ int64_t WebDavStore::remove(const std::string& path) {
         if (int64_t rc = send(account, request, response); rc != ResultCode::Success)
             return rc;
         int64_t rc = response.status == 207 ? worstOf(response.body) : codeOf(response.status);
+        if (rc == ResultCode::Success && keepsMetaDocuments(account)) {
+            if (found.resource.collection)
+                dropMetaInside(*names);
+            noteMeta(account, FolderNames(names->begin(), names->end() - 1), names->back(),
+                     std::nullopt);
+        }
         if (rc == ResultCode::Success) {
             if (found.resource.collection) {
                 std::lock_guard lock(mutex_);

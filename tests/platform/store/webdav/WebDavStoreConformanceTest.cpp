@@ -39,12 +39,17 @@ const StoreKind Lighttpd{"Lighttpd", [] {
                              return std::make_unique<WebDavStoreEnvironment>(
                                  WebDavTestServer::Kind::Lighttpd);
                          }};
+// No property database: times and descriptions go into our metadata documents.
+const StoreKind LighttpdPlain{"LighttpdWithoutProperties", [] {
+                                  return std::make_unique<WebDavStoreEnvironment>(
+                                      WebDavTestServer::Kind::LighttpdWithoutProperties);
+                              }};
 
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(WebDav, StoreConformanceTest, testing::Values(Apache, Lighttpd),
-                         storeKindName);
-INSTANTIATE_TEST_SUITE_P(WebDav, StoreConcurrencyTest, testing::Values(Apache, Lighttpd),
-                         storeKindName);
+INSTANTIATE_TEST_SUITE_P(WebDav, StoreConformanceTest,
+                         testing::Values(Apache, Lighttpd, LighttpdPlain), storeKindName);
+INSTANTIATE_TEST_SUITE_P(WebDav, StoreConcurrencyTest,
+                         testing::Values(Apache, Lighttpd, LighttpdPlain), storeKindName);
 
 } // namespace cirrovault::test

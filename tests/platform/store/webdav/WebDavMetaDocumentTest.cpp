@@ -1,0 +1,145 @@
+// Times and descriptions on a server that keeps no properties: our metadata documents.
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "common/WebDavTestServer.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/store/StoreTestSupport.h"
+#include "platform/store/webdav/WebDavMetaDocument.h"
+#include "platform/store/webdav/WebDavStore.h"
+#include "platform/store/webdav/WebDavTextSource.h"
+
+namespace cirrovault::test {
+
+namespace {
+
+namespace R = ResultCode;
+
+TEST(WebDavMetaDocumentTest, AnyNameSurvivesAndDamagedLinesAreSkipped) {
+    WebDavMetaEntries entries;
+    entries["plain.txt"] = {false, 1'650'000'000.123456, 42, 1'700'000'000, "", ""};
+    entries["tab\tnew\nline %41 é"] = {false, 1.5, 0, 0, "", ""};
+    entries["Folder"] = {true, 0, 0, 0, "my\tdescription", ""};
+    std::string text = WebDavMetaDocument::format(entries);
+    auto parsed = WebDavMetaDocument::parse(text);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(*parsed, entries);
+
+    parsed = WebDavMetaDocument::parse(text + "f\tbroken\tnot-a-number\t1\t2\nx\ty\nd\n" +
+                                       "f\tlate.txt\t5\t6\t7\n");
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->size(), entries.size() + 1);
+    EXPECT_EQ(parsed->count("broken"), 0u);
+    EXPECT_EQ(parsed->at("late.txt").size, 6u);
+
+    EXPECT_FALSE(WebDavMetaDocument::parse("<html>not ours</html>"));
+    EXPECT_FALSE(WebDavMetaDocument::parse(""));
+}
+
+class WebDavMetaStoreTest : public testing::Test {
+protected:
+    WebDavMetaStoreTest()
+        : server(WebDavTestServer::Kind::LighttpdWithoutProperties, home.file("server"),
+                 {{"alice", "secret"}}) {}
+
+    std::unique_ptr<WebDavStore> logon() {
+        auto store = std::make_unique<WebDavStore>(server.url("{user}/"));
+        StoreSession session;
+        EXPECT_EQ(store->logon("alice", "secret", session), R::Success);
+        return store;
+    }
+    static int64_t put(StoreBackend& store, const std::string& path, const std::string& text,
+                       Date when) {
+        MemorySource source(text, "");
+        return store.put(path, source, when, nullptr);
+    }
+    static double timeOf(StoreBackend& store, const std::string& path) {
+        StoreItem item;
+        EXPECT_EQ(store.stat(path, item), R::Success) << path;
+        return item.modifyTime.timeIntervalSince1970();
+    }
+    std::string onServer(const std::string& relative) const {
+        return server.dataFolder() + "/alice/" + relative;
+    }
+
+    TempHome home;
+    WebDavTestServer server;
+    const Date when{1'600'000'000.25};
+};
+
+TEST_F(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOurCopy) {
+    auto first = logon();
+    ASSERT_EQ(first->makeFolder("\\Docs", "documents", "Docs"), R::Success);
+    ASSERT_EQ(put(*first, "\\Docs\\a.txt", "alpha", when), R::Success);
+    ASSERT_EQ(put(*first, "\\Docs\\b.txt", "bravo", when), R::Success);
+    EXPECT_EQ(timeOf(*first, "\\Docs\\a.txt"), when.timeIntervalSince1970()); // held in memory
+
+    // Another process sees the server's own time until the changes are written.
+    auto second = logon();
+    EXPECT_NE(timeOf(*second, "\\Docs\\a.txt"), when.timeIntervalSince1970());
+    ASSERT_EQ(first->flush(), R::Success);
+    EXPECT_EQ(timeOf(*second, "\\Docs\\a.txt"), when.timeIntervalSince1970());
+    std::vector<StoreItem> items;
+    ASSERT_EQ(second->list("\\Docs", items), R::Success);
+    ASSERT_EQ(items.size(), 2u); // the document itself is never listed
+    for (const auto& item : items)
+        EXPECT_EQ(item.modifyTime.timeIntervalSince1970(), when.timeIntervalSince1970());
+    ASSERT_EQ(second->list("\\", items), R::Success);
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].description, "documents");
+
+    // Someone else replaced b.txt on the server (same size, later time): our entry no
+    // longer describes it, so the engine sees a copy that is not its own.
+    ASSERT_TRUE(FileSystem::writeFileAtomically(onServer("Docs/b.txt"), "BRAVO"));
+    ASSERT_TRUE(FileSystem::setModifyTime(onServer("Docs/b.txt"), Date(1'800'000'000.0)));
+    EXPECT_EQ(timeOf(*second, "\\Docs\\b.txt"), 1'800'000'000.0);
+
+    // Our name is refused for user files; a damaged document costs only the times.
+    EXPECT_EQ(put(*second, "\\Docs\\.cirrovault-meta", "x", when), R::BadPath);
+    EXPECT_EQ(second->makeFolder("\\.cirrovault-meta", "", ""), R::BadPath);
+    // (Through the server: it may hold a file's status for a moment after a change on disk.)
+    WebDavTextSource garbage("garbage");
+    HttpRequest request = httpRequest(
+        "PUT", "http://127.0.0.1:" + std::to_string(server.port()) + "/alice/Docs/.cirrovault-meta");
+    request.upload = &garbage;
+    request.uploadLength = 7;
+    HttpResponse response;
+    ASSERT_EQ(WebDavHttpSession("alice", "secret", {}).perform(request, response), R::Success);
+    ASSERT_EQ(response.status / 100, 2);
+    EXPECT_NE(timeOf(*second, "\\Docs\\a.txt"), when.timeIntervalSince1970());
+    ASSERT_EQ(put(*second, "\\Docs\\a.txt", "alpha", when), R::Success);
+    ASSERT_EQ(second->flush(), R::Success);
+    EXPECT_EQ(timeOf(*logon(), "\\Docs\\a.txt"), when.timeIntervalSince1970());
+}
+
+TEST_F(WebDavMetaStoreTest, TimesFollowMovesCopiesRenamesAndRemovals) {
+    auto store = logon();
+    ASSERT_EQ(store->makeFolder("\\Task", "", ""), R::Success);
+    ASSERT_EQ(store->makeFolder("\\Task\\Inner", "inner", ""), R::Success);
+    ASSERT_EQ(store->makeFolder("\\History", "", ""), R::Success);
+    ASSERT_EQ(put(*store, "\\Task\\Inner\\v.txt", "version 1", when), R::Success);
+    ASSERT_EQ(put(*store, "\\Task\\w.txt", "wave", Date(1'500'000'000.0)), R::Success);
+
+    ASSERT_EQ(store->move("\\Task\\w.txt", "\\History\\w.txt"), R::Success);
+    ASSERT_EQ(store->copy("\\History\\w.txt", "\\History\\w2.txt"), R::Success);
+    ASSERT_EQ(store->move("\\Task", "\\Renamed"), R::Success);
+    store->logoff(); // writes what waits
+
+    auto later = logon();
+    EXPECT_EQ(timeOf(*later, "\\History\\w.txt"), 1'500'000'000.0);
+    EXPECT_EQ(timeOf(*later, "\\History\\w2.txt"), 1'500'000'000.0);
+    EXPECT_EQ(timeOf(*later, "\\Renamed\\Inner\\v.txt"), when.timeIntervalSince1970());
+    StoreItem item;
+    ASSERT_EQ(later->stat("\\Renamed\\Inner", item), R::Success);
+    EXPECT_EQ(item.description, "inner");
+
+    // Changes waiting for a folder that is then removed are dropped, not written back.
+    ASSERT_EQ(put(*later, "\\Renamed\\Inner\\new.txt", "new", when), R::Success);
+    ASSERT_EQ(later->remove("\\Renamed"), R::Success);
+    EXPECT_EQ(later->flush(), R::Success);
+    EXPECT_FALSE(FileSystem::exists(onServer("Renamed")));
+}
+
+} // namespace
+
+} // namespace cirrovault::test
