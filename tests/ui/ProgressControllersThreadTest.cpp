@@ -36,6 +36,16 @@ bool eventuallyShows(const ViewWindow& window, const char* outlet, const std::st
     return false;
 }
 
+// The same for the bar: a refresh that began before the last change may show it late.
+bool eventuallyHasValue(const ViewWindow& window, const char* outlet, double value) {
+    for (int i = 0; i < 5000; ++i) {
+        if (window.value(outlet) == value)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
 class ProgressThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -72,7 +82,8 @@ TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
         clock->advance(10);
         info->setSentSize(300); // 30 bytes a second: 700 bytes take 23 seconds
         shown = eventuallyShows(*window, ViewOutlet::Left, "6") &&
-                eventuallyShows(*window, ViewOutlet::TimeLeft, "0:00:23");
+                eventuallyShows(*window, ViewOutlet::TimeLeft, "0:00:23") &&
+                eventuallyHasValue(*window, ViewOutlet::Bar, 30.0);
         cancelWhileOpen = controller.IsCancelProgressModel(self);
         controller.SetProgressMessage(self, "");
         controller.SetProgressMessage(self, "Deleting");

@@ -8,6 +8,8 @@
 #include "engine/task/ScanFileInfo.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
+#include "platform/framework/PathTreeController.h"
+#include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemItems.h"
@@ -20,23 +22,34 @@ namespace {
 
 enum class Step { Descend, SkipBelow, Stop };
 using Visitor = std::function<Step(const std::string&, const std::optional<FileStatus>&)>;
+// Told the subfolders of each folder as soon as it is read, before they are visited.
+using FoldersAhead = std::function<void(const std::vector<std::string>&)>;
 
 // Pre-order walk: each folder's contents come right after the folder, as the
 // one-entry memories of excluded folders expect. One status call per item; links are
 // never followed. Answers false when the visitor stopped the walk.
-bool walkTree(const std::string& folder, const Visitor& visit) {
+bool walkTree(const std::string& folder, const Visitor& visit, const FoldersAhead& ahead = {}) {
     auto entries = FileSystem::listDirectoryWithStatus(folder);
     if (!entries)
         return true; // a vanished or unreadable folder yields nothing
     std::sort(entries->begin(), entries->end(),
               [](const FileSystem::Entry& a, const FileSystem::Entry& b) { return a.name < b.name; });
+    if (ahead) {
+        std::vector<std::string> folders;
+        for (const auto& [name, status] : *entries) {
+            if (status && status->type == FileType::Directory)
+                folders.push_back(CFileInfo::MacPathAppend(folder, name));
+        }
+        if (!folders.empty())
+            ahead(folders);
+    }
     for (const auto& [name, status] : *entries) {
         std::string path = CFileInfo::MacPathAppend(folder, name);
         Step step = visit(path, status);
         if (step == Step::Stop)
             return false;
         if (step == Step::Descend && status && status->type == FileType::Directory &&
-            !walkTree(path, visit))
+            !walkTree(path, visit, ahead))
             return false;
     }
     return true;
@@ -90,6 +103,16 @@ bool CBackupTask::CalculateBackupSize() {
             if (CalculateBackupFileSize(path, status.size, status.modifyTime))
                 ++taken;
         };
+        // The server folders of the local ones are listed ahead on another thread while
+        // this one reads the local folders, so the two sides are read at once.
+        PathTreeController& tree = TransferApiUtil::sharePathTreeController();
+        auto listAhead = [&](const std::vector<std::string>& localFolders) {
+            std::vector<std::string> serverFolders;
+            for (const auto& folder : localFolders)
+                serverFolders.push_back(
+                    getTargetSvrFolder(CFileInfo::MacPathAppend(folder, "-"), true));
+            tree.prefetchFolders(serverFolders);
+        };
 
         // Files are measured against the extension and name filters by
         // CalculateBackupFileSize; the walk itself filters folders only.
@@ -108,6 +131,7 @@ bool CBackupTask::CalculateBackupSize() {
                     continue;
                 }
                 scanFileArray.push_back(source);
+                listAhead({source});
             }
             if (!report(source))
                 return false;
@@ -138,7 +162,7 @@ bool CBackupTask::CalculateBackupSize() {
                     scanFileArray.push_back(path);
                 }
                 return report(source) ? step : Step::Stop;
-            });
+            }, listAhead);
             if (!finished)
                 return false;
         }

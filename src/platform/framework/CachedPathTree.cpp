@@ -1,5 +1,6 @@
 #include "platform/framework/CachedPathTree.h"
 
+#include <chrono>
 #include <exception>
 
 #include "platform/framework/ResultCodes.h"
@@ -39,8 +40,29 @@ PathInfo toPathInfo(const std::string& path, const StoreItem& item) {
 
 } // namespace
 
-void CachedPathTree::setBackend(std::shared_ptr<StoreBackend> backend) {
+CachedPathTree::~CachedPathTree() {
+    stopPrefetching();
+}
+
+void CachedPathTree::stopPrefetching() {
+    std::thread finished;
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+        prefetchQueue_.clear();
+        finished = std::move(prefetcher_);
+    }
+    queued_.notify_all();
+    if (finished.joinable())
+        finished.join();
     std::lock_guard lock(mutex_);
+    stopping_ = false;
+}
+
+void CachedPathTree::setBackend(std::shared_ptr<StoreBackend> backend) {
+    stopPrefetching();
+    std::lock_guard lock(mutex_);
+    ++changes_;
     backend_ = std::move(backend);
     listings_.clear();
     missing_.clear();
@@ -48,18 +70,80 @@ void CachedPathTree::setBackend(std::shared_ptr<StoreBackend> backend) {
 
 void CachedPathTree::clear() {
     std::lock_guard lock(mutex_);
+    ++changes_;
+    prefetchQueue_.clear();
     listings_.clear();
     missing_.clear();
 }
 
-int64_t CachedPathTree::listingLocked(const std::string& folder, Listing*& out) {
-    auto it = listings_.find(folder);
-    if (it != listings_.end()) {
-        out = &it->second;
-        return ResultCode::Success;
+void CachedPathTree::prefetchFolders(const std::vector<std::string>& paths) {
+    try {
+        std::vector<std::string> folders;
+        for (const auto& path : paths) {
+            if (auto canonical = StorePath::normalize(path))
+                folders.push_back(std::move(*canonical));
+        }
+        std::thread ended;
+        {
+            std::lock_guard lock(mutex_);
+            if (!backend_ || stopping_ || folders.empty())
+                return;
+            // In front: a walk wants what it named last first (depth first).
+            prefetchQueue_.insert(prefetchQueue_.begin(), folders.begin(), folders.end());
+            if (!prefetcherRunning_) {
+                ended = std::move(prefetcher_); // a thread that ended when it had no work
+                prefetcherRunning_ = true;
+                prefetcher_ = std::thread([this] { prefetchLoop(); });
+            }
+        }
+        queued_.notify_one();
+        if (ended.joinable())
+            ended.join();
+    } catch (const std::exception&) {
+        SystemLog::write("Error: PathTreeController::prefetchFolders()");
     }
-    if (knownMissingLocked(folder))
-        return ResultCode::NotFound;
+}
+
+// Lists queued folders until none has come for a while.
+void CachedPathTree::prefetchLoop() {
+    std::unique_lock lock(mutex_);
+    while (!stopping_) {
+        if (prefetchQueue_.empty()) {
+            if (!queued_.wait_for(lock, std::chrono::seconds(2),
+                                  [this] { return stopping_ || !prefetchQueue_.empty(); }))
+                break;
+            continue;
+        }
+        std::string folder = std::move(prefetchQueue_.front());
+        prefetchQueue_.pop_front();
+        if (!backend_ || listings_.count(folder) || inFlight_.count(folder) ||
+            knownMissingLocked(folder) || absentFromListingAboveLocked(folder))
+            continue;
+        inFlight_.insert(folder);
+        std::shared_ptr<StoreBackend> backend = backend_;
+        const uint64_t changesBefore = changes_;
+        lock.unlock();
+        Listing items;
+        int64_t code = ResultCode::Failure;
+        try {
+            code = backend->list(folder, items);
+        } catch (const std::exception&) {
+            SystemLog::write("Error: PathTreeController::prefetchFolders()");
+        }
+        lock.lock();
+        inFlight_.erase(folder);
+        if (changes_ == changesBefore && !listings_.count(folder)) {
+            if (code == ResultCode::Success)
+                listings_.emplace(folder, std::move(items));
+            else if (code == ResultCode::NotFound)
+                missing_.insert(folder);
+        }
+        landed_.notify_all();
+    }
+    prefetcherRunning_ = false;
+}
+
+bool CachedPathTree::absentFromListingAboveLocked(const std::string& folder) {
     // The nearest held listing above already tells whether the way down is there.
     for (std::string at = folder; at != Root; at = parentOf(at)) {
         auto above = listings_.find(parentOf(at));
@@ -71,10 +155,23 @@ int64_t CachedPathTree::listingLocked(const std::string& folder, Listing*& out) 
             present = present || (item.isFolder && item.name == name);
         if (!present) {
             missing_.insert(at);
-            return ResultCode::NotFound;
+            return true;
         }
-        break;
+        return false;
     }
+    return false;
+}
+
+int64_t CachedPathTree::listingLocked(const std::string& folder, Listing*& out,
+                                      std::unique_lock<std::mutex>& lock) {
+    landed_.wait(lock, [&] { return !inFlight_.count(folder); });
+    auto it = listings_.find(folder);
+    if (it != listings_.end()) {
+        out = &it->second;
+        return ResultCode::Success;
+    }
+    if (knownMissingLocked(folder) || absentFromListingAboveLocked(folder))
+        return ResultCode::NotFound;
     if (!backend_)
         return ResultCode::NoService;
     Listing items;
@@ -92,7 +189,7 @@ bool CachedPathTree::FindPath(const std::string& path, PathInfo& outPathInfo, bo
         auto canonical = StorePath::normalize(path);
         if (!canonical)
             return false;
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         if (*canonical == Root) {
             StoreItem item;
             if (!backend_ || backend_->stat(Root, item) != ResultCode::Success)
@@ -101,7 +198,7 @@ bool CachedPathTree::FindPath(const std::string& path, PathInfo& outPathInfo, bo
             return true;
         }
         Listing* listing = nullptr;
-        if (listingLocked(parentOf(*canonical), listing) != ResultCode::Success)
+        if (listingLocked(parentOf(*canonical), listing, lock) != ResultCode::Success)
             return false;
         std::string name = nameOf(*canonical);
         for (const StoreItem& item : *listing) {
@@ -123,6 +220,7 @@ int64_t CachedPathTree::RefreshSvrPath(const std::string& path) {
         if (!canonical)
             return ResultCode::BadPath;
         std::lock_guard lock(mutex_);
+        ++changes_;
         dropSubtreeLocked(*canonical);
         dropAncestorListingsLocked(*canonical);
         forgetMissingLocked(*canonical);
@@ -137,9 +235,10 @@ int64_t CachedPathTree::RefreshSvrPath(const std::string& path) {
 }
 
 int64_t CachedPathTree::collectLocked(const std::string& folder, bool recursive,
-                                      std::vector<PathInfo>& out) {
+                                      std::vector<PathInfo>& out,
+                                      std::unique_lock<std::mutex>& lock) {
     Listing* listing = nullptr;
-    int64_t code = listingLocked(folder, listing);
+    int64_t code = listingLocked(folder, listing, lock);
     if (code != ResultCode::Success)
         return code;
     // Copied: listing further folders below may add to listings_, and the entries are
@@ -149,7 +248,7 @@ int64_t CachedPathTree::collectLocked(const std::string& folder, bool recursive,
         std::string child = StorePath::child(folder, item.name);
         out.push_back(toPathInfo(child, item));
         if (recursive && item.isFolder) {
-            code = collectLocked(child, true, out);
+            code = collectLocked(child, true, out, lock);
             if (code != ResultCode::Success)
                 return code;
         }
@@ -164,8 +263,8 @@ int64_t CachedPathTree::GetSubList(const std::string& path, std::vector<PathInfo
         auto canonical = StorePath::normalize(path);
         if (!canonical)
             return ResultCode::BadPath;
-        std::lock_guard lock(mutex_);
-        int64_t code = collectLocked(*canonical, isRecursion, outArray);
+        std::unique_lock lock(mutex_);
+        int64_t code = collectLocked(*canonical, isRecursion, outArray, lock);
         if (code != ResultCode::Success)
             outArray.clear();
         return code;
@@ -294,6 +393,7 @@ std::optional<StoreItem> CachedPathTree::cachedItem(const std::string& path) {
 
 void CachedPathTree::noteStored(const std::string& path, const StoreItem& item) {
     std::lock_guard lock(mutex_);
+    ++changes_;
     if (path == Root)
         return;
     forgetMissingLocked(path);
@@ -322,6 +422,7 @@ void CachedPathTree::noteStored(const std::string& path, const StoreItem& item) 
 
 void CachedPathTree::noteFolderMade(const std::string& path) {
     std::lock_guard lock(mutex_);
+    ++changes_;
     StoreItem* entry = entryLocked(path);
     if (entry && entry->isFolder && entry->fileCount == 0)
         listings_.try_emplace(path);
@@ -329,6 +430,7 @@ void CachedPathTree::noteFolderMade(const std::string& path) {
 
 void CachedPathTree::noteRemoved(const std::string& path) {
     std::lock_guard lock(mutex_);
+    ++changes_;
     std::string parent = parentOf(path);
     auto it = listings_.find(parent);
     if (path != Root && it == listings_.end()) {
@@ -344,6 +446,7 @@ void CachedPathTree::noteRemoved(const std::string& path) {
 
 void CachedPathTree::noteRenamed(const std::string& path, const std::string& newName) {
     std::lock_guard lock(mutex_);
+    ++changes_;
     if (StoreItem* entry = entryLocked(path))
         entry->name = newName;
     dropSubtreeLocked(path);
@@ -354,6 +457,7 @@ void CachedPathTree::noteRenamed(const std::string& path, const std::string& new
 void CachedPathTree::noteFolderInfo(const std::string& path, const std::string& description,
                                     const std::string& caption) {
     std::lock_guard lock(mutex_);
+    ++changes_;
     if (StoreItem* entry = entryLocked(path)) {
         entry->description = description;
         entry->caption = caption;
@@ -362,6 +466,7 @@ void CachedPathTree::noteFolderInfo(const std::string& path, const std::string& 
 
 void CachedPathTree::forget(const std::string& path) {
     std::lock_guard lock(mutex_);
+    ++changes_;
     dropSubtreeLocked(path);
     dropAncestorListingsLocked(path);
     forgetMissingLocked(path);

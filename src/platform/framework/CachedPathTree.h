@@ -1,13 +1,16 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/framework/PathTreeController.h"
@@ -28,11 +31,17 @@ namespace cirrovault {
 // forgetting it) ends that.
 //
 // One lock covers the cache and the listings it makes, so two threads asking for the
-// same folder cause one listing. The PathTreeController calls accept any server path
+// same folder cause one listing. Folders named by prefetchFolders are listed ahead, on a
+// thread of the cache's own and outside the lock, while the caller goes on with other
+// work (a scan reading its local folders); a lookup that needs such a folder waits for
+// its listing. A listing that raced a change to the cache is thrown away. The PathTreeController calls accept any server path
 // StorePath accepts; cachedItem, forget and the note functions take canonical ones.
 class CachedPathTree : public PathTreeController {
 public:
     CachedPathTree() = default;
+    ~CachedPathTree() override;
+    CachedPathTree(const CachedPathTree&) = delete;
+    CachedPathTree& operator=(const CachedPathTree&) = delete;
 
     bool FindPath(const std::string& path, PathInfo& outPathInfo, bool isShowProgress) override;
     int64_t RefreshSvrPath(const std::string& path) override;
@@ -40,6 +49,7 @@ public:
                        bool isShowProgress, bool isRecursion) override;
     // Kept for the host; the cache's own calls are short enough to show no dialog.
     void setLoopDelegate(CLoopItem* loopItem) override { loopItem_ = loopItem; }
+    void prefetchFolders(const std::vector<std::string>& paths) override;
 
     void setBackend(std::shared_ptr<StoreBackend> backend); // also forgets everything
     void clear();
@@ -61,9 +71,16 @@ public:
 private:
     using Listing = std::vector<StoreItem>;
 
-    // The folder's listing, read from the backend when not cached. Caller holds mutex_.
-    int64_t listingLocked(const std::string& folder, Listing*& out);
-    int64_t collectLocked(const std::string& folder, bool recursive, std::vector<PathInfo>& out);
+    // The folder's listing, read from the backend when not cached; waits (releasing the
+    // lock) for a listing under way on the prefetch thread. Caller holds lock.
+    int64_t listingLocked(const std::string& folder, Listing*& out,
+                          std::unique_lock<std::mutex>& lock);
+    int64_t collectLocked(const std::string& folder, bool recursive, std::vector<PathInfo>& out,
+                          std::unique_lock<std::mutex>& lock);
+    // Whether the nearest held listing above shows the folder absent (then remembered).
+    bool absentFromListingAboveLocked(const std::string& folder);
+    void prefetchLoop();
+    void stopPrefetching();
     StoreItem* entryLocked(const std::string& path);
     void adjustAncestorsLocked(const std::string& folder, int64_t sizeDelta, int64_t filesDelta);
     void dropSubtreeLocked(const std::string& path);
@@ -80,6 +97,15 @@ private:
     std::map<std::string, Listing> listings_; // guarded by mutex_; canonical folder → entries
     std::set<std::string> missing_;           // guarded by mutex_; folders found absent
     std::atomic<CLoopItem*> loopItem_{nullptr};
+
+    uint64_t changes_ = 0;                   // guarded by mutex_; counts changes to the cache
+    std::deque<std::string> prefetchQueue_;  // guarded by mutex_
+    std::set<std::string> inFlight_;         // guarded by mutex_; being listed ahead
+    bool prefetcherRunning_ = false;         // guarded by mutex_
+    bool stopping_ = false;                  // guarded by mutex_
+    std::condition_variable queued_;         // a folder to list ahead, or stopping_
+    std::condition_variable landed_;         // a listing ahead ended
+    std::thread prefetcher_;
 };
 
 } // namespace cirrovault

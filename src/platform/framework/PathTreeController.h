@@ -25,6 +25,9 @@ public:
                                bool isShowProgress, bool isRecursion) = 0;
     // The wait dialog that the framework's own long calls may show (not owned).
     virtual void setLoopDelegate(CLoopItem* loopItem) = 0;
+    // These folders will soon be looked into, in this order and before any named
+    // earlier: they may be listed ahead. A hint only.
+    virtual void prefetchFolders(const std::vector<std::string>& /*paths*/) {}
 };
 
 } // namespace cirrovault

@@ -1,3 +1,5 @@
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -236,6 +238,73 @@ TEST_F(PathTreeConcurrencyTest, LookupsInOneFolderFromManyThreadsListItOnce) {
         thread.join();
     EXPECT_EQ(found, 64);
     EXPECT_EQ(store_->listCount("\\Many"), 1);
+}
+
+TEST_F(PathTreeConcurrencyTest, FoldersListedAheadAreListedOnce) {
+    std::vector<std::string> folders;
+    folder("\\P");
+    for (int i = 0; i < 20; ++i) {
+        folders.push_back("\\P\\D" + std::to_string(i));
+        folder(folders.back());
+        upload(folders.back() + "\\old", "x");
+    }
+    tree().RefreshSvrPath("\\P");
+    store_->resetCounts();
+    tree().prefetchFolders(folders);
+    for (const auto& at : folders) {
+        PathInfo info;
+        EXPECT_TRUE(tree().FindPath(at + "\\old", info, false)) << at;
+        EXPECT_EQ(store_->listCount(at), 1) << at; // by the thread ahead or by this one
+    }
+}
+
+// Holds the listing of one folder, once read, until released: a change can land meanwhile.
+class GatedStore : public test::CountingStore {
+public:
+    using CountingStore::CountingStore;
+    int64_t list(const std::string& folder, std::vector<StoreItem>& items) override {
+        int64_t code = CountingStore::list(folder, items);
+        if (folder == gated) {
+            std::unique_lock lock(gateMutex_);
+            entered_ = true;
+            gateChanged_.notify_all();
+            gateChanged_.wait(lock, [this] { return open_; });
+        }
+        return code;
+    }
+    void waitUntilEntered() {
+        std::unique_lock lock(gateMutex_);
+        gateChanged_.wait(lock, [this] { return entered_; });
+    }
+    void open() {
+        std::lock_guard lock(gateMutex_);
+        open_ = true;
+        gateChanged_.notify_all();
+    }
+    std::string gated;
+
+private:
+    std::mutex gateMutex_;
+    std::condition_variable gateChanged_;
+    bool entered_ = false;
+    bool open_ = false;
+};
+
+TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
+    folder("\\Q");
+    upload("\\Q\\old", "x");
+    auto gated = std::make_shared<GatedStore>(local_);
+    gated->gated = "\\Q";
+    api().SetBackend(gated);
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+
+    tree().prefetchFolders({"\\Q"});
+    gated->waitUntilEntered(); // the listing ahead has begun, without the new file
+    upload("\\Q\\new", "abc");
+    gated->open();
+    PathInfo info;
+    EXPECT_TRUE(tree().FindPath("\\Q\\new", info, false));
+    EXPECT_TRUE(tree().FindPath("\\Q\\old", info, false));
 }
 
 } // namespace
