@@ -6,6 +6,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -285,5 +287,12 @@ std::optional<uint64_t> FileSystem::totalSpace(const std::string& path) {
 }
 
 std::string FileSystem::lastErrorText() { return std::strerror(errno); }
+
+int FileSystem::openFolderBeneath(int rootFd, const std::string& relative) {
+    struct open_how how {};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(::syscall(SYS_openat2, rootFd, relative.c_str(), &how, sizeof how));
+}
 
 } // namespace cirrovault

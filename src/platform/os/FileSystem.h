@@ -69,6 +69,10 @@ public:
         std::optional<FileStatus> status;
     };
     static std::optional<std::vector<Entry>> listDirectoryWithStatus(const std::string& path);
+    // The folder at relative (below the open folder rootFd) opened for lookups only, in
+    // one call that refuses links anywhere on the way and any way out of rootFd; -1 (with
+    // errno) otherwise, also where the system cannot resolve that way. Caller closes it.
+    static int openFolderBeneath(int rootFd, const std::string& relative);
 
     // Free bytes for an unprivileged user on the file system holding path.
     static std::optional<uint64_t> availableSpace(const std::string& path);

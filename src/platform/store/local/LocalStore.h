@@ -100,6 +100,9 @@ private:
     std::optional<Account> currentAccount() const;
     // Success, BadPath (malformed, or a link on the way) or NotFound (a missing parent).
     int64_t locate(const Account& account, const std::string& path, Location& location);
+    std::optional<int64_t> locateBelowFolder(const Account& account,
+                                             const std::vector<std::string>& names,
+                                             const std::string& path, Location& location);
     // The opening of every path operation: NotLoggedOn, or locate()'s answer for the
     // logged-on account, which is left in account.
     int64_t locateLoggedOn(const std::string& path, Account& account, Location& location);

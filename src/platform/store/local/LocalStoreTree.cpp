@@ -46,6 +46,37 @@ std::string lastName(const std::string& serverPath) {
 
 } // namespace
 
+// The common case in one lookup of the folder and one of the name: the folder opened
+// beneath the account's root with links refused on the way. Nothing when that cannot
+// answer (a missing folder, a link, an old kernel): the walk in locate then says why.
+std::optional<int64_t> LocalStore::locateBelowFolder(const Account& account,
+                                                     const std::vector<std::string>& names,
+                                                     const std::string& path,
+                                                     Location& location) {
+    std::string folder;
+    for (size_t i = 0; i + 1 < names.size(); ++i) {
+        if (i)
+            folder += '/';
+        folder += names[i];
+    }
+    int fd = FileSystem::openFolderBeneath(account.root->fd, folder);
+    if (fd < 0)
+        return std::nullopt;
+    struct stat st {};
+    bool found = ::fstatat(fd, names.back().c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    ::close(fd);
+    if (found) {
+        FileStatus status = statusFrom(st);
+        if (status.type == FileType::SymbolicLink || status.type == FileType::Other) {
+            SystemLog::write("LocalStore: refused path through a link or special file: " + path);
+            return ResultCode::BadPath;
+        }
+        location.status = status;
+    }
+    location.localPath = account.filesRoot + "/" + folder + "/" + names.back();
+    return ResultCode::Success;
+}
+
 int64_t LocalStore::locate(const Account& account, const std::string& path, Location& location) {
     location = {};
     auto names = StorePath::split(path);
@@ -58,6 +89,10 @@ int64_t LocalStore::locate(const Account& account, const std::string& path, Loca
     if (names->empty())
         location.status = FileSystem::linkStatus(local);
     const int rootFd = account.root ? account.root->fd : -1;
+    if (rootFd >= 0 && names->size() >= 2) {
+        if (auto answer = locateBelowFolder(account, *names, path, location))
+            return *answer;
+    }
     std::string relative;
     for (size_t i = 0; i < names->size(); ++i) {
         local += '/';
