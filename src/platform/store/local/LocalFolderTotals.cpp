@@ -216,35 +216,53 @@ bool LocalFolderTotals::readLocked(const std::string& localFolder, const Stamp& 
     return true;
 }
 
-void LocalFolderTotals::addLocked(const std::string& localFolder, const std::string& serverFolder,
-                                  const PartSet& parts, Totals& totals) {
+std::map<std::string, LocalFolderTotals::Folder>::iterator
+LocalFolderTotals::currentLocked(const std::string& localFolder) {
     struct stat st {};
     if (::lstat(localFolder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         if (auto gone = folders_.find(localFolder); gone != folders_.end())
             eraseLocked(gone);
-        return;
+        return folders_.end();
     }
     Stamp stamp{static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino), st.st_mtim,
                 st.st_ctim};
     auto it = folders_.find(localFolder);
-    if (it == folders_.end() || !it->second.settled || !(it->second.stamp == stamp)) {
-        Folder folder;
-        if (!readLocked(localFolder, stamp, folder)) {
-            if (it != folders_.end())
-                eraseLocked(it);
-            return;
-        }
-        if (it != folders_.end()) {
-            // Folders that went since the last reading take what was below them along.
-            for (const std::string& child : it->second.children)
-                if (std::find(folder.children.begin(), folder.children.end(), child) ==
-                    folder.children.end())
-                    forgetLocked(localFolder + "/" + child);
-        }
-        it = folders_.insert_or_assign(localFolder, std::move(folder)).first;
-        if (it->second.settled)
-            changed_.insert(localFolder);
+    if (it != folders_.end() && it->second.settled && it->second.stamp == stamp)
+        return it;
+    Folder folder;
+    if (!readLocked(localFolder, stamp, folder)) {
+        if (it != folders_.end())
+            eraseLocked(it);
+        return folders_.end();
     }
+    if (it != folders_.end()) {
+        // Folders that went since the last reading take what was below them along.
+        for (const std::string& child : it->second.children)
+            if (std::find(folder.children.begin(), folder.children.end(), child) ==
+                folder.children.end())
+                forgetLocked(localFolder + "/" + child);
+    }
+    it = folders_.insert_or_assign(localFolder, std::move(folder)).first;
+    if (it->second.settled)
+        changed_.insert(localFolder);
+    return it;
+}
+
+void LocalFolderTotals::settle() {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> unsettled;
+    for (const auto& [path, folder] : folders_)
+        if (!folder.settled)
+            unsettled.push_back(path);
+    for (const auto& path : unsettled)
+        currentLocked(path); // a folder gone meanwhile is dropped, with what was below it
+}
+
+void LocalFolderTotals::addLocked(const std::string& localFolder, const std::string& serverFolder,
+                                  const PartSet& parts, Totals& totals) {
+    auto it = currentLocked(localFolder);
+    if (it == folders_.end())
+        return;
     const Folder& folder = it->second;
     totals.bytes += folder.bytes;
     totals.files += folder.files;

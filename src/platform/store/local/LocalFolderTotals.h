@@ -35,6 +35,11 @@ public:
     // The folder at localFolder, and every folder below it, changed: read them again.
     void forget(const std::string& localFolder);
     void clear();
+    // Reads again the folders last read while their times were too fresh to be trusted,
+    // if they are old enough now: at the end of a session, so that the next one finds
+    // every folder it may trust (a run that changed the store otherwise leaves the next
+    // one to read all it touched).
+    void settle();
 
     // Kept between processes: what a later process may trust (records of settled
     // folders, keyed by local path) and what went since the last call. Loaded records
@@ -63,6 +68,9 @@ private:
         std::vector<std::string> children;                       // folder names
     };
 
+    // The folder's reading, made again unless the one held is trusted and current;
+    // end() when the folder cannot be read (then forgotten).
+    std::map<std::string, Folder>::iterator currentLocked(const std::string& localFolder);
     void addLocked(const std::string& localFolder, const std::string& serverFolder,
                    const PartSet& parts, Totals& totals);
     bool readLocked(const std::string& localFolder, const Stamp& stamp, Folder& folder);

@@ -183,6 +183,7 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
 }
 
 void LocalStore::logoff() {
+    totals_.settle();
     saveFolderTotals();
     std::lock_guard lock(mutex_);
     account_.reset();
