@@ -128,3 +128,6 @@ printf '| rclone copy | no change | %.2f | %d | %s |\n' "$r_same_s" "$r_same_r" 
 echo
 echo "requests of our full run by method:"
 head -n "$o_full_r" "$work/server/access.log" | awk '{print $1}' | sort | uniq -c | sort -rn
+echo "requests of our no-change run by method:"
+head -n "$((o_full_r + o_same_r))" "$work/server/access.log" | tail -n "$o_same_r" |
+    awk '{print $1}' | sort | uniq -c | sort -rn

@@ -4,8 +4,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -60,6 +62,19 @@ public:
     std::string url(const std::string& path) const {
         return "webdav://127.0.0.1:" + std::to_string(port_) + "/" + path;
     }
+    // The requests the server has answered so far, a line each ("METHOD /path status");
+    // nullopt for a server that keeps no such log (lighttpd here).
+    std::optional<std::vector<std::string>> requests() const {
+        if (lighttpd_)
+            return std::nullopt;
+        std::vector<std::string> lines;
+        std::string text = FileSystem::readFile(folder_ + "/access.log").value_or("");
+        for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+             start = end + 1)
+            lines.push_back(text.substr(start, end - start));
+        return lines;
+    }
+
     std::string log() const {
         return FileSystem::readFile(folder_ + "/error.log").value_or("") +
                FileSystem::readFile(folder_ + "/output.log").value_or("");
@@ -114,6 +129,7 @@ private:
               "dav", "dav_fs"})
             conf += std::string("LoadModule ") + module + "_module " + modules + "mod_" + module +
                     ".so\n";
+        conf += "LogFormat \"%m %U %>s\" short\nCustomLog " + folder_ + "/access.log short\n";
         conf += "DAVLockDB " + folder_ + "/DAVLock\nDocumentRoot " + folder_ +
                 "/data\nKeepAliveTimeout 30\n<Directory " + folder_ +
                 "/data>\n  Dav On\n  AuthType Basic\n  AuthName dav\n  AuthUserFile " + folder_ +

@@ -149,11 +149,11 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
         if (code == ResultCode::Success) {
             uploadInformation.storedSize = source->size();
             uploadInformation.uploadedBytes = source->size() - std::min(source->size(), watch.resumed());
+            // What the store now holds is what was sent: no request to read it back.
             StoreItem stored;
-            if (store->stat(*path, stored) == ResultCode::Success)
-                state_->tree->noteStored(*path, stored);
-            else
-                state_->tree->forget(*path);
+            stored.size = source->size();
+            stored.modifyTime = modifyTime;
+            state_->tree->noteStored(*path, stored);
         } else {
             uploadInformation.uploadedBytes = watch.done() - std::min(watch.done(), watch.resumed());
         }

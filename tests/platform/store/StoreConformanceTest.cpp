@@ -1,6 +1,7 @@
 #include "platform/store/StoreConformance.h"
 
 #include <cmath>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -335,6 +336,44 @@ TEST_P(StoreConformanceTest, QuotaFollowsUsageAndLimitsPuts) {
     EXPECT_EQ(putText(*store, "\\a", std::string(1400, 'A')), R::Success);
     ASSERT_EQ(store->remove("\\b"), R::Success);
     EXPECT_EQ(putText(*store, "\\c", std::string(1000, 'c')), R::Success);
+}
+
+TEST_P(StoreConformanceTest, FolderFiguresFollowEveryChange) {
+    // A store may keep the figures of folders it counted; after each change they must
+    // be what a new connection counts from scratch. Listings first: a look at one item
+    // or at the quota may count afresh.
+    auto figures = [](StoreBackend& s) {
+        std::string listed = snapshot(s);
+        StoreQuota quota;
+        s.quota(quota);
+        StoreItem root;
+        s.stat("\\", root);
+        return listed + "used " + std::to_string(quota.usedSpace) + ", root " +
+               std::to_string(root.size) + "/" + std::to_string(root.fileCount);
+    };
+    for (const char* folder : {"\\T", "\\T\\A", "\\T\\A\\B", "\\H"})
+        ASSERT_EQ(store->makeFolder(folder, "", ""), R::Success);
+    ASSERT_EQ(putText(*store, "\\T\\A\\B\\one", std::string(10, '1')), R::Success);
+    ASSERT_EQ(putText(*store, "\\T\\A\\two", std::string(20, '2')), R::Success);
+    ASSERT_EQ(putText(*store, "\\T\\three", std::string(30, '3')), R::Success);
+    EXPECT_EQ(figures(*store), figures(*connect()));
+
+    const std::vector<std::pair<std::string, std::function<int64_t()>>> steps = {
+        {"new file", [&] { return putText(*store, "\\T\\A\\B\\new", "12345"); }},
+        {"file replaced", [&] { return putText(*store, "\\T\\A\\two", std::string(200, '2')); }},
+        {"file moved", [&] { return store->move("\\T\\A\\B\\one", "\\H\\one"); }},
+        {"file copied", [&] { return store->copy("\\T\\three", "\\H\\three"); }},
+        {"folder copied", [&] { return store->copy("\\T\\A", "\\C"); }},
+        {"folder moved", [&] { return store->move("\\T\\A", "\\H\\A"); }},
+        {"file removed", [&] { return store->remove("\\H\\one"); }},
+        {"folder removed", [&] { return store->remove("\\C"); }},
+        {"folder made", [&] { return store->makeFolder("\\H\\A\\Empty", "", ""); }},
+        {"file into it", [&] { return putText(*store, "\\H\\A\\Empty\\x", "x"); }},
+    };
+    for (const auto& [what, step] : steps) {
+        ASSERT_EQ(step(), R::Success) << what;
+        EXPECT_EQ(figures(*store), figures(*connect())) << "after: " << what;
+    }
 }
 
 TEST_P(StoreConformanceTest, PathsLeavingTheAccountAreRefused) {

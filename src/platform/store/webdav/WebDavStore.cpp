@@ -202,37 +202,16 @@ std::optional<int64_t> WebDavStore::configuredQuota() const {
     return value;
 }
 
-void WebDavStore::adjustUsedSpace(int64_t change) {
-    std::lock_guard lock(mutex_);
-    if (usedBytes_)
-        *usedBytes_ = std::max<int64_t>(0, *usedBytes_ + change);
-}
-
-void WebDavStore::forgetUsedSpace() {
-    std::lock_guard lock(mutex_);
-    usedBytes_.reset();
-}
-
 int64_t WebDavStore::checkSpace(const Account& account, int64_t adding) {
     if (adding <= 0)
         return ResultCode::Success;
     auto limit = configuredQuota();
     if (!limit)
         return ResultCode::Success; // the server answers 507 when it is full
-    std::optional<int64_t> used;
-    {
-        std::lock_guard lock(mutex_);
-        used = usedBytes_;
-    }
-    if (!used) {
-        Totals totals;
-        if (int64_t rc = totalsOf(account, {}, totals); rc != ResultCode::Success)
-            return rc;
-        used = static_cast<int64_t>(totals.bytes);
-        std::lock_guard lock(mutex_);
-        usedBytes_ = used;
-    }
-    if (*used + adding > *limit) {
+    Totals used;
+    if (int64_t rc = totalsOf(account, {}, used); rc != ResultCode::Success)
+        return rc;
+    if (static_cast<int64_t>(used.bytes) + adding > *limit) {
         SystemLog::write("WebDAV: the account's quota would be passed");
         return ResultCode::SpaceLimit;
     }
@@ -304,8 +283,8 @@ int64_t WebDavStore::logon(const std::string& userName, const std::string& passw
         {
             std::lock_guard lock(mutex_);
             account_ = account;
-            usedBytes_.reset();
         }
+        folderTotals_.clear();
         session.sessionID = randomHex(16);
         session.customerID = account.customerID;
         return ResultCode::Success;
@@ -321,7 +300,7 @@ void WebDavStore::logoff() {
     std::lock_guard lock(mutex_);
     pendingMeta_.clear();
     account_.reset();
-    usedBytes_.reset();
+    folderTotals_.clear();
     ++generation_;
     idle_.clear();
 }
@@ -360,12 +339,10 @@ int64_t WebDavStore::quota(StoreQuota& quota) {
             return codeOf(response.status);
         }
         Totals totals;
-        if ((rc = totalsOf(account, {}, totals)) != ResultCode::Success)
+        if ((rc = totalsOf(account, {}, totals, true)) != ResultCode::Success)
             return rc;
         quota.usedSpace = static_cast<int64_t>(totals.bytes);
         quota.maxSpace = configuredQuota().value_or(UnlimitedQuota);
-        std::lock_guard lock(mutex_);
-        usedBytes_ = quota.usedSpace;
         return ResultCode::Success;
     } catch (const std::exception&) {
         SystemLog::write("Error: WebDavStore::quota()");

@@ -10,6 +10,7 @@
 
 #include "platform/store/StoreBackend.h"
 #include "platform/store/webdav/WebDavCapabilityProbe.h"
+#include "platform/store/webdav/WebDavFolderTotals.h"
 #include "platform/store/webdav/WebDavHttpSession.h"
 #include "platform/store/webdav/WebDavMetaDocument.h"
 #include "platform/store/webdav/WebDavMultistatus.h"
@@ -81,10 +82,7 @@ private:
         std::string customerID;
         WebDavFeatures features;
     };
-    struct Totals {
-        uint64_t bytes = 0;
-        int32_t files = 0;
-    };
+    using Totals = WebDavFolderTotals::Totals;
     // An item found by PROPFIND, with what we keep about it.
     struct Found {
         DavResource resource;
@@ -102,8 +100,11 @@ private:
                      std::vector<DavResource>& resources);
     // The item at names: Success, NotFound (also for our own hidden items), or a failure.
     int64_t find(const Account& account, const std::vector<std::string>& names, Found& found);
+    // The figures of the folder: held ones, or counted by a walk of its listings (always
+    // when recount: a look at one item or at the account's size tells what is there now,
+    // whoever stored it; listings take the held figures of the folders they name).
     int64_t totalsOf(const Account& account, const std::vector<std::string>& folder,
-                     Totals& totals);
+                     Totals& totals, bool recount = false);
     bool isHidden(const std::vector<std::string>& parent, const DavResource& resource,
                   const std::string& name) const;
     StoreItem itemOf(const DavResource& resource, const std::string& name) const;
@@ -117,7 +118,6 @@ private:
 
     int64_t checkSpace(const Account& account, int64_t adding);
     std::optional<int64_t> configuredQuota() const;
-    void adjustUsedSpace(int64_t change);
 
     int64_t putSegments(const Account& account, const std::string& partUrl, ByteSource& source,
                         uint64_t offset, Date modifyTime, TransferObserver* observer, bool tagged,
@@ -127,7 +127,6 @@ private:
     // knownToExist: whether the target was there, when it was asked before the upload.
     int64_t replaceWithPart(const Account& account, const std::string& partUrl,
                             const std::vector<std::string>& names, std::optional<bool> knownToExist);
-    void forgetUsedSpace();
     int64_t lockTaskList(const Account& account, std::string& token);
     void unlockTaskList(const Account& account, const std::string& token);
 
@@ -169,11 +168,11 @@ private:
 
     mutable std::mutex mutex_;
     std::optional<Account> account_;   // guarded by mutex_
-    std::optional<int64_t> usedBytes_; // guarded by mutex_
     uint64_t generation_ = 0;          // guarded by mutex_; a new logon drops old connections
     std::vector<std::unique_ptr<WebDavHttpSession>> idle_; // guarded by mutex_
     std::map<FolderNames, MetaChanges> pendingMeta_;        // guarded by mutex_
     std::mutex metaWriteMutex_; // one writer of metadata documents at a time
+    WebDavFolderTotals folderTotals_; // the account's root among them: the bytes it holds
 };
 
 } // namespace cirrovault

@@ -204,10 +204,9 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
         }
         if ((rc = replaceWithPart(account, partUrl, *names, exists)) != ResultCode::Success)
             return rc;
-        if (oldSize)
-            adjustUsedSpace(static_cast<int64_t>(size) - static_cast<int64_t>(*oldSize));
-        else
-            forgetUsedSpace();
+        folderTotals_.adjust(FolderNames(names->begin(), names->end() - 1),
+                             static_cast<int64_t>(size) - static_cast<int64_t>(*oldSize),
+                             *exists ? 0 : 1);
         if (keepsMetaDocuments(account)) {
             std::optional<WebDavMetaEntry> entry;
             if (!serverKeepsTime) {

@@ -2,6 +2,7 @@
 #include <exception>
 
 #include "platform/framework/ResultCodes.h"
+#include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 #include "platform/store/webdav/WebDavStore.h"
@@ -95,7 +96,12 @@ int64_t WebDavStore::find(const Account& account, const std::vector<std::string>
 }
 
 int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::string>& folder,
-                              Totals& totals) {
+                              Totals& totals, bool recount) {
+    const double now = Clock::shared().now().timeIntervalSince1970();
+    if (auto held = recount ? std::nullopt : folderTotals_.find(folder, now)) {
+        totals = *held;
+        return ResultCode::Success;
+    }
     std::vector<DavResource> resources;
     if (int64_t rc = propfind(account, urlOf(account, folder, true), 1, resources);
         rc != ResultCode::Success)
@@ -103,6 +109,7 @@ int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::str
     std::string selfPath = account.rootPath;
     for (const auto& name : folder)
         selfPath += "/" + name;
+    Totals counted;
     for (const auto& resource : resources) {
         auto name = childName(selfPath, resource.path);
         if (!name || !StorePath::isValidName(*name) || isHidden(folder, resource, *name))
@@ -110,13 +117,18 @@ int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::str
         if (resource.collection) {
             std::vector<std::string> inner = folder;
             inner.push_back(*name);
-            if (int64_t rc = totalsOf(account, inner, totals); rc != ResultCode::Success)
+            Totals below;
+            if (int64_t rc = totalsOf(account, inner, below, recount); rc != ResultCode::Success)
                 return rc;
+            counted.bytes += below.bytes;
+            counted.files += below.files;
         } else {
-            totals.bytes += resource.contentLength.value_or(0);
-            ++totals.files;
+            counted.bytes += resource.contentLength.value_or(0);
+            ++counted.files;
         }
     }
+    folderTotals_.remember(folder, counted, now);
+    totals = counted;
     return ResultCode::Success;
 }
 
@@ -146,7 +158,7 @@ int64_t WebDavStore::stat(const std::string& path, StoreItem& item) {
         }
         if (item.isFolder) {
             Totals totals;
-            if (int64_t rc = totalsOf(account, *names, totals); rc != ResultCode::Success) {
+            if (int64_t rc = totalsOf(account, *names, totals, true); rc != ResultCode::Success) {
                 item = {};
                 return rc;
             }
@@ -268,6 +280,7 @@ int64_t WebDavStore::makeFolder(const std::string& path, const std::string& desc
         if (response.status != 201)
             return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
                                                                    : codeOf(response.status);
+        folderTotals_.remember(*names, {}, Clock::shared().now().timeIntervalSince1970());
         if (description.empty() && caption.empty())
             return ResultCode::Success;
         if (keepsMetaDocuments(account)) {
@@ -349,15 +362,14 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
     Found occupied;
     if (int64_t rc = find(account, *target, occupied); rc != ResultCode::NotFound)
         return rc == ResultCode::Success ? ResultCode::AlreadyExists : rc;
-    int64_t bytes = 0;
     if (method == "COPY") {
         Totals totals;
         if (folder) {
             if (int64_t rc = totalsOf(account, *source, totals); rc != ResultCode::Success)
                 return rc;
         }
-        bytes = static_cast<int64_t>(folder ? totals.bytes
-                                            : found.resource.contentLength.value_or(0));
+        const auto bytes = static_cast<int64_t>(folder ? totals.bytes
+                                                       : found.resource.contentLength.value_or(0));
         if (int64_t rc = checkSpace(account, bytes); rc != ResultCode::Success)
             return rc;
     }
@@ -371,9 +383,19 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
                           urlOf(account, *target, folder), false);
     if (rc != ResultCode::Success)
         return rc;
-    adjustUsedSpace(bytes);
+    const bool moved = method == "MOVE";
+    if (!folder) {
+        const auto size = static_cast<int64_t>(found.resource.contentLength.value_or(0));
+        if (moved)
+            folderTotals_.adjust(FolderNames(source->begin(), source->end() - 1), -size, -1);
+        folderTotals_.adjust(FolderNames(target->begin(), target->end() - 1), size, 1);
+    } else if (!folderTotals_.carryFolder(*source, *target, !moved)) {
+        if (moved)
+            folderTotals_.forget(*source);
+        folderTotals_.forget(*target);
+    }
     if (meta)
-        carryMeta(account, *source, *target, method == "MOVE");
+        carryMeta(account, *source, *target, moved);
     return ResultCode::Success;
 }
 
@@ -425,12 +447,12 @@ int64_t WebDavStore::remove(const std::string& path) {
                      std::nullopt);
         }
         if (rc == ResultCode::Success) {
-            if (found.resource.collection) {
-                std::lock_guard lock(mutex_);
-                usedBytes_.reset(); // counted again when next needed
-            } else {
-                adjustUsedSpace(-static_cast<int64_t>(found.resource.contentLength.value_or(0)));
-            }
+            if (!found.resource.collection)
+                folderTotals_.adjust(
+                    FolderNames(names->begin(), names->end() - 1),
+                    -static_cast<int64_t>(found.resource.contentLength.value_or(0)), -1);
+            else if (!folderTotals_.dropFolder(*names))
+                folderTotals_.forget(*names);
         }
         return rc;
     } catch (const std::exception&) {

@@ -1,0 +1,170 @@
+// Folder figures on a WebDAV server: counted once by a walk, then kept, so listing a
+// folder costs one request however much lies below it.
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "common/WebDavTestServer.h"
+#include "platform/framework/ResultCodes.h"
+#include "platform/store/StoreTestSupport.h"
+#include "platform/store/webdav/WebDavFolderTotals.h"
+#include "platform/store/webdav/WebDavStore.h"
+
+namespace cirrovault::test {
+
+namespace {
+
+namespace R = ResultCode;
+using Totals = WebDavFolderTotals::Totals;
+
+// The requests an action cost, as the server logged them. Each action is fenced by a
+// look at a path that is never there; a line is logged just after its answer, so the
+// fence's own line is waited for.
+class RequestCounter {
+public:
+    RequestCounter(const WebDavTestServer& server, StoreBackend& store)
+        : server_(server), store_(store) {}
+
+    std::vector<std::string> of(const std::function<void()>& action) {
+        size_t start = fence();
+        action();
+        size_t end = fence() - 1;
+        auto lines = *server_.requests();
+        return {lines.begin() + static_cast<long>(start), lines.begin() + static_cast<long>(end)};
+    }
+
+private:
+    // Index just past the fence's line.
+    size_t fence() {
+        const std::string name = "fence-" + std::to_string(++fences_);
+        StoreItem item;
+        EXPECT_EQ(store_.stat("\\" + name, item), R::NotFound);
+        for (int i = 0; i < 500; ++i) {
+            auto lines = *server_.requests();
+            for (size_t at = lines.size(); at-- > 0;)
+                if (lines[at].find("/" + name + " ") != std::string::npos)
+                    return at + 1;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ADD_FAILURE() << "the server did not log " << name;
+        return server_.requests()->size();
+    }
+
+    const WebDavTestServer& server_;
+    StoreBackend& store_;
+    int fences_ = 0;
+};
+
+int64_t putText(StoreBackend& store, const std::string& path, const std::string& text) {
+    MemorySource source(text, "t");
+    return store.put(path, source, Date(1'600'000'000.0), nullptr);
+}
+
+} // namespace
+
+TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
+    TempHome home;
+    WebDavTestServer server(WebDavTestServer::Kind::Apache, home.file("server"),
+                            {{"alice", "secret"}});
+    std::vector<std::string> folders = {"\\T"};
+    {
+        WebDavStore writer(server.url("{user}/"));
+        StoreSession session;
+        ASSERT_EQ(writer.logon("alice", "secret", session), R::Success);
+        ASSERT_EQ(writer.makeFolder("\\T", "", ""), R::Success);
+        for (int a = 0; a < 3; ++a) {
+            std::string middle = "\\T\\A" + std::to_string(a);
+            ASSERT_EQ(writer.makeFolder(middle, "", ""), R::Success);
+            folders.push_back(middle);
+            for (int b = 0; b < 2; ++b) {
+                std::string leaf = middle + "\\B" + std::to_string(b);
+                ASSERT_EQ(writer.makeFolder(leaf, "", ""), R::Success);
+                ASSERT_EQ(putText(writer, leaf + "\\f", "four"), R::Success);
+                folders.push_back(leaf);
+            }
+        }
+        writer.logoff();
+    }
+
+    WebDavStore store(server.url("{user}/"));
+    StoreSession session;
+    ASSERT_EQ(store.logon("alice", "secret", session), R::Success);
+    RequestCounter requests(server, store);
+
+    StoreItem task;
+    auto walk = requests.of([&] { ASSERT_EQ(store.stat("\\T", task), R::Success); });
+    EXPECT_EQ(task.size, 24u);
+    EXPECT_EQ(task.fileCount, 6);
+    EXPECT_EQ(walk.size(), 1 + folders.size()) << "the item, then one listing per folder";
+
+    std::vector<StoreItem> items;
+    auto listings = requests.of([&] {
+        for (const auto& folder : folders)
+            ASSERT_EQ(store.list(folder, items), R::Success) << folder;
+    });
+    EXPECT_EQ(listings.size(), folders.size());
+    ASSERT_EQ(store.list("\\T", items), R::Success);
+    ASSERT_EQ(items.size(), 3u);
+    for (const auto& item : items) {
+        EXPECT_EQ(item.size, 8u) << item.name;
+        EXPECT_EQ(item.fileCount, 2) << item.name;
+    }
+
+    // Stored through this connection: the figures follow without a new walk.
+    ASSERT_EQ(putText(store, "\\T\\A0\\new", "12345"), R::Success);
+    auto after = requests.of([&] { ASSERT_EQ(store.list("\\T", items), R::Success); });
+    EXPECT_EQ(after.size(), 1u);
+    for (const auto& item : items)
+        EXPECT_EQ(item.fileCount, item.name == "A0" ? 3 : 2) << item.name;
+    EXPECT_EQ(store.stat("\\T", task), R::Success);
+    EXPECT_EQ(task.size, 29u);
+}
+
+TEST(WebDavFolderTotalsTest, ChangesMoveTheFiguresAboveAndOldFiguresAreCountedAgain) {
+    WebDavFolderTotals totals;
+    const double now = 1000;
+    // Counted bottom up, as a walk does.
+    totals.remember({"T", "A", "B"}, {10, 1}, now);
+    totals.remember({"T", "A"}, {30, 2}, now);
+    totals.remember({"T", "C"}, {0, 0}, now);
+    totals.remember({"T"}, {30, 2}, now);
+    totals.remember({}, {30, 2}, now);
+
+    totals.adjust({"T", "A", "B"}, 5, 1); // a new file of 5 bytes
+    EXPECT_EQ(totals.find({"T", "A"}, now), (Totals{35, 3}));
+    EXPECT_EQ(totals.find({}, now), (Totals{35, 3}));
+
+    // A recount that finds more than was held moves the folders above by the difference.
+    totals.remember({"T", "A", "B"}, {100, 4}, now);
+    EXPECT_EQ(totals.find({"T"}, now), (Totals{120, 5}));
+
+    ASSERT_TRUE(totals.carryFolder({"T", "A"}, {"T", "C", "A"}, false));
+    EXPECT_EQ(totals.find({"T", "A"}, now), std::nullopt);
+    EXPECT_EQ(totals.find({"T", "C", "A", "B"}, now), (Totals{100, 4}));
+    EXPECT_EQ(totals.find({"T", "C"}, now), (Totals{120, 5}));
+    EXPECT_EQ(totals.find({"T"}, now), (Totals{120, 5}));
+
+    ASSERT_TRUE(totals.carryFolder({"T", "C", "A"}, {"D"}, true)); // a copy
+    EXPECT_EQ(totals.find({}, now), (Totals{240, 10}));
+    ASSERT_TRUE(totals.dropFolder({"T", "C"}));
+    EXPECT_EQ(totals.find({"T", "C", "A", "B"}, now), std::nullopt);
+    EXPECT_EQ(totals.find({"T"}, now), (Totals{0, 0}));
+    EXPECT_EQ(totals.find({}, now), (Totals{120, 5}));
+    EXPECT_FALSE(totals.dropFolder({"never", "counted"}));
+
+    // Forgetting a folder drops the figures that included it, and those below it.
+    totals.forget({"D"});
+    EXPECT_EQ(totals.find({}, now), std::nullopt);
+    EXPECT_EQ(totals.find({"D", "B"}, now), std::nullopt);
+    EXPECT_EQ(totals.find({"T"}, now), (Totals{0, 0}));
+
+    // Figures never go below nothing, and old ones are not trusted.
+    totals.adjust({"T"}, -50, -3);
+    EXPECT_EQ(totals.find({"T"}, now), (Totals{0, 0}));
+    EXPECT_EQ(totals.find({"T"}, now + WebDavFolderTotals::MaxAgeSeconds + 1), std::nullopt);
+}
+
+} // namespace cirrovault::test
