@@ -23,7 +23,9 @@ std::string nameOf(const std::string& path) {
     return cut == std::string::npos ? path : path.substr(cut + 1);
 }
 
-int64_t filesIn(const StoreItem& item) { return item.isFolder ? item.fileCount : 1; }
+int64_t filesIn(const StoreItem& item) {
+    return item.isFolder ? item.fileCount : 1;
+}
 
 PathInfo toPathInfo(const std::string& path, const StoreItem& item) {
     PathInfo info;
@@ -219,15 +221,24 @@ int64_t CachedPathTree::RefreshSvrPath(const std::string& path) {
         auto canonical = StorePath::normalize(path);
         if (!canonical)
             return ResultCode::BadPath;
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         ++changes_;
         dropSubtreeLocked(*canonical);
         dropAncestorListingsLocked(*canonical);
         forgetMissingLocked(*canonical);
         if (!backend_)
             return ResultCode::NoService;
+        // A folder is read afresh and its listing kept for what follows; only a file (or
+        // nothing) is looked at on its own, since a folder's own figures may cost a walk.
+        Listing* listing = nullptr;
+        int64_t code = listingLocked(*canonical, listing, lock);
+        if (code != ResultCode::NotFound)
+            return code;
         StoreItem item;
-        return backend_->stat(*canonical, item);
+        code = backend_->stat(*canonical, item);
+        if (code == ResultCode::Success)
+            missing_.erase(*canonical); // a file: not a missing folder
+        return code;
     } catch (const std::exception&) {
         SystemLog::write("Error: PathTreeController::RefreshSvrPath()");
         return ResultCode::Failure;
@@ -256,8 +267,8 @@ int64_t CachedPathTree::collectLocked(const std::string& folder, bool recursive,
     return ResultCode::Success;
 }
 
-int64_t CachedPathTree::GetSubList(const std::string& path, std::vector<PathInfo>& outArray,
-                                   bool, bool isRecursion) {
+int64_t CachedPathTree::GetSubList(const std::string& path, std::vector<PathInfo>& outArray, bool,
+                                   bool isRecursion) {
     outArray.clear();
     try {
         auto canonical = StorePath::normalize(path);

@@ -148,14 +148,16 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
         uploadInformation.resumedBytes = watch.resumed();
         if (code == ResultCode::Success) {
             uploadInformation.storedSize = source->size();
-            uploadInformation.uploadedBytes = source->size() - std::min(source->size(), watch.resumed());
+            uploadInformation.uploadedBytes =
+                source->size() - std::min(source->size(), watch.resumed());
             // What the store now holds is what was sent: no request to read it back.
             StoreItem stored;
             stored.size = source->size();
             stored.modifyTime = modifyTime;
             state_->tree->noteStored(*path, stored);
         } else {
-            uploadInformation.uploadedBytes = watch.done() - std::min(watch.done(), watch.resumed());
+            uploadInformation.uploadedBytes =
+                watch.done() - std::min(watch.done(), watch.resumed());
         }
         logTransferFailure("UploadFile", code, transferInfo);
         return code;

@@ -65,7 +65,7 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
     ASSERT_TRUE(tree().FindPath("\\A\\B\\z.txt", info, false));
     EXPECT_EQ(store_->listCount("\\A"), 1);
     EXPECT_EQ(store_->listCount("\\A\\B"), 1);
-    EXPECT_EQ(store_->listCount("\\"), 1);
+    EXPECT_EQ(store_->listCount("\\"), 0); // read by the refresh
 
     std::vector<PathInfo> all;
     ASSERT_EQ(tree().GetSubList("\\A", all, false, true), ResultCode::Success);
@@ -76,7 +76,7 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
             EXPECT_EQ(all[i + 1].path, "\\A\\B\\z.txt");
         }
     }
-    EXPECT_EQ(store_->totalLists(), 3);
+    EXPECT_EQ(store_->totalLists(), 2);
 
     std::vector<PathInfo> top;
     ASSERT_EQ(tree().GetSubList("\\A", top, false, false), ResultCode::Success);
@@ -221,7 +221,7 @@ TEST_F(PathTreeConcurrencyTest, LookupsInOneFolderFromManyThreadsListItOnce) {
     folder("\\Many");
     for (int i = 0; i < 8; ++i)
         upload("\\Many\\f" + std::to_string(i), "x");
-    tree().RefreshSvrPath("\\Many");
+    tree().RefreshSvrPath("\\"); // forgets the listing of \Many
     store_->resetCounts();
     std::vector<std::thread> threads;
     std::atomic<int> found{0};

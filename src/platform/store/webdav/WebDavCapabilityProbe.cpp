@@ -70,13 +70,29 @@ bool WebDavCapabilityProbe::probe(const std::string& scratchUrl, const Send& sen
         HttpRequest get;
         get.method = "GET";
         get.url = scratchUrl;
-        features.rangePut = send(get, response) == ResultCode::Success &&
-                            response.status == 200 && response.body == "AAAABBBB";
+        features.rangePut = send(get, response) == ResultCode::Success && response.status == 200 &&
+                            response.body == "AAAABBBB";
     }
-    HttpRequest remove;
-    remove.method = "DELETE";
-    remove.url = scratchUrl;
-    send(remove, response);
+
+    const std::string folderUrl = scratchUrl + "-folder/";
+    HttpRequest mkcol;
+    mkcol.method = "MKCOL";
+    mkcol.url = folderUrl;
+    if (send(mkcol, response) == ResultCode::Success && response.status == 201) {
+        HttpRequest move;
+        move.method = "MOVE";
+        move.url = scratchUrl;
+        move.headers = {"Destination: " + folderUrl.substr(0, folderUrl.size() - 1),
+                        "Overwrite: F"};
+        features.moveRefusesOccupiedName =
+            send(move, response) == ResultCode::Success && response.status == 412;
+    }
+    for (const std::string& url : {folderUrl, scratchUrl}) {
+        HttpRequest remove;
+        remove.method = "DELETE";
+        remove.url = url;
+        send(remove, response);
+    }
     return true;
 }
 
@@ -92,9 +108,10 @@ WebDavFeatures WebDavCapabilityProbe::featuresFor(const std::string& serverKey,
         SystemLog::write("WebDAV: the server's features could not be probed: " + serverKey);
         return features;
     }
-    SystemLog::write("WebDAV: " + serverKey + " keeps properties: " +
-                     (features.deadProperties ? "yes" : "no") +
-                     ", applies ranges: " + (features.rangePut ? "yes" : "no"));
+    SystemLog::write(
+        "WebDAV: " + serverKey + " keeps properties: " + (features.deadProperties ? "yes" : "no") +
+        ", applies ranges: " + (features.rangePut ? "yes" : "no") +
+        ", refuses a MOVE onto a folder: " + (features.moveRefusesOccupiedName ? "yes" : "no"));
     std::lock_guard lock(mutex);
     return known.emplace(serverKey, features).first->second;
 }

@@ -12,6 +12,9 @@ struct WebDavFeatures {
     bool deadProperties = false; // PROPPATCH of our own properties, read back by PROPFIND
     bool rangePut = false;       // a PUT with Content-Range writes into the existing file
     bool ocMtime = false;        // X-OC-Mtime on PUT was accepted
+    // A MOVE with "Overwrite: F" onto a folder is refused, as it must be; some servers
+    // move the file into that folder instead.
+    bool moveRefusesOccupiedName = false;
 };
 
 // Probes each server once per process and remembers the answer: a server that ignores

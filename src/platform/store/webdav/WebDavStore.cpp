@@ -274,8 +274,9 @@ int64_t WebDavStore::logon(const std::string& userName, const std::string& passw
 
         unsigned char hash[16];
         std::string identity = account.rootUrl + "\n" + userName;
-        crypto_generichash(hash, sizeof hash, reinterpret_cast<const unsigned char*>(identity.data()),
-                           identity.size(), nullptr, 0);
+        crypto_generichash(hash, sizeof hash,
+                           reinterpret_cast<const unsigned char*>(identity.data()), identity.size(),
+                           nullptr, 0);
         char hex[sizeof hash * 2 + 1];
         sodium_bin2hex(hex, sizeof hex, hash, 6);
         account.customerID = std::string("c") + hex;
@@ -339,7 +340,7 @@ int64_t WebDavStore::quota(StoreQuota& quota) {
             return codeOf(response.status);
         }
         Totals totals;
-        if ((rc = totalsOf(account, {}, totals, true)) != ResultCode::Success)
+        if ((rc = totalsOf(account, {}, totals)) != ResultCode::Success)
             return rc;
         quota.usedSpace = static_cast<int64_t>(totals.bytes);
         quota.maxSpace = configuredQuota().value_or(UnlimitedQuota);
@@ -370,7 +371,7 @@ int64_t WebDavStore::readTaskList(std::string& document, std::string& version) {
             return ResultCode::Success;
         if (response.status != 200)
             return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
-                                                                   : codeOf(response.status);
+                                                                  : codeOf(response.status);
         const std::string& body = response.body;
         auto newline = body.find('\n');
         if (!startsWith(body, TaskListMagic) || newline == std::string::npos) {
@@ -403,7 +404,7 @@ int64_t WebDavStore::lockTaskList(const Account& account, std::string& token) {
         if (response.status != 405 && response.status != 403 && response.status != 409 &&
             response.status != 500)
             return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
-                                                                   : codeOf(response.status);
+                                                                  : codeOf(response.status);
         if (attempt % 20 == 19) {
             std::vector<DavResource> held;
             auto serverNow = WebDavMultistatus::parseHttpDate(response.header("date"));
@@ -430,7 +431,8 @@ void WebDavStore::unlockTaskList(const Account& account, const std::string& toke
     send(account, request, response);
 }
 
-int64_t WebDavStore::writeTaskList(const std::string& document, const std::string& expectedVersion) {
+int64_t WebDavStore::writeTaskList(const std::string& document,
+                                   const std::string& expectedVersion) {
     try {
         Account account;
         if (int64_t rc = loggedOn(account); rc != ResultCode::Success)
@@ -454,13 +456,14 @@ int64_t WebDavStore::writeTaskList(const std::string& document, const std::strin
         if (current.status == 200) {
             auto newline = current.body.find('\n');
             if (startsWith(current.body, TaskListMagic) && newline != std::string::npos)
-                currentVersion = current.body.substr(std::string_view(TaskListMagic).size(),
-                                                     newline - std::string_view(TaskListMagic).size());
+                currentVersion =
+                    current.body.substr(std::string_view(TaskListMagic).size(),
+                                        newline - std::string_view(TaskListMagic).size());
             else
                 currentVersion = "damaged";
         } else if (current.status != 404) {
             return codeOf(current.status) == ResultCode::Success ? ResultCode::Failure
-                                                                  : codeOf(current.status);
+                                                                 : codeOf(current.status);
         }
         if (currentVersion != expectedVersion)
             return ResultCode::Conflict;

@@ -101,10 +101,10 @@ private:
     // The item at names: Success, NotFound (also for our own hidden items), or a failure.
     int64_t find(const Account& account, const std::vector<std::string>& names, Found& found);
     // The figures of the folder: held ones, or counted by a walk of its listings (always
-    // when recount: a look at one item or at the account's size tells what is there now,
-    // whoever stored it; listings take the held figures of the folders they name).
-    int64_t totalsOf(const Account& account, const std::vector<std::string>& folder,
-                     Totals& totals, bool recount = false);
+    // when recount: a look at a folder itself tells what is there now, whoever stored it;
+    // listings and the account's size take the held figures).
+    int64_t totalsOf(const Account& account, const std::vector<std::string>& folder, Totals& totals,
+                     bool recount = false);
     bool isHidden(const std::vector<std::string>& parent, const DavResource& resource,
                   const std::string& name) const;
     StoreItem itemOf(const DavResource& resource, const std::string& name) const;
@@ -126,7 +126,8 @@ private:
     // token: what unlockTaskList needs to release the lock.
     // knownToExist: whether the target was there, when it was asked before the upload.
     int64_t replaceWithPart(const Account& account, const std::string& partUrl,
-                            const std::vector<std::string>& names, std::optional<bool> knownToExist);
+                            const std::vector<std::string>& names, std::optional<bool> knownToExist,
+                            std::optional<uint64_t>& replacedSize);
     int64_t lockTaskList(const Account& account, std::string& token);
     void unlockTaskList(const Account& account, const std::string& token);
 
@@ -167,11 +168,11 @@ private:
     HttpTimeouts timeouts_;
 
     mutable std::mutex mutex_;
-    std::optional<Account> account_;   // guarded by mutex_
-    uint64_t generation_ = 0;          // guarded by mutex_; a new logon drops old connections
+    std::optional<Account> account_; // guarded by mutex_
+    uint64_t generation_ = 0;        // guarded by mutex_; a new logon drops old connections
     std::vector<std::unique_ptr<WebDavHttpSession>> idle_; // guarded by mutex_
-    std::map<FolderNames, MetaChanges> pendingMeta_;        // guarded by mutex_
-    std::mutex metaWriteMutex_; // one writer of metadata documents at a time
+    std::map<FolderNames, MetaChanges> pendingMeta_;       // guarded by mutex_
+    std::mutex metaWriteMutex_;       // one writer of metadata documents at a time
     WebDavFolderTotals folderTotals_; // the account's root among them: the bytes it holds
 };
 

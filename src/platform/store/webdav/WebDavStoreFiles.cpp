@@ -45,9 +45,8 @@ int64_t WebDavStore::putSegments(const Account& account, const std::string& part
         const uint64_t length = segmented ? std::min(segment, size - position) : size - position;
         HttpRequest request = httpRequest("PUT", partUrl);
         // Servers that keep the client's time say so in the reply.
-        request.headers.push_back(
-            "X-OC-Mtime: " +
-            std::to_string(static_cast<int64_t>(modifyTime.timeIntervalSince1970())));
+        request.headers.push_back("X-OC-Mtime: " + std::to_string(static_cast<int64_t>(
+                                                       modifyTime.timeIntervalSince1970())));
         if (segmented)
             request.headers.push_back("Content-Range: bytes " + std::to_string(position) + "-" +
                                       std::to_string(position + length - 1) + "/" +
@@ -74,10 +73,12 @@ int64_t WebDavStore::putSegments(const Account& account, const std::string& part
 
 // The finished part takes the file's name. Where the target was not asked for, a MOVE
 // that may not overwrite comes first; an occupied name is then looked at: a file is
-// replaced, a folder is left alone and the part removed.
+// replaced, a folder is left alone and the part removed. replacedSize: the size of the
+// file found and replaced there (known only where the target was not asked for).
 int64_t WebDavStore::replaceWithPart(const Account& account, const std::string& partUrl,
                                      const std::vector<std::string>& names,
-                                     std::optional<bool> knownToExist) {
+                                     std::optional<bool> knownToExist,
+                                     std::optional<uint64_t>& replacedSize) {
     const std::string url = urlOf(account, names, false);
     int64_t rc = transfer(account, "MOVE", partUrl, url, knownToExist.value_or(false));
     if (rc == ResultCode::Success || knownToExist)
@@ -96,6 +97,8 @@ int64_t WebDavStore::replaceWithPart(const Account& account, const std::string& 
         return ResultCode::AlreadyExists;
     }
     rc = transfer(account, "MOVE", partUrl, url, true);
+    if (rc == ResultCode::Success)
+        replacedSize = target.resource.contentLength.value_or(0);
     return rc == ResultCode::AlreadyExists ? ResultCode::Failure : rc;
 }
 
@@ -117,13 +120,16 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
         if (!StorePath::isValidName(partNames.back()))
             return ResultCode::BadPath;
 
-        // The target is asked for first: a folder of that name must stay (some servers
-        // move a file into a folder named as the destination), and the old copy's size
-        // counts against the quota before a byte is sent.
-        std::optional<uint64_t> oldSize;
+        // The target is asked for first under a quota of the settings, so that the old
+        // copy's size counts before a byte is sent, and on servers that would move the
+        // part into a folder of the target's name. Elsewhere the part's MOVE may not
+        // overwrite: a new file costs no look at its name, and an occupied name is
+        // looked at then (a folder of that name stays).
+        const uint64_t size = source.size();
         std::optional<bool> exists;
+        uint64_t oldSize = 0;
         int64_t rc = ResultCode::Success;
-        {
+        if (configuredQuota() || !account.features.moveRefusesOccupiedName) {
             Found existing;
             rc = find(account, *names, existing);
             if (rc == ResultCode::Success) {
@@ -135,18 +141,15 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
                 oldSize = *exists ? existing.resource.contentLength.value_or(0) : 0;
             } else if (rc == ResultCode::NotFound) {
                 exists = false;
-                oldSize = 0;
             } else {
                 return rc;
             }
-            const uint64_t size = source.size();
-            if (size > *oldSize) {
-                if ((rc = checkSpace(account, static_cast<int64_t>(size - *oldSize))) !=
+            if (size > oldSize) {
+                if ((rc = checkSpace(account, static_cast<int64_t>(size - oldSize))) !=
                     ResultCode::Success)
                     return rc;
             }
         }
-        const uint64_t size = source.size();
 
         const std::string partUrl = urlOf(account, partNames, false);
         const std::string tag = source.resumeTag();
@@ -173,8 +176,7 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
 
         HttpResponse last;
         if ((rc = putSegments(account, partUrl, source, offset, modifyTime, observer, resumable,
-                              last)) !=
-            ResultCode::Success)
+                              last)) != ResultCode::Success)
             return rc; // a part stays for the next attempt to continue
         if (resumable) {
             // A server may have dropped or misplaced a range: only the full size will do.
@@ -202,11 +204,16 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
                 return rc;
             }
         }
-        if ((rc = replaceWithPart(account, partUrl, *names, exists)) != ResultCode::Success)
+        std::optional<uint64_t> replacedSize;
+        if ((rc = replaceWithPart(account, partUrl, *names, exists, replacedSize)) !=
+            ResultCode::Success)
             return rc;
+        if (replacedSize)
+            oldSize = *replacedSize;
+        const bool replaced = exists.value_or(replacedSize.has_value());
         folderTotals_.adjust(FolderNames(names->begin(), names->end() - 1),
-                             static_cast<int64_t>(size) - static_cast<int64_t>(*oldSize),
-                             *exists ? 0 : 1);
+                             static_cast<int64_t>(size) - static_cast<int64_t>(oldSize),
+                             replaced ? 0 : 1);
         if (keepsMetaDocuments(account)) {
             std::optional<WebDavMetaEntry> entry;
             if (!serverKeepsTime) {

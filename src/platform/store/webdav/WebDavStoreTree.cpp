@@ -36,11 +36,20 @@ std::string xmlEscaped(const std::string& text) {
     std::string out;
     for (char c : text) {
         switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        default: out += c;
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        default:
+            out += c;
         }
     }
     return out;
@@ -201,8 +210,8 @@ int64_t WebDavStore::list(const std::string& folder, std::vector<StoreItem>& ite
         if (keepsMetaDocuments(account)) {
             bool stored = false;
             for (const auto& resource : resources)
-                stored = stored || (!resource.collection &&
-                                    childName(selfPath, resource.path) == WebDavMetaDocument::FileName);
+                stored = stored || (!resource.collection && childName(selfPath, resource.path) ==
+                                                                WebDavMetaDocument::FileName);
             if (int64_t rc = readMeta(account, *names, stored, entries); rc != ResultCode::Success)
                 return rc;
         }
@@ -251,10 +260,10 @@ int64_t WebDavStore::setProperties(const Account& account, const std::string& ur
         return rc;
     if (response.status == 207)
         return worstOf(response.body);
-    return response.status == 200 || response.status == 204 ? ResultCode::Success
-                                  : (codeOf(response.status) == ResultCode::Success
-                                         ? ResultCode::Failure
-                                         : codeOf(response.status));
+    return response.status == 200 || response.status == 204
+               ? ResultCode::Success
+               : (codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
+                                                                 : codeOf(response.status));
 }
 
 int64_t WebDavStore::makeFolder(const std::string& path, const std::string& description,
@@ -279,7 +288,7 @@ int64_t WebDavStore::makeFolder(const std::string& path, const std::string& desc
             return ResultCode::AlreadyExists;
         if (response.status != 201)
             return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
-                                                                   : codeOf(response.status);
+                                                                  : codeOf(response.status);
         folderTotals_.remember(*names, {}, Clock::shared().now().timeIntervalSince1970());
         if (description.empty() && caption.empty())
             return ResultCode::Success;
@@ -368,8 +377,8 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
             if (int64_t rc = totalsOf(account, *source, totals); rc != ResultCode::Success)
                 return rc;
         }
-        const auto bytes = static_cast<int64_t>(folder ? totals.bytes
-                                                       : found.resource.contentLength.value_or(0));
+        const auto bytes =
+            static_cast<int64_t>(folder ? totals.bytes : found.resource.contentLength.value_or(0));
         if (int64_t rc = checkSpace(account, bytes); rc != ResultCode::Success)
             return rc;
     }

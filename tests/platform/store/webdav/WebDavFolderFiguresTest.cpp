@@ -113,8 +113,11 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
         EXPECT_EQ(item.fileCount, 2) << item.name;
     }
 
-    // Stored through this connection: the figures follow without a new walk.
-    ASSERT_EQ(putText(store, "\\T\\A0\\new", "12345"), R::Success);
+    // Stored through this connection: the figures follow without a new walk. A new
+    // file's name is not looked at first (Apache refuses a MOVE onto an occupied name).
+    auto stored =
+        requests.of([&] { ASSERT_EQ(putText(store, "\\T\\A0\\new", "12345"), R::Success); });
+    EXPECT_EQ(stored.size(), 3u) << "the part, its time, its move onto the name";
     auto after = requests.of([&] { ASSERT_EQ(store.list("\\T", items), R::Success); });
     EXPECT_EQ(after.size(), 1u);
     for (const auto& item : items)
