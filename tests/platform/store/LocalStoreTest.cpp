@@ -1,4 +1,5 @@
 #include <condition_variable>
+#include <map>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -123,6 +124,41 @@ TEST_F(LocalStoreTest, QuotaDefaultsToTheDiskAndCanBeSet) {
     EXPECT_GT(quota.maxSpace, 100);
     store.logoff();
     EXPECT_EQ(store.setQuota(5), R::NotLoggedOn);
+}
+
+TEST_F(LocalStoreTest, FolderRecordsOfATreeStayWithThatTree) {
+    // Names that sort right beside "A\" must not be taken for what lies inside it.
+    const std::vector<std::pair<std::string, std::string>> folders = {
+        {"\\A", "a"},        {"\\A\\Deep", "deep"}, {"\\A b", "space"},
+        {"\\AB", "letter"},   {"\\A]", "bracket"},    {"\\A[", "open"}};
+    for (const auto& [path, description] : folders)
+        ASSERT_EQ(store.makeFolder(path, description, ""), R::Success) << path;
+    auto described = [&](const std::string& folder) {
+        std::vector<StoreItem> items;
+        EXPECT_EQ(store.list(folder, items), R::Success);
+        std::map<std::string, std::string> out;
+        for (const auto& item : items)
+            out[item.name] = item.description;
+        return out;
+    };
+    using Described = std::map<std::string, std::string>;
+    const Described neighbours = {{"A b", "space"}, {"AB", "letter"}, {"A]", "bracket"}, {"A[", "open"}};
+    Described top = neighbours;
+    top["A"] = "a";
+    EXPECT_EQ(described("\\"), top);
+    EXPECT_EQ(described("\\A"), (Described{{"Deep", "deep"}}));
+
+    ASSERT_EQ(store.move("\\A", "\\Z"), R::Success);
+    top.erase("A");
+    top["Z"] = "a";
+    EXPECT_EQ(described("\\"), top);
+    EXPECT_EQ(described("\\Z"), (Described{{"Deep", "deep"}}));
+    ASSERT_EQ(store.remove("\\Z"), R::Success);
+    ASSERT_EQ(store.makeFolder("\\Z", "", ""), R::Success);
+    ASSERT_EQ(store.makeFolder("\\Z\\Deep", "", ""), R::Success);
+    EXPECT_EQ(described("\\Z"), (Described{{"Deep", ""}}));
+    top["Z"] = "";
+    EXPECT_EQ(described("\\"), top);
 }
 
 TEST(LocalStoreDamageTest, UnreadableDatabaseRefusesLogon) {

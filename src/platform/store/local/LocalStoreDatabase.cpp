@@ -64,8 +64,21 @@ std::string insidePrefix(const std::string& folder) {
     return folder == "\\" ? folder : folder + "\\";
 }
 
-// Matches ?2 itself and everything beneath it, with ?3 = insidePrefix(?2).
-constexpr const char* TreeMatch = "(path = ?2 OR substr(path, 1, length(?3)) = ?3)";
+// Where the paths beneath a folder end, in the primary key's order: every path that
+// begins with the prefix (ending in "\") sorts before the prefix with "]" in its place.
+std::string pastPrefix(std::string prefix) {
+    prefix.back() = ']';
+    return prefix;
+}
+
+// Matches ?2 itself and everything beneath it, as a range of the primary key (no scan of
+// the table): ?3 = insidePrefix(?2), ?4 = pastPrefix(?3). bindTree binds them.
+constexpr const char* TreeMatch = "(path = ?2 OR (path >= ?3 AND path < ?4))";
+
+Statement& bindTree(Statement& st, const std::string& folder) {
+    const std::string prefix = insidePrefix(folder);
+    return st.bind(2, folder).bind(3, prefix).bind(4, pastPrefix(prefix));
+}
 
 } // namespace
 
@@ -268,8 +281,9 @@ bool LocalStoreDatabase::folderInfosInside(const std::string& customerID, const 
     std::lock_guard lock(mutex_);
     infos.clear();
     Statement st(db_, "SELECT path, description, caption FROM folders WHERE customerID = ?1"
-                      " AND substr(path, 1, length(?2)) = ?2");
-    st.bind(1, customerID).bind(2, insidePrefix(folder));
+                      " AND path >= ?3 AND path < ?4"
+                      " AND instr(substr(path, length(?3) + 1), '\\') = 0");
+    bindTree(st.bind(1, customerID), folder);
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
         infos[st.text(0)] = LocalFolderInfo{st.text(1), st.text(2)};
@@ -321,7 +335,7 @@ bool LocalStoreDatabase::partPathsInside(const std::string& customerID, const st
     Statement st(
         db_,
         std::string("SELECT path FROM parts WHERE customerID = ?1 AND ").append(TreeMatch).c_str());
-    st.bind(1, customerID).bind(2, folder).bind(3, insidePrefix(folder));
+    bindTree(st.bind(1, customerID), folder);
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
         paths.insert(st.text(0));
@@ -339,12 +353,11 @@ bool LocalStoreDatabase::moveTree(const std::string& customerID, const std::stri
     bool ok = true;
     for (const char* table : {"folders", "parts"}) {
         std::string sql = std::string("UPDATE OR REPLACE ") + table +
-                          " SET path = ?4 || substr(path, length(?2) + 1)"
+                          " SET path = ?5 || substr(path, length(?2) + 1)"
                           " WHERE customerID = ?1 AND " +
                           TreeMatch;
         Statement st(db_, sql.c_str());
-        ok = ok &&
-             st.bind(1, customerID).bind(2, from).bind(3, insidePrefix(from)).bind(4, to).run();
+        ok = ok && bindTree(st.bind(1, customerID).bind(5, to), from).run();
     }
     if (!ok) {
         logError("move rows");
@@ -358,11 +371,11 @@ bool LocalStoreDatabase::copyFolderInfos(const std::string& customerID, const st
                                          const std::string& to) {
     std::lock_guard lock(mutex_);
     Statement st(db_, std::string("INSERT OR REPLACE INTO folders(customerID, path, description,"
-                                  " caption) SELECT customerID, ?4 || substr(path, length(?2) + 1),"
+                                  " caption) SELECT customerID, ?5 || substr(path, length(?2) + 1),"
                                   " description, caption FROM folders WHERE customerID = ?1 AND ")
                           .append(TreeMatch)
                           .c_str());
-    if (st.bind(1, customerID).bind(2, from).bind(3, insidePrefix(from)).bind(4, to).run())
+    if (bindTree(st.bind(1, customerID).bind(5, to), from).run())
         return true;
     logError("copy folder information");
     return false;
@@ -377,7 +390,7 @@ bool LocalStoreDatabase::removeTree(const std::string& customerID, const std::st
         std::string sql =
             std::string("DELETE FROM ") + table + " WHERE customerID = ?1 AND " + TreeMatch;
         Statement st(db_, sql.c_str());
-        ok = ok && st.bind(1, customerID).bind(2, path).bind(3, insidePrefix(path)).run();
+        ok = ok && bindTree(st.bind(1, customerID), path).run();
     }
     if (!ok) {
         logError("remove rows");

@@ -51,7 +51,7 @@ public:
     bool setFolderInfo(const std::string& customerID, const std::string& path,
                        const LocalFolderInfo& info);
     bool folderInfo(const std::string& customerID, const std::string& path, LocalFolderInfo& info);
-    // The folders with a description or caption inside folder (at any depth), by path.
+    // The folders with a description or caption directly inside folder, by path.
     bool folderInfosInside(const std::string& customerID, const std::string& folder,
                            std::map<std::string, LocalFolderInfo>& infos);
 
