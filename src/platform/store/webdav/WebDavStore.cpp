@@ -202,10 +202,10 @@ std::optional<int64_t> WebDavStore::configuredQuota() const {
     return value;
 }
 
-int64_t WebDavStore::checkSpace(const Account& account, int64_t adding) {
+int64_t WebDavStore::checkSpace(const Account& account, int64_t adding,
+                                std::optional<int64_t> limit) {
     if (adding <= 0)
         return ResultCode::Success;
-    auto limit = configuredQuota();
     if (!limit)
         return ResultCode::Success; // the server answers 507 when it is full
     Totals used;

@@ -116,7 +116,8 @@ private:
                      const std::string& to, bool overwrite);
     int64_t moveOrCopy(const std::string& method, const std::string& from, const std::string& to);
 
-    int64_t checkSpace(const Account& account, int64_t adding);
+    // limit: the "Quota" setting (configuredQuota), read once by the caller.
+    int64_t checkSpace(const Account& account, int64_t adding, std::optional<int64_t> limit);
     std::optional<int64_t> configuredQuota() const;
 
     int64_t putSegments(const Account& account, const std::string& partUrl, ByteSource& source,

@@ -129,7 +129,8 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
         std::optional<bool> exists;
         uint64_t oldSize = 0;
         int64_t rc = ResultCode::Success;
-        if (configuredQuota() || !account.features.moveRefusesOccupiedName) {
+        const std::optional<int64_t> limit = configuredQuota();
+        if (limit || !account.features.moveRefusesOccupiedName) {
             Found existing;
             rc = find(account, *names, existing);
             if (rc == ResultCode::Success) {
@@ -145,7 +146,7 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
                 return rc;
             }
             if (size > oldSize) {
-                if ((rc = checkSpace(account, static_cast<int64_t>(size - oldSize))) !=
+                if ((rc = checkSpace(account, static_cast<int64_t>(size - oldSize), limit)) !=
                     ResultCode::Success)
                     return rc;
             }

@@ -55,6 +55,11 @@ std::string xmlEscaped(const std::string& text) {
     return out;
 }
 
+// When folder figures are counted, for their age.
+double secondsNow() {
+    return Clock::shared().now().timeIntervalSince1970();
+}
+
 } // namespace
 
 bool WebDavStore::isHidden(const std::vector<std::string>& parent, const DavResource& resource,
@@ -106,7 +111,7 @@ int64_t WebDavStore::find(const Account& account, const std::vector<std::string>
 
 int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::string>& folder,
                               Totals& totals, bool recount) {
-    const double now = Clock::shared().now().timeIntervalSince1970();
+    const double now = secondsNow();
     if (auto held = recount ? std::nullopt : folderTotals_.find(folder, now)) {
         totals = *held;
         return ResultCode::Success;
@@ -289,7 +294,7 @@ int64_t WebDavStore::makeFolder(const std::string& path, const std::string& desc
         if (response.status != 201)
             return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
                                                                   : codeOf(response.status);
-        folderTotals_.remember(*names, {}, Clock::shared().now().timeIntervalSince1970());
+        folderTotals_.remember(*names, {}, secondsNow());
         if (description.empty() && caption.empty())
             return ResultCode::Success;
         if (keepsMetaDocuments(account)) {
@@ -379,7 +384,7 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
         }
         const auto bytes =
             static_cast<int64_t>(folder ? totals.bytes : found.resource.contentLength.value_or(0));
-        if (int64_t rc = checkSpace(account, bytes); rc != ResultCode::Success)
+        if (int64_t rc = checkSpace(account, bytes, configuredQuota()); rc != ResultCode::Success)
             return rc;
     }
     const bool meta = keepsMetaDocuments(account);
