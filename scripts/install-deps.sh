@@ -7,7 +7,7 @@ packages=(
   cmake ninja-build g++ pkg-config make
   libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libplist-dev libplist-utils libsqlite3-dev libsodium-dev
-  libfmt-dev libcli11-dev libxml2-dev python3-aiosmtpd
+  libfmt-dev libcli11-dev libxml2-dev libutf8proc-dev python3-aiosmtpd
   apache2 lighttpd lighttpd-mod-webdav
 )
 packages+=("$@")

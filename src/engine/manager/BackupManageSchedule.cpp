@@ -1,6 +1,7 @@
 // The scheduler thread, the due test, the waiting list and the user's start, stop, pause
 // and un-queue operations. At most one task runs at a time; the waiting list is first in,
 // first out, and only its head is ever started.
+#include <cmath>
 #include <exception>
 #include <mutex>
 
@@ -175,7 +176,9 @@ bool CBackupManage::nowDating(const TaskPtr& task) {
             return true; // an interrupted run goes on whatever the schedule says
 
         DateComponents parts = Functions::GetDateComponentsFromNSDateAndNSCalendar(now, kMinuteUnits);
-        const Date minute = now.addingTimeInterval(-parts.second);
+        // Only the whole seconds go: with the fraction kept, a slot is due within its own
+        // minute, and 23:59 is not pushed into the next day.
+        const Date minute = now.addingTimeInterval(-std::floor(parts.second));
 
         const int32_t kind = task->taskType & CBackupTask::ScheduleKindMask;
         if (kind == CBackupTask::ScheduleNone)

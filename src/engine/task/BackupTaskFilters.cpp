@@ -1,6 +1,8 @@
 #include <exception>
 #include <string_view>
 
+#include <utf8proc.h>
+
 #include "engine/task/CBackupTask.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
@@ -34,13 +36,15 @@ std::u32string codePoints(std::string_view text) {
     return out;
 }
 
-// Case is ignored for the Latin letters; other scripts compare as written.
+// Case is ignored in every script. Upper then lower folds the letters with more than
+// one small form too (final sigma, long s).
 char32_t folded(char32_t c) {
-    if (c >= U'A' && c <= U'Z')
-        return c + 32;
-    if ((c >= 0xC0 && c <= 0xDE && c != 0xD7))
-        return c + 32;
-    return c;
+    if (c < 0x80)
+        return c >= U'A' && c <= U'Z' ? c + 32 : c;
+    if (c > 0x10FFFF)
+        return c;
+    auto point = static_cast<utf8proc_int32_t>(c);
+    return static_cast<char32_t>(utf8proc_tolower(utf8proc_toupper(point)));
 }
 
 // '*' matches any run of characters, '?' exactly one; nothing else is special.

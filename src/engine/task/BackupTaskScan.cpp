@@ -120,10 +120,13 @@ bool CBackupTask::CalculateBackupSize() {
             std::string source = sourcePath(entry);
             if (cancelled())
                 return false;
-            ++items;
+            // What lies inside an excluded folder is no item of the walk.
+            bool inExcluded = beginsWith(source, scanFilterUserPath);
+            if (!inExcluded)
+                ++items;
             std::optional<FileStatus> status = FileSystem::linkStatus(source);
             if (status && status->type == FileType::Regular) {
-                if (!beginsWith(source, scanFilterUserPath))
+                if (!inExcluded)
                     takeFile(source, *status);
             } else if (status && status->type == FileType::Directory) {
                 if (RegexFun(source, filtedPath, true) || RegexBackupPathForServer(source)) {
@@ -133,7 +136,7 @@ bool CBackupTask::CalculateBackupSize() {
                 scanFileArray.push_back(source);
                 listAhead({source});
             }
-            if (!report(source))
+            if (!inExcluded && !report(source))
                 return false;
             if (!status || status->type != FileType::Directory)
                 continue;
@@ -150,10 +153,12 @@ bool CBackupTask::CalculateBackupSize() {
                 }
                 if (!item)
                     return Step::SkipBelow; // vanished since the folder was listed
-                ++items;
+                bool inExcluded = beginsWith(path, scanFilterUserPath);
+                if (!inExcluded)
+                    ++items;
                 Step step = Step::Descend;
                 if (item->type == FileType::Regular) {
-                    if (!beginsWith(path, scanFilterUserPath))
+                    if (!inExcluded)
                         takeFile(path, *item);
                 } else if (RegexFun(path, filtedPath, true) || RegexBackupPathForServer(path)) {
                     scanFilterUserPath = path;
@@ -161,7 +166,7 @@ bool CBackupTask::CalculateBackupSize() {
                 } else {
                     scanFileArray.push_back(path);
                 }
-                return report(source) ? step : Step::Stop;
+                return inExcluded || report(source) ? step : Step::Stop;
             }, listAhead);
             if (!finished)
                 return false;

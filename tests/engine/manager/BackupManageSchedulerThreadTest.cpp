@@ -509,6 +509,19 @@ TEST_F(BackupManageDue, ScheduleRules) {
     EXPECT_FALSE(dueAt(once, test::localDate(2024, 3, 8, 10, 0)));
 }
 
+TEST_F(BackupManageDue, SlotIsDueWithinItsOwnMinuteEvenAtTheDaysEnd) {
+    auto weekly = daily("Late"); // Tuesdays at 23:59
+    weekly->taskType = CBackupTask::ScheduleWeekly;
+    weekly->mDating = test::localDate(2024, 3, 5, 23, 59);
+    EXPECT_TRUE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 59, 0).addingTimeInterval(0.25)));
+    EXPECT_TRUE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 59, 30).addingTimeInterval(0.5)));
+    EXPECT_FALSE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 58, 59).addingTimeInterval(0.5)));
+    EXPECT_FALSE(dueAt(weekly, test::localDate(2024, 3, 6, 0, 0, 30))); // Wednesday
+
+    auto task = daily();
+    EXPECT_TRUE(dueAt(task, test::localDate(2024, 3, 5, 9, 0, 40).addingTimeInterval(0.1)));
+}
+
 TEST_F(BackupManageDue, WaitingListKeepsOneEntryPerName) {
     auto first = daily("Same");
     auto twin = daily("Same");

@@ -61,6 +61,20 @@ TEST(BackupTaskFilters, FileEntriesMatchTheWholeName) {
     EXPECT_FALSE(CBackupTask::RegexFun("a.tmp", tmp, false)); // no folder before it
 }
 
+TEST(BackupTaskFilters, CaseIsIgnoredInEveryScript) {
+    Entries folders{"Кэш", "ΣΟΦΙΑ", "Ärger"};
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/кэш", folders, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/КЭШ/x", folders, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/σοφια", folders, true));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/ärger", folders, true));
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/кэшx", folders, true));
+    Entries files{"*.ΤΕΛΟΣ", "ǅemal"};
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a.τελος", files, false));
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a.τελοσ", files, false)); // final sigma
+    EXPECT_TRUE(CBackupTask::RegexFun("/home/u/ǆemal", files, false));
+    EXPECT_FALSE(CBackupTask::RegexFun("/home/u/a.τελ", files, false));
+}
+
 TEST(BackupTaskFilters, NamesTheServerCannotStore) {
     for (const char* bad : {"/a/b:c.txt", "/a/x?y/z", "/a/q\"t", "/a/b\\c", "/a/{x}", "/a/st*r",
                             "/a/p|p", "/a/<x", "/a/x>"})

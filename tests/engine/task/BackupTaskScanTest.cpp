@@ -148,6 +148,23 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
     EXPECT_FALSE(task_->CalculateBackupSize());
 }
 
+TEST_F(BackupTaskScan, ItemsInsideExcludedFoldersAreNotCounted) {
+    // "Libraryx" lies under the excluded "Library" prefix: its files are not taken, so
+    // they are no items either. 1 source + "Library" + 98 files = 100: one notice.
+    file("Library/l.txt", "l");
+    for (int i = 0; i < 150; ++i)
+        file("Libraryx/f" + std::to_string(1000 + i), "");
+    for (int i = 0; i < 98; ++i)
+        file("f" + std::to_string(1000 + i), "");
+    task_->localDirList = {src_, at("Libraryx/f1000")};
+    task_->filtedPath = {"Library"};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    ASSERT_EQ(delegate_.notices.size(), 2u);
+    EXPECT_EQ(delegate_.notices[0].info, LoadString::Format("ReScanFile", src_, 100, 98));
+    EXPECT_TRUE(delegate_.notices[1].finished);
+    EXPECT_EQ(task_->nScanTotalFiles, 98);
+}
+
 TEST_F(BackupTaskScan, InteractiveWalkFiltersFilesToo) {
     makeTree();
     // The run's walk hands "a.tmp" on; the interactive walk leaves it out by itself.
