@@ -1,8 +1,10 @@
 #include "RestoreSupport.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "Output.h"
+#include "engine/task/VersionNames.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/TransferApiUtil.h"
@@ -89,33 +91,34 @@ std::string RestoreSupport::versionFolder(const std::string& relativePath) const
 }
 
 std::string RestoreSupport::versionPath(const std::string& relativePath, int number) const {
-    std::string name = CFileInfo::getMacFileName(relativePath, false);
-    auto dot = name.rfind('.');
-    std::string base = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
-    std::string ext = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
-    return versionFolder(relativePath) + "\\" + base + std::to_string(number) + ext;
+    return versionFolder(relativePath) + "\\" +
+           VersionNames::name(CFileInfo::GetServerFileName(serverPathOf(relativePath)),
+                              static_cast<uint64_t>(number));
 }
 
 std::vector<FileVersion> RestoreSupport::versions(const std::string& relativePath) const {
     std::vector<FileVersion> found;
     if (historyFolder_.empty())
         return found;
+    PathTreeController& tree = TransferApiUtil::sharePathTreeController();
     std::vector<PathInfo> entries;
-    if (TransferApiUtil::sharePathTreeController().GetSubList(versionFolder(relativePath), entries, false, false) != 0)
+    if (tree.GetSubList(versionFolder(relativePath), entries, false, false) != 0)
         return found; // no version folder: no older versions
-    std::string name = CFileInfo::getMacFileName(relativePath, false);
-    auto dot = name.rfind('.');
-    std::string base = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
-    std::string ext = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
+    // A version belongs to one file of the folder: the names beside it decide which.
+    std::string serverFile = serverPathOf(relativePath);
+    std::vector<PathInfo> besides;
+    tree.GetSubList(CFileInfo::getServerParentFolder(serverFile), besides, false, false);
+    std::vector<std::string> siblings;
+    for (const auto& entry : besides)
+        if (!entry.bFolder)
+            siblings.push_back(entry.name);
+    std::string name = CFileInfo::GetServerFileName(serverFile);
     for (const auto& entry : entries) {
-        const std::string& n = entry.name;
-        if (entry.bFolder || n.size() <= base.size() + ext.size() || n.compare(0, base.size(), base) != 0 ||
-            n.compare(n.size() - ext.size(), ext.size(), ext) != 0)
+        if (entry.bFolder)
             continue;
-        std::string digits = n.substr(base.size(), n.size() - base.size() - ext.size());
-        if (digits.empty() || digits.size() > 6 || digits.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        found.push_back({std::stoi(digits), entry});
+        auto number = VersionNames::numberOf(entry.name, name, siblings);
+        if (number && *number <= static_cast<uint64_t>(std::numeric_limits<int>::max()))
+            found.push_back({static_cast<int>(*number), entry});
     }
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.number < b.number; });
     return found;

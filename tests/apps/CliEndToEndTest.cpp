@@ -1,5 +1,6 @@
 #include <chrono>
 #include <csignal>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -217,6 +218,36 @@ TEST_F(CliEndToEnd, EditedTaskAndDeletedVersionsStaySo) {
     EXPECT_EQ(after.out.find("\"version\":0"), std::string::npos) << after.out;
     ASSERT_EQ(run({"restore", "Papers", "Documents/a.txt", "--version", "1", "--to", home.file("v1")}).code, 0);
     EXPECT_EQ(read("v1/Documents/a.txt"), "second\n");
+}
+
+// Names that read as one another's versions each keep their own, and each restores.
+TEST_F(CliEndToEnd, LookAlikeNamesKeepAndRestoreTheirOwnVersions) {
+    const std::vector<std::string> names{"n0", "n05", "n050"};
+    auto body = [](const std::string& name, int change) { return name + std::string(change + 1, '#'); };
+    for (const auto& name : names)
+        write("Documents/" + name, body(name, 0));
+    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
+    for (int change = 1; change <= 2; ++change) {
+        for (const auto& name : names)
+            write("Documents/" + name, body(name, change));
+        ASSERT_EQ(run({"backup", "Docs"}).code, 0);
+    }
+    for (const auto& name : names) {
+        auto listed = run({"--json", "versions", "Docs", "Documents/" + name});
+        ASSERT_EQ(listed.code, 0) << listed.err;
+        std::vector<std::string> numbers;
+        for (size_t at = 0; (at = listed.out.find("\"version\":", at)) != std::string::npos; ++at)
+            numbers.push_back(listed.out.substr(at + 10, 1));
+        ASSERT_EQ(numbers.size(), 2u) << name << ": " << listed.out;
+        std::set<std::string> restored;
+        for (const auto& number : numbers) {
+            std::string to = home.file("v-" + name + "-" + number);
+            auto done = run({"restore", "Docs", "Documents/" + name, "--version", number, "--to", to});
+            ASSERT_EQ(done.code, 0) << done.err;
+            restored.insert(FileSystem::readFile(to + "/Documents/" + name).value_or("<none>"));
+        }
+        EXPECT_EQ(restored, (std::set<std::string>{body(name, 0), body(name, 1)})) << name;
+    }
 }
 
 // A task of another computer is shown as such, is not run here, and runs from here once

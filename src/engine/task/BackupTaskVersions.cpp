@@ -1,6 +1,11 @@
+#include <algorithm>
 #include <exception>
+#include <set>
+#include <utility>
+#include <vector>
 
 #include "engine/task/CBackupTask.h"
+#include "engine/task/VersionNames.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/PathTreeController.h"
@@ -34,11 +39,6 @@ std::string toServerSeparators(std::string path) {
         if (c == '/')
             c = '\\';
     return path;
-}
-
-// base + number (+ "." + ext): the name of one version of a file.
-std::string versionName(const std::string& base, const std::string& number, const std::string& ext) {
-    return ext.empty() ? base + number : base + number + "." + ext;
 }
 
 } // namespace
@@ -102,7 +102,7 @@ std::string CBackupTask::getTargetSvrFolder(const std::string& localPath, bool b
 }
 
 bool CBackupTask::recordCurrent(const std::string& serverFile, uint64_t iMaxVersion,
-                                const std::string& fileName) {
+                                const std::string& /*fileName*/) {
     try {
         if (serverFile.empty() || iMaxVersion < 2)
             return false;
@@ -121,33 +121,67 @@ bool CBackupTask::recordCurrent(const std::string& serverFile, uint64_t iMaxVers
         std::string sub = CFileInfo::getServerSubFolder(fileFolder, serverPath);
         if (!sub.empty())
             versionFolder = CFileInfo::serverPathAppend(versionFolder, sub);
+        // Versions follow the stored name, which the listings below also give.
+        std::string own = CFileInfo::GetServerFileName(serverFile);
 
-        std::string base = CFileInfo::getMacFileName(fileName, true);
-        std::string ext = fileName.size() > base.size() + 1 ? fileName.substr(base.size() + 1) : "";
+        // The names beside the file: a version is renamed among them before it moves.
+        std::vector<PathInfo> besides;
+        tree.GetSubList(fileFolder, besides, false, false);
+        std::set<std::string> occupied;
+        std::vector<std::string> siblings;
+        for (const auto& entry : besides) {
+            occupied.insert(entry.name);
+            if (!entry.bFolder)
+                siblings.push_back(entry.name);
+        }
 
-        std::string newName;
-        int64_t count = 0;
+        // Only this file's own versions count and may go: never another file's, never
+        // a folder (the versions of a sub-folder's files).
+        std::vector<PathInfo> entries;
         PathInfo folderInfo;
         if (tree.FindPath(versionFolder, folderInfo, false)) {
-            count = folderInfo.iFiles;
-            if (count >= static_cast<int64_t>(iMaxVersion) - 1) {
-                // Full: the oldest version makes room, and its name is reused so the
-                // numbers stay within the limit.
-                newName = getOldTimeHistoryFile(versionFolder);
-                if (newName.empty())
-                    newName = versionName(base, "0", ext);
-                if (service.DeletePaths({CFileInfo::serverPathAppend(versionFolder, newName)},
-                                        nullptr, false) != ResultCode::Success)
-                    return false;
-            }
+            tree.GetSubList(versionFolder, entries, false, false);
         } else {
             int64_t code = 0;
             if (!GlobalFunction::CreateSrvFolder(versionFolder, "", "", &code))
                 return false;
-            count = 0;
         }
-        if (newName.empty())
-            newName = versionName(base, std::to_string(count), ext);
+        std::set<std::string> taken;
+        std::vector<std::pair<PathInfo, uint64_t>> mine;
+        for (const auto& entry : entries) {
+            taken.insert(entry.name);
+            if (entry.bFolder)
+                continue;
+            if (auto number = VersionNames::numberOf(entry.name, own, siblings))
+                mine.emplace_back(entry, *number);
+        }
+        // At most max − 1 versions beside the current copy: the oldest make room.
+        std::sort(mine.begin(), mine.end(), [](const auto& a, const auto& b) {
+            return a.first.modifyTime != b.first.modifyTime ? a.first.modifyTime < b.first.modifyTime
+                                                            : a.second < b.second;
+        });
+        size_t room = static_cast<size_t>(iMaxVersion - 2);
+        for (size_t i = 0; i + room < mine.size(); ++i) {
+            const PathInfo& oldest = mine[i].first;
+            if (service.DeletePaths({CFileInfo::serverPathAppend(versionFolder, oldest.name)},
+                                    nullptr, false) != ResultCode::Success)
+                return false;
+            taken.erase(oldest.name);
+        }
+
+        // The lowest free number whose name no other file would claim.
+        std::string newName;
+        size_t bound = taken.size() + occupied.size() + 10 * (siblings.size() + 1);
+        for (uint64_t number = 0; number <= bound && newName.empty(); ++number) {
+            std::string candidate = VersionNames::name(own, number);
+            if (!taken.count(candidate) && !occupied.count(candidate) &&
+                VersionNames::numberOf(candidate, own, siblings) == number)
+                newName = candidate;
+        }
+        if (newName.empty()) {
+            SystemLog::write("Error: no version name for " + serverFile);
+            return false;
+        }
 
         if (service.EditFile(serverFile, newName, "", "") != ResultCode::Success) {
             SystemLog::write("Error:Edit file: " + serverFile);

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/task/CBackupTask.h"
+#include "engine/task/VersionNames.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/SessionFixture.h"
 #include "platform/framework/TransferInfo.h"
@@ -174,6 +177,83 @@ TEST_F(BackupTaskVersions, NamesWithoutExtensionAndNothingKeptBelowTwo) {
     EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
     EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
     EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
+}
+
+TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
+    task_->uiMaxVersion = 3;
+    upload("x/sub/deep.txt", "deep 1", T);
+    upload("x/sub/deep.txt", "deep 2", T + 1);
+    // Each name reads as a version of the ones before it; "n" has no extension.
+    const std::vector<std::string> files{"n", "n0", "n05", "n050", "a.txt", "a1.txt"};
+    for (int change = 0; change < 5; ++change)
+        for (const auto& file : files)
+            upload("x/" + file, file + " #" + std::to_string(change), T + 10 + change);
+
+    std::string versions = versionFolder("src\\x");
+    std::vector<std::string> siblings = names("\\Backup\\src\\x");
+    std::vector<PathInfo> entries;
+    tree().GetSubList(versions, entries, false, false);
+    for (const auto& file : files) {
+        std::map<uint64_t, std::string> own;
+        size_t owners = 0;
+        for (const auto& entry : entries) {
+            if (auto number = VersionNames::numberOf(entry.name, file, siblings)) {
+                own[*number] = download(entry.path);
+                ++owners;
+            }
+        }
+        ASSERT_EQ(own.size(), 2u) << file;
+        std::vector<std::string> kept;
+        for (const auto& [number, content] : own)
+            kept.push_back(content);
+        std::sort(kept.begin(), kept.end());
+        EXPECT_EQ(kept, (std::vector<std::string>{file + " #2", file + " #3"})) << file;
+        EXPECT_EQ(download("\\Backup\\src\\x\\" + file), file + " #4");
+    }
+    // Every entry belongs to one file; the sub-folder's versions are untouched.
+    EXPECT_EQ(entries.size(), 2 * files.size() + 1);
+    EXPECT_EQ(names(versionFolder("src\\x\\sub")), (std::vector<std::string>{"deep0.txt"}));
+    EXPECT_EQ(siblings.size(), files.size() + 1);
+
+    // A lower maximum trims the file's own versions at its next change.
+    task_->uiMaxVersion = 2;
+    upload("x/n0", "n0 #5", T + 20);
+    std::vector<std::string> left;
+    for (const auto& name : names(versions))
+        if (VersionNames::numberOf(name, "n0", siblings))
+            left.push_back(name);
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, left[0])), "n0 #4");
+}
+
+TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
+    std::string base(250, 'a');
+    std::string first = base + ".txt";
+    std::string second = base + "b.txt";
+    std::string version = VersionNames::name(first, 123456789);
+    EXPECT_LE(version.size(), 255u);
+    EXPECT_TRUE(version.ends_with("123456789.txt"));
+    EXPECT_NE(VersionNames::name(first, 0), VersionNames::name(second, 0));
+    EXPECT_EQ(VersionNames::numberOf(version, first, {first, second}), 123456789u);
+    EXPECT_FALSE(VersionNames::numberOf(version, second, {first, second}));
+
+    // A cut never splits a character.
+    std::string accented;
+    for (int i = 0; i < 125; ++i)
+        accented += "é";
+    std::string cut = VersionNames::name(accented + ".txt", 7);
+    EXPECT_LE(cut.size(), 255u);
+    size_t mark = cut.find('~');
+    ASSERT_NE(mark, std::string::npos);
+    EXPECT_EQ(mark % 2, 0u);
+
+    // Short names stay base + number + extension; only numbers this system writes count.
+    EXPECT_EQ(VersionNames::name("notes", 3), "notes3");
+    EXPECT_EQ(VersionNames::name(".profile", 1), ".profile1");
+    EXPECT_EQ(VersionNames::name("a.tar.gz", 0), "a.tar0.gz");
+    EXPECT_FALSE(VersionNames::numberOf("n05", "n", {}));
+    EXPECT_FALSE(VersionNames::numberOf("n", "n", {}));
+    EXPECT_FALSE(VersionNames::numberOf("a0.md", "a.txt", {}));
 }
 
 TEST_F(BackupTaskVersions, TaskSizeCountsFolderAndHistory) {
