@@ -1,16 +1,24 @@
 // Whole backup runs against the real local store and real WebDAV servers: first run, an
-// unchanged rerun, a changed file with its old copy kept, and a cancelled large file
-// resumed next time.
+// unchanged rerun, a changed file with its old copy kept, a cancelled large file
+// resumed next time, edits the change test must not miss, files that change while they
+// are read, and the versions each file keeps.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <fstream>
+#include <set>
+#include <chrono>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/WebDavTestServer.h"
 #include "engine/task/CBackupTask.h"
+#include "engine/task/VersionNames.h"
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/NimboMessagebox.h"
 #include "platform/framework/PathTreeController.h"
@@ -21,6 +29,7 @@
 #include "platform/os/UrlOpener.h"
 #include "platform/store/webdav/WebDavStore.h"
 #include "support/CErrorLog.h"
+#include "support/CFileInfo.h"
 
 using namespace cirrovault;
 
@@ -119,6 +128,46 @@ protected:
             if (!item.bFolder)
                 files.push_back(item);
         return files;
+    }
+
+    // The stored copy's content, or "<missing>".
+    std::string fetch(const std::string& serverPath) {
+        TransferInfo transfer;
+        transfer.setSvrFile(serverPath);
+        transfer.setLocFile(home_.file("fetched"));
+        if (api().DownloadFile(transfer) != ResultCode::Success)
+            return "<missing>";
+        return readFile(home_.file("fetched"));
+    }
+    bool exactTimes() const { return raw_->capabilities().modifyTimePrecision < 1; }
+    // The older versions of work/<relative> by number, each with its content.
+    std::map<uint64_t, std::string> versionsOf(const std::string& relative) {
+        std::string serverFile = serverOf(relative);
+        std::string folder = CFileInfo::getServerParentFolder(serverFile);
+        std::string versions = CFileInfo::serverPathAppend(
+            CFileInfo::serverPathAppend(task_->getSvrHistoryFolder(false), task_->name),
+            folder.substr(task_->serverPath.size() + 1));
+        tree().RefreshSvrPath("\\");
+        std::vector<PathInfo> besides, entries;
+        tree().GetSubList(folder, besides, false, false);
+        tree().GetSubList(versions, entries, false, false);
+        std::vector<std::string> siblings;
+        for (const auto& entry : besides)
+            siblings.push_back(entry.name);
+        std::map<uint64_t, std::string> found;
+        for (const auto& entry : entries)
+            if (auto number = VersionNames::numberOf(entry.name,
+                                                     CFileInfo::GetServerFileName(serverFile),
+                                                     siblings))
+                found[*number] = fetch(entry.path);
+        return found;
+    }
+    size_t eventsContaining(const std::string& text) {
+        auto lines = CErrorLog::GetErrorList();
+        size_t n = 0;
+        for (const auto& line : lines.value_or(std::vector<std::string>{}))
+            n += line.find(text) != std::string::npos;
+        return n;
     }
 
     std::unique_ptr<test::WebDavTestServer> server_;
@@ -222,6 +271,155 @@ TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
     fetch.setLocFile(home_.file("fetched.bin"));
     ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success);
     EXPECT_TRUE(readFile(home_.file("fetched.bin")) == big);
+}
+
+TEST_P(BackupRunThread, EditsInsideTheTimeWindowAreSent) {
+    makeFile("work/grown.txt", std::string(30, 'a'), T - 7200);
+    makeFile("work/same.txt", "four", T - 7200);
+    makeFile("work/hour.txt", "four", T - 7200);
+    run();
+    ASSERT_EQ(store_->putCount(), 3);
+
+    // 30 bytes grow to 40, saved 2 s after the stored copy's time: a change everywhere.
+    makeFile("work/grown.txt", std::string(40, 'b'), T - 7198);
+    // The same size a second later: only a store that keeps exact times can tell.
+    makeFile("work/same.txt", "FOUR", T - 7199);
+    // A clock moved by one hour, same size: no change on any store.
+    makeFile("work/hour.txt", "four", T - 3600);
+    run();
+    run(); // and no later run sends anything more
+    EXPECT_EQ(fetch(serverOf("grown.txt")), std::string(40, 'b'));
+    EXPECT_EQ(fetch(serverOf("same.txt")), exactTimes() ? "FOUR" : "four");
+    EXPECT_EQ(store_->putCount(), exactTimes() ? 5 : 4);
+}
+
+TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
+    std::string path = makeFile("work/doc.txt", "version 1", T - 600);
+    makeFile("work/calm.txt", "calm", T - 600);
+    // Saved in two steps: the second lands just after the upload has read the file,
+    // same size and within the time window.
+    int changes = 1;
+    store_->afterPut = [&](const std::string& stored, int64_t) {
+        if (changes > 0 && stored == serverOf("doc.txt")) {
+            --changes;
+            makeFile("work/doc.txt", "version 2", T - 599);
+        }
+    };
+    run();
+    EXPECT_EQ(fetch(serverOf("doc.txt")), "version 2");
+    EXPECT_EQ(eventsContaining("doc.txt\" kept changing"), 0u);
+    int puts = store_->putCount();
+    run();
+    EXPECT_EQ(store_->putCount(), puts);
+
+    // A file that changes at every read: a bounded number of sends, a line in the event
+    // log, and a stored copy whose time vouches for nothing, so the next run sends it.
+    int generation = 2;
+    changes = 1000;
+    store_->afterPut = [&](const std::string& stored, int64_t) {
+        if (changes > 0 && stored == serverOf("doc.txt")) {
+            --changes;
+            ++generation;
+            makeFile("work/doc.txt", "version " + std::to_string(generation % 10),
+                     T - 600 + generation);
+        }
+    };
+    makeFile("work/doc.txt", "version 0", T - 500);
+    puts = store_->putCount();
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(store_->putCount() - puts, 3);
+    EXPECT_EQ(eventsContaining(path + "\" kept changing"), 1u);
+    StoreItem item;
+    ASSERT_EQ(raw_->stat(serverOf("doc.txt"), item), ResultCode::Success);
+    EXPECT_LT(item.modifyTime.timeIntervalSince1970(), T - 86400);
+
+    changes = 0;
+    run();
+    EXPECT_EQ(fetch(serverOf("doc.txt")), readFile(path));
+    puts = store_->putCount();
+    run();
+    EXPECT_EQ(store_->putCount(), puts);
+}
+
+TEST_P(BackupRunThread, EachFileKeepsItsOwnVersionsOnly) {
+    // Names that read as one another's versions ("n050" is "n0" + 50 or "n05" + 0),
+    // names without extension, and a sub-folder whose versions must stay untouched.
+    std::vector<std::string> names;
+    for (int i = 0; i < 20; ++i)
+        names.push_back("many/f" + std::to_string(i) + ".txt");
+    for (const char* odd : {"many/n0", "many/n05", "many/n050", "many/n"})
+        names.push_back(odd);
+    auto content = [](const std::string& name, int change) {
+        return name + " change " + std::to_string(change) + std::string(change, '+');
+    };
+    for (int change = 0; change < 3; ++change) {
+        makeFile("work/many/sub/s.txt", content("s", change), T - 90000 + change);
+        run();
+    }
+    ASSERT_EQ(versionsOf("many/sub/s.txt").size(), 2u);
+
+    for (int change = 0; change <= 12; ++change) {
+        for (const auto& name : names)
+            makeFile("work/" + name, content(name, change), T - 80000 + change * 100);
+        run();
+        ASSERT_EQ(task_->mTaskState, CBackupTask::StateSucceeded) << change;
+    }
+    for (const auto& name : names) {
+        auto versions = versionsOf(name);
+        ASSERT_EQ(versions.size(), 9u) << name;
+        // The newest nine older copies, each restorable, each this file's own.
+        std::set<std::string> kept, expected;
+        for (const auto& [number, bytes] : versions)
+            kept.insert(bytes);
+        for (int change = 3; change < 12; ++change)
+            expected.insert(content(name, change));
+        EXPECT_EQ(kept, expected) << name;
+        EXPECT_EQ(fetch(serverOf(name)), content(name, 12));
+    }
+    auto sub = versionsOf("many/sub/s.txt");
+    ASSERT_EQ(sub.size(), 2u);
+    EXPECT_EQ(sub.begin()->second, content("s", 0));
+}
+
+TEST_P(BackupRunThread, WriterRewritingFilesDuringInterruptedRunsLosesNothing) {
+    constexpr int kFiles = 12;
+    auto name = [](int i) { return "live/f" + std::to_string(i) + ".bin"; };
+    auto body = [](int i, int generation) {
+        // Every generation has its own size, so no time window can hide it.
+        return std::string(4096 + 7 * generation + i, static_cast<char>('a' + generation % 26));
+    };
+    for (int i = 0; i < kFiles; ++i)
+        makeFile("work/" + name(i), body(i, 0), T - 1000);
+
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int generation = 1; !stop; ++generation)
+            for (int i = 0; i < kFiles && !stop; ++i) {
+                std::ofstream(home_.file("work/" + name(i)), std::ios::binary)
+                    << body(i, generation);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+    });
+    for (int round = 0; round < 6; ++round) {
+        std::thread canceller;
+        if (round % 2 == 1) // every other run is cut short, as by a crash or a stop
+            canceller = std::thread([&] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(15));
+                task_->CancelBackup();
+            });
+        run();
+        if (canceller.joinable())
+            canceller.join();
+    }
+    stop = true;
+    writer.join();
+
+    run(); // the quiet run
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    for (int i = 0; i < kFiles; ++i)
+        EXPECT_TRUE(fetch(serverOf(name(i))) == readFile(home_.file("work/" + name(i))))
+            << name(i);
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, BackupRunThread,

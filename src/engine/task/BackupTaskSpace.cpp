@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <exception>
@@ -10,6 +11,7 @@
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/SystemLog.h"
+#include "platform/store/StoreBackend.h"
 #include "support/CFileAttributes.h"
 #include "support/CFileInfo.h"
 #include "support/GlobalFunction.h"
@@ -19,6 +21,8 @@ namespace cirrovault {
 namespace {
 
 constexpr uint64_t kEncryptedExtra = 128; // an encrypted copy is this much longer
+constexpr int64_t kScanWindow = 2;         // seconds forgiven by the scan on coarse stores
+constexpr double kOneHour = 3600;
 constexpr int kPromptSomeSpaceLeft = 8;
 constexpr int kPromptNoSpaceLeft = 6;
 
@@ -78,11 +82,8 @@ bool CBackupTask::CalculateBackupFileSize(const std::string& localFile, uint64_t
             return true;
         }
 
-        double d = std::trunc(modifyDate.timeIntervalSinceDate(stored.modifyTime));
-        if (d >= -2 && d <= 2)
-            return false;
-        // A shift of one hour (daylight saving, a new time zone) with the same size.
-        if (std::fabs(d) >= 3598 && std::fabs(d) <= 3602 && size + extra == stored.iSize)
+        if (storedCopyIsCurrent(size, modifyDate, stored.iSize, stored.modifyTime, extra != 0,
+                                storeTimePrecision(), kScanWindow))
             return false;
         uiNeedSpace += size; // the whole file, and no extra for a changed one
         scanFileArray.push_back(localFile);
@@ -92,6 +93,31 @@ bool CBackupTask::CalculateBackupFileSize(const std::string& localFile, uint64_t
         SystemLog::write("Error: CalculateBackupFileSize");
         return false;
     }
+}
+
+// A size difference is always a change, and a store that keeps exact times is trusted
+// to the nanosecond: a window over equal sizes would hide an edit saved within it. Only
+// a store that rounds times to seconds needs the window; the one-hour shift of a moved
+// clock is forgiven everywhere, and only with the same size.
+bool CBackupTask::storedCopyIsCurrent(uint64_t localSize, Date localTime, uint64_t storedSize,
+                                      Date storedTime, bool encrypted, double timePrecision,
+                                      int64_t window) {
+    if (localSize + (encrypted ? kEncryptedExtra : 0) != storedSize)
+        return false;
+    double apart = std::fabs(localTime.timeIntervalSinceDate(storedTime));
+    if (timePrecision < 1) {
+        // A double holds today's times to a fraction of a microsecond.
+        double same = std::max(timePrecision, 1e-6);
+        return apart < same || std::fabs(apart - kOneHour) < same;
+    }
+    double seconds = std::trunc(apart);
+    double forgiven = static_cast<double>(std::max<int64_t>(window, 0));
+    return seconds <= forgiven || std::fabs(seconds - kOneHour) <= forgiven;
+}
+
+double CBackupTask::storeTimePrecision() {
+    std::shared_ptr<StoreBackend> store = TransferApiUtil::shareTransferApiUtil().backend();
+    return store ? store->capabilities().modifyTimePrecision : 1;
 }
 
 void CBackupTask::getPartSizeFromSever(const std::string& localFile) {

@@ -1,9 +1,9 @@
 // The upload walk: passes over the scan's list, folders made on the server, files
 // compared with their stored copies and uploaded only when changed.
-#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "engine/task/CBackupTask.h"
@@ -15,6 +15,7 @@
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferInfo.h"
 #include "platform/framework/UploadFileInfo.h"
+#include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
 #include "support/CErrorLog.h"
 #include "support/CFileAttributes.h"
@@ -25,13 +26,15 @@ namespace cirrovault {
 
 namespace {
 
+constexpr int32_t kWarningEntry = 1;
 constexpr int32_t kErrorEntry = 2;
+constexpr int kSendsWhileChanging = 2; // sends of a file that changes as it is read
+constexpr double kDisownedAge = 86400; // how far before its content an unsure copy is dated
 constexpr uint64_t kEncryptedExtra = 128;
 constexpr int32_t kLastRetry = 19; // tries 0..20: 21 attempts per pass
 constexpr int kPromptNoSpaceLeft = 6;
 constexpr int64_t kFolderException = 2;
 constexpr int64_t kNoServerFolder = 4;
-constexpr double kOneHour = 3600;
 
 bool cancelRequested(const std::shared_ptr<TrueProgressCallback>& progress) {
     return progress && (progress->IsClickedCancel() || progress->IsCancelled());
@@ -53,6 +56,13 @@ int64_t ignoredTimeSpan(std::optional<int64_t>& cached) {
         cached = std::strtoll(text.c_str(), nullptr, 10);
     }
     return *cached;
+}
+
+// Size, both times and identity: every write to a file moves at least its change time.
+bool sameState(const std::optional<FileStatus>& before, const FileStatus& after) {
+    return before && before->size == after.size && before->modifyTime == after.modifyTime &&
+           before->changeTime == after.changeTime && before->inode == after.inode &&
+           before->device == after.device;
 }
 
 } // namespace
@@ -229,18 +239,13 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
         if (tree.FindPath(serverFile, stored, false)) {
             CFileAttributes attributes(localPath);
             if (attributes.getFileAttibutes() && attributes.modifyDate) {
-                int64_t span = ignoredTimeSpan(uploadWalkCache.ignoreTimeSpan);
-                double d = std::trunc(
-                    std::fabs(stored.modifyTime.timeIntervalSinceDate(*attributes.modifyDate)));
+                bool encrypted = Functions::IsEncryptPath(serverFile);
                 uint64_t expected = static_cast<uint64_t>(attributes.fileSize) +
-                                    (Functions::IsEncryptPath(serverFile) ? kEncryptedExtra : 0);
-                // Within the span the size is not compared; an hour off (a clock moved
-                // for summer time) counts as the same only with the same size.
-                bool unchanged = d <= static_cast<double>(span) ||
-                                 (d >= kOneHour - static_cast<double>(span) &&
-                                  d <= kOneHour + static_cast<double>(span) &&
-                                  stored.iSize == expected);
-                if (unchanged) {
+                                    (encrypted ? kEncryptedExtra : 0);
+                if (storedCopyIsCurrent(static_cast<uint64_t>(attributes.fileSize),
+                                        *attributes.modifyDate, stored.iSize, stored.modifyTime,
+                                        encrypted, storeTimePrecision(),
+                                        ignoredTimeSpan(uploadWalkCache.ignoreTimeSpan))) {
                     if (pPrgBar)
                         pPrgBar->setDoneSize(pPrgBar->doneSize() + expected);
                     return ResultCode::Success;
@@ -263,7 +268,7 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
         runDelegateFun(refreshProgressBarDelegate);
 
         UploadFileInfo information;
-        int64_t r = TransferApiUtil::shareTransferApiUtil().UploadFile(transfer, information);
+        int64_t r = uploadSettled(transfer, information);
         if (r != ResultCode::Success && r != ResultCode::Done && pPrgBar) {
             // Back to what earlier files confirmed; this attempt's bytes do not count.
             pPrgBar->setSentSize(0);
@@ -289,6 +294,34 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
     } catch (const std::exception&) {
         SystemLog::write("Error: CBackupTask::backupFile()");
         return ResultCode::Failure;
+    }
+}
+
+int64_t CBackupTask::uploadSettled(TransferInfo& transfer, UploadFileInfo& information) {
+    TransferApiUtil& service = TransferApiUtil::shareTransferApiUtil();
+    const std::string localPath = transfer.locFile();
+    for (int send = 1;; ++send) {
+        std::optional<FileStatus> before = FileSystem::status(localPath);
+        int64_t r = service.UploadFile(transfer, information);
+        if ((r != ResultCode::Success && r != ResultCode::Done) || transfer.storedTime())
+            return r;
+        std::optional<FileStatus> after = FileSystem::status(localPath);
+        // Gone since: the open file was read whole, as it was.
+        if (!after || sameState(before, *after))
+            return r;
+        SystemLog::write("Changed while read: " + localPath);
+        if (pPrgBar) {
+            pPrgBar->setSentSize(0);
+            pPrgBar->setTempSize(0);
+        }
+        if (send < kSendsWhileChanging)
+            continue;
+        // A copy that may mix two states must not carry a time that vouches for it: it
+        // is kept with a time well before its content, so the next run sends the file.
+        Date from = before ? before->modifyTime : after->modifyTime;
+        transfer.setStoredTime(from.addingTimeInterval(-kDisownedAge));
+        CErrorLog::recordError(name, taskID, LoadString::Format("FileChangedWhileRead", localPath),
+                               kWarningEntry);
     }
 }
 

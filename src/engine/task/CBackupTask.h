@@ -20,6 +20,9 @@
 
 namespace cirrovault {
 
+class TransferInfo;
+struct UploadFileInfo;
+
 // One backup task: identity and settings, its sources, its schedule dates, its run state
 // and the working collections of one run. The run itself is carried out by further
 // operations of this class on the task's own worker thread.
@@ -214,6 +217,15 @@ public:
     // The per-file decision with the status a walk has already read, so that a walk
     // makes one metadata call per item.
     bool CalculateBackupFileSize(const std::string& localFile, uint64_t size, Date modifyDate);
+    // The one change test of the scan and the upload: whether the stored copy (its
+    // size and kept time) still stands for the local file. timePrecision is the
+    // store's (StoreCapabilities); window is the seconds forgiven for equal sizes on a
+    // store that keeps whole seconds or coarser.
+    static bool storedCopyIsCurrent(uint64_t localSize, Date localTime, uint64_t storedSize,
+                                    Date storedTime, bool encrypted, double timePrecision,
+                                    int64_t window);
+    // The modification-time precision of the store the session works with, in seconds.
+    static double storeTimePrecision();
     // What an upload walk looks up once and then reuses for every file: the
     // "IgnoreTimeSpan" setting and the history folder (plain, encrypted). Emptied when
     // the walk starts.
@@ -301,6 +313,10 @@ public:
                        int32_t iTryTime);
     // Codes that end the upload walk at once.
     static bool isFatalUploadCode(int64_t code);
+    // Sends the file until a send finds it unchanged from before to after reading
+    // (bounded); a file still changing is stored with a time that makes the next run
+    // send it again, and the event log says so.
+    int64_t uploadSettled(TransferInfo& transfer, UploadFileInfo& information);
 };
 
 } // namespace cirrovault

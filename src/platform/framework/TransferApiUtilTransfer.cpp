@@ -138,6 +138,8 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
             return code;
         }
 
+        if (transferInfo.storedTime())
+            modifyTime = *transferInfo.storedTime();
         TrueProgressCallback* progress = transferInfo.progress();
         if (progress) {
             progress->setThisSize(source->size());

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+
+#include "platform/os/Date.h"
 
 namespace cirrovault {
 
@@ -19,12 +22,17 @@ public:
     // Pass phrase of an encrypted task; empty for a plain one.
     void setPassPhrase(const std::string& phrase) { passPhrase_ = phrase; }
     const std::string& passPhrase() const { return passPhrase_; }
+    // The time the stored copy keeps instead of the local file's own: for a copy whose
+    // content is not sure to match any state of the file. Unset: the file's own.
+    void setStoredTime(std::optional<Date> time) { storedTime_ = time; }
+    const std::optional<Date>& storedTime() const { return storedTime_; }
 
 private:
     std::string svrFile_;
     std::string locFile_;
     TrueProgressCallback* progress_ = nullptr;
     std::string passPhrase_;
+    std::optional<Date> storedTime_;
 };
 
 } // namespace cirrovault

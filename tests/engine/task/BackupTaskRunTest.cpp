@@ -301,25 +301,29 @@ TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
     EXPECT_EQ(store_->putCount(), 1);
 }
 
-TEST_F(BackupTaskRunThread, ChangeTestComparesWholeSecondsAndForgivesOneHourWithEqualSize) {
+TEST_F(BackupTaskRunThread, UploadChangeTestFollowsTheStoresTimePrecision) {
     storeCopy("\\Backup\\src\\same.txt", "1234", T);
+    storeCopy("\\Backup\\src\\near.txt", "1234", T);
     storeCopy("\\Backup\\src\\hour.txt", "1234", T);
     storeCopy("\\Backup\\src\\grown.txt", "1234", T);
-    storeCopy("\\Backup\\src\\second.txt", "1234", T);
     int before = store_->putCount();
-    walk({local("same.txt", "abcd", T + 0.9), local("hour.txt", "abcd", T - 3600),
-          local("grown.txt", "abcdef", T + 3600), local("second.txt", "abcd", T + 1)});
+    walk({local("same.txt", "abcd", T), local("near.txt", "abcd", T + 0.5),
+          local("hour.txt", "abcd", T - 3600), local("grown.txt", "abcdef", T + 3600)});
     EXPECT_EQ(store_->putCount() - before, 2);
     EXPECT_EQ(stored("\\Backup\\src\\same.txt"), "1234");
+    EXPECT_EQ(stored("\\Backup\\src\\near.txt"), "abcd"); // exact times: any difference
     EXPECT_EQ(stored("\\Backup\\src\\hour.txt"), "1234");
     EXPECT_EQ(stored("\\Backup\\src\\grown.txt"), "abcdef");
-    EXPECT_EQ(stored("\\Backup\\src\\second.txt"), "abcd");
 
-    // A span from the settings widens both windows.
+    // On a store keeping seconds, a span from the settings widens both windows, for
+    // equal sizes only.
+    store_->claimTimePrecision(1);
     ASSERT_TRUE(NimboSetting::SetSettingValueForKey("IgnoreTimeSpan", "5"));
     before = store_->putCount();
-    walk({local("second.txt", "wxyz", T + 5), local("hour.txt", "abcd", T + 3595)});
-    EXPECT_EQ(store_->putCount(), before);
+    walk({local("near.txt", "wxyz", T + 5.5), local("hour.txt", "abcd", T + 3595),
+          local("same.txt", "abcde", T + 1)});
+    EXPECT_EQ(store_->putCount() - before, 1);
+    EXPECT_EQ(stored("\\Backup\\src\\same.txt"), "abcde");
 }
 
 // Cancel comes from another thread while the worker is inside a transfer.

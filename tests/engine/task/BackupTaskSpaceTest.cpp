@@ -87,43 +87,71 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-TEST_F(BackupTaskSpace, ChangeDecisionCountsWholeSecondsAndForgivesOneHour) {
+TEST(BackupTaskChangeRule, ExactStoresTrustTheTimeCoarseOnesForgiveEqualSizesOnly) {
+    auto current = [](uint64_t size, double at, uint64_t storedSize, double precision,
+                      int64_t window, bool encrypted = false) {
+        return CBackupTask::storedCopyIsCurrent(size, Date(at), storedSize, Date(T), encrypted,
+                                                precision, window);
+    };
+    for (double precision : {1e-9, 1.0}) {
+        SCOPED_TRACE(precision);
+        EXPECT_TRUE(current(4, T, 4, precision, 2));
+        // Grown from 30 to 40 bytes and saved within the window: always sent.
+        EXPECT_FALSE(current(40, T + 2, 30, precision, 2));
+        EXPECT_FALSE(current(40, T, 30, precision, 2));
+        // A clock moved by one hour is no change with the same size only.
+        EXPECT_TRUE(current(4, T + 3600, 4, precision, 2));
+        EXPECT_TRUE(current(4, T - 3600, 4, precision, 2));
+        EXPECT_FALSE(current(5, T + 3600, 4, precision, 2));
+        // An encrypted copy is 128 bytes longer.
+        EXPECT_TRUE(current(4, T, 132, precision, 2, true));
+        EXPECT_FALSE(current(4, T, 4, precision, 2, true));
+    }
+    // A store keeping exact times: any difference is a change.
+    EXPECT_FALSE(current(4, T + 0.001, 4, 1e-9, 2));
+    EXPECT_FALSE(current(4, T - 2, 4, 1e-9, 2));
+    EXPECT_FALSE(current(4, T + 3601, 4, 1e-9, 2));
+    // A store keeping seconds: the window over equal sizes, whole seconds only.
+    EXPECT_TRUE(current(4, T + 2.9, 4, 1, 2));
+    EXPECT_TRUE(current(4, T - 2.9, 4, 1, 2));
+    EXPECT_FALSE(current(4, T + 3, 4, 1, 2));
+    EXPECT_TRUE(current(4, T - 3602.5, 4, 1, 2));
+    EXPECT_FALSE(current(4, T + 3603, 4, 1, 2));
+    EXPECT_TRUE(current(4, T + 0.9, 4, 1, 0));
+    EXPECT_FALSE(current(4, T + 1, 4, 1, 0));
+}
+
+TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
+    stored("same.txt", "1234", T);
     stored("near.txt", "1234", T);
-    stored("before.txt", "1234", T);
-    stored("three.txt", "1234", T);
     stored("hour.txt", "1234", T);
-    stored("hourback.txt", "1234", T);
-    stored("hourplus.txt", "1234", T);
     stored("grown.txt", "1234", T);
     stored("resume.txt.part", "12345", T); // an interrupted upload
 
-    EXPECT_FALSE(decide("near.txt", "abcd", T + 2.9));
-    EXPECT_FALSE(decide("before.txt", "abcd", T - 2.9));
+    EXPECT_FALSE(decide("same.txt", "abcd", T));
     EXPECT_FALSE(decide("hour.txt", "abcd", T + 3600));
-    EXPECT_FALSE(decide("hourback.txt", "abcd", T - 3602.5));
     EXPECT_EQ(task_->uiNeedSpace, 0u);
     EXPECT_TRUE(task_->scanFileArray.empty());
 
-    EXPECT_TRUE(decide("three.txt", "abcd", T + 3));
-    EXPECT_TRUE(decide("hourplus.txt", "abcd", T + 3603));
-    EXPECT_TRUE(decide("grown.txt", "abcdefghij", T + 3600)); // charged in full
-    EXPECT_EQ(task_->uiNeedSpace, 4u + 4u + 10u);
+    EXPECT_TRUE(decide("near.txt", "abcd", T + 1.5)); // the local store keeps exact times
+    EXPECT_TRUE(decide("grown.txt", "abcdefghij", T + 2)); // charged in full
+    EXPECT_EQ(task_->uiNeedSpace, 4u + 10u);
 
     EXPECT_TRUE(decide("new.txt", "abcdefg", T));
-    EXPECT_EQ(task_->uiNeedSpace, 25u);
+    EXPECT_EQ(task_->uiNeedSpace, 21u);
 
     // Resumed upload: listed, but it adds nothing and lowers the remote size.
     task_->uiRemoteSize = 3;
     EXPECT_TRUE(decide("resume.txt", "abcdefgh", T));
-    EXPECT_EQ(task_->uiNeedSpace, 25u);
+    EXPECT_EQ(task_->uiNeedSpace, 21u);
     EXPECT_EQ(task_->uiRemoteSize, 0u);
     task_->uiRemoteSize = 100;
     task_->getPartSizeFromSever(home_.file("src/resume.txt"));
     EXPECT_EQ(task_->uiRemoteSize, 95u);
 
-    EXPECT_EQ(task_->fileTotalSize, 4u + 4u + 10u + 7u + 8u);
+    EXPECT_EQ(task_->fileTotalSize, 4u + 10u + 7u + 8u);
     std::vector<std::string> expected;
-    for (const char* name : {"three.txt", "hourplus.txt", "grown.txt", "new.txt", "resume.txt"})
+    for (const char* name : {"near.txt", "grown.txt", "new.txt", "resume.txt"})
         expected.push_back(home_.file(std::string("src/") + name));
     EXPECT_EQ(task_->scanFileArray, expected);
 

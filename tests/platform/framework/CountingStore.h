@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -22,6 +23,24 @@ public:
             ++lists_[folder];
         }
         return FaultInjectingStore::list(folder, items);
+    }
+    // Called after every put with its path and result: a test that changes a local file
+    // just after it was read. Set it before the puts start.
+    std::function<void(const std::string&, int64_t)> afterPut;
+    int64_t put(const std::string& path, ByteSource& source, Date modifyTime,
+                TransferObserver* observer) override {
+        int64_t code = FaultInjectingStore::put(path, source, modifyTime, observer);
+        if (afterPut)
+            afterPut(path, code);
+        return code;
+    }
+    // Claims this time precision for the store behind (a coarse store over the local one).
+    void claimTimePrecision(double seconds) { precision_ = seconds; }
+    StoreCapabilities capabilities() const override {
+        StoreCapabilities caps = FaultInjectingStore::capabilities();
+        if (precision_ > 0)
+            caps.modifyTimePrecision = precision_;
+        return caps;
     }
     int listCount(const std::string& folder) const {
         std::lock_guard lock(mutex_);
@@ -47,6 +66,7 @@ public:
 private:
     mutable std::mutex mutex_;
     std::map<std::string, int> lists_; // guarded by mutex_
+    double precision_ = 0;             // 0: the inner store's own
 };
 
 } // namespace cirrovault::test
