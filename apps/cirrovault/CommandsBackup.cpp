@@ -5,6 +5,7 @@
 
 #include "BackupRunner.h"
 #include "Commands.h"
+#include "RestoreSupport.h"
 #include "Signals.h"
 #include "TaskCreation.h"
 #include "TaskFormat.h"
@@ -52,21 +53,10 @@ std::string freeName(HostSession& session, const std::string& folder) {
     return name;
 }
 
-// What the next run would send, by the run's own scan and change test; nothing is sent.
+// What the next run would send; nothing is sent.
 int dryRun(const HostSession::TaskPtr& task, const Output& out) {
-    if (task->localDirList.empty())
-        task->loadFilePathListFromDB();
-    task->scanFileArray.clear();
-    task->fileTotalSize = 0;
-    bool scanned = task->CalculateBackupSize();
-    std::vector<std::string> files;
-    for (const auto& path : task->scanFileArray)
-        if (FileSystem::isRegularFile(path))
-            files.push_back(path);
-    uint64_t bytes = task->fileTotalSize;
-    task->scanFileArray.clear();
-    if (!scanned)
-        throw CliError(Exit::Failed, text("CliDryRunScan", "the folders of \"{}\" could not be read", task->name));
+    uint64_t bytes = 0;
+    std::vector<std::string> files = RestoreSupport::pendingFiles(task, bytes);
     Json list = Json::array();
     for (const auto& f : files) {
         out.line(text("CliWouldSend", "would send  {}", f));

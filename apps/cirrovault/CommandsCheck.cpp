@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "Commands.h"
@@ -14,6 +15,7 @@
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
+#include "support/GlobalFunction.h"
 
 namespace cirrovault::cli {
 
@@ -72,18 +74,27 @@ public:
         std::set<std::string> names;
         for (const auto& [rel, info] : files)
             names.insert(rel);
+        // What the next run would send is named once, not again for each way it differs.
+        bool compare = args_.compare && !task_->bMigrateTask && !where_.localTop().empty();
+        std::set<std::string> pending;
+        if (compare) {
+            uint64_t bytes = 0;
+            std::string top = where_.localTop() + "/";
+            for (const auto& path : RestoreSupport::pendingFiles(task_, bytes))
+                pending.insert(path.compare(0, top.size(), top) == 0 ? path.substr(top.size()) : path);
+        }
         for (const auto& [rel, info] : files) {
             if (stopped())
                 return report_;
             ++report_.files;
             if (rel.size() > 5 && rel.compare(rel.size() - 5, 5, ".part") == 0 && names.count(rel.substr(0, rel.size() - 5)))
                 problem(rel, text("CheckStrayPart", "an unfinished upload left beside the finished copy"));
-            std::string local;
-            if (args_.compare && !task_->bMigrateTask && !where_.localTop().empty())
-                local = where_.localTop() + "/" + rel;
-            checkStored(rel, info, local);
+            bool comparable = compare && !pending.count(rel);
+            checkStored(rel, info, comparable ? where_.localTop() + "/" + rel : "");
         }
         checkVersions();
+        for (const auto& rel : pending)
+            problem(rel, text("CheckNotStored", "not stored as it is in the source (new, or changed since the last backup)"));
         return report_;
     }
 

@@ -137,6 +137,23 @@ std::string RestoreSupport::passPhraseFor(const std::string& serverPath) const {
     return PasswordMan().FindPasswordForPath(serverPath).value_or("");
 }
 
+std::vector<std::string> RestoreSupport::pendingFiles(const HostSession::TaskPtr& task, uint64_t& bytes) {
+    if (task->localDirList.empty())
+        task->loadFilePathListFromDB();
+    task->scanFileArray.clear();
+    task->fileTotalSize = 0;
+    bool scanned = task->CalculateBackupSize();
+    std::vector<std::string> files;
+    for (const auto& path : task->scanFileArray)
+        if (FileSystem::isRegularFile(path)) // the scan lists the folders it walks too
+            files.push_back(path);
+    bytes = task->fileTotalSize;
+    task->scanFileArray.clear();
+    if (!scanned)
+        throw CliError(Exit::Failed, text("CliScanFailed", "the folders of \"{}\" could not be read", task->name));
+    return files;
+}
+
 bool RestoreSupport::encrypted() const {
     return Functions::IsEncryptPath(serverFolder_);
 }

@@ -46,6 +46,11 @@ public:
     std::string versionPath(const std::string& relativePath, int number) const;
     std::string passPhraseFor(const std::string& serverPath) const;
 
+    // The source files that the task's next run would send (new, or changed since the
+    // service got them), by the run's own scan and change test, and their bytes; throws
+    // CliError when the sources cannot be read.
+    static std::vector<std::string> pendingFiles(const HostSession::TaskPtr& task, uint64_t& bytes);
+
     bool encrypted() const;
     // The smallest current file of the task, to try a pass phrase on; "" when none.
     std::string sampleFile() const;

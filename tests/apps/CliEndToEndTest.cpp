@@ -198,6 +198,11 @@ TEST_F(CliEndToEnd, CheckNamesEveryDamagedCopyAndLostVersion) {
     auto whole = run({"check", "Vault", "--read-data", "--compare"});
     ASSERT_EQ(whole.code, 0) << whole.out << whole.err;
     EXPECT_NE(whole.out.find("3 files and 2 older versions checked"), std::string::npos) << whole.out;
+    write("Documents/letters/c.txt", "not backed up yet");
+    auto newer = run({"check", "Vault", "--compare"});
+    EXPECT_EQ(newer.code, 1);
+    EXPECT_NE(newer.out.find("Vault: Documents/letters/c.txt: not stored as it is in the source"), std::string::npos)
+        << newer.out;
 
     std::string a, b, n0;
     for (const auto& entry : storeFiles()) {
@@ -392,6 +397,26 @@ TEST_F(CliEndToEnd, InterruptedBackupEndsCleanlyAndTheNextRunCompletesIt) {
         std::string name = "/part" + std::to_string(i) + ".bin";
         EXPECT_TRUE(read("back/Big" + name) == read("Big" + name)) << name;
     }
+}
+
+// SIGINT stops a restore in the middle of a file, and no half-written file is left.
+TEST_F(CliEndToEnd, InterruptedRestoreLeavesNoPartialFile) {
+    FileSystem::createDirectories(home.file("Big"));
+    write("Big/large.bin", std::string(256 << 20, 'x'));
+    write("Big/z.txt", "after the large one");
+    ASSERT_EQ(run({"task", "new", "Big", "--source", home.file("Big")}).code, 0);
+    pid_t restore = cli.start({"--user", "alice", "restore", "Big", "--to", home.file("back")});
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!FileSystem::exists(home.file("back/Big")) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    kill(restore, SIGINT);
+    auto stopped = cli.finish(restore);
+    if (stopped.code == 0)
+        GTEST_SKIP() << "the restore ended before Ctrl-C reached it";
+    EXPECT_EQ(stopped.code, 5) << stopped.err;
+    EXPECT_NE(stopped.err.find("the restore was cancelled; 0 of 2 files restored"), std::string::npos) << stopped.err;
+    EXPECT_EQ(FileSystem::listDirectory(home.file("back/Big")).value_or(std::vector<std::string>{}),
+              std::vector<std::string>{});
 }
 
 // One engine per account: a second one says who runs and what to do; SIGTERM stops the
