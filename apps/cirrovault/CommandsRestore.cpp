@@ -1,5 +1,4 @@
 // restore, versions, versions delete.
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -45,6 +44,7 @@ struct Item {
 
 struct RestoreOutcome {
     std::vector<std::string> restored, kept, failed;
+    uint64_t bytesRestored = 0;
     bool cancelled = false;
 };
 
@@ -124,8 +124,6 @@ RestoreOutcome runRestore(const RestoreArgs& args, const std::vector<Item>& item
     Thread worker([&] {
         progress.setTotalSize(total);
         progress.setTotalFiles(static_cast<int64_t>(items.size()));
-        // The window's first frame already names the target, its last one the end.
-        window.refreshPrgbarDelegate();
         uint64_t done = 0;
         for (const auto& item : items) {
             if (window.IsCancelDownload(self) || progress.IsClickedCancel() || Signals::pending()) {
@@ -142,9 +140,10 @@ RestoreOutcome runRestore(const RestoreArgs& args, const std::vector<Item>& item
                     outcome.cancelled = true;
                     break;
                 }
-                if (code == ResultCode::Success)
+                if (code == ResultCode::Success) {
                     outcome.restored.push_back(item.local);
-                else
+                    outcome.bytesRestored += item.size;
+                } else
                     outcome.failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
             }
             done += item.size;
@@ -153,7 +152,7 @@ RestoreOutcome runRestore(const RestoreArgs& args, const std::vector<Item>& item
             progress.setSentSize(0);
         }
         finished = true;
-        window.refreshPrgbarDelegate();
+        window.refreshPrgbarDelegate(); // the last frame shows where it ended
         window.LeaveProgressModel(self);
     });
     self = &worker;
@@ -198,10 +197,6 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     std::string passPhrase = where.passPhrase(args.passPhrase, sample ? sample->server : "");
     RestoreOutcome outcome = runRestore(args, items, where, passPhrase, session);
 
-    uint64_t bytes = 0;
-    for (const auto& item : items)
-        if (std::find(outcome.restored.begin(), outcome.restored.end(), item.local) != outcome.restored.end())
-            bytes += item.size;
     for (const auto& f : outcome.restored)
         out.line(text("CliRestored", "restored  {}", f));
     for (const auto& f : outcome.kept)
@@ -217,7 +212,7 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     for (const auto& x : outcome.failed)
         std::fprintf(stderr, "cirrovault: not restored: %s\n", x.c_str());
     out.line(text("CliRestoreSummary", "Restored {} files ({}) into {}; kept {}; failed {}.", outcome.restored.size(),
-                  GlobalFunction::stringFromFileSize(bytes), args.to, outcome.kept.size(), outcome.failed.size()));
+                  GlobalFunction::stringFromFileSize(outcome.bytesRestored), args.to, outcome.kept.size(), outcome.failed.size()));
     // Keeping what is already there is what was asked for without --overwrite: not a failure.
     if (!outcome.kept.empty())
         out.line(text("CliKeptHint", "{} existing files were kept as they are; --overwrite replaces them.",

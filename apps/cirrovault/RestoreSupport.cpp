@@ -133,10 +133,6 @@ std::vector<FileVersion> RestoreSupport::versions(const std::string& relativePat
     return found;
 }
 
-std::string RestoreSupport::passPhraseFor(const std::string& serverPath) const {
-    return PasswordMan().FindPasswordForPath(serverPath).value_or("");
-}
-
 std::vector<std::string> RestoreSupport::pendingFiles(const HostSession::TaskPtr& task, uint64_t& bytes) {
     if (task->localDirList.empty())
         task->loadFilePathListFromDB();

@@ -26,7 +26,8 @@ struct FileVersion {
 };
 
 // Where a task's files and their versions lie on the service, as the manager tells
-// the restore view, and how the user's paths map onto them.
+// the restore view, how the user's paths map onto them, and how they are read back
+// (with an encrypted task's pass phrase).
 class RestoreSupport {
 public:
     RestoreSupport(HostSession& session, const HostSession::TaskPtr& task);
@@ -44,7 +45,6 @@ public:
     // The older versions of one file, oldest number first.
     std::vector<FileVersion> versions(const std::string& relativePath) const;
     std::string versionPath(const std::string& relativePath, int number) const;
-    std::string passPhraseFor(const std::string& serverPath) const;
 
     // The source files that the task's next run would send (new, or changed since the
     // service got them), by the run's own scan and change test, and their bytes; throws

@@ -6,6 +6,7 @@
 
 #include "CliRunner.h"
 #include "common/TempHome.h"
+#include "common/WebDavTestServer.h"
 #include "platform/os/Date.h"
 #include "platform/os/FileSystem.h"
 
@@ -28,6 +29,7 @@ protected:
     std::string read(const std::string& relative) { return FileSystem::readFile(home.file(relative)).value_or("<none>"); }
 
     CliRunner::Result run(std::vector<std::string> args) {
+        args.insert(args.begin(), service.begin(), service.end());
         args.insert(args.begin(), {"--user", "alice"});
         return cli.run(args);
     }
@@ -38,18 +40,21 @@ protected:
         walk(home.dataHome() + "/cirrovault/store", found);
         return found;
     }
-    void walk(const std::string& folder, std::vector<std::string>& found) {
+    // Files below folder whose path holds marker, as "path=size".
+    void walk(const std::string& folder, std::vector<std::string>& found, const std::string& marker = "/files/") {
         for (const auto& name : FileSystem::listDirectory(folder).value_or(std::vector<std::string>{})) {
             std::string path = folder + "/" + name;
             if (FileSystem::isDirectory(path))
-                walk(path, found);
-            else if (path.find("/files/") != std::string::npos)
+                walk(path, found, marker);
+            else if (path.find(marker) != std::string::npos)
                 found.push_back(path + "=" + std::to_string(FileSystem::status(path)->size));
         }
     }
+    void checkNamesDamage(const std::string& storeRoot);
 
     TempHome home;
     CliRunner cli{home.file("scratch")};
+    std::vector<std::string> service; // "--service URL" for every run; empty: the local store
 };
 
 // The whole life of a task, as a user types it.
@@ -180,8 +185,9 @@ TEST_F(CliEndToEnd, EncryptedTaskComesBackOnANewComputer) {
 }
 
 // check reads every stored copy back: a flipped byte, a cut-off file and a lost older
-// version are each named, and only a whole store answers 0.
-TEST_F(CliEndToEnd, CheckNamesEveryDamagedCopyAndLostVersion) {
+// version are each named, and only a whole store answers 0. storeRoot is the folder on
+// this disk that holds the store's files.
+void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
     cli.setEnv("CIRROVAULT_PASSPHRASE=open sesame");
     FileSystem::createDirectories(home.file("Documents/notes"));
     auto edit = [&](const std::string& text, double age) {
@@ -205,7 +211,9 @@ TEST_F(CliEndToEnd, CheckNamesEveryDamagedCopyAndLostVersion) {
         << newer.out;
 
     std::string a, b, n0;
-    for (const auto& entry : storeFiles()) {
+    std::vector<std::string> stored;
+    walk(storeRoot, stored, "/Vault/");
+    for (const auto& entry : stored) {
         std::string path = entry.substr(0, entry.rfind('='));
         if (path.ends_with("/Documents/a.txt"))
             a = path;
@@ -231,6 +239,17 @@ TEST_F(CliEndToEnd, CheckNamesEveryDamagedCopyAndLostVersion) {
                               "{\"path\":\"Documents/notes/n.txt\",\"problem\":\"older version 0 is missing"})
         EXPECT_NE(found.out.find(named), std::string::npos) << named << "\n" << found.out;
     EXPECT_NE(found.out.find("\"ok\":false"), std::string::npos);
+}
+
+TEST_F(CliEndToEnd, CheckNamesDamageOnTheLocalStore) {
+    checkNamesDamage(home.dataHome() + "/cirrovault/store");
+}
+
+TEST_F(CliEndToEnd, CheckNamesDamageOnApache) {
+    WebDavTestServer server(WebDavTestServer::Kind::Apache, home.file("server"), {{"alice", "correct horse"}});
+    ASSERT_TRUE(server.running());
+    service = {"--service", server.url("{user}/")};
+    checkNamesDamage(server.dataFolder());
 }
 
 // A second run for the same folder reuses its task; a scheduled task is not run at once.
