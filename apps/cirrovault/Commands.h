@@ -9,6 +9,8 @@
 
 namespace cirrovault::cli {
 
+struct PassPhraseOptions;
+
 // What a parsed command does; answers the exit code or throws CliError.
 using Runner = std::function<int(const GlobalOptions& global, const Output& out)>;
 
@@ -19,5 +21,10 @@ void addBackupCommands(CLI::App& app, Runner& run);  // backup
 void addDaemonCommands(CLI::App& app, Runner& run);  // daemon
 void addRestoreCommands(CLI::App& app, Runner& run); // restore, versions
 void addLogCommands(CLI::App& app, Runner& run);     // log, options
+void addCheckCommands(CLI::App& app, Runner& run);   // check
+
+// --passphrase-file, and with offerKeep --keep-passphrase, for commands that read an
+// encrypted task's files.
+void addPassPhraseOptions(CLI::App* command, PassPhraseOptions& options, bool offerKeep);
 
 } // namespace cirrovault::cli

@@ -5,6 +5,7 @@
 
 #include "BackupRunner.h"
 #include "Commands.h"
+#include "RestoreSupport.h"
 #include "Signals.h"
 #include "TaskCreation.h"
 #include "TaskFormat.h"
@@ -20,6 +21,7 @@ namespace {
 struct BackupArgs {
     std::string target;
     bool list = false;
+    bool dryRun = false;
 };
 
 bool looksLikePath(const std::string& target) {
@@ -49,6 +51,23 @@ std::string freeName(HostSession& session, const std::string& folder) {
     for (int n = 2; session.manager().GetTaskByName(name) || session.wizard().IsCreateTaskValid(name) == 1; ++n)
         name = base + "-" + std::to_string(n);
     return name;
+}
+
+// What the next run would send; nothing is sent.
+int dryRun(const HostSession::TaskPtr& task, const Output& out) {
+    uint64_t bytes = 0;
+    std::vector<std::string> files = RestoreSupport::pendingFiles(task, bytes);
+    Json list = Json::array();
+    for (const auto& f : files) {
+        out.line(text("CliWouldSend", "would send  {}", f));
+        list.push(f);
+    }
+    out.line(text("CliBackupDryRun", "Dry run: \"{}\" would send {} new or changed files ({}); nothing was sent.",
+                  task->name, files.size(), GlobalFunction::stringFromFileSize(bytes)));
+    Json doc = Json::object();
+    doc.set("ok", true).set("dryRun", true).set("task", task->name).set("wouldSend", list).set("bytes", bytes);
+    out.result(doc);
+    return Exit::Ok;
 }
 
 int backupCommand(const BackupArgs& args, const GlobalOptions& global, const Output& out) {
@@ -86,6 +105,8 @@ int backupCommand(const BackupArgs& args, const GlobalOptions& global, const Out
             throw CliError(Exit::Usage, text("CliOtherComputer",
                                              "\"{}\" was made on {}: move it here first with `cirrovault task migrate {} --to DIR`",
                                              task->name, task->mPCName, task->name));
+        if (args.dryRun)
+            return dryRun(task, out);
         out.line(text("CliBackupStart", "Backing up \"{}\"...", task->name));
         outcome = runner.runNow(task);
     } else {
@@ -93,6 +114,11 @@ int backupCommand(const BackupArgs& args, const GlobalOptions& global, const Out
         input.sources = {folder};
         input.check();
         std::string name = freeName(session, folder);
+        if (args.dryRun) {
+            out.line(text("CliQuickTaskDryRun", "Dry run: the task \"{}\" would be made for {} and all its files sent.", name, folder));
+            out.result(Json::object().set("ok", true).set("dryRun", true).set("newTask", name));
+            return Exit::Ok;
+        }
         out.line(text("CliQuickTask", "Making the task \"{}\" for {}; its first backup runs now.", name, folder));
         task = TaskCreation::create(session, name, input, "");
         if (!TaskCreation::firstRunStarted(session, task))
@@ -123,6 +149,7 @@ void addBackupCommands(CLI::App& app, Runner& run) {
                   "Ctrl-C stops cleanly and the next run goes on where it stopped");
     backup->add_option("target", args->target, "a task's name, or a folder")->required();
     backup->add_flag("--list", args->list, "print every file as it is sent");
+    backup->add_flag("--dry-run,-n", args->dryRun, "list what would be sent; send nothing");
     backup->callback([&run, args] { run = [args](auto& g, auto& o) { return backupCommand(*args, g, o); }; });
 }
 

@@ -1,4 +1,5 @@
 // restore, versions, versions delete.
+#include <atomic>
 #include <cstdio>
 #include <memory>
 
@@ -24,6 +25,8 @@ struct RestoreArgs {
     std::string to;
     int version = -1;
     bool overwrite = false;
+    bool dryRun = false;
+    PassPhraseOptions passPhrase;
 };
 
 struct VersionArgs {
@@ -39,6 +42,137 @@ struct Item {
     uint64_t size = 0;
 };
 
+struct RestoreOutcome {
+    std::vector<std::string> restored, kept, failed;
+    uint64_t bytesRestored = 0;
+    bool cancelled = false;
+};
+
+// The stored files the command names, with where each one goes.
+std::vector<Item> chooseItems(const RestoreArgs& args, const RestoreSupport& where, const std::string& taskName) {
+    std::vector<std::string> wanted;
+    for (const auto& p : args.paths)
+        wanted.push_back(where.relative(p));
+    std::vector<Item> items;
+    if (args.version >= 0) {
+        auto versions = where.versions(wanted[0]);
+        const FileVersion* chosen = nullptr;
+        for (const auto& v : versions)
+            if (v.number == args.version)
+                chosen = &v;
+        if (!chosen)
+            throw CliError(Exit::Usage, versions.empty()
+                                            ? text("CliNoVersions", "{} has no older versions", wanted[0])
+                                            : text("CliNoSuchVersion", "{} has no version {} (see `cirrovault versions {} {}`)",
+                                                   wanted[0], args.version, taskName, wanted[0]));
+        items.push_back({chosen->info.path, args.to + "/" + wanted[0], chosen->info.iSize});
+        return items;
+    }
+    std::vector<bool> matched(wanted.size(), false);
+    for (const auto& [rel, info] : where.files()) {
+        bool take = wanted.empty();
+        for (size_t i = 0; i < wanted.size(); ++i)
+            if (rel == wanted[i] || rel.compare(0, wanted[i].size() + 1, wanted[i] + "/") == 0)
+                take = matched[i] = true;
+        if (take)
+            items.push_back({info.path, args.to + "/" + rel, info.iSize});
+    }
+    for (size_t i = 0; i < wanted.size(); ++i)
+        if (!matched[i])
+            throw CliError(Exit::Usage, text("CliNotBackedUp", "{} is not backed up in \"{}\"", args.paths[i], taskName));
+    return items;
+}
+
+int dryRun(const RestoreArgs& args, const std::vector<Item>& items, const Output& out) {
+    size_t writes = 0, keeps = 0;
+    uint64_t bytes = 0;
+    Json w = Json::array(), k = Json::array();
+    for (const auto& item : items) {
+        if (FileSystem::exists(item.local) && !args.overwrite) {
+            ++keeps;
+            k.push(item.local);
+            out.line(text("CliWouldKeep", "would keep     {}", item.local));
+        } else {
+            ++writes;
+            bytes += item.size;
+            w.push(item.local);
+            out.line(text("CliWouldRestore", "would restore  {}", item.local));
+        }
+    }
+    out.line(text("CliRestoreDryRun", "Dry run: {} files ({}) would be restored into {}, {} kept; nothing was written.",
+                  writes, GlobalFunction::stringFromFileSize(bytes), args.to, keeps));
+    Json doc = Json::object();
+    doc.set("ok", true).set("dryRun", true).set("wouldRestore", w).set("wouldKeep", k);
+    out.result(doc);
+    return Exit::Ok;
+}
+
+// Restores the items on a worker while the restore window runs; Cancel (with its
+// question at a terminal), SIGINT and SIGTERM stop it, also in the middle of a file.
+RestoreOutcome runRestore(const RestoreArgs& args, const std::vector<Item>& items, const RestoreSupport& where,
+                          const std::string& passPhrase, HostSession& session) {
+    uint64_t total = 0;
+    for (const auto& item : items)
+        total += item.size;
+    CDownloadFileController window(session.backend());
+    window.iTotalSize = total;
+    window.setStrDownPath(args.to);
+    TrueProgressCallback& progress = *window.pDownloadProgBar;
+    RestoreOutcome outcome;
+    std::atomic<bool> finished{false};
+    Thread* self = nullptr;
+    Thread worker([&] {
+        progress.setTotalSize(total);
+        progress.setTotalFiles(static_cast<int64_t>(items.size()));
+        uint64_t done = 0;
+        for (const auto& item : items) {
+            if (window.IsCancelDownload(self) || progress.IsClickedCancel() || Signals::pending()) {
+                outcome.cancelled = true;
+                break;
+            }
+            if (FileSystem::exists(item.local) && !args.overwrite) {
+                outcome.kept.push_back(item.local);
+            } else {
+                window.setStrRestoringFile(item.local);
+                progress.setDoneSize(done);
+                int64_t code = where.restoreFile(item.server, item.local, passPhrase, &progress);
+                if (code == ResultCode::Cancelled) {
+                    outcome.cancelled = true;
+                    break;
+                }
+                if (code == ResultCode::Success) {
+                    outcome.restored.push_back(item.local);
+                    outcome.bytesRestored += item.size;
+                } else
+                    outcome.failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
+            }
+            done += item.size;
+            window.iHasDownloadSize = done;
+            progress.setDoneFiles(progress.doneFiles() + 1);
+            progress.setSentSize(0);
+        }
+        finished = true;
+        window.refreshPrgbarDelegate(); // the last frame shows where it ended
+        window.LeaveProgressModel(self);
+    });
+    self = &worker;
+    // A signal stops the transfer under way, not only the next file.
+    Thread watcher([&] {
+        while (!finished) {
+            if (Signals::wait(0.2) != 0) {
+                progress.setBClickedCancel(true);
+                return;
+            }
+        }
+    });
+    watcher.start();
+    window.EnterProgressMode(&worker);
+    worker.join();
+    finished = true;
+    watcher.join();
+    return outcome;
+}
+
 int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const Output& out) {
     if (args.to.empty())
         throw CliError(Exit::Usage, text("CliNeedTo", "say where to restore with --to DIR"));
@@ -51,115 +185,44 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     session.logon(false);
     auto task = session.task(args.name);
     RestoreSupport where(session, task);
-    std::vector<std::string> wanted;
-    for (const auto& p : args.paths)
-        wanted.push_back(where.relative(p));
+    std::vector<Item> items = chooseItems(args, where, task->name);
+    if (args.dryRun)
+        return dryRun(args, items, out);
 
-    std::vector<Item> items;
-    uint64_t total = 0;
-    if (args.version >= 0) {
-        auto versions = where.versions(wanted[0]);
-        const FileVersion* chosen = nullptr;
-        for (const auto& v : versions)
-            if (v.number == args.version)
-                chosen = &v;
-        if (!chosen)
-            throw CliError(Exit::Usage, versions.empty()
-                                            ? text("CliNoVersions", "{} has no older versions", wanted[0])
-                                            : text("CliNoSuchVersion", "{} has no version {} (see `cirrovault versions {} {}`)",
-                                                   wanted[0], args.version, task->name, wanted[0]));
-        items.push_back({chosen->info.path, args.to + "/" + wanted[0], chosen->info.iSize});
-        total = chosen->info.iSize;
-    } else {
-        auto files = where.files();
-        std::vector<bool> matched(wanted.size(), false);
-        for (const auto& [rel, info] : files) {
-            bool take = wanted.empty();
-            for (size_t i = 0; i < wanted.size(); ++i)
-                if (rel == wanted[i] || rel.compare(0, wanted[i].size() + 1, wanted[i] + "/") == 0)
-                    take = matched[i] = true;
-            if (take) {
-                items.push_back({info.path, args.to + "/" + rel, info.iSize});
-                total += info.iSize;
-            }
-        }
-        for (size_t i = 0; i < wanted.size(); ++i)
-            if (!matched[i])
-                throw CliError(Exit::Usage, text("CliNotBackedUp", "{} is not backed up in \"{}\"", args.paths[i], task->name));
-    }
+    // Tried on the smallest file before anything is written.
+    const Item* sample = nullptr;
+    for (const auto& item : items)
+        if (!sample || item.size < sample->size)
+            sample = &item;
+    std::string passPhrase = where.passPhrase(args.passPhrase, sample ? sample->server : "");
+    RestoreOutcome outcome = runRestore(args, items, where, passPhrase, session);
 
-    std::string passPhrase = where.passPhraseFor(where.serverFolder());
-    CDownloadFileController window(session.backend());
-    window.iTotalSize = total;
-    window.setStrDownPath(args.to);
-    std::vector<std::string> restored, kept, failed;
-    bool cancelled = false;
-    Thread* self = nullptr;
-    Thread worker([&] {
-        TrueProgressCallback& progress = *window.pDownloadProgBar;
-        progress.setTotalSize(total);
-        progress.setTotalFiles(static_cast<int64_t>(items.size()));
-        uint64_t done = 0;
-        for (const auto& item : items) {
-            if (window.IsCancelDownload(self) || progress.IsClickedCancel() || Signals::pending()) {
-                cancelled = true;
-                break;
-            }
-            if (FileSystem::exists(item.local) && !args.overwrite) {
-                kept.push_back(item.local);
-            } else {
-                window.setStrRestoringFile(item.local);
-                progress.setDoneSize(done);
-                TransferInfo transfer;
-                transfer.setSvrFile(item.server);
-                transfer.setLocFile(item.local);
-                transfer.setProgress(&progress);
-                transfer.setPassPhrase(passPhrase);
-                int64_t code = TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
-                if (code == ResultCode::Cancelled) {
-                    cancelled = true;
-                    break;
-                }
-                if (code == ResultCode::Success)
-                    restored.push_back(item.local);
-                else
-                    failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
-            }
-            done += item.size;
-            window.iHasDownloadSize = done;
-            progress.setDoneFiles(progress.doneFiles() + 1);
-            progress.setSentSize(0);
-        }
-        window.LeaveProgressModel(self);
-    });
-    self = &worker;
-    window.EnterProgressMode(&worker);
-    worker.join();
-
-    for (const auto& f : restored)
+    for (const auto& f : outcome.restored)
         out.line(text("CliRestored", "restored  {}", f));
-    for (const auto& f : kept)
-        out.line(text("CliKeptLocal", "kept      {} (it exists; --overwrite replaces it)", f));
+    for (const auto& f : outcome.kept)
+        out.line(text("CliKeptLocal", "kept      {} (it exists)", f));
     Json doc = Json::object();
     Json r = Json::array(), k = Json::array(), f = Json::array();
-    for (const auto& x : restored) r.push(x);
-    for (const auto& x : kept) k.push(x);
-    for (const auto& x : failed) f.push(x);
-    doc.set("ok", failed.empty() && kept.empty() && !cancelled).set("restored", r).set("kept", k).set("failed", f)
-        .set("cancelled", cancelled);
+    for (const auto& x : outcome.restored) r.push(x);
+    for (const auto& x : outcome.kept) k.push(x);
+    for (const auto& x : outcome.failed) f.push(x);
+    bool ok = outcome.failed.empty() && !outcome.cancelled;
+    doc.set("ok", ok).set("restored", r).set("kept", k).set("failed", f).set("cancelled", outcome.cancelled);
     out.result(doc);
-    for (const auto& x : failed)
+    for (const auto& x : outcome.failed)
         std::fprintf(stderr, "cirrovault: not restored: %s\n", x.c_str());
-    if (cancelled) {
+    out.line(text("CliRestoreSummary", "Restored {} files ({}) into {}; kept {}; failed {}.", outcome.restored.size(),
+                  GlobalFunction::stringFromFileSize(outcome.bytesRestored), args.to, outcome.kept.size(), outcome.failed.size()));
+    // Keeping what is already there is what was asked for without --overwrite: not a failure.
+    if (!outcome.kept.empty())
+        out.line(text("CliKeptHint", "{} existing files were kept as they are; --overwrite replaces them.",
+                      outcome.kept.size()));
+    if (outcome.cancelled) {
         std::fprintf(stderr, "cirrovault: %s\n", text("CliRestoreCancelled", "the restore was cancelled; {} of {} files restored",
-                                                      restored.size(), items.size()).c_str());
+                                                      outcome.restored.size(), items.size()).c_str());
         return Exit::Cancelled;
     }
-    if (!failed.empty() || !kept.empty())
-        return Exit::Failed;
-    out.line(text("CliRestoreDone", "Restored {} files ({}) into {}.", restored.size(),
-                  GlobalFunction::stringFromFileSize(total), args.to));
-    return Exit::Ok;
+    return ok ? Exit::Ok : Exit::Failed;
 }
 
 int versionsCommand(const VersionArgs& args, const GlobalOptions& global, const Output& out) {
@@ -232,6 +295,15 @@ int versionsDeleteCommand(const VersionArgs& args, const GlobalOptions& global, 
 
 } // namespace
 
+void addPassPhraseOptions(CLI::App* command, PassPhraseOptions& options, bool offerKeep) {
+    command->add_option("--passphrase-file", options.file,
+                        "read an encrypted task's pass phrase from the first line of this file "
+                        "(else CIRROVAULT_PASSPHRASE, else the one kept here, else asked)");
+    if (offerKeep)
+        command->add_flag("--keep-passphrase", options.keep,
+                          "remember the pass phrase on this computer (mode 0600) for later commands");
+}
+
 void addRestoreCommands(CLI::App& app, Runner& run) {
     auto rargs = std::make_shared<RestoreArgs>();
     auto* restore = app.add_subcommand(
@@ -243,6 +315,8 @@ void addRestoreCommands(CLI::App& app, Runner& run) {
     restore->add_option("--to", rargs->to, "the folder to restore into (made when missing)")->required();
     restore->add_option("--version", rargs->version, "restore this older version of the one PATH (see `versions`)");
     restore->add_flag("--overwrite", rargs->overwrite, "replace files that exist in the target folder");
+    restore->add_flag("--dry-run,-n", rargs->dryRun, "list what would be restored or kept; write nothing");
+    addPassPhraseOptions(restore, rargs->passPhrase, true);
     restore->callback([&run, rargs] { run = [rargs](auto& g, auto& o) { return restoreCommand(*rargs, g, o); }; });
 
     auto vargs = std::make_shared<VersionArgs>();

@@ -6,6 +6,7 @@
 
 #include "BackupRunner.h"
 #include "Commands.h"
+#include "RestoreSupport.h"
 #include "TaskFormat.h"
 #include "TaskInput.h"
 #include "TaskCreation.h"
@@ -24,6 +25,7 @@ struct TaskArgs {
     bool clearExcludes = false;
     std::vector<std::string> removeSources;
     TaskInput input;
+    PassPhraseOptions passPhrase;
 };
 
 void printTask(const Output& out, const CBackupTask& task) {
@@ -215,13 +217,18 @@ int migrateCommand(const TaskArgs& args, const GlobalOptions& global, const Outp
     if (!task->bMigrateTask)
         throw CliError(Exit::Usage, text("CliAlreadyHere", "\"{}\" already belongs to this computer", task->name));
     // Tells what kind of paths the task has (this system's, or another system's).
-    manager.GetTaskInformationForRestoreView(task->name);
+    RestoreSupport where(session, task);
+    // Backing up from here needs the encrypted task's pass phrase: tried before anything
+    // changes, and kept once the task is moved.
+    std::string passPhrase = where.passPhrase(args.passPhrase, where.encrypted() ? where.sampleFile() : "");
     session.clearLastMessage();
     if (!manager.MigrateTaskToCurrentPC(root, task, manager.nOSBackupDataType)) {
         std::string why = session.lastMessage();
         throw CliError(Exit::Failed, text("CliMigrateFailed", "the task \"{}\" could not be moved here{}", task->name,
                                           why.empty() ? "" : ": " + why));
     }
+    if (!passPhrase.empty())
+        where.keepPassPhrase(passPhrase);
     out.line(text("CliMigrated", "The task \"{}\" now backs up from this computer:", task->name));
     for (const auto& s : TaskFormat::sources(*task))
         out.line("  " + s);
@@ -282,6 +289,7 @@ void addTaskCommands(CLI::App& app, Runner& run) {
     auto* migrate = task->add_subcommand("migrate", "move a task made on another computer to this one");
     migrate->add_option("name", args->name, "the task")->required();
     migrate->add_option("--to", args->to, "the local folder that now holds the task's folders")->required();
+    addPassPhraseOptions(migrate, args->passPhrase, false);
     migrate->callback([&run, args] { run = [args](auto& g, auto& o) { return migrateCommand(*args, g, o); }; });
 }
 

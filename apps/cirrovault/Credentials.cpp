@@ -4,8 +4,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "Output.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/UserSettingMan.h"
+#include "platform/os/FileSystem.h"
 #include "platform/os/Host.h"
 #include "platform/view/terminal/TerminalConsole.h"
 
@@ -30,6 +32,25 @@ std::optional<std::string> Credentials::password(const std::string& user, bool m
     if (mayPrompt)
         return prompt("Password for " + user + ": ");
     return std::nullopt;
+}
+
+std::optional<std::string> Credentials::passPhrase(const std::string& file, const std::optional<std::string>& kept,
+                                                   const std::string& question) {
+    if (!file.empty()) {
+        auto content = FileSystem::readFile(file);
+        if (!content)
+            throw CliError(Exit::Usage, text("CliPassPhraseFile", "the pass phrase file {} cannot be read", file));
+        // An editor's final newline is not part of the phrase.
+        std::string phrase = content->substr(0, content->find_first_of("\r\n"));
+        if (phrase.empty())
+            throw CliError(Exit::Usage, text("CliPassPhraseFileEmpty", "the pass phrase file {} is empty", file));
+        return phrase;
+    }
+    if (const char* env = std::getenv("CIRROVAULT_PASSPHRASE"); env && *env)
+        return std::string(env);
+    if (kept && !kept->empty())
+        return kept;
+    return prompt(question);
 }
 
 bool Credentials::remember(const std::string& user, const std::string& password) {

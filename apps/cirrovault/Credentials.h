@@ -18,6 +18,12 @@ public:
     static bool remember(const std::string& user, const std::string& password);
     static bool forget();
     static bool remembered(const std::string& user);
+    // The pass phrase of an encrypted task for this command: the file named by
+    // --passphrase-file (its first line), else CIRROVAULT_PASSPHRASE, else the phrase kept
+    // on this computer, else asked at a terminal; nothing when none of them gives one.
+    // Throws CliError when the file cannot be read.
+    static std::optional<std::string> passPhrase(const std::string& file, const std::optional<std::string>& kept,
+                                                 const std::string& question);
     // Reads a secret from the terminal without echo; nothing without a terminal.
     static std::optional<std::string> prompt(const std::string& question);
 };

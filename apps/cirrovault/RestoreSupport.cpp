@@ -2,12 +2,18 @@
 
 #include <algorithm>
 #include <limits>
+#include <unistd.h>
 
+#include "Credentials.h"
 #include "Output.h"
 #include "engine/task/VersionNames.h"
+#include "platform/framework/Functions.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/PathTreeController.h"
+#include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
+#include "platform/framework/TransferInfo.h"
+#include "platform/os/FileSystem.h"
 #include "platform/store/StorePath.h"
 #include "support/CFileInfo.h"
 
@@ -35,7 +41,8 @@ std::string trimSlashes(std::string path) {
 
 } // namespace
 
-RestoreSupport::RestoreSupport(HostSession& session, const HostSession::TaskPtr& task) : task_(task) {
+RestoreSupport::RestoreSupport(HostSession& session, const HostSession::TaskPtr& task)
+    : task_(task), accountFolder_(session.accountFolder()) {
     CBackupManage& manager = session.manager();
     manager.GetTaskInformationForRestoreView(task->name);
     // The service answers canonical paths ("\A\b"); the task may keep its own without
@@ -44,6 +51,11 @@ RestoreSupport::RestoreSupport(HostSession& session, const HostSession::TaskPtr&
     serverFolder_ = canonical(manager.taskServerPath.empty() ? task->serverPath : manager.taskServerPath);
     historyFolder_ = manager.taskHistoryPath.empty() ? "" : canonical(manager.taskHistoryPath);
     localTop_ = manager.taskBackupLogLocalPath;
+}
+
+RestoreSupport::~RestoreSupport() {
+    if (!scratch_.empty())
+        FileSystem::removeAll(scratch_);
 }
 
 std::string RestoreSupport::relative(const std::string& path) const {
@@ -124,8 +136,93 @@ std::vector<FileVersion> RestoreSupport::versions(const std::string& relativePat
     return found;
 }
 
-std::string RestoreSupport::passPhraseFor(const std::string& serverPath) const {
-    return PasswordMan().FindPasswordForPath(serverPath).value_or("");
+std::vector<std::string> RestoreSupport::pendingFiles(const HostSession::TaskPtr& task, uint64_t& bytes) {
+    if (task->localDirList.empty())
+        task->loadFilePathListFromDB();
+    task->scanFileArray.clear();
+    task->fileTotalSize = 0;
+    bool scanned = task->CalculateBackupSize();
+    std::vector<std::string> files;
+    for (const auto& path : task->scanFileArray)
+        if (FileSystem::isRegularFile(path)) // the scan lists the folders it walks too
+            files.push_back(path);
+    bytes = task->fileTotalSize;
+    task->scanFileArray.clear();
+    if (!scanned)
+        throw CliError(Exit::Failed, text("CliScanFailed", "the folders of \"{}\" could not be read", task->name));
+    return files;
+}
+
+bool RestoreSupport::encrypted() const {
+    return Functions::IsEncryptPath(serverFolder_);
+}
+
+std::string RestoreSupport::sampleFile() const {
+    std::string sample;
+    uint64_t size = 0;
+    for (const auto& [rel, info] : files())
+        if (sample.empty() || info.iSize < size) {
+            sample = info.path;
+            size = info.iSize;
+        }
+    return sample;
+}
+
+std::string RestoreSupport::passPhrase(const PassPhraseOptions& options, const std::string& sample) {
+    if (!encrypted())
+        return "";
+    std::optional<std::string> kept = PasswordMan().FindPasswordForPath(serverFolder_);
+    std::optional<std::string> phrase = Credentials::passPhrase(
+        options.file, kept, text("CliAskPassPhrase", "Pass phrase of \"{}\": ", task_->name));
+    if (!phrase)
+        throw CliError(Exit::Logon, text("CliNoPassPhrase",
+                                         "\"{}\" is encrypted: give its pass phrase with CIRROVAULT_PASSPHRASE or "
+                                         "--passphrase-file FILE, or run at a terminal to be asked",
+                                         task_->name));
+    if (!sample.empty()) {
+        std::string copy;
+        int64_t code = readBack(sample, *phrase, copy);
+        FileSystem::removeItem(copy);
+        if (code == ResultCode::WrongPassPhrase)
+            throw CliError(Exit::Logon, text("CliWrongPassPhrase",
+                                             "the pass phrase does not open the files of \"{}\"; nothing was changed",
+                                             task_->name));
+    }
+    if (options.keep && phrase != kept)
+        keepPassPhrase(*phrase);
+    return *phrase;
+}
+
+void RestoreSupport::keepPassPhrase(const std::string& phrase) const {
+    if (!PasswordMan().SetPassword(serverFolder_, true, phrase))
+        throw CliError(Exit::Failed, text("CliPassPhraseNotKept", "the pass phrase could not be kept on this computer"));
+}
+
+int64_t RestoreSupport::restoreFile(const std::string& serverPath, const std::string& localPath,
+                                    const std::string& passPhrase, TrueProgressCallback* progress) const {
+    TransferInfo transfer;
+    transfer.setSvrFile(serverPath);
+    transfer.setLocFile(localPath);
+    transfer.setProgress(progress);
+    transfer.setPassPhrase(passPhrase);
+    return TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
+}
+
+int64_t RestoreSupport::readBack(const std::string& serverPath, const std::string& passPhrase, std::string& copy) {
+    if (scratch_.empty()) {
+        // Beside the account's event log: a folder of this user's that no one else reads.
+        std::string folder = accountFolder_ + "/read-back-" + std::to_string(::getpid());
+        if (!FileSystem::createDirectories(folder))
+            return ResultCode::LocalFileError;
+        scratch_ = folder;
+    }
+    copy = scratch_ + "/" + std::to_string(++scratchCount_);
+    TransferInfo transfer;
+    transfer.setSvrFile(serverPath);
+    transfer.setLocFile(copy);
+    transfer.setPassPhrase(passPhrase);
+    return TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
 }
 
 } // namespace cirrovault::cli
+

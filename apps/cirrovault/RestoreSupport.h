@@ -7,7 +7,17 @@
 #include "HostSession.h"
 #include "platform/framework/PathInfo.h"
 
+namespace cirrovault {
+class TrueProgressCallback;
+}
+
 namespace cirrovault::cli {
+
+// Where the pass phrase of an encrypted task comes from, as the user said.
+struct PassPhraseOptions {
+    std::string file;  // --passphrase-file
+    bool keep = false; // --keep-passphrase: remember it on this computer
+};
 
 // One older version of a file, kept in the task's history folder as baseK.ext.
 struct FileVersion {
@@ -16,10 +26,14 @@ struct FileVersion {
 };
 
 // Where a task's files and their versions lie on the service, as the manager tells
-// the restore view, and how the user's paths map onto them.
+// the restore view, how the user's paths map onto them, and how they are read back
+// (with an encrypted task's pass phrase).
 class RestoreSupport {
 public:
     RestoreSupport(HostSession& session, const HostSession::TaskPtr& task);
+    ~RestoreSupport(); // removes the scratch folder
+    RestoreSupport(const RestoreSupport&) = delete;
+    RestoreSupport& operator=(const RestoreSupport&) = delete;
 
     // A path the user gave (absolute local, or relative to the folder above the task's
     // first source: "Documents/a.txt") as a relative path with "/"; throws CliError
@@ -31,7 +45,29 @@ public:
     // The older versions of one file, oldest number first.
     std::vector<FileVersion> versions(const std::string& relativePath) const;
     std::string versionPath(const std::string& relativePath, int number) const;
-    std::string passPhraseFor(const std::string& serverPath) const;
+
+    // The source files that the task's next run would send (new, or changed since the
+    // service got them), by the run's own scan and change test, and their bytes; throws
+    // CliError when the sources cannot be read.
+    static std::vector<std::string> pendingFiles(const HostSession::TaskPtr& task, uint64_t& bytes);
+
+    bool encrypted() const;
+    // The smallest current file of the task, to try a pass phrase on; "" when none.
+    std::string sampleFile() const;
+    // The pass phrase this command uses ("" for a plain task), tried on the sample file
+    // before anything is written. Throws CliError (Exit::Logon) when there is none or it
+    // does not open the task's files.
+    std::string passPhrase(const PassPhraseOptions& options, const std::string& sample);
+    // Remembers the phrase for the task on this computer (later runs, the daemon).
+    void keepPassPhrase(const std::string& phrase) const;
+
+    // Writes one stored file at localPath with its stored time: the one place a restored
+    // file is made. Answers a result code.
+    int64_t restoreFile(const std::string& serverPath, const std::string& localPath, const std::string& passPhrase,
+                        TrueProgressCallback* progress) const;
+    // Reads one stored file back (decrypted and checked) into a scratch file that the
+    // caller removes; answers a result code and the scratch file's path.
+    int64_t readBack(const std::string& serverPath, const std::string& passPhrase, std::string& copy);
 
     const std::string& serverFolder() const { return serverFolder_; }
     const std::string& historyFolder() const { return historyFolder_; }
@@ -41,6 +77,9 @@ private:
     std::string versionFolder(const std::string& relativePath) const;
 
     HostSession::TaskPtr task_;
+    std::string accountFolder_;
+    std::string scratch_; // made on first use
+    int scratchCount_ = 0;
     std::string serverFolder_;
     std::string historyFolder_;
     std::string localTop_;

@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
     addDaemonCommands(app, run);
     addRestoreCommands(app, run);
     addLogCommands(app, run);
+    addCheckCommands(app, run);
 
     try {
         app.parse(argc, argv);

@@ -31,6 +31,7 @@ bool CDownloadFileController::EnterProgressMode(Thread* thread) {
         pDownloadProgBar->SetDelegate(this);
         view->setDelegate(this);
         setDelegate(view.get());
+        redraw(); // the window opens with the target and figures already known
         runningThread_ = thread;
         thread->start();
         backend_->runModal(view->window());

@@ -7,6 +7,8 @@
 
 #include "CliRunner.h"
 #include "common/TempHome.h"
+#include "common/WebDavTestServer.h"
+#include "platform/os/Date.h"
 #include "platform/os/FileSystem.h"
 
 namespace cirrovault::test {
@@ -28,6 +30,7 @@ protected:
     std::string read(const std::string& relative) { return FileSystem::readFile(home.file(relative)).value_or("<none>"); }
 
     CliRunner::Result run(std::vector<std::string> args) {
+        args.insert(args.begin(), service.begin(), service.end());
         args.insert(args.begin(), {"--user", "alice"});
         return cli.run(args);
     }
@@ -38,18 +41,21 @@ protected:
         walk(home.dataHome() + "/cirrovault/store", found);
         return found;
     }
-    void walk(const std::string& folder, std::vector<std::string>& found) {
+    // Files below folder whose path holds marker, as "path=size".
+    void walk(const std::string& folder, std::vector<std::string>& found, const std::string& marker = "/files/") {
         for (const auto& name : FileSystem::listDirectory(folder).value_or(std::vector<std::string>{})) {
             std::string path = folder + "/" + name;
             if (FileSystem::isDirectory(path))
-                walk(path, found);
-            else if (path.find("/files/") != std::string::npos)
+                walk(path, found, marker);
+            else if (path.find(marker) != std::string::npos)
                 found.push_back(path + "=" + std::to_string(FileSystem::status(path)->size));
         }
     }
+    void checkNamesDamage(const std::string& storeRoot);
 
     TempHome home;
     CliRunner cli{home.file("scratch")};
+    std::vector<std::string> service; // "--service URL" for every run; empty: the local store
 };
 
 // The whole life of a task, as a user types it.
@@ -70,6 +76,10 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
 
     write("Documents/a.txt", "second text of a, longer\n");
     write("Documents/skip.tmp", "left out");
+    auto plan = run({"backup", "Docs", "--dry-run"});
+    ASSERT_EQ(plan.code, 0) << plan.err;
+    EXPECT_NE(plan.out.find("would send  " + home.file("Documents/a.txt")), std::string::npos) << plan.out;
+    EXPECT_NE(plan.out.find("would send 1 new or changed files"), std::string::npos) << plan.out;
     auto again = run({"backup", "Docs"});
     ASSERT_EQ(again.code, 0) << again.err;
     EXPECT_NE(again.out.find("1 new or changed files"), std::string::npos) << again.out;
@@ -89,10 +99,19 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     ASSERT_EQ(older.code, 0) << older.err;
     EXPECT_EQ(read("older/Documents/a.txt"), "first text of a\n");
 
-    // An existing file is kept unless asked, and the command says so.
+    // An existing file is kept unless asked: what was asked for, so not a failure, and
+    // the command says so. A dry run writes nothing.
     write("restored/Documents/a.txt", "mine");
-    auto refused = run({"restore", "Docs", "Documents/a.txt", "--to", home.file("restored")});
-    EXPECT_EQ(refused.code, 1);
+    FileSystem::removeItem(home.file("restored/Documents/letters/b.txt"));
+    auto dry = run({"restore", "Docs", "--to", home.file("restored"), "--dry-run"});
+    ASSERT_EQ(dry.code, 0) << dry.err;
+    EXPECT_NE(dry.out.find("would keep     " + home.file("restored/Documents/a.txt")), std::string::npos) << dry.out;
+    EXPECT_NE(dry.out.find("would restore  " + home.file("restored/Documents/letters/b.txt")), std::string::npos);
+    EXPECT_FALSE(FileSystem::exists(home.file("restored/Documents/letters/b.txt")));
+    auto refused = run({"restore", "Docs", "--to", home.file("restored")});
+    EXPECT_EQ(refused.code, 0) << refused.err;
+    EXPECT_NE(refused.out.find("Restored 1 files (195 KB) into " + home.file("restored") + "; kept 1; failed 0."),
+              std::string::npos) << refused.out;
     EXPECT_NE(refused.out.find("--overwrite"), std::string::npos) << refused.out;
     EXPECT_EQ(read("restored/Documents/a.txt"), "mine");
     ASSERT_EQ(run({"restore", "Docs", "Documents/a.txt", "--to", home.file("restored"), "--overwrite"}).code, 0);
@@ -109,6 +128,129 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     auto list = run({"--json", "task", "list"});
     EXPECT_NE(list.out.find("\"tasks\":[]"), std::string::npos) << list.out;
     EXPECT_TRUE(storeFiles().empty());
+}
+
+// The day the computer is gone: an encrypted task comes back on a fresh one with its
+// pass phrase, given by file, environment or at the terminal, and kept only when asked.
+TEST_F(CliEndToEnd, EncryptedTaskComesBackOnANewComputer) {
+    std::string store = "file://" + home.file("store");
+    auto at = [&](CliRunner& who, std::vector<std::string> args) {
+        args.insert(args.begin(), {"--user", "alice", "--service", store});
+        return who.run(args);
+    };
+    cli.setEnv("CIRROVAULT_PASSPHRASE=open sesame");
+    ASSERT_EQ(at(cli, {"task", "new", "Vault", "--source", home.file("Documents"), "--encrypt"}).code, 0);
+
+    FileSystem::createDirectories(home.file("scratch/new"));
+    CliRunner fresh(home.file("scratch/new"));
+    fresh.setEnv("HOME=" + home.file("new"));
+    fresh.setEnv("XDG_DATA_HOME=" + home.file("new/data"));
+    fresh.setEnv("XDG_CONFIG_HOME=" + home.file("new/config"));
+    fresh.setEnv("CIRROVAULT_PASSWORD=correct horse");
+    std::string target = home.file("back");
+
+    auto none = at(fresh, {"restore", "Vault", "--to", target});
+    EXPECT_EQ(none.code, 3);
+    EXPECT_NE(none.err.find("CIRROVAULT_PASSPHRASE"), std::string::npos) << none.err;
+    fresh.setEnv("CIRROVAULT_PASSPHRASE=open says me");
+    auto wrong = at(fresh, {"restore", "Vault", "--to", target});
+    EXPECT_EQ(wrong.code, 3);
+    EXPECT_NE(wrong.err.find("does not open the files of \"Vault\""), std::string::npos) << wrong.err;
+    EXPECT_FALSE(FileSystem::exists(target + "/Documents"));
+
+    // The file wins over the environment; nothing is kept without --keep-passphrase.
+    write("phrase.txt", "open sesame\n");
+    auto restored = at(fresh, {"restore", "Vault", "--to", target, "--passphrase-file", home.file("phrase.txt")});
+    ASSERT_EQ(restored.code, 0) << restored.err;
+    EXPECT_EQ(read("back/Documents/a.txt"), "first text of a\n");
+    EXPECT_EQ(read("back/Documents/letters/b.txt"), std::string(200000, 'b'));
+    std::string kept = home.file("new/config/cirrovault/passwords.plist");
+    EXPECT_EQ(FileSystem::readFile(kept).value_or("").find("open sesame"), std::string::npos);
+    ASSERT_EQ(at(fresh, {"restore", "Vault", "--to", home.file("back2"), "--keep-passphrase", "--passphrase-file",
+                         home.file("phrase.txt")}).code, 0);
+    EXPECT_NE(FileSystem::readFile(kept).value_or("").find("open sesame"), std::string::npos);
+
+    // Moved here, the task backs up from this computer with the kept phrase; a wrong
+    // phrase moves nothing.
+    FileSystem::createDirectories(home.file("new/Documents"));
+    write("new/Documents/here.txt", "written on the new computer");
+    EXPECT_EQ(at(fresh, {"task", "migrate", "Vault", "--to", home.file("new")}).code, 3);
+    auto other = at(fresh, {"backup", "Vault"});
+    EXPECT_NE(other.err.find("task migrate"), std::string::npos) << other.err;
+    fresh.setEnv("CIRROVAULT_PASSPHRASE=");
+    ASSERT_EQ(at(fresh, {"task", "migrate", "Vault", "--to", home.file("new")}).code, 0);
+    auto backup = at(fresh, {"backup", "Vault"});
+    ASSERT_EQ(backup.code, 0) << backup.err;
+    auto check = at(fresh, {"check", "Vault", "--read-data"});
+    EXPECT_EQ(check.code, 0) << check.out << check.err;
+}
+
+// check reads every stored copy back: a flipped byte, a cut-off file and a lost older
+// version are each named, and only a whole store answers 0. storeRoot is the folder on
+// this disk that holds the store's files.
+void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
+    cli.setEnv("CIRROVAULT_PASSPHRASE=open sesame");
+    FileSystem::createDirectories(home.file("Documents/notes"));
+    auto edit = [&](const std::string& text, double age) {
+        write("Documents/notes/n.txt", text);
+        FileSystem::setModifyTime(home.file("Documents/notes/n.txt"), Date::now().addingTimeInterval(-age));
+    };
+    edit("first", 3000);
+    ASSERT_EQ(run({"task", "new", "Vault", "--source", home.file("Documents"), "--encrypt"}).code, 0);
+    edit("second, longer", 2000);
+    ASSERT_EQ(run({"backup", "Vault"}).code, 0);
+    edit("third", 1000);
+    ASSERT_EQ(run({"backup", "Vault"}).code, 0);
+
+    auto whole = run({"check", "Vault", "--read-data", "--compare"});
+    ASSERT_EQ(whole.code, 0) << whole.out << whole.err;
+    EXPECT_NE(whole.out.find("3 files and 2 older versions checked"), std::string::npos) << whole.out;
+    write("Documents/letters/c.txt", "not backed up yet");
+    auto newer = run({"check", "Vault", "--compare"});
+    EXPECT_EQ(newer.code, 1);
+    EXPECT_NE(newer.out.find("Vault: Documents/letters/c.txt: not stored as it is in the source"), std::string::npos)
+        << newer.out;
+
+    std::string a, b, n0;
+    std::vector<std::string> stored;
+    walk(storeRoot, stored, "/Vault/");
+    for (const auto& entry : stored) {
+        std::string path = entry.substr(0, entry.rfind('='));
+        if (path.ends_with("/Documents/a.txt"))
+            a = path;
+        else if (path.ends_with("/Documents/letters/b.txt"))
+            b = path;
+        else if (path.ends_with("/notes/n0.txt"))
+            n0 = path;
+    }
+    ASSERT_FALSE(a.empty() || b.empty() || n0.empty());
+    std::string bytes = FileSystem::readFile(a).value_or("");
+    bytes[bytes.size() / 2] ^= 0x20;
+    ASSERT_TRUE(FileSystem::writeFileAtomically(a, bytes));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(b, FileSystem::readFile(b).value_or("").substr(0, 150000)));
+    ASSERT_TRUE(FileSystem::removeItem(n0));
+
+    auto listed = run({"check", "Vault"});
+    EXPECT_EQ(listed.code, 1) << listed.out;
+    EXPECT_NE(listed.out.find("Documents/notes/n.txt: older version 0 is missing"), std::string::npos) << listed.out;
+    auto found = run({"--json", "check", "--read-data"});
+    EXPECT_EQ(found.code, 1) << found.out;
+    for (const char* named : {"{\"path\":\"Documents/a.txt\",\"problem\":\"cannot be read back: The file on the server is damaged.\"}",
+                              "{\"path\":\"Documents/letters/b.txt\",\"problem\":\"cannot be read back",
+                              "{\"path\":\"Documents/notes/n.txt\",\"problem\":\"older version 0 is missing"})
+        EXPECT_NE(found.out.find(named), std::string::npos) << named << "\n" << found.out;
+    EXPECT_NE(found.out.find("\"ok\":false"), std::string::npos);
+}
+
+TEST_F(CliEndToEnd, CheckNamesDamageOnTheLocalStore) {
+    checkNamesDamage(home.dataHome() + "/cirrovault/store");
+}
+
+TEST_F(CliEndToEnd, CheckNamesDamageOnApache) {
+    WebDavTestServer server(WebDavTestServer::Kind::Apache, home.file("server"), {{"alice", "correct horse"}});
+    ASSERT_TRUE(server.running());
+    service = {"--service", server.url("{user}/")};
+    checkNamesDamage(server.dataFolder());
 }
 
 // A second run for the same folder reuses its task; a scheduled task is not run at once.
@@ -305,6 +447,26 @@ TEST_F(CliEndToEnd, InterruptedBackupEndsCleanlyAndTheNextRunCompletesIt) {
         std::string name = "/part" + std::to_string(i) + ".bin";
         EXPECT_TRUE(read("back/Big" + name) == read("Big" + name)) << name;
     }
+}
+
+// SIGINT stops a restore in the middle of a file, and no half-written file is left.
+TEST_F(CliEndToEnd, InterruptedRestoreLeavesNoPartialFile) {
+    FileSystem::createDirectories(home.file("Big"));
+    write("Big/large.bin", std::string(256 << 20, 'x'));
+    write("Big/z.txt", "after the large one");
+    ASSERT_EQ(run({"task", "new", "Big", "--source", home.file("Big")}).code, 0);
+    pid_t restore = cli.start({"--user", "alice", "restore", "Big", "--to", home.file("back")});
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!FileSystem::exists(home.file("back/Big")) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    kill(restore, SIGINT);
+    auto stopped = cli.finish(restore);
+    if (stopped.code == 0)
+        GTEST_SKIP() << "the restore ended before Ctrl-C reached it";
+    EXPECT_EQ(stopped.code, 5) << stopped.err;
+    EXPECT_NE(stopped.err.find("the restore was cancelled; 0 of 2 files restored"), std::string::npos) << stopped.err;
+    EXPECT_EQ(FileSystem::listDirectory(home.file("back/Big")).value_or(std::vector<std::string>{}),
+              std::vector<std::string>{});
 }
 
 // One engine per account: a second one says who runs and what to do; SIGTERM stops the

@@ -138,6 +138,48 @@ TEST(TerminalBackendThread, PseudoTerminalKeysPressButtons) {
     ::close(master);
 }
 
+// Cancel's confirmation is asked while the window holds the keys raw: it waits for the
+// answer typed as a line instead of taking the default at once.
+TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
+    int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(::grantpt(master), 0);
+    ASSERT_EQ(::unlockpt(master), 0);
+    int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
+    {
+        TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
+        TerminalMessagebox box(slave, slave);
+        auto window = backend.createWindow(ViewLayout::DownloadProgressWindow);
+        int answer = 0;
+        window->setAction(ViewButton::Cancel, [&] {
+            answer = box.showMessage("", "Stop restoring?", MessageboxStyle::YesNo);
+            backend.abortModal(*window);
+        });
+        window->setAction(ViewEvent::Shown, [&] { ::write(master, "c", 1); });
+        Thread typist([&] {
+            std::string seen;
+            char buffer[512];
+            for (int i = 0; i < 500 && seen.find("Stop restoring?") == std::string::npos; ++i) {
+                ::usleep(10000);
+                int flags = ::fcntl(master, F_GETFL);
+                ::fcntl(master, F_SETFL, flags | O_NONBLOCK);
+                ssize_t n = ::read(master, buffer, sizeof buffer);
+                ::fcntl(master, F_SETFL, flags);
+                if (n > 0)
+                    seen.append(buffer, static_cast<size_t>(n));
+            }
+            ::write(master, "y\n", 2);
+        });
+        typist.start();
+        backend.runModal(window);
+        typist.join();
+        EXPECT_EQ(answer, MessageboxAnswer::Yes);
+    }
+    ::close(slave);
+    ::close(master);
+}
+
 TEST(TerminalMessageboxTest, WithoutTerminalAnswersConfiguredDefaults) {
     Pipe input, output;
     TerminalMessagebox box(input.in(), output.out());

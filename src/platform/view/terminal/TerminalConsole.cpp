@@ -33,18 +33,37 @@ void TerminalConsole::write(int fd, const std::string& text) {
 }
 
 std::optional<std::string> TerminalConsole::readLine(int fd) {
+    // A question asked while a window holds the keys in raw mode (a Cancel confirmation)
+    // would find no line and take its default at once: the answer is typed and seen as
+    // a line, and the window's mode comes back afterwards.
+    termios saved{};
+    bool lineMode = ::tcgetattr(fd, &saved) == 0 && !(saved.c_lflag & ICANON);
+    if (lineMode) {
+        termios typed = saved;
+        typed.c_lflag |= ICANON | ECHO | ISIG;
+        ::tcsetattr(fd, TCSANOW, &typed);
+    }
     std::string line;
+    std::optional<std::string> answer;
     char c = 0;
     for (;;) {
         ssize_t n = ::read(fd, &c, 1);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
-            return line.empty() ? std::nullopt : std::optional<std::string>(line);
-        if (c == '\n' || c == '\r')
-            return line;
+        if (n <= 0) {
+            if (!line.empty())
+                answer = line;
+            break;
+        }
+        if (c == '\n' || c == '\r') {
+            answer = line;
+            break;
+        }
         line.push_back(c);
     }
+    if (lineMode)
+        ::tcsetattr(fd, TCSANOW, &saved);
+    return answer;
 }
 
 std::optional<char> TerminalConsole::readKey(int fd) {
