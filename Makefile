@@ -3,7 +3,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= 2
 CMAKE = cmake -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 
-.PHONY: deps build run test test-asan test-tsan ci clean
+.PHONY: deps build run test test-asan test-tsan fuzz ci clean
 
 deps:
 	bash scripts/install-deps.sh
@@ -32,7 +32,16 @@ test-tsan: deps
 	TSAN_OPTIONS=halt_on_error=1 setarch $$(uname -m) -R \
 	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R 'Concurrency|Thread'
 
-ci: test test-asan test-tsan
+# The libFuzzer harnesses (clang, address + undefined): the seeds once each, then
+# FUZZ_SECONDS of new inputs per fuzzer.
+FUZZ_SECONDS ?= 20
+fuzz: deps
+	cmake -G Ninja -S . -B build-fuzz -DCMAKE_BUILD_TYPE= -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCV_BUILD_FUZZ=ON -DCV_BUILD_TESTS=OFF
+	cmake --build build-fuzz -j $(JOBS) --target fuzzers
+	FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_JOBS=$(JOBS) bash tests/fuzz/run.sh build-fuzz
+
+ci: test test-asan test-tsan fuzz
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz

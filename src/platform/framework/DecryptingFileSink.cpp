@@ -8,8 +8,10 @@
 namespace cirrovault {
 
 DecryptingFileSink::DecryptingFileSink(std::unique_ptr<LocalFileSink> target,
-                                       std::string passPhrase)
-    : target_(std::move(target)), passPhrase_(std::move(passPhrase)) {
+                                       std::string passPhrase,
+                                       std::vector<std::string> boundNames, Date modifyTime)
+    : target_(std::move(target)), passPhrase_(std::move(passPhrase)),
+      boundNames_(std::move(boundNames)), modifyTime_(modifyTime) {
     if (!target_)
         error_ = ResultCode::LocalFileError;
 }
@@ -28,9 +30,11 @@ bool DecryptingFileSink::openHeader() {
     keys_ = FileCrypto::keysFor(passPhrase_, header_);
     if (!keys_)
         return fail(ResultCode::Failure);
-    if (!FileCrypto::checkKey(headerBytes_.data(), *keys_))
+    if (!FileCrypto::checkKey(headerBytes_.data(), header_, *keys_))
         return fail(ResultCode::WrongPassPhrase);
-    crypto_generichash_init(&mac_, keys_->mac, FileCrypto::KeySize, FileCrypto::TrailerSize);
+    crypto_generichash_init(&mac_, keys_->mac, FileCrypto::KeySize,
+                            header_.format == FileCrypto::Format::Bound ? FileCrypto::MacSize
+                                                                        : FileCrypto::TrailerSize);
     crypto_generichash_update(&mac_, headerBytes_.data(), headerBytes_.size());
     return true;
 }
@@ -63,15 +67,40 @@ bool DecryptingFileSink::write(const char* buffer, size_t n) {
     return true;
 }
 
+bool DecryptingFileSink::bindingMatches(const unsigned char* contentMac) const {
+    const unsigned char* stored = pending_.data() + FileCrypto::MacSize;
+    const int64_t second = FileCrypto::bindingSecond(modifyTime_);
+    for (const auto& name : boundNames_) {
+        // A second either way: the stores round a time they keep, and a time near a
+        // whole second may come back on the other side of it.
+        for (int64_t s : {second, second - 1, second + 1}) {
+            auto tag = FileCrypto::bindingTag(*keys_, contentMac, name, s);
+            if (crypto_verify_32(tag.data(), stored) == 0)
+                return true;
+        }
+    }
+    return false;
+}
+
 bool DecryptingFileSink::finish() {
     if (error_ != ResultCode::Success)
         return false;
     if (headerFill_ < FileCrypto::HeaderSize || pending_.size() != FileCrypto::TrailerSize)
         return fail(ResultCode::DamagedFile);
     unsigned char mac[FileCrypto::TrailerSize];
-    crypto_generichash_final(&mac_, mac, sizeof mac);
-    if (crypto_verify_64(mac, pending_.data()) != 0)
-        return fail(ResultCode::DamagedFile);
+    if (header_.format == FileCrypto::Format::Unbound) {
+        crypto_generichash_final(&mac_, mac, FileCrypto::TrailerSize);
+        if (crypto_verify_64(mac, pending_.data()) != 0)
+            return fail(ResultCode::DamagedFile);
+    } else {
+        crypto_generichash_final(&mac_, mac, FileCrypto::MacSize);
+        if (crypto_verify_32(mac, pending_.data()) != 0)
+            return fail(ResultCode::DamagedFile);
+        if (!bindingMatches(mac)) {
+            misplaced_ = true;
+            return fail(ResultCode::DamagedFile);
+        }
+    }
     if (!target_->finish())
         return fail(ResultCode::LocalFileError);
     return true;

@@ -10,6 +10,7 @@ namespace cirrovault {
 
 std::unique_ptr<EncryptingFileSource> EncryptingFileSource::open(const std::string& path,
                                                                  const std::string& passPhrase,
+                                                                 const std::string& boundName,
                                                                  int64_t& code) {
     std::unique_ptr<EncryptingFileSource> source(new EncryptingFileSource());
     source->plain_ = LocalFileSource::open(path);
@@ -17,6 +18,7 @@ std::unique_ptr<EncryptingFileSource> EncryptingFileSource::open(const std::stri
         code = ResultCode::LocalFileError;
         return nullptr;
     }
+    source->boundName_ = boundName;
     source->header_ = FileCrypto::newHeader(passPhrase);
     // The same unchanged file gets the same nonce again in this process, so a retry
     // produces identical bytes and the store can continue its ".part".
@@ -38,7 +40,7 @@ std::unique_ptr<EncryptingFileSource> EncryptingFileSource::open(const std::stri
 }
 
 void EncryptingFileSource::restart() {
-    crypto_generichash_init(&mac_, keys_->mac, FileCrypto::KeySize, FileCrypto::TrailerSize);
+    crypto_generichash_init(&mac_, keys_->mac, FileCrypto::KeySize, FileCrypto::MacSize);
     position_ = 0;
 }
 
@@ -55,6 +57,13 @@ bool EncryptingFileSource::seek(uint64_t offset) {
     return true;
 }
 
+void EncryptingFileSource::makeTrailer() {
+    crypto_generichash_final(&mac_, trailer_.data(), FileCrypto::MacSize);
+    auto tag = FileCrypto::bindingTag(*keys_, trailer_.data(), boundName_,
+                                      FileCrypto::bindingSecond(plain_->modifyTime()));
+    std::memcpy(trailer_.data() + FileCrypto::MacSize, tag.data(), tag.size());
+}
+
 int64_t EncryptingFileSource::read(char* buffer, size_t n) {
     const uint64_t bodyEnd = FileCrypto::HeaderSize + plain_->size();
     auto* out = reinterpret_cast<unsigned char*>(buffer);
@@ -66,7 +75,7 @@ int64_t EncryptingFileSource::read(char* buffer, size_t n) {
         crypto_generichash_update(&mac_, out, take);
         position_ += take;
         if (position_ == bodyEnd) // an empty file: the trailer follows the header
-            crypto_generichash_final(&mac_, trailer_.data(), trailer_.size());
+            makeTrailer();
         return static_cast<int64_t>(take);
     }
     if (position_ < bodyEnd) {
@@ -79,7 +88,7 @@ int64_t EncryptingFileSource::read(char* buffer, size_t n) {
         crypto_generichash_update(&mac_, out, static_cast<size_t>(got));
         position_ += static_cast<uint64_t>(got);
         if (position_ == bodyEnd)
-            crypto_generichash_final(&mac_, trailer_.data(), trailer_.size());
+            makeTrailer();
         return got;
     }
     size_t into = static_cast<size_t>(position_ - bodyEnd);

@@ -18,9 +18,12 @@ namespace cirrovault {
 // store resume an interrupted encrypted upload from its ".part".
 class EncryptingFileSource : public ByteSource {
 public:
+    // The stored form of the local file at path, bound to boundName (its name relative
+    // to its task) and to the local file's modification time, which the store keeps.
     // nullptr with code LocalFileError (unreadable file) or Failure (key derivation).
     static std::unique_ptr<EncryptingFileSource> open(const std::string& path,
                                                       const std::string& passPhrase,
+                                                      const std::string& boundName,
                                                       int64_t& code);
 
     uint64_t size() const override { return plain_->size() + FileCrypto::Overhead; }
@@ -33,6 +36,7 @@ public:
 private:
     EncryptingFileSource() = default;
     void restart();
+    void makeTrailer();
 
     std::unique_ptr<LocalFileSource> plain_;
     std::shared_ptr<const FileCrypto::Keys> keys_;
@@ -40,6 +44,7 @@ private:
     std::array<unsigned char, FileCrypto::HeaderSize> headerBytes_{};
     std::array<unsigned char, FileCrypto::TrailerSize> trailer_{};
     crypto_generichash_state mac_{};
+    std::string boundName_;
     uint64_t position_ = 0;
     std::string tag_;
 };

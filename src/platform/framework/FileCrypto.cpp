@@ -1,5 +1,6 @@
 #include "platform/framework/FileCrypto.h"
 
+#include <cmath>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -11,16 +12,22 @@ namespace cirrovault {
 
 namespace {
 
-constexpr unsigned char Magic[4] = {'C', 'V', 'E', '1'};
+constexpr unsigned char Magic[3] = {'C', 'V', 'E'};
+constexpr unsigned char FormatUnbound = '1';
+constexpr unsigned char FormatBound = '2';
 constexpr unsigned char KdfArgon2id = 2;
 constexpr char KdfContext[crypto_kdf_CONTEXTBYTES + 1] = "cvfile01";
-// Costs accepted in a stored header: enough room for stronger settings later, but a
-// damaged or hostile header cannot make us spend minutes or gigabytes.
-constexpr uint32_t MaxOpsLimit = 16;
+// The costs newHeader writes are also the most a stored header may ask for: a damaged
+// or hostile header must not make a restore spend seconds or gigabytes.
+constexpr uint32_t WrittenOpsLimit = crypto_pwhash_OPSLIMIT_INTERACTIVE;
+constexpr uint32_t WrittenMemKiB = crypto_pwhash_MEMLIMIT_INTERACTIVE / 1024;
 constexpr uint32_t MinMemKiB = 8;
-constexpr uint32_t MaxMemKiB = 1024 * 1024;
+constexpr size_t CheckedHeaderBytes = 56; // what the header check covers
 constexpr size_t CacheLimit = 64;
 constexpr size_t NonceCacheLimit = 4096;
+// A version name is its original with a number put in; more digits than this are not
+// a number the history ever gives.
+constexpr size_t MaxVersionDigits = 10;
 
 void ensureSodium() {
     static const int ready = sodium_init();
@@ -38,6 +45,11 @@ uint32_t getU32(const unsigned char* p) {
     for (int i = 0; i < 4; ++i)
         v |= static_cast<uint32_t>(p[i]) << (8 * i);
     return v;
+}
+
+void putU64(unsigned char* p, uint64_t v) {
+    for (int i = 0; i < 8; ++i)
+        p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
 // Process-wide caches. Entries are found by a hash keyed with a random per-process key,
@@ -71,25 +83,55 @@ Caches& caches() {
     return c;
 }
 
+void headerCheck(const unsigned char* headerBytes, unsigned char* out) {
+    crypto_generichash(out, 8, headerBytes, CheckedHeaderBytes, nullptr, 0);
+}
+
+void keyCheck(const FileCrypto::Header& header, const unsigned char* headerBytes,
+              const FileCrypto::Keys& keys, unsigned char* out) {
+    // The unbound format checked the key over its header, so a damaged salt or nonce
+    // looked like a wrong pass phrase; the bound one checks the key alone.
+    if (header.format == FileCrypto::Format::Unbound)
+        crypto_generichash(out, 8, headerBytes, 56, keys.check, FileCrypto::KeySize);
+    else
+        crypto_generichash(out, 8, nullptr, 0, keys.check, FileCrypto::KeySize);
+}
+
+std::vector<std::string> splitServerPath(const std::string& path) {
+    std::vector<std::string> parts;
+    size_t at = 0;
+    while (at <= path.size()) {
+        size_t end = path.find('\\', at);
+        if (end == std::string::npos)
+            end = path.size();
+        if (end > at)
+            parts.push_back(path.substr(at, end - at));
+        at = end + 1;
+    }
+    return parts;
+}
+
 } // namespace
 
 FileCrypto::Keys::Keys() {
     sodium_memzero(cipher, sizeof cipher);
     sodium_memzero(mac, sizeof mac);
     sodium_memzero(check, sizeof check);
+    sodium_memzero(bind, sizeof bind);
 }
 
 FileCrypto::Keys::~Keys() {
     sodium_memzero(cipher, sizeof cipher);
     sodium_memzero(mac, sizeof mac);
     sodium_memzero(check, sizeof check);
+    sodium_memzero(bind, sizeof bind);
 }
 
 FileCrypto::Header FileCrypto::newHeader(const std::string& passPhrase) {
     Caches& c = caches();
     Header h;
-    h.opsLimit = static_cast<uint32_t>(crypto_pwhash_OPSLIMIT_INTERACTIVE);
-    h.memLimitKiB = static_cast<uint32_t>(crypto_pwhash_MEMLIMIT_INTERACTIVE / 1024);
+    h.opsLimit = WrittenOpsLimit;
+    h.memLimitKiB = WrittenMemKiB;
     {
         std::lock_guard lock(c.mutex);
         std::string id = c.lookup(passPhrase);
@@ -130,6 +172,7 @@ std::shared_ptr<const FileCrypto::Keys> FileCrypto::keysFor(const std::string& p
     crypto_kdf_derive_from_key(keys->cipher, KeySize, 1, KdfContext, master);
     crypto_kdf_derive_from_key(keys->mac, KeySize, 2, KdfContext, master);
     crypto_kdf_derive_from_key(keys->check, KeySize, 3, KdfContext, master);
+    crypto_kdf_derive_from_key(keys->bind, KeySize, 4, KdfContext, master);
     sodium_memzero(master, sizeof master);
     std::lock_guard lock(c.mutex);
     if (c.keys.size() >= CacheLimit)
@@ -141,34 +184,54 @@ std::shared_ptr<const FileCrypto::Keys> FileCrypto::keysFor(const std::string& p
 std::array<unsigned char, FileCrypto::HeaderSize> FileCrypto::encodeHeader(const Header& header,
                                                                            const Keys& keys) {
     std::array<unsigned char, HeaderSize> out{};
-    std::memcpy(out.data(), Magic, 4);
+    std::memcpy(out.data(), Magic, 3);
+    out[3] = FormatBound;
     out[4] = KdfArgon2id;
-    putU32(out.data() + 8, header.opsLimit);
-    putU32(out.data() + 12, header.memLimitKiB);
-    std::memcpy(out.data() + 16, header.salt.data(), SaltSize);
-    std::memcpy(out.data() + 32, header.nonce.data(), NonceSize);
-    crypto_generichash(out.data() + 56, 8, out.data(), 56, keys.check, KeySize);
+    out[5] = static_cast<unsigned char>(header.opsLimit);
+    const uint32_t memMiB = header.memLimitKiB / 1024;
+    out[6] = static_cast<unsigned char>(memMiB);
+    out[7] = static_cast<unsigned char>(memMiB >> 8);
+    std::memcpy(out.data() + 8, header.salt.data(), SaltSize);
+    std::memcpy(out.data() + 24, header.nonce.data(), NonceSize);
+    keyCheck(header, out.data(), keys, out.data() + 48);
+    headerCheck(out.data(), out.data() + CheckedHeaderBytes);
     return out;
 }
 
 bool FileCrypto::decodeHeader(const unsigned char* bytes, Header& header) {
-    if (std::memcmp(bytes, Magic, 4) != 0 || bytes[4] != KdfArgon2id || bytes[5] != 0 ||
-        bytes[6] != 0 || bytes[7] != 0)
+    if (std::memcmp(bytes, Magic, 3) != 0 || bytes[4] != KdfArgon2id)
         return false;
-    header.opsLimit = getU32(bytes + 8);
-    header.memLimitKiB = getU32(bytes + 12);
-    if (header.opsLimit < crypto_pwhash_OPSLIMIT_MIN || header.opsLimit > MaxOpsLimit ||
-        header.memLimitKiB < MinMemKiB || header.memLimitKiB > MaxMemKiB)
+    if (bytes[3] == FormatBound) {
+        unsigned char expected[8];
+        headerCheck(bytes, expected);
+        if (std::memcmp(expected, bytes + CheckedHeaderBytes, sizeof expected) != 0)
+            return false;
+        header.format = Format::Bound;
+        header.opsLimit = bytes[5];
+        header.memLimitKiB = (static_cast<uint32_t>(bytes[6]) | static_cast<uint32_t>(bytes[7]) << 8) * 1024;
+        std::memcpy(header.salt.data(), bytes + 8, SaltSize);
+        std::memcpy(header.nonce.data(), bytes + 24, NonceSize);
+    } else if (bytes[3] == FormatUnbound) {
+        if (bytes[5] != 0 || bytes[6] != 0 || bytes[7] != 0)
+            return false;
+        header.format = Format::Unbound;
+        header.opsLimit = getU32(bytes + 8);
+        header.memLimitKiB = getU32(bytes + 12);
+        std::memcpy(header.salt.data(), bytes + 16, SaltSize);
+        std::memcpy(header.nonce.data(), bytes + 32, NonceSize);
+    } else {
         return false;
-    std::memcpy(header.salt.data(), bytes + 16, SaltSize);
-    std::memcpy(header.nonce.data(), bytes + 32, NonceSize);
-    return true;
+    }
+    return header.opsLimit >= crypto_pwhash_OPSLIMIT_MIN && header.opsLimit <= WrittenOpsLimit &&
+           header.memLimitKiB >= MinMemKiB && header.memLimitKiB <= WrittenMemKiB;
 }
 
-bool FileCrypto::checkKey(const unsigned char* headerBytes, const Keys& keys) {
+bool FileCrypto::checkKey(const unsigned char* headerBytes, const Header& header,
+                          const Keys& keys) {
     unsigned char expected[8];
-    crypto_generichash(expected, sizeof expected, headerBytes, 56, keys.check, KeySize);
-    return sodium_memcmp(expected, headerBytes + 56, sizeof expected) == 0;
+    keyCheck(header, headerBytes, keys, expected);
+    const size_t at = header.format == Format::Unbound ? 56 : 48;
+    return sodium_memcmp(expected, headerBytes + at, sizeof expected) == 0;
 }
 
 void FileCrypto::applyKeyStream(unsigned char* data, size_t n, uint64_t offset,
@@ -190,6 +253,67 @@ void FileCrypto::applyKeyStream(unsigned char* data, size_t n, uint64_t offset,
     if (n > 0)
         crypto_stream_xchacha20_xor_ic(data, data, n, header.nonce.data(), offset / 64,
                                        keys.cipher);
+}
+
+std::array<unsigned char, FileCrypto::MacSize> FileCrypto::bindingTag(
+    const Keys& keys, const unsigned char* contentMac, const std::string& name,
+    int64_t modifySecond) {
+    crypto_generichash_state st;
+    crypto_generichash_init(&st, keys.bind, KeySize, MacSize);
+    crypto_generichash_update(&st, contentMac, MacSize);
+    unsigned char numbers[16];
+    putU64(numbers, name.size());
+    putU64(numbers + 8, static_cast<uint64_t>(modifySecond));
+    crypto_generichash_update(&st, numbers, 8);
+    crypto_generichash_update(&st, reinterpret_cast<const unsigned char*>(name.data()), name.size());
+    crypto_generichash_update(&st, numbers + 8, 8);
+    std::array<unsigned char, MacSize> tag;
+    crypto_generichash_final(&st, tag.data(), tag.size());
+    return tag;
+}
+
+int64_t FileCrypto::bindingSecond(Date modifyTime) {
+    double seconds = std::floor(modifyTime.timeIntervalSince1970());
+    // Out-of-range times (a damaged listing) bind as 0 rather than overflow.
+    if (!(seconds > -9.2e18 && seconds < 9.2e18))
+        return 0;
+    return static_cast<int64_t>(seconds);
+}
+
+std::vector<std::string> FileCrypto::boundNames(const std::string& serverPath,
+                                                const std::string& encryptionFolder,
+                                                const std::string& historyFolder) {
+    std::vector<std::string> parts = splitServerPath(serverPath);
+    if (parts.size() < 2 || parts[0] != encryptionFolder)
+        return {};
+    auto join = [&](size_t from) {
+        std::string name;
+        for (size_t i = from; i < parts.size(); ++i)
+            name += (i > from ? "\\" : "") + parts[i];
+        return name;
+    };
+    // "\Enc\name": a file outside any task folder is bound to its own name.
+    if (parts.size() == 2)
+        return {parts[1]};
+    if (parts[1] != historyFolder || parts.size() < 4)
+        return {join(2)};
+    // A version: its folder is the original's, its name the original's with a number
+    // put in before an extension dot or at the end.
+    std::string folder = join(3);
+    const std::string version = parts.back();
+    folder.resize(folder.size() - version.size());
+    std::vector<std::string> names;
+    for (size_t end = 1; end <= version.size(); ++end) {
+        if (end < version.size() && version[end] != '.')
+            continue;
+        size_t begin = end;
+        while (begin > 1 && end - begin < MaxVersionDigits && version[begin - 1] >= '0' &&
+               version[begin - 1] <= '9') {
+            --begin;
+            names.push_back(folder + version.substr(0, begin) + version.substr(end));
+        }
+    }
+    return names;
 }
 
 std::array<unsigned char, FileCrypto::NonceSize> FileCrypto::nonceForContent(

@@ -4,12 +4,16 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/framework/CurlHandleController.h"
 #include "platform/framework/DecryptingFileSink.h"
 #include "platform/framework/EncryptingFileSource.h"
+#include "platform/framework/FileCrypto.h"
 #include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
 #include "platform/framework/LocalFileSink.h"
 #include "platform/framework/LocalFileSource.h"
 #include "platform/framework/PasswordMan.h"
@@ -31,6 +35,13 @@ std::string passPhraseFor(const TransferInfo& transferInfo, const std::string& p
     if (!transferInfo.passPhrase().empty())
         return transferInfo.passPhrase();
     return PasswordMan().FindPasswordForPath(path).value_or("");
+}
+
+// The names relative to its task an encrypted file at this server path may be bound
+// to; a version in the history folder keeps the name its file had when encrypted.
+std::vector<std::string> boundNamesOf(const std::string& path) {
+    return FileCrypto::boundNames(path, LoadString::GetValueByKey("EncryptionFolder", ""),
+                                  LoadString::GetValueByKey("IDS_HISTFOLDER", ""));
 }
 
 // One transfer as the store sees it. Registers the calling thread with
@@ -121,7 +132,9 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
                 logTransferFailure("UploadFile", ResultCode::WrongPassPhrase, transferInfo);
                 return ResultCode::WrongPassPhrase;
             }
-            auto encrypted = EncryptingFileSource::open(transferInfo.locFile(), passPhrase, code);
+            std::vector<std::string> names = boundNamesOf(*path);
+            auto encrypted = EncryptingFileSource::open(
+                transferInfo.locFile(), passPhrase, names.empty() ? *path : names.front(), code);
             if (encrypted)
                 modifyTime = encrypted->modifyTime();
             source = std::move(encrypted);
@@ -212,10 +225,18 @@ int64_t TransferApiUtil::DownloadFile(TransferInfo& transferInfo) {
         }
         TransferWatch watch(progress);
         if (encrypted) {
-            DecryptingFileSink sink(std::move(file), passPhrase);
+            std::vector<std::string> names = boundNamesOf(*path);
+            if (names.empty())
+                names.push_back(*path);
+            DecryptingFileSink sink(std::move(file), passPhrase, std::move(names),
+                                    item.modifyTime);
             code = store->get(*path, sink, &watch);
             if (sink.error() != ResultCode::Success && code != ResultCode::Cancelled)
                 code = sink.error();
+            if (sink.misplaced())
+                SystemLog::write("Error: \"" + *path +
+                                 "\" holds an intact encrypted file made for another name or "
+                                 "an earlier time: the store swapped or put back a file");
         } else {
             code = store->get(*path, *file, &watch);
             if (code != ResultCode::Success)

@@ -3,10 +3,12 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sodium.h>
 
 #include "common/TempHome.h"
 #include "platform/framework/DecryptingFileSink.h"
 #include "platform/framework/EncryptingFileSource.h"
+#include "platform/framework/FileCrypto.h"
 #include "platform/framework/LocalFileSink.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/os/FileSystem.h"
@@ -35,27 +37,39 @@ protected:
         }
     }
 
-    std::string encrypt(const std::string& path, const std::string& phrase) {
+    // The stored form of a local file, bound to name and to the file's time, which is
+    // set to Written first.
+    std::string encrypt(const std::string& path, const std::string& phrase,
+                        const std::string& name = "Docs\\plain") {
+        EXPECT_TRUE(FileSystem::setModifyTime(path, Written));
         int64_t code = -1;
-        auto source = EncryptingFileSource::open(path, phrase, code);
+        auto source = EncryptingFileSource::open(path, phrase, name, code);
         EXPECT_EQ(code, ResultCode::Success);
         return source ? readAll(*source) : "";
     }
 
-    // Feeds stored bytes to a decrypting sink; the code it ends with.
+    // Feeds stored bytes to a decrypting sink that expects one of names and the time
+    // listed; the code it ends with.
     int64_t decrypt(const std::string& stored, const std::string& target,
-                    const std::string& phrase, size_t piece = 5000) {
-        DecryptingFileSink sink(LocalFileSink::open(target, Date(1'500'000'000)), phrase);
+                    const std::string& phrase, std::vector<std::string> names = {"Docs\\plain"},
+                    Date listed = Written, size_t piece = 5000) {
+        DecryptingFileSink sink(LocalFileSink::open(target, Date(1'500'000'000)), phrase,
+                                std::move(names), listed);
+        misplaced_ = false;
         for (size_t at = 0; at < stored.size(); at += piece) {
             if (!sink.write(stored.data() + at, std::min(piece, stored.size() - at)))
                 return sink.error();
         }
-        return sink.finish() ? ResultCode::Success : sink.error();
+        bool done = sink.finish();
+        misplaced_ = sink.misplaced();
+        return done ? ResultCode::Success : sink.error();
     }
 
     size_t entriesInHome() { return FileSystem::listDirectory(home_.path())->size(); }
 
+    static constexpr Date Written{1'600'000'000.25};
     test::TempHome home_;
+    bool misplaced_ = false;
 };
 
 std::string patterned(size_t size) {
@@ -86,8 +100,8 @@ TEST_F(FileCryptoTest, RoundTripOfEverySizeIsExactlyOneHundredTwentyEightBytesLo
 TEST_F(FileCryptoTest, SameUnchangedFileGivesTheSameBytesAndSeeksResume) {
     std::string path = writeFile("plain", patterned(200'000));
     int64_t code = 0;
-    auto first = EncryptingFileSource::open(path, "phrase", code);
-    auto second = EncryptingFileSource::open(path, "phrase", code);
+    auto first = EncryptingFileSource::open(path, "phrase", "p", code);
+    auto second = EncryptingFileSource::open(path, "phrase", "p", code);
     ASSERT_TRUE(first && second);
     EXPECT_EQ(first->resumeTag(), second->resumeTag());
     std::string whole = readAll(*first);
@@ -104,15 +118,15 @@ TEST_F(FileCryptoTest, SameUnchangedFileGivesTheSameBytesAndSeeksResume) {
 
     // Other content, or another pass phrase, is never encrypted with the same stream.
     std::string other = writeFile("other", patterned(200'000));
-    auto third = EncryptingFileSource::open(other, "phrase", code);
+    auto third = EncryptingFileSource::open(other, "phrase", "p", code);
     ASSERT_TRUE(third);
     EXPECT_NE(third->resumeTag(), first->resumeTag());
     EXPECT_NE(readAll(*third).substr(64, 64), whole.substr(64, 64));
-    auto fourth = EncryptingFileSource::open(path, "other phrase", code);
+    auto fourth = EncryptingFileSource::open(path, "other phrase", "p", code);
     ASSERT_TRUE(fourth);
     EXPECT_NE(fourth->resumeTag(), first->resumeTag());
 
-    EXPECT_EQ(EncryptingFileSource::open(home_.file("missing"), "phrase", code), nullptr);
+    EXPECT_EQ(EncryptingFileSource::open(home_.file("missing"), "phrase", "p", code), nullptr);
     EXPECT_EQ(code, ResultCode::LocalFileError);
 }
 
@@ -129,21 +143,106 @@ TEST_F(FileCryptoTest, WrongPhraseAndDamageAreRefusedWithoutTouchingTheTarget) {
         EXPECT_EQ(entriesInHome(), entries); // no temporary file left behind
     };
     expectRefused(stored, "wrong", ResultCode::WrongPassPhrase);
-    for (size_t at : {size_t(64), size_t(50'000), stored.size() - 64, stored.size() - 1}) {
+    // Damage anywhere, the salt (8) and nonce (30) included, is damage, not a wrong phrase.
+    for (size_t at : {size_t(0), size_t(5), size_t(8), size_t(30), size_t(50), size_t(60),
+                      size_t(64), size_t(50'000), stored.size() - 64, stored.size() - 1}) {
         SCOPED_TRACE(at);
         std::string damaged = stored;
         damaged[at] ^= 0x01;
         expectRefused(damaged, "right", ResultCode::DamagedFile);
+        EXPECT_EQ(misplaced_, at >= stored.size() - 32); // the binding tag itself
     }
     expectRefused(stored.substr(0, stored.size() - 1), "right", ResultCode::DamagedFile);
     expectRefused(stored.substr(0, 100), "right", ResultCode::DamagedFile);
     expectRefused(stored + "x", "right", ResultCode::DamagedFile);
     expectRefused(plain, "right", ResultCode::DamagedFile); // never encrypted at all
+}
 
-    // A header asking for an absurd key-derivation cost is not obeyed.
-    std::string costly = stored;
-    costly[15] = '\x7f';
-    expectRefused(costly, "right", ResultCode::DamagedFile);
+// A header whose costs were raised and whose header check was made again, as a hostile
+// store would: refused before any key is derived. Derived keys would not pass the key
+// check, so a derivation would end in WrongPassPhrase instead of DamagedFile.
+TEST_F(FileCryptoTest, HeaderAskingMoreThanWeWriteIsRefusedBeforeDerivation) {
+    std::string stored = encrypt(writeFile("plain", "short"), "right");
+    std::string target = home_.file("target");
+    auto withCosts = [&](unsigned char ops, uint16_t memMiB) {
+        std::string bytes = stored;
+        bytes[5] = static_cast<char>(ops);
+        bytes[6] = static_cast<char>(memMiB & 0xff);
+        bytes[7] = static_cast<char>(memMiB >> 8);
+        auto* p = reinterpret_cast<unsigned char*>(bytes.data());
+        crypto_generichash(p + 56, 8, p, 56, nullptr, 0);
+        return bytes;
+    };
+    EXPECT_EQ(decrypt(withCosts(3, 64), target, "right"), ResultCode::DamagedFile);
+    EXPECT_EQ(decrypt(withCosts(2, 65), target, "right"), ResultCode::DamagedFile);
+    EXPECT_EQ(decrypt(withCosts(255, 65535), target, "right"), ResultCode::DamagedFile);
+    EXPECT_EQ(decrypt(withCosts(0, 64), target, "right"), ResultCode::DamagedFile);
+    // Lower costs are derived, and the key check then tells the keys are not the file's.
+    EXPECT_EQ(decrypt(withCosts(1, 8), target, "right"), ResultCode::WrongPassPhrase);
+    EXPECT_EQ(decrypt(withCosts(2, 64), target, "right"), ResultCode::Success);
+
+    // Files written before names were bound ask for the same costs and are refused the same.
+    std::string unbound = *FileSystem::readFile(std::string(CV_SOURCE_ROOT) +
+                                                "/tests/platform/framework/data/unbound-format.cve");
+    ASSERT_EQ(unbound.substr(0, 4), "CVE1");
+    unbound[15] = '\x7f';
+    EXPECT_EQ(decrypt(unbound, target, "legacy phrase", {}), ResultCode::DamagedFile);
+}
+
+TEST_F(FileCryptoTest, AFileOpensOnlyUnderTheNameAndTimeItWasEncryptedFor) {
+    std::string a = encrypt(writeFile("a", "content of a"), "phrase", "Docs\\a.txt");
+    std::string b = encrypt(writeFile("b", "content of b"), "phrase", "Docs\\b.txt");
+    std::string target = home_.file("target");
+
+    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}), ResultCode::Success);
+    EXPECT_EQ(FileSystem::readFile(target), "content of a");
+    // A version is asked for with every name its number could have been put into.
+    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a1.txt", "Docs\\a.txt"}), ResultCode::Success);
+    // The stores round the times they keep: a second either way still opens.
+    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(0.9)),
+              ResultCode::Success);
+    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(-1)),
+              ResultCode::Success);
+
+    // Swapped: b's file under a's name.
+    EXPECT_EQ(decrypt(b, target, "phrase", {"Docs\\a.txt"}), ResultCode::DamagedFile);
+    EXPECT_TRUE(misplaced_);
+    // Put back: an older copy listed with a newer time, or the other way round.
+    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(3600)),
+              ResultCode::DamagedFile);
+    EXPECT_TRUE(misplaced_);
+    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(-2)),
+              ResultCode::DamagedFile);
+    EXPECT_EQ(decrypt(a, target, "phrase", {}), ResultCode::DamagedFile);
+    EXPECT_EQ(FileSystem::readFile(target), "content of a"); // the earlier restore, untouched
+}
+
+TEST_F(FileCryptoTest, FilesWrittenBeforeNamesWereBoundStillOpen) {
+    std::string unbound = *FileSystem::readFile(std::string(CV_SOURCE_ROOT) +
+                                                "/tests/platform/framework/data/unbound-format.cve");
+    std::string target = home_.file("target");
+    ASSERT_EQ(decrypt(unbound, target, "legacy phrase", {"any"}), ResultCode::Success);
+    EXPECT_EQ(FileSystem::readFile(target), "A file encrypted before names were bound.\n");
+    EXPECT_EQ(decrypt(unbound, target, "other phrase"), ResultCode::WrongPassPhrase);
+    unbound[80] ^= 1;
+    EXPECT_EQ(decrypt(unbound, target, "legacy phrase"), ResultCode::DamagedFile);
+}
+
+TEST(FileCryptoNames, BoundNameIsThePathBelowTheTaskAndAVersionKeepsItsOriginal) {
+    auto names = [](const std::string& path) {
+        return FileCrypto::boundNames(path, "Enc", "History");
+    };
+    using V = std::vector<std::string>;
+    EXPECT_EQ(names("\\Enc\\Task\\Docs\\a.txt"), V{"Docs\\a.txt"});
+    EXPECT_EQ(names("\\Enc\\Renamed task\\Docs\\a.txt"), V{"Docs\\a.txt"});
+    EXPECT_EQ(names("\\Enc\\loose.txt"), V{"loose.txt"});
+    EXPECT_EQ(names("\\Enc\\History\\Task\\Docs\\a3.txt"), V{"Docs\\a.txt"});
+    EXPECT_EQ(names("\\Enc\\History\\Task\\a13.tar.gz"),
+              (V{"a1.tar.gz", "a.tar.gz"}));
+    EXPECT_EQ(names("\\Enc\\History\\Task\\Docs\\README"), V{});
+    EXPECT_EQ(names("\\Enc\\History\\Task\\7"), V{}); // no name left without the number
+    EXPECT_EQ(names("\\Plain\\Task\\a.txt"), V{});
+    EXPECT_EQ(names("\\Enc"), V{});
 }
 
 } // namespace

@@ -191,6 +191,49 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
               ResultCode::WrongPassPhrase);
 }
 
+// A store that swaps two encrypted files, or puts an older copy back under the newer
+// listing, is caught on restore with the file named; a version moved into the history
+// still opens, since it stays bound to the name it was encrypted under.
+TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsStillOpen) {
+    for (const char* folder : {"\\Encrypted", "\\Encrypted\\Task", "\\Encrypted\\Task\\Docs",
+                               "\\Encrypted\\History", "\\Encrypted\\History\\Task",
+                               "\\Encrypted\\History\\Task\\Docs"})
+        ASSERT_EQ(api().AddFolder(folder, "", "", false), ResultCode::Success);
+    const std::string a = "\\Encrypted\\Task\\Docs\\a.txt", b = "\\Encrypted\\Task\\Docs\\b.txt";
+    ASSERT_EQ(upload(a, makeFile("a.txt", "first a", 1'600'000'000), nullptr, "p"), ResultCode::Success);
+    ASSERT_EQ(upload(b, makeFile("b.txt", "only b", 1'600'000'000), nullptr, "p"), ResultCode::Success);
+    const std::string firstA = readFile(storedPath("Encrypted/Task/Docs/a.txt"));
+    const std::string target = home_.file("out/restored.txt");
+
+    SystemLog::startCapture();
+    auto swapped = [&](const std::string& bytes) {
+        ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/b.txt"), bytes));
+        ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/b.txt"), Date(1'600'000'000)));
+    };
+    swapped(firstA);
+    EXPECT_EQ(download(b, target, "p"), ResultCode::DamagedFile);
+    EXPECT_TRUE(SystemLog::capturedContains("\"" + b + "\" holds an intact encrypted file made for another name"));
+    EXPECT_FALSE(FileSystem::exists(target));
+
+    // The second backup of a moves the first into the history, where it still opens.
+    ASSERT_EQ(api().EditFile(a, "a3.txt", "", ""), ResultCode::Success);
+    ASSERT_EQ(api().CopyPaths({"\\Encrypted\\Task\\Docs\\a3.txt"}, "\\Encrypted\\History\\Task\\Docs",
+                              nullptr, true),
+              ResultCode::Success);
+    ASSERT_EQ(upload(a, makeFile("a.txt", "second a", 1'700'000'000), nullptr, "p"), ResultCode::Success);
+    ASSERT_EQ(download("\\Encrypted\\History\\Task\\Docs\\a3.txt", target, "p"), ResultCode::Success);
+    EXPECT_EQ(readFile(target), "first a");
+
+    // The first a put back under a, listed with the second's time.
+    ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/a.txt"), firstA));
+    ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/a.txt"), Date(1'700'000'000)));
+    std::string other = home_.file("out/other.txt");
+    EXPECT_EQ(download(a, other, "p"), ResultCode::DamagedFile);
+    EXPECT_TRUE(SystemLog::capturedContains("\"" + a + "\" holds an intact encrypted file"));
+    EXPECT_FALSE(FileSystem::exists(other));
+    SystemLog::stopCapture();
+}
+
 TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
     for (const char* folder : {"\\Task", "\\History", "\\Copies"})
         ASSERT_EQ(api().AddFolder(folder, "", "", false), ResultCode::Success);
