@@ -3,7 +3,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= 2
 CMAKE = cmake -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 
-.PHONY: deps build run test test-asan test-tsan ci clean
+.PHONY: deps build run test test-asan test-tsan kill-campaign ci clean
 
 deps:
 	bash scripts/install-deps.sh
@@ -32,7 +32,11 @@ test-tsan: deps
 	TSAN_OPTIONS=halt_on_error=1 setarch $$(uname -m) -R \
 	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R 'Concurrency|Thread'
 
-ci: test test-asan test-tsan
+# Backups killed with SIGKILL at seeded random points, on the local store and Apache.
+kill-campaign: build
+	KILLS=$${KILLS:-20} SEED=$${SEED:-17} timeout 300 bash scripts/kill-campaign.sh build
+
+ci: test kill-campaign test-asan test-tsan
 
 clean:
 	rm -rf build build-asan build-tsan

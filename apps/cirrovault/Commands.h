@@ -19,5 +19,6 @@ void addBackupCommands(CLI::App& app, Runner& run);  // backup
 void addDaemonCommands(CLI::App& app, Runner& run);  // daemon
 void addRestoreCommands(CLI::App& app, Runner& run); // restore, versions
 void addLogCommands(CLI::App& app, Runner& run);     // log, options
+void addRepairCommands(CLI::App& app, Runner& run);  // repair
 
 } // namespace cirrovault::cli
