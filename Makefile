@@ -3,7 +3,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= 2
 CMAKE = cmake -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 
-.PHONY: deps build run test test-asan test-tsan fuzz ci clean
+.PHONY: deps build run test test-asan test-tsan fuzz kill-campaign ci clean
 
 deps:
 	bash scripts/install-deps.sh
@@ -41,7 +41,11 @@ fuzz: deps
 	cmake --build build-fuzz -j $(JOBS) --target fuzzers
 	FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_JOBS=$(JOBS) bash tests/fuzz/run.sh build-fuzz
 
-ci: test test-asan test-tsan fuzz
+# Backups killed with SIGKILL at seeded random points, on the local store and Apache.
+kill-campaign: build
+	KILLS=$${KILLS:-20} SEED=$${SEED:-17} timeout 300 bash scripts/kill-campaign.sh build
+
+ci: test kill-campaign test-asan test-tsan fuzz
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz

@@ -26,5 +26,6 @@ void addCheckCommands(CLI::App& app, Runner& run);   // check
 // --passphrase-file, and with offerKeep --keep-passphrase, for commands that read an
 // encrypted task's files.
 void addPassPhraseOptions(CLI::App* command, PassPhraseOptions& options, bool offerKeep);
+void addRepairCommands(CLI::App& app, Runner& run);  // repair
 
 } // namespace cirrovault::cli

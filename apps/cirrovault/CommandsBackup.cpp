@@ -45,7 +45,7 @@ HostSession::TaskPtr taskForFolder(HostSession& session, const std::string& fold
 // The folder's name, made unique among the account's tasks.
 std::string freeName(HostSession& session, const std::string& folder) {
     std::string base = CFileInfo::getMacFileName(folder, false);
-    if (base.empty() || !GlobalFunction::ValidNameFmt(base))
+    if (base.empty() || !GlobalFunction::ValidNameFmt(base) || base.size() + 4 > TaskCreation::MaxNameBytes)
         base = "Backup";
     std::string name = base;
     for (int n = 2; session.manager().GetTaskByName(name) || session.wizard().IsCreateTaskValid(name) == 1; ++n)

@@ -66,6 +66,7 @@ int showCommand(const TaskArgs& args, const GlobalOptions& global, const Output&
 
 int newCommand(TaskArgs& args, const GlobalOptions& global, const Output& out) {
     args.input.check();
+    TaskCreation::checkNameLength(args.name);
     if (args.input.absoluteSources.empty())
         throw CliError(Exit::Usage, text("CliNeedSource", "a task needs at least one --source folder"));
     std::string passPhrase;
@@ -146,6 +147,7 @@ int editCommand(TaskArgs& args, const GlobalOptions& global, const Output& out) 
     if (!args.rename.empty() && args.rename != oldName) {
         if (!GlobalFunction::ValidNameFmt(args.rename))
             throw CliError(Exit::Usage, text("CliBadName", "\"{}\" cannot be a task name", args.rename));
+        TaskCreation::checkNameLength(args.rename);
         int taken = session.wizard().IsCreateTaskValid(args.rename);
         if (taken != 0)
             throw CliError(taken == 1 ? Exit::Usage : Exit::Failed,

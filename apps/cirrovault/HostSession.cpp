@@ -154,6 +154,13 @@ void HostSession::logon(bool exclusive) {
                             userName_));
     password_ = *password;
     code = manager().Mylogon(userName_, password_);
+    if (code == ResultCode::StoreDamaged)
+        throw CliError(Exit::Damaged,
+                       text("CliStoreDamaged",
+                            "the records of the store {} are damaged or missing; they are left as they "
+                            "are and your backups are still there. `cirrovault repair` rebuilds the "
+                            "records from the stored files.",
+                            serviceURL_));
     if (code != ResultCode::Success) {
         std::string why = code == ResultCode::Cancelled
                               ? text("CliLogonCancelled", "cancelled")
@@ -162,6 +169,8 @@ void HostSession::logon(bool exclusive) {
                        text("CliLogonRefused", "logon of {} refused: {}", userName_, why));
     }
     loggedOn_ = true;
+    if (!manager().identityProblem.empty())
+        std::fprintf(stderr, "cirrovault: %s\n", manager().identityProblem.c_str());
     UserSettingMan::SetUserInfo(userName_, api.customerID());
     if (!exclusive)
         return;

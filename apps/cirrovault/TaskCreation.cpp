@@ -51,8 +51,16 @@ std::string TaskCreation::askPassPhrase() {
     return *first;
 }
 
+void TaskCreation::checkNameLength(const std::string& name) {
+    if (name.size() > MaxNameBytes)
+        throw CliError(Exit::Usage, text("CliNameTooLong",
+                                         "a task name may be at most {} bytes long; this one has {}",
+                                         MaxNameBytes, name.size()));
+}
+
 HostSession::TaskPtr TaskCreation::create(HostSession& session, const std::string& name,
                                           const TaskInput& input, const std::string& passPhrase) {
+    checkNameLength(name);
     CreateViewXibController& wizard = session.wizard();
     CBackupManage& manager = session.manager();
     StepWatcher watcher;

@@ -16,6 +16,10 @@ public:
     // Throws CliError with the wizard's or the manager's reason.
     static HostSession::TaskPtr create(HostSession& session, const std::string& name,
                                        const TaskInput& input, const std::string& passPhrase);
+    // A task's name becomes a folder name on the service, where longer names (with room
+    // for what the store adds) would fail every run. Throws CliError (bad input).
+    static void checkNameLength(const std::string& name);
+    static constexpr size_t MaxNameBytes = 200;
     // Whether the manager started the task's first run when it registered it.
     static bool firstRunStarted(HostSession& session, const HostSession::TaskPtr& task);
     // CIRROVAULT_PASSPHRASE, else asked twice at a terminal; throws CliError.

@@ -6,6 +6,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "platform/framework/NimboSetting.h"
 #include "platform/os/SystemLog.h"
 
 using namespace cirrovault;
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
     addRestoreCommands(app, run);
     addLogCommands(app, run);
     addCheckCommands(app, run);
+    addRepairCommands(app, run);
 
     try {
         app.parse(argc, argv);
@@ -50,6 +52,15 @@ int main(int argc, char** argv) {
     if (!run) {
         out.error(Exit::Usage, "nothing to do; see --help");
         return Exit::Usage;
+    }
+    // Going on from the defaults would silently switch to another store or account.
+    if (std::string damaged = NimboSetting::DamagedSettingsFile(); !damaged.empty()) {
+        out.error(Exit::Damaged,
+                  text("CliSettingsDamaged",
+                       "the settings file {} cannot be read; it is left as it is. Repair it, or "
+                       "move it away to start again from the defaults.",
+                       damaged));
+        return Exit::Damaged;
     }
     try {
         return run(global, out);

@@ -327,6 +327,62 @@ TEST_F(CliEndToEnd, BadInputIsRefusedAndNothingIsLost) {
     EXPECT_NE(list.out.find("\"name\":\"Docs\""), std::string::npos) << list.out;
 }
 
+// A damaged local file is reported and left as it is; it never makes the commands go on
+// with another store, another account or another identity.
+TEST_F(CliEndToEnd, DamagedLocalFilesNeverSwitchTheData) {
+    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
+    const auto stored = storeFiles();
+    auto tasks = [&] { return run({"--json", "task", "list"}); };
+    auto onlyDocs = [](const std::string& json) {
+        return json.find("\"name\":\"Docs\"") != std::string::npos && json.find("Docs-2") == std::string::npos;
+    };
+
+    const std::string settings = home.configHome() + "/cirrovault/settings.plist";
+    for (const std::string& damaged :
+         {std::string("<plist><dict><key>ServiceURL"),
+          std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Quota</key><string>1") +
+              '\0' + "2</string></dict></plist>"}) {
+        ASSERT_TRUE(FileSystem::writeFileAtomically(settings, damaged));
+        auto refused = tasks();
+        EXPECT_EQ(refused.code, 6) << refused.err;
+        EXPECT_NE(refused.err.find(settings), std::string::npos) << refused.err;
+        EXPECT_EQ(FileSystem::readFile(settings).value_or(""), damaged);
+    }
+    ASSERT_TRUE(FileSystem::removeItem(settings));
+
+    // The identity comes back from its copy: no task of "another computer", no "Docs-2".
+    const std::string identity = home.dataHome() + "/Cirrovault/Cirrovault Online Backup/PCInfo.dat";
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identity, "<plist><dict><key>PC"));
+    auto again = run({"backup", home.file("Documents")});
+    EXPECT_EQ(again.code, 0) << again.err;
+    EXPECT_TRUE(onlyDocs(tasks().out)) << tasks().out;
+    EXPECT_NE(FileSystem::readFile(identity).value_or("").find("PC ID"), std::string::npos);
+
+    // An emptied, then a foreign store.db: refused, the files untouched, until repair
+    // rebuilds the account and its task list from what the store keeps.
+    const std::string db = home.dataHome() + "/cirrovault/store/store.db";
+    for (const std::string& damaged : {std::string(), std::string(8192, 'x')}) {
+        ASSERT_TRUE(FileSystem::writeFileAtomically(db, damaged));
+        auto refused = tasks();
+        EXPECT_EQ(refused.code, 6) << refused.err;
+        EXPECT_NE(refused.err.find("cirrovault repair"), std::string::npos) << refused.err;
+        EXPECT_EQ(FileSystem::readFile(db).value_or("<none>"), damaged);
+        EXPECT_EQ(storeFiles(), stored);
+        auto repaired = run({"repair"});
+        EXPECT_EQ(repaired.code, 0) << repaired.out << repaired.err;
+        auto listed = tasks();
+        EXPECT_EQ(listed.code, 0) << listed.err;
+        EXPECT_TRUE(onlyDocs(listed.out)) << listed.out;
+    }
+    ASSERT_EQ(run({"restore", "Docs", "--to", home.file("back")}).code, 0);
+    EXPECT_EQ(read("back/Documents/a.txt"), "first text of a\n");
+
+    // A name the service could not hold is refused when the task is made.
+    auto tooLong = run({"task", "new", std::string(300, 'n'), "--source", home.file("Documents")});
+    EXPECT_EQ(tooLong.code, 2);
+    EXPECT_NE(tooLong.err.find("at most 200 bytes"), std::string::npos) << tooLong.err;
+}
+
 // Changes to a task reach the service (a fresh process sees them) and old versions can
 // be deleted one at a time.
 TEST_F(CliEndToEnd, EditedTaskAndDeletedVersionsStaySo) {

@@ -1,5 +1,6 @@
 #include <climits>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "engine/manager/CBackupManage.h"
@@ -31,6 +32,18 @@ uint64_t identityNumber(const PropertyList* value) {
     return static_cast<uint64_t>(number);
 }
 
+// The identity a file holds; nothing when it is missing or damaged. An empty record is
+// an identity too (the one we have stays).
+std::optional<PlistDict> readIdentity(const std::string& file) {
+    if (!CFileInfo::isFile(file))
+        return std::nullopt;
+    auto bytes = FileSystem::readFile(file);
+    auto plist = bytes ? PropertyList::parse(*bytes) : std::nullopt;
+    if (!plist || !plist->dict())
+        return std::nullopt;
+    return *plist->dict();
+}
+
 } // namespace
 
 void CBackupManage::initMyID() {
@@ -42,26 +55,43 @@ void CBackupManage::initMyID() {
             CFileInfo::MacPathAppend(CFileInfo::getCurrentUserApplicationPath(), cacheRoot),
             productName);
         std::string file = CFileInfo::MacPathAppend(folder, "PCInfo.dat");
+        // A second copy: every task made here names this identity, and a new one would
+        // make all of them belong to "another computer".
+        std::string copy = CFileInfo::MacPathAppend(folder, "PCInfo.copy");
+        identityProblem.clear();
 
-        if (CFileInfo::isFile(file)) {
-            auto bytes = FileSystem::readFile(file);
-            if (!bytes) {
-                SystemLog::write("Error creating initMyID.");
+        auto stored = readIdentity(file);
+        if (!stored && (CFileInfo::isFile(file) || CFileInfo::isFile(copy))) {
+            if (auto kept = readIdentity(copy)) {
+                // The damaged file is kept aside for a look, not overwritten.
+                if (CFileInfo::isFile(file))
+                    FileSystem::replaceItem(file, file + ".damaged");
+                PropertyListFile::write(file, PropertyList(*kept));
+                SystemLog::write("Error: PCInfo.dat was damaged or missing; restored from " + copy);
+                stored = kept;
+            } else {
+                identityProblem = LoadString::FormatText(
+                    LoadString::GetValueByKey(
+                        "IdentityDamaged",
+                        "this computer's identity {} is damaged and no good copy of it is kept; it is "
+                        "left as it is. Tasks made here now show as made on another computer: `task "
+                        "migrate NAME --to FOLDER` takes each one over, or put back a saved copy of "
+                        "the file."),
+                    file);
+                SystemLog::write("Error: " + identityProblem);
                 return;
             }
+        }
+        if (stored) {
             SystemLog::write("No error creating initMyID.");
-            // A damaged file reads as an empty identity: the one we have stays.
-            auto plist = PropertyList::parse(*bytes);
-            const PlistDict* dict = plist ? plist->dict() : nullptr;
-            if (!dict) {
-                SystemLog::write("Error: PCInfo.dat holds no identity: " + file);
+            if (readIdentity(copy) != stored)
+                PropertyListFile::write(copy, PropertyList(*stored));
+            if (stored->empty())
                 return;
-            }
-            if (dict->empty())
-                return;
-            const PropertyList* name = plist->find(kPCNameKey);
+            PropertyList plist(*stored);
+            const PropertyList* name = plist.find(kPCNameKey);
             pcName = name && name->string() ? *name->string() : std::string();
-            pcID = identityNumber(plist->find(kPCIDKey));
+            pcID = identityNumber(plist.find(kPCIDKey));
             return;
         }
 
@@ -75,7 +105,7 @@ void CBackupManage::initMyID() {
         pcName = GlobalFunction::getPCName();
         PropertyList record(PlistDict{{kPCIDKey, PropertyList(std::to_string(identity))},
                                       {kPCNameKey, PropertyList(pcName)}});
-        if (PropertyListFile::write(file, record))
+        if (PropertyListFile::write(file, record) && PropertyListFile::write(copy, record))
             SystemLog::write("No error saving pcINFO data.");
         else
             SystemLog::write("Error saving pcINFO data.");

@@ -50,6 +50,7 @@ public:
     std::vector<TaskPtr> errTaskList;   // guarded by managerLock
     std::vector<TaskPtr> taskList;      // changed and walked under managerLock; owns the tasks
     uint64_t pcID = 0;                  // this computer's identity number
+    std::string identityProblem;        // what went wrong reading the identity; "" when nothing
     std::atomic<bool> bCancelLogon{false};
     std::atomic<bool> bLogOff{false}; // a log-off is under way or done; stops the scheduler
     std::atomic<bool> bExit{false};   // the application is quitting; stops the scheduler

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "platform/framework/PropertyList.h"
+#include "platform/framework/UserSettingMan.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/Host.h"
 
@@ -22,12 +23,21 @@ std::string textOf(const PropertyList& value) {
     return "";
 }
 
+bool isDamaged(const std::string& path) {
+    if (!FileSystem::exists(path))
+        return false;
+    auto plist = PropertyListFile::read(path);
+    return !plist || !plist->isDict();
+}
+
 // Read on every call: the file is small, and another process (the command line
-// beside the daemon) may have changed it.
-PropertyList load(const std::string& path) {
+// beside the daemon) may have changed it. Nothing when it is there but damaged.
+std::optional<PropertyList> load(const std::string& path) {
     auto plist = PropertyListFile::read(path);
     if (plist && plist->isDict())
-        return *plist;
+        return plist;
+    if (FileSystem::exists(path))
+        return std::nullopt;
     return PropertyList(PlistDict{});
 }
 
@@ -37,10 +47,18 @@ std::string NimboSetting::SettingsFilePath() {
     return Host::configFolder() + "/cirrovault/settings.plist";
 }
 
+std::string NimboSetting::DamagedSettingsFile() {
+    std::lock_guard lock(gMutex);
+    for (const std::string& path : {SettingsFilePath(), UserSettingMan::UserSettingFilePath()})
+        if (isDamaged(path))
+            return path;
+    return "";
+}
+
 std::optional<std::string> NimboSetting::GetSetting(const std::string& key) {
     std::lock_guard lock(gMutex);
-    PropertyList settings = load(SettingsFilePath());
-    if (const PropertyList* value = settings.find(key))
+    auto settings = load(SettingsFilePath());
+    if (const PropertyList* value = settings ? settings->find(key) : nullptr)
         return textOf(*value);
     return std::nullopt;
 }
@@ -53,19 +71,23 @@ std::string NimboSetting::GetSettingValueForKey(const std::string& key,
 bool NimboSetting::SetSettingValueForKey(const std::string& key, const std::string& value) {
     std::lock_guard lock(gMutex);
     std::string path = SettingsFilePath();
-    PropertyList settings = load(path);
-    (*settings.dict())[key] = PropertyList(value);
+    auto settings = load(path);
+    if (!settings)
+        return false;
+    (*settings->dict())[key] = PropertyList(value);
     FileSystem::createDirectories(Host::configFolder() + "/cirrovault");
-    return PropertyListFile::write(path, settings);
+    return PropertyListFile::write(path, *settings);
 }
 
 bool NimboSetting::RemoveSettingForKey(const std::string& key) {
     std::lock_guard lock(gMutex);
     std::string path = SettingsFilePath();
-    PropertyList settings = load(path);
-    if (settings.dict()->erase(key) == 0)
+    auto settings = load(path);
+    if (!settings)
+        return false;
+    if (settings->dict()->erase(key) == 0)
         return true;
-    return PropertyListFile::write(path, settings);
+    return PropertyListFile::write(path, *settings);
 }
 
 } // namespace cirrovault

@@ -18,6 +18,11 @@ public:
     static bool SetSettingValueForKey(const std::string& key, const std::string& value);
     static bool RemoveSettingForKey(const std::string& key);
     static std::string SettingsFilePath();
+    // The first of this user's settings files (the settings, who logged on here) that is
+    // there but does not read as a dictionary; "" when none is. Such a file is never
+    // written over: reading on from the defaults would silently switch the user's data
+    // to another store or account.
+    static std::string DamagedSettingsFile();
 };
 
 } // namespace cirrovault

@@ -123,6 +123,12 @@ bool looksLikePlist(const std::string& bytes) {
     return bytes.find("<plist") != std::string::npos;
 }
 
+// libplist aborts the process on a NUL byte inside an XML text or key; XML holding one
+// is not read at all.
+bool xmlHoldsNul(const std::string& bytes) {
+    return bytes.compare(0, 8, "bplist00") != 0 && bytes.find('\0') != std::string::npos;
+}
+
 } // namespace
 
 std::optional<bool> PropertyList::asBool() const {
@@ -164,7 +170,7 @@ PropertyList* PropertyList::find(const std::string& key) {
 }
 
 std::optional<PropertyList> PropertyList::parse(const std::string& bytes) {
-    if (bytes.empty() || bytes.size() > UINT32_MAX || !looksLikePlist(bytes))
+    if (bytes.empty() || bytes.size() > UINT32_MAX || !looksLikePlist(bytes) || xmlHoldsNul(bytes))
         return std::nullopt;
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);

@@ -29,6 +29,7 @@ inline constexpr int64_t Conflict = 16;        // a concurrent change won; read 
 inline constexpr int64_t NoService = 17;       // no store configured or reachable
 inline constexpr int64_t MailFailed = 18;      // the report could not be sent nor kept
 inline constexpr int64_t Done = 24;            // an upload that had nothing left to send
+inline constexpr int64_t StoreDamaged = 31;    // the store's records are damaged or were replaced
 inline constexpr int64_t SubItemLimit = 73;    // a folder holds too many items
 } // namespace ResultCode
 

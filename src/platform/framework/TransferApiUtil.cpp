@@ -315,6 +315,9 @@ std::string TransferApiUtil::stringWithReturnCode(int64_t code) {
         case ResultCode::NoService: english = "The backup service cannot be reached."; break;
         case ResultCode::MailFailed: english = "The report e-mail could not be sent or kept."; break;
         case ResultCode::Done: english = "There was nothing left to upload."; break;
+        case ResultCode::StoreDamaged:
+            english = "The store's records are damaged or missing; they were left as they are.";
+            break;
         case ResultCode::SubItemLimit:
             english = "This folder already holds as many items as it may.";
             break;

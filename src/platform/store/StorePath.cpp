@@ -1,6 +1,41 @@
 #include "platform/store/StorePath.h"
 
+#include <cstdint>
+#include <cstdio>
+
 namespace cirrovault {
+
+namespace {
+
+// 64-bit FNV-1a: stable across builds and machines, which a shortened name needs to be
+// found again by the next process.
+uint64_t nameHash(std::string_view text) {
+    uint64_t hash = 14695981039346656037ull;
+    for (unsigned char c : text) {
+        hash ^= c;
+        hash *= 1099511628211ull;
+    }
+    return hash;
+}
+
+} // namespace
+
+std::string StorePath::nameWithSuffix(std::string_view name, std::string_view suffix) {
+    if (name.size() + suffix.size() <= MaxNameLength)
+        return std::string(name).append(suffix);
+    char mark[18];
+    std::snprintf(mark, sizeof mark, "~%016llx", static_cast<unsigned long long>(nameHash(name)));
+    size_t keep = MaxNameLength - suffix.size() - (sizeof mark - 1);
+    // Never cut inside a UTF-8 sequence: continuation bytes are 10xxxxxx.
+    while (keep > 0 && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80)
+        --keep;
+    return std::string(name.substr(0, keep)).append(mark).append(suffix);
+}
+
+std::string StorePath::partPath(const std::string& path) {
+    size_t cut = path.rfind('\\') + 1;
+    return path.substr(0, cut) + nameWithSuffix(std::string_view(path).substr(cut), PartSuffix);
+}
 
 bool StorePath::isValidName(std::string_view name) {
     if (name.empty() || name == "." || name == ".." || name.size() > MaxNameLength)

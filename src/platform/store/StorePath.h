@@ -31,6 +31,15 @@ public:
     static std::string rebase(const std::string& path, const std::string& from,
                               const std::string& to);
 
+    // A name the store makes beside a user's "name" (an upload's part, an older
+    // version): name + suffix when that fits MaxNameLength, else the start of name (cut
+    // between characters) with "~" and a hash of the whole name before the suffix. The
+    // same name always gives the same answer; the user's own name is never shortened.
+    static std::string nameWithSuffix(std::string_view name, std::string_view suffix);
+    // The server path of the unfinished upload ("name.part") of the canonical path.
+    static std::string partPath(const std::string& path);
+    static constexpr std::string_view PartSuffix = ".part";
+
     static constexpr size_t MaxNameLength = 255; // bytes, as Linux file systems allow
 };
 

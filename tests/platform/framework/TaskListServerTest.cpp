@@ -293,6 +293,17 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     f.store->failReads = true;
     EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
     EXPECT_EQ(f.server.getTaskNames("true", reply), ResultCode::StorageError);
+
+    // A NUL byte in a task name is refused before it reaches the parser, which would end
+    // the process, and the document stays as it is.
+    f.store->failReads = false;
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::Success);
+    std::string withNul = f.store->document();
+    ASSERT_NE(withNul.find(">Docs<"), std::string::npos) << withNul;
+    withNul.insert(withNul.find(">Docs<") + 3, 1, '\0');
+    f.store->setDocument(withNul);
+    EXPECT_EQ(f.server.getTaskList("", "false", reply), ResultCode::StorageError);
+    EXPECT_EQ(f.store->document(), withNul);
 }
 
 TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {

@@ -169,12 +169,64 @@ TEST(LocalStoreDamageTest, UnreadableDatabaseRefusesLogon) {
     SystemLog::startCapture();
     LocalStore store(home.file("store"));
     StoreSession session;
-    EXPECT_EQ(store.logon("alice", "pw", session), R::NoService);
+    EXPECT_EQ(store.logon("alice", "pw", session), R::StoreDamaged);
     EXPECT_TRUE(SystemLog::capturedContains("store database"));
     SystemLog::stopCapture();
     StoreItem item;
     EXPECT_EQ(store.stat("\\", item), R::NotLoggedOn);
     EXPECT_EQ(store.logon("", "pw", session), R::EmptyName);
+}
+
+// A lost database never turns an account with files into a new, empty one; repair brings
+// back the same account (customer ID, password, task list) from its folder.
+TEST(LocalStoreDamageTest, LostRecordsAreRefusedAndRepairedFromTheAccountFolders) {
+    TempHome home;
+    const std::string folder = home.file("store");
+    StoreSession alice, bob;
+    {
+        LocalStore store(folder);
+        ASSERT_EQ(store.logon("alice", "pw", alice), R::Success);
+        ASSERT_EQ(store.writeTaskList("<tasks of alice/>", ""), R::Success);
+        MemorySource source("kept", "t");
+        ASSERT_EQ(store.put("\\a.txt", source, Date(1'650'000'000.0), nullptr), R::Success);
+        ASSERT_EQ(store.logon("bob", "pw2", bob), R::Success);
+    }
+    // Bob's account was kept by an older version, which made no copy of its owner.
+    ASSERT_TRUE(FileSystem::removeItem(folder + "/accounts/" + bob.customerID + "/account"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(folder + "/store.db", ""));
+
+    StoreSession session;
+    {
+        LocalStore store(folder);
+        EXPECT_EQ(store.logon("alice", "pw", session), R::StoreDamaged);
+        EXPECT_EQ(store.logon("carol", "pw", session), R::StoreDamaged);
+    }
+    EXPECT_EQ(FileSystem::readFile(folder + "/store.db").value_or("<none>"), "");
+
+    std::vector<std::string> report;
+    int asked = 0;
+    auto password = [&]() -> std::optional<std::string> {
+        ++asked;
+        return "new pw";
+    };
+    EXPECT_EQ(LocalStore::repair(folder, "bob", password, report), R::Success);
+    EXPECT_EQ(asked, 1);
+    LocalStore store(folder);
+    ASSERT_EQ(store.logon("alice", "pw", session), R::Success);
+    EXPECT_EQ(session.customerID, alice.customerID);
+    std::string document, version;
+    ASSERT_EQ(store.readTaskList(document, version), R::Success);
+    EXPECT_EQ(document, "<tasks of alice/>");
+    EXPECT_EQ(storedContent(store, "\\a.txt"), "kept");
+    EXPECT_EQ(store.logon("bob", "pw2", session), R::WrongPassword);
+    ASSERT_EQ(store.logon("bob", "new pw", session), R::Success);
+    EXPECT_EQ(session.customerID, bob.customerID);
+
+    // A healthy store has nothing to repair and keeps its database.
+    auto before = FileSystem::listDirectory(folder);
+    EXPECT_EQ(LocalStore::repair(folder, "", password, report), R::Success);
+    EXPECT_EQ(asked, 1);
+    EXPECT_EQ(FileSystem::listDirectory(folder), before);
 }
 
 // Holds a put in the middle of its transfer until released.

@@ -216,6 +216,31 @@ TEST_P(StoreConformanceTest, InterruptedPutResumesOnlyWithTheSameSource) {
     EXPECT_EQ(storedContent(*store, "\\g.bin"), data);
 }
 
+TEST_P(StoreConformanceTest, NamesOfTheLongestLengthStoreAndResume) {
+    // 255 bytes, the most a file system name holds: its part name must be shortened.
+    const std::string name = std::string(251, 'n') + "\xc3\xa9.b";
+    const std::string path = "\\" + name;
+    const std::string data = patternBytes(3 * 1024 * 1024, 4);
+    if (store->capabilities().resumableUpload) {
+        MemorySource source(data, "tag-L");
+        StopObserver stopEarly(1024 * 1024);
+        ASSERT_EQ(store->put(path, source, Date(1'600'000'000.0), &stopEarly), R::Cancelled);
+        std::vector<StoreItem> items;
+        ASSERT_EQ(store->list("\\", items), R::Success);
+        EXPECT_TRUE(items.empty()); // the shortened part is no file of the user's
+    }
+    MemorySource source(data, "tag-L");
+    ASSERT_EQ(store->put(path, source, Date(1'600'000'000.0), nullptr), R::Success);
+    EXPECT_EQ(storedContent(*store, path), data);
+    std::vector<StoreItem> items;
+    ASSERT_EQ(store->list("\\", items), R::Success);
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].name, name);
+    StoreItem root;
+    ASSERT_EQ(store->stat("\\", root), R::Success);
+    EXPECT_EQ(root.size, data.size());
+}
+
 TEST_P(StoreConformanceTest, CancelAndReadErrorsLeaveThePreviousCopy) {
     ASSERT_EQ(putText(*store, "\\keep.bin", "old copy", Date(1'500'000'000.0)), R::Success);
 

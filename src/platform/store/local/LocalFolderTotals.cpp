@@ -267,9 +267,7 @@ void LocalFolderTotals::addLocked(const std::string& localFolder, const std::str
     totals.bytes += folder.bytes;
     totals.files += folder.files;
     for (const auto& [name, size] : folder.partFiles) {
-        std::string target = StorePath::child(serverFolder, name);
-        target.resize(target.size() - PartSuffix.size());
-        if (!parts.count(target)) { // a user's own file that happens to end in ".part"
+        if (!parts.count(StorePath::child(serverFolder, name))) { // a user's own file that happens to end in ".part"
             totals.bytes += size;
             ++totals.files;
         }

@@ -26,7 +26,7 @@ public:
         uint64_t bytes = 0;
         int32_t files = 0;
     };
-    using PartSet = std::unordered_set<std::string>; // target server paths of unfinished uploads
+    using PartSet = std::unordered_set<std::string>; // server paths of unfinished uploads' parts
 
     // The files beneath localFolder (server path serverFolder), recursively; regular files
     // only, without the ".part" files of the unfinished uploads in parts.

@@ -23,9 +23,11 @@ std::string randomHex(size_t bytes) {
     return hex;
 }
 
+} // namespace
+
 // Customer IDs become folder names; one read from a damaged database must not lead
 // anywhere else.
-bool isSafeCustomerID(const std::string& id) {
+bool LocalStore::isSafeCustomerID(const std::string& id) {
     if (id.empty() || id.size() > 64)
         return false;
     for (char c : id) {
@@ -35,8 +37,6 @@ bool isSafeCustomerID(const std::string& id) {
     }
     return true;
 }
-
-} // namespace
 
 LocalStore::LocalStore(std::string folder) : folder_(std::move(folder)) {
     while (folder_.size() > 1 && folder_.back() == '/')
@@ -122,8 +122,8 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
             SystemLog::write("Error: LocalStore: the store folder cannot be made: " + folder_);
             return ResultCode::NoService;
         }
-        if (!db_.open(folder_ + "/store.db"))
-            return ResultCode::NoService;
+        if (int64_t opened = openRecords(); opened != ResultCode::Success)
+            return opened;
         if (!totalsLoaded_.exchange(true))
             loadFolderTotals();
 
@@ -165,6 +165,7 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
                              account.filesRoot);
             return ResultCode::NoService;
         }
+        keepAccountCopy(account.customerID, userName, record->passwordHash);
         account.root = std::make_shared<OpenFolder>();
         account.root->fd =
             ::open(account.filesRoot.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -298,8 +299,10 @@ int64_t LocalStore::writeTaskList(const std::string& document, const std::string
             return ResultCode::NotLoggedOn;
         int64_t rc = db_.writeTaskList(account->customerID, document, expectedVersion);
         // The task list is worth a sync of its own: it is small and rarely written.
-        if (rc == ResultCode::Success)
+        if (rc == ResultCode::Success) {
             db_.checkpoint();
+            keepTaskListCopy(account->customerID, document);
+        }
         return rc;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::writeTaskList()");

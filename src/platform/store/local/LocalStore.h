@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -70,6 +71,14 @@ public:
     // The local folder with the logged-on account's files; "" when not logged on.
     std::string accountFilesFolder() const;
 
+    // Rebuilds the records of the store in folder from what its account folders keep: a
+    // damaged database is moved aside first. An account kept without a copy of its owner
+    // goes to userName with password() when it is the only one. Success when every
+    // account is back; report says what was done, line by line.
+    static int64_t repair(const std::string& folder, const std::string& userName,
+                          const std::function<std::optional<std::string>()>& password,
+                          std::vector<std::string>& report);
+
     static constexpr size_t ChunkSize = 1 << 20;       // bytes between cancel checks
     static constexpr uint64_t SyncThreshold = 8 << 20; // larger uploads are synced before use
 
@@ -95,9 +104,19 @@ private:
         uint64_t bytes = 0;
         int32_t files = 0;
     };
-    using PartSet = std::unordered_set<std::string>; // target paths of unfinished uploads
+    using PartSet = std::unordered_set<std::string>; // part paths of unfinished uploads
 
     std::optional<Account> currentAccount() const;
+    static bool isSafeCustomerID(const std::string& id);
+    // Customer IDs of the accounts whose files the store in folder keeps.
+    static std::vector<std::string> accountsOnDisk(const std::string& folder);
+    // Opens store.db: StoreDamaged when it is damaged, or empty or new while account
+    // files are there; it is then left as it is.
+    int64_t openRecords();
+    // The copies in the account's folder that repair() rebuilds the records from.
+    void keepAccountCopy(const std::string& customerID, const std::string& userName,
+                         const std::string& passwordHash);
+    void keepTaskListCopy(const std::string& customerID, const std::string& document);
     // Success, BadPath (malformed, or a link on the way) or NotFound (a missing parent).
     int64_t locate(const Account& account, const std::string& path, Location& location);
     std::optional<int64_t> locateBelowFolder(const Account& account,
@@ -112,7 +131,10 @@ private:
     int64_t locateSourceAndTarget(const std::string& from, const std::string& to,
                                   std::string_view rootRefusal, std::string_view insideRefusal,
                                   Account& account, Location& source, Location& target);
-    bool isUnfinishedUpload(const Account& account, const Location& location);
+    // True when location is the part file of an unfinished upload, whose target path is
+    // then left in upload.
+    bool isUnfinishedUpload(const Account& account, const Location& location,
+                            std::string* upload = nullptr);
     bool unfinishedUploads(const Account& account, const std::string& folder, PartSet& parts);
     static bool isPartOf(const std::string& serverPath, const PartSet& parts);
     Totals totalsOf(const std::string& localFolder, const std::string& serverFolder,

@@ -111,8 +111,10 @@ bool LocalStoreDatabase::commit() {
     return false;
 }
 
-bool LocalStoreDatabase::open(const std::string& file) {
+bool LocalStoreDatabase::open(const std::string& file, bool* damaged) {
     std::lock_guard lock(mutex_);
+    if (damaged)
+        *damaged = false;
     if (db_)
         return true;
     sqlite3* db = nullptr;
@@ -127,6 +129,9 @@ bool LocalStoreDatabase::open(const std::string& file) {
     db_ = db;
     sqlite3_busy_timeout(db_, BusyTimeoutMs);
     if (!createSchema()) {
+        int code = sqlite3_errcode(db_);
+        if (damaged)
+            *damaged = code == SQLITE_NOTADB || code == SQLITE_CORRUPT;
         SystemLog::write("Error: store database is not usable: " + file);
         sqlite3_close_v2(db_);
         db_ = nullptr;
@@ -174,6 +179,43 @@ bool LocalStoreDatabase::createSchema() {
 bool LocalStoreDatabase::isOpen() const {
     std::lock_guard lock(mutex_);
     return db_ != nullptr;
+}
+
+bool LocalStoreDatabase::accountCount(int64_t& count) {
+    std::lock_guard lock(mutex_);
+    count = 0;
+    Statement st(db_, "SELECT count(*) FROM accounts");
+    if (st.step() == SQLITE_ROW) {
+        count = st.integer(0);
+        return true;
+    }
+    logError("count accounts");
+    return false;
+}
+
+bool LocalStoreDatabase::integrityOk() {
+    std::lock_guard lock(mutex_);
+    Statement st(db_, "PRAGMA integrity_check");
+    bool ok = st.step() == SQLITE_ROW && st.text(0) == "ok";
+    if (!ok)
+        logError("integrity check");
+    return ok;
+}
+
+bool LocalStoreDatabase::accountOf(const std::string& customerID, std::string& userName,
+                                   std::string& passwordHash) {
+    std::lock_guard lock(mutex_);
+    Statement st(db_, "SELECT userName, passwordHash FROM accounts WHERE customerID = ?1");
+    st.bind(1, customerID);
+    int rc = st.step();
+    if (rc == SQLITE_ROW) {
+        userName = st.text(0);
+        passwordHash = st.text(1);
+        return true;
+    }
+    if (rc != SQLITE_DONE)
+        logError("read account");
+    return false;
 }
 
 bool LocalStoreDatabase::findAccount(const std::string& userName,

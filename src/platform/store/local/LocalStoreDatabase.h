@@ -36,14 +36,20 @@ public:
     LocalStoreDatabase(const LocalStoreDatabase&) = delete;
     LocalStoreDatabase& operator=(const LocalStoreDatabase&) = delete;
 
-    // Opens (creating when missing) the database file and its tables.
-    bool open(const std::string& file);
+    // Opens (creating when missing) the database file and its tables. When it fails,
+    // damaged tells whether the file is there but is no database or a broken one.
+    bool open(const std::string& file, bool* damaged = nullptr);
     bool isOpen() const;
+    bool accountCount(int64_t& count);
+    // PRAGMA integrity_check answers "ok".
+    bool integrityOk();
 
     bool findAccount(const std::string& userName, std::optional<LocalAccountRecord>& account);
     // Adds the account unless the name exists already (another process may have won).
     bool addAccount(const std::string& userName, const std::string& customerID,
                     const std::string& passwordHash);
+    // The user name and password hash of the account with that customer ID.
+    bool accountOf(const std::string& customerID, std::string& userName, std::string& passwordHash);
     bool setQuota(const std::string& customerID, std::optional<int64_t> quota);
     bool quota(const std::string& customerID, std::optional<int64_t>& quota);
 

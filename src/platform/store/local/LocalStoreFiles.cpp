@@ -19,7 +19,6 @@ namespace cirrovault {
 
 namespace {
 
-constexpr std::string_view PartSuffix = ".part";
 
 // A file descriptor closed when it goes out of scope.
 class Descriptor {
@@ -166,9 +165,8 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
         }
         const std::string& customerID = account.customerID;
         // Storing a file under the name another upload uses for its part gives that up.
-        if (isUnfinishedUpload(account, target))
-            db_.removePartTag(customerID, target.serverPath.substr(0, target.serverPath.size() -
-                                                                          PartSuffix.size()));
+        if (std::string upload; isUnfinishedUpload(account, target, &upload))
+            db_.removePartTag(customerID, upload);
 
         const uint64_t size = source.size();
         const uint64_t oldSize = target.status ? target.status->size : 0;
@@ -180,7 +178,9 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
 
         // The row naming the part exists before the part itself, so a part file never
         // stands in the tree unexplained, even after a crash.
-        const std::string partPath = target.localPath + std::string(PartSuffix);
+        const std::string partServerPath = StorePath::partPath(target.serverPath);
+        const std::string partPath = target.localPath.substr(0, target.localPath.rfind('/') + 1) +
+                                     partServerPath.substr(partServerPath.rfind('\\') + 1);
         std::optional<std::string> storedTag;
         if (!db_.partTag(customerID, target.serverPath, storedTag))
             return ResultCode::Failure;
@@ -191,7 +191,7 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
         }
         if (partStatus && !storedTag) {
             SystemLog::write("LocalStore: a stored file has the upload's part name: " +
-                             target.serverPath + ".part");
+                             partServerPath);
             return ResultCode::AlreadyExists;
         }
         if (!partStatus && !storedTag && !target.status && size <= ChunkSize) {

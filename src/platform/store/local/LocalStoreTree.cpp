@@ -1,4 +1,5 @@
 // Mapping server paths onto the account's folder, and the operations on the tree.
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 
@@ -18,7 +19,7 @@ namespace cirrovault {
 
 namespace {
 
-constexpr std::string_view PartSuffix = ".part";
+constexpr std::string_view PartSuffix = StorePath::PartSuffix;
 
 bool endsWithPart(const std::string& path) {
     return path.size() > PartSuffix.size() &&
@@ -158,23 +159,46 @@ int64_t LocalStore::locateSourceAndTarget(const std::string& from, const std::st
 }
 
 bool LocalStore::isPartOf(const std::string& serverPath, const PartSet& parts) {
-    return endsWithPart(serverPath) &&
-           parts.count(serverPath.substr(0, serverPath.size() - PartSuffix.size())) > 0;
+    return endsWithPart(serverPath) && parts.count(serverPath) > 0;
 }
 
-bool LocalStore::isUnfinishedUpload(const Account& account, const Location& location) {
+bool LocalStore::isUnfinishedUpload(const Account& account, const Location& location,
+                                    std::string* upload) {
     if (!location.status || location.status->type != FileType::Regular ||
         !endsWithPart(location.serverPath))
         return false;
-    std::optional<std::string> tag;
-    db_.partTag(account.customerID,
-                location.serverPath.substr(0, location.serverPath.size() - PartSuffix.size()), tag);
-    return tag.has_value();
+    const std::string& path = location.serverPath;
+    std::string target = path.substr(0, path.size() - PartSuffix.size());
+    if (StorePath::partPath(target) == path) {
+        std::optional<std::string> tag;
+        db_.partTag(account.customerID, target, tag);
+        if (!tag)
+            return false;
+    } else {
+        // A shortened part name: its upload is one of those in the same folder.
+        std::string folder = path.substr(0, path.rfind('\\'));
+        std::unordered_set<std::string> targets;
+        db_.partPathsInside(account.customerID, folder.empty() ? "\\" : folder, targets);
+        auto found = std::find_if(targets.begin(), targets.end(), [&](const std::string& t) {
+            return StorePath::partPath(t) == path;
+        });
+        if (found == targets.end())
+            return false;
+        target = *found;
+    }
+    if (upload)
+        *upload = target;
+    return true;
 }
 
 bool LocalStore::unfinishedUploads(const Account& account, const std::string& folder,
                                    PartSet& parts) {
-    return db_.partPathsInside(account.customerID, folder, parts);
+    std::unordered_set<std::string> targets;
+    if (!db_.partPathsInside(account.customerID, folder, targets))
+        return false;
+    for (const auto& target : targets)
+        parts.insert(StorePath::partPath(target));
+    return true;
 }
 
 LocalStore::Totals LocalStore::totalsOf(const std::string& localFolder,

@@ -116,9 +116,7 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
             return ResultCode::BadPath;
         }
         auto partNames = *names;
-        partNames.back() += ".part";
-        if (!StorePath::isValidName(partNames.back()))
-            return ResultCode::BadPath;
+        partNames.back() = StorePath::nameWithSuffix(partNames.back(), StorePath::PartSuffix);
 
         // The target is asked for first under a quota of the settings, so that the old
         // copy's size counts before a byte is sent, and on servers that would move the
