@@ -1,4 +1,6 @@
 // logon, logoff, status.
+#include <iostream>
+
 #include "Commands.h"
 #include "Credentials.h"
 #include "TaskFormat.h"
@@ -14,6 +16,15 @@ namespace cirrovault::cli {
 namespace {
 
 int logonCommand(const GlobalOptions& global, const Output& out) {
+    // Said before the password is sent: plain HTTP carries it readable by anyone on the way.
+    std::string url = global.service.empty() ? TransferApiUtil::defaultServiceURL() : global.service;
+    bool clearText = url.rfind("webdav://", 0) == 0;
+    if (clearText)
+        std::cerr << text("CliClearTextWarning",
+                          "Warning: {} is plain HTTP: the password crosses the network unencrypted "
+                          "(use webdavs://).",
+                          url)
+                  << std::endl;
     HostSession session(global, out);
     session.logon(false);
     if (!Credentials::remember(session.userName(), session.password()))
@@ -21,13 +32,18 @@ int logonCommand(const GlobalOptions& global, const Output& out) {
                                           PasswordMan::PasswordFilePath()));
     if (!global.service.empty())
         NimboSetting::SetSettingValueForKey("ServiceURL", global.service);
+    bool inKeyring = PasswordMan().AccountInKeyring();
     out.line(text("CliLoggedOn", "Logged on as {} (customer {}) at {}.", session.userName(),
                   session.customerID(), session.serviceURL()));
-    out.line(text("CliKept", "The account is kept for the daemon and later commands in {} (readable by you only).",
-                  PasswordMan::PasswordFilePath()));
+    out.line(inKeyring ? text("CliKeptInKeyring", "The account is kept for the daemon and later commands "
+                                                  "in the desktop keyring.")
+                       : text("CliKept", "The account is kept for the daemon and later commands in {} "
+                                         "(readable by you only).",
+                              PasswordMan::PasswordFilePath()));
     Json doc = Json::object();
     doc.set("ok", true).set("user", session.userName()).set("customerID", session.customerID())
-        .set("service", session.serviceURL()).set("credentialsFile", PasswordMan::PasswordFilePath());
+        .set("service", session.serviceURL()).set("credentialsFile", PasswordMan::PasswordFilePath())
+        .set("credentialsStore", inKeyring ? "keyring" : "file").set("clearText", clearText);
     out.result(doc);
     return Exit::Ok;
 }
@@ -56,6 +72,14 @@ int statusCommand(const GlobalOptions& global, const Output& out) {
         .set("service", session.serviceURL());
     out.line(text("CliStatusAccount", "account     {} (customer {})", session.userName(), session.customerID()));
     out.line(text("CliStatusService", "service     {}", session.serviceURL()));
+    PasswordMan passwords;
+    bool kept = passwords.GetAccount().has_value();
+    bool inKeyring = kept && passwords.AccountInKeyring();
+    out.line(!kept        ? text("CliStatusNotKept", "secrets     account not kept on this computer")
+             : inKeyring ? text("CliStatusKeyring", "secrets     desktop keyring")
+                         : text("CliStatusFile", "secrets     {} (readable by you only)",
+                                PasswordMan::PasswordFilePath()));
+    doc.set("credentialsStore", !kept ? Json() : Json(inKeyring ? "keyring" : "file"));
     if (code == ResultCode::Success) {
         uint64_t used = static_cast<uint64_t>(std::max<int64_t>(balance.fileSpaceUsed, 0));
         uint64_t max = static_cast<uint64_t>(std::max<int64_t>(balance.maxSpace, 0));

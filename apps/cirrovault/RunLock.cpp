@@ -35,7 +35,8 @@ std::unique_ptr<RunLock> RunLock::acquire(const std::string& folder, pid_t* hold
     if (holder)
         *holder = 0;
     FileSystem::createDirectories(folder);
-    int fd = open(lockFilePath(folder).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    // A link planted under the lock's name must not lead the truncation to another file.
+    int fd = open(lockFilePath(folder).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
         return nullptr;
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
@@ -51,7 +52,7 @@ std::unique_ptr<RunLock> RunLock::acquire(const std::string& folder, pid_t* hold
 }
 
 std::optional<pid_t> RunLock::holder(const std::string& folder) {
-    int fd = open(lockFilePath(folder).c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = open(lockFilePath(folder).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return std::nullopt;
     std::optional<pid_t> pid;

@@ -7,12 +7,16 @@
 #include "Commands.h"
 #include "Output.h"
 #include "platform/framework/NimboSetting.h"
+#include "platform/os/SecretMemory.h"
 #include "platform/os/SystemLog.h"
 
 using namespace cirrovault;
 using namespace cirrovault::cli;
 
 int main(int argc, char** argv) {
+    // Passwords pass through this process (prompt, environment, kept account): no core
+    // file, and no other process of the user may read its memory.
+    SecretMemory::protectProcess();
     CLI::App app{"cirrovault: back up folders to your online storage, restore them, and keep older "
                  "versions of changed files."};
     app.footer(ExitCodesHelp);

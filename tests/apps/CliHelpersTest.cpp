@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "Json.h"
 #include "RunLock.h"
 #include "TaskFormat.h"
 #include "common/TempHome.h"
 #include "platform/os/Calendar.h"
+#include "platform/os/FileSystem.h"
 
 namespace cirrovault::cli {
 namespace {
@@ -50,6 +52,19 @@ TEST(CliRunLock, OneHolderAtATimeAndReleasedWithIt) {
     first.reset();
     EXPECT_FALSE(RunLock::holder(folder));
     EXPECT_TRUE(RunLock::acquire(folder, &holder));
+}
+
+TEST(CliRunLock, APlantedLinkIsNotFollowed) {
+    test::TempHome home;
+    std::string folder = home.file("account");
+    ASSERT_TRUE(FileSystem::createDirectories(folder));
+    std::string victim = home.file("victim.txt");
+    ASSERT_TRUE(FileSystem::writeFileAtomically(victim, "precious"));
+    ASSERT_EQ(::symlink(victim.c_str(), RunLock::lockFilePath(folder).c_str()), 0);
+    pid_t holder = -1;
+    EXPECT_FALSE(RunLock::acquire(folder, &holder));
+    EXPECT_FALSE(RunLock::holder(folder));
+    EXPECT_EQ(FileSystem::readFile(victim), "precious");
 }
 
 TEST(CliJson, TextIsEscapedAndKeysKeepTheirOrder) {

@@ -23,6 +23,8 @@ public:
         saveAndSet("HOME", root_);
         saveAndSet("XDG_DATA_HOME", root_ + "/data");
         saveAndSet("XDG_CONFIG_HOME", root_ + "/config");
+        // Secrets go to the owner-only file, whatever keyring the machine running the tests has.
+        saveAndSet("CIRROVAULT_KEYRING", "off");
         FileSystem::createDirectories(root_ + "/data");
         FileSystem::createDirectories(root_ + "/config");
         LoadString::Reload();

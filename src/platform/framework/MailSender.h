@@ -10,7 +10,8 @@
 namespace cirrovault {
 
 // Report mail. With the setting "SMTPURL" (smtp://host:port or smtps://..., user and
-// password may be in the URL) a message goes out through libcurl, from "SMTPFrom" or
+// password may be in the URL, and then the session must be TLS: smtps, or STARTTLS
+// offered by the server) a message goes out through libcurl, from "SMTPFrom" or
 // cirrovault@<host name>. When it cannot be sent, or no SMTP URL is set, the message is
 // kept as an .eml file in the account's outbox folder on this computer, so no report
 // is lost.

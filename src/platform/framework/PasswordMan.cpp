@@ -6,6 +6,8 @@
 #include "platform/os/FileSystem.h"
 #include "platform/os/Guarded.h"
 #include "platform/os/Host.h"
+#include "platform/os/Keyring.h"
+#include "platform/os/SecretMemory.h"
 #include "platform/os/SystemLog.h"
 
 namespace cirrovault {
@@ -20,6 +22,30 @@ const char* const kAccount = "Account";
 const char* const kPassword = "Password";
 const char* const kIsEncrypt = "IsEncrypt";
 const char* const kUserName = "UserName";
+// Marks an entry whose secret is in the desktop keyring: the file then keeps only what
+// is not secret (the key paths, the flags, the user name).
+const char* const kInKeyring = "InKeyring";
+const char* const kAccountKind = "account";
+const char* const kPhraseKind = "phrase";
+
+// Wipes every text of a parsed store: the file's secrets are not left in freed memory.
+void wipeTree(PropertyList& node) {
+    if (auto* dict = node.dict()) {
+        for (auto& [key, value] : *dict)
+            wipeTree(value);
+    } else if (std::string* text = node.string()) {
+        SecretMemory::wipe(*text);
+    }
+}
+
+// A parsed store that wipes its texts when it goes.
+struct StoreRoot {
+    std::optional<PropertyList> root;
+    ~StoreRoot() {
+        if (root)
+            wipeTree(*root);
+    }
+};
 
 // The store's root dictionary: empty when there is no file yet, nothing when the file
 // cannot be read or is not a property-list dictionary.
@@ -31,6 +57,8 @@ std::optional<PropertyList> readStore(const std::string& path) {
         SystemLog::write("Warning: the pass-phrase store is readable by other users: " + path);
     auto bytes = FileSystem::readFile(path);
     auto root = bytes ? PropertyList::parse(*bytes) : std::nullopt;
+    if (bytes)
+        SecretMemory::wipe(*bytes);
     if (!root || !root->isDict()) {
         SystemLog::write("Error: the pass-phrase store cannot be read: " + path);
         return std::nullopt;
@@ -49,6 +77,45 @@ std::optional<std::string> textOf(const PropertyList* entry, const char* field) 
     return text ? std::optional<std::string>(*text) : std::nullopt;
 }
 
+bool inKeyring(const PropertyList* entry) {
+    const PropertyList* flag = entry ? entry->find(kInKeyring) : nullptr;
+    return flag && flag->asBool().value_or(false);
+}
+
+// Whether the entry holds a secret, in the file or in the keyring.
+bool hasSecret(const PropertyList* entry) {
+    return textOf(entry, kPassword).has_value() || inKeyring(entry);
+}
+
+// The entry's secret: from the file, or from the keyring the entry points to.
+std::optional<std::string> secretOf(const PropertyList* entry, const char* kind,
+                                    const std::string& key) {
+    if (auto text = textOf(entry, kPassword))
+        return text;
+    if (!inKeyring(entry))
+        return std::nullopt;
+    SecretMemory::protectProcess();
+    auto secret = Keyring::lookup(kind, key);
+    if (!secret)
+        SystemLog::write(std::string("Error: a secret kept in the desktop keyring cannot be read (") +
+                         kind + " " + key + ")");
+    return secret;
+}
+
+// Keeps secret in the keyring when one answers, else in the entry itself (the owner-only
+// file). A secret of the same name left in the keyring by an earlier write is removed
+// when the file takes over, so that the two never disagree.
+void putSecret(PlistDict& entry, bool wasInKeyring, const char* kind, const std::string& key,
+               const std::string& label, const std::string& secret) {
+    if (Keyring::store(kind, key, label, secret)) {
+        entry[kInKeyring] = PropertyList(true);
+        return;
+    }
+    if (wasInKeyring)
+        Keyring::remove(kind, key);
+    entry[kPassword] = PropertyList(secret);
+}
+
 // A group of the root, made an empty dictionary when it is missing or malformed.
 PlistDict& groupOf(PlistDict& root, const char* group) {
     PropertyList& entry = root[group];
@@ -63,6 +130,7 @@ PlistDict& groupOf(PlistDict& root, const char* group) {
 template <typename Change>
 bool modifyStore(Change&& change) {
     std::lock_guard lock(gMutex);
+    SecretMemory::protectProcess();
     std::string path = PasswordMan::PasswordFilePath();
     if (!FileSystem::createDirectories(Host::configFolder() + "/cirrovault")) {
         SystemLog::write("Error: cannot create the configuration folder");
@@ -78,18 +146,23 @@ bool modifyStore(Change&& change) {
         SystemLog::write("Error: damaged pass-phrase store moved to " + aside);
         root = PropertyList(PlistDict{});
     }
-    if (!change(*root->dict()))
+    StoreRoot held{std::move(root)};
+    if (!change(*held.root->dict()))
         return false;
-    if (!FileSystem::writePrivateFileAtomically(path, root->toXml())) {
+    std::string xml = held.root->toXml();
+    bool written = FileSystem::writePrivateFileAtomically(path, xml);
+    SecretMemory::wipe(xml);
+    if (!written) {
         SystemLog::write("Error: cannot write the pass-phrase store " + path);
         return false;
     }
     return true;
 }
 
-std::optional<PropertyList> currentStore() {
+StoreRoot currentStore() {
     std::lock_guard lock(gMutex);
-    return readStore(PasswordMan::PasswordFilePath());
+    SecretMemory::protectProcess();
+    return StoreRoot{readStore(PasswordMan::PasswordFilePath())};
 }
 
 bool isUnder(const std::string& path, const std::string& keyPath) {
@@ -113,8 +186,13 @@ bool PasswordMan::SetPassword(const std::string& keyPath, bool isEncrypt,
             return false;
         }
         return modifyStore([&](PlistDict& root) {
-            groupOf(root, kPhrases)[keyPath] = PropertyList(
-                PlistDict{{kPassword, PropertyList(inPassword)}, {kIsEncrypt, PropertyList(isEncrypt)}});
+            PlistDict& phrases = groupOf(root, kPhrases);
+            auto old = phrases.find(keyPath);
+            bool wasInKeyring = old != phrases.end() && inKeyring(&old->second);
+            PlistDict entry{{kIsEncrypt, PropertyList(isEncrypt)}};
+            putSecret(entry, wasInKeyring, kPhraseKind, keyPath, "Cirrovault pass phrase " + keyPath,
+                      inPassword);
+            phrases[keyPath] = PropertyList(std::move(entry));
             return true;
         });
     });
@@ -123,17 +201,18 @@ bool PasswordMan::SetPassword(const std::string& keyPath, bool isEncrypt,
 std::optional<std::string> PasswordMan::GetPassword(const std::string& keyPath) const {
     using Text = std::optional<std::string>;
     return guarded("Error: PasswordMan::GetPassword", Text(), [&]() -> Text {
-        auto root = currentStore();
-        return root ? textOf(findEntry(*root, kPhrases, keyPath), kPassword) : std::nullopt;
+        StoreRoot store = currentStore();
+        return store.root ? secretOf(findEntry(*store.root, kPhrases, keyPath), kPhraseKind, keyPath)
+                          : std::nullopt;
     });
 }
 
 std::optional<bool> PasswordMan::IsEncrypt(const std::string& keyPath) const {
     using Flag = std::optional<bool>;
     return guarded("Error: PasswordMan::IsEncrypt", Flag(), [&]() -> Flag {
-        auto root = currentStore();
-        const PropertyList* entry = root ? findEntry(*root, kPhrases, keyPath) : nullptr;
-        if (!textOf(entry, kPassword))
+        StoreRoot store = currentStore();
+        const PropertyList* entry = store.root ? findEntry(*store.root, kPhrases, keyPath) : nullptr;
+        if (!hasSecret(entry))
             return std::nullopt;
         const PropertyList* flag = entry->find(kIsEncrypt);
         return flag ? flag->asBool().value_or(false) : false;
@@ -143,28 +222,33 @@ std::optional<bool> PasswordMan::IsEncrypt(const std::string& keyPath) const {
 std::optional<std::string> PasswordMan::FindPasswordForPath(const std::string& path) const {
     using Text = std::optional<std::string>;
     return guarded("Error: PasswordMan::FindPasswordForPath", Text(), [&]() -> Text {
-        auto root = currentStore();
-        const PropertyList* phrases = root ? root->find(kPhrases) : nullptr;
+        StoreRoot store = currentStore();
+        const PropertyList* phrases = store.root ? store.root->find(kPhrases) : nullptr;
         if (!phrases || !phrases->isDict())
             return std::nullopt;
-        Text best;
-        size_t bestLength = 0;
+        const std::string* bestKey = nullptr;
+        const PropertyList* best = nullptr;
         for (const auto& [keyPath, entry] : *phrases->dict()) {
-            if (!isUnder(path, keyPath) || keyPath.size() <= bestLength)
+            if (!isUnder(path, keyPath) || (bestKey && keyPath.size() <= bestKey->size()))
                 continue;
-            if (auto phrase = textOf(&entry, kPassword)) {
-                best = std::move(phrase);
-                bestLength = keyPath.size();
+            if (hasSecret(&entry)) {
+                bestKey = &keyPath;
+                best = &entry;
             }
         }
-        return best;
+        return best ? secretOf(best, kPhraseKind, *bestKey) : std::nullopt;
     });
 }
 
 bool PasswordMan::RemovePassword(const std::string& keyPath) {
     return guarded("Error: PasswordMan::RemovePassword", false, [&] {
         return modifyStore([&](PlistDict& root) {
-            groupOf(root, kPhrases).erase(keyPath);
+            PlistDict& phrases = groupOf(root, kPhrases);
+            auto old = phrases.find(keyPath);
+            if (old != phrases.end() && inKeyring(&old->second) && !Keyring::remove(kPhraseKind, keyPath))
+                SystemLog::write("Error: a pass phrase could not be removed from the desktop keyring: " +
+                                 keyPath);
+            phrases.erase(keyPath);
             return true;
         });
     });
@@ -177,8 +261,12 @@ bool PasswordMan::SetAccount(const std::string& userName, const std::string& pas
             return false;
         }
         return modifyStore([&](PlistDict& root) {
-            root[kAccount] = PropertyList(
-                PlistDict{{kUserName, PropertyList(userName)}, {kPassword, PropertyList(password)}});
+            bool wasInKeyring = inKeyring(root.count(kAccount) ? &root[kAccount] : nullptr);
+            PlistDict entry{{kUserName, PropertyList(userName)}};
+            // One account is kept: its secret is filed under the account kind alone, so that
+            // a change of user replaces it rather than leaving the old one behind.
+            putSecret(entry, wasInKeyring, kAccountKind, "", "Cirrovault account " + userName, password);
+            root[kAccount] = PropertyList(std::move(entry));
             return true;
         });
     });
@@ -187,19 +275,30 @@ bool PasswordMan::SetAccount(const std::string& userName, const std::string& pas
 std::optional<AccountCredentials> PasswordMan::GetAccount() const {
     using Account = std::optional<AccountCredentials>;
     return guarded("Error: PasswordMan::GetAccount", Account(), [&]() -> Account {
-        auto root = currentStore();
-        const PropertyList* account = root ? root->find(kAccount) : nullptr;
+        StoreRoot store = currentStore();
+        const PropertyList* account = store.root ? store.root->find(kAccount) : nullptr;
         auto userName = textOf(account, kUserName);
-        auto password = textOf(account, kPassword);
-        if (!userName || userName->empty() || !password)
+        if (!userName || userName->empty())
             return std::nullopt;
-        return AccountCredentials{*userName, *password};
+        auto password = secretOf(account, kAccountKind, "");
+        if (!password)
+            return std::nullopt;
+        return AccountCredentials{*userName, std::move(*password)};
+    });
+}
+
+bool PasswordMan::AccountInKeyring() const {
+    return guarded("Error: PasswordMan::AccountInKeyring", false, [&] {
+        StoreRoot store = currentStore();
+        return store.root && inKeyring(store.root->find(kAccount));
     });
 }
 
 bool PasswordMan::RemoveAccount() {
     return guarded("Error: PasswordMan::RemoveAccount", false, [&] {
         return modifyStore([&](PlistDict& root) {
+            if (root.count(kAccount) && inKeyring(&root[kAccount]) && !Keyring::remove(kAccountKind, ""))
+                SystemLog::write("Error: the account could not be removed from the desktop keyring");
             root.erase(kAccount);
             return true;
         });

@@ -13,9 +13,11 @@ struct AccountCredentials {
 
 // Secrets kept on this computer: the pass phrases of encrypted tasks, each under the
 // key path of its task (server folder joined with the task name), and the account
-// credentials of the daemon. They live in "passwords.plist" in the user's
+// credentials of the daemon. Their index lives in "passwords.plist" in the user's
 // configuration folder ($XDG_CONFIG_HOME/cirrovault), mode 0600 from the moment the
-// file exists, rewritten whole and atomically. No secret ever reaches a log line.
+// file exists, rewritten whole and atomically. The secrets themselves go to the desktop
+// keyring when one answers, else into that file. No secret ever reaches a log line, and
+// the process holding them is made non-dumpable.
 //
 // Every instance reads and writes the same file, so the command line and the daemon see
 // each other's changes; the file is read again on every call.
@@ -36,6 +38,8 @@ public:
     bool SetAccount(const std::string& userName, const std::string& password);
     std::optional<AccountCredentials> GetAccount() const;
     bool RemoveAccount();
+    // Whether the kept account's password is in the desktop keyring (else in the file).
+    bool AccountInKeyring() const;
 
     static std::string PasswordFilePath();
 };

@@ -47,19 +47,25 @@ public:
     const PlistArray* array() const { return std::get_if<PlistArray>(&value_); }
     PlistArray* array() { return std::get_if<PlistArray>(&value_); }
     const std::string* string() const { return std::get_if<std::string>(&value_); }
+    std::string* string() { return std::get_if<std::string>(&value_); }
 
     // The value as a boolean: a boolean, or a number other than 0. Else nothing.
     std::optional<bool> asBool() const;
-    // The value as an integer: an integer, a real (truncated), a boolean, or a text read
-    // like a platform integer conversion (leading digits; anything else gives 0).
+    // The value as an integer: an integer, a real (truncated; nothing when it is not a
+    // number or lies outside the 64-bit range), a boolean, or a text read like a platform
+    // integer conversion (leading digits; anything else gives 0).
     std::optional<int64_t> asInteger() const;
 
     // Dictionary member, or nullptr when this is not a dictionary or has no such key.
     const PropertyList* find(const std::string& key) const;
     PropertyList* find(const std::string& key);
 
-    // Parsing accepts XML and binary property lists; nothing when the bytes are not one.
-    static std::optional<PropertyList> parse(const std::string& bytes);
+    // Parsing accepts XML and binary property lists; nothing when the bytes are not one,
+    // and nothing (with a logged line, and the reason in error when given) when a text or
+    // key holds a NUL character or a date lies outside the years a property list can keep.
+    static std::optional<PropertyList> parse(const std::string& bytes, std::string* error = nullptr);
+    // Throws std::invalid_argument for what cannot be written faithfully: a text or key
+    // holding a NUL character, a date outside the years a property list can keep.
     std::string toXml() const;
 
     bool operator==(const PropertyList& other) const { return value_ == other.value_; }
@@ -74,6 +80,7 @@ public:
     // Nothing when the file cannot be read or does not hold a property list; a line
     // naming the file is logged for a damaged file.
     static std::optional<PropertyList> read(const std::string& path);
+    // Written owner-only (mode 0600).
     static bool write(const std::string& path, const PropertyList& plist);
 };
 

@@ -90,22 +90,45 @@ bool FileSystem::isDirectoryFollowingLinks(const std::string& path) {
     return s && s->type == FileType::Directory;
 }
 
-bool FileSystem::createDirectories(const std::string& path) {
+bool FileSystem::createDirectories(const std::string& path, uint32_t mode) {
     if (path.empty())
         return false;
-    std::error_code ec;
-    std::filesystem::create_directories(path, ec);
+    if (isDirectoryFollowingLinks(path))
+        return true;
+    // Each missing component from the top down; a component another process makes at the
+    // same moment is as good as ours.
+    for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        std::string part = path.substr(0, end);
+        if (!part.empty() && part.back() != '/') {
+            if (::mkdir(part.c_str(), static_cast<mode_t>(mode)) == 0) {
+                // mkdir's mode passes through the umask; the folder must have exactly mode.
+                ::chmod(part.c_str(), static_cast<mode_t>(mode));
+            } else if (errno != EEXIST) {
+                return false;
+            }
+        }
+        if (end == std::string::npos)
+            break;
+    }
     return isDirectoryFollowingLinks(path);
 }
 
-bool FileSystem::createEmptyFile(const std::string& path) {
+bool FileSystem::createEmptyFile(const std::string& path, uint32_t mode) {
     if (path.empty())
         return false;
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<mode_t>(mode));
     if (fd < 0)
         return false;
+    bool ok = ::fchmod(fd, static_cast<mode_t>(mode)) == 0;
     ::close(fd);
-    return true;
+    return ok;
+}
+
+bool FileSystem::setPermissions(const std::string& path, uint32_t mode) {
+    auto s = linkStatus(path);
+    if (!s || s->type == FileType::SymbolicLink)
+        return false;
+    return ::chmod(path.c_str(), static_cast<mode_t>(mode & 07777)) == 0;
 }
 
 bool FileSystem::moveItem(const std::string& from, const std::string& to) {

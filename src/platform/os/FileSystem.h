@@ -34,8 +34,13 @@ public:
     static bool isDirectory(const std::string& path);   // not following a final link
     static bool isDirectoryFollowingLinks(const std::string& path);
 
-    static bool createDirectories(const std::string& path); // true when it is a folder after
-    static bool createEmptyFile(const std::string& path);   // fails if something is there
+    // True when it is a folder after. Each folder it makes gets exactly mode, whatever the
+    // umask (a umask of 000 must not let other users into our folders); folders that were
+    // already there are left as they are.
+    static bool createDirectories(const std::string& path, uint32_t mode = 0700);
+    static bool createEmptyFile(const std::string& path, uint32_t mode = 0644); // fails if something is there
+    // Sets the permission bits of a file or folder; a symbolic link is refused, not followed.
+    static bool setPermissions(const std::string& path, uint32_t mode);
     // Moves an item; fails when the target exists.
     static bool moveItem(const std::string& from, const std::string& to);
     // Renames, replacing a file at the target.
@@ -46,6 +51,7 @@ public:
 
     static std::optional<std::string> readFile(const std::string& path);
     // Writes a whole file: temporary file beside it, fsync, rename, fsync of the folder.
+    // The file gets mode 0644.
     static bool writeFileAtomically(const std::string& path, const std::string& data);
     static bool appendToFile(const std::string& path, const std::string& data);
     // Like writeFileAtomically, but the file is readable by its owner only (mode 0600)

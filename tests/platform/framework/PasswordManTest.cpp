@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include "common/FileModes.h"
 #include "common/TempHome.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/os/FileSystem.h"
@@ -8,24 +11,8 @@
 
 using namespace cirrovault;
 
-namespace {
-
-uint32_t permissionsOf(const std::string& path) {
-    auto status = FileSystem::linkStatus(path);
-    return status ? (status->mode & 0777) : 0xFFFF;
-}
-
-// Restores the process umask when the test ends.
-class UmaskScope {
-public:
-    explicit UmaskScope(mode_t mask) : old_(::umask(mask)) {}
-    ~UmaskScope() { ::umask(old_); }
-
-private:
-    mode_t old_;
-};
-
-} // namespace
+using test::permissionsOf;
+using test::UmaskScope;
 
 TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFile) {
     test::TempHome home;
@@ -44,6 +31,9 @@ TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFile) {
     std::string file = home.configHome() + "/cirrovault/passwords.plist";
     EXPECT_EQ(PasswordMan::PasswordFilePath(), file);
     EXPECT_EQ(permissionsOf(file), 0600u);
+    // Nobody else may put another file in its place either.
+    EXPECT_EQ(permissionsOf(home.configHome() + "/cirrovault"), 0700u);
+    EXPECT_FALSE(writer.AccountInKeyring());
     auto names = FileSystem::listDirectory(home.configHome() + "/cirrovault");
     ASSERT_TRUE(names);
     EXPECT_EQ(names->size(), 1u) << "no temporary file is left behind";
@@ -105,4 +95,34 @@ TEST(PasswordMan, DamagedOrOpenStoreIsRepairedWithoutLosingIt) {
     SystemLog::stopCapture();
     ASSERT_TRUE(store.SetAccount("bob", "pw"));
     EXPECT_EQ(permissionsOf(file), 0600u);
+}
+
+TEST(PasswordMan, SecretsOfAnUnreachableKeyringAreMissingNotGuessed) {
+    test::TempHome home;
+    ASSERT_TRUE(FileSystem::createDirectories(home.configHome() + "/cirrovault"));
+    // Written by a session that had a keyring: the file holds no secrets, only the index.
+    ASSERT_TRUE(FileSystem::writePrivateFileAtomically(PasswordMan::PasswordFilePath(), R"(<?xml version="1.0"?>
+<plist version="1.0"><dict>
+<key>Account</key><dict><key>UserName</key><string>alice</string><key>InKeyring</key><true/></dict>
+<key>PassPhrases</key><dict><key>\Enc\Docs</key><dict><key>InKeyring</key><true/><key>IsEncrypt</key><true/></dict></dict>
+</dict></plist>)"));
+    SystemLog::startCapture();
+    PasswordMan store;
+    EXPECT_TRUE(store.AccountInKeyring());
+    EXPECT_FALSE(store.GetAccount());
+    EXPECT_FALSE(store.FindPasswordForPath("\\Enc\\Docs\\a.txt"));
+    EXPECT_EQ(store.IsEncrypt("\\Enc\\Docs"), true); // known without reading the secret
+    EXPECT_TRUE(SystemLog::capturedContains("kept in the desktop keyring cannot be read"));
+    SystemLog::stopCapture();
+
+    // Kept again while no keyring answers: into the file, and the file says so.
+    ASSERT_TRUE(store.SetAccount("alice", "new pw"));
+    EXPECT_FALSE(store.AccountInKeyring());
+    EXPECT_EQ(store.GetAccount()->password, "new pw");
+
+    // Secrets passed through this process: it cannot be dumped or read by another.
+    EXPECT_EQ(::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 0);
+    rlimit core{};
+    ASSERT_EQ(::getrlimit(RLIMIT_CORE, &core), 0);
+    EXPECT_EQ(core.rlim_cur, 0u);
 }

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+
 #include "common/TempHome.h"
 #include "platform/framework/PropertyList.h"
 #include "platform/os/FileSystem.h"
@@ -48,4 +52,125 @@ TEST(PropertyList, FileWriteIsWholeAndReadable) {
     auto names = FileSystem::listDirectory(home.path());
     ASSERT_TRUE(names);
     EXPECT_EQ(names->size(), 3u); // a.plist, data, config: no temporary left behind
+}
+
+namespace {
+
+// A binary property list of one dictionary {key: value}, from the encoded key and value
+// objects (marker byte first).
+std::string binaryDict(const std::string& key, const std::string& value) {
+    std::string out = "bplist00";
+    std::string offsets;
+    offsets += static_cast<char>(out.size());
+    out += "\xD1\x01\x02"; // dictionary of one entry: key object 1, value object 2
+    offsets += static_cast<char>(out.size());
+    out += key;
+    offsets += static_cast<char>(out.size());
+    out += value;
+    size_t tableAt = out.size();
+    out += offsets;
+    std::string trailer(6, '\0');
+    trailer += '\x01'; // offset width
+    trailer += '\x01'; // object reference width
+    auto be64 = [](uint64_t v) {
+        std::string bytes(8, '\0');
+        for (int i = 7; i >= 0; --i, v >>= 8)
+            bytes[i] = static_cast<char>(v & 0xFF);
+        return bytes;
+    };
+    return out + trailer + be64(3) + be64(0) + be64(tableAt);
+}
+
+std::string ascii(const std::string& text) {
+    return static_cast<char>(0x50 | text.size()) + text;
+}
+
+std::string binaryDate(double secondsSince2001) {
+    uint64_t raw;
+    std::memcpy(&raw, &secondsSince2001, sizeof raw);
+    std::string out = "\x33";
+    for (int shift = 56; shift >= 0; shift -= 8)
+        out += static_cast<char>((raw >> shift) & 0xFF);
+    return out;
+}
+
+std::string xmlDict(const std::string& inner) {
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" + inner + "</dict></plist>";
+}
+
+} // namespace
+
+// The library cuts texts at a NUL (so that two keys could become one) and keeps dates in
+// 32 bits: such input is refused with its reason, in both forms read.
+TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
+    // The hand-made binary form is sound: the same shapes without the fault parse.
+    auto fine = PropertyList::parse(binaryDict(ascii("k"), ascii("v")));
+    ASSERT_TRUE(fine);
+    EXPECT_EQ(*fine->find("k")->string(), "v");
+    auto dated = PropertyList::parse(binaryDict(ascii("d"), binaryDate(86400.0)));
+    ASSERT_TRUE(dated);
+    EXPECT_EQ(std::get<Date>(dated->find("d")->value()).timeIntervalSince1970(), 978307200.0 + 86400);
+
+    const std::string nulUtf16 = std::string("\x62\x00\x61\x00\x00", 5); // "a\0" in UTF-16
+    struct Case {
+        std::string bytes;
+        const char* reason;
+    } cases[] = {
+        {binaryDict(ascii(std::string("a\0b", 3)), ascii("v")), "NUL"},
+        {binaryDict(ascii("k"), ascii(std::string("x\0y", 3))), "NUL"},
+        {binaryDict(ascii("k"), nulUtf16), "NUL"},
+        {binaryDict(ascii("d"), binaryDate(1e300)), "date out of range"},
+        {binaryDict(ascii("d"), binaryDate(std::nan(""))), "date out of range"},
+        {binaryDict(ascii("k"), "\x5F\x10\x7F" "abc"), "damaged"}, // length beyond the data
+        {xmlDict(std::string("<key>a</key><string>x\0y</string>", 33)), "NUL"},
+        {xmlDict("<key>a&#0;b</key><string>x</string>"), "NUL"},
+        {xmlDict("<key>a</key><string>x&#x0000;y</string>"), "NUL"},
+        {xmlDict("<key>d</key><date>9999-01-01T00:00:00Z</date>"), "date out of range"},
+        {xmlDict("<key>d</key><date>1200-01-01T00:00:00Z</date>"), "date out of range"},
+    };
+    for (const auto& c : cases) {
+        SystemLog::startCapture();
+        std::string error;
+        EXPECT_FALSE(PropertyList::parse(c.bytes, &error)) << c.reason;
+        EXPECT_NE(error.find(c.reason), std::string::npos) << error;
+        EXPECT_TRUE(SystemLog::capturedContains("property list refused")) << c.reason;
+        SystemLog::stopCapture();
+    }
+    // A NUL-like reference that is not one, and dates at the edges, still read.
+    EXPECT_TRUE(PropertyList::parse(xmlDict("<key>a</key><string>&#10;&#x30;</string>")));
+    EXPECT_TRUE(PropertyList::parse(xmlDict("<key>d</key><date>2068-12-31T00:00:00Z</date>")));
+}
+
+TEST(PropertyList, WhatCannotBeWrittenFaithfullyIsNotWritten) {
+    test::TempHome home;
+    std::string path = home.file("s.plist");
+    ASSERT_TRUE(PropertyListFile::write(path, PropertyList(PlistDict{{"k", PropertyList("kept")}})));
+    SystemLog::startCapture();
+    for (const PropertyList& bad :
+         {PropertyList(PlistDict{{"k", PropertyList(std::string("a\0b", 3))}}),
+          PropertyList(PlistDict{{std::string("k\0", 2), PropertyList("v")}}),
+          PropertyList(PlistArray{PropertyList(Date(1e12))}),
+          PropertyList(PlistDict{{"d", PropertyList(Date(-3e9))}})}) {
+        EXPECT_THROW(bad.toXml(), std::invalid_argument);
+        EXPECT_FALSE(PropertyListFile::write(path, bad));
+    }
+    EXPECT_TRUE(SystemLog::capturedContains("property list not written"));
+    SystemLog::stopCapture();
+    EXPECT_EQ(*PropertyListFile::read(path)->find("k")->string(), "kept");
+    EXPECT_EQ(FileSystem::status(path)->mode & 0777, 0600u); // settings may hold a password
+}
+
+TEST(PropertyList, HugeRealsAreNoIntegers) {
+    EXPECT_EQ(PropertyList(2.9).asInteger(), 2);
+    EXPECT_EQ(PropertyList(-2.9).asInteger(), -2);
+    EXPECT_EQ(PropertyList(-9223372036854775808.0).asInteger(), INT64_MIN);
+    SystemLog::startCapture();
+    for (double huge : {1e300, 9223372036854775808.0, -1e19, std::nan(""), HUGE_VAL})
+        EXPECT_FALSE(PropertyList(huge).asInteger()) << huge;
+    EXPECT_TRUE(SystemLog::capturedContains("out of the integer range"));
+    SystemLog::stopCapture();
+    // Read from a file too: a real where an integer is expected.
+    auto read = PropertyList::parse(xmlDict("<key>n</key><real>1e300</real>"));
+    ASSERT_TRUE(read);
+    EXPECT_FALSE(read->find("n")->asInteger());
 }

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/FileModes.h"
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 
@@ -50,6 +51,32 @@ TEST(FileSystemWrite, AtomicWritesReplaceWholeAndLeaveNoTemporary) {
     FileSystem::removeAll(blocked);
     EXPECT_TRUE(strayNames(folder, "data.plist").empty());
     EXPECT_FALSE(FileSystem::writeFileAtomically(folder + "/missing/file", "x"));
+}
+
+TEST(FileSystemWrite, FoldersGetExactlyTheirModeWhateverTheUmask) {
+    test::TempHome home;
+    {
+        test::UmaskScope open(0); // must not let other users into a new folder
+        ASSERT_TRUE(FileSystem::createDirectories(home.file("a/b/c")));
+        ASSERT_TRUE(FileSystem::createEmptyFile(home.file("a/db"), 0600));
+    }
+    for (const char* folder : {"a", "a/b", "a/b/c"})
+        EXPECT_EQ(test::permissionsOf(home.file(folder)), 0700u) << folder;
+    EXPECT_EQ(test::permissionsOf(home.file("a/db")), 0600u);
+    {
+        test::UmaskScope closed(077); // nor take away what a caller asked for
+        ASSERT_TRUE(FileSystem::createDirectories(home.file("a/b/shared/x/"), 0755));
+    }
+    EXPECT_EQ(test::permissionsOf(home.file("a/b/shared")), 0755u);
+    EXPECT_EQ(test::permissionsOf(home.file("a/b/shared/x")), 0755u);
+    EXPECT_EQ(test::permissionsOf(home.file("a/b")), 0700u) << "a folder that was there is left alone";
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(home.file("a/file"), "x"));
+    EXPECT_FALSE(FileSystem::createDirectories(home.file("a/file/sub")));
+    // A link is refused rather than followed to what it names.
+    ASSERT_EQ(::symlink(home.file("a/file").c_str(), home.file("a/link").c_str()), 0);
+    EXPECT_FALSE(FileSystem::setPermissions(home.file("a/link"), 0777));
+    EXPECT_EQ(test::permissionsOf(home.file("a/file")), 0644u);
 }
 
 TEST(FileSystemWriteThread, WriteAllGoesOnPastShortWritesAndReportsFailure) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/FileModes.h"
 #include "common/TempHome.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/os/FileSystem.h"
@@ -159,6 +160,40 @@ TEST_F(LocalStoreTest, FolderRecordsOfATreeStayWithThatTree) {
     EXPECT_EQ(described("\\Z"), (Described{{"Deep", ""}}));
     top["Z"] = "";
     EXPECT_EQ(described("\\"), top);
+}
+
+// The store holds every backed-up file and the password hash: nothing of it is open to
+// other users, whatever the umask of the process that made it.
+TEST(LocalStoreModesTest, NothingIsOpenToOthersWhateverTheUmask) {
+    TempHome home;
+    UmaskScope open(0);
+    LocalStore store(home.file("store"));
+    StoreSession session;
+    ASSERT_EQ(store.logon("alice", "pw", session), R::Success);
+    ASSERT_EQ(store.makeFolder("\\Docs", "d", "D"), R::Success);
+    MemorySource source("private bytes", "t");
+    ASSERT_EQ(store.put("\\Docs\\a.txt", source, Date(1'650'000'000.0), nullptr), R::Success);
+    ASSERT_EQ(store.copy("\\Docs", "\\Copy"), R::Success);
+    EXPECT_EQ(store.flush(), R::Success);
+    ASSERT_TRUE(FileSystem::isRegularFile(home.file("store/accounts/" + session.customerID + "/files/Copy/a.txt")));
+    EXPECT_EQ(openToOthers(home.file("store")), std::vector<std::string>{});
+}
+
+TEST(LocalStoreModesTest, AStoreOpenToOthersIsClosedAtLogon) {
+    TempHome home;
+    {
+        LocalStore store(home.file("store"));
+        StoreSession session;
+        ASSERT_EQ(store.logon("alice", "pw", session), R::Success);
+    }
+    // As an earlier version left it.
+    ASSERT_TRUE(FileSystem::setPermissions(home.file("store"), 0755));
+    ASSERT_TRUE(FileSystem::setPermissions(home.file("store/store.db"), 0644));
+    LocalStore store(home.file("store"));
+    StoreSession session;
+    ASSERT_EQ(store.logon("alice", "pw", session), R::Success);
+    EXPECT_EQ(permissionsOf(home.file("store")), 0700u);
+    EXPECT_EQ(permissionsOf(home.file("store/store.db")), 0600u);
 }
 
 TEST(LocalStoreDamageTest, UnreadableDatabaseRefusesLogon) {

@@ -122,6 +122,16 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
             SystemLog::write("Error: LocalStore: the store folder cannot be made: " + folder_);
             return ResultCode::NoService;
         }
+        // The store holds every backed-up file and the password hash: its folder is the
+        // owner's only, and so is the database, whose journals take its mode. A store made
+        // by an older version, open to others, is closed here.
+        std::string database = folder_ + "/store.db";
+        if (auto status = FileSystem::status(folder_); status && (status->mode & 077) != 0)
+            FileSystem::setPermissions(folder_, 0700);
+        if (!FileSystem::createEmptyFile(database, 0600)) {
+            if (auto status = FileSystem::linkStatus(database); status && (status->mode & 077) != 0)
+                FileSystem::setPermissions(database, 0600);
+        }
         if (int64_t opened = openRecords(); opened != ResultCode::Success)
             return opened;
         if (!totalsLoaded_.exchange(true))

@@ -77,7 +77,7 @@ int64_t copyFile(const std::string& from, const std::string& to, Date modifyTime
     Descriptor in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!in.valid())
         return openFailure(errno, from);
-    Descriptor out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    Descriptor out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!out.valid())
         return openFailure(errno, to);
     std::vector<char> buffer(LocalStore::ChunkSize);
@@ -107,7 +107,7 @@ constexpr int64_t UseAPart = -1;
 int64_t putNewWhole(const std::string& target, ByteSource& source, uint64_t size,
                     Date modifyTime, TransferObserver* observer) {
     const std::string folder = target.substr(0, target.rfind('/'));
-    Descriptor file(::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
+    Descriptor file(::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
     if (!file.valid())
         return errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL ? UseAPart
                                                                             : openFailure(errno, target);
@@ -208,7 +208,7 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
             storedTag = tag;
         }
         Descriptor part(
-            ::open(partPath.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+            ::open(partPath.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!part.valid())
             return openFailure(errno, partPath);
         // One writer per part, across threads and processes; the lock goes with the
@@ -342,7 +342,7 @@ int64_t LocalStore::copyTree(const std::string& localFrom, const std::string& lo
         return copyFile(localFrom, localTo, status->modifyTime);
     if (status->type != FileType::Directory)
         return ResultCode::Success; // links and special files are not copied
-    if (::mkdir(localTo.c_str(), 0755) != 0)
+    if (::mkdir(localTo.c_str(), 0700) != 0)
         return writeFailure(errno, localTo);
     auto names = FileSystem::listDirectory(localFrom);
     if (!names)

@@ -314,7 +314,7 @@ int64_t LocalStore::makeFolder(const std::string& path, const std::string& descr
             return rc;
         if (location.status)
             return ResultCode::AlreadyExists;
-        if (::mkdir(location.localPath.c_str(), 0755) != 0) {
+        if (::mkdir(location.localPath.c_str(), 0700) != 0) {
             int error = errno;
             if (error == EEXIST)
                 return ResultCode::AlreadyExists;
