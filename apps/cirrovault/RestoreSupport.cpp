@@ -226,12 +226,7 @@ int64_t RestoreSupport::readBack(const std::string& serverPath, const std::strin
         scratch_ = folder;
     }
     copy = scratch_ + "/" + std::to_string(++scratchCount_);
-    TransferInfo transfer;
-    transfer.setSvrFile(serverPath);
-    transfer.setLocFile(copy);
-    transfer.setPassPhrase(passPhrase);
-    return TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
+    return restoreFile(serverPath, copy, passPhrase, nullptr);
 }
 
 } // namespace cirrovault::cli
-
