@@ -87,10 +87,12 @@ public:
             if (stopped())
                 return report_;
             ++report_.files;
-            if (rel.size() > 5 && rel.compare(rel.size() - 5, 5, ".part") == 0 && names.count(rel.substr(0, rel.size() - 5)))
+            std::string local = compare ? where_.localTop() + "/" + rel : "";
+            // A ".part" beside its finished copy is left over, unless the source has one.
+            if (rel.ends_with(".part") && names.count(rel.substr(0, rel.size() - 5)) &&
+                !(compare && FileSystem::exists(local)))
                 problem(rel, text("CheckStrayPart", "an unfinished upload left beside the finished copy"));
-            bool comparable = compare && !pending.count(rel);
-            checkStored(rel, info, comparable ? where_.localTop() + "/" + rel : "");
+            checkStored(rel, info, pending.count(rel) ? "" : local);
         }
         checkVersions();
         for (const auto& rel : pending)

@@ -35,7 +35,7 @@ std::optional<std::string> Credentials::password(const std::string& user, bool m
 }
 
 std::optional<std::string> Credentials::passPhrase(const std::string& file, const std::optional<std::string>& kept,
-                                                   const std::string& question) {
+                                                   const std::string& question, bool* asked) {
     if (!file.empty()) {
         auto content = FileSystem::readFile(file);
         if (!content)
@@ -50,6 +50,8 @@ std::optional<std::string> Credentials::passPhrase(const std::string& file, cons
         return std::string(env);
     if (kept && !kept->empty())
         return kept;
+    if (asked)
+        *asked = true;
     return prompt(question);
 }
 

@@ -20,10 +20,10 @@ public:
     static bool remembered(const std::string& user);
     // The pass phrase of an encrypted task for this command: the file named by
     // --passphrase-file (its first line), else CIRROVAULT_PASSPHRASE, else the phrase kept
-    // on this computer, else asked at a terminal; nothing when none of them gives one.
-    // Throws CliError when the file cannot be read.
+    // on this computer, else asked at a terminal (then asked is set); nothing when none
+    // of them gives one. Throws CliError when the file cannot be read.
     static std::optional<std::string> passPhrase(const std::string& file, const std::optional<std::string>& kept,
-                                                 const std::string& question);
+                                                 const std::string& question, bool* asked = nullptr);
     // Reads a secret from the terminal without echo; nothing without a terminal.
     static std::optional<std::string> prompt(const std::string& question);
 };

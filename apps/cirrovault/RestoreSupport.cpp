@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <cstdio>
 #include <unistd.h>
 
 #include "Credentials.h"
@@ -172,25 +173,36 @@ std::string RestoreSupport::passPhrase(const PassPhraseOptions& options, const s
     if (!encrypted())
         return "";
     std::optional<std::string> kept = PasswordMan().FindPasswordForPath(serverFolder_);
-    std::optional<std::string> phrase = Credentials::passPhrase(
-        options.file, kept, text("CliAskPassPhrase", "Pass phrase of \"{}\": ", task_->name));
-    if (!phrase)
-        throw CliError(Exit::Logon, text("CliNoPassPhrase",
-                                         "\"{}\" is encrypted: give its pass phrase with CIRROVAULT_PASSPHRASE or "
-                                         "--passphrase-file FILE, or run at a terminal to be asked",
-                                         task_->name));
-    if (!sample.empty()) {
-        std::string copy;
-        int64_t code = readBack(sample, *phrase, copy);
-        FileSystem::removeItem(copy);
-        if (code == ResultCode::WrongPassPhrase)
+    std::optional<std::string> phrase;
+    // A phrase typed at the terminal may be mistyped: it is asked again, three times in all.
+    for (int tries = 1;; ++tries) {
+        bool asked = false;
+        phrase = Credentials::passPhrase(options.file, kept, text("CliAskPassPhrase", "Pass phrase of \"{}\": ", task_->name),
+                                         &asked);
+        if (!phrase)
+            throw CliError(Exit::Logon, text("CliNoPassPhrase",
+                                             "\"{}\" is encrypted: give its pass phrase with CIRROVAULT_PASSPHRASE or "
+                                             "--passphrase-file FILE, or run at a terminal to be asked",
+                                             task_->name));
+        if (sample.empty() || opens(sample, *phrase))
+            break;
+        if (!asked || tries == 3)
             throw CliError(Exit::Logon, text("CliWrongPassPhrase",
                                              "the pass phrase does not open the files of \"{}\"; nothing was changed",
                                              task_->name));
+        std::fprintf(stderr, "%s\n", text("CliTryPassPhrase", "That pass phrase does not open the files; try again.").c_str());
     }
     if (options.keep && phrase != kept)
         keepPassPhrase(*phrase);
     return *phrase;
+}
+
+bool RestoreSupport::opens(const std::string& serverPath, const std::string& phrase) {
+    std::string copy;
+    int64_t code = readBack(serverPath, phrase, copy);
+    FileSystem::removeItem(copy);
+    // Any other failure is the file's own, reported when it is read for real.
+    return code != ResultCode::WrongPassPhrase;
 }
 
 void RestoreSupport::keepPassPhrase(const std::string& phrase) const {
@@ -217,12 +229,7 @@ int64_t RestoreSupport::readBack(const std::string& serverPath, const std::strin
         scratch_ = folder;
     }
     copy = scratch_ + "/" + std::to_string(++scratchCount_);
-    TransferInfo transfer;
-    transfer.setSvrFile(serverPath);
-    transfer.setLocFile(copy);
-    transfer.setPassPhrase(passPhrase);
-    return TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
+    return restoreFile(serverPath, copy, passPhrase, nullptr);
 }
 
 } // namespace cirrovault::cli
-

@@ -55,8 +55,8 @@ public:
     // The smallest current file of the task, to try a pass phrase on; "" when none.
     std::string sampleFile() const;
     // The pass phrase this command uses ("" for a plain task), tried on the sample file
-    // before anything is written. Throws CliError (Exit::Logon) when there is none or it
-    // does not open the task's files.
+    // before anything is written (asked up to three times at a terminal). Throws
+    // CliError (Exit::Logon) when there is none or it does not open the task's files.
     std::string passPhrase(const PassPhraseOptions& options, const std::string& sample);
     // Remembers the phrase for the task on this computer (later runs, the daemon).
     void keepPassPhrase(const std::string& phrase) const;
@@ -75,6 +75,8 @@ public:
 
 private:
     std::string versionFolder(const std::string& relativePath) const;
+    // Whether the phrase opens the stored file (read back and thrown away).
+    bool opens(const std::string& serverPath, const std::string& phrase);
 
     HostSession::TaskPtr task_;
     std::string accountFolder_;

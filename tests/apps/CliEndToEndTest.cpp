@@ -234,6 +234,7 @@ void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
     ASSERT_TRUE(FileSystem::writeFileAtomically(a, bytes));
     ASSERT_TRUE(FileSystem::writeFileAtomically(b, FileSystem::readFile(b).value_or("").substr(0, 150000)));
     ASSERT_TRUE(FileSystem::removeItem(n0));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(a + ".part", std::string(300, 'p')));
 
     auto listed = run({"check", "Vault"});
     EXPECT_EQ(listed.code, 1) << listed.out;
@@ -242,7 +243,8 @@ void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
     EXPECT_EQ(found.code, 1) << found.out;
     for (const char* named : {"{\"path\":\"Documents/a.txt\",\"problem\":\"cannot be read back: The file on the server is damaged.\"}",
                               "{\"path\":\"Documents/letters/b.txt\",\"problem\":\"cannot be read back",
-                              "{\"path\":\"Documents/notes/n.txt\",\"problem\":\"older version 0 is missing"})
+                              "{\"path\":\"Documents/notes/n.txt\",\"problem\":\"older version 0 is missing",
+                              "{\"path\":\"Documents/a.txt.part\",\"problem\":\"an unfinished upload left beside"})
         EXPECT_NE(found.out.find(named), std::string::npos) << named << "\n" << found.out;
     EXPECT_NE(found.out.find("\"ok\":false"), std::string::npos);
 }
