@@ -202,9 +202,10 @@ private:
                     "--htpasswd", folder_ + "/users", "--config", folder_ + "/rclone.conf",
                     "--dir-cache-time", "0s", "--log-file", folder_ + "/error.log"};
         case Kind::Sabre:
-            return {binary_, "-d", "display_errors=0", "-d", "log_errors=1",
-                    "-d", "error_log=" + folder_ + "/error.log", "-d", "include_path=/usr/share/php",
-                    "-S", address, std::string(CV_SOURCE_ROOT) + "/tests/common/sabredav/server.php"};
+            return {binary_, "-d", "display_errors=0", "-d", "log_errors=1", "-d",
+                    "error_log=" + folder_ + "/error.log", "-d", "include_path=/usr/share/php",
+                    "-S", address,
+                    std::string(CV_SOURCE_ROOT) + "/tests/common/sabredav/server.php"};
         default:
             FileSystem::writeFileAtomically(folder_ + "/httpd.conf", apacheConfig());
             return {binary_, "-f", folder_ + "/httpd.conf", "-DFOREGROUND"};

@@ -230,12 +230,12 @@ constexpr auto AtRoot = test::WebDavTestServer::Account::AtRoot;
 
 INSTANTIATE_TEST_SUITE_P(
     Stores, BackupRunThread,
-    testing::Values(RunStore{"Local", std::nullopt}, RunStore{"Apache", Server::Apache},
-                    RunStore{"ApacheAtRoot", Server::Apache, AtRoot},
-                    RunStore{"Lighttpd", Server::Lighttpd},
-                    RunStore{"LighttpdWithoutProperties", Server::LighttpdWithoutProperties},
-                    RunStore{"Rclone", Server::Rclone}, RunStore{"RcloneAtRoot", Server::Rclone, AtRoot},
-                    RunStore{"Sabre", Server::Sabre}, RunStore{"SabreAtRoot", Server::Sabre, AtRoot}),
+    testing::Values(
+        RunStore{"Local", std::nullopt}, RunStore{"Apache", Server::Apache},
+        RunStore{"ApacheAtRoot", Server::Apache, AtRoot}, RunStore{"Lighttpd", Server::Lighttpd},
+        RunStore{"LighttpdWithoutProperties", Server::LighttpdWithoutProperties},
+        RunStore{"Rclone", Server::Rclone}, RunStore{"RcloneAtRoot", Server::Rclone, AtRoot},
+        RunStore{"Sabre", Server::Sabre}, RunStore{"SabreAtRoot", Server::Sabre, AtRoot}),
     [](const testing::TestParamInfo<RunStore>& info) { return info.param.name; });
 
 } // namespace

@@ -7,7 +7,8 @@ require_once 'Sabre/autoload.php';
 
 class PlainUsers extends Sabre\DAV\Auth\Backend\AbstractBasic {
     protected function validateUserPass($username, $password) {
-        foreach (file(getenv('CV_DAV_USERS'), FILE_IGNORE_NEW_LINES | FILE_SKIP_EMPTY_LINES) as $line) {
+        $lines = file(getenv('CV_DAV_USERS'), FILE_IGNORE_NEW_LINES | FILE_SKIP_EMPTY_LINES);
+        foreach ($lines as $line) {
             [$user, $secret] = explode(':', $line, 2) + [1 => null];
             if ($user === $username && $secret !== null && hash_equals($secret, (string)$password))
                 return true;

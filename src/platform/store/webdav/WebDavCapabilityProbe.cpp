@@ -114,7 +114,8 @@ WebDavFeatures WebDavCapabilityProbe::featuresFor(const std::string& serverKey,
         "WebDAV: " + serverKey + " keeps properties: " + (features.deadProperties ? "yes" : "no") +
         ", applies ranges: " + (features.rangePut ? "yes" : "no") +
         ", refuses a MOVE onto a folder: " + (features.moveRefusesOccupiedName ? "yes" : "no") +
-        ", refuses a MKCOL of an existing folder: " + (features.mkcolAcceptsExisting ? "no" : "yes"));
+        ", refuses a MKCOL of an existing folder: " +
+        (features.mkcolAcceptsExisting ? "no" : "yes"));
     std::lock_guard lock(mutex);
     return known.emplace(serverKey, features).first->second;
 }

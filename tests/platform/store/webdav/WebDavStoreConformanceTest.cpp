@@ -40,7 +40,8 @@ StoreKind kindOf(std::string name, WebDavTestServer::Kind kind,
                  WebDavTestServer::Account account = WebDavTestServer::Account::FolderPerUser) {
     if (account == WebDavTestServer::Account::AtRoot)
         name += "AtRoot";
-    return {name, [kind, account] { return std::make_unique<WebDavStoreEnvironment>(kind, account); }};
+    return {name,
+            [kind, account] { return std::make_unique<WebDavStoreEnvironment>(kind, account); }};
 }
 
 using K = WebDavTestServer::Kind;
@@ -48,12 +49,12 @@ constexpr auto AtRoot = WebDavTestServer::Account::AtRoot;
 
 // Every server at a folder of its own and at its root; lighttpd without its property
 // database keeps times and descriptions in our metadata documents.
-const auto Servers = testing::Values(
-    kindOf("Apache", K::Apache), kindOf("Apache", K::Apache, AtRoot),
-    kindOf("Lighttpd", K::Lighttpd), kindOf("Lighttpd", K::Lighttpd, AtRoot),
-    kindOf("LighttpdWithoutProperties", K::LighttpdWithoutProperties),
-    kindOf("Rclone", K::Rclone), kindOf("Rclone", K::Rclone, AtRoot),
-    kindOf("Sabre", K::Sabre), kindOf("Sabre", K::Sabre, AtRoot));
+const auto Servers =
+    testing::Values(kindOf("Apache", K::Apache), kindOf("Apache", K::Apache, AtRoot),
+                    kindOf("Lighttpd", K::Lighttpd), kindOf("Lighttpd", K::Lighttpd, AtRoot),
+                    kindOf("LighttpdWithoutProperties", K::LighttpdWithoutProperties),
+                    kindOf("Rclone", K::Rclone), kindOf("Rclone", K::Rclone, AtRoot),
+                    kindOf("Sabre", K::Sabre), kindOf("Sabre", K::Sabre, AtRoot));
 
 } // namespace
 
