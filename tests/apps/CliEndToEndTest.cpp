@@ -68,6 +68,8 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     EXPECT_NE(made.out.find("\"filesSent\":2"), std::string::npos) << made.out;
 
     write("Documents/a.txt", "second text of a, longer\n");
+    // The next run follows at once: its change must show in the time, too.
+    FileSystem::setModifyTime(home.file("Documents/a.txt"), Date::now().addingTimeInterval(60));
     write("Documents/skip.tmp", "left out");
     auto again = run({"backup", "Docs"});
     ASSERT_EQ(again.code, 0) << again.err;
@@ -189,6 +191,7 @@ TEST_F(CliEndToEnd, BadInputIsRefusedAndNothingIsLost) {
 TEST_F(CliEndToEnd, EditedTaskAndDeletedVersionsStaySo) {
     ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
     write("Documents/a.txt", "second\n");
+    FileSystem::setModifyTime(home.file("Documents/a.txt"), Date::now().addingTimeInterval(60));
     ASSERT_EQ(run({"backup", "Docs"}).code, 0);
     write("Documents/a.txt", "third\n");
     // Changes are told by the modification time in whole seconds: make this one later.
