@@ -13,13 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 #include <gtest/gtest.h>
 
 #include "common/LoopbackPort.h"
 #include "platform/os/FileSystem.h"
 #include "platform/store/webdav/WebDavCapabilityProbe.h"
+
+extern "C" char** environ;
 
 namespace cirrovault::test {
 
@@ -72,10 +72,6 @@ public:
     // The service URL of the users' accounts.
     std::string accountUrl() const {
         return url(account_ == Account::FolderPerUser ? "{user}/" : "");
-    }
-    // The folder on disk behind the user's account.
-    std::string accountFolder(const std::string& user) const {
-        return account_ == Account::FolderPerUser ? dataFolder() + "/" + user : dataFolder();
     }
     // The requests the server has answered so far, a line each ("METHOD /path status");
     // nullopt for a server that keeps no such log (all but Apache here).
