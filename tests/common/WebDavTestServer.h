@@ -19,36 +19,43 @@
 #include "platform/os/FileSystem.h"
 #include "platform/store/webdav/WebDavCapabilityProbe.h"
 
+extern "C" char** environ;
+
 namespace cirrovault::test {
 
-// A real WebDAV server (Apache with mod_dav, or lighttpd with mod_webdav, with or without
-// its property database) on a free port of 127.0.0.1, configured in a folder of its own
-// and stopped with the object. Each user
-// gets a folder "data/<name>"; URLs with "{user}" reach it. A missing server program
-// fails the test with a message saying what to install: CI has them all.
+// A real WebDAV server on a free port of 127.0.0.1, configured in a folder of its own and
+// stopped with the object: Apache with mod_dav, lighttpd with mod_webdav (with or without
+// its property database), `rclone serve webdav`, or SabreDAV under PHP's built-in server.
+// The server's root is the folder "data". With FolderPerUser each user gets a folder
+// "data/<name>", reached by accountUrl() ("{user}" in the path); AtRoot, the account is
+// the server's root itself, which every user of the server then shares. A missing server
+// program fails the test with a message saying what to install: CI has them all.
 class WebDavTestServer {
 public:
-    enum class Kind { Apache, Lighttpd, LighttpdWithoutProperties };
+    enum class Kind { Apache, Lighttpd, LighttpdWithoutProperties, Rclone, Sabre };
+    enum class Account { FolderPerUser, AtRoot };
 
-    WebDavTestServer(Kind kind, std::string folder, std::map<std::string, std::string> users)
-        : kind_(kind), folder_(std::move(folder)) {
-        const char* program = kind == Kind::Apache ? "apache2" : "lighttpd";
-        lighttpd_ = kind != Kind::Apache;
-        binary_ = findProgram(program);
+    WebDavTestServer(Kind kind, std::string folder, std::map<std::string, std::string> users,
+                     Account account = Account::FolderPerUser)
+        : kind_(kind), account_(account), folder_(std::move(folder)) {
+        const Program program = programOf(kind);
+        lighttpd_ = kind == Kind::Lighttpd || kind == Kind::LighttpdWithoutProperties;
+        binary_ = findProgram(program.name);
         if (binary_.empty()) {
-            ADD_FAILURE() << program << " is not installed: run scripts/install-deps.sh "
-                          << "(packages apache2, lighttpd, lighttpd-mod-webdav)";
+            ADD_FAILURE() << program.name << " is not installed: run scripts/install-deps.sh "
+                          << "(packages " << program.packages << ")";
             return;
         }
         FileSystem::createDirectories(folder_ + "/data");
         for (const auto& [user, password] : users) {
-            FileSystem::createDirectories(folder_ + "/data/" + user);
+            if (account_ == Account::FolderPerUser)
+                FileSystem::createDirectories(folder_ + "/data/" + user);
             addUser(user, password);
         }
         for (int attempt = 0; attempt < 3 && pid_ <= 0; ++attempt)
             start();
         if (pid_ <= 0)
-            ADD_FAILURE() << program << " did not start; its log:\n" << log();
+            ADD_FAILURE() << program.name << " did not start; its log:\n" << log();
     }
     ~WebDavTestServer() { stop(); }
     WebDavTestServer(const WebDavTestServer&) = delete;
@@ -62,10 +69,14 @@ public:
     std::string url(const std::string& path) const {
         return "webdav://127.0.0.1:" + std::to_string(port_) + "/" + path;
     }
+    // The service URL of the users' accounts.
+    std::string accountUrl() const {
+        return url(account_ == Account::FolderPerUser ? "{user}/" : "");
+    }
     // The requests the server has answered so far, a line each ("METHOD /path status");
-    // nullopt for a server that keeps no such log (lighttpd here).
+    // nullopt for a server that keeps no such log (all but Apache here).
     std::optional<std::vector<std::string>> requests() const {
-        if (lighttpd_)
+        if (kind_ != Kind::Apache)
             return std::nullopt;
         std::vector<std::string> lines;
         std::string text = FileSystem::readFile(folder_ + "/access.log").value_or("");
@@ -83,20 +94,38 @@ public:
     void stop() {
         if (pid_ <= 0)
             return;
-        ::kill(pid_, SIGTERM);
+        ::kill(-pid_, SIGTERM);
         for (int i = 0; i < 400; ++i) { // up to two seconds, then no more patience
             if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
+                ::kill(-pid_, SIGKILL); // any worker left behind
                 pid_ = 0;
                 return;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        ::kill(pid_, SIGKILL);
+        ::kill(-pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
         pid_ = 0;
     }
 
 private:
+    struct Program {
+        const char* name;
+        const char* packages;
+    };
+    static Program programOf(Kind kind) {
+        switch (kind) {
+        case Kind::Apache:
+            return {"apache2", "apache2"};
+        case Kind::Rclone:
+            return {"rclone", "rclone"};
+        case Kind::Sabre:
+            return {"php", "php-cli, php-sabre-dav"};
+        default:
+            return {"lighttpd", "lighttpd, lighttpd-mod-webdav"};
+        }
+    }
+
     static std::string findProgram(const std::string& name) {
         for (const char* dir : {"/usr/sbin", "/usr/bin", "/usr/local/sbin", "/usr/local/bin"}) {
             std::string path = std::string(dir) + "/" + name;
@@ -107,7 +136,7 @@ private:
     }
 
     void addUser(const std::string& user, const std::string& password) {
-        if (lighttpd_) {
+        if (lighttpd_ || kind_ == Kind::Sabre) {
             std::string users = FileSystem::readFile(folder_ + "/users").value_or("");
             FileSystem::writeFileAtomically(folder_ + "/users", users + user + ":" + password + "\n");
             return;
@@ -155,27 +184,68 @@ private:
                     : std::string());
     }
 
+    // The server's command line; configuration files are written on the way.
+    std::vector<std::string> commandLine() const {
+        const std::string address = "127.0.0.1:" + std::to_string(port_);
+        if (lighttpd_) {
+            FileSystem::writeFileAtomically(folder_ + "/lighttpd.conf", lighttpdConfig());
+            return {binary_, "-D", "-f", folder_ + "/lighttpd.conf"};
+        }
+        switch (kind_) {
+        case Kind::Rclone:
+            // No directory cache: tests change files behind the server's back.
+            return {binary_, "serve", "webdav", folder_ + "/data", "--addr", address,
+                    "--htpasswd", folder_ + "/users", "--config", folder_ + "/rclone.conf",
+                    "--dir-cache-time", "0s", "--log-file", folder_ + "/error.log"};
+        case Kind::Sabre:
+            return {binary_, "-d", "display_errors=0", "-d", "log_errors=1", "-d",
+                    "error_log=" + folder_ + "/error.log", "-d", "include_path=/usr/share/php",
+                    "-S", address,
+                    std::string(CV_SOURCE_ROOT) + "/tests/common/sabredav/server.php"};
+        default:
+            FileSystem::writeFileAtomically(folder_ + "/httpd.conf", apacheConfig());
+            return {binary_, "-f", folder_ + "/httpd.conf", "-DFOREGROUND"};
+        }
+    }
+
     void start() {
         port_ = unusedLoopbackPort();
         // The port may have served another kind of server earlier in this process.
         WebDavCapabilityProbe::forgetAll();
-        const std::string conf = folder_ + (lighttpd_ ? "/lighttpd.conf" : "/httpd.conf");
-        FileSystem::writeFileAtomically(conf, lighttpd_ ? lighttpdConfig() : apacheConfig());
+        const std::vector<std::string> command = commandLine();
+        std::vector<std::string> environment;
+        for (char** variable = environ; *variable; ++variable)
+            environment.emplace_back(*variable);
+        if (kind_ == Kind::Sabre) {
+            FileSystem::createDirectories(folder_ + "/state");
+            environment.push_back("CV_DAV_ROOT=" + folder_ + "/data");
+            environment.push_back("CV_DAV_USERS=" + folder_ + "/users");
+            environment.push_back("CV_DAV_STATE=" + folder_ + "/state");
+            // One worker, as the built-in server runs by default: the file-system nodes
+            // check and then act, so requests racing in several workers could both win.
+            environment.push_back("PHP_CLI_SERVER_WORKERS=1");
+        }
+        std::vector<char*> argv, envp;
+        for (const auto& argument : command)
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        for (const auto& variable : environment)
+            envp.push_back(const_cast<char*>(variable.c_str()));
+        envp.push_back(nullptr);
         pid_t pid = ::fork();
         if (pid == 0) {
+            ::setpgid(0, 0); // stopped as a group, with any process the server started
             int out = ::open((folder_ + "/output.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             if (out >= 0) {
                 ::dup2(out, 1);
                 ::dup2(out, 2);
             }
-            if (lighttpd_)
-                ::execl(binary_.c_str(), "lighttpd", "-D", "-f", conf.c_str(), nullptr);
-            else
-                ::execl(binary_.c_str(), "apache2", "-f", conf.c_str(), "-DFOREGROUND", nullptr);
+            ::execve(argv[0], argv.data(), envp.data());
             ::_exit(127);
         }
         if (pid < 0)
             return;
+        ::setpgid(pid, pid); // as the child does: whichever runs first
         for (int i = 0; i < 2000; ++i) { // up to ten seconds
             if (acceptsOnLoopback(port_)) {
                 pid_ = pid;
@@ -185,11 +255,12 @@ private:
                 return; // exited: the port was taken meanwhile, or the configuration is bad
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        ::kill(pid, SIGKILL);
+        ::kill(-pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
     }
 
     Kind kind_;
+    Account account_;
     bool lighttpd_ = false;
     std::string folder_;
     std::string binary_;

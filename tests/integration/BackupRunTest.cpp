@@ -65,6 +65,7 @@ public:
 struct RunStore {
     std::string name;
     std::optional<test::WebDavTestServer::Kind> server;
+    test::WebDavTestServer::Account account = test::WebDavTestServer::Account::FolderPerUser;
 };
 
 void PrintTo(const RunStore& store, std::ostream* os) {
@@ -79,8 +80,8 @@ protected:
         if (GetParam().server) {
             server_ = std::make_unique<test::WebDavTestServer>(
                 *GetParam().server, home_.file("server"),
-                std::map<std::string, std::string>{{"alice", "secret"}});
-            raw_ = std::make_shared<WebDavStore>(server_->url("{user}/"));
+                std::map<std::string, std::string>{{"alice", "secret"}}, GetParam().account);
+            raw_ = std::make_shared<WebDavStore>(server_->accountUrl());
             store_ = std::make_shared<test::CountingStore>(raw_);
             api().SetBackend(store_);
             ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
@@ -431,5 +432,17 @@ INSTANTIATE_TEST_SUITE_P(Stores, BackupRunThread,
                                                   test::WebDavTestServer::Kind::
                                                       LighttpdWithoutProperties}),
                          [](const testing::TestParamInfo<RunStore>& info) { return info.param.name; });
+using Server = test::WebDavTestServer::Kind;
+constexpr auto AtRoot = test::WebDavTestServer::Account::AtRoot;
+
+INSTANTIATE_TEST_SUITE_P(
+    Stores, BackupRunThread,
+    testing::Values(
+        RunStore{"Local", std::nullopt}, RunStore{"Apache", Server::Apache},
+        RunStore{"ApacheAtRoot", Server::Apache, AtRoot}, RunStore{"Lighttpd", Server::Lighttpd},
+        RunStore{"LighttpdWithoutProperties", Server::LighttpdWithoutProperties},
+        RunStore{"Rclone", Server::Rclone}, RunStore{"RcloneAtRoot", Server::Rclone, AtRoot},
+        RunStore{"Sabre", Server::Sabre}, RunStore{"SabreAtRoot", Server::Sabre, AtRoot}),
+    [](const testing::TestParamInfo<RunStore>& info) { return info.param.name; });
 
 } // namespace

@@ -82,6 +82,7 @@ protected:
     // The second computer: its own data folder and identity, the task list loaded.
     void startSecondComputer() {
         secondHome_ = std::make_unique<test::TempHome>();
+        clock_->advance(60); // started later: its identity is drawn from the time
         second_.initMyID();
         ASSERT_NE(second_.pcID, first_.pcID);
         ASSERT_TRUE(second_.LoadTaskList(reply("")));

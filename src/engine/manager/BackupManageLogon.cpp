@@ -21,6 +21,7 @@
 #include "platform/os/Clock.h"
 #include "platform/os/Guarded.h"
 #include "platform/os/SystemLog.h"
+#include "platform/view/ViewBackend.h"
 #include "service/CManageTaskList.h"
 
 namespace cirrovault {
@@ -381,7 +382,7 @@ void CBackupManage::logOff(bool /*flag*/) {
 void CBackupManage::logOffProc() {
     const LoopTalk loop{loopItem, pLogonThread.get()};
     try {
-        Clock::shared().sleepFor(3);
+        ViewBackend::pauseForFigures(3); // the last figures of a run stay readable
         loop.showKey("IDS_LOGOFFING");
 
         // bLogOff is set, so a running scheduler ends at its next check.

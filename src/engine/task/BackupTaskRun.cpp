@@ -15,6 +15,7 @@
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
+#include "platform/view/ViewBackend.h"
 #include "support/CErrorLog.h"
 #include "support/GlobalFunction.h"
 
@@ -26,7 +27,7 @@ constexpr int32_t kInfoEntry = 0;
 constexpr int32_t kErrorEntry = 2;
 constexpr double kRetryStepSeconds = 7200;         // per consecutive failure
 constexpr double kCancelledWindowDelay = 151'200;  // a cancelled bounded-window run: 42 h
-constexpr double kCloseNoticePause = 2;            // lets the host show the final figures
+constexpr double kCloseNoticePause = 2;            // lets a window show the final figures
 
 bool cancelRequested(const std::shared_ptr<TrueProgressCallback>& progress) {
     return progress && (progress->IsClickedCancel() || progress->IsCancelled());
@@ -220,7 +221,7 @@ void CBackupTask::FinishBackup() {
                 if (pPrgBar)
                     pPrgBar->SetDelegate(nullptr);
             } else {
-                Clock::shared().sleepFor(kCloseNoticePause);
+                ViewBackend::pauseForFigures(kCloseNoticePause);
                 runDelegateFun(closeProgressBarViewDelegate);
                 if (pPrgBar)
                     pPrgBar->SetDelegate(nullptr);

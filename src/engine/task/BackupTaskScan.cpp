@@ -10,10 +10,10 @@
 #include "platform/framework/LoadString.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/TransferApiUtil.h"
-#include "platform/os/Clock.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemItems.h"
 #include "platform/os/SystemLog.h"
+#include "platform/view/ViewBackend.h"
 #include "support/CFileInfo.h"
 
 namespace cirrovault {
@@ -212,7 +212,7 @@ void CBackupTask::scanFileProc() {
     Thread* self = pThread.get();
     try {
         if (loopItem)
-            Clock::shared().sleepFor(3); // let the dialog come up first
+            ViewBackend::pauseForFigures(3); // let a window come up first
         scanFilterSystemPath.clear();
         scanFilterUserPath.clear();
         int32_t files = 0;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 
+#include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
@@ -25,6 +26,13 @@ std::shared_ptr<ViewBackend> ViewBackend::shared() {
 void ViewBackend::setShared(std::shared_ptr<ViewBackend> backend) {
     std::lock_guard lock(sharedMutex);
     sharedBackend = std::move(backend);
+}
+
+void ViewBackend::pauseForFigures(double seconds) {
+    // Hosts without such a window go on at once (a departure kept on purpose: a
+    // fixed wait there only delays the user).
+    if (shared()->showsFiguresInWindow())
+        Clock::shared().sleepFor(seconds);
 }
 
 std::shared_ptr<ViewWindow> ViewBackend::createWindow(const std::string& layout) {

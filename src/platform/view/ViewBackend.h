@@ -38,6 +38,15 @@ public:
     // window closed first.
     bool waitUntilModal(const ViewWindow& window);
 
+    // Whether the host shows a run's figures in a window that stays up to be read (a
+    // desktop window). The engine's pauses that only let such a window show its last
+    // figures are paid there alone: the terminal keeps its last frame on screen by
+    // itself, and the command line without a terminal, the daemon and the tests show none.
+    virtual bool showsFiguresInWindow() const { return false; }
+    // Pauses for the given seconds (on the injected clock) when the shared back end
+    // shows figures in a window; returns at once otherwise.
+    static void pauseForFigures(double seconds);
+
     void windowChanged(ViewWindow& window, const std::string& outlet,
                        const std::string& text) override;
     void buttonPressed(ViewWindow& window, const std::string& button) override;

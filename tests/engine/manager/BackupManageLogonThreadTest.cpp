@@ -534,6 +534,9 @@ TEST_F(BackupManageLogonThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTheLis
     EXPECT_TRUE(manager_.waitingList.empty());
     EXPECT_TRUE(manager_.errTaskList.empty());
     EXPECT_TRUE(api().sessionID().empty());
+    // No window shows figures here, so the log-off did not pause for one.
+    for (const std::string& event : events_.all())
+        EXPECT_NE(event.rfind("sleep", 0), 0u) << event;
 }
 
 } // namespace

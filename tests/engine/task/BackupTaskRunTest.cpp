@@ -16,6 +16,7 @@
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/UrlOpener.h"
+#include "platform/view/headless/HeadlessViewBackend.h"
 #include "support/CErrorLog.h"
 
 using namespace cirrovault;
@@ -152,8 +153,22 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
     EXPECT_EQ(eventsContaining("Backup started."), 1u);
     EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
-    // The two-second pause went through the injected clock.
-    EXPECT_GE(clock_->now().timeIntervalSince1970(), T + 75.5 + 2);
+    // Nothing shows figures in a window here, so the run asked for no pause at all.
+    EXPECT_EQ(clock_->now().timeIntervalSince1970(), T + 75.5);
+}
+
+// A host whose window shows the run's figures keeps them up for two seconds before the
+// closing notices; the pause goes through the injected clock.
+TEST_F(BackupTaskRunThread, ClosingPauseIsPaidOnlyWhereAWindowShowsFigures) {
+    struct FiguresWindow : HeadlessViewBackend {
+        bool showsFiguresInWindow() const override { return true; }
+    };
+    local("a.txt", "alpha");
+    ViewBackend::setShared(std::make_shared<FiguresWindow>());
+    run();
+    ViewBackend::setShared(nullptr);
+    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+    EXPECT_EQ(clock_->now().timeIntervalSince1970(), T + 2);
 }
 
 // A rerun after a few files changed reads each server folder at most once, however
@@ -218,8 +233,7 @@ TEST_F(BackupTaskRunThread, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTi
         EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
         EXPECT_EQ(task_->iErrorTimes, n);
         EXPECT_TRUE(task_->bResume);
-        EXPECT_DOUBLE_EQ(task_->mResumeDate.timeIntervalSinceDate(clock_->now()),
-                         n * 7200.0 - 2); // the closing pause came after the date was set
+        EXPECT_DOUBLE_EQ(task_->mResumeDate.timeIntervalSinceDate(clock_->now()), n * 7200.0);
         EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
         delegate_.clear();
         clock_->advance(600);

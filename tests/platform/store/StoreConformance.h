@@ -26,6 +26,9 @@ public:
                            const std::string& linkName, const std::string& target) = 0;
     // Limits the logged-on account to bytes. False when the backend cannot.
     virtual bool limitQuota(StoreBackend& store, int64_t bytes) = 0;
+    // Whether each user has an account of their own; false where the service's root
+    // is one folder that every user of the server shares.
+    virtual bool accountsApart() const { return true; }
 };
 
 struct StoreKind {

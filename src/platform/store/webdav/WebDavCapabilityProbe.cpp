@@ -79,6 +79,8 @@ bool WebDavCapabilityProbe::probe(const std::string& scratchUrl, const Send& sen
     mkcol.method = "MKCOL";
     mkcol.url = folderUrl;
     if (send(mkcol, response) == ResultCode::Success && response.status == 201) {
+        features.mkcolAcceptsExisting = send(mkcol, response) == ResultCode::Success &&
+                                        response.status >= 200 && response.status < 300;
         HttpRequest move;
         move.method = "MOVE";
         move.url = scratchUrl;
@@ -111,7 +113,9 @@ WebDavFeatures WebDavCapabilityProbe::featuresFor(const std::string& serverKey,
     SystemLog::write(
         "WebDAV: " + serverKey + " keeps properties: " + (features.deadProperties ? "yes" : "no") +
         ", applies ranges: " + (features.rangePut ? "yes" : "no") +
-        ", refuses a MOVE onto a folder: " + (features.moveRefusesOccupiedName ? "yes" : "no"));
+        ", refuses a MOVE onto a folder: " + (features.moveRefusesOccupiedName ? "yes" : "no") +
+        ", refuses a MKCOL of an existing folder: " +
+        (features.mkcolAcceptsExisting ? "no" : "yes"));
     std::lock_guard lock(mutex);
     return known.emplace(serverKey, features).first->second;
 }

@@ -15,6 +15,9 @@ struct WebDavFeatures {
     // A MOVE with "Overwrite: F" onto a folder is refused, as it must be; some servers
     // move the file into that folder instead.
     bool moveRefusesOccupiedName = false;
+    // MKCOL of a folder that is already there answers 201 on some servers: it neither
+    // says that the folder exists nor can it serve as a lock there.
+    bool mkcolAcceptsExisting = false;
 };
 
 // Probes each server once per process and remembers the answer: a server that ignores

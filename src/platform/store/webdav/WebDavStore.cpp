@@ -238,6 +238,8 @@ int64_t WebDavStore::logon(const std::string& userName, const std::string& passw
         auto hostEnd = account.rootUrl.find('/', account.rootUrl.find("://") + 3);
         account.serverKey = account.rootUrl.substr(0, hostEnd);
         account.rootPath = WebDavMultistatus::hrefPath(account.rootUrl.substr(hostEnd));
+        if (account.rootPath == "/")
+            account.rootPath.clear(); // the server's root: its entries are "/<name>"
 
         // The password is checked by an authenticated look at the account's root.
         std::vector<DavResource> resources;
@@ -267,7 +269,7 @@ int64_t WebDavStore::logon(const std::string& userName, const std::string& passw
             send(account, mkcol, response); // 405 when it exists
         }
         account.features = WebDavCapabilityProbe::featuresFor(
-            account.serverKey, account.rootUrl + MetaFolder + "/probe",
+            account.serverKey, account.rootUrl + MetaFolder + "/probe-" + randomHex(4),
             [&](HttpRequest& request, HttpResponse& response) {
                 return send(account, request, response);
             });
@@ -319,31 +321,28 @@ int64_t WebDavStore::quota(StoreQuota& quota) {
         request.headers = {"Depth: 0"};
         request.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
                        "<D:propfind xmlns:D=\"DAV:\"><D:prop><D:quota-available-bytes/>"
-                       "<D:quota-used-bytes/></D:prop></D:propfind>";
+                       "</D:prop></D:propfind>";
         HttpResponse response;
         int64_t rc = send(account, request, response);
         if (rc != ResultCode::Success)
             return rc;
-        std::vector<DavResource> resources;
-        if (response.status == 207 && WebDavMultistatus::parse(response.body, resources) &&
-            !resources.empty()) {
-            auto available = resources[0].property("DAV:", "quota-available-bytes");
-            auto used = resources[0].property("DAV:", "quota-used-bytes");
-            if (available && used && !available->empty() && !used->empty()) {
-                quota.usedSpace = std::strtoll(used->c_str(), nullptr, 10);
-                quota.maxSpace = quota.usedSpace + std::strtoll(available->c_str(), nullptr, 10);
-                if (auto limit = configuredQuota())
-                    quota.maxSpace = std::min(quota.maxSpace, *limit);
-                return ResultCode::Success;
-            }
-        } else if (response.status != 207) {
+        if (response.status != 207)
             return codeOf(response.status);
-        }
+        std::optional<int64_t> available;
+        std::vector<DavResource> resources;
+        if (WebDavMultistatus::parse(response.body, resources) && !resources.empty())
+            if (auto text = resources[0].property("DAV:", "quota-available-bytes");
+                text && !text->empty())
+                available = std::max<int64_t>(0, std::strtoll(text->c_str(), nullptr, 10));
+        // Some servers give the figures of the whole disk, which others share: the
+        // account uses what its folders hold, and the server's free space bounds the rest.
         Totals totals;
         if ((rc = totalsOf(account, {}, totals)) != ResultCode::Success)
             return rc;
         quota.usedSpace = static_cast<int64_t>(totals.bytes);
-        quota.maxSpace = configuredQuota().value_or(UnlimitedQuota);
+        quota.maxSpace = available ? quota.usedSpace + *available : UnlimitedQuota;
+        if (auto limit = configuredQuota())
+            quota.maxSpace = std::min(quota.maxSpace, *limit);
         return ResultCode::Success;
     } catch (const std::exception&) {
         SystemLog::write("Error: WebDavStore::quota()");
@@ -354,8 +353,9 @@ int64_t WebDavStore::quota(StoreQuota& quota) {
 // The task list is one document in our folder, "<magic><generation>\n<document>". The
 // generation travels with the bytes in one GET, so a version can never be read apart
 // from its content. Writers take a lock (a folder beside it), compare generations, and
-// PUT with If-Match on the ETag where the server gives a strong one, so two computers
-// updating at once never lose a change: the loser answers Conflict and reads again.
+// put the new document in place with one MOVE, so two computers updating at once never
+// lose a change (the loser answers Conflict and reads again) and a reader never sees
+// half a document.
 int64_t WebDavStore::readTaskList(std::string& document, std::string& version) {
     try {
         document.clear();
@@ -390,8 +390,11 @@ int64_t WebDavStore::readTaskList(std::string& document, std::string& version) {
 
 // The writers' lock is a folder: MKCOL is a mkdir on every file-backed server, which
 // exactly one of several writers wins, while LOCK requests race on some servers. A lock
-// left by a writer that died is broken once it is older than StaleLockSeconds.
+// left by a writer that died is broken once it is older than StaleLockSeconds. Where
+// MKCOL succeeds on an existing folder, a WebDAV LOCK with that timeout stands in.
 int64_t WebDavStore::lockTaskList(const Account& account, std::string& token) {
+    if (account.features.mkcolAcceptsExisting)
+        return davLockTaskList(account, token);
     token = account.rootUrl + MetaFolder + "/tasklist.lock/";
     auto wait = std::chrono::milliseconds(1);
     for (int attempt = 0; attempt < 400; ++attempt) {
@@ -425,9 +428,44 @@ int64_t WebDavStore::lockTaskList(const Account& account, std::string& token) {
     return ResultCode::Conflict;
 }
 
+int64_t WebDavStore::davLockTaskList(const Account& account, std::string& token) {
+    const std::string url = account.rootUrl + MetaFolder + "/tasklist.lock";
+    auto wait = std::chrono::milliseconds(1);
+    for (int attempt = 0; attempt < 400; ++attempt) {
+        HttpRequest request = httpRequest("LOCK", url);
+        request.headers = {"Timeout: Second-" + std::to_string(int(StaleLockSeconds)),
+                           "Content-Type: application/xml; charset=utf-8"};
+        request.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
+                       "<D:lockinfo xmlns:D=\"DAV:\"><D:lockscope><D:exclusive/></D:lockscope>"
+                       "<D:locktype><D:write/></D:locktype><D:owner>cirrovault</D:owner>"
+                       "</D:lockinfo>";
+        HttpResponse response;
+        if (int64_t rc = send(account, request, response); rc != ResultCode::Success)
+            return rc;
+        std::string lockToken = response.header("lock-token");
+        if ((response.status == 200 || response.status == 201) && !lockToken.empty()) {
+            token = lockToken;
+            return ResultCode::Success;
+        }
+        if (response.status != 423)
+            return codeOf(response.status) == ResultCode::Success ? ResultCode::Failure
+                                                                  : codeOf(response.status);
+        // Another writer holds it for the few milliseconds of its update.
+        std::this_thread::sleep_for(wait);
+        wait = std::min(wait * 2, std::chrono::milliseconds(25));
+    }
+    return ResultCode::Conflict;
+}
+
 void WebDavStore::unlockTaskList(const Account& account, const std::string& token) {
-    HttpRequest request = httpRequest("DELETE", token);
+    HttpRequest request;
     HttpResponse response;
+    if (account.features.mkcolAcceptsExisting) {
+        request = httpRequest("UNLOCK", account.rootUrl + MetaFolder + "/tasklist.lock");
+        request.headers = {"Lock-Token: " + token};
+    } else {
+        request = httpRequest("DELETE", token);
+    }
     send(account, request, response);
 }
 
@@ -468,23 +506,31 @@ int64_t WebDavStore::writeTaskList(const std::string& document,
         if (currentVersion != expectedVersion)
             return ResultCode::Conflict;
 
+        // Written beside the document and moved over it: some servers write a PUT in
+        // place, and a reader meanwhile would get part of a document.
         std::string body = TaskListMagic + randomHex(16) + "\n" + document;
+        const std::string staged = url + "." + randomHex(4) + ".new";
         HttpRequest put;
         put.method = "PUT";
-        put.url = url;
-        std::string etag = current.header("etag");
-        if (current.status == 404)
-            put.headers.push_back("If-None-Match: *");
-        else if (!etag.empty() && !startsWith(etag, "W/"))
-            put.headers.push_back("If-Match: " + etag);
+        put.url = staged;
         WebDavTextSource source(body);
         put.upload = &source;
         put.uploadLength = body.size();
         HttpResponse response;
-        if (int64_t rc = send(account, put, response); rc != ResultCode::Success)
+        int64_t rc = send(account, put, response);
+        auto stored = [&] { return rc == ResultCode::Success && response.status / 100 == 2; };
+        if (stored()) {
+            HttpRequest move = httpRequest("MOVE", staged);
+            move.headers = {"Destination: " + url, "Overwrite: T"};
+            rc = send(account, move, response);
+        }
+        if (!stored()) {
+            HttpRequest drop = httpRequest("DELETE", staged);
+            HttpResponse dropped;
+            send(account, drop, dropped);
+        }
+        if (rc != ResultCode::Success)
             return rc;
-        if (response.status == 412)
-            return ResultCode::Conflict;
         if (response.status < 200 || response.status >= 300) {
             SystemLog::write("Error: WebDAV: the task list cannot be stored: HTTP " +
                              std::to_string(response.status));

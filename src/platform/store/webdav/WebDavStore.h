@@ -78,7 +78,7 @@ private:
         std::string password;
         std::string serverKey; // "http://host:port"
         std::string rootUrl;   // ends with "/"
-        std::string rootPath;  // decoded path of rootUrl, no trailing "/"
+        std::string rootPath;  // decoded path of rootUrl, no trailing "/" ("" at the root)
         std::string customerID;
         WebDavFeatures features;
     };
@@ -130,6 +130,7 @@ private:
                             const std::vector<std::string>& names, std::optional<bool> knownToExist,
                             std::optional<uint64_t>& replacedSize);
     int64_t lockTaskList(const Account& account, std::string& token);
+    int64_t davLockTaskList(const Account& account, std::string& token);
     void unlockTaskList(const Account& account, const std::string& token);
 
     // The metadata documents, for servers without properties. Changes wait in memory

@@ -284,6 +284,15 @@ int64_t WebDavStore::makeFolder(const std::string& path, const std::string& desc
             return ResultCode::AlreadyExists;
         if (isReservedName(*names))
             return ResultCode::BadPath;
+        if (account.features.mkcolAcceptsExisting) {
+            // The server would answer 201 for a folder already there: look first.
+            Found found;
+            int64_t rc = find(account, *names, found);
+            if (rc == ResultCode::Success && !found.unfinishedPart)
+                return ResultCode::AlreadyExists;
+            if (rc != ResultCode::Success && rc != ResultCode::NotFound)
+                return rc;
+        }
         const std::string url = urlOf(account, *names, true);
         HttpRequest request = httpRequest("MKCOL", url);
         HttpResponse response;

@@ -11,11 +11,12 @@ namespace {
 
 class WebDavStoreEnvironment : public StoreEnvironment {
 public:
-    explicit WebDavStoreEnvironment(WebDavTestServer::Kind kind)
-        : server_(kind, home_.file("server"), {{"alice", "secret"}, {"bob", "secret"}}) {}
+    WebDavStoreEnvironment(WebDavTestServer::Kind kind, WebDavTestServer::Account account)
+        : server_(kind, home_.file("server"), {{"alice", "secret"}, {"bob", "secret"}}, account),
+          account_(account) {}
 
     std::shared_ptr<StoreBackend> open() override {
-        return std::make_shared<WebDavStore>(server_.url("{user}/"));
+        return std::make_shared<WebDavStore>(server_.accountUrl());
     }
     std::string scratchFolder() override { return home_.file("scratch"); }
     bool plantLink(const StoreSession&, const std::string&, const std::string&,
@@ -25,31 +26,39 @@ public:
     bool limitQuota(StoreBackend&, int64_t bytes) override {
         return NimboSetting::SetSettingValueForKey("Quota", std::to_string(bytes));
     }
+    bool accountsApart() const override {
+        return account_ == WebDavTestServer::Account::FolderPerUser;
+    }
 
 private:
     TempHome home_;
     WebDavTestServer server_;
+    WebDavTestServer::Account account_;
 };
 
-const StoreKind Apache{"Apache", [] {
-                           return std::make_unique<WebDavStoreEnvironment>(
-                               WebDavTestServer::Kind::Apache);
-                       }};
-const StoreKind Lighttpd{"Lighttpd", [] {
-                             return std::make_unique<WebDavStoreEnvironment>(
-                                 WebDavTestServer::Kind::Lighttpd);
-                         }};
-// No property database: times and descriptions go into our metadata documents.
-const StoreKind LighttpdPlain{"LighttpdWithoutProperties", [] {
-                                  return std::make_unique<WebDavStoreEnvironment>(
-                                      WebDavTestServer::Kind::LighttpdWithoutProperties);
-                              }};
+StoreKind kindOf(std::string name, WebDavTestServer::Kind kind,
+                 WebDavTestServer::Account account = WebDavTestServer::Account::FolderPerUser) {
+    if (account == WebDavTestServer::Account::AtRoot)
+        name += "AtRoot";
+    return {name,
+            [kind, account] { return std::make_unique<WebDavStoreEnvironment>(kind, account); }};
+}
+
+using K = WebDavTestServer::Kind;
+constexpr auto AtRoot = WebDavTestServer::Account::AtRoot;
+
+// Every server at a folder of its own and at its root; lighttpd without its property
+// database keeps times and descriptions in our metadata documents.
+const auto Servers =
+    testing::Values(kindOf("Apache", K::Apache), kindOf("Apache", K::Apache, AtRoot),
+                    kindOf("Lighttpd", K::Lighttpd), kindOf("Lighttpd", K::Lighttpd, AtRoot),
+                    kindOf("LighttpdWithoutProperties", K::LighttpdWithoutProperties),
+                    kindOf("Rclone", K::Rclone), kindOf("Rclone", K::Rclone, AtRoot),
+                    kindOf("Sabre", K::Sabre), kindOf("Sabre", K::Sabre, AtRoot));
 
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(WebDav, StoreConformanceTest,
-                         testing::Values(Apache, Lighttpd, LighttpdPlain), storeKindName);
-INSTANTIATE_TEST_SUITE_P(WebDav, StoreConcurrencyTest,
-                         testing::Values(Apache, Lighttpd, LighttpdPlain), storeKindName);
+INSTANTIATE_TEST_SUITE_P(WebDav, StoreConformanceTest, Servers, storeKindName);
+INSTANTIATE_TEST_SUITE_P(WebDav, StoreConcurrencyTest, Servers, storeKindName);
 
 } // namespace cirrovault::test
