@@ -294,6 +294,19 @@ TEST_P(BackupRunThread, EditsInsideTheTimeWindowAreSent) {
     EXPECT_EQ(store_->putCount(), exactTimes() ? 5 : 4);
 }
 
+TEST_P(BackupRunThread, ExclusionsIgnoreCaseInEveryScript) {
+    makeFile("work/кэш/a.txt", "cached", T - 600);
+    makeFile("work/Σημειώσεις.txt", "scratch", T - 600);
+    makeFile("work/keep.txt", "kept", T - 600);
+    task_->filtedPath = {"КЭШ"};
+    task_->filterExt = {"σημειώσεις.*"};
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(store_->putCount(), 1);
+    EXPECT_EQ(fetch(serverOf("keep.txt")), "kept");
+    EXPECT_EQ(fetch(serverOf("кэш/a.txt")), "<missing>");
+}
+
 TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
     std::string path = makeFile("work/doc.txt", "version 1", T - 600);
     makeFile("work/calm.txt", "calm", T - 600);

@@ -134,6 +134,7 @@ bool CBackupTask::recordCurrent(const std::string& serverFile, uint64_t iMaxVers
             if (!entry.bFolder)
                 siblings.push_back(entry.name);
         }
+        siblings = VersionNames::rivals(own, siblings);
 
         // Only this file's own versions count and may go: never another file's, never
         // a folder (the versions of a sub-folder's files).

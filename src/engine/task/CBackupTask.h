@@ -244,7 +244,9 @@ public:
     // The server folder for a local path below the first source: the folder itself
     // (a folder, bNoFolderSwitch false) or the folder that will hold the file.
     std::string getTargetSvrFolder(const std::string& localPath, bool bNoFolderSwitch);
-    // Moves the current server copy into the version folder before it is overwritten.
+    // Moves the current server copy into the version folder before it is overwritten,
+    // first dropping the oldest of that file's own versions beyond max − 2. Versions
+    // are named after the stored name (VersionNames); the local name is not used.
     // True when it was moved or nothing had to be kept.
     bool recordCurrent(const std::string& serverFile, uint64_t iMaxVersion,
                        const std::string& fileName);

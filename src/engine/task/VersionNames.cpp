@@ -1,5 +1,7 @@
 #include "engine/task/VersionNames.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 namespace cirrovault {
@@ -9,6 +11,8 @@ namespace {
 constexpr size_t kNameMax = 255;     // bytes of one file name on the stores' file systems
 constexpr size_t kNumberDigits = 9;  // the longest number a version name carries
 constexpr size_t kLongestExtension = 64;
+// A cut stem keeps at least this many bytes of its name.
+constexpr size_t kShortestCut = kNameMax - kNumberDigits - kLongestExtension - 20;
 
 struct Parts {
     std::string stem; // what the number follows
@@ -89,6 +93,19 @@ std::optional<uint64_t> VersionNames::numberOf(const std::string& entry,
             return std::nullopt; // a longer base continues it: the version is the other's
     }
     return number;
+}
+
+std::vector<std::string> VersionNames::rivals(const std::string& fileName,
+                                              const std::vector<std::string>& siblings) {
+    // A claim needs a longer stem that begins with this file's stem; every stem begins
+    // with its name's first kShortestCut bytes.
+    std::string stem = partsOf(fileName).stem;
+    size_t shared = std::min(stem.size(), kShortestCut);
+    std::vector<std::string> found;
+    for (const auto& sibling : siblings)
+        if (sibling != fileName && sibling.compare(0, shared, stem, 0, shared) == 0)
+            found.push_back(sibling);
+    return found;
 }
 
 } // namespace cirrovault

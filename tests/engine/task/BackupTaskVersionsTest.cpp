@@ -236,6 +236,10 @@ TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
     EXPECT_NE(VersionNames::name(first, 0), VersionNames::name(second, 0));
     EXPECT_EQ(VersionNames::numberOf(version, first, {first, second}), 123456789u);
     EXPECT_FALSE(VersionNames::numberOf(version, second, {first, second}));
+    EXPECT_EQ(VersionNames::rivals(first, {first, second, "b.txt"}),
+              (std::vector<std::string>{second}));
+    EXPECT_EQ(VersionNames::rivals("n0", {"n", "n0", "n05", "m05", "n050"}),
+              (std::vector<std::string>{"n05", "n050"}));
 
     // A cut never splits a character.
     std::string accented;

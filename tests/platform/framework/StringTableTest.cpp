@@ -78,7 +78,7 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
     test::TempHome home;
     // Texts the engine formats, with the number of arguments it passes, in order.
     const std::map<std::string, size_t> formatted = {
-        {"FailEmailTitle", 3},       {"FalilEmailBoty", 4},          {"IDS_NEEDMOREBUYSPACE", 3},
+        {"FailEmailTitle", 3},       {"FalilEmailBoty", 4},          {"FileChangedWhileRead", 1},          {"IDS_NEEDMOREBUYSPACE", 3},
         {"IDS_STRFAILCONTRYTIME", 2}, {"IDS_STRMINUTES", 1},          {"IDS_STRNEEDMORESPACE", 4},
         {"IDS_STRRATE", 1},          {"IDS_STRSECONDS", 1},          {"IDS_TASKNAMEFOR", 1},
         {"NeedMoreBuySpace", 1},     {"OrvoSubItemLimitation", 2},   {"ReScanFile", 3},
