@@ -51,6 +51,9 @@ public:
     std::vector<TaskPtr> taskList;      // changed and walked under managerLock; owns the tasks
     uint64_t pcID = 0;                  // this computer's identity number
     std::atomic<bool> bCancelLogon{false};
+    // Set by a host whose dialogs nobody answers (scripts, the daemon): a logon that
+    // cannot reach the service ends after its attempts instead of counting down.
+    std::atomic<bool> bUnattended{false};
     std::atomic<bool> bLogOff{false}; // a log-off is under way or done; stops the scheduler
     std::atomic<bool> bExit{false};   // the application is quitting; stops the scheduler
     std::atomic<bool> bFinshedBackupTask{true};

@@ -28,6 +28,8 @@ inline constexpr int64_t DamagedFile = 15;     // a stored file failed its integ
 inline constexpr int64_t Conflict = 16;        // a concurrent change won; read again and retry
 inline constexpr int64_t NoService = 17;       // no store configured or reachable
 inline constexpr int64_t MailFailed = 18;      // the report could not be sent nor kept
+inline constexpr int64_t BadCertificate = 19;  // the server's certificate did not verify
+inline constexpr int64_t Forbidden = 20;       // the service does not let this account change it
 inline constexpr int64_t Done = 24;            // an upload that had nothing left to send
 inline constexpr int64_t SubItemLimit = 73;    // a folder holds too many items
 } // namespace ResultCode

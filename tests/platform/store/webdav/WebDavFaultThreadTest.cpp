@@ -58,6 +58,21 @@ TEST(WebDavFaultThreadTest, FailedUploadsAnswerTheirCodesAndNeverReplaceTheFile)
     }
 }
 
+TEST(WebDavFaultThreadTest, AcknowledgedButShortOrUnmovablePartsAreRemovedNotKept) {
+    // A part is listed as the user's file unless it is marked ours: one that cannot become
+    // the file goes, and a short one never takes the file's name.
+    const std::string data = patternBytes(64 * 1024);
+    for (auto [fault, expected] : {std::pair{Fault::KeepHalf, R::Failure},
+                                   std::pair{Fault::RefuseMove, R::Forbidden}}) {
+        MisbehavingDavServer server(fault);
+        auto store = loggedOn(server);
+        MemorySource source(data, "tag");
+        EXPECT_EQ(store->put("\\file.bin", source, Date(1'600'000'000.0), nullptr), expected);
+        EXPECT_TRUE(server.saw("DELETE /dav/file.bin.part "));
+        EXPECT_EQ(server.saw("MOVE "), fault == Fault::RefuseMove);
+    }
+}
+
 TEST(WebDavFaultThreadTest, CancelEndsAHungUploadAtOnceAndAStallTimesOut) {
     MisbehavingDavServer server(Fault::Hang);
     auto store = loggedOn(server);
