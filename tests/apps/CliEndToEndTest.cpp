@@ -323,30 +323,33 @@ TEST_F(CliEndToEnd, MissingSourceFailsTheRunAndStatusSaysSo) {
 TEST_F(CliEndToEnd, UnreachableServiceEndsInSecondsAndSignalsAreHeard) {
     using Clock = std::chrono::steady_clock;
     const std::string nowhere = "webdav://127.0.0.1:1/";
+    CliRunner other(home.file("scratch/daemon"));
+    FileSystem::createDirectories(home.file("scratch/daemon"));
+    other.setEnv("CIRROVAULT_PASSWORD=correct horse");
+    pid_t daemon = other.start({"--user", "alice", "--service", nowhere, "daemon", "--now"});
     auto started = Clock::now();
     auto refused = run({"--service", nowhere, "backup", "Documents"});
     EXPECT_EQ(refused.code, 3) << refused.err;
     EXPECT_NE(refused.err.find("cannot be reached"), std::string::npos) << refused.err;
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(15));
 
-    auto stopsAtOnce = [&](pid_t pid, int expected) {
+    auto stopsAtOnce = [&](CliRunner& runner, pid_t pid, int expected) {
         auto signalled = Clock::now();
         kill(pid, SIGTERM);
-        auto result = cli.finish(pid);
+        auto result = runner.finish(pid);
         EXPECT_EQ(result.code, expected) << result.err;
         EXPECT_LT(Clock::now() - signalled, std::chrono::milliseconds(1500));
         return result;
     };
     pid_t backup = cli.start({"--user", "alice", "--service", nowhere, "backup", "Documents"});
     std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // between the attempts
-    stopsAtOnce(backup, 5);
+    stopsAtOnce(cli, backup, 5);
 
-    pid_t daemon = cli.start({"--user", "alice", "--service", nowhere, "daemon", "--now"});
     auto deadline = Clock::now() + std::chrono::seconds(15);
-    while (cli.outputSoFar().find("trying again in 30 seconds") == std::string::npos && Clock::now() < deadline)
+    while (other.outputSoFar().find("trying again in 30 seconds") == std::string::npos && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_NE(cli.outputSoFar().find("cannot be reached"), std::string::npos) << cli.outputSoFar();
-    stopsAtOnce(daemon, 0);
+    EXPECT_NE(other.outputSoFar().find("cannot be reached"), std::string::npos) << other.outputSoFar();
+    stopsAtOnce(other, daemon, 0);
 }
 
 } // namespace
