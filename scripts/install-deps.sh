@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libplist-dev libplist-utils libsqlite3-dev libsodium-dev
   libfmt-dev libcli11-dev libxml2-dev python3-aiosmtpd
-  apache2 lighttpd lighttpd-mod-webdav
+  apache2 lighttpd lighttpd-mod-webdav openssl
 )
 packages+=("$@")
 
