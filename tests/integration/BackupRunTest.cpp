@@ -266,6 +266,15 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     EXPECT_LE(store_->putCount(), 4 + 4 * 21 * 3);
     EXPECT_EQ(eventLogLinesWith("Gave up after repeated attempts"), 1u);
 
+    // A refusal (a read-only folder) is not asked again: one attempt per file.
+    const int32_t putsBefore = store_->putCount();
+    store_->failOperation(Op::Put, ResultCode::Forbidden);
+    run();
+    store_->clearFaults();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_EQ(store_->putCount() - putsBefore, 4);
+    EXPECT_GE(eventLogLinesWith("does not allow this change"), 4u);
+
     // The account fills up after one file: the run ends failed, and every stored copy
     // whose time says current holds exactly the local bytes.
     store_->failPutWithSpaceLimit(2);
