@@ -321,6 +321,21 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     EXPECT_GE(eventLogLinesWith("did not succeed"), 1u);
 }
 
+TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
+    if (GetParam().server)
+        GTEST_SKIP() << "the bounds are the engine's; one store shows them";
+    for (const auto& n : {"a.txt", "b.txt", "c.txt", "d.txt"})
+        makeFile(std::string("work/") + n, n, T - 600);
+    // Each failing attempt takes a minute: a file stops after five minutes of tries, not
+    // after 21 attempts, and the run after three passes without progress.
+    observer_.onFile = [&](const std::string&) { clock_->advance(60); };
+    store_->failOperation(FaultInjectingStore::Operation::Put, ResultCode::Failure);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_LE(store_->putCount(), 4 * 2 * 5);
+    EXPECT_EQ(eventLogLinesWith("Gave up after repeated attempts"), 1u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Stores, BackupRunThread,
                          testing::Values(RunStore{"Local", std::nullopt},
                                          RunStore{"Apache", test::WebDavTestServer::Kind::Apache},
