@@ -185,9 +185,12 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
         HttpResponse last;
         if ((rc = putSegments(account, partUrl, source, offset, modifyTime, observer, resumable,
                               last)) != ResultCode::Success) {
-            if (!resumable)
+            // A resumable part stays for the next attempt to continue; a cancel must end
+            // at once, not wait on a server that may be hanging (the next upload replaces
+            // what it left).
+            if (!resumable && rc != ResultCode::Cancelled)
                 dropPart();
-            return rc; // a resumable part stays for the next attempt to continue
+            return rc;
         }
         {
             // A copy is current only when all its bytes arrived: a full or failing server,
