@@ -9,7 +9,7 @@ packages=(
   libcurl4-openssl-dev libplist-dev libplist-utils libsqlite3-dev libsodium-dev
   libfmt-dev libcli11-dev libxml2-dev libutf8proc-dev python3-aiosmtpd
   libsecret-1-dev gnome-keyring dbus
-  apache2 lighttpd lighttpd-mod-webdav rclone php-cli php-sabre-dav
+  apache2 lighttpd lighttpd-mod-webdav rclone php-cli php-sabre-dav openssl
   clang libclang-rt-14-dev llvm-14
 )
 packages+=("$@")

@@ -3,12 +3,14 @@
 
 #include "Commands.h"
 #include "Credentials.h"
+#include "EventLogFile.h"
 #include "TaskFormat.h"
 #include "platform/framework/AccountBalance.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
+#include "support/CErrorLog.h"
 #include "support/GlobalFunction.h"
 
 namespace cirrovault::cli {
@@ -96,9 +98,12 @@ int statusCommand(const GlobalOptions& global, const Output& out) {
     doc.set("enginePid", holder ? Json(static_cast<int64_t>(*holder)) : Json());
     Json tasks = Json::array();
     auto list = session.manager().getTasksList();
+    // A task's last run as the event log tells it: the task list keeps only the last
+    // success, and a run that failed would otherwise show as "never".
+    const std::vector<EventRecord> log = readEventLog(CErrorLog::GetEventLogFilePath());
     out.line(list.empty() ? text("CliStatusNoTasks", "tasks       none") : text("CliStatusTasks", "tasks"));
     for (const auto& task : list) {
-        tasks.push(TaskFormat::toJson(*task, false));
+        Json entry = TaskFormat::toJson(*task, false);
         int32_t kind = task->taskType & CBackupTask::ScheduleKindMask;
         std::string line = "  " + task->name + "  [" + TaskFormat::stateName(task->mTaskState) + "]  last backup " +
                            TaskFormat::dateText(task->mBackupDate);
@@ -107,8 +112,21 @@ int statusCommand(const GlobalOptions& global, const Output& out) {
         if (task->bMigrateTask)
             line += "  (made on " + task->mPCName + ")";
         out.line(line);
-        if (task->strErrLog && !task->strErrLog->empty())
-            out.line("      last error: " + *task->strErrLog);
+        std::string error = task->strErrLog.value_or("");
+        if (auto last = lastRunOf(log, task->name)) {
+            std::string result = last->finished  ? text("CliLastRunDone", "succeeded")
+                                 : !last->error.empty() ? text("CliLastRunFailed", "failed")
+                                                        : text("CliLastRunUnfinished", "did not finish");
+            out.line(text("CliStatusLastRun", "      last run: {} {}", last->started, result));
+            entry.set("lastRun", last->started).set("lastResult", result);
+            if (error.empty() && !last->finished)
+                error = last->error;
+        }
+        if (!error.empty()) {
+            out.line(text("CliStatusLastError", "      last error: {}", error));
+            entry.set("lastError", error);
+        }
+        tasks.push(entry);
     }
     doc.set("tasks", tasks);
     out.result(doc);

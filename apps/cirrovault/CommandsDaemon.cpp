@@ -1,4 +1,5 @@
 // daemon: the scheduler in the foreground until SIGTERM or SIGINT.
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -7,6 +8,7 @@
 #include "Commands.h"
 #include "Signals.h"
 #include "TaskFormat.h"
+#include "platform/framework/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "support/OptionsMan.h"
 
@@ -24,11 +26,36 @@ void say(const std::string& line) {
     std::fflush(stdout);
 }
 
+// The service may be away when the daemon starts (a computer up before its network, a
+// server being restarted): the daemon keeps trying, waiting longer after each failure,
+// and says so each time. A refused password or a bad certificate will not mend itself,
+// so those end it. False when a stop request came first.
+bool logonWithBackoff(HostSession& session) {
+    constexpr double kFirstPause = 30, kLongestPause = 30 * 60;
+    for (double pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+        try {
+            session.logon(true);
+            return true;
+        } catch (const CliError& e) {
+            if (session.lastLogonCode() != ResultCode::Failure || Signals::pending())
+                throw;
+            std::string line = text("CliDaemonLogonRetry", "{}; trying again in {} seconds", e.what(),
+                                    static_cast<int>(pause));
+            SystemLog::write("cirrovault daemon: " + line);
+            say(line);
+        }
+        if (Signals::wait(pause))
+            return false;
+    }
+}
+
 int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Output& out) {
     Signals::install();
     HostSession session(global, out);
     session.showMessagesAtOnce();
-    session.logon(true);
+    session.setUnattended();
+    if (!logonWithBackoff(session))
+        return Exit::Ok; // stopped before the service could be reached
     session.addListener([](const HostSession::TaskPtr& task, int32_t type) {
         if (!task)
             return;

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "Commands.h"
+#include "EventLogFile.h"
 #include "platform/framework/LoadString.h"
 #include "platform/os/FileSystem.h"
 #include "support/CErrorLog.h"
@@ -24,15 +25,6 @@ struct OptionArgs {
     bool publicFile = false;
     std::vector<std::string> assignments; // KEY=VALUE
 };
-
-std::vector<std::string> split(const std::string& line, char separator) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    for (size_t at; (at = line.find(separator, start)) != std::string::npos; start = at + 1)
-        parts.push_back(line.substr(start, at - start));
-    parts.push_back(line.substr(start));
-    return parts;
-}
 
 // The kind's number from its stored label (the log keeps the label, not the number).
 int kindOf(const std::string& label) {
@@ -60,23 +52,14 @@ int logCommand(const LogArgs& args, const GlobalOptions& global, const Output& o
     // account's file itself.
     std::vector<Json> records;
     std::vector<std::string> lines;
-    if (auto content = FileSystem::readFile(path)) {
-        auto all = split(*content, '\n');
-        for (size_t i = 1; i < all.size(); ++i) { // line 1 is the format mark
-            if (all[i].empty())
-                continue;
-            auto fields = split(all[i], '|');
-            if (fields.size() < 5)
-                continue;
-            std::string message = CErrorLog::DecodeEventMsg(fields[2]).value_or("");
-            Json j = Json::object();
-            j.set("time", fields[3]).set("kind", fields[4]).set("kindNumber", kindOf(fields[4]))
-                .set("task", fields[0]).set("taskID", fields[1]).set("message", message);
-            records.push_back(j);
-            char label[16];
-            std::snprintf(label, sizeof label, "%-11s", fields[4].c_str());
-            lines.push_back(fields[3] + "  " + label + "  " + fields[0] + ": " + message);
-        }
+    for (const EventRecord& record : readEventLog(path)) {
+        Json j = Json::object();
+        j.set("time", record.time).set("kind", record.kind).set("kindNumber", kindOf(record.kind))
+            .set("task", record.task).set("taskID", record.taskID).set("message", record.message);
+        records.push_back(j);
+        char label[16];
+        std::snprintf(label, sizeof label, "%-11s", record.kind.c_str());
+        lines.push_back(record.time + "  " + label + "  " + record.task + ": " + record.message);
     }
     size_t from = args.last && args.last < lines.size() ? lines.size() - args.last : 0;
     if (lines.empty())

@@ -1,15 +1,20 @@
 #include "HostSession.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "Credentials.h"
+#include "Signals.h"
 #include "platform/framework/NimboMessagebox.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TerminalMessagebox.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/UserSettingMan.h"
 #include "platform/os/SystemLog.h"
+#include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "platform/view/terminal/TerminalConsole.h"
 #include "platform/view/terminal/TerminalViewBackend.h"
@@ -141,6 +146,7 @@ void HostSession::logon(bool exclusive) {
     TransferApiUtil& api = TransferApiUtil::shareTransferApiUtil();
     serviceURL_ = options_.service.empty() ? TransferApiUtil::defaultServiceURL() : options_.service;
     int64_t code = api.OpenService(serviceURL_);
+    lastLogonCode_ = code;
     if (code != ResultCode::Success)
         throw CliError(Exit::Logon, text("CliNoService", "cannot open the service {}: {}", serviceURL_,
                                          TransferApiUtil::stringWithReturnCode(code)));
@@ -153,7 +159,11 @@ void HostSession::logon(bool exclusive) {
                             "at a terminal to keep it for later commands",
                             userName_));
     password_ = *password;
-    code = manager().Mylogon(userName_, password_);
+    // Nobody answers a script's dialogs: a service that cannot be reached ends the logon
+    // after its attempts rather than in a count-down only a person could end.
+    manager().bUnattended = unattended_ || !interactive_;
+    code = logonWatchingSignals();
+    lastLogonCode_ = code;
     if (code == ResultCode::StoreDamaged)
         throw CliError(Exit::Damaged,
                        text("CliStoreDamaged",
@@ -164,6 +174,8 @@ void HostSession::logon(bool exclusive) {
     if (code != ResultCode::Success) {
         std::string why = code == ResultCode::Cancelled
                               ? text("CliLogonCancelled", "cancelled")
+                          : code == ResultCode::Failure
+                              ? text("CliLogonUnreachable", "the service {} cannot be reached", serviceURL_)
                               : TransferApiUtil::stringWithReturnCode(code);
         throw CliError(code == ResultCode::Cancelled ? Exit::Cancelled : Exit::Logon,
                        text("CliLogonRefused", "logon of {} refused: {}", userName_, why));
@@ -186,6 +198,35 @@ void HostSession::logon(bool exclusive) {
                             "else `kill {}`) and try again.",
                             who, userName_, holder > 0 ? std::to_string(holder) : "<pid>"));
     }
+}
+
+// SIGTERM and SIGINT during the logon press Cancel on its wait dialog, which the logon
+// sees within a second (between attempts and at every step of a count-down).
+int64_t HostSession::logonWatchingSignals() {
+    std::atomic<bool> done{false};
+    std::thread watcher([&] {
+        bool pressed = false;
+        while (!done) {
+            if (!pressed && Signals::pending()) {
+                if (auto window = backend_->modalWindow()) {
+                    window->press(ViewButton::Cancel);
+                    pressed = true;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    int64_t code = ResultCode::Failure;
+    try {
+        code = manager().Mylogon(userName_, password_);
+    } catch (...) {
+        done = true;
+        watcher.join();
+        throw;
+    }
+    done = true;
+    watcher.join();
+    return code;
 }
 
 void HostSession::logoff() {

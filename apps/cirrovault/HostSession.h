@@ -42,6 +42,10 @@ public:
     // Opens the service and logs on through the manager, which loads the task list.
     // With exclusive, also takes the account's run lock. Throws CliError.
     void logon(bool exclusive);
+    // No person answers the dialogs even at a terminal (the daemon).
+    void setUnattended() { unattended_ = true; }
+    // The result code of the last logon (0 when it succeeded).
+    int64_t lastLogonCode() const { return lastLogonCode_; }
     // Ends the session. After the scheduler ran this is the manager's own log-off
     // (scheduler first, then the running task, then the service); a command that ran no
     // scheduler ends its session directly, without the log-off's wait dialog.
@@ -79,6 +83,8 @@ public:
                                          int32_t delegateType) override;
 
 private:
+    int64_t logonWatchingSignals();
+
     GlobalOptions options_;
     const Output& out_;
     bool interactive_ = false;
@@ -87,6 +93,8 @@ private:
     std::shared_ptr<class RecordingMessagebox> messages_;
     std::unique_ptr<RunLock> lock_;
     bool loggedOn_ = false;
+    int64_t lastLogonCode_ = 0;
+    bool unattended_ = false;
     bool schedulerStarted_ = false;
     std::string userName_;
     std::string password_; // in memory only

@@ -31,8 +31,9 @@ bool GlobalFunction::reLogon(bool /*flag*/) {
         if (code == ResultCode::Success)
             return true;
         // Only these mean the logon itself was refused; other codes leave the session
-        // to the next call to sort out.
-        return !(code == 2 || code == 3 || code == 6);
+        // to the next call to sort out. A wrong password is a refusal too: treating it as
+        // renewed would let a run go on without a session.
+        return !(code == 2 || code == 3 || code == 6 || code == ResultCode::WrongPassword);
     } catch (const std::exception&) {
         SystemLog::write("Error: GlobalFunction::reLogon");
         return false;

@@ -662,5 +662,55 @@ TEST_F(CliEndToEnd, AccountIsKeptInTheDesktopKeyringWhenOneAnswers) {
     EXPECT_EQ(file.find("correct horse"), std::string::npos) << file;
 }
 
+// A source folder that went away: the run fails by name (exit 1), and status tells the
+// last run's result and its error, not "never".
+TEST_F(CliEndToEnd, MissingSourceFailsTheRunAndStatusSaysSo) {
+    ASSERT_EQ(run({"backup", home.file("Documents")}).code, 0);
+    ASSERT_EQ(::rename(home.file("Documents").c_str(), home.file("Moved").c_str()), 0);
+    auto failed = run({"backup", "Documents"});
+    EXPECT_EQ(failed.code, 1) << failed.out;
+    EXPECT_NE(failed.err.find(home.file("Documents")), std::string::npos) << failed.err;
+    auto status = run({"status"});
+    ASSERT_EQ(status.code, 0) << status.err;
+    EXPECT_NE(status.out.find("failed"), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find("last error: "), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find(home.file("Documents")), std::string::npos) << status.out;
+}
+
+// Without a terminal nobody can end a count-down: an unreachable service ends the command
+// with exit 3 after its few attempts, SIGTERM ends it within a second, and the daemon
+// keeps trying on its own, saying so, until it is stopped.
+TEST_F(CliEndToEnd, UnreachableServiceEndsInSecondsAndSignalsAreHeard) {
+    using Clock = std::chrono::steady_clock;
+    const std::string nowhere = "webdav://127.0.0.1:1/";
+    CliRunner other(home.file("scratch/daemon"));
+    FileSystem::createDirectories(home.file("scratch/daemon"));
+    other.setEnv("CIRROVAULT_PASSWORD=correct horse");
+    pid_t daemon = other.start({"--user", "alice", "--service", nowhere, "daemon", "--now"});
+    auto started = Clock::now();
+    auto refused = run({"--service", nowhere, "backup", "Documents"});
+    EXPECT_EQ(refused.code, 3) << refused.err;
+    EXPECT_NE(refused.err.find("cannot be reached"), std::string::npos) << refused.err;
+    EXPECT_LT(Clock::now() - started, std::chrono::seconds(15));
+
+    auto stopsAtOnce = [&](CliRunner& runner, pid_t pid, int expected) {
+        auto signalled = Clock::now();
+        kill(pid, SIGTERM);
+        auto result = runner.finish(pid);
+        EXPECT_EQ(result.code, expected) << result.err;
+        EXPECT_LT(Clock::now() - signalled, std::chrono::milliseconds(1500));
+        return result;
+    };
+    pid_t backup = cli.start({"--user", "alice", "--service", nowhere, "backup", "Documents"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // between the attempts
+    stopsAtOnce(cli, backup, 5);
+
+    auto deadline = Clock::now() + std::chrono::seconds(15);
+    while (other.outputSoFar().find("trying again in 30 seconds") == std::string::npos && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_NE(other.outputSoFar().find("cannot be reached"), std::string::npos) << other.outputSoFar();
+    stopsAtOnce(other, daemon, 0);
+}
+
 } // namespace
 } // namespace cirrovault::test

@@ -1,14 +1,17 @@
 // Whole backup runs against the real local store and real WebDAV servers: first run, an
 // unchanged rerun, a changed file with its old copy kept, a cancelled large file
 // resumed next time, edits the change test must not miss, files that change while they
-// are read, and the versions each file keeps.
+// are read, the versions each file keeps, and faults (a missing source, failing uploads,
+// a full account, a server that stops) that must end the run as a named failure within
+// bounded attempts.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
-#include <set>
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -51,8 +54,12 @@ public:
             task->CancelBackup();
         if (type == closeProgressBarViewDelegate && task && task->GetProgress())
             resumedBytes = task->GetProgress()->tempSize();
+        if (type == refreshProgressBarDelegate && task && task->bInitUIPrgBar && onFile)
+            onFile(task->strWorkingFile);
         return true;
     }
+
+    std::function<void(const std::string&)> onFile; // before each file's upload
 
     std::mutex mutex_;
     std::vector<int> types;
@@ -434,6 +441,111 @@ TEST_P(BackupRunThread, WriterRewritingFilesDuringInterruptedRunsLosesNothing) {
     for (int i = 0; i < kFiles; ++i)
         EXPECT_TRUE(fetch(serverOf(name(i))) == readFile(home_.file("work/" + name(i))))
             << name(i);
+}
+
+// The event-log lines of the task that contain the text.
+size_t eventLogLinesWith(const std::string& text) {
+    size_t n = 0;
+    for (const auto& line : CErrorLog::GetErrorList().value_or(std::vector<std::string>{}))
+        n += line.find("Projects|") == 0 && line.find(text) != std::string::npos;
+    return n;
+}
+
+TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrentWrongly) {
+    using Op = FaultInjectingStore::Operation;
+    const std::vector<std::string> names = {"a.txt", "b.txt", "c.txt", "d.txt"};
+    for (const auto& n : names)
+        makeFile("work/" + n, "first " + n, T - 7200);
+    // A source that is gone fails the run by name; the other source is still backed up.
+    const std::string gone = home_.file("gone");
+    task_->localDirList = {home_.file("work"), gone};
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_NE(task_->strErrLog.value_or("").find(gone), std::string::npos);
+    EXPECT_EQ(eventLogLinesWith(gone), 1u);
+    EXPECT_EQ(eventLogLinesWith("Backup finished successfully."), 0u);
+    EXPECT_EQ(store_->putCount(), 4);
+    task_->localDirList = {home_.file("work")};
+
+    // Every upload fails as a passing fault would: the retries are bounded (21 attempts a
+    // pass, three passes without progress), then the run ends failed and says so.
+    for (const auto& n : names)
+        makeFile("work/" + n, "second, longer " + n, T - 600);
+    store_->failOperation(Op::Put, ResultCode::Failure);
+    run();
+    store_->clearFaults();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_LE(store_->putCount(), 4 + 4 * 21 * 3);
+    EXPECT_EQ(eventLogLinesWith("Gave up after repeated attempts"), 1u);
+
+    // A refusal (a read-only folder) is not asked again: one attempt per file.
+    const int32_t putsBefore = store_->putCount();
+    store_->failOperation(Op::Put, ResultCode::Forbidden);
+    run();
+    store_->clearFaults();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_EQ(store_->putCount() - putsBefore, 4);
+    EXPECT_GE(eventLogLinesWith("does not allow this change"), 4u);
+
+    // The account fills up after one file: the run ends failed, and every stored copy
+    // whose time says current holds exactly the local bytes.
+    store_->failPutWithSpaceLimit(2);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::SpaceLimit));
+    auto storedMatchesWhenCurrent = [&](bool allCurrent) {
+        for (const auto& n : names) {
+            auto local = FileSystem::status(home_.file("work/" + n));
+            ASSERT_TRUE(local);
+            StoreItem item;
+            bool stored = raw_->stat(serverOf(n), item) == ResultCode::Success;
+            bool current = stored && static_cast<int64_t>(item.modifyTime.timeIntervalSince1970()) ==
+                                         static_cast<int64_t>(local->modifyTime.timeIntervalSince1970());
+            EXPECT_TRUE(current || !allCurrent) << n;
+            if (!current)
+                continue;
+            TransferInfo fetch;
+            fetch.setSvrFile(serverOf(n));
+            fetch.setLocFile(home_.file("fetched-" + n));
+            ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success) << n;
+            EXPECT_EQ(readFile(home_.file("fetched-" + n)), readFile(home_.file("work/" + n))) << n;
+        }
+    };
+    storedMatchesWhenCurrent(false);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    storedMatchesWhenCurrent(true);
+
+    if (GetParam().name != "Apache")
+        return;
+    // The server stops in the middle of a run: a failure, ended within seconds.
+    for (const auto& n : names)
+        makeFile("work/" + n, "third, longer still " + n, T - 60);
+    observer_.onFile = [&](const std::string& file) {
+        if (file.ends_with("b.txt"))
+            server_->stop();
+    };
+    auto started = std::chrono::steady_clock::now();
+    run();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(20));
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_NE(task_->iBackupRet, 0u);
+    EXPECT_GE(eventLogLinesWith("did not succeed"), 1u);
+}
+
+TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
+    if (GetParam().server)
+        GTEST_SKIP() << "the bounds are the engine's; one store shows them";
+    for (const auto& n : {"a.txt", "b.txt", "c.txt", "d.txt"})
+        makeFile(std::string("work/") + n, n, T - 600);
+    // Each failing attempt takes a minute: a file stops after five minutes of tries, not
+    // after 21 attempts, and the run after three passes without progress.
+    observer_.onFile = [&](const std::string&) { clock_->advance(60); };
+    store_->failOperation(FaultInjectingStore::Operation::Put, ResultCode::Failure);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_LE(store_->putCount(), 4 * 2 * 5);
+    EXPECT_EQ(eventLogLinesWith("Gave up after repeated attempts"), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, BackupRunThread,

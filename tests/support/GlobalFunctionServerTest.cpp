@@ -119,7 +119,11 @@ TEST_F(GlobalFunctionServer, LogonAndReLogon) {
     ASSERT_EQ(service().Logon("u", "p"), ResultCode::Success);
     faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::Failure, 1);
     EXPECT_FALSE(GlobalFunction::reLogon(true));
-    // Codes other than 2, 3 and 6 leave it to the next call.
+    // A password changed on the service since the logon is a refusal as well.
+    ASSERT_EQ(service().Logon("u", "p"), ResultCode::Success);
+    faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::WrongPassword, 1);
+    EXPECT_FALSE(GlobalFunction::reLogon(true));
+    // Other codes leave it to the next call.
     faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::NoService, 1);
     EXPECT_TRUE(GlobalFunction::reLogon(true));
 

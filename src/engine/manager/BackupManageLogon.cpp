@@ -1,6 +1,7 @@
 // Logon with its retry policy, log-off, and loading the task list from the service.
 // Logon and log-off run on a worker thread while the host's main thread shows the wait
 // dialog; the worker talks to the dialog only through its loop-item calls.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -61,6 +62,18 @@ struct LoopTalk {
     void leave() const {
         if (item)
             item->LeaveLoopMode(self);
+    }
+    // Sleeps in steps of at most a second, so that Cancel (also a host's stop request
+    // pressed on the dialog) is seen within a second. False when cancelled.
+    bool pause(double seconds) const {
+        do {
+            double step = std::min(seconds, 1.0);
+            Clock::shared().sleepFor(step);
+            seconds -= step;
+            if (cancelled())
+                return false;
+        } while (seconds > 0);
+        return true;
     }
 };
 
@@ -296,7 +309,10 @@ void CBackupManage::ReLogon() {
     try {
         for (;;) {
             for (int attempt = 0; attempt < kAttempts; ++attempt) {
-                Clock::shared().sleepFor(std::trunc(attempt * 1.5)); // 0, 1 and 3 seconds
+                if (!loop.pause(std::trunc(attempt * 1.5))) { // 0, 1 and 3 seconds
+                    bCancelLogon = true;
+                    break;
+                }
                 loop.showKey(attemptMessages[attempt]);
                 iRet = TransferApiUtil::shareTransferApiUtil().Logon(strName, strPassword);
                 if (iRet != kLogonRetryCode)
@@ -308,9 +324,9 @@ void CBackupManage::ReLogon() {
             }
             if (bCancelLogon || iRet != kLogonRetryCode)
                 return;
-            // Only a user can end the count-down; without a dialog nobody could, so the
-            // failure goes back to the host instead of waiting for ever.
-            if (!loop.item)
+            // Only a user can end the count-down; without a dialog, or with one nobody
+            // answers, the failure goes back to the host instead of waiting for ever.
+            if (!loop.item || bUnattended)
                 return;
 
             bool retry = false;

@@ -52,6 +52,9 @@ public:
     uint64_t pcID = 0;                  // this computer's identity number
     std::string identityProblem;        // what went wrong reading the identity; "" when nothing
     std::atomic<bool> bCancelLogon{false};
+    // Set by a host whose dialogs nobody answers (scripts, the daemon): a logon that
+    // cannot reach the service ends after its attempts instead of counting down.
+    std::atomic<bool> bUnattended{false};
     std::atomic<bool> bLogOff{false}; // a log-off is under way or done; stops the scheduler
     std::atomic<bool> bExit{false};   // the application is quitting; stops the scheduler
     std::atomic<bool> bFinshedBackupTask{true};

@@ -14,24 +14,35 @@
 #include "platform/os/SystemItems.h"
 #include "platform/os/SystemLog.h"
 #include "platform/view/ViewBackend.h"
+#include "support/CErrorLog.h"
 #include "support/CFileInfo.h"
 
 namespace cirrovault {
 
 namespace {
 
+constexpr int32_t kErrorEntry = 2;
+
 enum class Step { Descend, SkipBelow, Stop };
 using Visitor = std::function<Step(const std::string&, const std::optional<FileStatus>&)>;
 // Told the subfolders of each folder as soon as it is read, before they are visited.
 using FoldersAhead = std::function<void(const std::vector<std::string>&)>;
+// Told each folder that is there but cannot be read.
+using Unreadable = std::function<void(const std::string&)>;
 
 // Pre-order walk: each folder's contents come right after the folder, as the
 // one-entry memories of excluded folders expect. One status call per item; links are
 // never followed. Answers false when the visitor stopped the walk.
-bool walkTree(const std::string& folder, const Visitor& visit, const FoldersAhead& ahead = {}) {
+bool walkTree(const std::string& folder, const Visitor& visit, const FoldersAhead& ahead = {},
+              const Unreadable& unreadable = {}) {
     auto entries = FileSystem::listDirectoryWithStatus(folder);
-    if (!entries)
-        return true; // a vanished or unreadable folder yields nothing
+    if (!entries) {
+        // A vanished folder yields nothing; one still there was not read, and its files
+        // are not backed up: that must not pass for a complete run.
+        if (unreadable && FileSystem::linkStatus(folder))
+            unreadable(folder);
+        return true;
+    }
     std::sort(entries->begin(), entries->end(),
               [](const FileSystem::Entry& a, const FileSystem::Entry& b) { return a.name < b.name; });
     if (ahead) {
@@ -49,7 +60,7 @@ bool walkTree(const std::string& folder, const Visitor& visit, const FoldersAhea
         if (step == Step::Stop)
             return false;
         if (step == Step::Descend && status && status->type == FileType::Directory &&
-            !walkTree(path, visit, ahead))
+            !walkTree(path, visit, ahead, unreadable))
             return false;
     }
     return true;
@@ -114,6 +125,16 @@ bool CBackupTask::CalculateBackupSize() {
             tree.prefetchFolders(serverFolders);
         };
 
+        // A source that is missing or cannot be read fails the run, named in the event
+        // log, while the other sources are still backed up.
+        auto unreadable = [this](const std::string& path) {
+            std::string message = LoadString::Format("SourceUnreadable", path);
+            SystemLog::write("Scan: " + message);
+            strErrLog = message;
+            bHaveErr = true;
+            CErrorLog::recordError(name, taskID, message, kErrorEntry);
+        };
+
         // Files are measured against the extension and name filters by
         // CalculateBackupFileSize; the walk itself filters folders only.
         for (const auto& entry : localDirList) {
@@ -135,6 +156,8 @@ bool CBackupTask::CalculateBackupSize() {
                 }
                 scanFileArray.push_back(source);
                 listAhead({source});
+            } else if (!status) {
+                unreadable(source);
             }
             if (!inExcluded && !report(source))
                 return false;
@@ -167,7 +190,7 @@ bool CBackupTask::CalculateBackupSize() {
                     scanFileArray.push_back(path);
                 }
                 return inExcluded || report(source) ? step : Step::Stop;
-            }, listAhead);
+            }, listAhead, unreadable);
             if (!finished)
                 return false;
         }

@@ -16,6 +16,7 @@
 #include "platform/framework/TransferInfo.h"
 #include "platform/framework/UploadFileInfo.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "support/CErrorLog.h"
 #include "support/CFileAttributes.h"
@@ -35,6 +36,20 @@ constexpr int32_t kLastRetry = 19; // tries 0..20: 21 attempts per pass
 constexpr int kPromptNoSpaceLeft = 6;
 constexpr int64_t kFolderException = 2;
 constexpr int64_t kNoServerFolder = 4;
+// Bounds of the retries, so that a fault that does not pass ends the run with an error
+// instead of keeping it going: one file's immediate retries stop after this long, and
+// the walk ends after this many passes in a row in which no entry got done, or when it
+// has been retrying for this long.
+constexpr double kFileRetrySeconds = 5 * 60;
+constexpr int kPassesWithoutProgress = 3;
+constexpr double kRunRetrySeconds = 30 * 60;
+
+// When the present file's first attempt began; each run has its own thread.
+thread_local Date fileFirstTry;
+
+double secondsSince(Date start) {
+    return Clock::shared().now().timeIntervalSinceDate(start);
+}
 
 bool cancelRequested(const std::shared_ptr<TrueProgressCallback>& progress) {
     return progress && (progress->IsClickedCancel() || progress->IsCancelled());
@@ -86,6 +101,8 @@ bool CBackupTask::BeginUploadingData() {
     try {
         uploadWalkCache = {};
         size_t count = scanFileArray.size();
+        int passesWithoutProgress = 0;
+        std::optional<Date> retryingSince;
         while (count >= 1) {
             if (cancelRequested(pPrgBar)) {
                 iBackupRet = ResultCode::Cancelled;
@@ -141,7 +158,23 @@ bool CBackupTask::BeginUploadingData() {
                 throw;
             }
             closeUp();
+            const size_t before = count;
             count = scanFileArray.size();
+            // Entries stay only after a failure (or behind one): a retry pass follows.
+            if (count == 0 || isFatalUploadCode(static_cast<int64_t>(iBackupRet)))
+                continue;
+            passesWithoutProgress = count < before ? 0 : passesWithoutProgress + 1;
+            if (!retryingSince)
+                retryingSince = Clock::shared().now();
+            if (passesWithoutProgress >= kPassesWithoutProgress ||
+                secondsSince(*retryingSince) >= kRunRetrySeconds) {
+                std::string message = LoadString::Format("UploadRetriesEnded", count);
+                SystemLog::write(message);
+                bHaveErr = true;
+                CErrorLog::recordError(name, taskID, message, kErrorEntry);
+                iBackupRet = ResultCode::Failure;
+                return true;
+            }
         }
     } catch (const std::exception&) {
         SystemLog::write("Error: CBackupTask::BeginUploadingData()");
@@ -219,6 +252,8 @@ int64_t CBackupTask::backupDir(const std::string& localPath, const std::string& 
 int64_t CBackupTask::backupFile(const std::string& localPath, const std::string& serverPath,
                                 int32_t iTryTime) {
     try {
+        if (iTryTime == 0)
+            fileFirstTry = Clock::shared().now();
         PathTreeController& tree = TransferApiUtil::sharePathTreeController();
         PathInfo folderInfo;
         if (!tree.FindPath(serverPath, folderInfo, false)) {
@@ -286,7 +321,7 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
         }
         if ((r == ResultCode::SpaceLimit && userRetriesAfterSpaceLimit()) ||
             r == ResultCode::Failure) {
-            if (iTryTime <= kLastRetry)
+            if (iTryTime <= kLastRetry && secondsSince(fileFirstTry) < kFileRetrySeconds)
                 return backupFile(localPath, serverPath, iTryTime + 1);
         }
         getBackupTaskResult(static_cast<uint64_t>(r), serverPath, localPath);

@@ -314,6 +314,12 @@ std::string TransferApiUtil::stringWithReturnCode(int64_t code) {
             break;
         case ResultCode::NoService: english = "The backup service cannot be reached."; break;
         case ResultCode::MailFailed: english = "The report e-mail could not be sent or kept."; break;
+        case ResultCode::BadCertificate:
+            english = "The server's certificate could not be verified: the connection is not safe.";
+            break;
+        case ResultCode::Forbidden:
+            english = "The server does not allow this change (the folder may be read-only).";
+            break;
         case ResultCode::Done: english = "There was nothing left to upload."; break;
         case ResultCode::StoreDamaged:
             english = "The store's records are damaged or missing; they were left as they are.";

@@ -293,7 +293,7 @@ TEST_F(BackupManageLogonThread, ThreeAttemptsThenCountDownUntilCancel) {
                   "type 7", text("IDS_SINGING"),
                   "sleep 0", text("IDS_STRFAILCONTRY"),
                   "sleep 1", text("IDS_STRFAILCONTRY2"),
-                  "sleep 3", text("IDS_STRFAILCONTRY3"),
+                  "sleep 1", "sleep 1", "sleep 1", text("IDS_STRFAILCONTRY3"),
                   "type 3",
                   LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1)),
                   "sleep 1", countDown(59), "sleep 1", countDown(58), "sleep 1", countDown(57),
@@ -315,24 +315,37 @@ TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn
                   "type 7", text("IDS_SINGING"),
                   "sleep 0", text("IDS_STRFAILCONTRY"),
                   "sleep 1", text("IDS_STRFAILCONTRY2"),
-                  "sleep 3", text("IDS_STRFAILCONTRY3"),
+                  "sleep 1", "sleep 1", "sleep 1", text("IDS_STRFAILCONTRY3"),
                   "type 3",
                   LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1)),
                   "sleep 1", countDown(59), "sleep 1", countDown(58),
                   text("IDS_SINGING"), "type 7", "retry cleared",
                   "sleep 0", text("IDS_STRFAILCONTRY"),
                   "sleep 1", text("IDS_STRFAILCONTRY2"),
-                  "sleep 3", text("IDS_STRFAILCONTRY3"),
+                  "sleep 1", "sleep 1", "sleep 1", text("IDS_STRFAILCONTRY3"),
                   "type 7", text("IDS_STRINITLISTAFTERLOGON"), text("IDS_GETTINGTASK"), "leave"}));
     // The account has no tasks yet: an empty reply, which loads nothing.
     EXPECT_EQ(SystemLog::capturedCount("Failed to load task list"), 1u);
+}
+
+TEST_F(BackupManageLogonThread, UnattendedDialogEndsAfterTheAttemptsWithoutCountDown) {
+    // A script's dialog is shown but nobody answers it: no count-down, the failure returns.
+    store_->failOperation(Op::Logon, ResultCode::Failure);
+    useDialog();
+    manager_.bUnattended = true;
+    EXPECT_EQ(manager_.Mylogon("alice", "secret"), 3);
+    EXPECT_FALSE(manager_.bCancelLogon);
+    std::vector<std::string> events = events_.all();
+    EXPECT_EQ(std::count(events.begin(), events.end(), "type 3"), 0);
+    EXPECT_EQ(events.back(), "leave");
+    EXPECT_EQ(std::count(events.begin(), events.end(), text("IDS_STRFAILCONTRY3")), 1);
 }
 
 TEST_F(BackupManageLogonThread, WithoutDialogLogonLoadsTheServiceListOrReportsFailure) {
     // Nobody could end a count-down: three attempts, then the failure goes to the host.
     store_->failOperation(Op::Logon, ResultCode::Failure);
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 3);
-    EXPECT_EQ(events_.all(), (std::vector<std::string>{"sleep 0", "sleep 1", "sleep 3"}));
+    EXPECT_EQ(events_.all(), (std::vector<std::string>{"sleep 0", "sleep 1", "sleep 1", "sleep 1", "sleep 1"}));
     EXPECT_TRUE(api().sessionID().empty());
 
     // Other failures are passed through unchanged.

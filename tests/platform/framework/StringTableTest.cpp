@@ -82,7 +82,8 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
         {"IDS_STRFAILCONTRYTIME", 2}, {"IDS_STRMINUTES", 1},          {"IDS_STRNEEDMORESPACE", 4},
         {"IDS_STRRATE", 1},          {"IDS_STRSECONDS", 1},          {"IDS_TASKNAMEFOR", 1},
         {"NeedMoreBuySpace", 1},     {"OrvoSubItemLimitation", 2},   {"ReScanFile", 3},
-        {"RestoreNoSpace", 4},       {"ServerPathError", 1},         {"StrLogUploadFail", 3},
+        {"RestoreNoSpace", 4},       {"ServerPathError", 1},         {"SourceUnreadable", 1},
+        {"StrLogUploadFail", 3},     {"UploadRetriesEnded", 1},
         {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},  {"SuccessEmailTitle", 3},
         {"TimeFormat", 3},
     };

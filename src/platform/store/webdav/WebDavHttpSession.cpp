@@ -249,6 +249,12 @@ int64_t WebDavHttpSession::perform(const HttpRequest& request, HttpResponse& res
     if (result != CURLE_OK) {
         SystemLog::write(std::string("WebDAV: ") + request.method + " " + request.url +
                          " failed: " + curl_easy_strerror(result));
+        // Not a passing network fault: trying again will not help, and the user must
+        // hear that the connection is not safe rather than that the server is away.
+        if (result == CURLE_PEER_FAILED_VERIFICATION || result == CURLE_SSL_CACERT_BADFILE ||
+            result == CURLE_SSL_ISSUER_ERROR || result == CURLE_SSL_PINNEDPUBKEYNOTMATCH ||
+            result == CURLE_SSL_INVALIDCERTSTATUS)
+            return ResultCode::BadCertificate;
         return ResultCode::Failure;
     }
     return ResultCode::Success;

@@ -128,6 +128,8 @@ int64_t WebDavStore::codeOf(long status) {
     switch (status) {
     case 401:
         return ResultCode::NotLoggedOn;
+    case 403: // read-only, or refused by the server's rules: trying again will not help
+        return ResultCode::Forbidden;
     case 404:
     case 409: // a missing parent folder
         return ResultCode::NotFound;
@@ -258,6 +260,10 @@ int64_t WebDavStore::logon(const std::string& userName, const std::string& passw
                                  account.rootUrl);
                 return ResultCode::NoService;
             }
+        }
+        if (rc == ResultCode::BadCertificate) {
+            SystemLog::write("WebDAV: the server's certificate did not verify: " + account.serverKey);
+            return rc;
         }
         if (rc != ResultCode::Success) {
             SystemLog::write("WebDAV: the server cannot be reached: " + account.serverKey);

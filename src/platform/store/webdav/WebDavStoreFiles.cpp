@@ -173,21 +173,35 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
             return ResultCode::LocalFileError;
         }
 
+        // A part that is not marked as ours and resumable would be listed as a file of the
+        // user's (and restored as one): one that cannot take the file's name goes.
+        auto dropPart = [&] {
+            HttpRequest drop = httpRequest("DELETE", partUrl);
+            HttpResponse dropped;
+            send(account, drop, dropped);
+        };
         HttpResponse last;
         if ((rc = putSegments(account, partUrl, source, offset, modifyTime, observer, resumable,
-                              last)) != ResultCode::Success)
-            return rc; // a part stays for the next attempt to continue
-        if (resumable) {
-            // A server may have dropped or misplaced a range: only the full size will do.
+                              last)) != ResultCode::Success) {
+            // A resumable part stays for the next attempt to continue; a cancel must end
+            // at once, not wait on a server that may be hanging (the next upload replaces
+            // what it left).
+            if (!resumable && rc != ResultCode::Cancelled)
+                dropPart();
+            return rc;
+        }
+        {
+            // A copy is current only when all its bytes arrived: a full or failing server,
+            // or a dropped range, may have kept less than it acknowledged.
             Found part;
-            if ((rc = find(account, partNames, part)) != ResultCode::Success)
+            if ((rc = find(account, partNames, part)) != ResultCode::Success) {
+                dropPart();
                 return rc;
+            }
             if (part.resource.contentLength.value_or(0) != size) {
                 SystemLog::write("WebDAV: the uploaded part has the wrong size, sent again: " +
                                  path);
-                HttpRequest drop = httpRequest("DELETE", partUrl);
-                HttpResponse dropped;
-                send(account, drop, dropped);
+                dropPart();
                 return ResultCode::Failure;
             }
         }
@@ -200,13 +214,17 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
                                     {{"mtime", std::to_string(modifyTime.timeIntervalSince1970())}},
                                     {"resumetag"})) != ResultCode::Success) {
                 SystemLog::write("WebDAV: the modification time cannot be kept for " + path);
+                dropPart();
                 return rc;
             }
         }
         std::optional<uint64_t> replacedSize;
         if ((rc = replaceWithPart(account, partUrl, *names, exists, replacedSize)) !=
-            ResultCode::Success)
+            ResultCode::Success) {
+            SystemLog::write("WebDAV: the upload cannot take its name: " + path);
+            dropPart();
             return rc;
+        }
         if (replacedSize)
             oldSize = *replacedSize;
         const bool replaced = exists.value_or(replacedSize.has_value());

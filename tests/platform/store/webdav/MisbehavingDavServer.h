@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,11 +18,12 @@ namespace cirrovault::test {
 
 // Just enough of a WebDAV server on 127.0.0.1 for a logon and an upload, which fails
 // uploads of ".part" files the way chosen: drop the connection half-way through the
-// body, answer 500 or 507, or take the body and never answer. It keeps no properties
-// and ignores no ranges (it refuses them), and notes every request line it saw.
+// body, answer 500 or 507, take the body and never answer, keep only half of a body it
+// acknowledged, or refuse (403) every MOVE. It keeps no properties and ignores no
+// ranges (it refuses them), and notes every request line it saw.
 class MisbehavingDavServer {
 public:
-    enum class Fault { None, DropMidBody, Answer500, Answer507, Hang };
+    enum class Fault { None, DropMidBody, Answer500, Answer507, Hang, KeepHalf, RefuseMove };
 
     explicit MisbehavingDavServer(Fault fault) : fault_(fault) {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -139,6 +142,13 @@ private:
                 }
                 return;
             }
+            const std::string target = line.substr(line.find(' ') + 1,
+                                                   line.rfind(' ') - line.find(' ') - 1);
+            if (partPut && fault_ != Fault::Answer500 && fault_ != Fault::Answer507 &&
+                head.find("Content-Range") == std::string::npos) {
+                std::lock_guard lock(mutex_);
+                sizes_[target] = fault_ == Fault::KeepHalf ? length / 2 : length;
+            }
             if (partPut && fault_ == Fault::Answer500) {
                 reply(fd, 500);
             } else if (partPut && fault_ == Fault::Answer507) {
@@ -152,18 +162,36 @@ private:
                                  "</resourcetype></prop><status>HTTP/1.1 200 OK</status>"
                                  "</propstat></response></multistatus>",
                       "application/xml");
+            } else if (line.rfind("PROPFIND ", 0) == 0 && storedSize(target)) {
+                reply(fd, 207,
+                      "<?xml version=\"1.0\"?><multistatus xmlns=\"DAV:\"><response><href>" +
+                          target + "</href><propstat><prop><resourcetype/><getcontentlength>" +
+                          std::to_string(*storedSize(target)) +
+                          "</getcontentlength></prop><status>HTTP/1.1 200 OK</status>"
+                          "</propstat></response></multistatus>",
+                      "application/xml");
             } else if (line.rfind("PROPFIND ", 0) == 0 || line.rfind("GET ", 0) == 0) {
                 reply(fd, 404);
+            } else if (line.rfind("MOVE ", 0) == 0) {
+                reply(fd, fault_ == Fault::RefuseMove ? 403 : 201);
             } else if (line.rfind("PUT ", 0) == 0) {
                 reply(fd, head.find("Content-Range") != std::string::npos ? 400 : 201);
             } else if (line.rfind("MKCOL ", 0) == 0) {
                 reply(fd, 405);
             } else if (line.rfind("DELETE ", 0) == 0) {
+                std::lock_guard lock(mutex_);
+                sizes_.erase(target);
                 reply(fd, 204);
             } else {
                 reply(fd, 501); // PROPPATCH and the rest: not kept here
             }
         }
+    }
+
+    std::optional<size_t> storedSize(const std::string& target) const {
+        std::lock_guard lock(mutex_);
+        auto it = sizes_.find(target);
+        return it == sizes_.end() ? std::nullopt : std::optional<size_t>(it->second);
     }
 
     Fault fault_;
@@ -173,6 +201,7 @@ private:
     std::thread thread_;
     mutable std::mutex mutex_;
     std::vector<std::string> requests_; // guarded by mutex_
+    std::map<std::string, size_t> sizes_; // guarded by mutex_; the parts it holds
 };
 
 } // namespace cirrovault::test

@@ -1,8 +1,15 @@
 // Servers that fail in the middle of an upload: the store answers the engine's codes,
 // never touches the file's real name, and a cancel ends a hung request at once.
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <future>
+#include <string>
 #include <thread>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -58,6 +65,21 @@ TEST(WebDavFaultThreadTest, FailedUploadsAnswerTheirCodesAndNeverReplaceTheFile)
     }
 }
 
+TEST(WebDavFaultThreadTest, AcknowledgedButShortOrUnmovablePartsAreRemovedNotKept) {
+    // A part is listed as the user's file unless it is marked ours: one that cannot become
+    // the file goes, and a short one never takes the file's name.
+    const std::string data = patternBytes(64 * 1024);
+    for (auto [fault, expected] : {std::pair{Fault::KeepHalf, R::Failure},
+                                   std::pair{Fault::RefuseMove, R::Forbidden}}) {
+        MisbehavingDavServer server(fault);
+        auto store = loggedOn(server);
+        MemorySource source(data, "tag");
+        EXPECT_EQ(store->put("\\file.bin", source, Date(1'600'000'000.0), nullptr), expected);
+        EXPECT_TRUE(server.saw("DELETE /dav/file.bin.part "));
+        EXPECT_EQ(server.saw("MOVE "), fault == Fault::RefuseMove);
+    }
+}
+
 TEST(WebDavFaultThreadTest, CancelEndsAHungUploadAtOnceAndAStallTimesOut) {
     MisbehavingDavServer server(Fault::Hang);
     auto store = loggedOn(server);
@@ -95,6 +117,39 @@ TEST(WebDavFaultThreadTest, UnreachableServerAndBadURLs) {
     StoreItem item;
     EXPECT_EQ(nowhere.stat("\\", item), R::NotLoggedOn);
     EXPECT_EQ(nowhere.logon("", "secret", session), R::EmptyName);
+}
+
+// A server whose certificate does not verify gives an unsafe connection, not an
+// unreachable server: its own code, which a logon does not retry.
+TEST(WebDavFaultThreadTest, UnverifiedCertificateIsReportedAsSuch) {
+    char folder[] = "/tmp/cv-cert-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder), nullptr);
+    const std::string dir = folder;
+    const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -days 1 -keyout " +
+                             dir + "/key.pem -out " + dir + "/cert.pem >/dev/null 2>&1";
+    ASSERT_EQ(std::system(make.c_str()), 0) << "openssl is missing: run scripts/install-deps.sh";
+    const std::string port = std::to_string(unusedLoopbackPort());
+    pid_t server = ::fork();
+    if (server == 0) {
+        int null = ::open("/dev/null", O_RDWR);
+        ::dup2(null, 0);
+        ::dup2(null, 1);
+        ::dup2(null, 2);
+        ::execlp("openssl", "openssl", "s_server", "-quiet", "-www", "-accept", port.c_str(), "-cert",
+                 (dir + "/cert.pem").c_str(), "-key", (dir + "/key.pem").c_str(), nullptr);
+        ::_exit(127);
+    }
+    for (int i = 0; i < 500 && !acceptsOnLoopback(std::stoi(port)); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+
+    WebDavStore store("webdavs://127.0.0.1:" + port + "/dav/");
+    StoreSession session;
+    EXPECT_EQ(store.logon("alice", "secret", session), R::BadCertificate);
+    EXPECT_TRUE(session.sessionID.empty());
+
+    ::kill(server, SIGTERM);
+    ::waitpid(server, nullptr, 0);
+    EXPECT_EQ(std::system(("rm -rf '" + dir + "'").c_str()), 0);
 }
 
 } // namespace cirrovault::test
