@@ -78,7 +78,7 @@ void CBackupManage::initMyID() {
                         "migrate NAME --to FOLDER` takes each one over, or put back a saved copy of "
                         "the file."),
                     file);
-                SystemLog::write("Error: " + identityProblem);
+                SystemLog::write("Error: PCInfo.dat holds no identity: " + file);
                 return;
             }
         }

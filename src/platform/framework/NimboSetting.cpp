@@ -23,13 +23,6 @@ std::string textOf(const PropertyList& value) {
     return "";
 }
 
-bool isDamaged(const std::string& path) {
-    if (!FileSystem::exists(path))
-        return false;
-    auto plist = PropertyListFile::read(path);
-    return !plist || !plist->isDict();
-}
-
 // Read on every call: the file is small, and another process (the command line
 // beside the daemon) may have changed it. Nothing when it is there but damaged.
 std::optional<PropertyList> load(const std::string& path) {
@@ -50,7 +43,7 @@ std::string NimboSetting::SettingsFilePath() {
 std::string NimboSetting::DamagedSettingsFile() {
     std::lock_guard lock(gMutex);
     for (const std::string& path : {SettingsFilePath(), UserSettingMan::UserSettingFilePath()})
-        if (isDamaged(path))
+        if (!load(path))
             return path;
     return "";
 }

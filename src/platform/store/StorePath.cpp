@@ -21,11 +21,11 @@ uint64_t nameHash(std::string_view text) {
 } // namespace
 
 std::string StorePath::nameWithSuffix(std::string_view name, std::string_view suffix) {
-    if (name.size() + suffix.size() <= MaxNameLength)
+    if (name.size() + suffix.size() <= MadeNameLength)
         return std::string(name).append(suffix);
     char mark[18];
     std::snprintf(mark, sizeof mark, "~%016llx", static_cast<unsigned long long>(nameHash(name)));
-    size_t keep = MaxNameLength - suffix.size() - (sizeof mark - 1);
+    size_t keep = MadeNameLength - suffix.size() - (sizeof mark - 1);
     // Never cut inside a UTF-8 sequence: continuation bytes are 10xxxxxx.
     while (keep > 0 && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80)
         --keep;

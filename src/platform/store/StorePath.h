@@ -32,10 +32,13 @@ public:
                               const std::string& to);
 
     // A name the store makes beside a user's "name" (an upload's part, an older
-    // version): name + suffix when that fits MaxNameLength, else the start of name (cut
+    // version): name + suffix when that fits MadeNameLength, else the start of name (cut
     // between characters) with "~" and a hash of the whole name before the suffix. The
     // same name always gives the same answer; the user's own name is never shortened.
     static std::string nameWithSuffix(std::string_view name, std::string_view suffix);
+    // Names we make stay this short: servers keep a file's properties under its name
+    // with a suffix of their own (Apache adds ".pag"), which must fit MaxNameLength too.
+    static constexpr size_t MadeNameLength = 240;
     // The server path of the unfinished upload ("name.part") of the canonical path.
     static std::string partPath(const std::string& path);
     static constexpr std::string_view PartSuffix = ".part";

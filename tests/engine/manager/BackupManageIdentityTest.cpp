@@ -112,6 +112,37 @@ TEST_F(BackupManageIdentity, DamagedFileKeepsTheIdentityAndIsLeftAlone) {
     EXPECT_EQ(word.pcName, ""); // read from a file without the key
 }
 
+// Every task made here names the identity: a damaged file comes back from its copy, and
+// without a good copy the host is told what happened.
+TEST_F(BackupManageIdentity, DamagedFileComesBackFromItsCopy) {
+    CBackupManage first;
+    first.initMyID();
+    const uint64_t id = first.pcID;
+    const std::string good = FileSystem::readFile(identityFile()).value_or("");
+    EXPECT_TRUE(first.identityProblem.empty());
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "<plist><dict><key>PC"));
+    CBackupManage restored;
+    restored.initMyID();
+    EXPECT_EQ(restored.pcID, id);
+    EXPECT_TRUE(restored.identityProblem.empty());
+    EXPECT_EQ(FileSystem::readFile(identityFile()), good);
+    EXPECT_EQ(FileSystem::readFile(identityFile() + ".damaged"), "<plist><dict><key>PC");
+
+    ASSERT_TRUE(FileSystem::removeItem(identityFile())); // a lost file too
+    CBackupManage lost;
+    lost.initMyID();
+    EXPECT_EQ(lost.pcID, id);
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "x"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(productFolder() + "/PCInfo.copy", "y"));
+    CBackupManage neither;
+    neither.initMyID();
+    EXPECT_EQ(neither.pcID, 0u);
+    EXPECT_NE(neither.identityProblem.find("task migrate"), std::string::npos);
+    EXPECT_EQ(FileSystem::readFile(identityFile()), "x");
+}
+
 TEST_F(BackupManageIdentity, MainDataFileIsOnlyLookedFor) {
     CBackupManage manager;
     std::string folder = home_.dataHome() + "/Cirrovault/Global Data";

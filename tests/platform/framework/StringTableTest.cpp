@@ -81,6 +81,7 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
         {"FailEmailTitle", 3},       {"FalilEmailBoty", 4},          {"FileChangedWhileRead", 1},          {"IDS_NEEDMOREBUYSPACE", 3},
         {"IDS_STRFAILCONTRYTIME", 2}, {"IDS_STRMINUTES", 1},          {"IDS_STRNEEDMORESPACE", 4},
         {"IDS_STRRATE", 1},          {"IDS_STRSECONDS", 1},          {"IDS_TASKNAMEFOR", 1},
+        {"IdentityDamaged", 1},
         {"NeedMoreBuySpace", 1},     {"OrvoSubItemLimitation", 2},   {"ReScanFile", 3},
         {"RestoreNoSpace", 4},       {"ServerPathError", 1},         {"SourceUnreadable", 1},
         {"StrLogUploadFail", 3},     {"UploadRetriesEnded", 1},

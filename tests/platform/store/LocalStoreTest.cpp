@@ -205,7 +205,7 @@ TEST(LocalStoreDamageTest, UnreadableDatabaseRefusesLogon) {
     LocalStore store(home.file("store"));
     StoreSession session;
     EXPECT_EQ(store.logon("alice", "pw", session), R::StoreDamaged);
-    EXPECT_TRUE(SystemLog::capturedContains("store database"));
+    EXPECT_TRUE(SystemLog::capturedContains("is no database"));
     SystemLog::stopCapture();
     StoreItem item;
     EXPECT_EQ(store.stat("\\", item), R::NotLoggedOn);

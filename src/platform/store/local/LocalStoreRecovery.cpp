@@ -6,7 +6,9 @@
 #include <exception>
 #include <memory>
 
+#include <fcntl.h>
 #include <sodium.h>
+#include <unistd.h>
 
 #include "platform/framework/ResultCodes.h"
 #include "platform/os/SystemLog.h"
@@ -38,6 +40,29 @@ bool readAccountCopy(const std::string& folder, std::string& userName, std::stri
     return !hash.empty() && hash.find('\n') == std::string::npos;
 }
 
+// Checked before SQLite opens the file: with a journal left beside it, opening a foreign
+// file would write the journal's pages into it.
+bool hasDatabaseHeader(const std::string& file) {
+    static constexpr char Header[] = "SQLite format 3";
+    char head[sizeof Header] = {};
+    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool ok = ::read(fd, head, sizeof head) == static_cast<ssize_t>(sizeof head) &&
+              std::equal(head, head + sizeof head, Header);
+    ::close(fd);
+    return ok;
+}
+
+// A free name beside file for setting it aside; never one used before.
+std::string asideName(const std::string& file) {
+    std::string base = file + ".damaged-" + std::to_string(std::time(nullptr));
+    std::string name = base;
+    for (int n = 2; FileSystem::exists(name) || FileSystem::exists(name + "-wal"); ++n)
+        name = base + "-" + std::to_string(n);
+    return name;
+}
+
 } // namespace
 
 std::vector<std::string> LocalStore::accountsOnDisk(const std::string& folder) {
@@ -59,6 +84,10 @@ int64_t LocalStore::openRecords() {
         SystemLog::write("Error: LocalStore: " + file + " is " + (status ? "empty" : "missing") +
                          ", yet the store holds the files of " + std::to_string(onDisk.size()) +
                          " account(s); it is left as it is");
+        return ResultCode::StoreDamaged;
+    }
+    if (status && status->size > 0 && !hasDatabaseHeader(file)) {
+        SystemLog::write("Error: LocalStore: " + file + " is no database; it is left as it is");
         return ResultCode::StoreDamaged;
     }
     bool damaged = false;
@@ -112,11 +141,12 @@ int64_t LocalStore::repair(const std::string& folder, const std::string& userNam
         const std::string file = folder + "/store.db";
         auto db = std::make_unique<LocalStoreDatabase>();
         auto status = FileSystem::status(file);
-        bool usable = status && status->size > 0 && db->open(file) && db->integrityOk();
+        bool usable = status && status->size > 0 && hasDatabaseHeader(file) && db->open(file) &&
+                      db->integrityOk();
         if (!usable) {
             // Set aside, never deleted: it may still hold something worth a specialist's look.
             db = std::make_unique<LocalStoreDatabase>();
-            const std::string aside = file + ".damaged-" + std::to_string(std::time(nullptr));
+            const std::string aside = asideName(file);
             for (const char* suffix : {"", "-wal", "-shm"})
                 if (FileSystem::exists(file + suffix) && !FileSystem::moveItem(file + suffix, aside + suffix)) {
                     report.push_back("cannot move " + file + suffix + " aside: " + FileSystem::lastErrorText());
