@@ -94,7 +94,6 @@ std::optional<std::string> secretOf(const PropertyList* entry, const char* kind,
         return text;
     if (!inKeyring(entry))
         return std::nullopt;
-    SecretMemory::protectProcess();
     auto secret = Keyring::lookup(kind, key);
     if (!secret)
         SystemLog::write(std::string("Error: a secret kept in the desktop keyring cannot be read (") +
