@@ -263,6 +263,54 @@ TEST_F(CliEndToEnd, CheckNamesDamageOnApache) {
 }
 
 // A second run for the same folder reuses its task; a scheduled task is not run at once.
+// An encrypted task: an older version still opens after its move into the history, and a
+// store that swaps two stored files, or puts the old copy back under the new listing, gets
+// a refusal that names the file, and nothing is restored in its place.
+TEST_F(CliEndToEnd, EncryptedFilesOpenOnlyUnderTheirOwnNameAndTime) {
+    cli.setEnv("CIRROVAULT_PASSPHRASE=secret words");
+    ASSERT_EQ(run({"logon"}).code, 0);
+    write("Documents/c.txt", "text of c\n");
+    ASSERT_TRUE(FileSystem::setModifyTime(home.file("Documents/a.txt"), Date(1'600'000'000)));
+    auto made = run({"task", "new", "Safe", "--source", home.file("Documents"), "--encrypt"});
+    ASSERT_EQ(made.code, 0) << made.err;
+    auto stored = [&](const std::string& name) {
+        for (const auto& entry : storeFiles()) {
+            std::string path = entry.substr(0, entry.rfind('='));
+            if (path.ends_with("/Documents/" + name) && path.find("/History/") == std::string::npos)
+                return path;
+        }
+        ADD_FAILURE() << name << " is not in the store";
+        return std::string();
+    };
+    const std::string firstA = *FileSystem::readFile(stored("a.txt"));
+    write("Documents/a.txt", "second text of a, longer\n");
+    ASSERT_TRUE(FileSystem::setModifyTime(home.file("Documents/a.txt"), Date(1'700'000'000)));
+    ASSERT_EQ(run({"backup", "Safe"}).code, 0);
+    auto older = run({"restore", "Safe", "Documents/a.txt", "--version", "0", "--to", home.file("older")});
+    ASSERT_EQ(older.code, 0) << older.out << older.err;
+    EXPECT_EQ(read("older/Documents/a.txt"), "first text of a\n");
+
+    // Puts other bytes under a's name, keeping the time the store lists for a.
+    auto replaceA = [&](const std::string& bytes) {
+        std::string a = stored("a.txt");
+        Date listed = FileSystem::status(a)->modifyTime;
+        ASSERT_TRUE(FileSystem::writeFileAtomically(a, bytes));
+        ASSERT_TRUE(FileSystem::setModifyTime(a, listed));
+    };
+    const std::string secondA = *FileSystem::readFile(stored("a.txt"));
+    for (const std::string& planted : {*FileSystem::readFile(stored("c.txt")), firstA}) {
+        replaceA(planted);
+        auto refused = run({"restore", "Safe", "Documents/a.txt", "--to", home.file("refused")});
+        EXPECT_EQ(refused.code, 1);
+        EXPECT_NE((refused.out + refused.err).find(home.file("refused/Documents/a.txt")), std::string::npos)
+            << refused.out << refused.err;
+        EXPECT_FALSE(FileSystem::exists(home.file("refused/Documents/a.txt")));
+    }
+    replaceA(secondA);
+    ASSERT_EQ(run({"restore", "Safe", "Documents/a.txt", "--to", home.file("back")}).code, 0);
+    EXPECT_EQ(read("back/Documents/a.txt"), "second text of a, longer\n");
+}
+
 TEST_F(CliEndToEnd, QuickFolderBackupReusesItsTaskAndScheduledTaskWaits) {
     auto first = run({"backup", home.file("Documents")});
     ASSERT_EQ(first.code, 0) << first.err;

@@ -87,11 +87,11 @@ void headerCheck(const unsigned char* headerBytes, unsigned char* out) {
     crypto_generichash(out, 8, headerBytes, CheckedHeaderBytes, nullptr, 0);
 }
 
-void keyCheck(const FileCrypto::Header& header, const unsigned char* headerBytes,
+void keyCheck(FileCrypto::Format format, const unsigned char* headerBytes,
               const FileCrypto::Keys& keys, unsigned char* out) {
     // The unbound format checked the key over its header, so a damaged salt or nonce
     // looked like a wrong pass phrase; the bound one checks the key alone.
-    if (header.format == FileCrypto::Format::Unbound)
+    if (format == FileCrypto::Format::Unbound)
         crypto_generichash(out, 8, headerBytes, 56, keys.check, FileCrypto::KeySize);
     else
         crypto_generichash(out, 8, nullptr, 0, keys.check, FileCrypto::KeySize);
@@ -193,7 +193,7 @@ std::array<unsigned char, FileCrypto::HeaderSize> FileCrypto::encodeHeader(const
     out[7] = static_cast<unsigned char>(memMiB >> 8);
     std::memcpy(out.data() + 8, header.salt.data(), SaltSize);
     std::memcpy(out.data() + 24, header.nonce.data(), NonceSize);
-    keyCheck(header, out.data(), keys, out.data() + 48);
+    keyCheck(Format::Bound, out.data(), keys, out.data() + 48);
     headerCheck(out.data(), out.data() + CheckedHeaderBytes);
     return out;
 }
@@ -229,7 +229,7 @@ bool FileCrypto::decodeHeader(const unsigned char* bytes, Header& header) {
 bool FileCrypto::checkKey(const unsigned char* headerBytes, const Header& header,
                           const Keys& keys) {
     unsigned char expected[8];
-    keyCheck(header, headerBytes, keys, expected);
+    keyCheck(header.format, headerBytes, keys, expected);
     const size_t at = header.format == Format::Unbound ? 56 : 48;
     return sodium_memcmp(expected, headerBytes + at, sizeof expected) == 0;
 }

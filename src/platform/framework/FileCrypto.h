@@ -83,6 +83,7 @@ public:
     static std::shared_ptr<const Keys> keysFor(const std::string& passPhrase,
                                                const Header& header);
 
+    // Always the bound format.
     static std::array<unsigned char, HeaderSize> encodeHeader(const Header& header,
                                                               const Keys& keys);
     // Reads the fields; false when the bytes are not a header this program wrote, are

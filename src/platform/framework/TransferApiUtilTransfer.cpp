@@ -38,10 +38,14 @@ std::string passPhraseFor(const TransferInfo& transferInfo, const std::string& p
 }
 
 // The names relative to its task an encrypted file at this server path may be bound
-// to; a version in the history folder keeps the name its file had when encrypted.
+// to, the first being the one a new file gets; a version in the history folder keeps
+// the name its file had when encrypted.
 std::vector<std::string> boundNamesOf(const std::string& path) {
-    return FileCrypto::boundNames(path, LoadString::GetValueByKey("EncryptionFolder", ""),
-                                  LoadString::GetValueByKey("IDS_HISTFOLDER", ""));
+    auto names = FileCrypto::boundNames(path, LoadString::GetValueByKey("EncryptionFolder", ""),
+                                        LoadString::GetValueByKey("IDS_HISTFOLDER", ""));
+    if (names.empty())
+        names.push_back(path);
+    return names;
 }
 
 // One transfer as the store sees it. Registers the calling thread with
@@ -132,9 +136,8 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
                 logTransferFailure("UploadFile", ResultCode::WrongPassPhrase, transferInfo);
                 return ResultCode::WrongPassPhrase;
             }
-            std::vector<std::string> names = boundNamesOf(*path);
-            auto encrypted = EncryptingFileSource::open(
-                transferInfo.locFile(), passPhrase, names.empty() ? *path : names.front(), code);
+            auto encrypted = EncryptingFileSource::open(transferInfo.locFile(), passPhrase,
+                                                        boundNamesOf(*path).front(), code);
             if (encrypted)
                 modifyTime = encrypted->modifyTime();
             source = std::move(encrypted);
@@ -225,10 +228,7 @@ int64_t TransferApiUtil::DownloadFile(TransferInfo& transferInfo) {
         }
         TransferWatch watch(progress);
         if (encrypted) {
-            std::vector<std::string> names = boundNamesOf(*path);
-            if (names.empty())
-                names.push_back(*path);
-            DecryptingFileSink sink(std::move(file), passPhrase, std::move(names),
+            DecryptingFileSink sink(std::move(file), passPhrase, boundNamesOf(*path),
                                     item.modifyTime);
             code = store->get(*path, sink, &watch);
             if (sink.error() != ResultCode::Success && code != ResultCode::Cancelled)
