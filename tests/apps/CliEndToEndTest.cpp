@@ -192,6 +192,22 @@ TEST_F(CliEndToEnd, EncryptedTaskComesBackOnANewComputer) {
     EXPECT_EQ(check.code, 0) << check.out << check.err;
 }
 
+// A changed file of an encrypted task whose pass phrase is no longer kept here: the run
+// fails, and the stored copy stays current instead of going to the history alone.
+TEST_F(CliEndToEnd, EncryptedRunWithoutItsPhraseKeepsTheCurrentCopy) {
+    cli.setEnv("CIRROVAULT_PASSPHRASE=open sesame");
+    ASSERT_EQ(run({"task", "new", "Vault", "--source", home.file("Documents"), "--encrypt"}).code, 0);
+    FileSystem::removeItem(home.configHome() + "/cirrovault/passwords.plist");
+    cli.setEnv("CIRROVAULT_PASSPHRASE=");
+    write("Documents/a.txt", "second text of a, longer\n");
+    EXPECT_EQ(run({"backup", "Vault"}).code, 1);
+    write("phrase.txt", "open sesame\n");
+    auto restored = run({"restore", "Vault", "Documents/a.txt", "--to", home.file("back"),
+                         "--passphrase-file", home.file("phrase.txt")});
+    ASSERT_EQ(restored.code, 0) << restored.err;
+    EXPECT_EQ(read("back/Documents/a.txt"), "first text of a\n");
+}
+
 // check reads every stored copy back: a flipped byte, a cut-off file and a lost older
 // version are each named, and only a whole store answers 0. storeRoot is the folder on
 // this disk that holds the store's files.

@@ -548,15 +548,6 @@ TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
     EXPECT_EQ(eventLogLinesWith("Gave up after repeated attempts"), 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, BackupRunThread,
-                         testing::Values(RunStore{"Local", std::nullopt},
-                                         RunStore{"Apache", test::WebDavTestServer::Kind::Apache},
-                                         RunStore{"Lighttpd",
-                                                  test::WebDavTestServer::Kind::Lighttpd},
-                                         RunStore{"LighttpdWithoutProperties",
-                                                  test::WebDavTestServer::Kind::
-                                                      LighttpdWithoutProperties}),
-                         [](const testing::TestParamInfo<RunStore>& info) { return info.param.name; });
 using Server = test::WebDavTestServer::Kind;
 constexpr auto AtRoot = test::WebDavTestServer::Account::AtRoot;
 

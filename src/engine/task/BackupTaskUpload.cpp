@@ -10,6 +10,7 @@
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/NimboSetting.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
@@ -285,6 +286,14 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
                         pPrgBar->setDoneSize(pPrgBar->doneSize() + expected);
                     return ResultCode::Success;
                 }
+            }
+            // Without its pass phrase the new copy cannot be made: the current one stays
+            // where it is rather than going to the history with nothing to replace it.
+            if (Functions::IsEncryptPath(serverFile) &&
+                !PasswordMan().FindPasswordForPath(serverFile)) {
+                getBackupTaskResult(static_cast<uint64_t>(ResultCode::WrongPassPhrase), serverPath,
+                                    localPath);
+                return ResultCode::WrongPassPhrase;
             }
             recordCurrent(serverFile, uiMaxVersion, fileName);
         }
