@@ -5,12 +5,14 @@
 
 #include <sodium.h>
 
+#include "platform/framework/CurlHandleController.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/MailSender.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtilState.h"
 #include "platform/framework/UrlCoding.h"
+#include "platform/os/CallCancel.h"
 #include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StoreFactory.h"
@@ -128,7 +130,14 @@ int64_t TransferApiUtil::Logon(const std::string& userName, const std::string& p
         if (!store)
             return ResultCode::NoService;
         StoreSession session;
-        int64_t code = store->logon(userName, passWord, session);
+        int64_t code = ResultCode::Failure;
+        {
+            // The logon's dialog reaches its requests through the thread's transfer flag,
+            // so Cancel (or a stop request) ends a logon that waits on a hung server.
+            CallCancel cancel(CurlHandleController::shared().beginTransfer());
+            code = store->logon(userName, passWord, session);
+            CurlHandleController::shared().endTransfer();
+        }
         {
             std::lock_guard lock(state_->mutex);
             wipe(state_->passWord);

@@ -8,6 +8,7 @@
 #include <curl/curl.h>
 
 #include "platform/framework/ResultCodes.h"
+#include "platform/os/CallCancel.h"
 #include "platform/os/SystemLog.h"
 
 namespace cirrovault {
@@ -45,7 +46,7 @@ struct WebDavHttpSession::Transfer {
     bool keepGoing() {
         if (cancelled)
             return false;
-        if (request->observer && !request->observer->shouldContinue())
+        if ((request->observer && !request->observer->shouldContinue()) || CallCancel::requested())
             cancelled = true;
         return !cancelled;
     }
@@ -131,7 +132,7 @@ int WebDavHttpSession::onProgress(void* user, int64_t, int64_t downNow, int64_t,
     }
     const HttpRequest& request = *transfer->request;
     if (!request.observer)
-        return 0;
+        return transfer->keepGoing() ? 0 : 1;
     uint64_t moved = static_cast<uint64_t>(request.upload ? upNow : downNow);
     if (moved != transfer->lastReported && (request.upload || request.download)) {
         transfer->lastReported = moved;
@@ -151,7 +152,7 @@ int64_t WebDavHttpSession::perform(const HttpRequest& request, HttpResponse& res
     transfer.request = &request;
     transfer.response = &response;
     transfer.easy = easy;
-    if (request.observer && !transfer.keepGoing())
+    if (!transfer.keepGoing())
         return ResultCode::Cancelled;
 
     curl_easy_reset(easy);
@@ -222,7 +223,7 @@ int64_t WebDavHttpSession::perform(const HttpRequest& request, HttpResponse& res
             break;
         // The poll wakes for the socket or after one interval, so a cancel is seen even
         // while the server sends nothing.
-        if (request.observer && !transfer.keepGoing()) {
+        if (!transfer.keepGoing()) {
             result = CURLE_ABORTED_BY_CALLBACK;
             break;
         }

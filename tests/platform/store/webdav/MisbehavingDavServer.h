@@ -19,11 +19,12 @@ namespace cirrovault::test {
 // Just enough of a WebDAV server on 127.0.0.1 for a logon and an upload, which fails
 // uploads of ".part" files the way chosen: drop the connection half-way through the
 // body, answer 500 or 507, take the body and never answer, keep only half of a body it
-// acknowledged, or refuse (403) every MOVE. It keeps no properties and ignores no
-// ranges (it refuses them), and notes every request line it saw.
+// acknowledged, or refuse (403) every MOVE; or it never answers the logon's first look
+// at the account. It keeps no properties and ignores no ranges (it refuses them), and
+// notes every request line it saw.
 class MisbehavingDavServer {
 public:
-    enum class Fault { None, DropMidBody, Answer500, Answer507, Hang, KeepHalf, RefuseMove };
+    enum class Fault { None, DropMidBody, Answer500, Answer507, Hang, KeepHalf, RefuseMove, HangLogon };
 
     explicit MisbehavingDavServer(Fault fault) : fault_(fault) {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -135,7 +136,8 @@ private:
                 buffer.append(chunk, static_cast<size_t>(n));
             }
             buffer.erase(0, length);
-            if (partPut && fault_ == Fault::Hang) {
+            if ((partPut && fault_ == Fault::Hang) ||
+                (fault_ == Fault::HangLogon && line.rfind("PROPFIND /dav/ ", 0) == 0)) {
                 while (!stop_ && readable(fd)) {
                     if (::read(fd, chunk, sizeof chunk) <= 0)
                         return;

@@ -16,6 +16,7 @@
 #include "common/LoopbackPort.h"
 #include "platform/framework/CurlHandleController.h"
 #include "platform/framework/ResultCodes.h"
+#include "platform/os/CallCancel.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/webdav/MisbehavingDavServer.h"
 #include "platform/store/webdav/WebDavStore.h"
@@ -107,6 +108,26 @@ TEST(WebDavFaultThreadTest, CancelEndsAHungUploadAtOnceAndAStallTimesOut) {
     auto impatient = loggedOn(server, HttpTimeouts{2, 1});
     MemorySource again(patternBytes(1024), "tag");
     EXPECT_EQ(impatient->put("\\other.bin", again, Date(), nullptr), R::Failure);
+}
+
+TEST(WebDavFaultThreadTest, CancelEndsALogonThatWaitsOnAHungServer) {
+    MisbehavingDavServer server(Fault::HangLogon);
+    WebDavCapabilityProbe::forgetAll();
+    WebDavStore store(server.url());
+    auto flag = std::make_shared<std::atomic<bool>>(false);
+    auto result = std::async(std::launch::async, [&] {
+        CallCancel scope(flag);
+        StoreSession session;
+        return store.logon("alice", "secret", session);
+    });
+    auto started = std::chrono::steady_clock::now();
+    while (!server.saw("PROPFIND /dav/ ") &&
+           std::chrono::steady_clock::now() - started < std::chrono::seconds(5))
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    auto cancelAt = std::chrono::steady_clock::now();
+    *flag = true;
+    EXPECT_EQ(result.get(), R::Failure);
+    EXPECT_LT(std::chrono::steady_clock::now() - cancelAt, std::chrono::milliseconds(500));
 }
 
 TEST(WebDavFaultThreadTest, UnreachableServerAndBadURLs) {
