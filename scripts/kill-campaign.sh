@@ -126,7 +126,7 @@ start_apache() {
   return 1
 }
 
-cv() { timeout 120 "$bin" --user alice --service "$service" "$@"; }
+cv() { timeout -k 10 120 "$bin" --user alice --service "$service" "$@"; }
 
 # One run of backup SRC, killed at a random point of the run's expected length: a share
 # (percent) of the first run's, until a run of this kind is seen to end, then that run's.
