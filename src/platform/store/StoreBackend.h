@@ -99,7 +99,7 @@ public:
     virtual int64_t setFolderInfo(const std::string& path, const std::string& description,
                                   const std::string& caption) = 0;
 
-    // Stores a file: the bytes go to "<path>.part", which replaces the file only when
+    // Stores a file: the bytes go to StorePath::partPath(path), which replaces it only when
     // complete, and the stored file keeps modifyTime. An existing ".part" with the same
     // resume tag is continued from its size. SpaceLimit when the quota would be passed.
     virtual int64_t put(const std::string& path, ByteSource& source, Date modifyTime,

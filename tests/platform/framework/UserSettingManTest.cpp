@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "common/TempHome.h"
+#include "platform/framework/NimboSetting.h"
 #include "platform/framework/UserSettingMan.h"
 #include "platform/os/Clock.h"
 #include "platform/os/FileSystem.h"
@@ -48,4 +49,24 @@ TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
     EXPECT_TRUE(UserSettingMan::ClearUserInfo());
     EXPECT_FALSE(UserSettingMan::GetUserInfo());
     EXPECT_TRUE(UserSettingMan::ClearUserInfo());
+}
+
+// A damaged settings file is named for the host and never replaced by a fresh one, which
+// would silently point the commands at another store.
+TEST(UserSettingMan, DamagedSettingsAreNamedAndNeverWrittenOver) {
+    test::TempHome home;
+    EXPECT_EQ(NimboSetting::DamagedSettingsFile(), "");
+    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("ServiceURL", "file:///srv/store"));
+    EXPECT_EQ(NimboSetting::DamagedSettingsFile(), "");
+
+    const std::string settings = NimboSetting::SettingsFilePath();
+    ASSERT_TRUE(FileSystem::writeFileAtomically(settings, "<plist><dict><key>ServiceURL"));
+    EXPECT_EQ(NimboSetting::DamagedSettingsFile(), settings);
+    EXPECT_FALSE(NimboSetting::SetSettingValueForKey("SmtpURL", "smtp://x"));
+    EXPECT_FALSE(NimboSetting::RemoveSettingForKey("ServiceURL"));
+    EXPECT_EQ(FileSystem::readFile(settings), "<plist><dict><key>ServiceURL");
+
+    ASSERT_TRUE(FileSystem::removeItem(settings));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(UserSettingMan::UserSettingFilePath(), "<plist>"));
+    EXPECT_EQ(NimboSetting::DamagedSettingsFile(), UserSettingMan::UserSettingFilePath());
 }

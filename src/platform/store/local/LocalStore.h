@@ -24,9 +24,10 @@ namespace cirrovault {
 // descriptions, quotas, the task-list document, resume tags of unfinished uploads) is in
 // "store.db". Several objects, threads and processes may use one store at once.
 //
-// An unfinished upload of "x" is the file "x.part" beside it together with its row in
-// the database; only such files are hidden from listings, so a user's own file named
-// "x.part" is stored and listed like any other.
+// An unfinished upload of "x" is the file "x.part" beside it (StorePath::partPath: a
+// shortened name for the longest names) together with its row in the database; only such
+// files are hidden from listings, so a user's own file named "x.part" is stored and
+// listed like any other.
 class LocalStore : public StoreBackend {
 public:
     // folder: where the store lives; it is created on the first logon.
