@@ -12,6 +12,7 @@
 #include "platform/framework/TransferInfo.h"
 #include "platform/os/FileSystem.h"
 #include "support/GlobalFunction.h"
+#include "support/RestoredItem.h"
 #include "ui/CDownloadFileController.h"
 
 namespace cirrovault::cli {
@@ -37,6 +38,7 @@ struct Item {
     std::string server;
     std::string local;
     uint64_t size = 0;
+    Date modifyTime;
 };
 
 int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const Output& out) {
@@ -68,7 +70,7 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
                                             ? text("CliNoVersions", "{} has no older versions", wanted[0])
                                             : text("CliNoSuchVersion", "{} has no version {} (see `cirrovault versions {} {}`)",
                                                    wanted[0], args.version, task->name, wanted[0]));
-        items.push_back({chosen->info.path, args.to + "/" + wanted[0], chosen->info.iSize});
+        items.push_back({chosen->info.path, args.to + "/" + wanted[0], chosen->info.iSize, chosen->info.modifyTime});
         total = chosen->info.iSize;
     } else {
         auto files = where.files();
@@ -79,7 +81,7 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
                 if (rel == wanted[i] || rel.compare(0, wanted[i].size() + 1, wanted[i] + "/") == 0)
                     take = matched[i] = true;
             if (take) {
-                items.push_back({info.path, args.to + "/" + rel, info.iSize});
+                items.push_back({info.path, args.to + "/" + rel, info.iSize, info.modifyTime});
                 total += info.iSize;
             }
         }
@@ -92,7 +94,7 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     CDownloadFileController window(session.backend());
     window.iTotalSize = total;
     window.setStrDownPath(args.to);
-    std::vector<std::string> restored, kept, failed;
+    std::vector<std::string> restored, kept, failed, incomplete;
     bool cancelled = false;
     Thread* self = nullptr;
     Thread worker([&] {
@@ -120,9 +122,13 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
                     cancelled = true;
                     break;
                 }
-                if (code == ResultCode::Success)
+                if (code == ResultCode::Success) {
                     restored.push_back(item.local);
-                else
+                    // Links, permission bits and the link's time: what the bytes do not carry.
+                    std::string missing = RestoredItem::finish(item.local, transfer.storedMode(), item.modifyTime);
+                    if (!missing.empty())
+                        incomplete.push_back(item.local + ": " + missing);
+                } else
                     failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
             }
             done += item.size;
@@ -145,17 +151,21 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     for (const auto& x : restored) r.push(x);
     for (const auto& x : kept) k.push(x);
     for (const auto& x : failed) f.push(x);
-    doc.set("ok", failed.empty() && kept.empty() && !cancelled).set("restored", r).set("kept", k).set("failed", f)
-        .set("cancelled", cancelled);
+    Json partly = Json::array();
+    for (const auto& x : incomplete) partly.push(x);
+    doc.set("ok", failed.empty() && kept.empty() && incomplete.empty() && !cancelled).set("restored", r).set("kept", k)
+        .set("failed", f).set("incomplete", partly).set("cancelled", cancelled);
     out.result(doc);
     for (const auto& x : failed)
         std::fprintf(stderr, "cirrovault: not restored: %s\n", x.c_str());
+    for (const auto& x : incomplete)
+        std::fprintf(stderr, "cirrovault: restored, but not as it was: %s\n", x.c_str());
     if (cancelled) {
         std::fprintf(stderr, "cirrovault: %s\n", text("CliRestoreCancelled", "the restore was cancelled; {} of {} files restored",
                                                       restored.size(), items.size()).c_str());
         return Exit::Cancelled;
     }
-    if (!failed.empty() || !kept.empty())
+    if (!failed.empty() || !kept.empty() || !incomplete.empty())
         return Exit::Failed;
     out.line(text("CliRestoreDone", "Restored {} files ({}) into {}.", restored.size(),
                   GlobalFunction::stringFromFileSize(total), args.to));

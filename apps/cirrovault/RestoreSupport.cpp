@@ -5,6 +5,7 @@
 #include "Output.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/PathTreeController.h"
+#include "platform/framework/ServerName.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/store/StorePath.h"
 #include "support/CFileInfo.h"
@@ -12,16 +13,6 @@
 namespace cirrovault::cli {
 
 namespace {
-
-std::string toServer(std::string path) {
-    std::replace(path.begin(), path.end(), '/', '\\');
-    return path;
-}
-
-std::string toLocal(std::string path) {
-    std::replace(path.begin(), path.end(), '\\', '/');
-    return path;
-}
 
 std::string trimSlashes(std::string path) {
     while (!path.empty() && path.front() == '/')
@@ -60,7 +51,7 @@ std::string RestoreSupport::relative(const std::string& path) const {
 }
 
 std::string RestoreSupport::serverPathOf(const std::string& relativePath) const {
-    return serverFolder_ + "\\" + toServer(relativePath);
+    return serverFolder_ + "\\" + ServerName::encodePath(relativePath);
 }
 
 std::vector<std::pair<std::string, PathInfo>> RestoreSupport::files() const {
@@ -74,7 +65,7 @@ std::vector<std::pair<std::string, PathInfo>> RestoreSupport::files() const {
     for (const auto& info : all) {
         if (info.bFolder || info.path.compare(0, prefix.size(), prefix) != 0)
             continue;
-        files.emplace_back(toLocal(info.path.substr(prefix.size())), info);
+        files.emplace_back(ServerName::decodePath(info.path.substr(prefix.size())), info);
     }
     std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     return files;
@@ -84,12 +75,12 @@ std::string RestoreSupport::versionFolder(const std::string& relativePath) const
     std::string folder = historyFolder_ + "\\" + task_->name;
     auto slash = relativePath.rfind('/');
     if (slash != std::string::npos)
-        folder += "\\" + toServer(relativePath.substr(0, slash));
+        folder += "\\" + ServerName::encodePath(relativePath.substr(0, slash));
     return folder;
 }
 
 std::string RestoreSupport::versionPath(const std::string& relativePath, int number) const {
-    std::string name = CFileInfo::getMacFileName(relativePath, false);
+    std::string name = ServerName::encode(CFileInfo::getMacFileName(relativePath, false));
     auto dot = name.rfind('.');
     std::string base = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
     std::string ext = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
@@ -103,7 +94,7 @@ std::vector<FileVersion> RestoreSupport::versions(const std::string& relativePat
     std::vector<PathInfo> entries;
     if (TransferApiUtil::sharePathTreeController().GetSubList(versionFolder(relativePath), entries, false, false) != 0)
         return found; // no version folder: no older versions
-    std::string name = CFileInfo::getMacFileName(relativePath, false);
+    std::string name = ServerName::encode(CFileInfo::getMacFileName(relativePath, false));
     auto dot = name.rfind('.');
     std::string base = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
     std::string ext = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);

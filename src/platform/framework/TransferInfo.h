@@ -19,12 +19,16 @@ public:
     // Pass phrase of an encrypted task; empty for a plain one.
     void setPassPhrase(const std::string& phrase) { passPhrase_ = phrase; }
     const std::string& passPhrase() const { return passPhrase_; }
+    // After a download: the st_mode kept with the stored file (0: none was kept).
+    void setStoredMode(uint32_t mode) { storedMode_ = mode; }
+    uint32_t storedMode() const { return storedMode_; }
 
 private:
     std::string svrFile_;
     std::string locFile_;
     TrueProgressCallback* progress_ = nullptr;
     std::string passPhrase_;
+    uint32_t storedMode_ = 0;
 };
 
 } // namespace cirrovault
