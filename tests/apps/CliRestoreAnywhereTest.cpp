@@ -1,6 +1,6 @@
 // A home folder backed up from one computer and restored on a new one (a second, empty
 // HOME on the same store) comes back as it was: dotfiles, links, modes, times and
-// names Windows-minded services refuse.
+// names the service refuses.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -54,8 +54,15 @@ std::map<std::string, std::string> inventory(const std::string& top) {
     while (!folders.empty()) {
         std::string relative = folders.back();
         folders.pop_back();
-        for (const auto& entry : *FileSystem::listDirectoryWithStatus(top + relative)) {
+        auto entries = FileSystem::listDirectoryWithStatus(top + relative);
+        if (!entries) {
+            items[relative] = "<unreadable>";
+            continue;
+        }
+        for (const auto& entry : *entries) {
             std::string path = relative + "/" + entry.name;
+            if (!entry.status)
+                continue;
             const FileStatus& status = *entry.status;
             char time[32];
             std::snprintf(time, sizeof time, "%.3f", status.modifyTime.timeIntervalSince1970());
