@@ -84,7 +84,7 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
         {"NeedMoreBuySpace", 1},     {"OrvoSubItemLimitation", 2},   {"ReScanFile", 3},
         {"RestoreNoSpace", 4},       {"ServerPathError", 1},         {"StrLogUploadFail", 3},
         {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},  {"SuccessEmailTitle", 3},
-        {"TimeFormat", 3},
+        {"TimeFormat", 3},           {"NameTooLongLeftOut", 1},
     };
     auto table = PropertyListFile::read(tableFile());
     ASSERT_TRUE(table);
