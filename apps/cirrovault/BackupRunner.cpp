@@ -120,6 +120,7 @@ RunOutcome BackupRunner::run(const HostSession::TaskPtr& task, const std::functi
     outcome.code = task->iBackupRet;
     outcome.filesToSend = task->nScanTotalFiles;
     outcome.bytesSent = task->uiTaskCurrentUploadSize;
+    outcome.leftOut = task->leftOutPaths;
     if (task->strErrLog && !task->strErrLog->empty())
         outcome.errorText = *task->strErrLog;
     else if (outcome.state != CBackupTask::StateSucceeded && outcome.code != 0)
@@ -128,6 +129,14 @@ RunOutcome BackupRunner::run(const HostSession::TaskPtr& task, const std::functi
 }
 
 std::string BackupRunner::summary(const HostSession::TaskPtr& task, const RunOutcome& outcome) {
+    std::string line = stateSummary(task, outcome);
+    // Nothing is left out silently: each such item is named here as in the event log.
+    for (const auto& path : outcome.leftOut)
+        line += "\n" + text("CliLeftOut", "left out: {} (name too long for the service)", path);
+    return line;
+}
+
+std::string BackupRunner::stateSummary(const HostSession::TaskPtr& task, const RunOutcome& outcome) {
     if (!outcome.started)
         return text("CliNotStarted", "the backup of \"{}\" could not start{}", task->name,
                     outcome.errorText.empty() ? "" : ": " + outcome.errorText);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "HostSession.h"
 
@@ -17,6 +18,7 @@ struct RunOutcome {
     int32_t filesToSend = 0;  // new and changed files the scan found
     uint64_t bytesSent = 0;
     std::string errorText;
+    std::vector<std::string> leftOut; // items the service cannot take, named to the user
 };
 
 // Runs a task under the progress window: the window shows what the run's own progress
@@ -43,6 +45,7 @@ public:
 
 private:
     RunOutcome run(const HostSession::TaskPtr& task, const std::function<bool()>& start);
+    static std::string stateSummary(const HostSession::TaskPtr& task, const RunOutcome& outcome);
 
     HostSession& session_;
     size_t listener_ = 0;

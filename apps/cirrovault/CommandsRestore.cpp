@@ -13,6 +13,7 @@
 #include "platform/framework/TransferInfo.h"
 #include "platform/os/FileSystem.h"
 #include "support/GlobalFunction.h"
+#include "support/RestoredItem.h"
 #include "ui/CDownloadFileController.h"
 
 namespace cirrovault::cli {
@@ -40,10 +41,12 @@ struct Item {
     std::string server;
     std::string local;
     uint64_t size = 0;
+    Date modifyTime;
 };
 
 struct RestoreOutcome {
     std::vector<std::string> restored, kept, failed;
+    std::vector<std::string> incomplete; // restored, but a link, mode or time could not be set
     uint64_t bytesRestored = 0;
     bool cancelled = false;
 };
@@ -65,7 +68,7 @@ std::vector<Item> chooseItems(const RestoreArgs& args, const RestoreSupport& whe
                                             ? text("CliNoVersions", "{} has no older versions", wanted[0])
                                             : text("CliNoSuchVersion", "{} has no version {} (see `cirrovault versions {} {}`)",
                                                    wanted[0], args.version, taskName, wanted[0]));
-        items.push_back({chosen->info.path, args.to + "/" + wanted[0], chosen->info.iSize});
+        items.push_back({chosen->info.path, args.to + "/" + wanted[0], chosen->info.iSize, chosen->info.modifyTime});
         return items;
     }
     std::vector<bool> matched(wanted.size(), false);
@@ -75,7 +78,7 @@ std::vector<Item> chooseItems(const RestoreArgs& args, const RestoreSupport& whe
             if (rel == wanted[i] || rel.compare(0, wanted[i].size() + 1, wanted[i] + "/") == 0)
                 take = matched[i] = true;
         if (take)
-            items.push_back({info.path, args.to + "/" + rel, info.iSize});
+            items.push_back({info.path, args.to + "/" + rel, info.iSize, info.modifyTime});
     }
     for (size_t i = 0; i < wanted.size(); ++i)
         if (!matched[i])
@@ -135,7 +138,9 @@ RestoreOutcome runRestore(const RestoreArgs& args, const std::vector<Item>& item
             } else {
                 window.setStrRestoringFile(item.local);
                 progress.setDoneSize(done);
-                int64_t code = where.restoreFile(item.server, item.local, passPhrase, &progress);
+                std::string notAsItWas;
+                int64_t code = where.restoreFile(item.server, item.local, passPhrase, &progress, item.modifyTime,
+                                                 &notAsItWas);
                 if (code == ResultCode::Cancelled) {
                     outcome.cancelled = true;
                     break;
@@ -143,6 +148,8 @@ RestoreOutcome runRestore(const RestoreArgs& args, const std::vector<Item>& item
                 if (code == ResultCode::Success) {
                     outcome.restored.push_back(item.local);
                     outcome.bytesRestored += item.size;
+                    if (!notAsItWas.empty())
+                        outcome.incomplete.push_back(item.local + ": " + notAsItWas);
                 } else
                     outcome.failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
             }
@@ -206,11 +213,16 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     for (const auto& x : outcome.restored) r.push(x);
     for (const auto& x : outcome.kept) k.push(x);
     for (const auto& x : outcome.failed) f.push(x);
-    bool ok = outcome.failed.empty() && !outcome.cancelled;
-    doc.set("ok", ok).set("restored", r).set("kept", k).set("failed", f).set("cancelled", outcome.cancelled);
+    Json partly = Json::array();
+    for (const auto& x : outcome.incomplete) partly.push(x);
+    bool ok = outcome.failed.empty() && outcome.incomplete.empty() && !outcome.cancelled;
+    doc.set("ok", ok).set("restored", r).set("kept", k).set("failed", f).set("incomplete", partly)
+        .set("cancelled", outcome.cancelled);
     out.result(doc);
     for (const auto& x : outcome.failed)
         std::fprintf(stderr, "cirrovault: not restored: %s\n", x.c_str());
+    for (const auto& x : outcome.incomplete)
+        std::fprintf(stderr, "cirrovault: restored, but not as it was: %s\n", x.c_str());
     out.line(text("CliRestoreSummary", "Restored {} files ({}) into {}; kept {}; failed {}.", outcome.restored.size(),
                   GlobalFunction::stringFromFileSize(outcome.bytesRestored), args.to, outcome.kept.size(), outcome.failed.size()));
     // Keeping what is already there is what was asked for without --overwrite: not a failure.

@@ -101,6 +101,10 @@ int newCommand(TaskArgs& args, const GlobalOptions& global, const Output& out) {
 void applySchedule(CBackupTask& task, const TaskInput& input) {
     if (input.kind)
         task.taskType = (task.taskType & ~CBackupTask::ScheduleKindMask) | *input.kind;
+    if (input.skipHidden)
+        task.taskType |= CBackupTask::SkipHiddenFlag;
+    if (input.backUpHidden)
+        task.taskType &= ~CBackupTask::SkipHiddenFlag;
     if (input.fromDate)
         task.SetBeginDate(*input.fromDate);
     if (input.untilDate)
@@ -251,6 +255,11 @@ void addInputOptions(CLI::App* cmd, TaskInput& input, bool forNew) {
     cmd->add_option("--until", input.until, "last day the schedule runs, YYYY-MM-DD [HH:MM]");
     cmd->add_option("--exclude-ext", input.excludeExt, "leave out files matching this pattern, e.g. *.tmp (repeat)");
     cmd->add_option("--exclude-folder", input.excludeFolder, "leave out folders matching this pattern (repeat)");
+    auto* skip = cmd->add_flag("--skip-hidden", input.skipHidden,
+                               "leave out every name that begins with \".\" (dotfiles are backed up by default)");
+    if (!forNew)
+        cmd->add_flag("--back-up-hidden", input.backUpHidden, "back up names that begin with \".\" again")
+            ->excludes(skip);
 }
 
 } // namespace

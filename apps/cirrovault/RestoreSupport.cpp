@@ -12,25 +12,17 @@
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ResultCodes.h"
+#include "platform/framework/ServerName.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferInfo.h"
 #include "platform/os/FileSystem.h"
 #include "platform/store/StorePath.h"
 #include "support/CFileInfo.h"
+#include "support/RestoredItem.h"
 
 namespace cirrovault::cli {
 
 namespace {
-
-std::string toServer(std::string path) {
-    std::replace(path.begin(), path.end(), '/', '\\');
-    return path;
-}
-
-std::string toLocal(std::string path) {
-    std::replace(path.begin(), path.end(), '\\', '/');
-    return path;
-}
 
 std::string trimSlashes(std::string path) {
     while (!path.empty() && path.front() == '/')
@@ -75,7 +67,7 @@ std::string RestoreSupport::relative(const std::string& path) const {
 }
 
 std::string RestoreSupport::serverPathOf(const std::string& relativePath) const {
-    return serverFolder_ + "\\" + toServer(relativePath);
+    return serverFolder_ + "\\" + ServerName::encodePath(relativePath);
 }
 
 std::vector<std::pair<std::string, PathInfo>> RestoreSupport::files() const {
@@ -89,7 +81,7 @@ std::vector<std::pair<std::string, PathInfo>> RestoreSupport::files() const {
     for (const auto& info : all) {
         if (info.bFolder || info.path.compare(0, prefix.size(), prefix) != 0)
             continue;
-        files.emplace_back(toLocal(info.path.substr(prefix.size())), info);
+        files.emplace_back(ServerName::decodePath(info.path.substr(prefix.size())), info);
     }
     std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     return files;
@@ -99,7 +91,7 @@ std::string RestoreSupport::versionFolder(const std::string& relativePath) const
     std::string folder = historyFolder_ + "\\" + task_->name;
     auto slash = relativePath.rfind('/');
     if (slash != std::string::npos)
-        folder += "\\" + toServer(relativePath.substr(0, slash));
+        folder += "\\" + ServerName::encodePath(relativePath.substr(0, slash));
     return folder;
 }
 
@@ -211,13 +203,18 @@ void RestoreSupport::keepPassPhrase(const std::string& phrase) const {
 }
 
 int64_t RestoreSupport::restoreFile(const std::string& serverPath, const std::string& localPath,
-                                    const std::string& passPhrase, TrueProgressCallback* progress) const {
+                                    const std::string& passPhrase, TrueProgressCallback* progress,
+                                    Date modifyTime, std::string* notAsItWas) const {
     TransferInfo transfer;
     transfer.setSvrFile(serverPath);
     transfer.setLocFile(localPath);
     transfer.setProgress(progress);
     transfer.setPassPhrase(passPhrase);
-    return TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
+    int64_t code = TransferApiUtil::shareTransferApiUtil().DownloadFile(transfer);
+    // Links, permission bits and the link's time: what the bytes do not carry.
+    if (code == ResultCode::Success && notAsItWas)
+        *notAsItWas = RestoredItem::finish(localPath, transfer.storedMode(), modifyTime);
+    return code;
 }
 
 int64_t RestoreSupport::readBack(const std::string& serverPath, const std::string& passPhrase, std::string& copy) {

@@ -62,9 +62,11 @@ public:
     void keepPassPhrase(const std::string& phrase) const;
 
     // Writes one stored file at localPath with its stored time: the one place a restored
-    // file is made. Answers a result code.
+    // file is made. Answers a result code; with notAsItWas, the file then becomes what was
+    // stored (a link, its mode, modifyTime) and notAsItWas says what could not be set.
     int64_t restoreFile(const std::string& serverPath, const std::string& localPath, const std::string& passPhrase,
-                        TrueProgressCallback* progress) const;
+                        TrueProgressCallback* progress, Date modifyTime = Date(),
+                        std::string* notAsItWas = nullptr) const;
     // Reads one stored file back (decrypted and checked) into a scratch file that the
     // caller removes; answers a result code and the scratch file's path.
     int64_t readBack(const std::string& serverPath, const std::string& passPhrase, std::string& copy);

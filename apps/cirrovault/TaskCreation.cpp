@@ -125,6 +125,8 @@ HostSession::TaskPtr TaskCreation::create(HostSession& session, const std::strin
         }
         manager.setTaskSvrDataFodler(folder);
     }
+    if (auto made = manager.GetNewTask(); made && input.skipHidden)
+        made->taskType |= CBackupTask::SkipHiddenFlag;
     session.clearLastMessage();
     if (!manager.EndNewTask()) {
         manager.CancelNewTask();

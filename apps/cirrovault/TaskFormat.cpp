@@ -6,6 +6,7 @@
 
 #include "platform/framework/Functions.h"
 #include "platform/os/Calendar.h"
+#include "platform/os/SystemItems.h"
 #include "support/GlobalFunction.h"
 
 namespace cirrovault::cli {
@@ -202,7 +203,12 @@ Json TaskFormat::toJson(const CBackupTask& task, bool details) {
         .set("sizeOnService", task.uiRemoteSize)
         .set("sources", sources)
         .set("excludeExtensions", ext)
-        .set("excludeFolders", folders);
+        .set("excludeFolders", folders)
+        .set("skipHidden", (task.taskType & CBackupTask::SkipHiddenFlag) != 0);
+    Json always = Json::array();
+    for (const auto& item : SystemItems::describeLeftOut())
+        always.push(item);
+    j.set("alwaysLeftOut", always);
     return j;
 }
 
@@ -229,6 +235,12 @@ std::vector<std::string> TaskFormat::describe(const CBackupTask& task) {
         add("skip files", join(task.filterExt));
     if (!task.filtedPath.empty())
         add("skip folders", join(task.filtedPath));
+    add("dot-names", (task.taskType & CBackupTask::SkipHiddenFlag) != 0
+                         ? "left out (--skip-hidden)"
+                         : "backed up (dotfiles are settings; --skip-hidden leaves them out)");
+    // What the desktop regards as disposable is never backed up; the user sees where.
+    for (const auto& item : SystemItems::describeLeftOut())
+        add("always skips", item);
     add("encrypted", task.bEncryMode ? "yes" : "no");
     add("versions", "up to " + std::to_string(task.uiMaxVersion > 0 ? task.uiMaxVersion - 1 : 0) +
                         " older versions per file");

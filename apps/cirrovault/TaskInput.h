@@ -20,6 +20,8 @@ struct TaskInput {
     std::vector<std::string> excludeExt;
     std::vector<std::string> excludeFolder;
     bool encrypt = false;
+    bool skipHidden = false;   // leave out every dot-name
+    bool backUpHidden = false; // edit: back dot-names up again
 
     // Checked values; filled by check().
     std::vector<std::string> absoluteSources;

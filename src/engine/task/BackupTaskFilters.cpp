@@ -6,9 +6,11 @@
 #include "engine/task/CBackupTask.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
+#include "platform/framework/ServerName.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemItems.h"
 #include "platform/os/SystemLog.h"
+#include "platform/store/StorePath.h"
 #include "support/GlobalFunction.h"
 
 namespace cirrovault {
@@ -118,7 +120,6 @@ bool CBackupTask::RegexFun(const std::string& path, const std::vector<std::strin
 }
 
 bool CBackupTask::RegexBackupPathForServer(const std::string& path) {
-    static constexpr std::string_view kUnstorable = "/\\\":{*|<>?}";
     try {
         // Components as the path splits: the root "/" of an absolute path comes first
         // and is not tested, nor is the first name of a relative one.
@@ -134,7 +135,10 @@ bool CBackupTask::RegexBackupPathForServer(const std::string& path) {
                 end = path.size();
             std::string_view component(path.data() + start, end - start);
             if (!component.empty()) {
-                if (!first && component.find_first_of(kUnstorable) != std::string_view::npos)
+                // Refused characters are encoded on the way (ServerName); only a name
+                // that its escapes make too long for the service is left out.
+                if (!first && ServerName::encode(std::string(component)).size() >
+                                  StorePath::MaxNameLength)
                     return true;
                 first = false;
             }

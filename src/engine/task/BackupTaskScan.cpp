@@ -71,6 +71,8 @@ bool beginsWith(const std::string& path, const std::string& prefix) {
     return !prefix.empty() && path.starts_with(prefix);
 }
 
+constexpr int32_t kErrorEntry = 2;
+
 std::string sourcePath(const SourceEntry& entry) {
     return entry.isRecord() ? entry.record().m_strPath : entry.path();
 }
@@ -91,9 +93,11 @@ bool CBackupTask::CalculateBackupSize() {
         bRescanForPrgBar = false;
         scanFilterSystemPath.clear();
         scanFilterUserPath.clear();
+        leftOutPaths.clear();
         int32_t items = 0;
         int32_t taken = 0;
         SystemItems systemItems;
+        systemItems.setSkipHidden((taskType & SkipHiddenFlag) != 0);
 
         auto cancelled = [this] {
             return pPrgBar && (pPrgBar->IsClickedCancel() || pPrgBar->IsCancelled());
@@ -150,7 +154,7 @@ bool CBackupTask::CalculateBackupSize() {
                 if (!inExcluded)
                     takeFile(source, *status);
             } else if (status && status->type == FileType::Directory) {
-                if (RegexFun(source, filtedPath, true) || RegexBackupPathForServer(source)) {
+                if (RegexFun(source, filtedPath, true) || leftOutByName(source)) {
                     scanFilterUserPath = source;
                     continue;
                 }
@@ -170,7 +174,11 @@ bool CBackupTask::CalculateBackupSize() {
                     return Step::Stop;
                 if (beginsWith(path, scanFilterSystemPath))
                     return Step::SkipBelow;
-                if (systemItems.isExcluded(path)) {
+                // Sockets, FIFOs and devices: nothing a restore could make again. Not
+                // remembered as a left-out prefix, which would cover their siblings.
+                if (!item || item->type == FileType::Other)
+                    return Step::SkipBelow; // or vanished since the folder was listed
+                if (systemItems.isExcluded(path, item->mode)) {
                     scanFilterSystemPath = path;
                     return Step::SkipBelow;
                 }
@@ -180,10 +188,11 @@ bool CBackupTask::CalculateBackupSize() {
                 if (!inExcluded)
                     ++items;
                 Step step = Step::Descend;
-                if (item->type == FileType::Regular) {
+                // A link is stored as a link, never followed.
+                if (item->type == FileType::Regular || item->type == FileType::SymbolicLink) {
                     if (!inExcluded)
                         takeFile(path, *item);
-                } else if (RegexFun(path, filtedPath, true) || RegexBackupPathForServer(path)) {
+                } else if (RegexFun(path, filtedPath, true) || leftOutByName(path)) {
                     scanFilterUserPath = path;
                     step = Step::SkipBelow; // everything below is excluded as well
                 } else {
@@ -203,6 +212,17 @@ bool CBackupTask::CalculateBackupSize() {
         SystemLog::write("Error: CBackupTask::CalculateBackupSize()");
         return false;
     }
+}
+
+bool CBackupTask::leftOutByName(const std::string& path) {
+    if (!RegexBackupPathForServer(path))
+        return false;
+    if (std::find(leftOutPaths.begin(), leftOutPaths.end(), path) == leftOutPaths.end()) {
+        leftOutPaths.push_back(path);
+        CErrorLog::recordError(name, taskID, LoadString::Format("NameTooLongLeftOut", path),
+                               kErrorEntry);
+    }
+    return true;
 }
 
 bool CBackupTask::StartScanFile() {
@@ -240,16 +260,17 @@ void CBackupTask::scanFileProc() {
         scanFilterUserPath.clear();
         int32_t files = 0;
         SystemItems systemItems;
+        systemItems.setSkipHidden((taskType & SkipHiddenFlag) != 0);
 
         auto cancelled = [&] {
             return bCancleScanFile || (loopItem && loopItem->IsLoopCancel(self));
         };
         auto excludedFolder = [&](const std::string& path) {
-            return RegexFun(path, filtedPath, true) || RegexBackupPathForServer(path);
+            return RegexFun(path, filtedPath, true) || leftOutByName(path);
         };
         auto excludedFile = [&](const std::string& path) {
             return beginsWith(path, scanFilterUserPath) || RegexFun(path, filterExt, false) ||
-                   RegexBackupPathForServer(path);
+                   leftOutByName(path);
         };
         auto addSize = [&](uint64_t size) {
             fileTotalSize += size;
@@ -283,12 +304,12 @@ void CBackupTask::scanFileProc() {
                 }
                 if (beginsWith(path, scanFilterSystemPath))
                     return Step::SkipBelow;
-                if (systemItems.isExcluded(path)) {
+                if (!item || item->type == FileType::Other)
+                    return Step::SkipBelow;
+                if (systemItems.isExcluded(path, item->mode)) {
                     scanFilterSystemPath = path;
                     return Step::SkipBelow;
                 }
-                if (!item)
-                    return Step::SkipBelow;
                 if (item->type == FileType::Directory) {
                     if (excludedFolder(path)) {
                         scanFilterUserPath = path;
@@ -298,7 +319,7 @@ void CBackupTask::scanFileProc() {
                     return Step::SkipBelow;
                 }
                 scanFileArray.push_back(path);
-                if (item->type == FileType::Regular)
+                if (item->type == FileType::Regular || item->type == FileType::SymbolicLink)
                     addSize(item->size);
                 if (loopItem) {
                     ScanFileInfo info = ScanFileInfo::initScanFileInfoWithString(

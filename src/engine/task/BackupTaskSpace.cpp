@@ -9,6 +9,7 @@
 #include "platform/framework/LoadString.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ResultCodes.h"
+#include "platform/framework/ServerName.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StoreBackend.h"
@@ -56,11 +57,11 @@ bool CBackupTask::CalculateBackupFileSize(const std::string& localFile) {
 bool CBackupTask::CalculateBackupFileSize(const std::string& localFile, uint64_t size,
                                           Date modifyDate) {
     try {
-        if (RegexFun(localFile, filterExt, false) || RegexBackupPathForServer(localFile))
+        if (RegexFun(localFile, filterExt, false) || leftOutByName(localFile))
             return false;
         std::string folder = getTargetSvrFolder(localFile, true);
         std::string serverFile =
-            CFileInfo::serverPathAppend(folder, CFileInfo::getMacFileName(localFile, false));
+            CFileInfo::serverPathAppend(folder, ServerName::encode(CFileInfo::getMacFileName(localFile, false)));
         uint64_t extra = Functions::IsEncryptPath(serverFile) ? kEncryptedExtra : 0;
 
         // The path tree lists each server folder once and remembers the ones it did not
@@ -125,7 +126,7 @@ void CBackupTask::getPartSizeFromSever(const std::string& localFile) {
         PathInfo part;
         if (!TransferApiUtil::sharePathTreeController().FindPath(
                 CFileInfo::serverPathAppend(getTargetSvrFolder(localFile, true),
-                                            CFileInfo::getMacFileName(localFile, false)) +
+                                            ServerName::encode(CFileInfo::getMacFileName(localFile, false))) +
                     ".part", part, false))
             return;
         uiRemoteSize = part.iSize >= uiRemoteSize ? 0 : uiRemoteSize - part.iSize;

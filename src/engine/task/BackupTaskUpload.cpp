@@ -13,6 +13,7 @@
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ResultCodes.h"
+#include "platform/framework/ServerName.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferInfo.h"
 #include "platform/framework/UploadFileInfo.h"
@@ -192,7 +193,8 @@ int64_t CBackupTask::BackupPath(const std::string& localPath, const std::string&
             SystemLog::write("backupDir");
             return backupDir(localPath, folder, bRecursive);
         }
-        if (CFileInfo::isFile(localPath)) {
+        auto status = FileSystem::linkStatus(localPath);
+        if (status && (status->type == FileType::Regular || status->type == FileType::SymbolicLink)) {
             SystemLog::write("backupFile");
             return backupFile(localPath, folder, 0);
         }
@@ -208,7 +210,7 @@ int64_t CBackupTask::backupDir(const std::string& localPath, const std::string& 
     std::string svrPath;
     try {
         std::string folderName = CFileInfo::getMacFileName(localPath, false);
-        svrPath = CFileInfo::serverPathAppend(serverPath, folderName);
+        svrPath = CFileInfo::serverPathAppend(serverPath, ServerName::encode(folderName));
         PathInfo found;
         if (TransferApiUtil::sharePathTreeController().FindPath(svrPath, found, false))
             return ResultCode::Success;
@@ -269,7 +271,7 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
             }
         }
 
-        std::string fileName = CFileInfo::getMacFileName(localPath, false);
+        std::string fileName = ServerName::encode(CFileInfo::getMacFileName(localPath, false));
         std::string serverFile = CFileInfo::serverPathAppend(serverPath, fileName);
         PathInfo stored;
         if (tree.FindPath(serverFile, stored, false)) {

@@ -10,6 +10,7 @@
 #include "platform/framework/LoadString.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ResultCodes.h"
+#include "platform/framework/ServerName.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
@@ -34,12 +35,6 @@ std::string firstSourcePath(const CBackupTask& task) {
     return entry.isRecord() ? entry.record().m_strPath : entry.path();
 }
 
-std::string toServerSeparators(std::string path) {
-    for (auto& c : path)
-        if (c == '/')
-            c = '\\';
-    return path;
-}
 
 } // namespace
 
@@ -83,14 +78,15 @@ std::string CBackupTask::GetTopFolder() {
 
 std::string CBackupTask::getTargetSvrFolder(const std::string& localPath, bool bNoFolderSwitch) {
     try {
-        std::string local = toServerSeparators(localPath);
-        std::string first = toServerSeparators(firstSourcePath(*this));
+        std::string first = firstSourcePath(*this);
         // From the top source folder's own name on: /Users/a/Docs/x/y.txt with the
-        // first source /Users/a/Docs gives "\Docs\x\y.txt".
-        size_t top = first.rfind('\\');
+        // first source /Users/a/Docs gives "\Docs\x\y.txt". Names the service refuses
+        // are encoded, never dropped.
+        size_t top = first.rfind('/');
         if (top == std::string::npos)
             top = 0;
-        std::string rel = top < local.size() ? local.substr(top) : std::string();
+        std::string rel =
+            top < localPath.size() ? ServerName::encodePath(localPath.substr(top)) : std::string();
         if (!bNoFolderSwitch && CFileInfo::isDirectory(localPath))
             return serverPath + rel;
         size_t cut = rel.rfind('\\');

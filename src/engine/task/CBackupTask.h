@@ -49,6 +49,8 @@ public:
     static constexpr int32_t ScheduleDaily = 1;
     static constexpr int32_t ScheduleWeekly = 2;
     static constexpr int32_t ScheduleBetweenDates = 3;
+    // Flag of taskType: the scan leaves out every dot-name, as it once did.
+    static constexpr int32_t SkipHiddenFlag = 0x100;
 
     // A new task with the defaults: this computer's name, a random task ID, state 0,
     // ten versions kept, a schedule window from 30 days ago to 2099.
@@ -130,6 +132,7 @@ public:
     std::vector<std::string> filterExt;     // file-name patterns the scan leaves out
     std::vector<std::string> filtedPath;    // folder patterns the scan leaves out
     std::vector<std::string> scanFileArray; // what the scan chose; emptied after each run
+    std::vector<std::string> leftOutPaths;  // what the scan could not take, for the summary
     std::vector<std::string> mSmallCacheFileList;
     std::vector<std::string> mGetScanFilePath;
     std::vector<std::string> addFileArray;
@@ -199,8 +202,11 @@ public:
                                               const std::string& findCharacter);
     static bool RegexFindRightCharacterFromStr(const std::string& text,
                                                const std::string& findCharacter);
-    // Whether a component below the root holds a character the server cannot store.
+    // Whether a component below the root cannot be stored even encoded (too long).
     static bool RegexBackupPathForServer(const std::string& path);
+    // RegexBackupPathForServer, and a path it leaves out is named once in the event log
+    // and in leftOutPaths.
+    bool leftOutByName(const std::string& path);
     // Whether the disk holding path is larger than iCompareSize; asks the user otherwise.
     static bool CheckLocalPathSize(const std::string& path, uint64_t iCompareSize);
 

@@ -31,6 +31,7 @@ public:
     int64_t read(char* buffer, size_t n) override;
     std::string resumeTag() const override { return tag_; }
 
+    uint32_t mode() const override { return plain_->mode(); }
     Date modifyTime() const { return plain_->modifyTime(); }
 
 private:

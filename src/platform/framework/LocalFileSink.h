@@ -16,7 +16,10 @@ namespace cirrovault {
 class LocalFileSink : public ByteSink {
 public:
     // nullptr when the temporary file cannot be created in the target's folder.
-    static std::unique_ptr<LocalFileSink> open(const std::string& targetPath, Date modifyTime);
+    // mode: the stored st_mode; a regular file's permission bits are the temporary
+    // file's from the start, so a private file is never readable by others on the way.
+    static std::unique_ptr<LocalFileSink> open(const std::string& targetPath, Date modifyTime,
+                                               uint32_t mode = 0);
     ~LocalFileSink() override; // discards an unfinished download
     LocalFileSink(const LocalFileSink&) = delete;
     LocalFileSink& operator=(const LocalFileSink&) = delete;

@@ -172,6 +172,7 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
             StoreItem stored;
             stored.size = source->size();
             stored.modifyTime = modifyTime;
+            stored.mode = source->mode();
             state_->tree->noteStored(*path, stored);
         } else {
             uploadInformation.uploadedBytes =
@@ -215,7 +216,8 @@ int64_t TransferApiUtil::DownloadFile(TransferInfo& transferInfo) {
         auto slash = local.find_last_of('/');
         if (slash != std::string::npos && slash > 0)
             FileSystem::createDirectories(local.substr(0, slash));
-        auto file = LocalFileSink::open(local, item.modifyTime);
+        transferInfo.setStoredMode(item.mode);
+        auto file = LocalFileSink::open(local, item.modifyTime, item.mode);
         if (!file) {
             logTransferFailure("DownloadFile", ResultCode::LocalFileError, transferInfo);
             return ResultCode::LocalFileError;

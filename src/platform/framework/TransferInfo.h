@@ -26,6 +26,9 @@ public:
     // content is not sure to match any state of the file. Unset: the file's own.
     void setStoredTime(std::optional<Date> time) { storedTime_ = time; }
     const std::optional<Date>& storedTime() const { return storedTime_; }
+    // After a download: the st_mode kept with the stored file (0: none was kept).
+    void setStoredMode(uint32_t mode) { storedMode_ = mode; }
+    uint32_t storedMode() const { return storedMode_; }
 
 private:
     std::string svrFile_;
@@ -33,6 +36,7 @@ private:
     TrueProgressCallback* progress_ = nullptr;
     std::string passPhrase_;
     std::optional<Date> storedTime_;
+    uint32_t storedMode_ = 0;
 };
 
 } // namespace cirrovault

@@ -64,4 +64,6 @@ std::string Host::applicationSupportFolder() { return xdgFolder("XDG_DATA_HOME",
 
 std::string Host::configFolder() { return xdgFolder("XDG_CONFIG_HOME", ".config"); }
 
+std::string Host::cacheFolder() { return xdgFolder("XDG_CACHE_HOME", ".cache"); }
+
 } // namespace cirrovault

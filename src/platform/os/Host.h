@@ -15,6 +15,8 @@ public:
     static std::string applicationSupportFolder();
     // The user's configuration folder: $XDG_CONFIG_HOME, else ~/.config.
     static std::string configFolder();
+    // The user's cache folder: $XDG_CACHE_HOME, else ~/.cache.
+    static std::string cacheFolder();
 };
 
 } // namespace cirrovault

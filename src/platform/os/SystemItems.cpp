@@ -4,7 +4,10 @@
 #include <exception>
 #include <sstream>
 
+#include <sys/stat.h>
+
 #include "platform/os/FileSystem.h"
+#include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
 
 namespace cirrovault {
@@ -52,6 +55,7 @@ std::string decodeOctalEscapes(const std::string& text) {
 
 SystemItems::SystemItems() {
     try {
+        userFolders_ = userDisposableFolders();
         if (auto text = FileSystem::readFile("/proc/self/mountinfo"))
             mountPoints_ = parseMountInfo(*text);
         else
@@ -61,8 +65,29 @@ SystemItems::SystemItems() {
     }
 }
 
-SystemItems::SystemItems(std::vector<std::string> mountPoints)
-    : mountPoints_(std::move(mountPoints)) {}
+SystemItems::SystemItems(std::vector<std::string> mountPoints,
+                         std::vector<std::string> userFolders)
+    : mountPoints_(std::move(mountPoints)), userFolders_(std::move(userFolders)) {}
+
+std::vector<std::string> SystemItems::userDisposableFolders() {
+    return {Host::cacheFolder(),
+            Host::applicationSupportFolder() + "/Trash",
+            Host::homeFolder() + "/.thumbnails",
+            Host::applicationSupportFolder() + "/cirrovault",
+            Host::configFolder() + "/cirrovault"};
+}
+
+std::vector<std::string> SystemItems::describeLeftOut() {
+    std::vector<std::string> lines = userDisposableFolders();
+    lines.push_back(".Trash and .Trash-UID at the top of other disks");
+    lines.push_back("every lost+found folder");
+    lines.push_back("sockets and FIFOs");
+    std::string system;
+    for (const char* folder : kSystemFolders)
+        system += (system.empty() ? "" : " ") + std::string(folder);
+    lines.push_back(system);
+    return lines;
+}
 
 std::vector<std::string> SystemItems::parseMountInfo(const std::string& text) {
     // "36 35 98:0 /root /mount/point options ... - type source options"
@@ -99,14 +124,22 @@ bool SystemItems::isVolume(const std::string& path) const {
     return std::find(mountPoints_.begin(), mountPoints_.end(), path) != mountPoints_.end();
 }
 
-bool SystemItems::isExcluded(const std::string& path) const {
-    bool suspect = isInvisible(path) || isSystemFolder(path) || isVolume(path);
-    if (!suspect)
-        return false;
-    // On another mounted disk only dot-named items are left out.
-    if (isOnMountedVolumes(path))
-        return isInvisible(path);
-    return true;
+bool SystemItems::isExcluded(const std::string& path, uint32_t mode) const {
+    if (S_ISSOCK(mode) || S_ISFIFO(mode))
+        return true;
+    std::string name = lastComponent(path);
+    if (name == "lost+found")
+        return true;
+    if (skipHidden_ && isInvisible(path))
+        return true;
+    if (isOnMountedVolumes(path)) {
+        // The desktop's Trash of another disk lies at its top.
+        return (name == ".Trash" || name.starts_with(".Trash-")) &&
+               std::find(mountPoints_.begin(), mountPoints_.end(),
+                         path.substr(0, path.size() - name.size() - 1)) != mountPoints_.end();
+    }
+    return isSystemFolder(path) ||
+           std::find(userFolders_.begin(), userFolders_.end(), path) != userFolders_.end();
 }
 
 std::string SystemItems::volumeOf(const std::string& path) const {

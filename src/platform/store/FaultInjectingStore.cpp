@@ -32,6 +32,7 @@ public:
         return got;
     }
     std::string resumeTag() const override { return inner_.resumeTag(); }
+    uint32_t mode() const override { return inner_.mode(); }
     bool isCut() const { return passed_ >= limit_; }
 
 private:

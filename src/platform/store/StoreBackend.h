@@ -19,6 +19,9 @@ struct StoreItem {
     Date modifyTime;         // a file's kept modification time (the local file's, as uploaded)
     std::string description; // folders only
     std::string caption;     // folders only
+    // Files: the local file's st_mode as uploaded (permission bits, and S_IFLNK for a
+    // symbolic link, whose stored bytes are its target); 0 when the store kept none.
+    uint32_t mode = 0;
 };
 
 struct StoreCapabilities {
@@ -51,6 +54,8 @@ public:
     // Identifies the content: an interrupted upload is resumed only when the next
     // upload of the same path comes with the same tag (same local file, unchanged).
     virtual std::string resumeTag() const = 0;
+    // The local file's st_mode, kept with the stored copy; 0 for none.
+    virtual uint32_t mode() const { return 0; }
 };
 
 // Where downloaded bytes go. Implementations write a local file, possibly decrypting.

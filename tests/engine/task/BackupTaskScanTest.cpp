@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "engine/task/CBackupTask.h"
 #include "platform/framework/CLoopItem.h"
 #include "platform/framework/Functions.h"
@@ -68,6 +71,9 @@ protected:
         file("sub/x?y/d.txt", "d");
         file("sub/e:f.txt", "e");
         file("sub/deep/g.txt", "gg");
+        file("sub/" + std::string(90, ':'), "too long once encoded");
+        ASSERT_EQ(::symlink("b.txt", at("sub/link").c_str()), 0);
+        ASSERT_EQ(::mkfifo(at("sub/pipe").c_str(), 0600), 0);
         task_->localDirList = {src_};
         task_->filtedPath = {"Library", "cache*"};
         task_->filterExt = {"*.TMP"};
@@ -82,16 +88,37 @@ protected:
     std::string src_;
 };
 
+// Dotfiles, links (as links) and names with refused characters are kept; FIFOs and a
+// name too long once encoded are not, and the latter is named.
+Paths keptByTheWalks(const std::string& src) {
+    auto at = [&](const char* relative) { return src + "/" + relative; };
+    return {src,           at(".dotdir"),    at(".dotdir/x.txt"),   at(".hidden.txt"),
+            at("Libraryx"), at("a.txt"),      at("sub"),             at("sub/b.txt"),
+            at("sub/deep"), at("sub/deep/g.txt"), at("sub/e:f.txt"), at("sub/link"),
+            at("sub/x?y"),  at("sub/x?y/d.txt")};
+}
+
 TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
     makeTree();
     ASSERT_TRUE(task_->CalculateBackupSize());
     // Folders are listed as they come; files only when they must go up. The prefix
     // memory of the excluded "Library" also covers the files of "Libraryx".
-    EXPECT_EQ(task_->scanFileArray, (Paths{src_, at("Libraryx"), at("a.txt"), at("sub"),
-                                           at("sub/b.txt"), at("sub/deep"), at("sub/deep/g.txt")}));
-    EXPECT_EQ(task_->fileTotalSize, 4u + 6u + 2u);
-    EXPECT_EQ(task_->uiNeedSpace, 12u);
-    EXPECT_EQ(task_->scanFilterUserPath, at("sub/x?y"));
+    EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
+    const uint64_t bytes = 4 + 6 + 2 + 1 + 1 + 1 + 1 + 5; // the link: its target's length
+    EXPECT_EQ(task_->fileTotalSize, bytes);
+    EXPECT_EQ(task_->uiNeedSpace, bytes);
+    EXPECT_EQ(task_->scanFilterUserPath, at("sub/cache1"));
+    EXPECT_EQ(task_->leftOutPaths, Paths{at("sub/" + std::string(90, ':'))});
+
+    // A task may still leave out every dot-name.
+    task_->taskType |= CBackupTask::SkipHiddenFlag;
+    task_->scanFileArray.clear();
+    delegate_.notices.clear();
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(std::count_if(task_->scanFileArray.begin(), task_->scanFileArray.end(),
+                            [](const std::string& p) { return p.find("/.") != std::string::npos; }),
+              0);
+    task_->taskType &= ~CBackupTask::SkipHiddenFlag;
     ASSERT_EQ(delegate_.notices.size(), 1u);
     EXPECT_TRUE(delegate_.notices[0].finished);
     EXPECT_FALSE(task_->bFinishScanForPrgBar);
@@ -169,11 +196,10 @@ TEST_F(BackupTaskScan, InteractiveWalkFiltersFilesToo) {
     makeTree();
     // The run's walk hands "a.tmp" on; the interactive walk leaves it out by itself.
     ASSERT_TRUE(task_->StartScanFile());
-    EXPECT_EQ(task_->scanFileArray, (Paths{src_, at("Libraryx"), at("a.txt"), at("sub"),
-                                           at("sub/b.txt"), at("sub/deep"), at("sub/deep/g.txt")}));
-    EXPECT_EQ(task_->fileTotalSize, 12u);
-    EXPECT_EQ(task_->uiNeedSpace, 12u);
-    EXPECT_EQ(task_->nScanTotalFiles, 3);
+    EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
+    EXPECT_EQ(task_->fileTotalSize, 21u);
+    EXPECT_EQ(task_->uiNeedSpace, 21u);
+    EXPECT_EQ(task_->nScanTotalFiles, 8);
     EXPECT_FALSE(task_->bCancleScanFile);
     EXPECT_EQ(store_->totalLists(), 0); // it never asks the service
 }
@@ -258,10 +284,10 @@ TEST_F(BackupTaskScanThread, DialogShowsRunningTotalsAndCancelEmptiesTheList) {
     // No window shows figures here, so the scan did not wait for one to come up.
     EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 0.0);
     std::vector<std::string> messages = dialog->messages();
-    ASSERT_EQ(messages.size(), 6u); // every listed item below the source
+    ASSERT_EQ(messages.size(), 13u); // every listed item below the source
     EXPECT_EQ(messages.back(),
-              Functions::FormatSizeToString(12) + "|3|" + at("sub/deep/g.txt"));
-    EXPECT_EQ(task_->scanFileArray.size(), 7u);
+              Functions::FormatSizeToString(21) + "|8|" + at("sub/x?y/d.txt"));
+    EXPECT_EQ(task_->scanFileArray.size(), 14u);
     EXPECT_EQ(task_->pThread, nullptr);
 
     auto cancelling = installDialog(2);

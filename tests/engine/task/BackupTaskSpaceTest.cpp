@@ -127,6 +127,7 @@ TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
     stored("hour.txt", "1234", T);
     stored("grown.txt", "1234", T);
     stored("resume.txt.part", "12345", T); // an interrupted upload
+    stored("a%3Ab.txt", "1", T);            // "a:b.txt" under the name the service takes
 
     EXPECT_FALSE(decide("same.txt", "abcd", T));
     EXPECT_FALSE(decide("hour.txt", "abcd", T + 3600));
@@ -158,7 +159,12 @@ TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
     // Filtered names are never looked up.
     task_->filterExt = {"*.log"};
     EXPECT_FALSE(decide("x.log", "l", T));
+    // A refused character is encoded: the stored copy is found under its escape.
     EXPECT_FALSE(decide("a:b.txt", "l", T));
+    // Too long once encoded: left out, and named for the event log and the summary.
+    const std::string colons(90, ':');
+    EXPECT_FALSE(decide(colons, "l", T));
+    EXPECT_EQ(task_->leftOutPaths, std::vector<std::string>{home_.file("src/" + colons)});
     EXPECT_FALSE(task_->CalculateBackupFileSize(home_.file("src/missing.txt")));
 
     // Every decision of the folder came from one listing.

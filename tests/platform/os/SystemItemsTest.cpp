@@ -4,9 +4,13 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
+#include "common/TempHome.h"
 #include "platform/os/SystemItems.h"
 
 using namespace cirrovault;
+using test::TempHome;
 
 namespace {
 
@@ -25,23 +29,51 @@ TEST(SystemItems, ReadsMountPointsFromTheMountTable) {
               live.mountPoints().end());
 }
 
-TEST(SystemItems, DotNamesAndSystemFoldersOutsideMountedVolumes) {
-    SystemItems items({"/", "/media/u/Disk", "/mnt/backup", "/home"});
-    EXPECT_TRUE(items.isExcluded("/home/u/.cache"));
-    EXPECT_TRUE(items.isExcluded("/home/u/a/.hidden.txt"));
-    EXPECT_TRUE(items.isExcluded("/dev"));
-    EXPECT_TRUE(items.isExcluded("/proc"));
-    EXPECT_FALSE(items.isExcluded("/home/u/dev"));
-    EXPECT_FALSE(items.isExcluded("/home/u/visible.txt"));
-    EXPECT_FALSE(items.isExcluded("/home")); // a mount point, but not a mounted volume
+TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
+    SystemItems items({"/", "/media/u/Disk", "/mnt/backup", "/home"},
+                      {"/home/u/.cache", "/home/u/.local/share/Trash"});
+    // The user's settings are backed up.
+    for (const char* kept : {"/home/u/.config", "/home/u/.ssh", "/home/u/.bashrc",
+                             "/home/u/a/.hidden.txt", "/home/u/.cache2", "/home/u/x/.cache",
+                             "/home/u/dev", "/home/u/visible.txt", "/home"})
+        EXPECT_FALSE(items.isExcluded(kept, S_IFREG)) << kept;
+    for (const char* left : {"/home/u/.cache", "/home/u/.local/share/Trash", "/dev", "/proc",
+                             "/home/u/lost+found", "/lost+found"})
+        EXPECT_TRUE(items.isExcluded(left, S_IFDIR)) << left;
+    EXPECT_TRUE(items.isExcluded("/home/u/app.sock", S_IFSOCK));
+    EXPECT_TRUE(items.isExcluded("/home/u/pipe", S_IFIFO));
+    EXPECT_FALSE(items.isExcluded("/home/u/link", S_IFLNK));
 
-    // Another disk is kept with its visible contents; only dot names are left out.
+    // Another disk is kept whole but for the desktop's Trash at its top.
     EXPECT_TRUE(items.isVolume("/media/u/Disk"));
     EXPECT_FALSE(items.isExcluded("/media/u/Disk"));
-    EXPECT_FALSE(items.isExcluded("/media/u/Disk/visible"));
-    EXPECT_TRUE(items.isExcluded("/media/u/Disk/.hidden"));
+    EXPECT_FALSE(items.isExcluded("/media/u/Disk/.hidden"));
     EXPECT_TRUE(items.isExcluded("/mnt/backup/.Trash-1000"));
+    EXPECT_TRUE(items.isExcluded("/media/u/Disk/.Trash"));
+    EXPECT_FALSE(items.isExcluded("/media/u/Disk/sub/.Trash-1000"));
     EXPECT_FALSE(SystemItems::isOnMountedVolumes("/mntx/a"));
+
+    // A task that asks for it leaves out every dot-name, as before.
+    items.setSkipHidden(true);
+    EXPECT_TRUE(items.isExcluded("/home/u/.bashrc"));
+    EXPECT_TRUE(items.isExcluded("/media/u/Disk/.hidden"));
+    EXPECT_FALSE(items.isExcluded("/home/u/visible.txt"));
+}
+
+TEST(SystemItems, TheUsersFoldersFollowTheEnvironment) {
+    TempHome home;
+    setenv("XDG_CACHE_HOME", home.file("cache").c_str(), 1);
+    SystemItems items({"/"});
+    SystemItems live;
+    EXPECT_TRUE(live.isExcluded(home.file("cache")));
+    EXPECT_TRUE(live.isExcluded(home.dataHome() + "/Trash"));
+    EXPECT_TRUE(live.isExcluded(home.dataHome() + "/cirrovault")); // the local store's folder
+    EXPECT_TRUE(live.isExcluded(home.configHome() + "/cirrovault"));
+    EXPECT_FALSE(live.isExcluded(home.file(".cache")));
+    EXPECT_FALSE(items.isExcluded(home.file("cache"))); // given folders only
+    auto lines = SystemItems::describeLeftOut();
+    EXPECT_NE(std::find(lines.begin(), lines.end(), home.file("cache")), lines.end());
+    unsetenv("XDG_CACHE_HOME");
 }
 
 TEST(SystemItems, VolumeOfAPath) {

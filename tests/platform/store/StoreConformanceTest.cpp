@@ -2,9 +2,11 @@
 
 #include <cmath>
 #include <functional>
+#include <map>
 #include <thread>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,9 +59,16 @@ std::string snapshot(StoreBackend& store) {
 }
 
 int64_t putText(StoreBackend& store, const std::string& path, const std::string& text,
-                Date modifyTime = Date(1'600'000'000.0), const std::string& tag = "t") {
+                Date modifyTime = Date(1'600'000'000.0), const std::string& tag = "t",
+                uint32_t mode = 0) {
     MemorySource source(text, tag);
+    source.setMode(mode);
     return store.put(path, source, modifyTime, nullptr);
+}
+
+uint32_t modeOf(StoreBackend& store, const std::string& path) {
+    StoreItem item;
+    return store.stat(path, item) == ResultCode::Success ? item.mode : 0xFFFFFFFF;
 }
 
 double tolerance(const StoreBackend& store) {
@@ -308,6 +317,47 @@ TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentAndDescriptions) {
     EXPECT_EQ(store->move("\\Nothing", "\\Else"), R::NotFound);
     EXPECT_EQ(store->copy("\\History\\c.txt", "\\NoFolder\\c.txt"), R::NotFound);
     EXPECT_EQ(snapshot(*store), before);
+}
+
+// A file's mode (its permission bits, and whether it was a link) stays with it wherever
+// the engine moves or copies it, and goes when a copy without one replaces it.
+TEST_P(StoreConformanceTest, FilesKeepTheirModeWhereverTheyGo) {
+    const uint32_t key = S_IFREG | 0600, link = S_IFLNK | 0777, tool = S_IFREG | 0755;
+    ASSERT_EQ(store->makeFolder("\\M", "", ""), R::Success);
+    ASSERT_EQ(store->makeFolder("\\M\\History", "", ""), R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\id_key", "secret", Date(1'600'000'000.0), "t", key), R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\to-bin", "../bin/tool", Date(1'600'000'000.0), "t", link),
+              R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\tool", "#!/bin/sh\n", Date(1'600'000'000.0), "t", tool),
+              R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\plain", "p"), R::Success);
+    EXPECT_EQ(modeOf(*store, "\\M\\id_key"), key);
+    EXPECT_EQ(modeOf(*store, "\\M\\to-bin"), link);
+    EXPECT_EQ(modeOf(*store, "\\M\\plain"), 0u);
+
+    ASSERT_EQ(store->move("\\M\\tool", "\\M\\History\\tool0"), R::Success);
+    EXPECT_EQ(modeOf(*store, "\\M\\History\\tool0"), tool);
+    ASSERT_EQ(store->copy("\\M\\to-bin", "\\M\\History\\to-bin0"), R::Success);
+    EXPECT_EQ(modeOf(*store, "\\M\\History\\to-bin0"), link);
+    ASSERT_EQ(store->copy("\\M", "\\N"), R::Success);
+    std::vector<StoreItem> items;
+    ASSERT_EQ(store->list("\\N", items), R::Success);
+    std::map<std::string, uint32_t> listed;
+    for (const auto& item : items)
+        listed[item.name] = item.mode;
+    EXPECT_EQ(listed["id_key"], key);
+    EXPECT_EQ(listed["to-bin"], link);
+    EXPECT_EQ(listed["plain"], 0u);
+    EXPECT_EQ(modeOf(*store, "\\N\\History\\tool0"), tool);
+
+    ASSERT_EQ(putText(*store, "\\M\\id_key", "new secret", Date(1'600'000'100.0)), R::Success);
+    EXPECT_EQ(modeOf(*store, "\\M\\id_key"), 0u);
+    ASSERT_EQ(store->remove("\\M\\to-bin"), R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\to-bin", "a file now"), R::Success);
+    EXPECT_EQ(modeOf(*store, "\\M\\to-bin"), 0u);
+    ASSERT_EQ(store->flush(), R::Success);
+    auto again = connect("alice", "secret");
+    EXPECT_EQ(modeOf(*again, "\\N\\id_key"), key);
 }
 
 TEST_P(StoreConformanceTest, RemoveTakesFilesFoldersAndTheirDescriptions) {

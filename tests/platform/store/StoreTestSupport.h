@@ -35,7 +35,9 @@ public:
         return static_cast<int64_t>(count);
     }
     std::string resumeTag() const override { return tag_; }
+    uint32_t mode() const override { return mode_; }
 
+    void setMode(uint32_t mode) { mode_ = mode; }
     void failReadsFrom(uint64_t offset) { failAt_ = offset; }
     uint64_t bytesRead() const { return bytesRead_; }
 
@@ -44,6 +46,7 @@ private:
     std::string tag_;
     uint64_t position_ = 0;
     uint64_t bytesRead_ = 0;
+    uint32_t mode_ = 0;
     std::optional<uint64_t> failAt_;
 };
 

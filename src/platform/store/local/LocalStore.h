@@ -21,7 +21,8 @@ namespace cirrovault {
 // The embedded store: a folder on this computer. Each account's files are kept as plain
 // files and folders with their real names under "accounts/<customerID>/files", so the
 // backup can be read with a file manager; everything else (accounts, folder
-// descriptions, quotas, the task-list document, resume tags of unfinished uploads) is in
+// descriptions, quotas, the task-list document, resume tags of unfinished uploads, the
+// modes of the local files, whose type says which file holds a symbolic link's target) is in
 // "store.db". Several objects, threads and processes may use one store at once.
 //
 // An unfinished upload of "x" is the file "x.part" beside it (StorePath::partPath: a
@@ -136,6 +137,8 @@ private:
     // then left in upload.
     bool isUnfinishedUpload(const Account& account, const Location& location,
                             std::string* upload = nullptr);
+    // The st_mode kept with a stored file; 0 when none was kept.
+    uint32_t storedMode(const Account& account, const std::string& serverPath);
     bool unfinishedUploads(const Account& account, const std::string& folder, PartSet& parts);
     static bool isPartOf(const std::string& serverPath, const PartSet& parts);
     Totals totalsOf(const std::string& localFolder, const std::string& serverFolder,

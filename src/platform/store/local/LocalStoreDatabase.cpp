@@ -173,6 +173,10 @@ bool LocalStoreDatabase::createSchema() {
                    " document TEXT NOT NULL, version INTEGER NOT NULL);"
                    "CREATE TABLE IF NOT EXISTS folderTotals(folder TEXT PRIMARY KEY,"
                    " record TEXT NOT NULL);"
+                   // Stores made before files kept their modes get the table on opening.
+                   "CREATE TABLE IF NOT EXISTS fileModes(customerID TEXT NOT NULL,"
+                   " path TEXT NOT NULL, mode INTEGER NOT NULL,"
+                   " PRIMARY KEY(customerID, path));"
                    "COMMIT;");
 }
 
@@ -393,7 +397,7 @@ bool LocalStoreDatabase::moveTree(const std::string& customerID, const std::stri
     if (!execute("BEGIN IMMEDIATE"))
         return false;
     bool ok = true;
-    for (const char* table : {"folders", "parts"}) {
+    for (const char* table : {"folders", "parts", "fileModes"}) {
         std::string sql = std::string("UPDATE OR REPLACE ") + table +
                           " SET path = ?5 || substr(path, length(?2) + 1)"
                           " WHERE customerID = ?1 AND " +
@@ -417,9 +421,49 @@ bool LocalStoreDatabase::copyFolderInfos(const std::string& customerID, const st
                                   " description, caption FROM folders WHERE customerID = ?1 AND ")
                           .append(TreeMatch)
                           .c_str());
-    if (bindTree(st.bind(1, customerID).bind(5, to), from).run())
+    Statement modes(db_, std::string("INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
+                                     " SELECT customerID, ?5 || substr(path, length(?2) + 1), mode"
+                                     " FROM fileModes WHERE customerID = ?1 AND ")
+                             .append(TreeMatch)
+                             .c_str());
+    if (bindTree(st.bind(1, customerID).bind(5, to), from).run() &&
+        bindTree(modes.bind(1, customerID).bind(5, to), from).run())
         return true;
     logError("copy folder information");
+    return false;
+}
+
+bool LocalStoreDatabase::setFileMode(const std::string& customerID, const std::string& path,
+                                     uint32_t mode) {
+    std::lock_guard lock(mutex_);
+    bool ok;
+    if (mode == 0) {
+        Statement st(db_, "DELETE FROM fileModes WHERE customerID = ?1 AND path = ?2");
+        ok = st.bind(1, customerID).bind(2, path).run();
+    } else {
+        Statement st(db_, "INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
+                          " VALUES(?1, ?2, ?3)");
+        ok = st.bind(1, customerID).bind(2, path).bind(3, static_cast<int64_t>(mode)).run();
+    }
+    if (!ok)
+        logError("set file mode");
+    return ok;
+}
+
+bool LocalStoreDatabase::fileModesInside(const std::string& customerID, const std::string& folder,
+                                         std::map<std::string, uint32_t>& modes) {
+    std::lock_guard lock(mutex_);
+    modes.clear();
+    Statement st(db_, "SELECT path, mode FROM fileModes WHERE customerID = ?1"
+                      " AND (path = ?2 OR (path >= ?3 AND path < ?4"
+                      " AND instr(substr(path, length(?3) + 1), '\\') = 0))");
+    bindTree(st.bind(1, customerID), folder);
+    int rc;
+    while ((rc = st.step()) == SQLITE_ROW)
+        modes[st.text(0)] = static_cast<uint32_t>(st.integer(1));
+    if (rc == SQLITE_DONE)
+        return true;
+    logError("list file modes");
     return false;
 }
 
@@ -428,7 +472,7 @@ bool LocalStoreDatabase::removeTree(const std::string& customerID, const std::st
     if (!execute("BEGIN IMMEDIATE"))
         return false;
     bool ok = true;
-    for (const char* table : {"folders", "parts"}) {
+    for (const char* table : {"folders", "parts", "fileModes"}) {
         std::string sql =
             std::string("DELETE FROM ") + table + " WHERE customerID = ?1 AND " + TreeMatch;
         Statement st(db_, sql.c_str());

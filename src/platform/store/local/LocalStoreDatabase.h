@@ -61,6 +61,12 @@ public:
     bool folderInfosInside(const std::string& customerID, const std::string& folder,
                            std::map<std::string, LocalFolderInfo>& infos);
 
+    // A stored file's st_mode (type and permission bits), 0 when unknown; 0 drops the row.
+    bool setFileMode(const std::string& customerID, const std::string& path, uint32_t mode);
+    // The modes of path itself and of the files directly inside it, by path.
+    bool fileModesInside(const std::string& customerID, const std::string& folder,
+                         std::map<std::string, uint32_t>& modes);
+
     bool partTag(const std::string& customerID, const std::string& path,
                  std::optional<std::string>& tag);
     bool setPartTag(const std::string& customerID, const std::string& path, const std::string& tag);
@@ -71,6 +77,7 @@ public:
 
     // The rows of a tree follow its move or copy, and go with its removal.
     bool moveTree(const std::string& customerID, const std::string& from, const std::string& to);
+    // Folder descriptions and file modes.
     bool copyFolderInfos(const std::string& customerID, const std::string& from,
                          const std::string& to);
     bool removeTree(const std::string& customerID, const std::string& path);

@@ -195,6 +195,9 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
             return ResultCode::AlreadyExists;
         }
         if (!partStatus && !storedTag && !target.status && size <= ChunkSize) {
+            // The mode's row comes first: the new file is never seen without it.
+            if (!db_.setFileMode(customerID, target.serverPath, source.mode()))
+                return ResultCode::Failure;
             int64_t rc = putNewWhole(target.localPath, source, size, modifyTime, observer);
             if (rc == ResultCode::Success)
                 adjustUsedSpace(static_cast<int64_t>(size));
@@ -275,6 +278,7 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
             return ResultCode::Failure;
         }
         db_.removePartTag(customerID, target.serverPath);
+        db_.setFileMode(customerID, target.serverPath, source.mode());
         part.close();
         adjustUsedSpace(static_cast<int64_t>(size) - static_cast<int64_t>(oldSize));
         return ResultCode::Success;
@@ -388,8 +392,9 @@ int64_t LocalStore::copy(const std::string& from, const std::string& to) {
             FileSystem::removeAll(target.localPath);
             return copied;
         }
-        if (folder &&
-            !db_.copyFolderInfos(account.customerID, source.serverPath, target.serverPath))
+        if (folder ? !db_.copyFolderInfos(account.customerID, source.serverPath, target.serverPath)
+                   : !db_.setFileMode(account.customerID, target.serverPath,
+                                      storedMode(account, source.serverPath)))
             return ResultCode::Failure;
         adjustUsedSpace(static_cast<int64_t>(bytes));
         return ResultCode::Success;

@@ -208,6 +208,13 @@ LocalStore::Totals LocalStore::totalsOf(const std::string& localFolder,
     return Totals{totals.bytes, totals.files};
 }
 
+uint32_t LocalStore::storedMode(const Account& account, const std::string& serverPath) {
+    std::map<std::string, uint32_t> modes;
+    db_.fileModesInside(account.customerID, serverPath, modes);
+    auto it = modes.find(serverPath);
+    return it == modes.end() ? 0 : it->second;
+}
+
 int64_t LocalStore::stat(const std::string& path, StoreItem& item) {
     try {
         item = {};
@@ -233,6 +240,7 @@ int64_t LocalStore::stat(const std::string& path, StoreItem& item) {
             item.caption = info.caption;
         } else {
             item.size = location.status->size;
+            item.mode = storedMode(account, location.serverPath);
         }
         return ResultCode::Success;
     } catch (const std::exception&) {
@@ -252,8 +260,10 @@ int64_t LocalStore::list(const std::string& folder, std::vector<StoreItem>& item
             return ResultCode::NotFound;
         PartSet parts;
         std::map<std::string, LocalFolderInfo> infos;
+        std::map<std::string, uint32_t> modes;
         if (!unfinishedUploads(account, location.serverPath, parts) ||
-            !db_.folderInfosInside(account.customerID, location.serverPath, infos))
+            !db_.folderInfosInside(account.customerID, location.serverPath, infos) ||
+            !db_.fileModesInside(account.customerID, location.serverPath, modes))
             return ResultCode::Failure;
         // Each entry's status is read relative to the open folder: no walk of the whole
         // path per entry.
@@ -292,6 +302,9 @@ int64_t LocalStore::list(const std::string& folder, std::vector<StoreItem>& item
                        (!endsWithPart(name) ||
                         !isPartOf(StorePath::child(location.serverPath, name), parts))) {
                 item.size = static_cast<uint64_t>(st.st_size);
+                if (auto mode = modes.find(StorePath::child(location.serverPath, name));
+                    mode != modes.end())
+                    item.mode = mode->second;
             } else {
                 continue; // links, special files and unfinished uploads are not the user's files
             }
@@ -368,9 +381,15 @@ int64_t LocalStore::move(const std::string& from, const std::string& to) {
             return ResultCode::Failure;
         }
         totals_.forget(source.localPath);
-        if (source.status->type == FileType::Directory &&
-            !db_.moveTree(account.customerID, source.serverPath, target.serverPath))
-            return ResultCode::Failure;
+        if (source.status->type == FileType::Directory) {
+            if (!db_.moveTree(account.customerID, source.serverPath, target.serverPath))
+                return ResultCode::Failure;
+        } else if (uint32_t mode = storedMode(account, source.serverPath); mode != 0) {
+            // Only the file's own row: an unfinished upload of its name stays where it is.
+            if (!db_.setFileMode(account.customerID, target.serverPath, mode) ||
+                !db_.setFileMode(account.customerID, source.serverPath, 0))
+                return ResultCode::Failure;
+        }
         return ResultCode::Success;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::move()");
@@ -412,6 +431,7 @@ int64_t LocalStore::remove(const std::string& path) {
             return ResultCode::Failure;
         }
         adjustUsedSpace(-static_cast<int64_t>(location.status->size));
+        db_.setFileMode(account.customerID, location.serverPath, 0);
         return ResultCode::Success;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::remove()");

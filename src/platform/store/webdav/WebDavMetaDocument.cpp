@@ -54,10 +54,13 @@ std::optional<WebDavMetaEntries> WebDavMetaDocument::parse(const std::string& te
         if (fields.size() < 2 || fields[1].empty())
             continue;
         WebDavMetaEntry entry;
-        if (fields[0] == "f" && fields.size() == 5) {
+        if (fields[0] == "f" && (fields.size() == 5 || fields.size() == 6)) {
+            uint64_t mode = 0;
             if (!numberOf(fields[2], entry.modifyTime) || !numberOf(fields[3], entry.size) ||
-                !numberOf(fields[4], entry.serverTime))
+                !numberOf(fields[4], entry.serverTime) ||
+                (fields.size() == 6 && !numberOf(fields[5], mode)))
                 continue;
+            entry.mode = static_cast<uint32_t>(mode);
         } else if (fields[0] == "d" && fields.size() == 4) {
             entry.folder = true;
             entry.description = fields[2];
@@ -80,7 +83,8 @@ std::string WebDavMetaDocument::format(const WebDavMetaEntries& entries) {
                 << '\t' << UrlCoding::encode(entry.caption) << '\n';
         else
             out << "f\t" << UrlCoding::encode(name) << '\t' << entry.modifyTime << '\t'
-                << entry.size << '\t' << entry.serverTime << '\n';
+                << entry.size << '\t' << entry.serverTime
+                << (entry.mode != 0 ? '\t' + std::to_string(entry.mode) : std::string()) << '\n';
     }
     return out.str();
 }

@@ -19,6 +19,7 @@ struct WebDavMetaEntry {
     // Folders: description and caption.
     std::string description;
     std::string caption;
+    uint32_t mode = 0; // files: the local file's st_mode; 0: none kept
 
     bool operator==(const WebDavMetaEntry&) const = default;
 };
@@ -28,7 +29,7 @@ using WebDavMetaEntries = std::map<std::string, WebDavMetaEntry>; // by entry na
 // The document ".cirrovault-meta" in a folder: a line per entry of that folder, fields
 // separated by tabs and percent-encoded, so any name survives.
 //   cirrovault-meta 1
-//   f <name> <modify time> <size> <server time>
+//   f <name> <modify time> <size> <server time> [<mode>]
 //   d <name> <description> <caption>
 class WebDavMetaDocument {
 public:

@@ -172,7 +172,7 @@ int64_t WebDavStore::propfind(const Account& account, const std::string& url, in
     request.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
                    "<D:propfind xmlns:D=\"DAV:\" xmlns:C=\"urn:x-cirrovault:\"><D:prop>"
                    "<D:resourcetype/><D:getcontentlength/><D:getlastmodified/><D:getetag/>"
-                   "<C:mtime/><C:description/><C:caption/><C:resumetag/>"
+                   "<C:mtime/><C:description/><C:caption/><C:resumetag/><C:mode/>"
                    "</D:prop></D:propfind>";
     HttpResponse response;
     int64_t rc = send(account, request, response);

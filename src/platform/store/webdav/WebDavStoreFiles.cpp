@@ -210,8 +210,11 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
         if (serverKeepsTime)
             WebDavCapabilityProbe::noteOcMtime(account.serverKey);
         if (account.features.deadProperties) {
+            // "mode" is set also when there is none ("0"): some servers keep a replaced
+            // file's properties that the new copy does not set.
             if ((rc = setProperties(account, partUrl,
-                                    {{"mtime", std::to_string(modifyTime.timeIntervalSince1970())}},
+                                    {{"mtime", std::to_string(modifyTime.timeIntervalSince1970())},
+                                     {"mode", std::to_string(source.mode())}},
                                     {"resumetag"})) != ResultCode::Success) {
                 SystemLog::write("WebDAV: the modification time cannot be kept for " + path);
                 dropPart();
@@ -233,10 +236,11 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
                              replaced ? 0 : 1);
         if (keepsMetaDocuments(account)) {
             std::optional<WebDavMetaEntry> entry;
-            if (!serverKeepsTime) {
+            if (!serverKeepsTime || source.mode() != 0) {
                 entry.emplace();
                 entry->modifyTime = modifyTime.timeIntervalSince1970();
                 entry->size = size;
+                entry->mode = source.mode();
             }
             noteMeta(account, FolderNames(names->begin(), names->end() - 1), names->back(),
                      std::move(entry));

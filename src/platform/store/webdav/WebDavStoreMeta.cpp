@@ -48,6 +48,7 @@ void WebDavStore::applyMeta(StoreItem& item, const DavResource& resource,
     } else if (entry.size == item.size &&
                (entry.serverTime == 0 || entry.serverTime == wholeSeconds(resource.lastModified))) {
         item.modifyTime = Date(entry.modifyTime);
+        item.mode = entry.mode;
     }
 }
 

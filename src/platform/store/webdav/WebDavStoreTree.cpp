@@ -85,6 +85,8 @@ StoreItem WebDavStore::itemOf(const DavResource& resource, const std::string& na
         if (end && *end == '\0')
             item.modifyTime = Date(seconds);
     }
+    if (auto mode = resource.property(Namespace, "mode"); mode && !item.isFolder)
+        item.mode = static_cast<uint32_t>(std::strtoul(mode->c_str(), nullptr, 10));
     item.description = resource.property(Namespace, "description").value_or("");
     item.caption = resource.property(Namespace, "caption").value_or("");
     return item;

@@ -20,6 +20,7 @@ TEST(WebDavMetaDocumentTest, AnyNameSurvivesAndDamagedLinesAreSkipped) {
     entries["plain.txt"] = {false, 1'650'000'000.123456, 42, 1'700'000'000, "", ""};
     entries["tab\tnew\nline %41 é"] = {false, 1.5, 0, 0, "", ""};
     entries["Folder"] = {true, 0, 0, 0, "my\tdescription", ""};
+    entries["id_key"] = {false, 2.5, 6, 0, "", "", 0100600};
     std::string text = WebDavMetaDocument::format(entries);
     auto parsed = WebDavMetaDocument::parse(text);
     ASSERT_TRUE(parsed);
@@ -31,6 +32,7 @@ TEST(WebDavMetaDocumentTest, AnyNameSurvivesAndDamagedLinesAreSkipped) {
     EXPECT_EQ(parsed->size(), entries.size() + 1);
     EXPECT_EQ(parsed->count("broken"), 0u);
     EXPECT_EQ(parsed->at("late.txt").size, 6u);
+    EXPECT_EQ(parsed->at("late.txt").mode, 0u); // written before files kept their modes
 
     EXPECT_FALSE(WebDavMetaDocument::parse("<html>not ours</html>"));
     EXPECT_FALSE(WebDavMetaDocument::parse(""));
