@@ -136,10 +136,7 @@ protected:
         write(tree + "/Notes/what?.txt", "?\n", 0644, t + 6);
         write(tree + "/Notes/star*.txt", "*\n", 0644, t + 7);
         write(tree + "/Notes/back\\slash %3A.txt", "\\\n", 0644, t + 8);
-        // On Apache the property database of "<250 bytes>.part" needs a name longer than
-        // any file may have: enable there once uploads use shorter ".part" names.
-        if (!GetParam())
-            write(tree + "/Notes/" + kLongName, "long\n", 0644, t + 9);
+        write(tree + "/Notes/" + kLongName, "long\n", 0644, t + 9);
         write(tree + "/Notes/" + kTooLong, "cannot go\n", 0644, t + 10);
         write(tree + "/.cache/thumbnails/x.png", "disposable", 0644, t + 11);
         link(".bashrc", tree + "/link-to-file", t + 12);

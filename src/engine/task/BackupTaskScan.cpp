@@ -71,8 +71,6 @@ bool beginsWith(const std::string& path, const std::string& prefix) {
     return !prefix.empty() && path.starts_with(prefix);
 }
 
-constexpr int32_t kErrorEntry = 2;
-
 std::string sourcePath(const SourceEntry& entry) {
     return entry.isRecord() ? entry.record().m_strPath : entry.path();
 }
