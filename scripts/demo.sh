@@ -14,7 +14,7 @@ for i in $(seq 1 20); do
   printf 'Letter %d\n%s\n' "$i" "$(head -c 2000 /dev/urandom | base64)" > "$demo/Documents/Letters/letter $i.txt"
 done
 head -c 3000000 /dev/urandom > "$demo/Documents/Photos/holiday.jpg"
-echo "draft" > "$demo/Documents/.hidden-notes"
+echo "draft" > "$demo/Documents/.notes"
 
 export HOME="$demo/home" XDG_DATA_HOME="$demo/data" XDG_CONFIG_HOME="$demo/config" CIRROVAULT_PASSWORD=demo-password
 run() { echo "\$ cirrovault $*"; "$bin" --user demo "$@"; echo; }
@@ -26,7 +26,7 @@ run backup --list Documents
 run versions Documents "$demo/Documents/Letters/letter 3.txt"
 run restore Documents "Documents/Letters/letter 3.txt" --version 0 --to "$demo/restored-older"
 run restore Documents --to "$demo/restored"
-diff -r "$demo/Documents" "$demo/restored/Documents" --exclude=.hidden-notes && echo "The restored copy equals the folder (hidden files are left out by design)." && echo
+diff -r "$demo/Documents" "$demo/restored/Documents" && echo "The restored copy equals the folder, its dotfiles included." && echo
 run log
 run status
 store="$XDG_DATA_HOME/cirrovault/store/accounts"

@@ -364,6 +364,11 @@ TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
 }
 
 TEST_P(BackupRunThread, EachFileKeepsItsOwnVersionsOnly) {
+    // Nearly 300 uploads with their version moves: run where the stores differ in how
+    // they keep times (database, properties, metadata document), not on every server.
+    const std::string& kind = GetParam().name;
+    if (kind != "Local" && kind != "Apache" && kind != "LighttpdWithoutProperties")
+        GTEST_SKIP() << "the version rules run on Local, Apache and LighttpdWithoutProperties";
     // Names that read as one another's versions ("n050" is "n0" + 50 or "n05" + 0),
     // names without extension, and a sub-folder whose versions must stay untouched.
     std::vector<std::string> names;
