@@ -211,7 +211,8 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     out.result(doc);
     for (const auto& x : outcome.failed)
         std::fprintf(stderr, "cirrovault: not restored: %s\n", x.c_str());
-    out.line(text("CliRestoreSummary", "Restored {} files ({}) into {}; kept {}; failed {}.", outcome.restored.size(),
+    out.line(text("CliRestoreSummary", "Restored {} ({}) into {}; kept {}; failed {}.",
+                  TaskFormat::countText(outcome.restored.size(), "file", "files"),
                   GlobalFunction::stringFromFileSize(outcome.bytesRestored), args.to, outcome.kept.size(), outcome.failed.size()));
     // Keeping what is already there is what was asked for without --overwrite: not a failure.
     if (!outcome.kept.empty())
