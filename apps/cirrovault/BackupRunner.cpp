@@ -8,6 +8,7 @@
 
 #include "Signals.h"
 #include "platform/framework/TransferApiUtil.h"
+#include "platform/store/StoreBackend.h"
 #include "support/GlobalFunction.h"
 #include "ui/ProgressBarController.h"
 
@@ -23,6 +24,13 @@ void mirror(const TrueProgressCallback& from, TrueProgressCallback& to) {
     if (from.bytesDone() > 0 && to.bytesDone() == 0)
         to.startTiming();
     to.setSentSize(from.sentSize());
+}
+
+// Where the user finds the task's files: a local folder or a URL, not the store's own
+// "\" path.
+std::string storedAt(const std::string& serverPath) {
+    auto store = TransferApiUtil::shareTransferApiUtil().backend();
+    return store ? store->locationOf(serverPath) : serverPath;
 }
 
 } // namespace
@@ -144,7 +152,7 @@ std::string BackupRunner::stateSummary(const HostSession::TaskPtr& task, const R
     case CBackupTask::StateSucceeded:
         return text("CliBackupDone", "Backed up \"{}\": {} new or changed files, {} sent -> {}",
                     task->name, outcome.filesToSend,
-                    GlobalFunction::stringFromFileSize(outcome.bytesSent), task->serverPath);
+                    GlobalFunction::stringFromFileSize(outcome.bytesSent), storedAt(task->serverPath));
     case CBackupTask::StateCancelled:
         return text("CliBackupCancelled",
                     "the backup of \"{}\" was cancelled; {} sent so far. Run it again to go on "

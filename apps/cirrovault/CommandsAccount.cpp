@@ -10,6 +10,7 @@
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
+#include "platform/store/StoreBackend.h"
 #include "support/CErrorLog.h"
 #include "support/GlobalFunction.h"
 
@@ -86,16 +87,29 @@ int statusCommand(const GlobalOptions& global, const Output& out) {
         uint64_t used = static_cast<uint64_t>(std::max<int64_t>(balance.fileSpaceUsed, 0));
         uint64_t max = static_cast<uint64_t>(std::max<int64_t>(balance.maxSpace, 0));
         uint64_t free = max > used ? max - used : 0;
-        out.line(text("CliStatusSpace", "space       {} used, {} free of {}", GlobalFunction::stringFromFileSize(used),
-                      GlobalFunction::stringFromFileSize(free), GlobalFunction::stringFromFileSize(max)));
-        doc.set("spaceUsed", used).set("spaceFree", free).set("spaceTotal", max);
+        if (balance.maxSpace >= StoreQuota::Unknown) {
+            out.line(text("CliStatusSpaceNoQuota", "space       {} used, free: unknown",
+                          GlobalFunction::stringFromFileSize(used)));
+            doc.set("spaceUsed", used).set("spaceFree", Json()).set("spaceTotal", Json());
+        } else {
+            out.line(text("CliStatusSpace", "space       {} used, {} free of {}", GlobalFunction::stringFromFileSize(used),
+                          GlobalFunction::stringFromFileSize(free), GlobalFunction::stringFromFileSize(max)));
+            doc.set("spaceUsed", used).set("spaceFree", free).set("spaceTotal", max);
+        }
     } else {
         out.line(text("CliStatusNoSpace", "space       unknown: {}", TransferApiUtil::stringWithReturnCode(code)));
     }
+    // The daemon holds the run lock only while a task runs; its own lock says it is up.
     auto holder = RunLock::holder(session.accountFolder());
-    out.line(holder ? text("CliStatusEngineBusy", "engine      running in process {}", *holder)
-                    : text("CliStatusEngineIdle", "engine      not running (start it with `cirrovault daemon`)"));
+    auto daemon = RunLock::holder(session.accountFolder(), RunLock::kDaemonFile);
+    if (holder)
+        out.line(text("CliStatusEngineBusy", "engine      running in process {}", *holder));
+    else if (daemon)
+        out.line(text("CliStatusDaemonIdle", "engine      daemon in process {}, idle", *daemon));
+    else
+        out.line(text("CliStatusEngineIdle", "engine      not running (start it with `cirrovault daemon`)"));
     doc.set("enginePid", holder ? Json(static_cast<int64_t>(*holder)) : Json());
+    doc.set("daemonPid", daemon ? Json(static_cast<int64_t>(*daemon)) : Json());
     Json tasks = Json::array();
     auto list = session.manager().getTasksList();
     // A task's last run as the event log tells it: the task list keeps only the last

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "Commands.h"
+#include "DaemonGate.h"
 #include "Signals.h"
 #include "TaskFormat.h"
 #include "platform/framework/ResultCodes.h"
@@ -34,7 +35,9 @@ bool logonWithBackoff(HostSession& session) {
     constexpr double kFirstPause = 30, kLongestPause = 30 * 60;
     for (double pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
         try {
-            session.logon(true);
+            // The run lock is taken around each run only, so that commands work beside
+            // an idle daemon; the daemon lock keeps the account to one daemon.
+            session.logon(false);
             return true;
         } catch (const CliError& e) {
             if (session.lastLogonCode() != ResultCode::Failure || Signals::pending())
@@ -51,11 +54,16 @@ bool logonWithBackoff(HostSession& session) {
 
 int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Output& out) {
     Signals::install();
+    // Outlives the session, whose log-off still reports the end of a running task to it.
+    std::unique_ptr<DaemonGate> gate;
     HostSession session(global, out);
     session.showMessagesAtOnce();
     session.setUnattended();
     if (!logonWithBackoff(session))
         return Exit::Ok; // stopped before the service could be reached
+    std::unique_ptr<RunLock> daemonLock = session.lockAccount(RunLock::kDaemonFile);
+    gate = std::make_unique<DaemonGate>(session.manager(), session.accountFolder(), say);
+    session.manager().schedulerHooks = gate.get();
     session.addListener([](const HostSession::TaskPtr& task, int32_t type) {
         if (!task)
             return;

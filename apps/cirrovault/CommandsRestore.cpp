@@ -223,7 +223,8 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
         std::fprintf(stderr, "cirrovault: not restored: %s\n", x.c_str());
     for (const auto& x : outcome.incomplete)
         std::fprintf(stderr, "cirrovault: restored, but not as it was: %s\n", x.c_str());
-    out.line(text("CliRestoreSummary", "Restored {} files ({}) into {}; kept {}; failed {}.", outcome.restored.size(),
+    out.line(text("CliRestoreSummary", "Restored {} ({}) into {}; kept {}; failed {}.",
+                  TaskFormat::countText(outcome.restored.size(), "file", "files"),
                   GlobalFunction::stringFromFileSize(outcome.bytesRestored), args.to, outcome.kept.size(), outcome.failed.size()));
     // Keeping what is already there is what was asked for without --overwrite: not a failure.
     if (!outcome.kept.empty())

@@ -186,18 +186,28 @@ void HostSession::logon(bool exclusive) {
     UserSettingMan::SetUserInfo(userName_, api.customerID());
     if (!exclusive)
         return;
+    lock_ = lockAccount(RunLock::kRunFile);
+}
+
+std::unique_ptr<RunLock> HostSession::lockAccount(const char* file) {
+    constexpr int kBriefTries = 40; // 2 seconds in steps of 50 ms
+    bool brief = std::string(file) == RunLock::kRunFile;
     pid_t holder = 0;
-    lock_ = RunLock::acquire(accountFolder(), &holder);
-    if (!lock_) {
-        std::string who = holder > 0 ? text("CliLockPid", "process {}", holder)
-                                     : text("CliLockUnknown", "another process");
-        throw CliError(Exit::Busy,
-                       text("CliBusy",
-                            "another cirrovault ({}) is running the tasks of {} now. Wait for it to "
-                            "finish, or stop it (`systemctl --user stop cirrovault` for the daemon, "
-                            "else `kill {}`) and try again.",
-                            who, userName_, holder > 0 ? std::to_string(holder) : "<pid>"));
+    for (int attempt = 0;; ++attempt) {
+        if (auto lock = RunLock::acquire(accountFolder(), &holder, file))
+            return lock;
+        if (!brief || attempt + 1 >= kBriefTries || Signals::pending())
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    std::string who = holder > 0 ? text("CliLockPid", "process {}", holder)
+                                 : text("CliLockUnknown", "another process");
+    throw CliError(Exit::Busy,
+                   text("CliBusy",
+                        "another cirrovault ({}) is running the tasks of {} now. Wait for it to "
+                        "finish, or stop it (`systemctl --user stop cirrovault` for the daemon, "
+                        "else `kill {}`) and try again.",
+                        who, userName_, holder > 0 ? std::to_string(holder) : "<pid>"));
 }
 
 // SIGTERM and SIGINT during the logon press Cancel on its wait dialog, which the logon

@@ -71,6 +71,11 @@ public:
     // The account's data folder (event log, run lock).
     std::string accountFolder() const;
 
+    // Takes one of the account's locks (RunLock's files), or a CliError (busy) that says
+    // who holds it. The run lock is waited for a moment: the daemon takes it briefly
+    // between passes when the task list changed.
+    std::unique_ptr<RunLock> lockAccount(const char* file);
+
     // The task of that name, or a CliError that says there is none.
     TaskPtr task(const std::string& name);
     // Starts the manager's scheduler thread (the daemon).

@@ -27,16 +27,16 @@ std::optional<pid_t> readPid(int fd) {
 
 } // namespace
 
-std::string RunLock::lockFilePath(const std::string& folder) {
-    return folder + "/cirrovault.lock";
+std::string RunLock::lockFilePath(const std::string& folder, const char* file) {
+    return folder + "/" + file;
 }
 
-std::unique_ptr<RunLock> RunLock::acquire(const std::string& folder, pid_t* holder) {
+std::unique_ptr<RunLock> RunLock::acquire(const std::string& folder, pid_t* holder, const char* file) {
     if (holder)
         *holder = 0;
     FileSystem::createDirectories(folder);
     // A link planted under the lock's name must not lead the truncation to another file.
-    int fd = open(lockFilePath(folder).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    int fd = open(lockFilePath(folder, file).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
         return nullptr;
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
@@ -51,8 +51,8 @@ std::unique_ptr<RunLock> RunLock::acquire(const std::string& folder, pid_t* hold
     return std::unique_ptr<RunLock>(new RunLock(fd));
 }
 
-std::optional<pid_t> RunLock::holder(const std::string& folder) {
-    int fd = open(lockFilePath(folder).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+std::optional<pid_t> RunLock::holder(const std::string& folder, const char* file) {
+    int fd = open(lockFilePath(folder, file).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return std::nullopt;
     std::optional<pid_t> pid;

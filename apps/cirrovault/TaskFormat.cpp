@@ -148,6 +148,10 @@ std::string TaskFormat::weekdayName(int weekday) {
     return weekday >= 1 && weekday <= 7 ? kWeekdays[weekday - 1] : "?";
 }
 
+std::string TaskFormat::countText(size_t count, const std::string& one, const std::string& many) {
+    return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
 std::vector<std::string> TaskFormat::sources(const CBackupTask& task) {
     std::vector<std::string> paths;
     for (const auto& entry : task.localDirList)
@@ -159,7 +163,7 @@ std::string TaskFormat::scheduleText(const CBackupTask& task) {
     int32_t kind = task.taskType & CBackupTask::ScheduleKindMask;
     std::string at = Functions::stringTransFromedDate(task.mDating, "HH:mm");
     switch (kind) {
-    case CBackupTask::ScheduleNone: return "none (runs when you start it)";
+    case CBackupTask::ScheduleNone: return "no schedule, runs when you start it";
     case CBackupTask::ScheduleDaily: return "daily at " + at;
     case CBackupTask::ScheduleWeekly:
         return "weekly on " + weekdayName(Calendar::weekday(task.mDating)) + " at " + at;

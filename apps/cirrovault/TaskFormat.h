@@ -29,6 +29,8 @@ public:
     // "mon".."sun" (or full names, any case) → 1 = Sunday ... 7 = Saturday.
     static std::optional<int> parseWeekday(const std::string& text);
     static std::string weekdayName(int weekday);
+    // "1 file", "2 files": a count with its noun.
+    static std::string countText(size_t count, const std::string& one, const std::string& many);
 
     static std::vector<std::string> sources(const CBackupTask& task);
     // The schedule in words: "daily at 02:30", "weekly on Monday at 09:00", ...

@@ -1,5 +1,6 @@
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <set>
 #include <cstdio>
 #include <thread>
@@ -117,7 +118,7 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     EXPECT_FALSE(FileSystem::exists(home.file("restored/Documents/letters/b.txt")));
     auto refused = run({"restore", "Docs", "--to", home.file("restored")});
     EXPECT_EQ(refused.code, 0) << refused.err;
-    EXPECT_NE(refused.out.find("Restored 1 files (195 KB) into " + home.file("restored") + "; kept 1; failed 0."),
+    EXPECT_NE(refused.out.find("Restored 1 file (195 KB) into " + home.file("restored") + "; kept 1; failed 0."),
               std::string::npos) << refused.out;
     EXPECT_NE(refused.out.find("--overwrite"), std::string::npos) << refused.out;
     EXPECT_EQ(read("restored/Documents/a.txt"), "mine");
@@ -230,7 +231,15 @@ void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
     edit("second, longer", 2000);
     ASSERT_EQ(run({"backup", "Vault"}).code, 0);
     edit("third", 1000);
-    ASSERT_EQ(run({"backup", "Vault"}).code, 0);
+    auto third = run({"backup", "Vault"});
+    ASSERT_EQ(third.code, 0) << third.err;
+    // The end line says where the files are (a folder here, a URL on a server), and a
+    // server that tells no quota has no made-up free space.
+    std::string where = third.out.substr(third.out.rfind(" -> ") + 4);
+    EXPECT_TRUE(where.starts_with(service.empty() ? storeRoot + "/" : "http")) << third.out;
+    EXPECT_EQ(where.find('\\'), std::string::npos) << third.out;
+    auto status = run({"status"});
+    EXPECT_EQ(status.out.find("1073741824"), std::string::npos) << status.out;
 
     auto whole = run({"check", "Vault", "--read-data", "--compare"});
     ASSERT_EQ(whole.code, 0) << whole.out << whole.err;
@@ -606,30 +615,64 @@ TEST_F(CliEndToEnd, InterruptedRestoreLeavesNoPartialFile) {
               std::vector<std::string>{});
 }
 
-// One engine per account: a second one says who runs and what to do; SIGTERM stops the
-// daemon in order and frees the account.
-TEST_F(CliEndToEnd, DaemonHoldsTheAccountUntilSigterm) {
+// Waits (bounded) for a started process to print marker; false when it never did.
+bool waitForOutput(const CliRunner& cli, const std::string& marker, int seconds) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (cli.outputSoFar().find(marker) == std::string::npos && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return cli.outputSoFar().find(marker) != std::string::npos;
+}
+
+// The daemon holds the account only while it runs a task: beside an idle daemon a user
+// edits a task, sets an option and backs up, and the daemon takes the edited schedule up
+// and runs the task at its new time. A second daemon is refused; SIGTERM stops it in
+// order and frees the account.
+TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
     ASSERT_EQ(run({"logon"}).code, 0);
+    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents"), "--schedule", "daily", "--time",
+                   "03:15"}).code, 0);
     pid_t daemon = cli.start({"--user", "alice", "daemon", "--now"});
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (cli.outputSoFar().find("scheduler running") == std::string::npos &&
-           std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_NE(cli.outputSoFar().find("scheduler running"), std::string::npos);
+    ASSERT_TRUE(waitForOutput(cli, "scheduler running", 20)) << cli.outputSoFar();
 
     CliRunner other(home.file("scratch/other"));
     FileSystem::createDirectories(home.file("scratch/other"));
-    auto busy = other.run({"--user", "alice", "backup", home.file("Documents")});
-    EXPECT_EQ(busy.code, 4);
-    EXPECT_NE(busy.err.find(std::to_string(daemon)), std::string::npos) << busy.err;
+    other.setEnv("CIRROVAULT_PASSWORD=correct horse");
+    auto second = other.run({"--user", "alice", "daemon", "--now"});
+    EXPECT_EQ(second.code, 4);
+    EXPECT_NE(second.err.find(std::to_string(daemon)), std::string::npos) << second.err;
     auto status = other.run({"--user", "alice", "--json", "status"});
-    EXPECT_NE(status.out.find("\"enginePid\":" + std::to_string(daemon)), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find("\"daemonPid\":" + std::to_string(daemon)), std::string::npos) << status.out;
+
+    auto options = other.run({"--user", "alice", "options", "ReportWhenError=no"});
+    EXPECT_EQ(options.code, 0) << options.err;
+    auto backup = other.run({"--user", "alice", "backup", "Docs"});
+    EXPECT_EQ(backup.code, 0) << backup.err;
+
+    // The next whole minute, with time left to make the change before it comes; the
+    // daemon finds the slot due within that minute.
+    time_t now = time(nullptr);
+    if (now % 60 > 45) {
+        std::this_thread::sleep_for(std::chrono::seconds(61 - now % 60));
+        now = time(nullptr);
+    }
+    time_t next = now + 60;
+    struct tm at{};
+    localtime_r(&next, &at);
+    char hhmm[8];
+    std::snprintf(hhmm, sizeof hhmm, "%02d:%02d", at.tm_hour, at.tm_min);
+    auto edited = other.run({"--user", "alice", "task", "edit", "Docs", "--time", hhmm});
+    ASSERT_EQ(edited.code, 0) << edited.err;
+
+    EXPECT_TRUE(waitForOutput(cli, "options changed", 20)) << cli.outputSoFar();
+    EXPECT_TRUE(waitForOutput(cli, "task list changed", 20)) << cli.outputSoFar();
+    EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 100)) << cli.outputSoFar();
 
     kill(daemon, SIGTERM);
     auto stopped = cli.finish(daemon);
     EXPECT_EQ(stopped.code, 0) << stopped.err;
+    EXPECT_NE(stopped.out.find("started \"Docs\""), std::string::npos) << stopped.out;
     EXPECT_NE(stopped.out.find("stopped"), std::string::npos) << stopped.out;
-    EXPECT_EQ(other.run({"--user", "alice", "backup", home.file("Documents")}).code, 0);
+    EXPECT_EQ(other.run({"--user", "alice", "backup", "Docs"}).code, 0);
 }
 
 // What a shell command printed (stdout and stderr), and whether it succeeded.

@@ -81,7 +81,10 @@ bool CBackupManage::isWorkingTask(const TaskPtr& task) {
 
 bool CBackupManage::SetWorkingTask(const TaskPtr& task) {
     std::lock_guard lock(managerLock);
+    bool ended = pWorkingTask && !task;
     pWorkingTask = task;
+    if (ended && schedulerHooks)
+        schedulerHooks->runEnded();
     return true;
 }
 

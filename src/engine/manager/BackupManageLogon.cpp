@@ -521,6 +521,53 @@ bool CBackupManage::refreshTaskList() {
     }
 }
 
+bool CBackupManage::reloadTaskList() {
+    return guarded("Error:reloadTaskList()", false, [&] {
+        {
+            std::lock_guard lock(managerLock);
+            if (pWorkingTask)
+                return false;
+        }
+        // Read without the lock: the reply may take a while, and nothing runs meanwhile.
+        CManageTaskList client;
+        std::string response = client.getBackupTasks("", "false");
+        if (client.iResult != ResultCode::Success)
+            return false;
+        TaskListReply reply(response);
+        std::vector<TaskPtr> fresh;
+        for (size_t i = 0; i < reply.count(); ++i)
+            fresh.push_back(taskFromReply(reply, i, pcID));
+        auto byName = [](const std::vector<TaskPtr>& list, const std::string& name) -> TaskPtr {
+            for (const TaskPtr& task : list)
+                if (task && task->name == name)
+                    return task;
+            return nullptr;
+        };
+        std::lock_guard lock(managerLock);
+        if (pWorkingTask)
+            return false; // a user's start came first; the next pass tries again
+        // What the document does not keep: whether a task waits, failed or ran this slot.
+        for (const TaskPtr& task : fresh) {
+            if (TaskPtr old = byName(taskList, task->name)) {
+                task->setTaskState(old->mTaskState);
+                task->mLastRunDate = old->mLastRunDate;
+                task->bHaveErr = old->bHaveErr.load();
+            }
+        }
+        auto carry = [&](std::vector<TaskPtr>& list) {
+            std::vector<TaskPtr> kept;
+            for (const TaskPtr& task : list)
+                if (TaskPtr now = task ? byName(fresh, task->name) : nullptr)
+                    kept.push_back(now);
+            list.swap(kept);
+        };
+        carry(waitingList);
+        carry(errTaskList);
+        taskList.swap(fresh);
+        return true;
+    });
+}
+
 bool CBackupManage::refreshTaskListForRemoteDeleteTask() {
     return guarded("Error:refreshTaskListForRemoteDeleteTask()", false, [&] {
         std::string names;

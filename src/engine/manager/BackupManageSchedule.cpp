@@ -84,6 +84,8 @@ void CBackupManage::doScheduleTaskProc() {
                 break;
 
             Clock::shared().sleepFor(kPassPause);
+            if (schedulerHooks && !bExit && !bLogOff)
+                schedulerHooks->betweenPasses();
             {
                 std::lock_guard lock(managerLock);
                 if (bExit || bLogOff)
@@ -156,6 +158,8 @@ void CBackupManage::startWaitingTask() {
         RemoveTaskFromWaitlist(top);
         return;
     }
+    if (schedulerHooks && !schedulerHooks->mayStartRun(top->name))
+        return; // another process runs the account's tasks; the head waits for it
     SetWorkingTask(top);
     top->SetDelegate(this);
     RemoveTaskFromWaitlist(top);
@@ -289,6 +293,8 @@ bool CBackupManage::StartBackupByUser(const std::string& taskName, bool bByChang
             SystemLog::write("Cannot start the task as there are other task running");
             return false;
         }
+        if (schedulerHooks && !schedulerHooks->mayStartRun(task->name))
+            return bByChangeEvent ? false : AddTaskToWaitList(task, false);
         SetWorkingTask(task);
         RemoveTaskFromWaitlist(task);
         task->SetDelegate(this);

@@ -19,6 +19,20 @@ namespace cirrovault {
 
 class PasswordMan;
 
+// What a host that shares the account with other processes (the daemon) is asked by the
+// scheduler, so that it holds the account only while a task runs and sees what others
+// changed in between.
+class SchedulerHooks {
+public:
+    virtual ~SchedulerHooks() = default;
+    // Before a task starts, under managerLock; false leaves it waiting for a later pass.
+    virtual bool mayStartRun(const std::string& taskName) = 0;
+    // The running task is gone (ended, stopped or dropped); under managerLock.
+    virtual void runEnded() = 0;
+    // Between passes on the scheduler thread, no lock held.
+    virtual void betweenPasses() = 0;
+};
+
 // The one object through which the host drives the backup engine: the user's tasks, the
 // waiting list, the tasks that ended in error, the task being created and the task now
 // running; this computer's identity; and the delegate of every task, which keeps its
@@ -65,6 +79,7 @@ public:
     std::atomic<int64_t> iRet{0}; // result of the last logon attempt
     std::shared_ptr<Thread> pLogonThread;
     StowlineBackupManageDelegate* delegate = nullptr; // the host's; not owned
+    SchedulerHooks* schedulerHooks = nullptr;         // the host's; not owned; set before the scheduler
     CLoopItem* loopItem = nullptr; // the logon/log-off dialog as its worker sees it; not owned
     std::shared_ptr<CLoopItem> pLoopDlg;       // that dialog, held by the operation showing it
     std::unique_ptr<PasswordMan> pPasswordMan; // keeps task encryption pass phrases
@@ -145,6 +160,10 @@ public:
     bool LoadTaskList(const std::string& response);
     bool refreshTaskList(); // true when the list changed; leaves bRefreshTaskListFlag set
     bool refreshTaskListForRemoteDeleteTask();
+    // Reads the whole task list again while no task runs (the scheduler's own thread may
+    // call it). A task keeps its place in the waiting list and its run state. False when
+    // the list could not be read or a task runs; the old list then stays.
+    bool reloadTaskList();
     void setBRefreshTaskListFlag(bool flag) { bRefreshTaskListFlag = flag; }
 
     // ---- New task (BackupManageNewTask.cpp) ----

@@ -180,6 +180,10 @@ StoreCapabilities FaultInjectingStore::capabilities() const {
     return inner_->capabilities();
 }
 
+std::string FaultInjectingStore::locationOf(const std::string& path) const {
+    return inner_->locationOf(path);
+}
+
 std::string FaultInjectingStore::describe() const {
     return "faulty " + inner_->describe();
 }

@@ -33,6 +33,9 @@ struct StoreCapabilities {
 };
 
 struct StoreQuota {
+    // maxSpace of a store that tells no limit: large enough that no check ever stops
+    // at it, and shown as unknown.
+    static constexpr int64_t Unknown = int64_t(1) << 60;
     int64_t maxSpace = 0;  // bytes the account may hold
     int64_t usedSpace = 0; // bytes its files hold now
 };
@@ -88,6 +91,9 @@ public:
     virtual StoreCapabilities capabilities() const = 0;
     // A short text naming the store for logs and status ("local /path", "webdav://...").
     virtual std::string describe() const = 0;
+    // Where a user finds the item at a server path outside this program (a local path or
+    // a URL); the server path itself when the store cannot tell.
+    virtual std::string locationOf(const std::string& path) const { return path; }
 
     // Checks the password; a store with no account of that name creates it (first
     // logon of a new user). Later operations act on that account.

@@ -3,6 +3,7 @@
 // Passes are driven one by one through a clock whose scheduler sleeps wait for the test.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -402,6 +403,41 @@ TEST_F(BackupManageSchedulerThread, ReloadFlagKeepsPassesGoingButQueuesAndStarts
     host_.waitFor("A:2");
     EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:1", "B:5", "B:2", "A:1", "A:5",
                                                         "A:2"}));
+}
+
+// A host that shares the account (the daemon): while it may not run, due and user-started
+// tasks wait in order; once it may, they run, and it hears of each run's end.
+TEST_F(BackupManageSchedulerThread, HooksHoldRunsBackUntilTheHostMayRun) {
+    struct Hooks : SchedulerHooks {
+        std::atomic<bool> open{false};
+        std::atomic<int> asked{0}, ended{0}, passes{0};
+        bool mayStartRun(const std::string&) override { return ++asked, open.load(); }
+        void runEnded() override { ++ended; }
+        void betweenPasses() override { ++passes; }
+    } hooks;
+    manager_.schedulerHooks = &hooks;
+    TaskPtr a = addTask("A"), b = addTask("B");
+    b->taskType = CBackupTask::ScheduleNone;
+    startScheduler();
+    pass();
+    pass();
+    EXPECT_TRUE(manager_.StartBackupByUser("B", false)); // queued behind A, not refused
+    EXPECT_EQ(queuedNames(), (std::vector<std::string>{"A", "B"}));
+    EXPECT_EQ(workingName(), "");
+    EXPECT_GE(hooks.asked.load(), 3);
+    EXPECT_GE(hooks.passes.load(), 2);
+
+    hooks.open = true;
+    pass();
+    host_.waitFor("A:2");
+    pass();
+    host_.waitFor("B:2");
+    pass();
+    EXPECT_EQ(hooks.ended.load(), 2);
+    EXPECT_EQ(a->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(b->mTaskState, CBackupTask::StateSucceeded);
+    stopScheduler();
+    manager_.schedulerHooks = nullptr;
 }
 
 // ---- The due test and the waiting list, without the thread ----

@@ -8,6 +8,7 @@
 
 #include "platform/framework/ResultCodes.h"
 #include "platform/os/SystemLog.h"
+#include "platform/store/StorePath.h"
 
 namespace cirrovault {
 
@@ -100,6 +101,17 @@ std::string LocalStore::describe() const {
 std::optional<LocalStore::Account> LocalStore::currentAccount() const {
     std::lock_guard lock(mutex_);
     return account_;
+}
+
+std::string LocalStore::locationOf(const std::string& path) const {
+    auto account = currentAccount();
+    auto names = StorePath::split(path);
+    if (!account || !names)
+        return path;
+    std::string local = account->filesRoot;
+    for (const auto& name : *names)
+        local += "/" + name;
+    return local;
 }
 
 std::string LocalStore::accountFilesFolder() const {

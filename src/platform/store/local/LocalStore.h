@@ -37,6 +37,7 @@ public:
 
     StoreCapabilities capabilities() const override;
     std::string describe() const override;
+    std::string locationOf(const std::string& path) const override;
 
     int64_t logon(const std::string& userName, const std::string& password,
                   StoreSession& session) override;

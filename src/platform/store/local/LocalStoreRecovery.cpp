@@ -124,6 +124,7 @@ void LocalStore::keepAccountCopy(const std::string& customerID, const std::strin
 
 void LocalStore::keepTaskListCopy(const std::string& customerID, const std::string& document) {
     const std::string file = accountFolder(folder_, customerID) + "/" + TaskListCopy;
+    // It names the user's folders: the owner's only, like the account's copy.
     if (!FileSystem::writePrivateFileAtomically(file, document))
         SystemLog::write("Error: LocalStore: the task list's copy cannot be written: " + file);
 }

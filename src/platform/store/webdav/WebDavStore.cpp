@@ -12,6 +12,7 @@
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/UrlCoding.h"
 #include "platform/os/SystemLog.h"
+#include "platform/store/StorePath.h"
 #include "platform/store/webdav/WebDavTextSource.h"
 
 namespace cirrovault {
@@ -109,6 +110,14 @@ int64_t WebDavStore::send(const Account& account, HttpRequest& request, HttpResp
     if (generation == generation_ && idle_.size() < 16)
         idle_.push_back(std::move(session));
     return rc;
+}
+
+std::string WebDavStore::locationOf(const std::string& path) const {
+    auto account = currentAccount();
+    auto names = StorePath::split(path);
+    if (!account || !names)
+        return path;
+    return urlOf(*account, *names, false);
 }
 
 std::string WebDavStore::urlOf(const Account& account, const std::vector<std::string>& names,

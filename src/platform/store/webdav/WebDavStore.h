@@ -37,6 +37,7 @@ public:
 
     StoreCapabilities capabilities() const override;
     std::string describe() const override;
+    std::string locationOf(const std::string& path) const override;
 
     int64_t logon(const std::string& userName, const std::string& password,
                   StoreSession& session) override;
@@ -69,7 +70,7 @@ public:
     static constexpr const char* MetaFolder = ".cirrovault";
     static constexpr const char* Namespace = "urn:x-cirrovault:";
     // Account size when neither the server nor the "Quota" setting gives one.
-    static constexpr int64_t UnlimitedQuota = int64_t(1) << 60;
+    static constexpr int64_t UnlimitedQuota = StoreQuota::Unknown;
     static constexpr double StaleLockSeconds = 60;
 
 private:
