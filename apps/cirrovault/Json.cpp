@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "platform/os/Calendar.h"
+
 namespace cirrovault::cli {
 
 Json::Json(bool value) : kind_(Kind::Bool), bool_(value) {}
@@ -17,6 +19,8 @@ Json Json::object() {
     j.kind_ = Kind::Object;
     return j;
 }
+
+Json Json::date(Date when) { return Json(Calendar::rfc3339(when)); }
 
 Json Json::array() {
     Json j;

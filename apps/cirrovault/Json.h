@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/os/Date.h"
+
 namespace cirrovault::cli {
 
 // A JSON value built by the commands for --json output: objects keep their keys in the
@@ -21,6 +23,8 @@ public:
 
     static Json object();
     static Json array();
+    // A point in time as scripts expect it: RFC 3339 with the local offset.
+    static Json date(Date when);
 
     // On an object: sets (or replaces) the key. On an array: appends.
     Json& set(const std::string& key, Json value);

@@ -1,11 +1,13 @@
 #include <chrono>
 #include <csignal>
+#include <regex>
 #include <set>
 #include <cstdio>
 #include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "CliRunner.h"
 #include "common/FileModes.h"
@@ -136,6 +138,48 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     EXPECT_NE(list.out.find("\"tasks\":[]"), std::string::npos) << list.out;
     EXPECT_TRUE(storeFiles().empty());
 }
+
+// Scripts and plain terminals: with NO_COLOR and TERM=dumb no command writes an escape
+// byte, and under --json each one prints exactly one JSON document, failures included,
+// with dates that carry their offset.
+TEST_F(CliEndToEnd, EveryCommandGivesPlainTextAndValidJson) {
+    cli.setEnv("NO_COLOR=1");
+    cli.setEnv("TERM=dumb");
+    ASSERT_EQ(run({"logon"}).code, 0);
+    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
+    const std::vector<std::vector<std::string>> commands = {
+        {"status"}, {"task", "list"}, {"task", "show", "Docs"}, {"backup", "Docs"},
+        {"versions", "Docs", home.file("Documents/a.txt")}, {"restore", "Docs", "--to", home.file("out")},
+        {"log"}, {"options"}, {"check", "Docs"}, {"task", "show", "Nope"}, {"task", "list", "--bogus"},
+        {"backup", "Docs", "--dry-run"}, {"logoff"}};
+    for (const auto& command : commands) {
+        std::string shown;
+        for (const auto& word : command)
+            shown += word + " ";
+        auto human = run(command);
+        EXPECT_EQ((human.out + human.err).find('\033'), std::string::npos) << shown << human.out << human.err;
+        std::vector<std::string> args = command;
+        args.insert(args.begin(), "--json");
+        auto scripted = run(args);
+        EXPECT_EQ((scripted.out + scripted.err).find('\033'), std::string::npos) << shown;
+        nlohmann::json doc = nlohmann::json::parse(scripted.out, nullptr, false);
+        ASSERT_FALSE(doc.is_discarded()) << shown << "printed: " << scripted.out;
+        if (scripted.code != 0)
+            EXPECT_EQ(doc.value("exitCode", -1), scripted.code) << shown << scripted.out;
+        if (command[0] == "versions") {
+            std::string modified = doc.value("current", "");
+            EXPECT_TRUE(std::regex_match(modified, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d)")))
+                << modified;
+        }
+    }
+    auto version = run({"--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.out.rfind("cirrovault ", 0), 0u) << version.out;
+    auto quiet = run({"--quiet", "task", "list"});
+    EXPECT_EQ(quiet.code, 0);
+    EXPECT_EQ(quiet.out, "");
+}
+
 
 // The day the computer is gone: an encrypted task comes back on a fresh one with its
 // pass phrase, given by file, environment or at the terminal, and kept only when asked.
