@@ -4,6 +4,9 @@
 #include <set>
 #include <cstdio>
 #include <thread>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -164,8 +167,9 @@ TEST_F(CliEndToEnd, EveryCommandGivesPlainTextAndValidJson) {
         EXPECT_EQ((scripted.out + scripted.err).find('\033'), std::string::npos) << shown;
         nlohmann::json doc = nlohmann::json::parse(scripted.out, nullptr, false);
         ASSERT_FALSE(doc.is_discarded()) << shown << "printed: " << scripted.out;
-        if (scripted.code != 0)
+        if (scripted.code != 0) {
             EXPECT_EQ(doc.value("exitCode", -1), scripted.code) << shown << scripted.out;
+        }
         if (command[0] == "versions") {
             std::string modified = doc.value("current", "");
             EXPECT_TRUE(std::regex_match(modified, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d)")))
@@ -641,6 +645,46 @@ TEST_F(CliEndToEnd, InterruptedRestoreLeavesNoPartialFile) {
     EXPECT_NE(stopped.err.find("the restore was cancelled; 0 of 2 files restored"), std::string::npos) << stopped.err;
     EXPECT_EQ(FileSystem::listDirectory(home.file("back/Big")).value_or(std::vector<std::string>{}),
               std::vector<std::string>{});
+}
+
+// Under a Type=notify unit the service manager learns when the daemon is ready and when
+// it stops, and its watchdog is fed while the daemon waits.
+TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerReadyAliveAndStopping) {
+    ASSERT_EQ(run({"logon"}).code, 0);
+    std::string path = home.file("notify");
+    int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    cli.setEnv("NOTIFY_SOCKET=" + path);
+    cli.setEnv("WATCHDOG_USEC=400000");
+    pid_t daemon = cli.start({"--user", "alice", "daemon", "--now"});
+    std::string heard;
+    auto hear = [&](const std::string& what, int times) {
+        auto count = [&] {
+            int n = 0;
+            for (size_t at = heard.find(what); at != std::string::npos; at = heard.find(what, at + 1))
+                ++n;
+            return n;
+        };
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (count() < times && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{sock, POLLIN, 0};
+            char buffer[256];
+            if (poll(&p, 1, 200) == 1)
+                if (ssize_t n = recv(sock, buffer, sizeof buffer, 0); n > 0)
+                    heard.append(buffer, static_cast<size_t>(n)).push_back('\n');
+        }
+        return count() >= times;
+    };
+    EXPECT_TRUE(hear("READY=1", 1)) << heard;
+    EXPECT_TRUE(hear("WATCHDOG=1", 3)) << heard;
+    EXPECT_EQ(heard.find("STOPPING=1"), std::string::npos);
+    kill(daemon, SIGTERM);
+    EXPECT_TRUE(hear("STOPPING=1", 1)) << heard;
+    EXPECT_EQ(cli.finish(daemon).code, 0);
+    close(sock);
 }
 
 // One engine per account: a second one says who runs and what to do; SIGTERM stops the
