@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
     addLogCommands(app, run);
     addCheckCommands(app, run);
     addRepairCommands(app, run);
+    addServiceCommands(app, run);
 
     try {
         app.parse(argc, argv);

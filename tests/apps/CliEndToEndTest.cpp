@@ -6,6 +6,7 @@
 #include <thread>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -154,7 +155,7 @@ TEST_F(CliEndToEnd, EveryCommandGivesPlainTextAndValidJson) {
         {"status"}, {"task", "list"}, {"task", "show", "Docs"}, {"backup", "Docs"},
         {"versions", "Docs", home.file("Documents/a.txt")}, {"restore", "Docs", "--to", home.file("out")},
         {"log"}, {"options"}, {"check", "Docs"}, {"task", "show", "Nope"}, {"task", "list", "--bogus"},
-        {"backup", "Docs", "--dry-run"}, {"logoff"}};
+        {"backup", "Docs", "--dry-run"}, {"service", "enable", "--write-only"}, {"logoff"}};
     for (const auto& command : commands) {
         std::string shown;
         for (const auto& word : command)
@@ -645,6 +646,41 @@ TEST_F(CliEndToEnd, InterruptedRestoreLeavesNoPartialFile) {
     EXPECT_NE(stopped.err.find("the restore was cancelled; 0 of 2 files restored"), std::string::npos) << stopped.err;
     EXPECT_EQ(FileSystem::listDirectory(home.file("back/Big")).value_or(std::vector<std::string>{}),
               std::vector<std::string>{});
+}
+
+// `service enable` writes a unit that runs this very program and asks the user manager
+// to enable it; a manager that refuses leaves the unit written and says what to type.
+// A stand-in systemctl records what it was asked.
+TEST_F(CliEndToEnd, ServiceEnableWritesTheUnitAndAsksTheUserManager) {
+    std::string calls = home.file("systemctl-calls");
+    FileSystem::createDirectories(home.file("bin"));
+    write("bin/systemctl", "#!/bin/sh\necho \"$*\" >> " + calls + "\nexit ${FAKE_SYSTEMCTL_EXIT:-0}\n");
+    chmod(home.file("bin/systemctl").c_str(), 0755);
+    cli.setEnv("PATH=" + home.file("bin") + ":/usr/bin:/bin");
+    std::string unit = home.configHome() + "/systemd/user/cirrovault.service";
+
+    auto enabled = cli.run({"service", "enable"});
+    ASSERT_EQ(enabled.code, 0) << enabled.err;
+    std::string text = read(unit.substr(home.path().size() + 1));
+    char program[4096];
+    ASSERT_NE(realpath(CIRROVAULT_BINARY, program), nullptr);
+    EXPECT_NE(text.find("\nExecStart=" + std::string(program) + " daemon\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("@BINDIR@"), std::string::npos);
+    EXPECT_EQ(FileSystem::readFile(calls).value_or(""), "--user daemon-reload\n--user enable --now cirrovault.service\n");
+
+    auto disabled = cli.run({"--json", "service", "disable"});
+    ASSERT_EQ(disabled.code, 0) << disabled.err;
+    EXPECT_FALSE(FileSystem::exists(unit));
+
+    FileSystem::removeItem(calls);
+    cli.setEnv("FAKE_SYSTEMCTL_EXIT=1");
+    auto refused = cli.run({"service", "enable"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_NE(refused.err.find("systemctl --user enable --now cirrovault.service"), std::string::npos) << refused.err;
+    EXPECT_TRUE(FileSystem::exists(unit));
+    FileSystem::removeItem(calls);
+    EXPECT_EQ(cli.run({"service", "enable", "--write-only"}).code, 0);
+    EXPECT_FALSE(FileSystem::exists(calls));
 }
 
 // Under a Type=notify unit the service manager learns when the daemon is ready and when
