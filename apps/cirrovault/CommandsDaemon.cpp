@@ -1,6 +1,5 @@
 // daemon: the scheduler in the foreground until SIGTERM or SIGINT.
 #include <algorithm>
-#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <memory>
