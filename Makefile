@@ -3,7 +3,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= 2
 CMAKE = cmake -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 
-.PHONY: deps build run test test-asan test-tsan fuzz kill-campaign ci clean
+.PHONY: deps build run test test-asan test-tsan fuzz kill-campaign ci clean man install
 
 deps:
 	bash scripts/install-deps.sh
@@ -11,6 +11,31 @@ deps:
 build: deps
 	$(CMAKE) -S . -B build
 	cmake --build build -j $(JOBS)
+
+# Installs for the user who runs it (~/.local), or for everyone when run as root
+# (/usr/local); DESTDIR stages the tree for a package. BIN is the program to install.
+PREFIX ?= $(if $(filter 0,$(shell id -u)),/usr/local,$(HOME)/.local)
+BIN ?= build/cirrovault
+MAN = $(BIN).1
+
+# The man page is made from --help and --version, so it never says other than the program.
+man:
+	test -x $(BIN) || $(MAKE) build
+	help2man --no-info --no-discard-stderr --section 1 \
+	  --name "back up folders to your online storage and restore them" --output $(MAN) $(BIN)
+
+install: man
+	install -Dm755 $(BIN) $(DESTDIR)$(PREFIX)/bin/cirrovault
+	install -Dm644 $(MAN) $(DESTDIR)$(PREFIX)/share/man/man1/cirrovault.1
+	install -Dm644 resources/completions/cirrovault.bash \
+	  $(DESTDIR)$(PREFIX)/share/bash-completion/completions/cirrovault
+	install -Dm644 resources/completions/_cirrovault $(DESTDIR)$(PREFIX)/share/zsh/site-functions/_cirrovault
+	install -Dm644 resources/completions/cirrovault.fish \
+	  $(DESTDIR)$(PREFIX)/share/fish/vendor_completions.d/cirrovault.fish
+	install -d $(DESTDIR)$(PREFIX)/share/systemd/user
+	sed 's|@BINDIR@|$(PREFIX)/bin|' resources/cirrovault.service \
+	  > $(DESTDIR)$(PREFIX)/share/systemd/user/cirrovault.service
+	chmod 644 $(DESTDIR)$(PREFIX)/share/systemd/user/cirrovault.service
 
 # A real backup of a folder into the embedded local store.
 run: build

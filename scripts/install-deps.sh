@@ -7,8 +7,8 @@ packages=(
   cmake ninja-build g++ pkg-config make
   libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libplist-dev libplist-utils libsqlite3-dev libsodium-dev
-  libfmt-dev libcli11-dev libxml2-dev libutf8proc-dev python3-aiosmtpd
-  libsecret-1-dev gnome-keyring dbus
+  libfmt-dev libcli11-dev nlohmann-json3-dev libxml2-dev libutf8proc-dev python3-aiosmtpd
+  libsecret-1-dev gnome-keyring dbus libsystemd-dev help2man man-db
   apache2 lighttpd lighttpd-mod-webdav rclone php-cli php-sabre-dav openssl
   clang libclang-rt-14-dev llvm-14
 )

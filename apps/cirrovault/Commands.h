@@ -27,5 +27,6 @@ void addCheckCommands(CLI::App& app, Runner& run);   // check
 // encrypted task's files.
 void addPassPhraseOptions(CLI::App* command, PassPhraseOptions& options, bool offerKeep);
 void addRepairCommands(CLI::App& app, Runner& run);  // repair
+void addServiceCommands(CLI::App& app, Runner& run); // service enable/disable
 
 } // namespace cirrovault::cli

@@ -10,6 +10,7 @@
 #include "Signals.h"
 #include "TaskFormat.h"
 #include "platform/framework/ResultCodes.h"
+#include "platform/os/ServiceNotify.h"
 #include "platform/os/SystemLog.h"
 #include "support/OptionsMan.h"
 
@@ -20,6 +21,17 @@ namespace {
 struct DaemonArgs {
     bool now = false;
 };
+
+// Waits like Signals::wait, feeding the service manager's watchdog meanwhile.
+void idle(double seconds) {
+    double step = ServiceNotify::aliveIntervalSeconds();
+    for (double left = seconds; left > 0 && !Signals::pending(); left -= step) {
+        ServiceNotify::alive();
+        Signals::wait(step > 0 ? std::min(step, left) : left);
+        if (step <= 0)
+            break;
+    }
+}
 
 void say(const std::string& line) {
     // One line per event on stdout: the journal (or a terminal) shows them as they come.
@@ -80,18 +92,20 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
     OptionsMan::LoadOptions();
     say(text("CliDaemonUp", "cirrovault daemon {} logged on as {} with {} tasks", getpid(), session.userName(),
              session.manager().getTasksList().size()));
+    ServiceNotify::ready();
     // The options may ask for the scheduled backups to wait a few minutes after logon.
     if (!args.now && OptionsMan::IsAutoStartScheduleAfterMinutes() && OptionsMan::intervalMinutes() > 0) {
         uint32_t minutes = OptionsMan::intervalMinutes();
         say(text("CliDaemonDelay", "scheduled backups start in {} minute(s)", minutes));
-        Signals::wait(minutes * 60.0);
+        idle(minutes * 60.0);
     }
     if (!Signals::pending()) {
         session.startScheduler();
         say(text("CliDaemonScheduling", "scheduler running; stop with SIGTERM or Ctrl-C"));
         while (!Signals::pending())
-            Signals::wait(3600);
+            idle(3600);
     }
+    ServiceNotify::stopping();
     say(text("CliDaemonStopping", "stopping: the scheduler first, then the running task, then the session"));
     session.logoff();
     say(text("CliDaemonStopped", "stopped"));

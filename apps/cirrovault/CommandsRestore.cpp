@@ -258,7 +258,7 @@ int versionsCommand(const VersionArgs& args, const GlobalOptions& global, const 
         out.line(text("CliVersionLine", "  version {}  {}  {}", v.number, TaskFormat::dateText(v.info.modifyTime),
                       GlobalFunction::stringFromFileSize(v.info.iSize)));
         Json j = Json::object();
-        j.set("version", v.number).set("modified", TaskFormat::dateText(v.info.modifyTime)).set("size", v.info.iSize)
+        j.set("version", v.number).set("modified", Json::date(v.info.modifyTime)).set("size", v.info.iSize)
             .set("serverPath", v.info.path);
         list.push(j);
     }
@@ -267,7 +267,7 @@ int versionsCommand(const VersionArgs& args, const GlobalOptions& global, const 
     else
         out.line(text("CliVersionHint", "Restore one with `cirrovault restore {} {} --version K --to DIR`.", task->name, rel));
     Json doc = Json::object();
-    doc.set("ok", true).set("path", rel).set("current", hasCurrent ? Json(TaskFormat::dateText(current.modifyTime)) : Json())
+    doc.set("ok", true).set("path", rel).set("current", hasCurrent ? Json::date(current.modifyTime) : Json())
         .set("currentSize", hasCurrent ? Json(current.iSize) : Json()).set("versions", list);
     out.result(doc);
     return Exit::Ok;

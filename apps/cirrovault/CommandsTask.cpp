@@ -92,7 +92,7 @@ int newCommand(TaskArgs& args, const GlobalOptions& global, const Output& out) {
         out.line(text("CliNextRun", "Next run: {} (the daemon runs it; `cirrovault backup {}` runs it now).",
                       TaskFormat::dateText(task->mDating), task->name));
     }
-    doc.set("nextRun", TaskFormat::dateText(task->mDating));
+    doc.set("nextRun", Json::date(task->mDating));
     if (rc == Exit::Ok)
         out.result(doc);
     return rc;

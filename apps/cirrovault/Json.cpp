@@ -1,125 +1,40 @@
 #include "Json.h"
 
 #include <cmath>
-#include <cstdio>
+
+#include "platform/os/Calendar.h"
 
 namespace cirrovault::cli {
 
-Json::Json(bool value) : kind_(Kind::Bool), bool_(value) {}
-Json::Json(int64_t value) : kind_(Kind::Int), int_(value) {}
-Json::Json(uint64_t value) : kind_(Kind::UInt), uint_(value) {}
-Json::Json(double value) : kind_(Kind::Double), double_(value) {}
-Json::Json(const char* value) : kind_(Kind::String), string_(value ? value : "") {}
-Json::Json(std::string value) : kind_(Kind::String), string_(std::move(value)) {}
+// Figures are shown to the thousandth, like the human form; what is not a number is null.
+Json::Json(double value)
+    : value_(std::isfinite(value) ? nlohmann::ordered_json(std::round(value * 1000) / 1000)
+                                  : nlohmann::ordered_json()) {}
 
-Json Json::object() {
-    Json j;
-    j.kind_ = Kind::Object;
-    return j;
-}
+Json Json::object() { return Json(nlohmann::ordered_json::object()); }
 
-Json Json::array() {
-    Json j;
-    j.kind_ = Kind::Array;
-    return j;
-}
+Json Json::array() { return Json(nlohmann::ordered_json::array()); }
+
+Json Json::date(Date when) { return Json(Calendar::rfc3339(when)); }
 
 Json& Json::set(const std::string& key, Json value) {
-    if (kind_ != Kind::Object)
+    if (!value_.is_object())
         return push(std::move(value));
-    for (size_t i = 0; i < keys_.size(); ++i) {
-        if (keys_[i] == key) {
-            items_[i] = std::move(value);
-            return *this;
-        }
-    }
-    keys_.push_back(key);
-    items_.push_back(std::move(value));
+    value_[key] = std::move(value.value_);
     return *this;
 }
 
 Json& Json::push(Json value) {
-    if (kind_ == Kind::Null)
-        kind_ = Kind::Array;
-    items_.push_back(std::move(value));
-    if (kind_ == Kind::Object)
-        keys_.push_back(std::to_string(items_.size() - 1));
+    if (value_.is_object())
+        value_[std::to_string(value_.size())] = std::move(value.value_);
+    else
+        value_.push_back(std::move(value.value_));
     return *this;
 }
 
-const Json* Json::find(const std::string& key) const {
-    for (size_t i = 0; i < keys_.size(); ++i)
-        if (keys_[i] == key)
-            return &items_[i];
-    return nullptr;
-}
-
 std::string Json::dump() const {
-    std::string out;
-    dumpTo(out);
-    return out;
-}
-
-void Json::quote(std::string& out, const std::string& text) {
-    out += '"';
-    for (unsigned char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20) {
-                char buf[8];
-                std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                out += buf;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    out += '"';
-}
-
-void Json::dumpTo(std::string& out) const {
-    switch (kind_) {
-    case Kind::Null: out += "null"; break;
-    case Kind::Bool: out += bool_ ? "true" : "false"; break;
-    case Kind::Int: out += std::to_string(int_); break;
-    case Kind::UInt: out += std::to_string(uint_); break;
-    case Kind::Double: {
-        if (!std::isfinite(double_)) {
-            out += "null";
-            break;
-        }
-        char buf[32];
-        std::snprintf(buf, sizeof buf, "%.3f", double_);
-        out += buf;
-        break;
-    }
-    case Kind::String: quote(out, string_); break;
-    case Kind::Array:
-        out += '[';
-        for (size_t i = 0; i < items_.size(); ++i) {
-            if (i)
-                out += ',';
-            items_[i].dumpTo(out);
-        }
-        out += ']';
-        break;
-    case Kind::Object:
-        out += '{';
-        for (size_t i = 0; i < items_.size(); ++i) {
-            if (i)
-                out += ',';
-            quote(out, keys_[i]);
-            out += ':';
-            items_[i].dumpTo(out);
-        }
-        out += '}';
-        break;
-    }
+    // File names need not be UTF-8: a stray byte becomes U+FFFD rather than an exception.
+    return value_.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 } // namespace cirrovault::cli

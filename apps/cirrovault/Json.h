@@ -2,7 +2,10 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/os/Date.h"
 
 namespace cirrovault::cli {
 
@@ -11,39 +14,30 @@ namespace cirrovault::cli {
 class Json {
 public:
     Json() = default; // null
-    Json(bool value);
-    Json(int value) : Json(static_cast<int64_t>(value)) {}
-    Json(int64_t value);
-    Json(uint64_t value);
+    Json(bool value) : value_(value) {}
+    Json(int value) : value_(value) {}
+    Json(int64_t value) : value_(value) {}
+    Json(uint64_t value) : value_(value) {}
     Json(double value);
-    Json(const char* value);
-    Json(std::string value);
+    Json(const char* value) : value_(value ? value : "") {}
+    Json(std::string value) : value_(std::move(value)) {}
 
     static Json object();
     static Json array();
+    // A point in time as scripts expect it: RFC 3339 with the local offset.
+    static Json date(Date when);
 
     // On an object: sets (or replaces) the key. On an array: appends.
     Json& set(const std::string& key, Json value);
     Json& push(Json value);
-    // Member of an object; null when absent.
-    const Json* find(const std::string& key) const;
 
-    bool isNull() const { return kind_ == Kind::Null; }
+    bool isNull() const { return value_.is_null(); }
     std::string dump() const;
 
 private:
-    enum class Kind { Null, Bool, Int, UInt, Double, String, Array, Object };
-    void dumpTo(std::string& out) const;
-    static void quote(std::string& out, const std::string& text);
+    explicit Json(nlohmann::ordered_json value) : value_(std::move(value)) {}
 
-    Kind kind_ = Kind::Null;
-    bool bool_ = false;
-    int64_t int_ = 0;
-    uint64_t uint_ = 0;
-    double double_ = 0;
-    std::string string_;
-    std::vector<std::string> keys_; // objects only, parallel to items_
-    std::vector<Json> items_;
+    nlohmann::ordered_json value_;
 };
 
 } // namespace cirrovault::cli

@@ -5,7 +5,7 @@
 namespace cirrovault::cli {
 
 void Output::line(const std::string& text) const {
-    if (json_)
+    if (json_ || quiet_)
         return;
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fputc('\n', stdout);

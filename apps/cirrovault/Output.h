@@ -45,13 +45,13 @@ std::string text(const std::string& key, const std::string& english, const Args&
 
 // Where command results go: lines for people on stdout, or one JSON document for
 // scripts (--json). Errors always go to stderr; in JSON mode an error document is also
-// printed on stdout so that a script reading stdout sees why.
+// printed on stdout so that a script reading stdout sees why. Quiet keeps only errors.
 class Output {
 public:
-    explicit Output(bool json) : json_(json) {}
+    explicit Output(bool json, bool quiet = false) : json_(json), quiet_(quiet) {}
     bool json() const { return json_; }
 
-    // A line for people (nothing in JSON mode).
+    // A line for people (nothing in JSON mode or when quiet).
     void line(const std::string& text) const;
     // The command's result document (printed in JSON mode only).
     void result(const Json& document) const;
@@ -59,6 +59,7 @@ public:
 
 private:
     bool json_;
+    bool quiet_;
 };
 
 } // namespace cirrovault::cli

@@ -1,4 +1,5 @@
 // cirrovault: the command-line host of the backup engine.
+#include <cstring>
 #include <exception>
 #include <string>
 
@@ -12,6 +13,21 @@
 
 using namespace cirrovault;
 using namespace cirrovault::cli;
+
+namespace {
+
+// Asked before the options are parsed, so that a parse error is a JSON document too.
+bool wantsJson(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--") == 0)
+            return false;
+        if (std::strcmp(argv[i], "--json") == 0)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
 
 int main(int argc, char** argv) {
     // Passwords pass through this process (prompt, environment, kept account): no core
@@ -29,6 +45,9 @@ int main(int argc, char** argv) {
     app.add_option("--user", global.user, "account name (default: the kept account, else your login name)");
     app.add_flag("--json", global.json, "print one JSON document on stdout, for scripts");
     app.add_flag("--verbose,-v", global.verbose, "print the system-log lines on stderr too");
+    bool quiet = false;
+    app.add_flag("--quiet,-q", quiet, "print only errors (and the JSON document with --json)");
+    app.set_version_flag("--version", "cirrovault " CIRROVAULT_VERSION);
     app.fallthrough();
 
     Runner run;
@@ -40,6 +59,7 @@ int main(int argc, char** argv) {
     addLogCommands(app, run);
     addCheckCommands(app, run);
     addRepairCommands(app, run);
+    addServiceCommands(app, run);
 
     try {
         app.parse(argc, argv);
@@ -47,12 +67,18 @@ int main(int argc, char** argv) {
         return app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
         return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
     } catch (const CLI::ParseError& e) {
+        if (wantsJson(argc, argv)) {
+            Output(true).error(Exit::Usage, e.what());
+            return Exit::Usage;
+        }
         int rc = app.exit(e);
         return rc == 0 ? Exit::Ok : Exit::Usage;
     }
     SystemLog::setVerbose(global.verbose);
-    Output out(global.json);
+    Output out(global.json, quiet);
     if (!run) {
         out.error(Exit::Usage, "nothing to do; see --help");
         return Exit::Usage;

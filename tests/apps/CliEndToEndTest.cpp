@@ -1,12 +1,18 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
+#include <regex>
 #include <set>
 #include <cstdio>
 #include <thread>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "CliRunner.h"
 #include "common/FileModes.h"
@@ -137,6 +143,49 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     EXPECT_NE(list.out.find("\"tasks\":[]"), std::string::npos) << list.out;
     EXPECT_TRUE(storeFiles().empty());
 }
+
+// Scripts and plain terminals: with NO_COLOR and TERM=dumb no command writes an escape
+// byte, and under --json each one prints exactly one JSON document, failures included,
+// with dates that carry their offset.
+TEST_F(CliEndToEnd, EveryCommandGivesPlainTextAndValidJson) {
+    cli.setEnv("NO_COLOR=1");
+    cli.setEnv("TERM=dumb");
+    ASSERT_EQ(run({"logon"}).code, 0);
+    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
+    const std::vector<std::vector<std::string>> commands = {
+        {"status"}, {"task", "list"}, {"task", "show", "Docs"}, {"backup", "Docs"},
+        {"versions", "Docs", home.file("Documents/a.txt")}, {"restore", "Docs", "--to", home.file("out")},
+        {"log"}, {"options"}, {"check", "Docs"}, {"task", "show", "Nope"}, {"task", "list", "--bogus"},
+        {"backup", "Docs", "--dry-run"}, {"service", "enable", "--write-only"}, {"logoff"}};
+    for (const auto& command : commands) {
+        std::string shown;
+        for (const auto& word : command)
+            shown += word + " ";
+        auto human = run(command);
+        EXPECT_EQ((human.out + human.err).find('\033'), std::string::npos) << shown << human.out << human.err;
+        std::vector<std::string> args = command;
+        args.insert(args.begin(), "--json");
+        auto scripted = run(args);
+        EXPECT_EQ((scripted.out + scripted.err).find('\033'), std::string::npos) << shown;
+        nlohmann::json doc = nlohmann::json::parse(scripted.out, nullptr, false);
+        ASSERT_FALSE(doc.is_discarded()) << shown << "printed: " << scripted.out;
+        if (scripted.code != 0) {
+            EXPECT_EQ(doc.value("exitCode", -1), scripted.code) << shown << scripted.out;
+        }
+        if (command[0] == "versions") {
+            std::string modified = doc.value("current", "");
+            EXPECT_TRUE(std::regex_match(modified, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d)")))
+                << modified;
+        }
+    }
+    auto version = run({"--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.out.rfind("cirrovault ", 0), 0u) << version.out;
+    auto quiet = run({"--quiet", "task", "list"});
+    EXPECT_EQ(quiet.code, 0);
+    EXPECT_EQ(quiet.out, "");
+}
+
 
 // The day the computer is gone: an encrypted task comes back on a fresh one with its
 // pass phrase, given by file, environment or at the terminal, and kept only when asked.
@@ -613,6 +662,81 @@ TEST_F(CliEndToEnd, InterruptedRestoreLeavesNoPartialFile) {
     EXPECT_NE(stopped.err.find("the restore was cancelled; 0 of 2 files restored"), std::string::npos) << stopped.err;
     EXPECT_EQ(FileSystem::listDirectory(home.file("back/Big")).value_or(std::vector<std::string>{}),
               std::vector<std::string>{});
+}
+
+// `service enable` writes a unit that runs this very program and asks the user manager
+// to enable it; a manager that refuses leaves the unit written and says what to type.
+// A stand-in systemctl records what it was asked.
+TEST_F(CliEndToEnd, ServiceEnableWritesTheUnitAndAsksTheUserManager) {
+    std::string calls = home.file("systemctl-calls");
+    FileSystem::createDirectories(home.file("bin"));
+    write("bin/systemctl", "#!/bin/sh\necho \"$*\" >> " + calls + "\nexit ${FAKE_SYSTEMCTL_EXIT:-0}\n");
+    chmod(home.file("bin/systemctl").c_str(), 0755);
+    cli.setEnv("PATH=" + home.file("bin") + ":/usr/bin:/bin");
+    std::string unit = home.configHome() + "/systemd/user/cirrovault.service";
+
+    auto enabled = cli.run({"service", "enable"});
+    ASSERT_EQ(enabled.code, 0) << enabled.err;
+    std::string text = read(unit.substr(home.path().size() + 1));
+    char program[4096];
+    ASSERT_NE(realpath(CIRROVAULT_BINARY, program), nullptr);
+    EXPECT_NE(text.find("\nExecStart=" + std::string(program) + " daemon\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("@BINDIR@"), std::string::npos);
+    EXPECT_EQ(FileSystem::readFile(calls).value_or(""), "--user daemon-reload\n--user enable --now cirrovault.service\n");
+
+    auto disabled = cli.run({"--json", "service", "disable"});
+    ASSERT_EQ(disabled.code, 0) << disabled.err;
+    EXPECT_FALSE(FileSystem::exists(unit));
+
+    FileSystem::removeItem(calls);
+    cli.setEnv("FAKE_SYSTEMCTL_EXIT=1");
+    auto refused = cli.run({"service", "enable"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_NE(refused.err.find("systemctl --user enable --now cirrovault.service"), std::string::npos) << refused.err;
+    EXPECT_TRUE(FileSystem::exists(unit));
+    FileSystem::removeItem(calls);
+    EXPECT_EQ(cli.run({"service", "enable", "--write-only"}).code, 0);
+    EXPECT_FALSE(FileSystem::exists(calls));
+}
+
+// Under a Type=notify unit the service manager learns when the daemon is ready and when
+// it stops, and its watchdog is fed while the daemon waits.
+TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerReadyAliveAndStopping) {
+    ASSERT_EQ(run({"logon"}).code, 0);
+    std::string path = home.file("notify");
+    int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    cli.setEnv("NOTIFY_SOCKET=" + path);
+    cli.setEnv("WATCHDOG_USEC=400000");
+    pid_t daemon = cli.start({"--user", "alice", "daemon", "--now"});
+    std::string heard;
+    auto hear = [&](const std::string& what, int times) {
+        auto count = [&] {
+            int n = 0;
+            for (size_t at = heard.find(what); at != std::string::npos; at = heard.find(what, at + 1))
+                ++n;
+            return n;
+        };
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (count() < times && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{sock, POLLIN, 0};
+            char buffer[256];
+            if (poll(&p, 1, 200) == 1)
+                if (ssize_t n = recv(sock, buffer, sizeof buffer, 0); n > 0)
+                    heard.append(buffer, static_cast<size_t>(n)).push_back('\n');
+        }
+        return count() >= times;
+    };
+    EXPECT_TRUE(hear("READY=1", 1)) << heard;
+    EXPECT_TRUE(hear("WATCHDOG=1", 3)) << heard;
+    EXPECT_EQ(heard.find("STOPPING=1"), std::string::npos);
+    kill(daemon, SIGTERM);
+    EXPECT_TRUE(hear("STOPPING=1", 1)) << heard;
+    EXPECT_EQ(cli.finish(daemon).code, 0);
+    close(sock);
 }
 
 // Waits (bounded) for a started process to print marker; false when it never did.

@@ -73,6 +73,9 @@ TEST(CliJson, TextIsEscapedAndKeysKeepTheirOrder) {
     doc.set("b", 2); // replaces in place
     EXPECT_EQ(doc.dump(), "{\"b\":2,\"a\":[1,true,null]}");
     EXPECT_EQ(Json("x\"\n\x01").dump(), "\"x\\\"\\n\\u0001\"");
+    // A file name that is not UTF-8 still gives a valid document.
+    EXPECT_EQ(Json("a\xff.txt").dump(), "\"a\xef\xbf\xbd.txt\"");
+    EXPECT_EQ(Json(2.0 / 3).dump(), "0.667");
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "platform/os/Calendar.h"
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 namespace cirrovault {
@@ -34,6 +36,18 @@ Date Calendar::dateFromComponents(const DateComponents& c) {
     tm.tm_isdst = -1;
     time_t t = mktime(&tm);
     return Date(static_cast<double>(t) + (c.second - wholeSeconds));
+}
+
+std::string Calendar::rfc3339(Date date) {
+    time_t t = static_cast<time_t>(std::floor(date.timeIntervalSince1970()));
+    struct tm tm {};
+    localtime_r(&t, &tm);
+    int offset = static_cast<int>(tm.tm_gmtoff / 60); // minutes east of UTC
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d%c%02d:%02d", tm.tm_year + 1900,
+                  tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, offset < 0 ? '-' : '+',
+                  std::abs(offset) / 60, std::abs(offset) % 60);
+    return buffer;
 }
 
 int Calendar::weekday(Date date) { return components(date).weekday; }

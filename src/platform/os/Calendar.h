@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "platform/os/Date.h"
 
 namespace cirrovault {
@@ -24,6 +26,9 @@ public:
     static int weekday(Date date); // 1 = Sunday
     // The date with its seconds (and fraction) cut off.
     static Date startOfMinute(Date date);
+    // "2026-11-24T21:05:00+01:00": local time with its offset from UTC, whole seconds,
+    // so a script elsewhere reads the same instant.
+    static std::string rfc3339(Date date);
 };
 
 } // namespace cirrovault

@@ -23,12 +23,20 @@ void SystemLog::write(std::string_view line) {
             openlog("cirrovault", LOG_PID, LOG_USER);
             gSyslogOpen = true;
         }
-        syslog(LOG_NOTICE, "%.*s", static_cast<int>(line.size()), line.data());
+        syslog(priority(line), "%.*s", static_cast<int>(line.size()), line.data());
     }
     if (gVerbose)
         std::fprintf(stderr, "cirrovault: %.*s\n", static_cast<int>(line.size()), line.data());
     if (gCapturing)
         gCaptured.emplace_back(line);
+}
+
+int SystemLog::priority(std::string_view line) {
+    if (line.starts_with("Error"))
+        return LOG_ERR;
+    if (line.starts_with("Warning"))
+        return LOG_WARNING;
+    return LOG_INFO;
 }
 
 void SystemLog::setVerbose(bool verbose) { gVerbose = verbose; }

@@ -11,6 +11,9 @@ namespace cirrovault {
 class SystemLog {
 public:
     static void write(std::string_view line);
+    // The syslog priority of a line: "Error..." lines are errors and "Warning..." lines
+    // warnings, so the journal can pick them out; the rest is information.
+    static int priority(std::string_view line);
 
     static void setVerbose(bool verbose);
     static bool isVerbose();

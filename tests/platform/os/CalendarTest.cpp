@@ -1,6 +1,9 @@
+#include <ctime>
+
 #include <gtest/gtest.h>
 
 #include "platform/os/Calendar.h"
+#include "common/ScopedEnv.h"
 
 using namespace cirrovault;
 
@@ -44,4 +47,18 @@ TEST(Calendar, StartOfMinuteDropsSecondsAndFraction) {
     EXPECT_EQ(m.minute, 59);
     EXPECT_EQ(m.hour, 8);
     EXPECT_DOUBLE_EQ(m.second, 0);
+}
+
+// The zone is set for the process, so the expected offsets are known; a negative offset
+// and one with minutes are where a sign or modulo slip would show.
+TEST(Calendar, Rfc3339CarriesTheLocalOffset) {
+    Date instant(1732482300.75); // 2024-11-24 21:05:00.75 UTC
+    for (auto [zone, expected] : {std::pair{"UTC0", "2024-11-24T21:05:00+00:00"},
+                                  std::pair{"EST5", "2024-11-24T16:05:00-05:00"},
+                                  std::pair{"IST-5:30", "2024-11-25T02:35:00+05:30"}}) {
+        test::ScopedEnv tz("TZ", std::string(zone));
+        tzset();
+        EXPECT_EQ(Calendar::rfc3339(instant), expected) << zone;
+    }
+    tzset(); // back to the zone the other tests run in
 }

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <stdlib.h>
 #include <string>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "platform/view/terminal/TerminalViewBackend.h"
+#include "common/ScopedEnv.h"
 
 namespace cirrovault {
 namespace {
@@ -111,7 +113,47 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
     EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
 }
 
+// A terminal that must not be redrawn (TERM=dumb, or the user's NO_COLOR) gets the plain
+// lines of a log: no cursor moves, no hidden cursor.
+TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
+    int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(::grantpt(master), 0);
+    ASSERT_EQ(::unlockpt(master), 0);
+    int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
+    struct Case {
+        std::optional<std::string> term, noColor;
+        bool redraw;
+    };
+    for (const Case& c : {Case{"xterm", std::nullopt, true}, Case{"xterm", "", true}, Case{"dumb", std::nullopt, false},
+                          Case{std::nullopt, std::nullopt, false}, Case{"xterm", "1", false}}) {
+        test::ScopedEnv term("TERM", c.term), color("NO_COLOR", c.noColor);
+        EXPECT_EQ(TerminalConsole::canRedraw(slave), c.redraw) << c.term.value_or("(unset)");
+        TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
+        EXPECT_EQ(backend.interactive(), c.redraw);
+        if (c.redraw)
+            continue;
+        auto window = backend.createWindow(ViewLayout::ProgressWindow);
+        window->setAction(ViewEvent::Shown, [&] {
+            window->setText(ViewOutlet::Message, "Backing up");
+            backend.abortModal(*window);
+        });
+        backend.runModal(window);
+        char drawn[4096];
+        ssize_t n = ::read(master, drawn, sizeof drawn);
+        ASSERT_GT(n, 0);
+        std::string shown(drawn, static_cast<size_t>(n));
+        EXPECT_NE(shown.find("Backing up"), std::string::npos);
+        EXPECT_EQ(shown.find('\033'), std::string::npos) << shown;
+    }
+    EXPECT_FALSE(TerminalConsole::canRedraw(master + 1000)); // not a terminal at all
+    ::close(slave);
+    ::close(master);
+}
+
 TEST(TerminalBackendThread, PseudoTerminalKeysPressButtons) {
+    test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
     int master = ::posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(master, 0);
     ASSERT_EQ(::grantpt(master), 0);
@@ -141,6 +183,7 @@ TEST(TerminalBackendThread, PseudoTerminalKeysPressButtons) {
 // Cancel's confirmation is asked while the window holds the keys raw: it waits for the
 // answer typed as a line instead of taking the default at once.
 TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
+    test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
     int master = ::posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(master, 0);
     ASSERT_EQ(::grantpt(master), 0);

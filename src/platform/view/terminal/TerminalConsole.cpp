@@ -1,6 +1,7 @@
 #include "platform/view/terminal/TerminalConsole.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -18,6 +19,16 @@ std::mutex& TerminalConsole::lock() {
 
 bool TerminalConsole::isTty(int fd) {
     return ::isatty(fd) == 1;
+}
+
+bool TerminalConsole::canRedraw(int fd) {
+    const char* term = std::getenv("TERM");
+    const char* noColor = std::getenv("NO_COLOR");
+    if (!term || !*term || std::strcmp(term, "dumb") == 0)
+        return false;
+    if (noColor && *noColor)
+        return false;
+    return isTty(fd);
 }
 
 void TerminalConsole::write(int fd, const std::string& text) {

@@ -13,6 +13,10 @@ class TerminalConsole {
 public:
     static std::mutex& lock();
     static bool isTty(int fd);
+    // Whether screens may be redrawn in place with escape sequences: a terminal that
+    // understands them (TERM set and not "dumb") and a user who did not ask for plain
+    // output (NO_COLOR set to anything but "").
+    static bool canRedraw(int fd);
     static void write(int fd, const std::string& text);
     // A line typed by the user (echoed, edited by the terminal); nullopt at end of input.
     static std::optional<std::string> readLine(int fd);

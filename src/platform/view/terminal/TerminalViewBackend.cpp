@@ -77,7 +77,7 @@ TerminalViewBackend::TerminalViewBackend() : TerminalViewBackend(Options{}) {}
 
 TerminalViewBackend::TerminalViewBackend(Options options)
     : options_(std::move(options)),
-      interactive_(TerminalConsole::isTty(options_.inputFd) && TerminalConsole::isTty(options_.outputFd)) {}
+      interactive_(TerminalConsole::isTty(options_.inputFd) && TerminalConsole::canRedraw(options_.outputFd)) {}
 
 std::vector<std::string> TerminalViewBackend::render(const ViewWindow& window, int spinnerFrame) {
     using namespace ViewOutlet;

@@ -17,10 +17,12 @@ namespace cirrovault {
 // counts, rate and time left for progress windows, the wizard's first step, and the
 // folder browser as a list to move through. Keys: r = Retry, c or Ctrl-C = Cancel; in
 // the browser arrows or j/k move, Enter opens, Backspace goes up, Space ticks, q ends;
-// in the wizard 1-3 choose the type, d the weekday, +/- the time, n Next, b Back. Without a terminal it prints plain lines instead, and a page that waits for
-// the user (the retry countdown) is answered at once with the configured button, so
-// nothing ever waits for a person who is not there; so are the browser (Done, with the
-// ticks it has) and the wizard step (Next, with the values the host filled in).
+// in the wizard 1-3 choose the type, d the weekday, +/- the time, n Next, b Back. Without a
+// terminal, or on one that must not be redrawn (TERM=dumb, NO_COLOR), it prints plain lines
+// instead, and a page that waits for the user (the retry countdown) is answered at once
+// with the configured button, so nothing ever waits for a person who is not there; so
+// are the browser (Done, with the ticks it has) and the wizard step (Next, with the
+// values the host filled in).
 class TerminalViewBackend : public ViewBackend {
 public:
     struct Options {
