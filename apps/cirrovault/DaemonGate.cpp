@@ -12,7 +12,9 @@
 namespace cirrovault::cli {
 
 DaemonGate::DaemonGate(CBackupManage& manager, std::string accountFolder, Say say)
-    : manager_(manager), folder_(std::move(accountFolder)), say_(std::move(say)), seenOptions_(optionsStamp()) {}
+    : manager_(manager), folder_(std::move(accountFolder)), say_(std::move(say)),
+      // The list the logon has just read: an edit made before the first pass is then a change.
+      seenVersion_(taskListVersion()), seenOptions_(optionsStamp()) {}
 
 bool DaemonGate::mayStartRun(const std::string& taskName) {
     std::lock_guard guard(mutex_);
