@@ -170,11 +170,11 @@ protected:
                 found[*number] = fetch(entry.path);
         return found;
     }
+    // The event-log lines of the task that contain the text.
     size_t eventsContaining(const std::string& text) {
-        auto lines = CErrorLog::GetErrorList();
         size_t n = 0;
-        for (const auto& line : lines.value_or(std::vector<std::string>{}))
-            n += line.find(text) != std::string::npos;
+        for (const auto& line : CErrorLog::GetErrorList().value_or(std::vector<std::string>{}))
+            n += line.starts_with(task_->name + "|") && line.find(text) != std::string::npos;
         return n;
     }
 
@@ -448,14 +448,6 @@ TEST_P(BackupRunThread, WriterRewritingFilesDuringInterruptedRunsLosesNothing) {
             << name(i);
 }
 
-// The event-log lines of the task that contain the text.
-size_t eventLogLinesWith(const std::string& text) {
-    size_t n = 0;
-    for (const auto& line : CErrorLog::GetErrorList().value_or(std::vector<std::string>{}))
-        n += line.find("Projects|") == 0 && line.find(text) != std::string::npos;
-    return n;
-}
-
 TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrentWrongly) {
     using Op = FaultInjectingStore::Operation;
     const std::vector<std::string> names = {"a.txt", "b.txt", "c.txt", "d.txt"};
@@ -467,8 +459,8 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_NE(task_->strErrLog.value_or("").find(gone), std::string::npos);
-    EXPECT_EQ(eventLogLinesWith(gone), 1u);
-    EXPECT_EQ(eventLogLinesWith("Backup finished successfully."), 0u);
+    EXPECT_EQ(eventsContaining(gone), 1u);
+    EXPECT_EQ(eventsContaining("Backup finished successfully."), 0u);
     EXPECT_EQ(store_->putCount(), 4);
     task_->localDirList = {home_.file("work")};
 
@@ -481,7 +473,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     store_->clearFaults();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_LE(store_->putCount(), 4 + 4 * 21 * 3);
-    EXPECT_EQ(eventLogLinesWith("Gave up after repeated attempts"), 1u);
+    EXPECT_EQ(eventsContaining("Gave up after repeated attempts"), 1u);
 
     // A refusal (a read-only folder) is not asked again: one attempt per file.
     const int32_t putsBefore = store_->putCount();
@@ -490,7 +482,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     store_->clearFaults();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_EQ(store_->putCount() - putsBefore, 4);
-    EXPECT_GE(eventLogLinesWith("does not allow this change"), 4u);
+    EXPECT_GE(eventsContaining("does not allow this change"), 4u);
 
     // The account fills up after one file: the run ends failed, and every stored copy
     // whose time says current holds exactly the local bytes.
@@ -535,7 +527,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(20));
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_NE(task_->iBackupRet, 0u);
-    EXPECT_GE(eventLogLinesWith("did not succeed"), 1u);
+    EXPECT_GE(eventsContaining("did not succeed"), 1u);
 }
 
 TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
@@ -550,7 +542,7 @@ TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_LE(store_->putCount(), 4 * 2 * 5);
-    EXPECT_EQ(eventLogLinesWith("Gave up after repeated attempts"), 1u);
+    EXPECT_EQ(eventsContaining("Gave up after repeated attempts"), 1u);
 }
 
 using Server = test::WebDavTestServer::Kind;
