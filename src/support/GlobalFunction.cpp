@@ -1,7 +1,5 @@
 #include "support/GlobalFunction.h"
 
-#include <cstdlib>
-#include <ctime>
 #include <fmt/format.h>
 
 #include "platform/framework/Functions.h"
@@ -11,6 +9,7 @@
 #include "platform/os/FileSystem.h"
 #include "platform/os/Guarded.h"
 #include "platform/os/Host.h"
+#include "platform/os/SystemRandom.h"
 #include "support/CFileAttributes.h"
 #include "support/CFileInfo.h"
 
@@ -194,14 +193,10 @@ int GlobalFunction::ISserverLocalSameFile(const std::string& serverPath, const s
     });
 }
 
-int GlobalFunction::getRandom() {
-    srand(static_cast<unsigned>(static_cast<int64_t>(Date::now().timeIntervalSince1970())));
-    return rand();
-}
+// Adaptation: drawn from the system's random source, not a generator seeded by the second,
+// so two computers or two tasks set up in the same second never share an identity.
+int GlobalFunction::getRandom() { return SystemRandom::positiveInt32(); }
 
-int GlobalFunction::getTaskIDRandom() {
-    srand(static_cast<unsigned>(std::time(nullptr)));
-    return rand();
-}
+int GlobalFunction::getTaskIDRandom() { return SystemRandom::positiveInt32(); }
 
 } // namespace cirrovault

@@ -55,7 +55,7 @@ public:
     // 1 same, 2 not on the server, 4 local newer, 5 local older, 6 local date unknown.
     static int ISserverLocalSameFile(const std::string& serverPath, const std::string& localPath);
 
-    // Both reseed the process-wide C generator: two calls within a second agree.
+    // A new identity number (1 to 2147483647) from the system's random source.
     static int getRandom();
     static int getTaskIDRandom();
 

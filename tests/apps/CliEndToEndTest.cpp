@@ -204,13 +204,6 @@ TEST_F(CliEndToEnd, EncryptedTaskComesBackOnANewComputer) {
     fresh.setEnv("XDG_DATA_HOME=" + home.file("new/data"));
     fresh.setEnv("XDG_CONFIG_HOME=" + home.file("new/config"));
     fresh.setEnv("CIRROVAULT_PASSWORD=correct horse");
-    // The identity number is drawn from the clock's second: the second computer must not
-    // be set up in the same second as the first.
-    std::string identity = home.file("new/data/Cirrovault/Cirrovault Online Backup");
-    FileSystem::createDirectories(identity);
-    write("new/data/Cirrovault/Cirrovault Online Backup/PCInfo.dat",
-          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>PC ID</key>"
-          "<string>4242</string><key>PC Name</key><string>new</string></dict></plist>\n");
     std::string target = home.file("back");
 
     auto none = at(fresh, {"restore", "Vault", "--to", target});
