@@ -43,6 +43,27 @@ GtkWidget* caption(const char* text) {
     return label;
 }
 
+// The themed icon for the one-character kind mark a drawn row starts with ("D "
+// folder, "@ " link, "* " program, "- " document), or nullptr when it has none.
+const char* iconFor(const std::string& drawn) {
+    if (drawn.size() < 2 || drawn[1] != ' ')
+        return nullptr;
+    switch (drawn[0]) {
+    case 'D':
+        return "folder";
+    case '@':
+        return "emblem-symbolic-link";
+    case '*':
+        return "application-x-executable";
+    case '-':
+        return "text-x-generic";
+    case '?':
+        return "unknown";
+    default:
+        return nullptr;
+    }
+}
+
 } // namespace
 
 GtkWindowView::GtkWindowView(const std::shared_ptr<ViewWindow>& window)
@@ -341,10 +362,14 @@ void GtkWindowView::syncBrowser(ViewWindow& window) {
             gtk_check_button_set_active(GTK_CHECK_BUTTON(check), ticked);
             g_object_set_data(G_OBJECT(check), RowKey, GINT_TO_POINTER(static_cast<int>(i)));
             g_signal_connect(check, "toggled", G_CALLBACK(onRowTicked), this);
-            GtkWidget* text = caption(row.size() > BoxWidth ? row.c_str() + BoxWidth : "");
+            std::string drawn = row.size() > BoxWidth ? row.substr(BoxWidth) : std::string();
+            const char* icon = iconFor(drawn);
+            GtkWidget* text = caption(icon ? drawn.c_str() + 2 : drawn.c_str());
             // The row's columns (size, date) line up only in a fixed-width face.
             gtk_widget_add_css_class(text, "monospace");
             gtk_box_append(GTK_BOX(line), check);
+            if (icon)
+                gtk_box_append(GTK_BOX(line), gtk_image_new_from_icon_name(icon));
             gtk_box_append(GTK_BOX(line), text);
             gtk_list_box_append(list_, line);
         }

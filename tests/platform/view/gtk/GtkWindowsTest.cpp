@@ -181,6 +181,7 @@ public:
 TEST_F(GtkWindowsTest, WizardStepChecksNextInOrderAndTicksFoldersInTheBrowser) {
     ASSERT_TRUE(FileSystem::createDirectories(home_.file("Projects/site")));
     ASSERT_TRUE(FileSystem::createDirectories(home_.file("Music")));
+    makeFile("notes.txt", "to do");
     CreateViewXibController controller(backend);
     StepHost host;
     controller.setDelegate(&host);
@@ -225,8 +226,9 @@ TEST_F(GtkWindowsTest, WizardStepChecksNextInOrderAndTicksFoldersInTheBrowser) {
         GtkWidget* window = GTK_WIDGET(backend->gtkWindowOf(*browser.window()));
         GtkWidget* list = findNamed(window, ViewOutlet::Rows);
         for (int i = 0; GtkListBoxRow* row = gtk_list_box_get_row_at_index(GTK_LIST_BOX(list), i); ++i) {
-            GtkWidget* check = gtk_widget_get_first_child(gtk_list_box_row_get_child(row));
-            std::string text = gtk_label_get_text(GTK_LABEL(gtk_widget_get_next_sibling(check)));
+            GtkWidget* line = gtk_list_box_row_get_child(row); // tick box, icon, text
+            GtkWidget* check = gtk_widget_get_first_child(line);
+            std::string text = gtk_label_get_text(GTK_LABEL(gtk_widget_get_last_child(line)));
             if (text.find("Projects/") != std::string::npos) {
                 gtk_check_button_set_active(GTK_CHECK_BUTTON(check), TRUE);
                 ticked = true;
