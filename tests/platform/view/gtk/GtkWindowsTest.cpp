@@ -149,6 +149,7 @@ protected:
     }
     void TearDown() override {
         NimboMessagebox::setPresenter(nullptr);
+        SystemLog::setVerbose(false);
         Clock::setShared(nullptr);
         backend.reset();
         SessionFixture::TearDown();
