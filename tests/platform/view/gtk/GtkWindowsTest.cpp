@@ -289,6 +289,30 @@ TEST_F(GtkWindowsTest, BackupProgressWindowFollowsItsWorker) {
     EXPECT_EQ(controller.windowCount(), 0u);
 }
 
+// A window run modally off the main thread is still drawn, by the main loop.
+TEST_F(GtkWindowsTest, WindowRunFromAnotherThreadIsDrawnByTheMainLoop) {
+    ProgressBarController controller(backend);
+    Thread* self = nullptr;
+    bool shown = false;
+    Thread worker([&] {
+        controller.SetProgressMessage(self, "Deleting the task's server files");
+        shown = eventuallyShows(*backend, *controller.windowOf(self)->window(), ViewOutlet::Message,
+                                "Deleting the task's server files");
+        controller.LeaveProgressModel(self);
+    });
+    self = &worker;
+    std::atomic<bool> ended{false};
+    Thread host([&] {
+        controller.EnterProgressMode(&worker);
+        ended = true;
+    });
+    host.start();
+    EXPECT_TRUE(pumpUntil([&] { return ended.load(); }, 30));
+    host.join();
+    worker.join();
+    EXPECT_TRUE(shown);
+}
+
 // The window's close button stops the work behind it, and the worker still ends
 // the loop; the same for the wait dialog.
 TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
