@@ -41,9 +41,9 @@ FilePathTableViewController::FilePathTableViewController(std::shared_ptr<ViewBac
     window_->setText(ViewOutlet::Title, LoadString::GetValueByKey("IDS_MSGSELFOLDER", ""));
     window_->setAction(ViewButton::Up, [this] { moveCursor(-1); });
     window_->setAction(ViewButton::Down, [this] { moveCursor(1); });
-    window_->setAction(ViewButton::Open, [this] { openRow(cursor_); });
+    window_->setAction(ViewButton::Open, [this] { openRow(highlightedRow()); });
     window_->setAction(ViewButton::Parent, [this] { openParent(); });
-    window_->setAction(ViewButton::Tick, [this] { tickRow(cursor_); });
+    window_->setAction(ViewButton::Tick, [this] { tickRow(highlightedRow()); });
     window_->setAction(ViewButton::Done, [this] { backend_->abortModal(*window_); });
 }
 
@@ -156,10 +156,18 @@ void FilePathTableViewController::clearTicks() {
     showRows();
 }
 
+size_t FilePathTableViewController::highlightedRow() {
+    // A pointer may have moved the highlight in the window itself.
+    double row = window_->value(ViewOutlet::Cursor);
+    if (row >= 0 && static_cast<size_t>(row) < rows_.size())
+        cursor_ = static_cast<size_t>(row);
+    return cursor_;
+}
+
 void FilePathTableViewController::moveCursor(int delta) {
     if (rows_.empty())
         return;
-    long next = static_cast<long>(cursor_) + delta;
+    long next = static_cast<long>(highlightedRow()) + delta;
     next = std::clamp(next, 0L, static_cast<long>(rows_.size()) - 1);
     cursor_ = static_cast<size_t>(next);
     showCursor();

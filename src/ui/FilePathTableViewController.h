@@ -53,6 +53,8 @@ public:
     const std::shared_ptr<ViewWindow>& window() const { return window_; }
 
 private:
+    // The highlighted row as the window has it (the cursor outlet).
+    size_t highlightedRow();
     bool isTicked(const std::string& path) const;
     bool rowIsFolder(const FileAttributeNode& row) const;
     void showRows();

@@ -22,6 +22,8 @@ NSLoopDialog::NSLoopDialog(std::shared_ptr<ViewBackend> backend)
     // The actions capture the dialog, which owns the window and outlives its modal loop.
     window_->setAction(ViewButton::Cancel, [this] { onCancel(); });
     window_->setAction(ViewButton::Retry, [this] { onRetry(); });
+    // The close button asks the worker to stop; the worker still ends the loop.
+    window_->setAction(ViewButton::Close, [this] { onCancel(); });
     window_->setText(ViewOutlet::Title, LoadString::GetValueByKey("OBTitle", "Cirrovault Online Backup"));
     window_->setText(ViewOutlet::CancelTitle, LoadString::GetValueByKey("CancelButtonTitle", "Cancel"));
 }

@@ -25,7 +25,8 @@ ProgressBarWndController::ProgressBarWndController(std::shared_ptr<ViewBackend> 
     window_->setText(ViewOutlet::TotalUnit, units);
     window_->setText(ViewOutlet::LeftUnit, units);
     window_->setAction(ViewButton::Cancel, [this] { cancleAction(); });
-    window_->setAction(ViewButton::Close, [this] { closeWindow(); });
+    // The close button leaves the work unwatched, so it cancels as Cancel does.
+    window_->setAction(ViewButton::Close, [this] { cancleAction(); });
     window_->setAction(ViewEvent::Shown, [this] { windowShown(); });
     window_->setAction(ViewEvent::WillClose, [this] { windowWillClose(); });
     refreshThread_.start();

@@ -117,6 +117,11 @@ TEST_F(FilePathBrowserTest, OpenParentAndTicksThatFollowThePaths) {
     EXPECT_EQ(browser.cursor(), 0u);
     browser.moveCursor(100);
     EXPECT_EQ(browser.cursor(), browser.rows().size() - 1);
+    // A pointer highlights a row in the window itself; the buttons act on that row.
+    browser.window()->setValue(ViewOutlet::Cursor, static_cast<double>(rowOf("a.txt")));
+    browser.window()->press(ViewButton::Tick);
+    EXPECT_TRUE(browser.rows()[rowOf("a.txt")].bSelect);
+    EXPECT_EQ(browser.cursor(), rowOf("a.txt"));
 
     ASSERT_TRUE(browser.openFolder("/"));
     EXPECT_FALSE(browser.openParent());

@@ -146,10 +146,11 @@ TEST_F(LoopDialogThreadTest, ScanPageFramesFrameworkEntryPointsAndNullThreads) {
     EXPECT_EQ(texts(ViewOutlet::ScanFileStr).size(), 1u);
     EXPECT_TRUE(SystemLog::capturedContains("Error:LoopDlgController:getLoopThreadInfo()"));
 
-    // The framework's entry point opens the message page with Cancel.
+    // The framework's entry point opens the message page with Cancel; the window's
+    // close button cancels as Cancel does.
     Thread* second = nullptr;
     bool cancelled = false;
-    backend->pressOnShow(ViewLayout::LoopDialog, ViewButton::Cancel);
+    backend->pressOnShow(ViewLayout::LoopDialog, ViewButton::Close);
     Thread framework([&] {
         loop.SetLoopModelMessage(second, "listing");
         while (!loop.IsCancelLoopModel(second)) {

@@ -106,25 +106,30 @@ TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
     EXPECT_EQ(controller.getProgressInfo(&worker), nullptr);
 }
 
-TEST_F(ProgressThreadTest, CancelEndsTheLoopAndReachesTheWorker) {
-    ProgressBarController controller(backend);
-    backend->pressWhenText(ViewLayout::ProgressWindow, ViewOutlet::Message, "step 2", ViewButton::Cancel);
-    Thread* self = nullptr;
-    int steps = 0;
-    bool progressCancelled = false;
-    Thread worker([&] {
-        auto info = controller.getProgressInfo(self);
-        while (!controller.IsCancelProgressModel(self) && steps < 1000)
-            controller.SetProgressMessage(self, "step " + std::to_string(++steps));
-        progressCancelled = info->IsCancelled();
-        controller.LeaveProgressModel(self);
-    });
-    self = &worker;
-    controller.EnterProgressMode(&worker); // returns on Cancel, maybe before the worker ends
-    worker.join();
-    EXPECT_EQ(steps, 2);
-    EXPECT_TRUE(progressCancelled);
-    EXPECT_EQ(controller.windowCount(), 0u);
+// The window's close button is a cancel too: a deletion must not go on unwatched.
+TEST_F(ProgressThreadTest, CancelOrCloseEndsTheLoopAndReachesTheWorker) {
+    for (const char* button : {ViewButton::Cancel, ViewButton::Close}) {
+        SCOPED_TRACE(button);
+        auto backend = std::make_shared<HeadlessViewBackend>();
+        ProgressBarController controller(backend);
+        backend->pressWhenText(ViewLayout::ProgressWindow, ViewOutlet::Message, "step 2", button);
+        Thread* self = nullptr;
+        int steps = 0;
+        bool progressCancelled = false;
+        Thread worker([&] {
+            auto info = controller.getProgressInfo(self);
+            while (!controller.IsCancelProgressModel(self) && steps < 1000)
+                controller.SetProgressMessage(self, "step " + std::to_string(++steps));
+            progressCancelled = info->IsCancelled();
+            controller.LeaveProgressModel(self);
+        });
+        self = &worker;
+        controller.EnterProgressMode(&worker); // returns on Cancel, maybe before the worker ends
+        worker.join();
+        EXPECT_EQ(steps, 2);
+        EXPECT_TRUE(progressCancelled);
+        EXPECT_EQ(controller.windowCount(), 0u);
+    }
 }
 
 TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel) {

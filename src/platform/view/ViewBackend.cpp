@@ -55,9 +55,14 @@ void ViewBackend::runModal(const std::shared_ptr<ViewWindow>& window) {
         window->raise(ViewEvent::Shown);
         modalStarted(*window);
         double tick = tickSeconds();
+        bool iterates = iteratesModal();
         std::unique_lock lock(mutex_);
         while (!session->aborted && !window->isClosed()) {
-            if (tick > 0) {
+            if (iterates) {
+                lock.unlock();
+                modalIterate(*window);
+                lock.lock();
+            } else if (tick > 0) {
                 cv_.wait_for(lock, std::chrono::duration<double>(tick));
                 lock.unlock();
                 modalTick(*window);
@@ -89,6 +94,7 @@ void ViewBackend::abortModal(const ViewWindow& window) {
                 session->aborted = true;
     }
     cv_.notify_all();
+    wakeModal();
 }
 
 void ViewBackend::abortModal() {
@@ -98,6 +104,7 @@ void ViewBackend::abortModal() {
             sessions_.back()->aborted = true;
     }
     cv_.notify_all();
+    wakeModal();
 }
 
 std::shared_ptr<ViewWindow> ViewBackend::modalWindow() const {
@@ -122,6 +129,7 @@ void ViewBackend::windowChanged(ViewWindow& window, const std::string& outlet,
     // Wakes a modal loop (or waitUntilModal) to look again, e.g. after a close.
     { std::lock_guard lock(mutex_); }
     cv_.notify_all();
+    wakeModal();
 }
 
 void ViewBackend::buttonPressed(ViewWindow& window, const std::string& button) {

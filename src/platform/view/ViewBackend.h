@@ -61,6 +61,14 @@ protected:
     virtual void pressedOn(ViewWindow&, const std::string& /*button*/) {}
     // Seconds between modal ticks; 0 = no ticks, the loop only waits.
     virtual double tickSeconds() const { return 0; }
+    // A toolkit whose own events must keep flowing while a window runs modally (it
+    // draws and hears the user on the modal thread) answers true, checked once per
+    // session; the loop then calls modalIterate, which blocks until an event arrives
+    // or wakeModal is called, instead of waiting itself.
+    virtual bool iteratesModal() const { return false; }
+    virtual void modalIterate(ViewWindow&) {}
+    // Called from any thread whenever a session may have to end; must not block.
+    virtual void wakeModal() {}
 
 private:
     struct Session {

@@ -49,8 +49,8 @@ inline constexpr const char* BackupTypeMatrixRadio = "backupTypeMatrixRadio"; //
 inline constexpr const char* BackupDate = "backupDate"; // value: seconds since 1970
 // FilePathBrowser
 inline constexpr const char* CurrentPath = "currentPath";
-inline constexpr const char* Rows = "rows";     // items: one drawn row each
-inline constexpr const char* Cursor = "cursor"; // value: index of the highlighted row
+inline constexpr const char* Rows = "rows";     // items: one drawn row each, "[x] " or "[ ] " first
+inline constexpr const char* Cursor = "cursor"; // value: index of the highlighted row; a back end may set it
 inline constexpr const char* Status = "status"; // e.g. why a folder shows nothing
 } // namespace ViewOutlet
 

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -13,7 +14,8 @@ namespace cirrovault {
 // a tab page, a spinner, and actions run when a button is pressed. Workers write to it
 // from their own threads while the main thread runs it modally, so every member is
 // safe from any thread. Actions run on the thread that pressed, without locks held.
-class ViewWindow {
+// Back ends that draw later on another thread hold it weakly (weak_from_this).
+class ViewWindow : public std::enable_shared_from_this<ViewWindow> {
 public:
     // The back end that draws the window hears of every change, on the changing thread.
     class Observer {
