@@ -1,0 +1,95 @@
+// cirrovault-gtk: the desktop application. Same engine, same account and tasks as the
+// command line; the controllers' windows are drawn by the GTK view back end.
+#include <gtk/gtk.h>
+#include <glib-unix.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "DesktopSession.h"
+#include "GtkDialogs.h"
+#include "MainWindow.h"
+#include "platform/view/ViewBackend.h"
+#include "platform/view/ViewLayout.h"
+
+using namespace cirrovault;
+using namespace cirrovault::desktop;
+
+namespace {
+
+struct Desktop {
+    cli::GlobalOptions options;
+    std::unique_ptr<DesktopSession> session;
+    std::unique_ptr<MainWindow> window;
+};
+
+Desktop desktop;
+
+// SIGTERM, SIGINT: every dialog gives its neutral answer, a run under way is cancelled
+// through its window, and the application ends.
+gboolean quitOnSignal(gpointer app) {
+    GtkDialogs::quitting = true;
+    if (auto window = ViewBackend::shared()->modalWindow())
+        window->press(ViewButton::Cancel);
+    g_application_quit(G_APPLICATION(app));
+    return G_SOURCE_CONTINUE;
+}
+
+void activate(GtkApplication* app, gpointer) {
+    if (desktop.window) {
+        gtk_window_present(desktop.window->window());
+        return;
+    }
+    // Held while the logon asks, so the application does not end with no window open.
+    g_application_hold(G_APPLICATION(app));
+    desktop.session = std::make_unique<DesktopSession>(desktop.options, G_APPLICATION(app));
+    bool on = desktop.session->logon(nullptr);
+    g_application_release(G_APPLICATION(app));
+    if (!on) {
+        g_application_quit(G_APPLICATION(app));
+        return;
+    }
+    desktop.window = std::make_unique<MainWindow>(*desktop.session, app);
+    gtk_window_present(desktop.window->window());
+}
+
+void shutdown(GtkApplication*, gpointer) {
+    GtkDialogs::quitting = true;
+    desktop.window.reset();
+    desktop.session.reset();
+}
+
+// The command line's own options; the rest is GTK's.
+int takeOptions(int argc, char** argv) {
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if ((arg == "--user" || arg == "--service") && i + 1 < argc) {
+            (arg == "--user" ? desktop.options.user : desktop.options.service) = argv[++i];
+        } else if (arg == "--verbose") {
+            desktop.options.verbose = true;
+        } else if (arg == "--help" || arg == "-h") {
+            std::printf("Usage: cirrovault-gtk [--user NAME] [--service URL] [--verbose]\n"
+                        "The desktop window of Cirrovault: the account, its tasks, backups and restores.\n");
+            std::exit(0);
+        } else {
+            argv[kept++] = argv[i];
+        }
+    }
+    return kept;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    argc = takeOptions(argc, argv);
+    GtkApplication* app = gtk_application_new("org.cirrovault.Desktop", G_APPLICATION_DEFAULT_FLAGS);
+    g_signal_connect(app, "activate", G_CALLBACK(activate), nullptr);
+    g_signal_connect(app, "shutdown", G_CALLBACK(shutdown), nullptr);
+    g_unix_signal_add(SIGTERM, quitOnSignal, app);
+    g_unix_signal_add(SIGINT, quitOnSignal, app);
+    int status = g_application_run(G_APPLICATION(app), argc, argv);
+    g_object_unref(app);
+    return status;
+}
