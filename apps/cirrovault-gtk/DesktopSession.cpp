@@ -32,6 +32,8 @@ DesktopSession::DesktopSession(const cli::GlobalOptions& options, GApplication* 
     listener_ = host_->addListener([this, alive](const CBackupManage::TaskPtr& task, int32_t type) {
         if (type == refreshProgressBarDelegate)
             return; // the window reads the figures on its own clock
+        if (type == endUploadTaskDelegate && task)
+            keepInList(task);
         post([this, task, type] {
             if (type == endUploadTaskDelegate && task)
                 ended(task);
@@ -171,6 +173,15 @@ void DesktopSession::setAutomatic(bool on) {
             m.RemoveTaskFromWaitlist(waiting);
     });
     status_ = text("DesktopSchedulerOff", "Scheduled tasks do not run automatically.");
+}
+
+void DesktopSession::keepInList(const CBackupManage::TaskPtr& task) {
+    // A new task leaves the list of tasks while its first run runs; this process goes
+    // on showing it, so it comes back once the run is over.
+    CBackupManage& m = manager();
+    std::lock_guard lock(m.managerLock);
+    if (m.pWorkingTask != task && !m.GetTaskByName(task->name))
+        m.taskList.push_back(task);
 }
 
 void DesktopSession::ended(const CBackupManage::TaskPtr& task) {

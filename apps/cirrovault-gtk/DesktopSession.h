@@ -56,6 +56,7 @@ public:
 
 private:
     void ended(const CBackupManage::TaskPtr& task);
+    void keepInList(const CBackupManage::TaskPtr& task); // on the run's thread
     void notify(const std::string& id, const std::string& title, const std::string& body);
     static bool findUnit();
 
