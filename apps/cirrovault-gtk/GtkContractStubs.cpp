@@ -2,8 +2,15 @@
 
 #if !__has_include("platform/view/gtk/GtkViewBackend.h")
 #include "platform/os/SystemLog.h"
+#include "platform/view/ViewLayout.h"
 
 namespace cirrovault {
+
+void GtkViewBackend::modalStarted(ViewWindow& window) {
+    HeadlessViewBackend::modalStarted(window);
+    if (window.layout() == ViewLayout::CreateTaskStep1 || window.layout() == ViewLayout::FilePathBrowser)
+        window.close();
+}
 
 void GtkViewBackend::modalTick(ViewWindow&) {
     if (!g_main_context_is_owner(nullptr))

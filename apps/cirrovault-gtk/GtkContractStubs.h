@@ -16,10 +16,12 @@
 namespace cirrovault {
 
 // Draws nothing, but keeps the GTK main loop turning while a controller's window runs
-// modally on the main thread, so the application's own windows stay alive.
+// modally on the main thread, so the application's own windows stay alive. The
+// wizard's windows need a person, so they close at once (the wizard gives up).
 class GtkViewBackend : public HeadlessViewBackend {
 protected:
     double tickSeconds() const override { return 0.02; }
+    void modalStarted(ViewWindow& window) override;
     void modalTick(ViewWindow& window) override;
 };
 

@@ -41,7 +41,11 @@ GtkWidget* cell(const std::string& value, int width, bool bold = false) {
 
 constexpr int kWidths[] = {140, 110, 130, 130, 220};
 
-std::vector<std::string> rowValues(const CBackupTask& task) {
+// The row of a task. A running task's dates and error are its run's to change: they are
+// read again once it has ended, and shown as they were meanwhile (empty: keep).
+std::vector<std::string> rowValues(const CBackupTask& task, bool running) {
+    if (running)
+        return {task.name, TaskFormat::stateName(task.mTaskState), "", "", ""};
     int32_t kind = task.taskType & CBackupTask::ScheduleKindMask;
     return {task.name, TaskFormat::stateName(task.mTaskState), TaskFormat::dateText(task.mBackupDate),
             kind == CBackupTask::ScheduleNone ? text("DesktopNoSchedule", "when asked")
@@ -155,7 +159,7 @@ void MainWindow::refreshAccount() {
         uint64_t used = static_cast<uint64_t>(std::max<int64_t>(balance.fileSpaceUsed, 0));
         uint64_t max = static_cast<uint64_t>(std::max<int64_t>(balance.maxSpace, 0));
         line += " — " + (balance.maxSpace >= StoreQuota::Unknown
-                             ? text("CliStatusSpaceNoQuotaShort", "{} used, free: unknown",
+                             ? text("DesktopSpaceNoQuota", "{} used, free: unknown",
                                     GlobalFunction::stringFromFileSize(used))
                              : text("DesktopSpace", "{} used, {} free", GlobalFunction::stringFromFileSize(used),
                                     GlobalFunction::stringFromFileSize(max > used ? max - used : 0)));
@@ -198,10 +202,16 @@ void MainWindow::refreshTasks() {
         if (!keep.empty())
             selectTask(keep);
     }
+    CBackupManage::TaskPtr working;
+    {
+        std::lock_guard lock(session_.manager().managerLock);
+        working = session_.manager().pWorkingTask;
+    }
     for (size_t i = 0; i < tasks.size(); ++i) {
-        auto values = rowValues(*tasks[i]);
+        auto values = rowValues(*tasks[i], tasks[i] == working);
+        bool running = tasks[i] == working;
         for (int c = 1; c < 5; ++c)
-            if (values[c] != gtk_label_get_text(GTK_LABEL(rows_[i].labels[c])))
+            if ((c == 1 || !running) && values[c] != gtk_label_get_text(GTK_LABEL(rows_[i].labels[c])))
                 gtk_label_set_text(GTK_LABEL(rows_[i].labels[c]), values[c].c_str());
         if (rows_[i].name != gtk_label_get_text(GTK_LABEL(rows_[i].labels[0]))) {
             char* markup = g_markup_printf_escaped("<b>%s</b>", rows_[i].name.c_str());

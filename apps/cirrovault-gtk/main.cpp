@@ -3,11 +3,13 @@
 #include <gtk/gtk.h>
 #include <glib-unix.h>
 
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
 #include "DesktopSession.h"
+#include "GtkContractStubs.h"
 #include "GtkDialogs.h"
 #include "MainWindow.h"
 #include "platform/view/ViewBackend.h"
@@ -20,6 +22,7 @@ namespace {
 
 struct Desktop {
     cli::GlobalOptions options;
+    std::string screenshot; // --screenshot: draw the window once into this PNG, then end
     std::unique_ptr<DesktopSession> session;
     std::unique_ptr<MainWindow> window;
 };
@@ -52,6 +55,13 @@ void activate(GtkApplication* app, gpointer) {
     }
     desktop.window = std::make_unique<MainWindow>(*desktop.session, app);
     gtk_window_present(desktop.window->window());
+    if (!desktop.screenshot.empty())
+        g_timeout_add_seconds(2, +[](gpointer data) -> gboolean {
+            bool saved = saveWidgetPng(GTK_WIDGET(desktop.window->window()), desktop.screenshot);
+            std::fprintf(saved ? stdout : stderr, "%s %s\n", saved ? "saved" : "cannot save", desktop.screenshot.c_str());
+            g_application_quit(G_APPLICATION(data));
+            return G_SOURCE_REMOVE;
+        }, app);
 }
 
 void shutdown(GtkApplication*, gpointer) {
@@ -67,11 +77,14 @@ int takeOptions(int argc, char** argv) {
         std::string arg = argv[i];
         if ((arg == "--user" || arg == "--service") && i + 1 < argc) {
             (arg == "--user" ? desktop.options.user : desktop.options.service) = argv[++i];
+        } else if (arg == "--screenshot" && i + 1 < argc) {
+            desktop.screenshot = argv[++i];
         } else if (arg == "--verbose") {
             desktop.options.verbose = true;
         } else if (arg == "--help" || arg == "-h") {
-            std::printf("Usage: cirrovault-gtk [--user NAME] [--service URL] [--verbose]\n"
-                        "The desktop window of Cirrovault: the account, its tasks, backups and restores.\n");
+            std::printf("Usage: cirrovault-gtk [--user NAME] [--service URL] [--verbose] [--screenshot PNG]\n"
+                        "The desktop window of Cirrovault: the account, its tasks, backups and restores.\n"
+                        "--screenshot draws the main window once into PNG and ends (for the documentation).\n");
             std::exit(0);
         } else {
             argv[kept++] = argv[i];
