@@ -11,6 +11,7 @@ packages=(
   libsecret-1-dev gnome-keyring dbus libsystemd-dev help2man man-db
   apache2 lighttpd lighttpd-mod-webdav rclone php-cli php-sabre-dav openssl
   clang libclang-rt-14-dev llvm-14
+  libgtk-4-dev xvfb xauth
 )
 packages+=("$@")
 
