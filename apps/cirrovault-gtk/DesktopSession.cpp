@@ -180,7 +180,7 @@ void DesktopSession::keepInList(const CBackupManage::TaskPtr& task) {
     // on showing it, so it comes back once the run is over.
     CBackupManage& m = manager();
     std::lock_guard lock(m.managerLock);
-    if (m.pWorkingTask != task && !m.GetTaskByName(task->name))
+    if (!task->bDeleting && m.pWorkingTask != task && !m.GetTaskByName(task->name))
         m.taskList.push_back(task);
 }
 

@@ -3,6 +3,7 @@
 #include <gtk/gtk.h>
 #include <glib-unix.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -100,6 +101,8 @@ int main(int argc, char** argv) {
     GtkApplication* app = gtk_application_new("org.cirrovault.Desktop", G_APPLICATION_DEFAULT_FLAGS);
     g_signal_connect(app, "activate", G_CALLBACK(activate), nullptr);
     g_signal_connect(app, "shutdown", G_CALLBACK(shutdown), nullptr);
+    // A transfer to a server that went away fails with its own error, not the signal.
+    signal(SIGPIPE, SIG_IGN);
     g_unix_signal_add(SIGTERM, quitOnSignal, app);
     g_unix_signal_add(SIGINT, quitOnSignal, app);
     int status = g_application_run(G_APPLICATION(app), argc, argv);

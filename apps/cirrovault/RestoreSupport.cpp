@@ -267,8 +267,8 @@ RestoreOutcome RestoreSupport::restoreItems(const std::vector<RestoreItem>& item
                 window.setStrRestoringFile(item.local);
                 progress.setDoneSize(done);
                 std::string notAsItWas;
-                int64_t code = restoreFile(item.server, item.local, passPhrase, &progress, item.modifyTime,
-                                                 &notAsItWas);
+                int64_t code =
+                    restoreFile(item.server, item.local, passPhrase, &progress, item.modifyTime, &notAsItWas);
                 if (code == ResultCode::Cancelled) {
                     outcome.cancelled = true;
                     break;
