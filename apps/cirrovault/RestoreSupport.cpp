@@ -173,6 +173,8 @@ std::string RestoreSupport::passPhrase(const PassPhraseOptions& options, const s
     for (int tries = 1;; ++tries) {
         bool asked = false;
         std::string question = text("CliAskPassPhrase", "Pass phrase of \"{}\": ", task_->name);
+        if (options.ask && tries > 1)
+            question = text("CliTryPassPhrase", "That pass phrase does not open the files; try again.") + "\n" + question;
         if (options.ask && (tries > 1 || !kept)) {
             phrase = options.ask(question);
             asked = true;
@@ -192,7 +194,9 @@ std::string RestoreSupport::passPhrase(const PassPhraseOptions& options, const s
             throw CliError(Exit::Logon, text("CliWrongPassPhrase",
                                              "the pass phrase does not open the files of \"{}\"; nothing was changed",
                                              task_->name));
-        std::fprintf(stderr, "%s\n", text("CliTryPassPhrase", "That pass phrase does not open the files; try again.").c_str());
+        // A host's own prompt says it in its next question.
+        if (!options.ask)
+            std::fprintf(stderr, "%s\n", text("CliTryPassPhrase", "That pass phrase does not open the files; try again.").c_str());
     }
     if (options.keep && phrase != kept)
         keepPassPhrase(*phrase);

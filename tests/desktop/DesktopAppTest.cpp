@@ -1,5 +1,5 @@
 // The desktop host's windows, driven the way a user drives them, on a real display
-// (Xvfb under ctest). Each test leaves a screenshot of what it drove.
+// (Xvfb under ctest). The tests of windows leave a screenshot of what they drove.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
@@ -14,6 +14,7 @@
 #include "TaskCreation.h"
 #include "TaskFormat.h"
 #include "common/TempHome.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/os/FileSystem.h"
 
 namespace cirrovault::desktop {
@@ -40,6 +41,45 @@ void screenshot(GtkWindow* window, const std::string& name) {
     std::printf("screenshot: %s\n", path.c_str());
 }
 
+// Answers the dialog titled `title` once it shows: types `typed` into its secret fields,
+// then presses the button labelled `button`.
+struct DialogAnswer {
+    std::string title, typed, button;
+    int ticks = 0;
+    bool answered = false;
+};
+
+void walk(GtkWidget* widget, DialogAnswer& answer, GtkWidget*& press) {
+    if (GTK_IS_PASSWORD_ENTRY(widget))
+        gtk_editable_set_text(GTK_EDITABLE(widget), answer.typed.c_str());
+    if (GTK_IS_BUTTON(widget) && gtk_button_get_label(GTK_BUTTON(widget)) &&
+        answer.button == gtk_button_get_label(GTK_BUTTON(widget)))
+        press = widget;
+    for (GtkWidget* child = gtk_widget_get_first_child(widget); child; child = gtk_widget_get_next_sibling(child))
+        walk(child, answer, press);
+}
+
+void answerDialog(DialogAnswer& answer) {
+    g_timeout_add(100, +[](gpointer data) -> gboolean {
+        auto* a = static_cast<DialogAnswer*>(data);
+        GListModel* windows = gtk_window_get_toplevels();
+        for (guint i = 0; i < g_list_model_get_n_items(windows); ++i) {
+            auto* window = GTK_WIDGET(g_list_model_get_item(windows, i));
+            g_object_unref(window); // the list keeps it
+            const char* title = gtk_window_get_title(GTK_WINDOW(window));
+            if (!title || a->title != title || !gtk_widget_get_mapped(window) || gtk_widget_get_width(window) == 0)
+                continue;
+            GtkWidget* press = nullptr;
+            walk(window, *a, press);
+            if (press)
+                g_signal_emit_by_name(press, "clicked");
+            a->answered = press != nullptr;
+            return G_SOURCE_REMOVE;
+        }
+        return ++a->ticks < 100 ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+    }, &answer);
+}
+
 std::string content(const std::string& path) {
     return FileSystem::readFile(path).value_or("<missing>");
 }
@@ -63,14 +103,16 @@ protected:
         session_.reset();
     }
 
-    // A daily task, made through the engine; its first run is tomorrow.
-    CBackupManage::TaskPtr makeTask(const std::string& schedule) {
+    // A task made through the engine; a daily one runs first tomorrow, one without a
+    // schedule at once.
+    CBackupManage::TaskPtr makeTask(const std::string& schedule, const std::string& passPhrase = "") {
         cli::TaskInput input;
         input.sources = {source_};
         input.schedule = schedule;
         input.time = "03:00";
+        input.encrypt = !passPhrase.empty();
         input.check();
-        auto task = cli::TaskCreation::create(session_->host(), "Documents", input, "");
+        auto task = cli::TaskCreation::create(session_->host(), "Documents", input, passPhrase);
         if (cli::TaskCreation::firstRunStarted(session_->host(), task))
             cli::BackupRunner(session_->host()).watch(task);
         return task;
@@ -141,6 +183,25 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
     EXPECT_EQ(content(source_ + "/letter.txt"), "second draft, longer\n");
     EXPECT_EQ(content(source_ + "/note.txt"), "kept as it is\n");
+}
+
+TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFiles) {
+    makeTask("none", "the right phrase");
+    openWindow();
+    ASSERT_TRUE(window_->selectTask("Documents"));
+    window_->openRestore();
+    RestoreWindow& restore = *window_->restoreWindow();
+    ASSERT_TRUE(restore.selectFile("Documents/letter.txt"));
+    // What this computer keeps is wrong now: the dialog asks, and the typed phrase opens.
+    cli::RestoreSupport where(session_->host(), session_->manager().GetTaskByName("Documents"));
+    ASSERT_TRUE(PasswordMan().SetPassword(where.serverFolder(), true, "a wrong phrase"));
+    DialogAnswer answer{"Pass phrase", "the right phrase", "OK"};
+    answerDialog(answer);
+    restore.setDestination(home_.file("restored"));
+    auto outcome = restore.restoreSelected();
+    EXPECT_TRUE(answer.answered);
+    EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
+    EXPECT_EQ(content(home_.file("restored") + "/Documents/letter.txt"), "first draft\n");
 }
 
 } // namespace
