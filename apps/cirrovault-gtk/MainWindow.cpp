@@ -117,6 +117,17 @@ MainWindow::MainWindow(DesktopSession& session, GtkApplication* app) : session_(
     gtk_box_append(GTK_BOX(box), status_);
     gtk_window_set_child(GTK_WINDOW(window_), box);
 
+    // While a run or deletion works under this window, closing it cancels that work
+    // first; the window closes when asked again once the work has ended.
+    g_signal_connect(window_, "close-request", G_CALLBACK(+[](GtkWindow*, gpointer self) -> gboolean {
+                         auto* w = static_cast<MainWindow*>(self);
+                         if (!w->busy_)
+                             return FALSE;
+                         if (auto window = w->session_.host().backend()->modalWindow())
+                             window->press(ViewButton::Cancel);
+                         return TRUE;
+                     }),
+                     this);
     session_.setParent(GTK_WINDOW(window_));
     session_.setOnChange([this] { refreshAccount(); });
     // States and times change on the engine's threads; the window reads them each second.
