@@ -204,5 +204,22 @@ TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFile
     EXPECT_EQ(content(home_.file("restored") + "/Documents/letter.txt"), "first draft\n");
 }
 
+// Without the daemon's unit the switch runs the scheduler here; off and on again, it is
+// one scheduler again, not none and not two.
+TEST_F(DesktopAppTest, AutomaticBackupsStartStopAndRestartTheSchedulerHere) {
+    if (session_->unitInstalled())
+        GTEST_SKIP() << "a daemon unit is installed on this machine";
+    CBackupManage& manager = session_->manager();
+    session_->setAutomatic(true);
+    ASSERT_TRUE(manager.pScheduleThread);
+    EXPECT_FALSE(manager.pScheduleThread->isFinished());
+    session_->setAutomatic(false);
+    session_->setAutomatic(true); // waits for the stop under way, then starts anew
+    ASSERT_TRUE(manager.pScheduleThread);
+    EXPECT_FALSE(manager.pScheduleThread->isFinished());
+    EXPECT_FALSE(manager.bExit);
+    session_->setAutomatic(false);
+}
+
 } // namespace
 } // namespace cirrovault::desktop
