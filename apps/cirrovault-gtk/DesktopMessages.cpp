@@ -43,11 +43,9 @@ T onMainThread(std::function<T()> dialog, T neutral) {
 int DesktopMessages::showMessage(const std::string& title, const std::string& informativeText, int messageboxStyle) {
     std::string shown = informativeText.empty() ? title : informativeText;
     std::string heading = informativeText.empty() ? std::string("Cirrovault") : title;
-    int neutral = messageboxStyle == MessageboxStyle::YesNo         ? MessageboxAnswer::No
-                  : messageboxStyle == MessageboxStyle::RetryCancel ? MessageboxAnswer::Cancel
-                                                                    : MessageboxAnswer::Ok;
     GtkWindow* parent = parent_;
-    return onMainThread<int>([=] { return GtkDialogs::message(parent, heading, shown, messageboxStyle); }, neutral);
+    return onMainThread<int>([=] { return GtkDialogs::message(parent, heading, shown, messageboxStyle); },
+                             GtkDialogs::neutralAnswer(messageboxStyle));
 }
 
 int DesktopMessages::showStorageOrder(const std::string& title, const std::string& message, bool& checkBox,

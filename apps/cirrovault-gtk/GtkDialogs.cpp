@@ -76,12 +76,22 @@ void GtkDialogs::runUntil(const bool& done) {
         g_main_context_iteration(nullptr, TRUE);
 }
 
+int GtkDialogs::neutralAnswer(int style) {
+    switch (style) {
+    case MessageboxStyle::YesNo:
+        return MessageboxAnswer::No;
+    case MessageboxStyle::RetryCancel:
+        return MessageboxAnswer::Cancel;
+    case MessageboxStyle::TryAgainOrGiveUp:
+        return MessageboxAnswer::GiveUp;
+    default:
+        return MessageboxAnswer::Ok;
+    }
+}
+
 int GtkDialogs::message(GtkWindow* parent, const std::string& title, const std::string& text, int style) {
     Pending pending;
-    int neutral = style == MessageboxStyle::YesNo         ? MessageboxAnswer::No
-                  : style == MessageboxStyle::RetryCancel ? MessageboxAnswer::Cancel
-                  : style == MessageboxStyle::TryAgainOrGiveUp ? MessageboxAnswer::GiveUp
-                                                               : MessageboxAnswer::Ok;
+    int neutral = neutralAnswer(style);
     GtkWidget* window = dialogWindow(parent, title, pending, neutral);
     GtkWidget* box = column();
     GtkWidget* body = gtk_label_new(text.c_str());

@@ -17,6 +17,8 @@ public:
     // dialog ends with its neutral answer.
     static std::atomic<bool> quitting;
 
+    // The answer of a box of the style that nobody answered: the one that changes nothing.
+    static int neutralAnswer(int style);
     // A message with the buttons of the style (MessageboxStyle); answers a
     // MessageboxAnswer. Closing the window is the neutral answer.
     static int message(GtkWindow* parent, const std::string& title, const std::string& text, int style);
