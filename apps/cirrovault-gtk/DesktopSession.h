@@ -41,6 +41,7 @@ public:
     void setOnChange(std::function<void()> onChange) { onChange_ = std::move(onChange); }
     // The last line worth showing in the status bar ("" when none).
     const std::string& status() const { return status_; }
+    void setStatus(const std::string& line) { status_ = line; }
 
     // Automatic backups. With the daemon's unit installed the switch enables and starts
     // it (or stops and disables it) in the background; otherwise the scheduler runs

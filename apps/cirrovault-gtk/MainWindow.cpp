@@ -181,13 +181,14 @@ void MainWindow::refreshAccount() {
 
 void MainWindow::refreshTasks() {
     auto tasks = session_.manager().getTasksList();
-    // A new task's first run is the working task before it joins the list.
+    CBackupManage::TaskPtr working;
     {
         std::lock_guard lock(session_.manager().managerLock);
-        auto working = session_.manager().pWorkingTask;
-        if (working && std::none_of(tasks.begin(), tasks.end(), [&](const auto& t) { return t == working; }))
-            tasks.push_back(working);
+        working = session_.manager().pWorkingTask;
     }
+    // A new task's first run is the working task before it joins the list.
+    if (working && std::none_of(tasks.begin(), tasks.end(), [&](const auto& t) { return t == working; }))
+        tasks.push_back(working);
     bool same = tasks.size() == rows_.size();
     for (size_t i = 0; same && i < tasks.size(); ++i)
         same = tasks[i]->name == rows_[i].name;
@@ -213,14 +214,9 @@ void MainWindow::refreshTasks() {
         if (!keep.empty())
             selectTask(keep);
     }
-    CBackupManage::TaskPtr working;
-    {
-        std::lock_guard lock(session_.manager().managerLock);
-        working = session_.manager().pWorkingTask;
-    }
     for (size_t i = 0; i < tasks.size(); ++i) {
-        auto values = rowValues(*tasks[i], tasks[i] == working);
         bool running = tasks[i] == working;
+        auto values = rowValues(*tasks[i], running);
         for (int c = 1; c < 5; ++c)
             if ((c == 1 || !running) && values[c] != gtk_label_get_text(GTK_LABEL(rows_[i].labels[c])))
                 gtk_label_set_text(GTK_LABEL(rows_[i].labels[c]), values[c].c_str());
@@ -292,9 +288,8 @@ void MainWindow::backUpNow() {
     cli::BackupRunner runner(session_.host());
     cli::RunOutcome outcome = runner.runNow(task);
     busy_ = false;
-    gtk_label_set_text(GTK_LABEL(status_), cli::BackupRunner::summary(task, outcome).c_str());
+    session_.setStatus(cli::BackupRunner::summary(task, outcome));
     refreshAccount();
-    gtk_label_set_text(GTK_LABEL(status_), cli::BackupRunner::summary(task, outcome).c_str());
 }
 
 void MainWindow::stop() {
