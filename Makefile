@@ -16,6 +16,8 @@ build: deps
 # (/usr/local); DESTDIR stages the tree for a package. BIN is the program to install.
 PREFIX ?= $(if $(filter 0,$(shell id -u)),/usr/local,$(HOME)/.local)
 BIN ?= build/cirrovault
+# The desktop host beside it, installed with its menu entry and icon when it was built.
+GUI_BIN ?= $(dir $(BIN))cirrovault-gtk
 MAN = $(BIN).1
 
 # The man page is made from --help and --version, so it never says other than the program.
@@ -36,6 +38,14 @@ install: man
 	sed 's|@BINDIR@|$(PREFIX)/bin|' resources/cirrovault.service \
 	  > $(DESTDIR)$(PREFIX)/share/systemd/user/cirrovault.service
 	chmod 644 $(DESTDIR)$(PREFIX)/share/systemd/user/cirrovault.service
+	if [ -x $(GUI_BIN) ]; then \
+	  install -Dm755 $(GUI_BIN) $(DESTDIR)$(PREFIX)/bin/cirrovault-gtk; \
+	  install -d $(DESTDIR)$(PREFIX)/share/applications; \
+	  sed 's|^Exec=cirrovault-gtk|Exec=$(PREFIX)/bin/cirrovault-gtk|' resources/org.cirrovault.Desktop.desktop \
+	    > $(DESTDIR)$(PREFIX)/share/applications/org.cirrovault.Desktop.desktop; \
+	  chmod 644 $(DESTDIR)$(PREFIX)/share/applications/org.cirrovault.Desktop.desktop; \
+	  install -Dm644 resources/cirrovault.svg $(DESTDIR)$(PREFIX)/share/icons/hicolor/scalable/apps/cirrovault.svg; \
+	fi
 
 # A real backup of a folder into the embedded local store.
 run: build

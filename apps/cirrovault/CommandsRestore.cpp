@@ -37,26 +37,12 @@ struct VersionArgs {
     bool all = false;
 };
 
-struct Item {
-    std::string server;
-    std::string local;
-    uint64_t size = 0;
-    Date modifyTime;
-};
-
-struct RestoreOutcome {
-    std::vector<std::string> restored, kept, failed;
-    std::vector<std::string> incomplete; // restored, but a link, mode or time could not be set
-    uint64_t bytesRestored = 0;
-    bool cancelled = false;
-};
-
 // The stored files the command names, with where each one goes.
-std::vector<Item> chooseItems(const RestoreArgs& args, const RestoreSupport& where, const std::string& taskName) {
+std::vector<RestoreItem> chooseItems(const RestoreArgs& args, const RestoreSupport& where, const std::string& taskName) {
     std::vector<std::string> wanted;
     for (const auto& p : args.paths)
         wanted.push_back(where.relative(p));
-    std::vector<Item> items;
+    std::vector<RestoreItem> items;
     if (args.version >= 0) {
         auto versions = where.versions(wanted[0]);
         const FileVersion* chosen = nullptr;
@@ -86,7 +72,7 @@ std::vector<Item> chooseItems(const RestoreArgs& args, const RestoreSupport& whe
     return items;
 }
 
-int dryRun(const RestoreArgs& args, const std::vector<Item>& items, const Output& out) {
+int dryRun(const RestoreArgs& args, const std::vector<RestoreItem>& items, const Output& out) {
     size_t writes = 0, keeps = 0;
     uint64_t bytes = 0;
     Json w = Json::array(), k = Json::array();
@@ -110,76 +96,6 @@ int dryRun(const RestoreArgs& args, const std::vector<Item>& items, const Output
     return Exit::Ok;
 }
 
-// Restores the items on a worker while the restore window runs; Cancel (with its
-// question at a terminal), SIGINT and SIGTERM stop it, also in the middle of a file.
-RestoreOutcome runRestore(const RestoreArgs& args, const std::vector<Item>& items, const RestoreSupport& where,
-                          const std::string& passPhrase, HostSession& session) {
-    uint64_t total = 0;
-    for (const auto& item : items)
-        total += item.size;
-    CDownloadFileController window(session.backend());
-    window.iTotalSize = total;
-    window.setStrDownPath(args.to);
-    TrueProgressCallback& progress = *window.pDownloadProgBar;
-    RestoreOutcome outcome;
-    std::atomic<bool> finished{false};
-    Thread* self = nullptr;
-    Thread worker([&] {
-        progress.setTotalSize(total);
-        progress.setTotalFiles(static_cast<int64_t>(items.size()));
-        uint64_t done = 0;
-        for (const auto& item : items) {
-            if (window.IsCancelDownload(self) || progress.IsClickedCancel() || Signals::pending()) {
-                outcome.cancelled = true;
-                break;
-            }
-            if (FileSystem::exists(item.local) && !args.overwrite) {
-                outcome.kept.push_back(item.local);
-            } else {
-                window.setStrRestoringFile(item.local);
-                progress.setDoneSize(done);
-                std::string notAsItWas;
-                int64_t code = where.restoreFile(item.server, item.local, passPhrase, &progress, item.modifyTime,
-                                                 &notAsItWas);
-                if (code == ResultCode::Cancelled) {
-                    outcome.cancelled = true;
-                    break;
-                }
-                if (code == ResultCode::Success) {
-                    outcome.restored.push_back(item.local);
-                    outcome.bytesRestored += item.size;
-                    if (!notAsItWas.empty())
-                        outcome.incomplete.push_back(item.local + ": " + notAsItWas);
-                } else
-                    outcome.failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
-            }
-            done += item.size;
-            window.iHasDownloadSize = done;
-            progress.setDoneFiles(progress.doneFiles() + 1);
-            progress.setSentSize(0);
-        }
-        finished = true;
-        window.refreshPrgbarDelegate(); // the last frame shows where it ended
-        window.LeaveProgressModel(self);
-    });
-    self = &worker;
-    // A signal stops the transfer under way, not only the next file.
-    Thread watcher([&] {
-        while (!finished) {
-            if (Signals::wait(0.2) != 0) {
-                progress.setBClickedCancel(true);
-                return;
-            }
-        }
-    });
-    watcher.start();
-    window.EnterProgressMode(&worker);
-    worker.join();
-    finished = true;
-    watcher.join();
-    return outcome;
-}
-
 int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const Output& out) {
     if (args.to.empty())
         throw CliError(Exit::Usage, text("CliNeedTo", "say where to restore with --to DIR"));
@@ -192,17 +108,17 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
     session.logon(false);
     auto task = session.task(args.name);
     RestoreSupport where(session, task);
-    std::vector<Item> items = chooseItems(args, where, task->name);
+    std::vector<RestoreItem> items = chooseItems(args, where, task->name);
     if (args.dryRun)
         return dryRun(args, items, out);
 
     // Tried on the smallest file before anything is written.
-    const Item* sample = nullptr;
+    const RestoreItem* sample = nullptr;
     for (const auto& item : items)
         if (!sample || item.size < sample->size)
             sample = &item;
     std::string passPhrase = where.passPhrase(args.passPhrase, sample ? sample->server : "");
-    RestoreOutcome outcome = runRestore(args, items, where, passPhrase, session);
+    RestoreOutcome outcome = where.restoreItems(items, args.to, args.overwrite, passPhrase, session.backend());
 
     for (const auto& f : outcome.restored)
         out.line(text("CliRestored", "restored  {}", f));

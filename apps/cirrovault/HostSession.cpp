@@ -89,11 +89,13 @@ private:
     std::vector<std::string> pending_; // guarded by mutex_
 };
 
-HostSession::HostSession(const GlobalOptions& options, const Output& out)
+HostSession::HostSession(const GlobalOptions& options, const Output& out, std::shared_ptr<ViewBackend> backend)
     : options_(options), out_(out) {
     SystemLog::setVerbose(options.verbose);
-    interactive_ = TerminalConsole::isTty(0) && TerminalConsole::isTty(2);
-    if (interactive_)
+    interactive_ = !backend && TerminalConsole::isTty(0) && TerminalConsole::isTty(2);
+    if (backend)
+        backend_ = std::move(backend);
+    else if (interactive_)
         backend_ = std::make_shared<TerminalViewBackend>();
     else
         backend_ = std::make_shared<HeadlessViewBackend>();
@@ -151,7 +153,8 @@ void HostSession::logon(bool exclusive) {
         throw CliError(Exit::Logon, text("CliNoService", "cannot open the service {}: {}", serviceURL_,
                                          TransferApiUtil::stringWithReturnCode(code)));
     userName_ = Credentials::userName(options_.user);
-    auto password = Credentials::password(userName_, interactive_);
+    auto password = options_.password.empty() ? Credentials::password(userName_, interactive_)
+                                              : std::optional<std::string>(options_.password);
     if (!password)
         throw CliError(Exit::Logon,
                        text("CliNoPassword",

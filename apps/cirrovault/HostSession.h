@@ -23,6 +23,9 @@ struct GlobalOptions {
     std::string user;
     bool json = false;
     bool verbose = false;
+    // Given by a host that asked for it itself (the desktop's prompt); "" = the usual
+    // sources (environment, kept account, terminal).
+    std::string password;
 };
 
 // One host application around one CBackupManage: the dialog back end (terminal at a
@@ -34,7 +37,9 @@ public:
     // Receives the manager's events on the thread that raised them.
     using Listener = std::function<void(const TaskPtr& task, int32_t type)>;
 
-    HostSession(const GlobalOptions& options, const Output& out);
+    // A host that draws its own windows (the desktop) passes its back end; otherwise
+    // the terminal's at a terminal, else the headless one.
+    HostSession(const GlobalOptions& options, const Output& out, std::shared_ptr<ViewBackend> backend = nullptr);
     ~HostSession() override; // logs off when still logged on
     HostSession(const HostSession&) = delete;
     HostSession& operator=(const HostSession&) = delete;
@@ -42,6 +47,8 @@ public:
     // Opens the service and logs on through the manager, which loads the task list.
     // With exclusive, also takes the account's run lock. Throws CliError.
     void logon(bool exclusive);
+    // The password for the next logon, asked by the host itself.
+    void setPassword(const std::string& password) { options_.password = password; }
     // No person answers the dialogs even at a terminal (the daemon).
     void setUnattended() { unattended_ = true; }
     // The result code of the last logon (0 when it succeeded).

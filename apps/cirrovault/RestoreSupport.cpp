@@ -1,12 +1,14 @@
 #include "RestoreSupport.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <cstdio>
 #include <unistd.h>
 
 #include "Credentials.h"
 #include "Output.h"
+#include "Signals.h"
 #include "engine/task/VersionNames.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/PasswordMan.h"
@@ -19,6 +21,7 @@
 #include "platform/store/StorePath.h"
 #include "support/CFileInfo.h"
 #include "support/RestoredItem.h"
+#include "ui/CDownloadFileController.h"
 
 namespace cirrovault::cli {
 
@@ -169,8 +172,17 @@ std::string RestoreSupport::passPhrase(const PassPhraseOptions& options, const s
     // A phrase typed at the terminal may be mistyped: it is asked again, three times in all.
     for (int tries = 1;; ++tries) {
         bool asked = false;
-        phrase = Credentials::passPhrase(options.file, kept, text("CliAskPassPhrase", "Pass phrase of \"{}\": ", task_->name),
-                                         &asked);
+        std::string question = text("CliAskPassPhrase", "Pass phrase of \"{}\": ", task_->name);
+        if (options.ask && tries > 1)
+            question = text("CliTryPassPhrase", "That pass phrase does not open the files; try again.") + "\n" + question;
+        if (options.ask && (tries > 1 || !kept)) {
+            phrase = options.ask(question);
+            asked = true;
+            if (!phrase)
+                throw CliError(Exit::Cancelled, text("CliPassPhraseCancelled", "no pass phrase was given"));
+        } else {
+            phrase = Credentials::passPhrase(options.file, kept, question, &asked);
+        }
         if (!phrase)
             throw CliError(Exit::Logon, text("CliNoPassPhrase",
                                              "\"{}\" is encrypted: give its pass phrase with CIRROVAULT_PASSPHRASE or "
@@ -178,11 +190,13 @@ std::string RestoreSupport::passPhrase(const PassPhraseOptions& options, const s
                                              task_->name));
         if (sample.empty() || opens(sample, *phrase))
             break;
-        if (!asked || tries == 3)
+        if ((!asked && !options.ask) || tries == 3)
             throw CliError(Exit::Logon, text("CliWrongPassPhrase",
                                              "the pass phrase does not open the files of \"{}\"; nothing was changed",
                                              task_->name));
-        std::fprintf(stderr, "%s\n", text("CliTryPassPhrase", "That pass phrase does not open the files; try again.").c_str());
+        // A host's own prompt says it in its next question.
+        if (!options.ask)
+            std::fprintf(stderr, "%s\n", text("CliTryPassPhrase", "That pass phrase does not open the files; try again.").c_str());
     }
     if (options.keep && phrase != kept)
         keepPassPhrase(*phrase);
@@ -227,6 +241,75 @@ int64_t RestoreSupport::readBack(const std::string& serverPath, const std::strin
     }
     copy = scratch_ + "/" + std::to_string(++scratchCount_);
     return restoreFile(serverPath, copy, passPhrase, nullptr);
+}
+
+RestoreOutcome RestoreSupport::restoreItems(const std::vector<RestoreItem>& items, const std::string& to,
+                                            bool overwrite, const std::string& passPhrase,
+                                            const std::shared_ptr<ViewBackend>& backend) const {
+    uint64_t total = 0;
+    for (const auto& item : items)
+        total += item.size;
+    CDownloadFileController window(backend);
+    window.iTotalSize = total;
+    window.setStrDownPath(to);
+    TrueProgressCallback& progress = *window.pDownloadProgBar;
+    RestoreOutcome outcome;
+    std::atomic<bool> finished{false};
+    Thread* self = nullptr;
+    Thread worker([&] {
+        progress.setTotalSize(total);
+        progress.setTotalFiles(static_cast<int64_t>(items.size()));
+        uint64_t done = 0;
+        for (const auto& item : items) {
+            if (window.IsCancelDownload(self) || progress.IsClickedCancel() || Signals::pending()) {
+                outcome.cancelled = true;
+                break;
+            }
+            if (FileSystem::exists(item.local) && !overwrite) {
+                outcome.kept.push_back(item.local);
+            } else {
+                window.setStrRestoringFile(item.local);
+                progress.setDoneSize(done);
+                std::string notAsItWas;
+                int64_t code =
+                    restoreFile(item.server, item.local, passPhrase, &progress, item.modifyTime, &notAsItWas);
+                if (code == ResultCode::Cancelled) {
+                    outcome.cancelled = true;
+                    break;
+                }
+                if (code == ResultCode::Success) {
+                    outcome.restored.push_back(item.local);
+                    outcome.bytesRestored += item.size;
+                    if (!notAsItWas.empty())
+                        outcome.incomplete.push_back(item.local + ": " + notAsItWas);
+                } else
+                    outcome.failed.push_back(item.local + ": " + TransferApiUtil::stringWithReturnCode(code));
+            }
+            done += item.size;
+            window.iHasDownloadSize = done;
+            progress.setDoneFiles(progress.doneFiles() + 1);
+            progress.setSentSize(0);
+        }
+        finished = true;
+        window.refreshPrgbarDelegate(); // the last frame shows where it ended
+        window.LeaveProgressModel(self);
+    });
+    self = &worker;
+    // A signal stops the transfer under way, not only the next file.
+    Thread watcher([&] {
+        while (!finished) {
+            if (Signals::wait(0.2) != 0) {
+                progress.setBClickedCancel(true);
+                return;
+            }
+        }
+    });
+    watcher.start();
+    window.EnterProgressMode(&worker);
+    worker.join();
+    finished = true;
+    watcher.join();
+    return outcome;
 }
 
 } // namespace cirrovault::cli

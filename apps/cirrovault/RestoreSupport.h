@@ -1,11 +1,14 @@
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "HostSession.h"
 #include "platform/framework/PathInfo.h"
+#include "platform/view/ViewBackend.h"
 
 namespace cirrovault {
 class TrueProgressCallback;
@@ -17,6 +20,25 @@ namespace cirrovault::cli {
 struct PassPhraseOptions {
     std::string file;  // --passphrase-file
     bool keep = false; // --keep-passphrase: remember it on this computer
+    // A host's own prompt (the desktop's dialog), asked instead of the terminal when the
+    // kept phrase is missing or wrong; nothing = cancelled.
+    std::function<std::optional<std::string>(const std::string& question)> ask;
+};
+
+// One stored file and the place it is restored to.
+struct RestoreItem {
+    std::string server;
+    std::string local;
+    uint64_t size = 0;
+    Date modifyTime;
+};
+
+// What a restore did with its items.
+struct RestoreOutcome {
+    std::vector<std::string> restored, kept, failed;
+    std::vector<std::string> incomplete; // restored, but a link, mode or time could not be set
+    uint64_t bytesRestored = 0;
+    bool cancelled = false;
 };
 
 // One older version of a file, kept in the task's history folder as baseK.ext.
@@ -67,6 +89,11 @@ public:
     int64_t restoreFile(const std::string& serverPath, const std::string& localPath, const std::string& passPhrase,
                         TrueProgressCallback* progress, Date modifyTime = Date(),
                         std::string* notAsItWas = nullptr) const;
+    // Restores the items on a worker while the restore window runs modally on this
+    // thread; an item whose place is taken is kept unless overwrite. Cancel (with its
+    // question), SIGINT and SIGTERM stop it, also in the middle of a file.
+    RestoreOutcome restoreItems(const std::vector<RestoreItem>& items, const std::string& to, bool overwrite,
+                                const std::string& passPhrase, const std::shared_ptr<ViewBackend>& backend) const;
     // Reads one stored file back (decrypted and checked) into a scratch file that the
     // caller removes; answers a result code and the scratch file's path.
     int64_t readBack(const std::string& serverPath, const std::string& passPhrase, std::string& copy);

@@ -103,6 +103,13 @@ HostSession::TaskPtr TaskCreation::create(HostSession& session, const std::strin
         std::string why = session.lastMessage();
         throw CliError(Exit::Usage, why.empty() ? text("CliTaskRefused", "the task was refused") : why);
     }
+    return finish(session, input, passPhrase);
+}
+
+HostSession::TaskPtr TaskCreation::finish(HostSession& session, const TaskInput& input,
+                                          const std::string& passPhrase) {
+    CBackupManage& manager = session.manager();
+    int32_t kind = input.kind.value_or(CBackupTask::ScheduleNone);
     std::string taskName = manager.getCreateNewTaskName();
     if (kind == CBackupTask::ScheduleNone)
         manager.setType(CBackupTask::ScheduleNone);

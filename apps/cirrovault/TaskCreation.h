@@ -16,6 +16,9 @@ public:
     // Throws CliError with the wizard's or the manager's reason.
     static HostSession::TaskPtr create(HostSession& session, const std::string& name,
                                        const TaskInput& input, const std::string& passPhrase);
+    // What follows the wizard's Next: no schedule, the dates, the filters and the
+    // encryption go to the manager, which registers the task. Throws CliError.
+    static HostSession::TaskPtr finish(HostSession& session, const TaskInput& input, const std::string& passPhrase);
     // A task's name becomes a folder name on the service, where longer names (with room
     // for what the store adds) would fail every run. Throws CliError (bad input).
     static void checkNameLength(const std::string& name);

@@ -15,10 +15,21 @@ expected="./opt/cv/bin/cirrovault
 ./opt/cv/share/man/man1/cirrovault.1
 ./opt/cv/share/systemd/user/cirrovault.service
 ./opt/cv/share/zsh/site-functions/_cirrovault"
+# The desktop host comes along when it was built beside the program.
+if [ -x "$(dirname "$binary")/cirrovault-gtk" ]; then
+  expected=$(printf '%s\n' "$expected" ./opt/cv/bin/cirrovault-gtk \
+    ./opt/cv/share/applications/org.cirrovault.Desktop.desktop \
+    ./opt/cv/share/icons/hicolor/scalable/apps/cirrovault.svg | sort)
+  entry=$stage/opt/cv/share/applications/org.cirrovault.Desktop.desktop
+fi
 if [ "$tree" != "$expected" ]; then
   echo "installed tree differs:"; diff <(echo "$expected") <(echo "$tree"); exit 1
 fi
 [ -x "$stage/opt/cv/bin/cirrovault" ] || { echo "the program is not executable"; exit 1; }
+if [ -n "${entry:-}" ]; then
+  grep -qx 'Exec=/opt/cv/bin/cirrovault-gtk' "$entry" || { echo "menu entry does not start the installed program"; exit 1; }
+  if command -v desktop-file-validate >/dev/null; then desktop-file-validate "$entry"; fi
+fi
 
 unit=$stage/opt/cv/share/systemd/user/cirrovault.service
 grep -qx 'ExecStart=/opt/cv/bin/cirrovault daemon' "$unit" || { echo "unit does not run the installed program"; exit 1; }
