@@ -51,7 +51,8 @@ int main(int argc, char** argv) {
     auto* limitOption = app.add_option("--limit-upload", limitUpload,
                    "upload at most this many KiB/s in this command, 0 for no limit (default: the setting "
                    "LimitUpload; `options LimitUpload=N` keeps one)")
-        ->type_name("KiB/s");
+        ->type_name("KiB/s")
+        ->check(CLI::Range(uint64_t{0}, uint64_t{1} << 30)); // a negative number must not wrap round
     app.set_version_flag("--version", "cirrovault " CIRROVAULT_VERSION);
     app.fallthrough();
 

@@ -91,7 +91,7 @@ uint64_t TransferApiUtil::uploadLimit() {
     std::string text = NimboSetting::GetSettingValueForKey("LimitUpload", "");
     char* end = nullptr;
     unsigned long long kib = std::strtoull(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || text[0] == '-' || kib > (uint64_t(1) << 40)) {
+    if (text.empty() || *end != '\0' || text[0] == '-' || kib > (uint64_t(1) << 30)) {
         if (!text.empty())
             SystemLog::write("Error: the setting LimitUpload is not a number of KiB/s: " + text);
         return 0;

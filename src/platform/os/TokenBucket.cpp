@@ -8,6 +8,8 @@ namespace cirrovault {
 
 namespace {
 constexpr double WaitSlice = 0.1; // seconds between two looks at keepWaiting
+// Less is not worth a sleep, and a date in seconds since 1970 cannot tell it anyway.
+constexpr double Negligible = 1e-3;
 }
 
 TokenBucket::TokenBucket(uint64_t bytesPerSecond)
@@ -33,7 +35,7 @@ bool TokenBucket::take(uint64_t n, const std::function<bool()>& keepWaiting) {
     }
     for (;;) {
         double left = wait - Clock::shared().now().timeIntervalSinceDate(start);
-        if (left <= 0)
+        if (left <= Negligible)
             return true;
         if (keepWaiting && !keepWaiting())
             return false;
