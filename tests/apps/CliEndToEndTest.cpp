@@ -199,7 +199,7 @@ TEST_F(CliEndToEnd, SettingsExclusionsAndTheUploadLimitAreCommands) {
     ASSERT_EQ(set.code, 0) << set.err;
     // The password typed into the URL is kept with the secrets, never listed.
     EXPECT_EQ(set.out.find("s3cret"), std::string::npos) << set.out;
-    EXPECT_NE(set.out.find("smtps://mailer@mail.example.org:465"), std::string::npos) << set.out;
+    EXPECT_NE(set.out.find("smtps://mailer@mail.example.org:465 "), std::string::npos) << set.out;
     EXPECT_EQ(read("config/cirrovault/settings.plist").find("s3cret"), std::string::npos);
     EXPECT_NE(read("config/cirrovault/passwords.plist").find("s3cret"), std::string::npos);
     nlohmann::json doc = nlohmann::json::parse(run({"--json", "options"}).out, nullptr, false);

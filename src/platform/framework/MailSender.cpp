@@ -277,6 +277,9 @@ bool MailSender::splitServerURL(const std::string& url, std::string& withoutPass
         curl_url_set(parts, CURLUPART_PASSWORD, nullptr, 0);
         if (curl_url_get(parts, CURLUPART_URL, &text, 0) == CURLUE_OK && text) {
             withoutPassword = text;
+            // The parser adds a "/" the user did not type; an SMTP URL has no path to end.
+            if (withoutPassword.ends_with('/') && !url.ends_with('/'))
+                withoutPassword.pop_back();
             usable = true;
         }
     }
