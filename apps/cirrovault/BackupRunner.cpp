@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "Signals.h"
+#include "TaskFormat.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/store/StoreBackend.h"
 #include "support/GlobalFunction.h"
@@ -150,8 +151,9 @@ std::string BackupRunner::stateSummary(const HostSession::TaskPtr& task, const R
                     outcome.errorText.empty() ? "" : ": " + outcome.errorText);
     switch (outcome.state) {
     case CBackupTask::StateSucceeded:
-        return text("CliBackupDone", "Backed up \"{}\": {} new or changed files, {} sent -> {}",
-                    task->name, outcome.filesToSend,
+        return text("CliBackupDone", "Backed up \"{}\": {}, {} sent -> {}", task->name,
+                    TaskFormat::countText(static_cast<size_t>(std::max(outcome.filesToSend, 0)),
+                                          "new or changed file", "new or changed files"),
                     GlobalFunction::stringFromFileSize(outcome.bytesSent), storedAt(task->serverPath));
     case CBackupTask::StateCancelled:
         return text("CliBackupCancelled",

@@ -62,8 +62,9 @@ int dryRun(const HostSession::TaskPtr& task, const Output& out) {
         out.line(text("CliWouldSend", "would send  {}", f));
         list.push(f);
     }
-    out.line(text("CliBackupDryRun", "Dry run: \"{}\" would send {} new or changed files ({}); nothing was sent.",
-                  task->name, files.size(), GlobalFunction::stringFromFileSize(bytes)));
+    out.line(text("CliBackupDryRun", "Dry run: \"{}\" would send {} ({}); nothing was sent.", task->name,
+                  TaskFormat::countText(files.size(), "new or changed file", "new or changed files"),
+                  GlobalFunction::stringFromFileSize(bytes)));
     Json doc = Json::object();
     doc.set("ok", true).set("dryRun", true).set("task", task->name).set("wouldSend", list).set("bytes", bytes);
     out.result(doc);

@@ -10,6 +10,7 @@
 #include "Commands.h"
 #include "RestoreSupport.h"
 #include "Signals.h"
+#include "TaskFormat.h"
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ResultCodes.h"
@@ -210,11 +211,12 @@ int checkCommand(const CheckArgs& args, const GlobalOptions& global, const Outpu
             j.set("path", p.path).set("problem", p.what);
             found.push(j);
         }
-        out.line(text("CheckTaskLine", "\"{}\": {} files and {} older versions checked{}; {} problems.", report.task,
-                      report.files, report.versions,
+        out.line(text("CheckTaskLine", "\"{}\": {} and {} checked{}; {}.", report.task,
+                      TaskFormat::countText(report.files, "file", "files"),
+                      TaskFormat::countText(report.versions, "older version", "older versions"),
                       args.readData ? text("CheckReadBack", ", {} read back", GlobalFunction::stringFromFileSize(report.bytesRead))
                                     : "",
-                      report.problems.size()));
+                      TaskFormat::countText(report.problems.size(), "problem", "problems")));
         Json t = Json::object();
         t.set("task", report.task).set("files", static_cast<uint64_t>(report.files))
             .set("versions", static_cast<uint64_t>(report.versions)).set("bytesRead", report.bytesRead)
@@ -232,7 +234,7 @@ int checkCommand(const CheckArgs& args, const GlobalOptions& global, const Outpu
         return Exit::Cancelled;
     }
     if (problems > 0) {
-        std::fprintf(stderr, "cirrovault: %s\n", text("CheckFound", "the check found {} problems", problems).c_str());
+        std::fprintf(stderr, "cirrovault: %s\n", text("CheckFound", "the check found {}", TaskFormat::countText(problems, "problem", "problems")).c_str());
         return Exit::Failed;
     }
     return Exit::Ok;

@@ -90,8 +90,8 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
         }
     });
     OptionsMan::LoadOptions();
-    say(text("CliDaemonUp", "cirrovault daemon {} logged on as {} with {} tasks", getpid(), session.userName(),
-             session.manager().getTasksList().size()));
+    say(text("CliDaemonUp", "cirrovault daemon {} logged on as {} with {}", getpid(), session.userName(),
+             TaskFormat::countText(session.manager().getTasksList().size(), "task", "tasks")));
     ServiceNotify::ready();
     // The options may ask for the scheduled backups to wait a few minutes after logon.
     if (!args.now && OptionsMan::IsAutoStartScheduleAfterMinutes() && OptionsMan::intervalMinutes() > 0) {

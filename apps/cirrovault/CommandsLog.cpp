@@ -6,9 +6,14 @@
 #include <optional>
 
 #include "Commands.h"
+#include "Credentials.h"
 #include "EventLogFile.h"
 #include "platform/framework/LoadString.h"
+#include "platform/framework/MailSender.h"
+#include "platform/framework/NimboSetting.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/SecretMemory.h"
 #include "support/CErrorLog.h"
 #include "support/OptionsMan.h"
 
@@ -119,24 +124,155 @@ std::optional<bool> parseBool(std::string v) {
     return std::nullopt;
 }
 
-void assign(const std::string& assignment) {
+// Settings of this computer (settings.plist), set beside the account's options: the
+// report mail server, and how uploads and change tests behave here.
+struct SettingInfo {
+    const char* key;
+    const char* kind; // smtp, address, secret, bool, number, text
+    const char* help;
+};
+
+const SettingInfo kSettings[] = {
+    {"SMTPURL", "smtp", "mail server of the reports: smtp://host:587 or smtps://user@host (none: reports wait in the outbox folder)"},
+    {"SMTPFrom", "address", "sender of the reports (default cirrovault@<this computer>)"},
+    {"SMTPPassword", "secret", "password of the user in SMTPURL, kept in the desktop keyring or an owner-only file; - asks for it"},
+    {"DesktopNotifications", "bool", "tell the desktop when a backup fails or ends (default yes; needs a desktop session)"},
+    {"LimitUpload", "number", "upload speed limit in KiB/s, 0 for none (--limit-upload sets it for one command)"},
+    {"Quota", "number", "bytes the account may hold on a WebDAV server that tells no quota"},
+    {"IgnoreTimeSpan", "number", "seconds by which equal-sized files' times may differ on stores that keep whole seconds"},
+    {"UploadLocalPathCount", "text", "any text sends a task's folders to the task list in batches of 100"},
+};
+
+bool sameKey(std::string a, std::string b) {
+    std::transform(a.begin(), a.end(), a.begin(), ::tolower);
+    std::transform(b.begin(), b.end(), b.begin(), ::tolower);
+    return a == b;
+}
+
+std::string allKeys() {
+    std::string keys;
+    for (const auto& o : kOptions)
+        keys += std::string(keys.empty() ? "" : ", ") + o.key;
+    for (const auto& s : kSettings)
+        keys += std::string(", ") + s.key;
+    return keys;
+}
+
+// The setting as listings show it: a password typed into the SMTP URL by hand stays
+// out of them.
+std::optional<std::string> printable(const SettingInfo& s) {
+    auto value = NimboSetting::GetSetting(s.key);
+    std::string url, password;
+    if (value && std::string(s.kind) == "smtp" && MailSender::splitServerURL(*value, url, password)) {
+        SecretMemory::wipe(password);
+        return url;
+    }
+    return value;
+}
+
+Json settingValue(const SettingInfo& s) {
+    if (std::string(s.kind) == "secret")
+        return PasswordMan().GetMailPassword().has_value();
+    auto value = printable(s);
+    return value ? Json(*value) : Json();
+}
+
+std::string shownSetting(const SettingInfo& s) {
+    if (std::string(s.kind) == "secret")
+        return PasswordMan().GetMailPassword() ? "(kept)" : "(none)";
+    return printable(s).value_or("(none)");
+}
+
+bool isNumber(const std::string& v) {
+    return !v.empty() && v.size() <= 18 && v.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// A checked setting, written only once every assignment of the command is known good.
+// An empty value removes the setting: the program's default holds again.
+struct SettingChange {
+    const SettingInfo* setting;
+    std::string value;
+    std::optional<std::string> password; // a secret to keep ("" removes it)
+};
+
+SettingChange checkSetting(const SettingInfo& s, std::string value) {
+    std::string kind = s.kind;
+    std::string key = s.key;
+    SettingChange change{&s, kind == "secret" ? "" : value, std::nullopt};
+    if (kind == "secret") {
+        if (value == "-") {
+            auto asked = Credentials::prompt(text("CliAskSmtpPassword", "Password of the mail server: "));
+            if (!asked)
+                throw CliError(Exit::Usage, text("CliNoSmtpPassword", "{}=- needs a terminal to ask at", key));
+            value = *asked;
+        }
+        change.password = value;
+        SecretMemory::wipe(value);
+        return change;
+    }
+    if (value.empty())
+        return change;
+    if (kind == "smtp") {
+        std::string password;
+        // The value is not repeated: it may hold a password.
+        if (!MailSender::splitServerURL(value, change.value, password))
+            throw CliError(Exit::Usage, text("CliBadSmtpURL", "{} takes smtp://host[:port] or smtps://user@host", key));
+        // A password typed into the URL is kept with the other secrets, never in the
+        // settings file that listings print.
+        if (!password.empty())
+            change.password = password;
+        SecretMemory::wipe(password);
+    } else if (kind == "address" && MailSender::splitRecipients(value).size() != 1) {
+        throw CliError(Exit::Usage, text("CliBadAddress", "{} takes one mail address, not \"{}\"", key, value));
+    } else if (kind == "bool") {
+        auto b = parseBool(value);
+        if (!b)
+            throw CliError(Exit::Usage, text("CliBadBool", "{} takes yes or no, not \"{}\"", key, value));
+        change.value = *b ? "yes" : "no";
+    } else if (kind == "number" && !isNumber(value)) {
+        throw CliError(Exit::Usage, text("CliBadNumber", "{} takes a whole number, not \"{}\"", key, value));
+    }
+    return change;
+}
+
+void writeSetting(SettingChange& change) {
+    if (change.password) {
+        bool kept = change.password->empty() ? PasswordMan().RemoveMailPassword()
+                                             : PasswordMan().SetMailPassword(*change.password);
+        SecretMemory::wipe(*change.password);
+        if (!kept)
+            throw CliError(Exit::Failed, text("CliSecretNotKept", "the password could not be kept; see `cirrovault --verbose`"));
+    }
+    if (std::string(change.setting->kind) == "secret")
+        return;
+    std::string key = change.setting->key;
+    bool written = change.value.empty() ? NimboSetting::RemoveSettingForKey(key)
+                                        : NimboSetting::SetSettingValueForKey(key, change.value);
+    if (!written)
+        throw CliError(Exit::Failed, text("CliSettingNotWritten", "the settings file {} could not be written",
+                                          NimboSetting::SettingsFilePath()));
+}
+
+// Sets an option in memory (answering true: the options file is to be saved), or checks
+// a setting into settings.
+bool assign(const std::string& assignment, std::vector<SettingChange>& settings) {
     auto eq = assignment.find('=');
     std::string name = assignment.substr(0, eq);
     const OptionInfo* option = nullptr;
-    for (const auto& o : kOptions) {
-        std::string a = o.key, b = name;
-        std::transform(a.begin(), a.end(), a.begin(), ::tolower);
-        std::transform(b.begin(), b.end(), b.begin(), ::tolower);
-        if (a == b)
+    for (const auto& o : kOptions)
+        if (sameKey(o.key, name))
             option = &o;
-    }
-    if (eq == std::string::npos || !option) {
-        std::string keys;
-        for (const auto& o : kOptions)
-            keys += std::string(keys.empty() ? "" : ", ") + o.key;
-        throw CliError(Exit::Usage, text("CliBadOption", "\"{}\" is not KEY=VALUE with a KEY of: {}", assignment, keys));
-    }
+    const SettingInfo* setting = nullptr;
+    for (const auto& s : kSettings)
+        if (sameKey(s.key, name))
+            setting = &s;
+    if (eq == std::string::npos || (!option && !setting))
+        throw CliError(Exit::Usage, text("CliBadOption", "\"{}\" is not KEY=VALUE with a KEY of: {}", assignment, allKeys()));
     std::string value = assignment.substr(eq + 1);
+    if (setting) {
+        settings.push_back(checkSetting(*setting, value));
+        return false;
+    }
     std::string key = option->key;
     if (std::string(option->kind) == "bool") {
         auto b = parseBool(value);
@@ -154,6 +290,7 @@ void assign(const std::string& assignment) {
     } else {
         OptionsMan::setReportEmail(value);
     }
+    return true;
 }
 
 int optionsCommand(const OptionArgs& args, const GlobalOptions& global, const Output& out) {
@@ -176,9 +313,13 @@ int optionsCommand(const OptionArgs& args, const GlobalOptions& global, const Ou
                                            file));
     if (!OptionsMan::options())
         OptionsMan::initOptions();
+    bool optionsChanged = false;
+    std::vector<SettingChange> settingChanges;
     for (const auto& a : args.assignments)
-        assign(a);
-    if (!args.assignments.empty()) {
+        optionsChanged = assign(a, settingChanges) || optionsChanged;
+    for (auto& change : settingChanges)
+        writeSetting(change);
+    if (optionsChanged) {
         if (args.publicFile)
             OptionsMan::SavePublicOptions();
         else
@@ -189,13 +330,24 @@ int optionsCommand(const OptionArgs& args, const GlobalOptions& global, const Ou
     for (const auto& o : kOptions) {
         values.set(o.key, currentValue(o));
         char key[24];
-        std::snprintf(key, sizeof key, "%-18s", o.key);
+        std::snprintf(key, sizeof key, "%-21s", o.key);
         char val[40];
         std::snprintf(val, sizeof val, "%-22s", shown(o).c_str());
         out.line(std::string("  ") + key + val + o.help);
     }
+    Json settings = Json::object();
+    out.line(text("CliSettingsFile", "settings of this computer ({})", NimboSetting::SettingsFilePath()));
+    for (const auto& s : kSettings) {
+        settings.set(s.key, settingValue(s));
+        char key[24];
+        std::snprintf(key, sizeof key, "%-21s", s.key);
+        std::string value = shownSetting(s);
+        value.resize(std::max<size_t>(value.size() + 1, 22), ' ');
+        out.line(std::string("  ") + key + value + s.help);
+    }
     Json doc = Json::object();
-    doc.set("ok", true).set("file", file).set("options", values);
+    doc.set("ok", true).set("file", file).set("options", values).set("settingsFile", NimboSetting::SettingsFilePath())
+        .set("settings", settings);
     out.result(doc);
     return Exit::Ok;
 }
@@ -211,8 +363,12 @@ void addLogCommands(CLI::App& app, Runner& run) {
 
     auto oargs = std::make_shared<OptionArgs>();
     auto* options = app.add_subcommand(
-        "options", "show every option; `options KEY=VALUE...` sets them (AutoRunLogon, UseSSL, AutoScheduleType, "
-                   "Minutes, ReportEmail, ReportWhenError, ReportWhenFinish)");
+        "options", "show every option and setting; `options KEY=VALUE...` sets them, an empty VALUE unsets a "
+                   "setting. The account's options: AutoRunLogon, UseSSL, AutoScheduleType, Minutes, ReportEmail, "
+                   "ReportWhenError, ReportWhenFinish. This computer's settings: SMTPURL, SMTPFrom, SMTPPassword "
+                   "(- asks for it), DesktopNotifications, LimitUpload (KiB/s), Quota (bytes), IgnoreTimeSpan (seconds), "
+                   "UploadLocalPathCount. For example: options SMTPURL=smtps://me@mail.example.org "
+                   "SMTPPassword=- ReportEmail=me@example.org ReportWhenError=yes");
     options->add_option("assignments", oargs->assignments, "KEY=VALUE to set");
     options->add_flag("--public", oargs->publicFile, "this computer's options file instead of the account's");
     options->callback([&run, oargs] { run = [oargs](auto& g, auto& o) { return optionsCommand(*oargs, g, o); }; });

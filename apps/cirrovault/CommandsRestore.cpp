@@ -88,8 +88,9 @@ int dryRun(const RestoreArgs& args, const std::vector<RestoreItem>& items, const
             out.line(text("CliWouldRestore", "would restore  {}", item.local));
         }
     }
-    out.line(text("CliRestoreDryRun", "Dry run: {} files ({}) would be restored into {}, {} kept; nothing was written.",
-                  writes, GlobalFunction::stringFromFileSize(bytes), args.to, keeps));
+    out.line(text("CliRestoreDryRun", "Dry run: {} ({}) would be restored into {}, {} kept; nothing was written.",
+                  TaskFormat::countText(writes, "file", "files"), GlobalFunction::stringFromFileSize(bytes), args.to,
+                  keeps));
     Json doc = Json::object();
     doc.set("ok", true).set("dryRun", true).set("wouldRestore", w).set("wouldKeep", k);
     out.result(doc);
@@ -144,11 +145,14 @@ int restoreCommand(const RestoreArgs& args, const GlobalOptions& global, const O
                   GlobalFunction::stringFromFileSize(outcome.bytesRestored), args.to, outcome.kept.size(), outcome.failed.size()));
     // Keeping what is already there is what was asked for without --overwrite: not a failure.
     if (!outcome.kept.empty())
-        out.line(text("CliKeptHint", "{} existing files were kept as they are; --overwrite replaces them.",
-                      outcome.kept.size()));
+        out.line(outcome.kept.size() == 1
+                     ? text("CliKeptHintOne", "1 existing file was kept as it is; --overwrite replaces it.")
+                     : text("CliKeptHint", "{} existing files were kept as they are; --overwrite replaces them.",
+                            outcome.kept.size()));
     if (outcome.cancelled) {
-        std::fprintf(stderr, "cirrovault: %s\n", text("CliRestoreCancelled", "the restore was cancelled; {} of {} files restored",
-                                                      outcome.restored.size(), items.size()).c_str());
+        std::fprintf(stderr, "cirrovault: %s\n", text("CliRestoreCancelled", "the restore was cancelled; {} of {} restored",
+                                                      outcome.restored.size(),
+                                                      TaskFormat::countText(items.size(), "file", "files")).c_str());
         return Exit::Cancelled;
     }
     return ok ? Exit::Ok : Exit::Failed;
@@ -214,8 +218,10 @@ int versionsDeleteCommand(const VersionArgs& args, const GlobalOptions& global, 
             ++left;
     }
     if (left > 0)
-        throw CliError(Exit::Failed, text("CliVersionsLeft", "{} of {} versions could not be deleted", left, paths.size()));
-    out.line(text("CliVersionsDeleted", "Deleted {} older version(s) of {}.", paths.size(), rel));
+        throw CliError(Exit::Failed, text("CliVersionsLeft", "{} of {} could not be deleted", left,
+                                          TaskFormat::countText(paths.size(), "version", "versions")));
+    out.line(text("CliVersionsDeleted", "Deleted {} of {}.",
+                  TaskFormat::countText(paths.size(), "older version", "older versions"), rel));
     Json doc = Json::object();
     doc.set("ok", true).set("deleted", static_cast<uint64_t>(paths.size()));
     out.result(doc);

@@ -113,6 +113,19 @@ void applySchedule(CBackupTask& task, const TaskInput& input) {
         task.SetSchDating(input.firstRun(), true);
 }
 
+void editPatterns(std::vector<std::string>& patterns, const std::vector<std::string>& added,
+                  const std::vector<std::string>& dropped, const std::string& taskName) {
+    for (const auto& d : dropped) {
+        auto at = std::find(patterns.begin(), patterns.end(), d);
+        if (at == patterns.end())
+            throw CliError(Exit::Usage, text("CliNotAnExclusion", "\"{}\" is not an exclusion of \"{}\"", d, taskName));
+        patterns.erase(at);
+    }
+    for (const auto& a : added)
+        if (std::find(patterns.begin(), patterns.end(), a) == patterns.end())
+            patterns.push_back(a);
+}
+
 int editCommand(TaskArgs& args, const GlobalOptions& global, const Output& out) {
     args.input.check();
     std::vector<std::string> removed;
@@ -162,14 +175,13 @@ int editCommand(TaskArgs& args, const GlobalOptions& global, const Output& out) 
     if (!args.input.description.empty())
         task->description = args.input.description;
     applySchedule(*task, args.input);
+    // Exclusions change the way sources do: named ones are added or dropped, the rest stay.
     if (args.clearExcludes) {
         task->filterExt.clear();
         task->filtedPath.clear();
     }
-    if (!args.input.excludeExt.empty())
-        task->filterExt = args.input.excludeExt;
-    if (!args.input.excludeFolder.empty())
-        task->filtedPath = args.input.excludeFolder;
+    editPatterns(task->filterExt, args.input.excludeExt, args.input.noExcludeExt, task->name);
+    editPatterns(task->filtedPath, args.input.excludeFolder, args.input.noExcludeFolder, task->name);
     task->addFileArray = added;
     task->deleteFileArray = dropped;
     task->backupFileArray = sources;
@@ -253,8 +265,16 @@ void addInputOptions(CLI::App* cmd, TaskInput& input, bool forNew) {
     cmd->add_option("--weekday", input.weekday, "day of a weekly run: mon, tue, ... sun");
     cmd->add_option("--from", input.from, "first day the schedule runs, YYYY-MM-DD [HH:MM]");
     cmd->add_option("--until", input.until, "last day the schedule runs, YYYY-MM-DD [HH:MM]");
-    cmd->add_option("--exclude-ext", input.excludeExt, "leave out files matching this pattern, e.g. *.tmp (repeat)");
-    cmd->add_option("--exclude-folder", input.excludeFolder, "leave out folders matching this pattern (repeat)");
+    cmd->add_option("--exclude-ext", input.excludeExt, forNew ? "leave out files matching this pattern, e.g. *.tmp (repeat)"
+                                                              : "add a pattern of files to leave out (repeat)");
+    cmd->add_option("--exclude-folder", input.excludeFolder, forNew ? "leave out folders matching this pattern (repeat)"
+                                                                    : "add a pattern of folders to leave out (repeat)");
+    cmd->add_option("--exclude-from", input.excludeFrom,
+                    "add the patterns of a file: one a line, # comments; a line ending in / names folders");
+    if (!forNew) {
+        cmd->add_option("--no-exclude-ext", input.noExcludeExt, "drop a file pattern (repeat)");
+        cmd->add_option("--no-exclude-folder", input.noExcludeFolder, "drop a folder pattern (repeat)");
+    }
     auto* skip = cmd->add_flag("--skip-hidden", input.skipHidden,
                                "leave out every name that begins with \".\" (dotfiles are backed up by default)");
     if (!forNew)
@@ -283,12 +303,14 @@ void addTaskCommands(CLI::App& app, Runner& run) {
                      "store the files encrypted with a pass phrase (CIRROVAULT_PASSPHRASE, or asked)");
     create->callback([&run, args] { run = [args](auto& g, auto& o) { return newCommand(*args, g, o); }; });
 
-    auto* edit = task->add_subcommand("edit", "change a task's settings");
+    auto* edit = task->add_subcommand("edit", "change a task's settings; sources and exclusions named are added "
+                                              "(--source, --exclude-*) or dropped (--remove-source, --no-exclude-*), "
+                                              "the others stay");
     edit->add_option("name", args->name, "the task")->required();
     addInputOptions(edit, args->input, false);
     edit->add_option("--remove-source", args->removeSources, "stop backing up this source (repeat)");
     edit->add_option("--rename", args->rename, "give the task a new name");
-    edit->add_flag("--clear-excludes", args->clearExcludes, "drop every exclusion pattern");
+    edit->add_flag("--clear-excludes", args->clearExcludes, "drop every exclusion pattern (before adding the ones named)");
     edit->callback([&run, args] { run = [args](auto& g, auto& o) { return editCommand(*args, g, o); }; });
 
     auto* remove = task->add_subcommand("delete", "delete a task and (unless kept) its files on the service");

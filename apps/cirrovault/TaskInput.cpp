@@ -19,7 +19,40 @@ std::string existingFolder(const std::string& path) {
     return resolved;
 }
 
+void readExclusionFile(const std::string& path, std::vector<std::string>& files,
+                       std::vector<std::string>& folders) {
+    auto content = FileSystem::isDirectoryFollowingLinks(path) ? std::nullopt : FileSystem::readFile(path);
+    if (!content)
+        throw CliError(Exit::Usage, text("CliExcludeFileUnreadable", "the exclusion file {} cannot be read", path));
+    size_t start = 0;
+    while (start < content->size()) {
+        size_t end = content->find('\n', start);
+        if (end == std::string::npos)
+            end = content->size();
+        std::string line = content->substr(start, end - start);
+        start = end + 1;
+        // Files written on other systems end their lines in CRLF; trailing blanks are
+        // never meant as part of a pattern.
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == '\t'))
+            line.pop_back();
+        size_t first = line.find_first_not_of(" \t");
+        if (first == std::string::npos || line[first] == '#')
+            continue;
+        line.erase(0, first);
+        if (line.back() == '/') {
+            line.pop_back();
+            folders.push_back(line); // a lone "/" becomes an empty pattern, refused by check()
+        } else {
+            files.push_back(line);
+        }
+    }
+}
+
 void TaskInput::check() {
+    if (!excludeFrom.empty()) {
+        readExclusionFile(excludeFrom, excludeExt, excludeFolder);
+        excludeFrom.clear(); // read once, even when checked again
+    }
     absoluteSources.clear();
     for (const auto& source : sources)
         absoluteSources.push_back(existingFolder(source));
@@ -55,12 +88,11 @@ void TaskInput::check() {
         throw CliError(Exit::Usage, text("CliDatesReversed", "the date range ends ({}) before it begins ({})", until, from));
     if (kind && *kind == 3 && (!fromDate || !untilDate))
         throw CliError(Exit::Usage, text("CliDatesNeedRange", "--schedule dates needs --from and --until"));
-    for (const auto& e : excludeExt)
-        if (e.empty() || e.find('|') != std::string::npos)
-            throw CliError(Exit::Usage, text("CliBadPattern", "bad exclusion pattern \"{}\"", e));
-    for (const auto& f : excludeFolder)
-        if (f.empty() || f.find('|') != std::string::npos)
-            throw CliError(Exit::Usage, text("CliBadPattern", "bad exclusion pattern \"{}\"", f));
+    // "|" separates the patterns in the service's task list.
+    for (const auto* list : {&excludeExt, &excludeFolder})
+        for (const auto& e : *list)
+            if (e.empty() || e.find('|') != std::string::npos)
+                throw CliError(Exit::Usage, text("CliBadPattern", "bad exclusion pattern \"{}\"", e));
 }
 
 Date TaskInput::firstRun() const {

@@ -19,6 +19,10 @@ struct TaskInput {
     std::string until;
     std::vector<std::string> excludeExt;
     std::vector<std::string> excludeFolder;
+    std::string excludeFrom; // a file of patterns, added to the two lists by check()
+    // edit: patterns to drop from the task
+    std::vector<std::string> noExcludeExt;
+    std::vector<std::string> noExcludeFolder;
     bool encrypt = false;
     bool skipHidden = false;   // leave out every dot-name
     bool backUpHidden = false; // edit: back dot-names up again
@@ -37,6 +41,12 @@ struct TaskInput {
     // default half an hour from now.
     Date firstRun() const;
 };
+
+// The patterns of an exclusion file: one a line; blank lines and lines starting with "#"
+// are skipped; a line ending in "/" names folders (the "/" dropped), any other names
+// files. Throws CliError (bad input) when the file cannot be read.
+void readExclusionFile(const std::string& path, std::vector<std::string>& files,
+                       std::vector<std::string>& folders);
 
 // The absolute, symlink-free path of a folder that must exist; throws CliError.
 std::string existingFolder(const std::string& path);

@@ -47,6 +47,12 @@ int main(int argc, char** argv) {
     app.add_flag("--verbose,-v", global.verbose, "print the system-log lines on stderr too");
     bool quiet = false;
     app.add_flag("--quiet,-q", quiet, "print only errors (and the JSON document with --json)");
+    uint64_t limitUpload = 0;
+    auto* limitOption = app.add_option("--limit-upload", limitUpload,
+                   "upload at most this many KiB/s in this command, 0 for no limit (default: the setting "
+                   "LimitUpload; `options LimitUpload=N` keeps one)")
+        ->type_name("KiB/s")
+        ->check(CLI::Range(uint64_t{0}, uint64_t{1} << 30)); // a negative number must not wrap round
     app.set_version_flag("--version", "cirrovault " CIRROVAULT_VERSION);
     app.fallthrough();
 
@@ -78,6 +84,8 @@ int main(int argc, char** argv) {
         return rc == 0 ? Exit::Ok : Exit::Usage;
     }
     SystemLog::setVerbose(global.verbose);
+    if (limitOption->count() > 0)
+        NimboSetting::OverrideForThisProcess("LimitUpload", std::to_string(limitUpload));
     Output out(global.json, quiet);
     if (!run) {
         out.error(Exit::Usage, "nothing to do; see --help");

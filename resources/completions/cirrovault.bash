@@ -2,11 +2,11 @@
 _cirrovault() {
     local cur=${COMP_WORDS[COMP_CWORD]} command="" sub="" i word
     local commands="logon logoff status task backup daemon restore versions log options check repair service"
-    local globals="--service --user --json --verbose --quiet --version --help"
+    local globals="--service --user --limit-upload --json --verbose --quiet --version --help"
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         case $word in
-            --service | --user) ((i++)) ;;
+            --service | --user | --limit-upload) ((i++)) ;;
             -*) ;;
             *) if [[ -z $command ]]; then command=$word; elif [[ -z $sub ]]; then sub=$word; fi ;;
         esac

@@ -2,6 +2,7 @@
 set -l commands logon logoff status task backup daemon restore versions log options check repair service
 complete -c cirrovault -l service -r -d 'service URL for this command'
 complete -c cirrovault -l user -r -d 'account name'
+complete -c cirrovault -l limit-upload -r -d 'upload at most this many KiB/s'
 complete -c cirrovault -l json -d 'print one JSON document on stdout'
 complete -c cirrovault -s v -l verbose -d 'print the system-log lines on stderr too'
 complete -c cirrovault -s q -l quiet -d 'print only errors'

@@ -14,6 +14,7 @@
 #include "common/LoopbackPort.h"
 #include "common/TempHome.h"
 #include "platform/framework/NimboSetting.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
@@ -134,9 +135,14 @@ TEST_F(SmtpMailTest, PasswordIsNeverSentWithoutTls) {
     // Not sent, so kept: the report is not lost, and the password went nowhere.
     ASSERT_EQ(api.SendEmailToUser("one@example.org", "Backup finished", "Body"), ResultCode::Success);
     EXPECT_FALSE(FileSystem::exists(authLog)) << FileSystem::readFile(authLog).value_or("");
+    // The same with the password kept apart, as `options SMTPPassword=` keeps it.
+    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("SMTPURL", "smtp://mailer@127.0.0.1:" + std::to_string(port_)));
+    ASSERT_TRUE(PasswordMan().SetMailPassword("s3cret"));
+    ASSERT_EQ(api.SendEmailToUser("one@example.org", "Backup finished", "Body"), ResultCode::Success);
+    EXPECT_FALSE(FileSystem::exists(authLog)) << FileSystem::readFile(authLog).value_or("");
     auto kept = FileSystem::listDirectory(home_.dataHome() + "/cirrovault/outbox/unknown");
     ASSERT_TRUE(kept);
-    EXPECT_EQ(kept->size(), 1u);
+    EXPECT_EQ(kept->size(), 2u);
 }
 
 } // namespace

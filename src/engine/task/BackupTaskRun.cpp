@@ -53,6 +53,7 @@ bool CBackupTask::StartBackup(bool /*flag*/) {
         DateComponents parts =
             Functions::GetDateComponentsFromNSDateAndNSCalendar(now, CalendarUnit::Second);
         mLastRunDate = now.addingTimeInterval(-parts.second);
+        runStartDate = now;
 
         // The worker uses the task without owning it: the manager keeps its tasks for
         // longer than any run, and a worker that owned its task could end up destroying

@@ -86,6 +86,7 @@ public:
     Date mLastDating;  // previous scheduled run
     Date mResumeDate;  // when a failed run is retried
     Date mLastRunDate; // start of the last run, on the whole minute
+    Date runStartDate; // start of the current or last run, as it was (the report's duration)
 
     // ---- Run state and results ----
     // The scheduler and the host read the state while the run changes it.

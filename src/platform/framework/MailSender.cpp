@@ -13,10 +13,12 @@
 
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/NimboSetting.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/framework/ResultCodes.h"
 #include "platform/os/Calendar.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/Host.h"
+#include "platform/os/SecretMemory.h"
 #include "platform/os/SystemLog.h"
 
 namespace cirrovault {
@@ -213,7 +215,7 @@ std::string MailSender::composeMessage(const std::string& from,
 
 bool MailSender::sendSmtp(const std::string& url, const std::string& from,
                           const std::vector<std::string>& recipients, const std::string& message,
-                          std::string& failure) {
+                          std::string& failure, const std::string& password) {
     static std::once_flag curlReady;
     std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
     CURL* curl = curl_easy_init();
@@ -233,7 +235,10 @@ bool MailSender::sendSmtp(const std::string& url, const std::string& from,
     // TLS (smtps, or STARTTLS the server must offer) or nothing is sent at all. Without
     // them, a plain relay on this machine or network may still take the report.
     curl_easy_setopt(curl, CURLOPT_USE_SSL,
-                     static_cast<long>(hasCredentials(url) ? CURLUSESSL_ALL : CURLUSESSL_TRY));
+                     static_cast<long>(hasCredentials(url) || !password.empty() ? CURLUSESSL_ALL
+                                                                               : CURLUSESSL_TRY));
+    if (!password.empty())
+        curl_easy_setopt(curl, CURLOPT_PASSWORD, password.c_str());
     curl_easy_setopt(curl, CURLOPT_MAIL_FROM, mailFrom.c_str());
     curl_easy_setopt(curl, CURLOPT_MAIL_RCPT, rcpt);
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, readMessage);
@@ -250,6 +255,37 @@ bool MailSender::sendSmtp(const std::string& url, const std::string& from,
     curl_slist_free_all(rcpt);
     curl_easy_cleanup(curl);
     return result == CURLE_OK;
+}
+
+bool MailSender::splitServerURL(const std::string& url, std::string& withoutPassword,
+                                std::string& password) {
+    CURLU* parts = curl_url();
+    if (!parts)
+        return false;
+    bool usable = false;
+    char* text = nullptr;
+    if (curl_url_set(parts, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
+        curl_url_get(parts, CURLUPART_SCHEME, &text, 0) == CURLUE_OK && text &&
+        (std::strcmp(text, "smtp") == 0 || std::strcmp(text, "smtps") == 0)) {
+        curl_free(text);
+        text = nullptr;
+        password.clear();
+        if (curl_url_get(parts, CURLUPART_PASSWORD, &text, CURLU_URLDECODE) == CURLUE_OK && text)
+            password = text;
+        curl_free(text);
+        text = nullptr;
+        curl_url_set(parts, CURLUPART_PASSWORD, nullptr, 0);
+        if (curl_url_get(parts, CURLUPART_URL, &text, 0) == CURLUE_OK && text) {
+            withoutPassword = text;
+            // The parser adds a "/" the user did not type; an SMTP URL has no path to end.
+            if (withoutPassword.ends_with('/') && !url.ends_with('/'))
+                withoutPassword.pop_back();
+            usable = true;
+        }
+    }
+    curl_free(text);
+    curl_url_cleanup(parts);
+    return usable;
 }
 
 std::string MailSender::outboxFolder(const std::string& customerID) {
@@ -308,7 +344,10 @@ int64_t MailSender::send(const std::string& toAddress, const std::string& subjec
     std::string url = NimboSetting::GetSettingValueForKey("SMTPURL", "");
     if (!url.empty()) {
         std::string failure;
-        if (sendSmtp(url, from, recipients, message, failure))
+        std::string password = PasswordMan().GetMailPassword().value_or("");
+        bool sent = sendSmtp(url, from, recipients, message, failure, password);
+        SecretMemory::wipe(password);
+        if (sent)
             return ResultCode::Success;
         SystemLog::write("Error: report mail could not be sent by SMTP: " + failure);
     }

@@ -10,8 +10,8 @@
 namespace cirrovault {
 
 // Report mail. With the setting "SMTPURL" (smtp://host:port or smtps://..., user and
-// password may be in the URL, and then the session must be TLS: smtps, or STARTTLS
-// offered by the server) a message goes out through libcurl, from "SMTPFrom" or
+// password may be in the URL, the password better kept apart with PasswordMan; with
+// either the session must be TLS: smtps, or STARTTLS offered by the server) a message goes out through libcurl, from "SMTPFrom" or
 // cirrovault@<host name>. When it cannot be sent, or no SMTP URL is set, the message is
 // kept as an .eml file in the account's outbox folder on this computer, so no report
 // is lost.
@@ -34,10 +34,15 @@ public:
     static std::string encodeHeaderText(const std::string& text);
     static std::string rfc5322Date(Date date); // local time with its UTC offset
 
-    // Sends by SMTP; false with a reason when the server did not take the message.
+    // Sends by SMTP; false with a reason when the server did not take the message. A
+    // password given here serves the user named in the URL.
     static bool sendSmtp(const std::string& url, const std::string& from,
                          const std::vector<std::string>& recipients, const std::string& message,
-                         std::string& failure);
+                         std::string& failure, const std::string& password = "");
+    // Whether url is an SMTP server URL this sender can use (smtp:// or smtps:// with a
+    // host); its password, if it carries one, moved out into password.
+    static bool splitServerURL(const std::string& url, std::string& withoutPassword,
+                               std::string& password);
     // The outbox folder of an account, and keeping a message there; the file's path,
     // or none when it could not be written.
     static std::string outboxFolder(const std::string& customerID);

@@ -1,5 +1,6 @@
 #include "platform/framework/NimboSetting.h"
 
+#include <map>
 #include <mutex>
 
 #include "platform/framework/PropertyList.h"
@@ -12,6 +13,7 @@ namespace cirrovault {
 namespace {
 
 std::mutex gMutex;
+std::map<std::string, std::string> gOverrides; // guarded by gMutex
 
 std::string textOf(const PropertyList& value) {
     if (const std::string* s = value.string())
@@ -48,8 +50,15 @@ std::string NimboSetting::DamagedSettingsFile() {
     return "";
 }
 
+void NimboSetting::OverrideForThisProcess(const std::string& key, const std::string& value) {
+    std::lock_guard lock(gMutex);
+    gOverrides[key] = value;
+}
+
 std::optional<std::string> NimboSetting::GetSetting(const std::string& key) {
     std::lock_guard lock(gMutex);
+    if (auto o = gOverrides.find(key); o != gOverrides.end())
+        return o->second;
     auto settings = load(SettingsFilePath());
     if (const PropertyList* value = settings ? settings->find(key) : nullptr)
         return textOf(*value);

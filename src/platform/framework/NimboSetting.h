@@ -18,6 +18,9 @@ public:
     static bool SetSettingValueForKey(const std::string& key, const std::string& value);
     static bool RemoveSettingForKey(const std::string& key);
     static std::string SettingsFilePath();
+    // A value for this process only (an option typed on the command line), answered
+    // before the file's; the file is not changed.
+    static void OverrideForThisProcess(const std::string& key, const std::string& value);
     // The first of this user's settings files (the settings, who logged on here) that is
     // there but does not read as a dictionary; "" when none is. Such a file is never
     // written over: reading on from the defaults would silently switch the user's data

@@ -25,7 +25,9 @@ const char* const kUserName = "UserName";
 // Marks an entry whose secret is in the desktop keyring: the file then keeps only what
 // is not secret (the key paths, the flags, the user name).
 const char* const kInKeyring = "InKeyring";
+const char* const kMail = "MailServer";
 const char* const kAccountKind = "account";
+const char* const kMailKind = "mail";
 const char* const kPhraseKind = "phrase";
 
 // Wipes every text of a parsed store: the file's secrets are not left in freed memory.
@@ -299,6 +301,39 @@ bool PasswordMan::RemoveAccount() {
             if (root.count(kAccount) && inKeyring(&root[kAccount]) && !Keyring::remove(kAccountKind, ""))
                 SystemLog::write("Error: the account could not be removed from the desktop keyring");
             root.erase(kAccount);
+            return true;
+        });
+    });
+}
+
+bool PasswordMan::SetMailPassword(const std::string& password) {
+    return guarded("Error: PasswordMan::SetMailPassword", false, [&] {
+        if (password.empty())
+            return RemoveMailPassword();
+        return modifyStore([&](PlistDict& root) {
+            bool wasInKeyring = inKeyring(root.count(kMail) ? &root[kMail] : nullptr);
+            PlistDict entry;
+            putSecret(entry, wasInKeyring, kMailKind, "", "Cirrovault report mail server", password);
+            root[kMail] = PropertyList(std::move(entry));
+            return true;
+        });
+    });
+}
+
+std::optional<std::string> PasswordMan::GetMailPassword() const {
+    using Text = std::optional<std::string>;
+    return guarded("Error: PasswordMan::GetMailPassword", Text(), [&]() -> Text {
+        StoreRoot store = currentStore();
+        return store.root ? secretOf(store.root->find(kMail), kMailKind, "") : std::nullopt;
+    });
+}
+
+bool PasswordMan::RemoveMailPassword() {
+    return guarded("Error: PasswordMan::RemoveMailPassword", false, [&] {
+        return modifyStore([&](PlistDict& root) {
+            if (root.count(kMail) && inKeyring(&root[kMail]) && !Keyring::remove(kMailKind, ""))
+                SystemLog::write("Error: the mail server's password could not be removed from the desktop keyring");
+            root.erase(kMail);
             return true;
         });
     });

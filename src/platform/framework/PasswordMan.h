@@ -41,6 +41,12 @@ public:
     // Whether the kept account's password is in the desktop keyring (else in the file).
     bool AccountInKeyring() const;
 
+    // The password of the report mail server, whose user name is in the setting
+    // "SMTPURL": kept like the account's, never in the settings file.
+    bool SetMailPassword(const std::string& password);
+    std::optional<std::string> GetMailPassword() const;
+    bool RemoveMailPassword();
+
     static std::string PasswordFilePath();
 };
 

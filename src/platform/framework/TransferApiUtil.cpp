@@ -1,6 +1,7 @@
 #include "platform/framework/TransferApiUtil.h"
 
 #include <cctype>
+#include <cstdlib>
 #include <exception>
 
 #include <sodium.h>
@@ -86,9 +87,21 @@ std::string TransferApiUtil::defaultServiceURL() {
     }
 }
 
+uint64_t TransferApiUtil::uploadLimit() {
+    std::string text = NimboSetting::GetSettingValueForKey("LimitUpload", "");
+    char* end = nullptr;
+    unsigned long long kib = std::strtoull(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || text[0] == '-' || kib > (uint64_t(1) << 30)) {
+        if (!text.empty())
+            SystemLog::write("Error: the setting LimitUpload is not a number of KiB/s: " + text);
+        return 0;
+    }
+    return kib * 1024;
+}
+
 int64_t TransferApiUtil::OpenService(const std::string& serviceURL) {
     try {
-        std::shared_ptr<StoreBackend> opened = StoreFactory::makeBackend(serviceURL);
+        std::shared_ptr<StoreBackend> opened = StoreFactory::makeBackend(serviceURL, uploadLimit());
         if (!opened) {
             SystemLog::write("Error: TransferApiUtil::OpenService() cannot use the service URL " +
                              serviceURL);

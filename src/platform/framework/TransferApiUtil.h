@@ -32,6 +32,8 @@ public:
     // The service URL: the setting "ServiceURL", else the local store in the user's data
     // folder. Opening picks the backend; a URL it cannot serve gives NoService.
     static std::string defaultServiceURL();
+    // Bytes per second uploads may use: the setting "LimitUpload" (KiB/s), 0 for no limit.
+    static uint64_t uploadLimit();
     int64_t OpenService(const std::string& serviceURL);
     // Uses the given backend directly (tests and fault injection). A session already
     // open is kept, so a wrapper around the same store goes on with it.

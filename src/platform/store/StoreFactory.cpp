@@ -4,6 +4,7 @@
 
 #include "platform/framework/UrlCoding.h"
 #include "platform/os/SystemLog.h"
+#include "platform/store/ThrottledStore.h"
 #include "platform/store/local/LocalStore.h"
 #include "platform/store/webdav/WebDavStore.h"
 
@@ -30,7 +31,8 @@ std::string withoutCredentials(const std::string& url) {
 
 } // namespace
 
-std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& serviceURL) {
+std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& serviceURL,
+                                                        uint64_t uploadBytesPerSecond) {
     try {
         constexpr std::string_view fileScheme = "file://";
         if (startsWith(serviceURL, fileScheme)) {
@@ -44,7 +46,10 @@ std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& servi
                 SystemLog::write("Error: the service URL is not a local folder: " + serviceURL);
                 return nullptr;
             }
-            return std::make_shared<LocalStore>(folder);
+            auto local = std::make_shared<LocalStore>(folder);
+            if (uploadBytesPerSecond == 0)
+                return local;
+            return std::make_shared<ThrottledStore>(std::move(local), uploadBytesPerSecond);
         }
         if (WebDavStore::isWebDavURL(serviceURL)) {
             // Credentials come from the logon, never from the URL.
@@ -57,7 +62,9 @@ std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& servi
                                  withoutCredentials(serviceURL));
                 return nullptr;
             }
-            return std::make_shared<WebDavStore>(serviceURL);
+            HttpTimeouts limits;
+            limits.maxSendBytesPerSecond = static_cast<long long>(uploadBytesPerSecond);
+            return std::make_shared<WebDavStore>(serviceURL, limits);
         }
         SystemLog::write("Error: unknown kind of service URL: " + withoutCredentials(serviceURL));
         return nullptr;

@@ -136,10 +136,25 @@ TEST_F(BackupTaskReport, MailsFollowTheAccountOptions) {
     EXPECT_TRUE(has(sent, failSubject));
 
     // A failed run with both on: the failure and the completion mail.
+    task_->nScanTotalFiles = 12;
+    task_->uiMaxVersion = 4;
+    task_->leftOutPaths = {"/home/u/a-name-too-long"};
+    task_->runStartDate = Date::now().addingTimeInterval(-65);
     task_->sendLogByEmail(3);
     sent = mails();
     EXPECT_EQ(sent.size(), 3u);
     EXPECT_TRUE(has(sent, doneSubject));
+    // Both carry the run's figures: one left-out file and the error make two problems.
+    int withFigures = 0;
+    std::string outbox = MailSender::outboxFolder(api().customerID());
+    for (const auto& name : FileSystem::listDirectory(outbox).value_or(std::vector<std::string>{})) {
+        std::string message = readFile(outbox + "/" + name);
+        if (message.find("New or changed files found: 12 (") == std::string::npos)
+            continue;
+        ++withFigures;
+        EXPECT_NE(message.find("up to 3\r\nProblems: 2\r\nDuration: 0:01:0"), std::string::npos) << message;
+    }
+    EXPECT_EQ(withFigures, 2);
 }
 
 TEST_F(BackupTaskReport, TaskListUploadAndReload) {

@@ -86,7 +86,7 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
         {"RestoreNoSpace", 4},       {"ServerPathError", 1},         {"SourceUnreadable", 1},
         {"StrLogUploadFail", 3},     {"UploadRetriesEnded", 1},
         {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},  {"SuccessEmailTitle", 3},
-        {"TimeFormat", 3},           {"NameTooLongLeftOut", 1},
+        {"TimeFormat", 3},           {"NameTooLongLeftOut", 1},      {"ReportFigures", 6},
     };
     auto table = PropertyListFile::read(tableFile());
     ASSERT_TRUE(table);

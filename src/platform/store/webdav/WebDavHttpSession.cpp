@@ -177,6 +177,9 @@ int64_t WebDavHttpSession::perform(const HttpRequest& request, HttpResponse& res
         headers = curl_slist_append(headers, header.c_str());
     if (request.upload) {
         curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+        if (timeouts_.maxSendBytesPerSecond > 0)
+            curl_easy_setopt(easy, CURLOPT_MAX_SEND_SPEED_LARGE,
+                             static_cast<curl_off_t>(timeouts_.maxSendBytesPerSecond));
         curl_easy_setopt(easy, CURLOPT_READFUNCTION, &WebDavHttpSession::onRead);
         curl_easy_setopt(easy, CURLOPT_READDATA, &transfer);
         curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE,

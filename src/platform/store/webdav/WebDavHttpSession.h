@@ -44,6 +44,7 @@ struct HttpTimeouts {
     long connectSeconds = 15;
     // A request that moves no byte for this long has met a hung server.
     long stallSeconds = 60;
+    long long maxSendBytesPerSecond = 0; // the upload limit; 0 for none
 };
 
 // A reused libcurl connection (keep-alive) with Basic credentials. Not thread-safe:

@@ -1,0 +1,134 @@
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <mutex>
+#include <spawn.h>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "common/ScopedEnv.h"
+#include "common/TempHome.h"
+#include "platform/os/DesktopNotifier.h"
+#include "platform/os/FileSystem.h"
+
+#if __has_include(<systemd/sd-bus.h>)
+#include <systemd/sd-bus.h>
+#define CV_TEST_SD_BUS 1
+#endif
+
+extern char** environ;
+
+namespace cirrovault::test {
+namespace {
+
+#ifdef CV_TEST_SD_BUS
+
+// What a notification service on the bus was asked to show.
+struct Shown {
+    std::mutex mutex;
+    std::string summary, body;
+    std::string urgencies; // one digit a notification, in order
+};
+
+int onNotify(sd_bus_message* m, void* data, sd_bus_error*) {
+    auto* shown = static_cast<Shown*>(data);
+    const char *app, *icon, *summary, *body;
+    uint32_t replaces;
+    if (sd_bus_message_read(m, "susss", &app, &replaces, &icon, &summary, &body) < 0 ||
+        sd_bus_message_skip(m, "as") < 0 || sd_bus_message_enter_container(m, 'a', "{sv}") < 0)
+        return -EINVAL;
+    uint8_t urgency = 255;
+    while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+        const char* key;
+        sd_bus_message_read(m, "s", &key);
+        if (std::string(key) == "urgency")
+            sd_bus_message_read(m, "v", "y", &urgency);
+        else
+            sd_bus_message_skip(m, "v");
+        sd_bus_message_exit_container(m);
+    }
+    {
+        std::lock_guard lock(shown->mutex);
+        shown->summary = summary;
+        shown->body = body;
+        shown->urgencies += std::to_string(urgency);
+    }
+    return sd_bus_reply_method_return(m, "u", uint32_t{7});
+}
+
+const sd_bus_vtable NotificationsTable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", onNotify, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END};
+
+// A private session bus, and on it a notification service that records what it is told.
+TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
+    if (::access("/usr/bin/dbus-daemon", X_OK) != 0)
+        GTEST_SKIP() << "no dbus-daemon for a private session bus";
+    TempHome home;
+    std::string socket = home.file("bus");
+    ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + socket);
+    std::string listen = "--address=unix:path=" + socket;
+    const char* argv[] = {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile",
+                          listen.c_str(), nullptr};
+    pid_t daemon = 0;
+    ASSERT_EQ(::posix_spawn(&daemon, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+    // Waits for the bus to come up, not for any schedule.
+    for (int i = 0; i < 100 && !FileSystem::exists(socket); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+
+    // No service on the bus yet: nothing shown, nothing hangs.
+    EXPECT_FALSE(DesktopNotifier::notify("Backup finished", "all well", false));
+
+    Shown shown;
+    std::atomic<bool> stop{false};
+    std::atomic<bool> serving{false};
+    std::thread service([&] {
+        sd_bus* bus = nullptr;
+        if (sd_bus_open_user(&bus) < 0)
+            return;
+        sd_bus_slot* slot = nullptr;
+        if (sd_bus_add_object_vtable(bus, &slot, "/org/freedesktop/Notifications",
+                                     "org.freedesktop.Notifications", NotificationsTable, &shown) >= 0 &&
+            sd_bus_request_name(bus, "org.freedesktop.Notifications", 0) >= 0) {
+            serving = true;
+            while (!stop) {
+                if (sd_bus_process(bus, nullptr) > 0)
+                    continue;
+                sd_bus_wait(bus, 100'000);
+            }
+        }
+        sd_bus_slot_unref(slot);
+        sd_bus_flush_close_unref(bus);
+    });
+    for (int i = 0; i < 100 && !serving; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(serving);
+
+    EXPECT_TRUE(DesktopNotifier::notify("Backup failed: \"Docs\"", "the disk is gone", true));
+    EXPECT_TRUE(DesktopNotifier::notify("Backup finished: \"Docs\"", "Sent: 2 KB", false));
+    stop = true;
+    service.join();
+    {
+        std::lock_guard lock(shown.mutex);
+        EXPECT_EQ(shown.summary, "Backup finished: \"Docs\"");
+        EXPECT_EQ(shown.body, "Sent: 2 KB");
+        EXPECT_EQ(shown.urgencies, "21"); // the failure critical, the finish normal
+    }
+    ::kill(daemon, SIGTERM);
+    ::waitpid(daemon, nullptr, 0);
+
+    // No session bus at all (a server, a cron job): silently nothing.
+    ScopedEnv noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    ScopedEnv runtime("XDG_RUNTIME_DIR", home.file("no-runtime"));
+    EXPECT_FALSE(DesktopNotifier::notify("Backup finished", "all well", false));
+}
+
+#endif
+
+} // namespace
+} // namespace cirrovault::test
