@@ -14,7 +14,7 @@
 #include "common/LoopbackPort.h"
 #include "common/TempHome.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
 

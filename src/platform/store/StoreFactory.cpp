@@ -2,7 +2,7 @@
 
 #include <exception>
 
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/local/LocalStore.h"
 #include "platform/store/webdav/WebDavStore.h"
@@ -30,7 +30,8 @@ std::string withoutCredentials(const std::string& url) {
 
 } // namespace
 
-std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& serviceURL) {
+std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& serviceURL,
+                                                        SettingReader settings) {
     try {
         constexpr std::string_view fileScheme = "file://";
         if (startsWith(serviceURL, fileScheme)) {
@@ -57,7 +58,7 @@ std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& servi
                                  withoutCredentials(serviceURL));
                 return nullptr;
             }
-            return std::make_shared<WebDavStore>(serviceURL);
+            return std::make_shared<WebDavStore>(serviceURL, HttpTimeouts{}, std::move(settings));
         }
         SystemLog::write("Error: unknown kind of service URL: " + withoutCredentials(serviceURL));
         return nullptr;

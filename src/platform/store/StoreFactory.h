@@ -13,8 +13,9 @@ public:
     // "file:///abs/path" (percent-encoded bytes allowed, host empty or "localhost"):
     // the local store in that folder. "webdav://host[:port]/path" or "webdavs://...":
     // a WebDAV server ("{user}" in the path becomes the logon name). nullptr, with a logged line, for anything it
-    // cannot serve.
-    static std::shared_ptr<StoreBackend> makeBackend(const std::string& serviceURL);
+    // cannot serve. settings: the user's settings, for the backends that read some.
+    static std::shared_ptr<StoreBackend> makeBackend(const std::string& serviceURL,
+                                                     SettingReader settings = {});
 };
 
 } // namespace cirrovault
