@@ -88,7 +88,8 @@ std::string TransferApiUtil::defaultServiceURL() {
 
 int64_t TransferApiUtil::OpenService(const std::string& serviceURL) {
     try {
-        std::shared_ptr<StoreBackend> opened = StoreFactory::makeBackend(serviceURL, &NimboSetting::GetSetting);
+        std::shared_ptr<StoreBackend> opened =
+            StoreFactory::makeBackend(serviceURL, &NimboSetting::GetSetting);
         if (!opened) {
             SystemLog::write("Error: TransferApiUtil::OpenService() cannot use the service URL " +
                              serviceURL);
