@@ -44,7 +44,8 @@ FLIPPED = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">"}
 INTEGER = re.compile(r"(?<![\w.])\d+(?![\w.'])")
 CONDITION = re.compile(r"\b(if|while) \(")
 # A whole statement on one line that only acts: a call, an assignment, ++/--.
-STATEMENT = re.compile(r"^\s*(\+\+|--)?[A-Za-z_][\w:.\->\[\]()]*(\(.*\)|\s*[-+*/|&]?=\s.*|\+\+|--);\s*$")
+STATEMENT = re.compile(r"^\s*(\+\+|--)?[A-Za-z_][\w:.\->\[\]()]*"
+                       r"(\(.*\)|\s*[-+*/|&]?=\s.*|\+\+|--);\s*$")
 NOT_STATEMENT = re.compile(r"^\s*(return|break|continue|case|default|goto|throw|using|typedef|"
                            r"delete|co_\w+)\b")
 
@@ -68,7 +69,7 @@ def masked(line):
                 out[i] = " "
         elif c in "\"'":
             # a digit separator (1'000) is not a quote
-            if c == "'" and i > 0 and line[i - 1].isalnum() and i + 1 < len(line) and line[i + 1].isalnum():
+            if c == "'" and line[i - 1:i].isalnum() and line[i + 1:i + 2].isalnum():
                 i += 1
                 continue
             quote = c
@@ -91,6 +92,10 @@ def closing(mask, start):
     return None
 
 
+def swap(line, start, end, text):
+    return line[:start] + text + line[end:]
+
+
 def sites_of(path):
     """Every mutant of one file: (line number, kind, line, mutated line)."""
     lines = path.read_text(encoding="utf-8", errors="surrogateescape").split("\n")
@@ -108,21 +113,24 @@ def sites_of(path):
         mask = masked(line)
         for m in COMPARISON.finditer(mask):
             op = m.group(1)
-            found.append((number, "comparison", line, line[:m.start(1)] + FLIPPED[op] + line[m.end(1):]))
+            flipped = swap(line, m.start(1), m.end(1), FLIPPED[op])
+            found.append((number, "comparison", line, flipped))
         for m in INTEGER.finditer(mask):
             value = int(m.group(0))
-            found.append((number, "constant", line, line[:m.start()] + str(value + 1) + line[m.end():]))
+            found.append((number, "constant", line, swap(line, m.start(), m.end(), str(value + 1))))
         for m in CONDITION.finditer(mask):
             open_at = m.end() - 1
             close_at = closing(mask, open_at)
             if close_at is not None and "constexpr" not in mask[m.start():open_at]:
                 inner = line[open_at + 1:close_at]
-                found.append((number, "condition", line, line[:open_at + 1] + "!(" + inner + ")" + line[close_at:]))
+                negated = swap(line, open_at + 1, close_at, "!(" + inner + ")")
+                found.append((number, "condition", line, negated))
         code = mask.rstrip()
         # Only a statement that starts its own line, so that no continuation is cut;
         # an empty statement takes its place, which also serves as a braceless body.
-        if (STATEMENT.match(code) and not NOT_STATEMENT.match(code) and
-                code.count("(") == code.count(")") and previous.endswith((";", "{", "}", ":", ")"))):
+        if (STATEMENT.match(code) and not NOT_STATEMENT.match(code)
+                and code.count("(") == code.count(")")
+                and previous.endswith((";", "{", "}", ":", ")"))):
             indent = line[:len(line) - len(line.lstrip())]
             found.append((number, "statement", line, indent + ";"))
         if code.strip():
@@ -229,7 +237,7 @@ def main():
     ap.add_argument("-n", "--count", type=int, default=20, help="mutants to make (default 20)")
     ap.add_argument("-s", "--seed", type=int, default=1, help="same seed, same tree: same mutants")
     ap.add_argument("-l", "--layer", default="", help="only this folder of src/, e.g. service")
-    ap.add_argument("-b", "--build", default="build", help="a configured build folder (default build)")
+    ap.add_argument("-b", "--build", default="build", help="a configured build folder")
     ap.add_argument("--own", action="store_true", help="run only the layer's own test program")
     ap.add_argument("--list", action="store_true", help="print the mutants and stop")
     ap.add_argument("--build-limit", type=int, default=900, help="seconds a rebuild may take")
@@ -315,8 +323,9 @@ def main():
     judged = tally["killed"] + tally["survived"]
     share = 100.0 * tally["killed"] / judged if judged else 0.0
     summary = [f"seed {args.seed}, {len(chosen)} mutants of src/{args.layer}:",
-               f"killed {tally['killed']} ({timeouts} by time limit), survived {tally['survived']}, "
-               f"not compiled {tally['not compiled']}; killed share {share:.1f}% of those that compiled"]
+               f"killed {tally['killed']} ({timeouts} by time limit), "
+               f"survived {tally['survived']}, not compiled {tally['not compiled']}; "
+               f"killed share {share:.1f}% of those that compiled"]
     summary += ["survivors:"] + [f"  {s}" for s in survivors] if survivors else []
     name = args.layer.strip("/").replace("/", "-") or "src"
     report = build_dir / "mutants" / f"report-{name}-seed{args.seed}-n{args.count}.txt"
