@@ -27,7 +27,7 @@
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"

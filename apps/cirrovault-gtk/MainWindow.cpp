@@ -6,7 +6,7 @@
 #include "NewTaskWizard.h"
 #include "TaskFormat.h"
 #include "platform/framework/AccountBalance.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/store/StoreBackend.h"
 #include "platform/view/ViewLayout.h"

@@ -8,7 +8,7 @@
 #include "platform/framework/AccountBalance.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/PasswordMan.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/store/StoreBackend.h"
 #include "support/CErrorLog.h"

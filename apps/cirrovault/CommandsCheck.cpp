@@ -13,7 +13,7 @@
 #include "TaskFormat.h"
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/PathTreeController.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
 #include "support/GlobalFunction.h"

@@ -9,7 +9,7 @@
 #include "DaemonGate.h"
 #include "Signals.h"
 #include "TaskFormat.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/ServiceNotify.h"
 #include "platform/os/SystemLog.h"
 #include "support/OptionsMan.h"

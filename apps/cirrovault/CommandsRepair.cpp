@@ -3,7 +3,7 @@
 
 #include "Commands.h"
 #include "Credentials.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/store/StoreFactory.h"
 #include "platform/store/local/LocalStore.h"

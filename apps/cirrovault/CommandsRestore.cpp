@@ -8,7 +8,7 @@
 #include "Signals.h"
 #include "TaskFormat.h"
 #include "platform/framework/PathTreeController.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferInfo.h"
 #include "platform/os/FileSystem.h"

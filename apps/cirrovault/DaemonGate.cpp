@@ -2,7 +2,7 @@
 
 #include "Output.h"
 #include "TaskFormat.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"

@@ -9,7 +9,7 @@
 #include "Credentials.h"
 #include "Signals.h"
 #include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TerminalMessagebox.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/UserSettingMan.h"

@@ -14,7 +14,7 @@
 
 #include "engine/task/CBackupTask.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/UploadFileInfo.h"
 #include "platform/framework/TransferInfo.h"

@@ -2,7 +2,7 @@
 
 #include "platform/framework/Functions.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/SystemLog.h"
 #include "support/CFileInfo.h"

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <fmt/format.h>
 
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/Calendar.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/Guarded.h"

@@ -8,7 +8,7 @@
 #include "FuzzInput.h"
 #include "platform/framework/DecryptingFileSink.h"
 #include "platform/framework/LocalFileSink.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 
 using namespace cirrovault;

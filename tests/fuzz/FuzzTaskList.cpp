@@ -6,7 +6,7 @@
 #include <mutex>
 
 #include "FuzzInput.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
 #include "platform/os/SystemLog.h"

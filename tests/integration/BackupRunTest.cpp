@@ -25,7 +25,7 @@
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/NimboMessagebox.h"
 #include "platform/framework/PathTreeController.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/SessionFixture.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"

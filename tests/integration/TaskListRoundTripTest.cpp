@@ -11,7 +11,7 @@
 #include "common/TempHome.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "service/CManageTaskList.h"
 

@@ -8,7 +8,7 @@
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferInfo.h"
 #include "platform/framework/UploadFileInfo.h"

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/store/StoreBackend.h"
 

@@ -5,7 +5,7 @@
 #include "common/TempHome.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/PathTreeController.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferInfo.h"
 #include "platform/framework/UploadFileInfo.h"

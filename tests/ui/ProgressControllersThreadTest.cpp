@@ -19,7 +19,7 @@
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ProgressModeHost.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "service/CManageTaskList.h"
 

@@ -4,7 +4,7 @@
 
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/Functions.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/Guarded.h"
 #include "platform/os/SystemLog.h"
 #include "service/CManageTaskList.h"

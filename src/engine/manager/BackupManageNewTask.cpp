@@ -5,7 +5,7 @@
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/AccountBalance.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
 #include "platform/os/Guarded.h"

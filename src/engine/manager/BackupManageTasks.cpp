@@ -6,7 +6,7 @@
 #include "platform/framework/OperationProgress.h"
 #include "platform/framework/PathTreeController.h"
 #include "platform/framework/ProgressModeHost.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
 #include "platform/os/Guarded.h"

@@ -11,7 +11,7 @@
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/PathTreeController.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"

@@ -12,7 +12,7 @@
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/PathTreeController.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/ServerName.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferInfo.h"

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <exception>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 

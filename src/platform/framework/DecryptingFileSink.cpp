@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 
 namespace cirrovault {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 
 namespace cirrovault {
 

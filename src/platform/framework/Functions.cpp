@@ -7,7 +7,7 @@
 
 #include "platform/framework/LoadString.h"
 #include "platform/framework/TransferApiUtil.h"
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/UrlOpener.h"
 

@@ -14,7 +14,7 @@
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/PasswordMan.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/Calendar.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/Host.h"

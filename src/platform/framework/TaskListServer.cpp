@@ -7,9 +7,9 @@
 #include <unordered_set>
 #include <vector>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TaskListDocument.h"
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StoreBackend.h"

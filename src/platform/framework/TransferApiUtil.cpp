@@ -10,9 +10,9 @@
 #include "platform/framework/LoadString.h"
 #include "platform/framework/MailSender.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtilState.h"
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/CallCancel.h"
 #include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
@@ -101,7 +101,8 @@ uint64_t TransferApiUtil::uploadLimit() {
 
 int64_t TransferApiUtil::OpenService(const std::string& serviceURL) {
     try {
-        std::shared_ptr<StoreBackend> opened = StoreFactory::makeBackend(serviceURL, uploadLimit());
+        std::shared_ptr<StoreBackend> opened =
+            StoreFactory::makeBackend(serviceURL, &NimboSetting::GetSetting, uploadLimit());
         if (!opened) {
             SystemLog::write("Error: TransferApiUtil::OpenService() cannot use the service URL " +
                              serviceURL);

@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "platform/framework/LoadString.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferApiUtilState.h"
 #include "platform/os/SystemLog.h"

@@ -1,6 +1,6 @@
 // The task-list requests of the service session. The list lives in the store as one
 // document per account; TaskListServer reads and answers the request texts against it.
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TaskListServer.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/SystemLog.h"

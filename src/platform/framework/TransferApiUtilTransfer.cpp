@@ -17,7 +17,7 @@
 #include "platform/framework/LocalFileSink.h"
 #include "platform/framework/LocalFileSource.h"
 #include "platform/framework/PasswordMan.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/framework/TransferApiUtilState.h"
 #include "platform/framework/TrueProgressCallback.h"

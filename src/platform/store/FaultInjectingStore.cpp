@@ -5,7 +5,7 @@
 #include <exception>
 #include <utility>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 

@@ -1,13 +1,20 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/os/Date.h"
 
 namespace cirrovault {
+
+// One of the user's settings by key, or nullopt when it is not set. The settings belong
+// to the layer above, which hands this in; backends read it at each use, so a change
+// counts at once.
+using SettingReader = std::function<std::optional<std::string>(const std::string& key)>;
 
 // One item on the service. Paths given to a backend are server paths relative to the
 // account's root, with "\" separators: "\Backup\Docs\a.txt". "\" alone is the root.

@@ -2,7 +2,7 @@
 
 #include <exception>
 
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/ThrottledStore.h"
 #include "platform/store/local/LocalStore.h"
@@ -32,6 +32,7 @@ std::string withoutCredentials(const std::string& url) {
 } // namespace
 
 std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& serviceURL,
+                                                        SettingReader settings,
                                                         uint64_t uploadBytesPerSecond) {
     try {
         constexpr std::string_view fileScheme = "file://";
@@ -64,7 +65,7 @@ std::shared_ptr<StoreBackend> StoreFactory::makeBackend(const std::string& servi
             }
             HttpTimeouts limits;
             limits.maxSendBytesPerSecond = static_cast<long long>(uploadBytesPerSecond);
-            return std::make_shared<WebDavStore>(serviceURL, limits);
+            return std::make_shared<WebDavStore>(serviceURL, limits, std::move(settings));
         }
         SystemLog::write("Error: unknown kind of service URL: " + withoutCredentials(serviceURL));
         return nullptr;

@@ -11,7 +11,7 @@
 #include "platform/framework/LocalFileSource.h"
 #include "platform/framework/NimboMessagebox.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/SessionFixture.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"

@@ -10,7 +10,7 @@
 #include "platform/framework/EncryptingFileSource.h"
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/LocalFileSink.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/FileSystem.h"
 
 namespace cirrovault {

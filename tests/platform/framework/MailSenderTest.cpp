@@ -8,7 +8,7 @@
 #include "common/TempHome.h"
 #include "platform/framework/MailSender.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"

@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StoreBackend.h"

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/FileSystem.h"
 #include "platform/store/FaultInjectingStore.h"
 #include "platform/store/StoreTestSupport.h"

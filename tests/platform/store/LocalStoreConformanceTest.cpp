@@ -2,7 +2,7 @@
 #include <unistd.h>
 
 #include "common/TempHome.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/store/StoreConformance.h"
 #include "platform/store/local/LocalStore.h"
 

@@ -8,7 +8,7 @@
 
 #include "common/FileModes.h"
 #include "common/TempHome.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StoreFactory.h"

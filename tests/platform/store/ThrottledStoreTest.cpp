@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/Clock.h"
 #include "platform/store/StoreFactory.h"
 #include "platform/store/StoreTestSupport.h"
@@ -55,7 +55,7 @@ TEST(ThrottledStore, UploadsKeepToTheLimitAndACancelEndsTheWait) {
     // Only a limit puts the pacing in between: the store stays itself otherwise.
     std::string url = "file://" + home.file("store");
     EXPECT_TRUE(std::dynamic_pointer_cast<LocalStore>(StoreFactory::makeBackend(url)));
-    EXPECT_TRUE(std::dynamic_pointer_cast<ThrottledStore>(StoreFactory::makeBackend(url, 1024)));
+    EXPECT_TRUE(std::dynamic_pointer_cast<ThrottledStore>(StoreFactory::makeBackend(url, {}, 1024)));
 }
 
 } // namespace

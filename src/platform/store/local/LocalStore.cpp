@@ -6,7 +6,7 @@
 #include <sodium.h>
 #include <unistd.h>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 

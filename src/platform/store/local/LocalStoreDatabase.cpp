@@ -5,7 +5,7 @@
 
 #include <sqlite3.h>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 
 namespace cirrovault {

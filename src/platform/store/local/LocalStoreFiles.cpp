@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 #include "platform/store/local/LocalStore.h"

@@ -10,7 +10,7 @@
 #include <sodium.h>
 #include <unistd.h>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/local/LocalStore.h"
 

@@ -3,7 +3,7 @@
 #include <map>
 #include <mutex>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/webdav/WebDavMultistatus.h"
 #include "platform/store/webdav/WebDavTextSource.h"

@@ -7,7 +7,7 @@
 
 #include <curl/curl.h>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/CallCancel.h"
 #include "platform/os/SystemLog.h"
 

@@ -6,7 +6,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 
 namespace cirrovault {
 

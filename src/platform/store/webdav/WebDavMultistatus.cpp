@@ -7,7 +7,7 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 
 namespace cirrovault {
 

@@ -8,9 +8,8 @@
 
 #include <sodium.h>
 
-#include "platform/framework/NimboSetting.h"
-#include "platform/framework/ResultCodes.h"
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/ResultCodes.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 #include "platform/store/webdav/WebDavTextSource.h"
@@ -48,8 +47,8 @@ bool WebDavStore::isWebDavURL(const std::string& url) {
     return startsWith(url, "webdav://") || startsWith(url, "webdavs://");
 }
 
-WebDavStore::WebDavStore(std::string serviceURL, HttpTimeouts timeouts)
-    : serviceURL_(std::move(serviceURL)), timeouts_(timeouts) {
+WebDavStore::WebDavStore(std::string serviceURL, HttpTimeouts timeouts, SettingReader settings)
+    : serviceURL_(std::move(serviceURL)), timeouts_(timeouts), settings_(std::move(settings)) {
     if (startsWith(serviceURL_, "webdavs://"))
         baseUrl_ = "https://" + serviceURL_.substr(10);
     else if (startsWith(serviceURL_, "webdav://"))
@@ -203,7 +202,9 @@ int64_t WebDavStore::propfind(const Account& account, const std::string& url, in
 }
 
 std::optional<int64_t> WebDavStore::configuredQuota() const {
-    auto text = NimboSetting::GetSetting("Quota");
+    if (!settings_)
+        return std::nullopt;
+    auto text = settings_("Quota");
     if (!text || text->empty())
         return std::nullopt;
     char* end = nullptr;

@@ -30,7 +30,9 @@ namespace cirrovault {
 // the name is ours on such servers and refused for user files everywhere.
 class WebDavStore : public StoreBackend {
 public:
-    explicit WebDavStore(std::string serviceURL, HttpTimeouts timeouts = {});
+    // settings: where the "Quota" setting is read; without it no quota is configured.
+    explicit WebDavStore(std::string serviceURL, HttpTimeouts timeouts = {},
+                         SettingReader settings = {});
     ~WebDavStore() override;
 
     static bool isWebDavURL(const std::string& url);
@@ -169,6 +171,7 @@ private:
     std::string serviceURL_;
     std::string baseUrl_; // http(s) form of serviceURL_, "{user}" still in it
     HttpTimeouts timeouts_;
+    SettingReader settings_;
 
     mutable std::mutex mutex_;
     std::optional<Account> account_; // guarded by mutex_

@@ -2,7 +2,7 @@
 #include <exception>
 #include <string>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 #include "platform/store/webdav/WebDavStore.h"

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <iterator>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/webdav/WebDavStore.h"
 #include "platform/store/webdav/WebDavTextSource.h"

@@ -1,7 +1,7 @@
 // The tree operations of the WebDAV store: stat, list, folders, move, copy, remove.
 #include <exception>
 
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"

@@ -15,7 +15,7 @@
 
 #include "common/LoopbackPort.h"
 #include "platform/framework/CurlHandleController.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/CallCancel.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/webdav/MisbehavingDavServer.h"

@@ -8,7 +8,7 @@
 
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
-#include "platform/framework/ResultCodes.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/webdav/WebDavFolderTotals.h"
 #include "platform/store/webdav/WebDavStore.h"

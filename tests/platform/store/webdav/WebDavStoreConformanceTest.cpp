@@ -16,7 +16,8 @@ public:
           account_(account) {}
 
     std::shared_ptr<StoreBackend> open() override {
-        return std::make_shared<WebDavStore>(server_.accountUrl());
+        return std::make_shared<WebDavStore>(server_.accountUrl(), HttpTimeouts{},
+                                             &NimboSetting::GetSetting);
     }
     std::string scratchFolder() override { return home_.file("scratch"); }
     bool plantLink(const StoreSession&, const std::string&, const std::string&,

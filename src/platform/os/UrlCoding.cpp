@@ -1,4 +1,4 @@
-#include "platform/framework/UrlCoding.h"
+#include "platform/os/UrlCoding.h"
 
 namespace cirrovault {
 
