@@ -96,7 +96,7 @@ TEST(UserUnits, SystemctlStopsOnTheCancelFlag) {
     TempHome home;
     std::string bin = home.file("bin");
     FileSystem::createDirectories(bin);
-    ASSERT_TRUE(FileSystem::writeFileAtomically(bin + "/systemctl", "#!/bin/sh\nsleep 1000\n"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(bin + "/systemctl", "#!/bin/sh\nexec sleep 1000\n"));
     FileSystem::setPermissions(bin + "/systemctl", 0755);
     ScopedEnv path("PATH", bin + ":/usr/bin:/bin");
     auto flag = std::make_shared<std::atomic<bool>>(false);
