@@ -18,6 +18,7 @@ constexpr size_t kMostPeers = 8;
 constexpr double kPoll = 0.2;          // seconds between looks at a followed task
 constexpr double kRequestWait = 5;     // for the request line of a new connection
 constexpr double kLostEndSeconds = 10; // a run gone from the manager without its end notice
+constexpr double kNewTaskWait = 10;    // for the next pass to read a task list that changed
 
 using SteadyClock = std::chrono::steady_clock;
 
@@ -142,8 +143,22 @@ void DaemonControl::serve(UnixSocket peer) {
 void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
     CBackupManage& manager = session_.manager();
     HostSession::TaskPtr task = manager.GetTaskByName(name);
+    // The command found the task: one made a moment ago reaches the daemon with its next
+    // pass, which reads the changed task list when no run is under way.
+    for (auto since = SteadyClock::now(); !task && !stopping_ && secondsSince(since) < kNewTaskWait;) {
+        std::string ignored;
+        if (peer.readLine(ignored, kPoll) == UnixSocket::Read::Closed || !peer.sendLine("progress 0 0"))
+            return;
+        task = manager.GetTaskByName(name);
+    }
     if (!task) {
-        peer.sendLine(doneLine(Exit::Usage, text("CliUnknownTaskShort", "no task named \"{}\"", name)));
+        std::lock_guard guard(manager.managerLock);
+        if (manager.pWorkingTask)
+            peer.sendLine(doneLine(Exit::Busy, text("CliDaemonListBehind",
+                                                    "the daemon reads the task list with \"{}\" once its run of \"{}\" has ended; try again then",
+                                                    name, manager.pWorkingTask->name)));
+        else
+            peer.sendLine(doneLine(Exit::Usage, text("CliUnknownTaskShort", "no task named \"{}\"", name)));
         return;
     }
     if (task->bMigrateTask) {
@@ -239,12 +254,17 @@ void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
                 return;
             }
         }
-        std::shared_ptr<TrueProgressCallback> progress = started && task ? task->GetProgress() : nullptr;
-        if (progress && progress->currentFile() != lastFile) {
-            lastFile = progress->currentFile();
-            if (!lastFile.empty() && !peer.sendLine("file " + escape(lastFile)))
+        std::string file;
+        {
+            std::lock_guard lock(mutex_);
+            file = runs_[name].file;
+        }
+        if (started && !file.empty() && file != lastFile) {
+            lastFile = file;
+            if (!peer.sendLine("file " + escape(file)))
                 return;
         }
+        std::shared_ptr<TrueProgressCallback> progress = started && task ? task->GetProgress() : nullptr;
         if (secondsSince(lastBeat) >= 1) {
             lastBeat = SteadyClock::now();
             std::string beat = "progress " + std::to_string(progress ? progress->bytesDone() : 0) + " " +
@@ -256,7 +276,16 @@ void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
 }
 
 void DaemonControl::onEvent(const HostSession::TaskPtr& task, int32_t type) {
-    if (!task || (type != beginUploadTaskDelegate && type != endUploadTaskDelegate))
+    if (!task)
+        return;
+    if (type == refreshProgressBarDelegate) {
+        if (!task->bInitUIPrgBar || task->strWorkingFile.empty())
+            return;
+        std::lock_guard lock(mutex_);
+        runs_[task->name].file = task->strWorkingFile;
+        return;
+    }
+    if (type != beginUploadTaskDelegate && type != endUploadTaskDelegate)
         return;
     // Read here, on the run's own thread, which owns the fields of its outcome.
     std::string summary, result;
@@ -274,6 +303,7 @@ void DaemonControl::onEvent(const HostSession::TaskPtr& task, int32_t type) {
         if (type == beginUploadTaskDelegate) {
             ++runs.started;
             runs.endedAtStart = runs.ended;
+            runs.file.clear();
         } else {
             ++runs.ended;
             runs.exitCode = code;

@@ -51,6 +51,7 @@ private:
         uint64_t endedAtStart = 0; // ended when the last run started
         int exitCode = 0;
         std::string summary, result;
+        std::string file; // being sent by the run under way
     };
     struct Peer {
         std::thread thread;

@@ -852,6 +852,26 @@ TEST_F(CliEndToEnd, BackupBesideTheDaemonIsTheDaemonsRun) {
     EXPECT_NE(failed.err.find(home.file("Gone")), std::string::npos) << failed.err;
     EXPECT_TRUE(waitForOutput(cli, "ended \"Gone\": failed", 5)) << cli.outputSoFar();
 
+    // Ctrl-C on the command stops the daemon's run of it.
+    FileSystem::createDirectories(home.file("Big"));
+    std::string block(32 << 20, '\0');
+    uint32_t seed = 99;
+    for (auto& c : block)
+        c = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 24);
+    for (int i = 0; i < 3; ++i)
+        write("Big/part" + std::to_string(i) + ".bin", block + std::to_string(i));
+    ASSERT_EQ(other.run({"--user", "alice", "task", "new", "Big", "--source", home.file("Big"), "--schedule", "daily",
+                         "--time", "03:15"}).code, 0);
+    pid_t big = other.start({"--user", "alice", "backup", "--list", "Big"});
+    waitForOutput(other, "sending", 20);
+    kill(big, SIGINT);
+    auto cancelled = other.finish(big);
+    if (cancelled.code != 0) {
+        EXPECT_EQ(cancelled.code, 5) << cancelled.err;
+        EXPECT_NE(cancelled.err.find("was cancelled"), std::string::npos) << cancelled.err;
+        EXPECT_TRUE(waitForOutput(cli, "ended \"Big\": cancelled", 5)) << cli.outputSoFar();
+    }
+
     kill(daemon, SIGKILL);
     cli.finish(daemon);
     ASSERT_EQ(filesEndingWith(home.file("run"), ".sock"), sockets);
