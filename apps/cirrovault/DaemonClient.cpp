@@ -61,7 +61,7 @@ std::optional<int> DaemonClient::backup(const std::string& accountFolder, const 
             if (stopAsked && secondsSince(*stopAsked) > kStopWait)
                 throw CliError(Exit::Cancelled, text("CliDaemonStopLate", "asked the daemon to stop \"{}\"; it has not ended yet",
                                                      taskName));
-            if (secondsSince(heard) > kSilence)
+            if (!stopAsked && secondsSince(heard) > kSilence)
                 throw CliError(Exit::Failed, gone);
             continue;
         }

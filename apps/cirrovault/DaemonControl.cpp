@@ -194,20 +194,6 @@ void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
         {
             std::unique_lock lock(mutex_);
             changed_.wait_for(lock, std::chrono::duration<double>(kPoll));
-            Runs& runs = runs_[name];
-            if (!started && runs.started > startedBefore) {
-                started = true;
-                endedBase = runs.endedAtStart;
-            }
-            if (started && runs.ended > endedBase) {
-                std::string result = runs.result, summary = runs.summary;
-                int code = runs.exitCode;
-                lock.unlock();
-                if (!result.empty())
-                    peer.sendLine("result " + result);
-                peer.sendLine(doneLine(code, summary));
-                return;
-            }
         }
         if (stopping_) {
             peer.sendLine(doneLine(Exit::Cancelled, text("CliDaemonStoppedRun",
@@ -221,6 +207,7 @@ void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
             return; // the command went away; the run goes on
         bool stopAsked = got == UnixSocket::Read::Line && request == "stop";
         bool waiting = false, running = false;
+        Runs runs;
         {
             std::lock_guard guard(manager.managerLock);
             running = working();
@@ -228,19 +215,26 @@ void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
             waiting = task && manager.findTaskFromWaitingList(task);
             if (stopAsked && waiting)
                 manager.RemoveTaskFromWaitlist(task);
-            if (std::lock_guard lock(mutex_); !started && runs_[name].started > startedBefore) {
-                started = true;
-                endedBase = runs_[name].endedAtStart;
-            }
+            std::lock_guard lock(mutex_);
+            runs = runs_[name];
+        }
+        if (!started && runs.started > startedBefore) {
+            started = true;
+            endedBase = runs.endedAtStart;
+        }
+        if (started && runs.ended > endedBase) {
+            if (!runs.result.empty())
+                peer.sendLine("result " + runs.result);
+            peer.sendLine(doneLine(runs.exitCode, runs.summary));
+            return;
         }
         if (stopAsked && waiting) {
             peer.sendLine(doneLine(Exit::Cancelled, text("CliDaemonUnqueued", "\"{}\" was taken off the daemon's queue", name)));
             return;
         }
-        if (stopAsked && running) {
+        if (stopAsked && running && task) {
             peer.sendLine("line " + escape(text("CliStopping", "Stopping...")));
-            manager.stopBackupTask(name); // returns when the run has ended; its notice follows
-            continue;
+            task->CancelBackup(); // the run ends at its next check; its notice follows
         }
         if (!started && !waiting && !running) {
             peer.sendLine(doneLine(Exit::Failed, text("CliDaemonDropped", "the daemon did not start \"{}\"; see `cirrovault log`", name)));
@@ -254,19 +248,14 @@ void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
                 return;
             }
         }
-        std::string file;
-        {
-            std::lock_guard lock(mutex_);
-            file = runs_[name].file;
-        }
-        if (started && !file.empty() && file != lastFile) {
-            lastFile = file;
-            if (!peer.sendLine("file " + escape(file)))
+        if (started && !runs.file.empty() && runs.file != lastFile) {
+            lastFile = runs.file;
+            if (!peer.sendLine("file " + escape(lastFile)))
                 return;
         }
-        std::shared_ptr<TrueProgressCallback> progress = started && task ? task->GetProgress() : nullptr;
         if (secondsSince(lastBeat) >= 1) {
             lastBeat = SteadyClock::now();
+            std::shared_ptr<TrueProgressCallback> progress = started && task ? task->GetProgress() : nullptr;
             std::string beat = "progress " + std::to_string(progress ? progress->bytesDone() : 0) + " " +
                                std::to_string(progress ? progress->totalSize() : 0);
             if (!peer.sendLine(beat))
