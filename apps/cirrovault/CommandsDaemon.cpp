@@ -91,7 +91,6 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
         }
     });
     OptionsMan::LoadOptions();
-    DaemonControl control(session);
     say(text("CliDaemonUp", "cirrovault daemon {} logged on as {} with {} tasks", getpid(), session.userName(),
              session.manager().getTasksList().size()));
     ServiceNotify::ready();
@@ -101,7 +100,10 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
         say(text("CliDaemonDelay", "scheduled backups start in {} minute(s)", minutes));
         idle(minutes * 60.0);
     }
+    // Only a daemon whose scheduler runs takes backups in hand: before, commands run them.
+    std::unique_ptr<DaemonControl> control;
     if (!Signals::pending()) {
+        control = std::make_unique<DaemonControl>(session);
         session.startScheduler();
         say(text("CliDaemonScheduling", "scheduler running; stop with SIGTERM or Ctrl-C"));
         while (!Signals::pending())
@@ -109,7 +111,8 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
     }
     ServiceNotify::stopping();
     say(text("CliDaemonStopping", "stopping: the scheduler first, then the running task, then the session"));
-    control.stop();
+    if (control)
+        control->stop();
     session.logoff();
     say(text("CliDaemonStopped", "stopped"));
     return Exit::Ok;
