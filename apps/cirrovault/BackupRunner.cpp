@@ -125,6 +125,15 @@ RunOutcome BackupRunner::run(const HostSession::TaskPtr& task, const std::functi
     progress.EnterProgressMode(&worker);
     worker.join();
 
+    bool started = outcome.started;
+    outcome = outcomeOf(task);
+    outcome.started = started;
+    return outcome;
+}
+
+RunOutcome BackupRunner::outcomeOf(const HostSession::TaskPtr& task) {
+    RunOutcome outcome;
+    outcome.started = true;
     outcome.state = task->mTaskState;
     outcome.code = task->iBackupRet;
     outcome.filesToSend = task->nScanTotalFiles;
@@ -135,6 +144,14 @@ RunOutcome BackupRunner::run(const HostSession::TaskPtr& task, const std::functi
     else if (outcome.state != CBackupTask::StateSucceeded && outcome.code != 0)
         outcome.errorText = TransferApiUtil::stringWithReturnCode(static_cast<int64_t>(outcome.code));
     return outcome;
+}
+
+Json BackupRunner::resultDocument(const HostSession::TaskPtr& task, const RunOutcome& outcome) {
+    Json doc = Json::object();
+    doc.set("ok", true).set("task", task->name).set("state", TaskFormat::stateName(outcome.state))
+        .set("filesSent", outcome.filesToSend).set("bytesSent", outcome.bytesSent)
+        .set("serverFolder", task->serverPath);
+    return doc;
 }
 
 std::string BackupRunner::summary(const HostSession::TaskPtr& task, const RunOutcome& outcome) {

@@ -42,6 +42,10 @@ public:
     // The sentence that tells the outcome.
     static std::string summary(const HostSession::TaskPtr& task, const RunOutcome& outcome);
     static int exitCode(const RunOutcome& outcome);
+    // What the task's last run did, read on the run's own thread or after it ended.
+    static RunOutcome outcomeOf(const HostSession::TaskPtr& task);
+    // The --json document of a run that succeeded.
+    static Json resultDocument(const HostSession::TaskPtr& task, const RunOutcome& outcome);
 
 private:
     RunOutcome run(const HostSession::TaskPtr& task, const std::function<bool()>& start);

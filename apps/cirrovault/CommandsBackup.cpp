@@ -2,9 +2,11 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "BackupRunner.h"
 #include "Commands.h"
+#include "DaemonClient.h"
 #include "RestoreSupport.h"
 #include "Signals.h"
 #include "TaskCreation.h"
@@ -77,7 +79,8 @@ int backupCommand(const BackupArgs& args, const GlobalOptions& global, const Out
         folder = existingFolder(args.target);
     Signals::install();
     HostSession session(global, out);
-    session.logon(true);
+    // The run lock waits until we know whether the account's daemon will run the task.
+    session.logon(false);
     HostSession::TaskPtr task;
     if (folder.empty()) {
         task = session.manager().GetTaskByName(args.target);
@@ -97,10 +100,15 @@ int backupCommand(const BackupArgs& args, const GlobalOptions& global, const Out
             std::fflush(stdout);
         });
     }
-    RunOutcome outcome;
-    BackupRunner runner(session);
     if (!task && !folder.empty())
         task = taskForFolder(session, folder);
+    // Beside a running daemon the run is the daemon's, so that one engine works the account.
+    if (task && !args.dryRun && !task->bMigrateTask)
+        if (std::optional<int> rc = DaemonClient::backup(session.accountFolder(), task->name, args.list, out))
+            return *rc;
+    session.lockRuns();
+    RunOutcome outcome;
+    BackupRunner runner(session);
     if (task) {
         if (task->bMigrateTask)
             throw CliError(Exit::Usage, text("CliOtherComputer",
@@ -130,11 +138,7 @@ int backupCommand(const BackupArgs& args, const GlobalOptions& global, const Out
     std::string summary = BackupRunner::summary(task, outcome);
     if (rc == Exit::Ok) {
         out.line(summary);
-        Json doc = Json::object();
-        doc.set("ok", true).set("task", task->name).set("state", TaskFormat::stateName(outcome.state))
-            .set("filesSent", outcome.filesToSend).set("bytesSent", outcome.bytesSent)
-            .set("serverFolder", task->serverPath);
-        out.result(doc);
+        out.result(BackupRunner::resultDocument(task, outcome));
     } else {
         out.error(rc, summary);
     }

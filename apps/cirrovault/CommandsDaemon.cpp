@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "Commands.h"
+#include "DaemonControl.h"
 #include "DaemonGate.h"
 #include "Signals.h"
 #include "TaskFormat.h"
@@ -99,7 +100,10 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
         say(text("CliDaemonDelay", "scheduled backups start in {} minute(s)", minutes));
         idle(minutes * 60.0);
     }
+    // Only a daemon whose scheduler runs takes backups in hand: before, commands run them.
+    std::unique_ptr<DaemonControl> control;
     if (!Signals::pending()) {
+        control = std::make_unique<DaemonControl>(session);
         session.startScheduler();
         say(text("CliDaemonScheduling", "scheduler running; stop with SIGTERM or Ctrl-C"));
         while (!Signals::pending())
@@ -107,6 +111,8 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
     }
     ServiceNotify::stopping();
     say(text("CliDaemonStopping", "stopping: the scheduler first, then the running task, then the session"));
+    if (control)
+        control->stop();
     session.logoff();
     say(text("CliDaemonStopped", "stopped"));
     return Exit::Ok;
@@ -118,7 +124,14 @@ void addDaemonCommands(CLI::App& app, Runner& run) {
     auto args = std::make_shared<DaemonArgs>();
     auto* daemon = app.add_subcommand(
         "daemon", "log on with the kept account and run the scheduled tasks until SIGTERM or Ctrl-C "
-                  "(resources/cirrovault.service runs it as a systemd user service)");
+                  "(resources/cirrovault.service runs it as a systemd user service); `backup NAME` beside it "
+                  "hands the task to it over its control socket and follows the run");
+    daemon->footer(
+        "Control socket: $XDG_RUNTIME_DIR/cirrovault/ (else /tmp/cirrovault-UID/), one per account, mode 0600. "
+        "One request a line, one reply a line (\\n and \\\\ escaped): `ping` answers `pong PID`; "
+        "`backup NAME` queues the task and answers `line TEXT` for the user, `progress SENT TOTAL` at least "
+        "every second, `file PATH` for each file sent, `result JSON` when it succeeded and last `done EXIT TEXT`; "
+        "a later `stop` cancels it. A client that goes away leaves the run going.");
     daemon->add_flag("--now", args->now, "start the scheduler at once, not after the options' minutes");
     daemon->callback([&run, args] { run = [args](auto& g, auto& o) { return daemonCommand(*args, g, o); }; });
 }

@@ -3,6 +3,8 @@
 
 #include "Commands.h"
 #include "ServiceUnit.h"
+#include "Signals.h"
+#include "platform/os/CallCancel.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/UserUnits.h"
 
@@ -11,6 +13,11 @@ namespace cirrovault::cli {
 namespace {
 
 constexpr const char* UnitName = "cirrovault.service";
+
+void throwIfStopped() {
+    if (Signals::pending())
+        throw CliError(Exit::Cancelled, text("CliServiceStopped", "stopped before the user manager answered"));
+}
 
 // The unit runs the program that wrote it, wherever it was installed.
 std::string unitText(const std::string& program) {
@@ -32,7 +39,10 @@ int enableCommand(bool writeOnly, const Output& out) {
     out.line(text("CliServiceWritten", "wrote {} (runs {} daemon)", path, program));
     bool enabled = false;
     if (!writeOnly) {
+        Signals::install();
+        CallCancel cancel(Signals::stopFlag());
         enabled = UserUnits::systemctl({"daemon-reload"}) && UserUnits::systemctl({"enable", "--now", UnitName});
+        throwIfStopped();
         if (!enabled)
             throw CliError(Exit::Failed, text("CliServiceNotEnabled",
                                               "the unit is written but the user manager did not enable it; try "
@@ -49,7 +59,10 @@ int enableCommand(bool writeOnly, const Output& out) {
 
 int disableCommand(const Output& out) {
     std::string path = UserUnits::folder() + "/" + UnitName;
+    Signals::install();
+    CallCancel cancel(Signals::stopFlag());
     bool stopped = UserUnits::systemctl({"disable", "--now", UnitName});
+    throwIfStopped();
     bool removed = !FileSystem::exists(path) || FileSystem::removeItem(path);
     UserUnits::systemctl({"daemon-reload"});
     if (!removed)

@@ -187,9 +187,8 @@ void HostSession::logon(bool exclusive) {
     if (!manager().identityProblem.empty())
         std::fprintf(stderr, "cirrovault: %s\n", manager().identityProblem.c_str());
     UserSettingMan::SetUserInfo(userName_, api.customerID());
-    if (!exclusive)
-        return;
-    lock_ = lockAccount(RunLock::kRunFile);
+    if (exclusive)
+        lockRuns();
 }
 
 std::unique_ptr<RunLock> HostSession::lockAccount(const char* file) {

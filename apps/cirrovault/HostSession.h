@@ -82,6 +82,8 @@ public:
     // who holds it. The run lock is waited for a moment: the daemon takes it briefly
     // between passes when the task list changed.
     std::unique_ptr<RunLock> lockAccount(const char* file);
+    // The run lock for the rest of the session, as logon(true) takes it.
+    void lockRuns() { lock_ = lockAccount(RunLock::kRunFile); }
 
     // The task of that name, or a CliError that says there is none.
     TaskPtr task(const std::string& name);

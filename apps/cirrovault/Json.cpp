@@ -17,6 +17,11 @@ Json Json::array() { return Json(nlohmann::ordered_json::array()); }
 
 Json Json::date(Date when) { return Json(Calendar::rfc3339(when)); }
 
+Json Json::parse(const std::string& text) {
+    nlohmann::ordered_json value = nlohmann::ordered_json::parse(text, nullptr, false);
+    return value.is_discarded() ? Json() : Json(std::move(value));
+}
+
 Json& Json::set(const std::string& key, Json value) {
     if (!value_.is_object())
         return push(std::move(value));

@@ -26,6 +26,8 @@ public:
     static Json array();
     // A point in time as scripts expect it: RFC 3339 with the local offset.
     static Json date(Date when);
+    // A document another process made with dump(); null when it is not JSON.
+    static Json parse(const std::string& text);
 
     // On an object: sets (or replaces) the key. On an array: appends.
     Json& set(const std::string& key, Json value);

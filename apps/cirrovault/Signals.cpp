@@ -12,10 +12,12 @@ namespace cirrovault::cli {
 namespace {
 
 std::atomic<int> lastSignal{0};
+const std::shared_ptr<std::atomic<bool>> stopped = std::make_shared<std::atomic<bool>>(false);
 int wakePipe[2] = {-1, -1};
 
 extern "C" void onSignal(int signo) {
     lastSignal = signo;
+    stopped->store(true);
     if (wakePipe[1] >= 0) {
         int saved = errno;
         char byte = 1;
@@ -44,6 +46,11 @@ int Signals::pending() {
 
 void Signals::clear() {
     lastSignal = 0;
+    stopped->store(false);
+}
+
+std::shared_ptr<std::atomic<bool>> Signals::stopFlag() {
+    return stopped;
 }
 
 int Signals::wait(double seconds) {

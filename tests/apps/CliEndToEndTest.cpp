@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "CliRunner.h"
+#include "RunLock.h"
 #include "common/FileModes.h"
 #include "common/LoopbackPort.h"
 #include "common/TempHome.h"
@@ -795,12 +796,13 @@ TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerReadyAliveAndStopping) {
     close(sock);
 }
 
-// Waits (bounded) for a started process to print marker; false when it never did.
-bool waitForOutput(const CliRunner& cli, const std::string& marker, int seconds) {
+// Waits (bounded) for a started process to print marker after its first `from` bytes;
+// false when it never did.
+bool waitForOutput(const CliRunner& cli, const std::string& marker, int seconds, size_t from = 0) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (cli.outputSoFar().find(marker) == std::string::npos && std::chrono::steady_clock::now() < deadline)
+    while (cli.outputSoFar().find(marker, from) == std::string::npos && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return cli.outputSoFar().find(marker) != std::string::npos;
+    return cli.outputSoFar().find(marker, from) != std::string::npos;
 }
 
 // The daemon holds the account only while it runs a task: beside an idle daemon a user
@@ -825,8 +827,14 @@ TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
 
     auto options = other.run({"--user", "alice", "options", "ReportWhenError=no"});
     EXPECT_EQ(options.code, 0) << options.err;
+    // The daemon runs it, and the command follows the run to its end.
     auto backup = other.run({"--user", "alice", "backup", "Docs"});
     EXPECT_EQ(backup.code, 0) << backup.err;
+    EXPECT_NE(backup.out.find("queued in the daemon (process " + std::to_string(daemon)), std::string::npos)
+        << backup.out;
+    EXPECT_NE(backup.out.find("Backed up \"Docs\""), std::string::npos) << backup.out;
+    EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 5)) << cli.outputSoFar();
+    size_t seen = cli.outputSoFar().size();
 
     // The next whole minute, with time left to make the change before it comes; the
     // daemon finds the slot due within that minute.
@@ -845,7 +853,7 @@ TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
 
     EXPECT_TRUE(waitForOutput(cli, "options changed", 20)) << cli.outputSoFar();
     EXPECT_TRUE(waitForOutput(cli, "task list changed", 20)) << cli.outputSoFar();
-    EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 100)) << cli.outputSoFar();
+    EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 100, seen)) << cli.outputSoFar();
 
     kill(daemon, SIGTERM);
     auto stopped = cli.finish(daemon);
@@ -853,6 +861,94 @@ TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
     EXPECT_NE(stopped.out.find("started \"Docs\""), std::string::npos) << stopped.out;
     EXPECT_NE(stopped.out.find("stopped"), std::string::npos) << stopped.out;
     EXPECT_EQ(other.run({"--user", "alice", "backup", "Docs"}).code, 0);
+}
+
+// The files below folder (recursively) whose name ends with suffix.
+std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
+    std::vector<std::string> found;
+    for (const auto& name : FileSystem::listDirectory(folder).value_or(std::vector<std::string>{})) {
+        std::string path = folder + "/" + name;
+        if (FileSystem::isDirectory(path)) {
+            auto below = filesEndingWith(path, suffix);
+            found.insert(found.end(), below.begin(), below.end());
+        } else if (name.size() >= suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+            found.push_back(path);
+        }
+    }
+    return found;
+}
+
+// Beside a running daemon `backup NAME` is the daemon's run, with the run's own result:
+// JSON for scripts, exit 1 for a failed run. A daemon killed outright leaves its socket,
+// which the next command removes and does not wait on; an account whose engine does not
+// answer is still refused with exit 4.
+TEST_F(CliEndToEnd, BackupBesideTheDaemonIsTheDaemonsRun) {
+    ASSERT_EQ(run({"logon"}).code, 0);
+    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
+    FileSystem::createDirectories(home.file("Gone"));
+    write("Gone/g.txt", "soon gone");
+    ASSERT_EQ(run({"task", "new", "Gone", "--source", home.file("Gone")}).code, 0);
+    ASSERT_TRUE(FileSystem::removeAll(home.file("Gone")));
+    pid_t daemon = cli.start({"--user", "alice", "daemon", "--now"});
+    ASSERT_TRUE(waitForOutput(cli, "scheduler running", 20)) << cli.outputSoFar();
+    auto sockets = filesEndingWith(home.file("run"), ".sock");
+    ASSERT_EQ(sockets.size(), 1u);
+    EXPECT_EQ(FileSystem::status(sockets[0])->mode & 0777, 0600u);
+
+    CliRunner other(home.file("scratch/other"));
+    FileSystem::createDirectories(home.file("scratch/other"));
+    other.setEnv("CIRROVAULT_PASSWORD=correct horse");
+    write("Documents/new.txt", "new since the first run");
+    auto json = other.run({"--user", "alice", "--json", "backup", "Docs"});
+    EXPECT_EQ(json.code, 0) << json.err;
+    auto doc = nlohmann::json::parse(json.out, nullptr, false);
+    ASSERT_TRUE(doc.is_object()) << json.out;
+    EXPECT_EQ(doc["state"], "succeeded");
+    EXPECT_EQ(doc["filesSent"], 1);
+    auto failed = other.run({"--user", "alice", "backup", "Gone"});
+    EXPECT_EQ(failed.code, 1) << failed.err;
+    EXPECT_NE(failed.err.find(home.file("Gone")), std::string::npos) << failed.err;
+    EXPECT_TRUE(waitForOutput(cli, "ended \"Gone\": failed", 5)) << cli.outputSoFar();
+
+    // Ctrl-C on the command stops the daemon's run of it.
+    FileSystem::createDirectories(home.file("Big"));
+    std::string block(32 << 20, '\0');
+    uint32_t seed = 99;
+    for (auto& c : block)
+        c = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 24);
+    for (int i = 0; i < 3; ++i)
+        write("Big/part" + std::to_string(i) + ".bin", block + std::to_string(i));
+    ASSERT_EQ(other.run({"--user", "alice", "task", "new", "Big", "--source", home.file("Big"), "--schedule", "daily",
+                         "--time", "03:15"}).code, 0);
+    pid_t big = other.start({"--user", "alice", "backup", "--list", "Big"});
+    waitForOutput(other, "sending", 20);
+    kill(big, SIGINT);
+    auto cancelled = other.finish(big);
+    if (cancelled.code != 0) {
+        EXPECT_EQ(cancelled.code, 5) << cancelled.err;
+        EXPECT_NE(cancelled.err.find("was cancelled"), std::string::npos) << cancelled.err;
+        EXPECT_TRUE(waitForOutput(cli, "ended \"Big\": cancelled", 5)) << cli.outputSoFar();
+    }
+
+    kill(daemon, SIGKILL);
+    cli.finish(daemon);
+    ASSERT_EQ(filesEndingWith(home.file("run"), ".sock"), sockets);
+    auto alone = other.run({"--user", "alice", "backup", "Docs"});
+    EXPECT_EQ(alone.code, 0) << alone.err;
+    EXPECT_EQ(alone.out.find("daemon"), std::string::npos) << alone.out;
+    EXPECT_TRUE(filesEndingWith(home.file("run"), ".sock").empty());
+
+    // An engine that holds the account without a socket (one that is running a task).
+    auto locks = filesEndingWith(home.dataHome(), "cirrovault-daemon.lock");
+    ASSERT_EQ(locks.size(), 1u);
+    std::string folder = locks[0].substr(0, locks[0].rfind('/'));
+    pid_t holder = 0;
+    auto daemonLock = cli::RunLock::acquire(folder, &holder, cli::RunLock::kDaemonFile);
+    auto runLock = cli::RunLock::acquire(folder, &holder);
+    ASSERT_TRUE(daemonLock && runLock);
+    auto busy = other.run({"--user", "alice", "backup", "Docs"});
+    EXPECT_EQ(busy.code, 4) << busy.err;
+    EXPECT_NE(busy.err.find(std::to_string(getpid())), std::string::npos) << busy.err;
 }
 
 // What a shell command printed (stdout and stderr), and whether it succeeded.

@@ -10,9 +10,9 @@
 
 namespace cirrovault::test {
 
-// A fresh temporary folder that stands in for the user's home: HOME, XDG_DATA_HOME and
-// XDG_CONFIG_HOME point into it for the life of the object, so no test touches the
-// real user's files.
+// A fresh temporary folder that stands in for the user's home: HOME, XDG_DATA_HOME,
+// XDG_CONFIG_HOME and XDG_RUNTIME_DIR point into it for the life of the object, so no
+// test touches the real user's files.
 class TempHome {
 public:
     TempHome() {
@@ -23,12 +23,15 @@ public:
         saveAndSet("HOME", root_);
         saveAndSet("XDG_DATA_HOME", root_ + "/data");
         saveAndSet("XDG_CONFIG_HOME", root_ + "/config");
+        // Sockets too: a test's daemon never meets the user's own.
+        saveAndSet("XDG_RUNTIME_DIR", root_ + "/run");
         // Secrets go to the owner-only file, whatever keyring the machine running the tests has.
         saveAndSet("CIRROVAULT_KEYRING", "off");
         // Reports never reach the desktop of whoever runs the tests: the bus named is not there.
         saveAndSet("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + root_ + "/no-session-bus");
         FileSystem::createDirectories(root_ + "/data");
         FileSystem::createDirectories(root_ + "/config");
+        FileSystem::createDirectories(root_ + "/run");
         LoadString::Reload();
     }
     ~TempHome() {

@@ -9,6 +9,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "platform/os/CallCancel.h"
 #include "platform/os/Host.h"
 #include "platform/os/SystemLog.h"
 
@@ -46,9 +47,12 @@ bool UserUnits::systemctl(const std::vector<std::string>& args, double timeoutSe
             return WIFEXITED(status) && WEXITSTATUS(status) == 0;
         if (done < 0 && errno != EINTR)
             return false;
-        if (std::chrono::steady_clock::now() >= deadline) {
-            // A user manager that does not answer must not hold the command for ever.
-            SystemLog::write("Error: UserUnits: systemctl did not answer in time");
+        bool cancelled = CallCancel::requested();
+        if (cancelled || std::chrono::steady_clock::now() >= deadline) {
+            // A user manager that does not answer must not hold the command for ever, nor
+            // past the user's Ctrl-C.
+            SystemLog::write(cancelled ? "UserUnits: systemctl stopped on request"
+                                       : "Error: UserUnits: systemctl did not answer in time");
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
             return false;

@@ -12,8 +12,8 @@ public:
     static std::string folder();
     // The absolute path of the running program, so a unit starts this very build.
     static std::string runningProgram();
-    // Runs `systemctl --user ARGS...` and waits at most timeoutSeconds; answers whether
-    // it ended with exit code 0.
+    // Runs `systemctl --user ARGS...` and waits at most timeoutSeconds, or until the
+    // thread's CallCancel flag turns true; answers whether it ended with exit code 0.
     static bool systemctl(const std::vector<std::string>& args, double timeoutSeconds = 30);
 };
 

@@ -51,7 +51,7 @@ TEST(PropertyList, FileWriteIsWholeAndReadable) {
     SystemLog::stopCapture();
     auto names = FileSystem::listDirectory(home.path());
     ASSERT_TRUE(names);
-    EXPECT_EQ(names->size(), 3u); // a.plist, data, config: no temporary left behind
+    EXPECT_EQ(names->size(), 4u); // a.plist, data, config, run: no temporary left behind
 }
 
 namespace {

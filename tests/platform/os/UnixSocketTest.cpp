@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include "common/ScopedEnv.h"
+#include "common/TempHome.h"
+#include "platform/os/CallCancel.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/UnixSocket.h"
+#include "platform/os/UserUnits.h"
+
+using namespace cirrovault;
+using test::ScopedEnv;
+using test::TempHome;
+
+namespace {
+
+uint32_t modeOf(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+// Lines cross whole in both directions, split or joined as the stream pleases; a
+// listener that ended leaves a file that refuses, and the next listener replaces it.
+TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
+    TempHome home;
+    std::string folder = UnixSocket::runtimeFolder();
+    ASSERT_EQ(folder, home.file("run/cirrovault"));
+    EXPECT_EQ(modeOf(folder), 0700u);
+    std::string path = folder + "/a.sock";
+
+    UnixSocket::Connect how;
+    EXPECT_FALSE(UnixSocket::connect(path, &how).valid());
+    EXPECT_EQ(how, UnixSocket::Connect::Absent);
+    {
+        UnixSocket listener = UnixSocket::listen(path);
+        ASSERT_TRUE(listener.valid());
+        EXPECT_EQ(modeOf(path), 0600u);
+        UnixSocket client = UnixSocket::connect(path, &how);
+        ASSERT_EQ(how, UnixSocket::Connect::Connected);
+        UnixSocket server = listener.accept(5);
+        ASSERT_TRUE(server.valid());
+
+        std::string line;
+        EXPECT_EQ(server.readLine(line, 0.05), UnixSocket::Read::Timeout);
+        ASSERT_TRUE(client.sendLine("backup two words\\nand more"));
+        ASSERT_TRUE(client.sendLine(""));
+        ASSERT_EQ(server.readLine(line, 5), UnixSocket::Read::Line);
+        EXPECT_EQ(line, "backup two words\\nand more");
+        ASSERT_EQ(server.readLine(line, 5), UnixSocket::Read::Line);
+        EXPECT_EQ(line, "");
+        ASSERT_TRUE(server.sendLine("pong 1"));
+        ASSERT_EQ(client.readLine(line, 5), UnixSocket::Read::Line);
+        EXPECT_EQ(line, "pong 1");
+
+        // A peer that floods without a line end is cut off, not buffered without end.
+        std::string flood(70 * 1024, 'x');
+        std::thread writer([&] { client.sendLine(flood); });
+        EXPECT_EQ(server.readLine(line, 5), UnixSocket::Read::Closed);
+        server = UnixSocket();
+        writer.join();
+        EXPECT_EQ(client.readLine(line, 5), UnixSocket::Read::Closed);
+        EXPECT_FALSE(listener.accept(0).valid());
+    }
+    ASSERT_TRUE(FileSystem::exists(path));
+    EXPECT_FALSE(UnixSocket::connect(path, &how).valid());
+    EXPECT_EQ(how, UnixSocket::Connect::Refused);
+    UnixSocket again = UnixSocket::listen(path);
+    ASSERT_TRUE(again.valid());
+    EXPECT_TRUE(UnixSocket::connect(path, &how).valid());
+}
+
+// Without XDG_RUNTIME_DIR the sockets go to a folder of our own under /tmp, closed to
+// others even when it was found open.
+TEST(UnixSocket, RuntimeFolderWithoutXdgIsOursAndClosed) {
+    ScopedEnv runtime("XDG_RUNTIME_DIR", std::nullopt);
+    std::string expected = "/tmp/cirrovault-" + std::to_string(getuid());
+    bool existed = FileSystem::exists(expected);
+    if (existed && modeOf(expected) == 0)
+        GTEST_SKIP() << expected << " is not ours to test with";
+    if (existed)
+        ::chmod(expected.c_str(), 0755);
+    EXPECT_EQ(UnixSocket::runtimeFolder(), expected);
+    EXPECT_EQ(modeOf(expected), 0700u);
+    if (!existed)
+        FileSystem::removeItem(expected);
+}
+
+// A systemctl that hangs ends as soon as the caller's cancel flag turns true, long before
+// its own time limit (which is past the test's, so a wait that ignored the flag fails).
+TEST(UserUnits, SystemctlStopsOnTheCancelFlag) {
+    TempHome home;
+    std::string bin = home.file("bin");
+    FileSystem::createDirectories(bin);
+    ASSERT_TRUE(FileSystem::writeFileAtomically(bin + "/systemctl", "#!/bin/sh\nexec sleep 1000\n"));
+    FileSystem::setPermissions(bin + "/systemctl", 0755);
+    ScopedEnv path("PATH", bin + ":/usr/bin:/bin");
+    auto flag = std::make_shared<std::atomic<bool>>(false);
+    std::thread press([flag] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        *flag = true;
+    });
+    CallCancel cancel(flag);
+    EXPECT_FALSE(UserUnits::systemctl({"daemon-reload"}, 1000));
+    press.join();
+}
+
+} // namespace
