@@ -5,11 +5,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace cirrovault {
 
@@ -103,9 +105,14 @@ private:
     bool commit(); // rolls back when the commit fails
     bool createSchema();
     void logError(const char* what);
+    void close(); // the statements first, then the connection
+
 
     mutable std::mutex mutex_; // serialises use of the connection
     sqlite3* db_ = nullptr;    // guarded by mutex_
+    // Prepared once per connection and reused by their text: preparing costs more than
+    // running the lookups and inserts an upload makes.
+    std::unordered_map<std::string, sqlite3_stmt*> statements_; // guarded by mutex_
 };
 
 } // namespace cirrovault
