@@ -96,9 +96,10 @@ std::string pastPrefix(std::string prefix) {
     return prefix;
 }
 
-// Matches ?2 itself and everything beneath it, as a range of the primary key (no scan of
-// the table): ?3 = insidePrefix(?2), ?4 = pastPrefix(?3). bindTree binds them.
-constexpr const char* TreeMatch = "(path = ?2 OR (path >= ?3 AND path < ?4))";
+// Matches ?2 itself and everything beneath it, as one range of the primary key: ?3 =
+// insidePrefix(?2), ?4 = pastPrefix(?3). bindTree binds them. Written as an OR of the two
+// ranges, the planner scanned all of the account's rows instead, once per new folder.
+constexpr const char* TreeMatch = "(path >= ?2 AND path < ?4 AND (path = ?2 OR path >= ?3))";
 
 Statement& bindTree(Statement& st, const std::string& folder) {
     const std::string prefix = insidePrefix(folder);
@@ -475,6 +476,11 @@ bool LocalStoreDatabase::copyFolderInfos(const std::string& customerID, const st
 bool LocalStoreDatabase::setFileMode(const std::string& customerID, const std::string& path,
                                      uint32_t mode) {
     std::lock_guard lock(mutex_);
+    return writeFileMode(customerID, path, mode);
+}
+
+bool LocalStoreDatabase::writeFileMode(const std::string& customerID, const std::string& path,
+                                       uint32_t mode) {
     bool ok;
     if (mode == 0) {
         Statement st(db_, statements_, "DELETE FROM fileModes WHERE customerID = ?1 AND path = ?2");
@@ -489,12 +495,33 @@ bool LocalStoreDatabase::setFileMode(const std::string& customerID, const std::s
     return ok;
 }
 
+bool LocalStoreDatabase::setNewFileMode(const std::string& customerID, const std::string& path,
+                                        uint32_t mode, bool& uploading) {
+    std::lock_guard lock(mutex_);
+    uploading = false;
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    int rc;
+    {
+        Statement st(db_, statements_, "SELECT 1 FROM parts WHERE customerID = ?1 AND path = ?2");
+        rc = st.bind(1, customerID).bind(2, path).step();
+    }
+    uploading = rc == SQLITE_ROW;
+    if ((rc != SQLITE_ROW && rc != SQLITE_DONE) ||
+        (!uploading && !writeFileMode(customerID, path, mode))) {
+        logError("set new file mode");
+        execute("ROLLBACK");
+        return false;
+    }
+    return commit();
+}
+
 bool LocalStoreDatabase::fileModesInside(const std::string& customerID, const std::string& folder,
                                          std::map<std::string, uint32_t>& modes) {
     std::lock_guard lock(mutex_);
     modes.clear();
     Statement st(db_, statements_, "SELECT path, mode FROM fileModes WHERE customerID = ?1"
-                      " AND (path = ?2 OR (path >= ?3 AND path < ?4"
+                      " AND path >= ?2 AND path < ?4 AND (path = ?2 OR (path >= ?3"
                       " AND instr(substr(path, length(?3) + 1), '\\') = 0))");
     bindTree(st.bind(1, customerID), folder);
     int rc;
