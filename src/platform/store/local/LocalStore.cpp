@@ -267,8 +267,22 @@ int64_t LocalStore::checkSpace(const Account& account, int64_t adding) {
         }
         return ResultCode::Success;
     }
-    // Default quota = free space + used space, so only the free space matters.
+    // Default quota = free space + used space, so only the free space matters. The disk
+    // is asked again only once the uploads since its last answer could have taken a
+    // quarter of what it had free: a write that fills it still fails with SpaceLimit.
+    {
+        std::lock_guard lock(mutex_);
+        if (freeSeen_ && writtenSinceFreeSeen_ + static_cast<uint64_t>(adding) <= *freeSeen_ / 4) {
+            writtenSinceFreeSeen_ += static_cast<uint64_t>(adding);
+            return ResultCode::Success;
+        }
+    }
     auto available = FileSystem::availableSpace(account.filesRoot);
+    {
+        std::lock_guard lock(mutex_);
+        freeSeen_ = available;
+        writtenSinceFreeSeen_ = 0;
+    }
     if (available && static_cast<uint64_t>(adding) > *available) {
         SystemLog::write("LocalStore: the disk holding the store is full");
         return ResultCode::SpaceLimit;

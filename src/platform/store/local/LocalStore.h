@@ -167,6 +167,8 @@ private:
     std::optional<Account> account_;   // guarded by mutex_
     std::optional<int64_t> usedBytes_; // guarded by mutex_; refreshed by quota()
     std::optional<std::optional<int64_t>> limit_; // guarded by mutex_; refreshed by quota()
+    std::optional<uint64_t> freeSeen_;  // guarded by mutex_; the disk's last answer
+    uint64_t writtenSinceFreeSeen_ = 0; // guarded by mutex_
 };
 
 } // namespace cirrovault
