@@ -2,8 +2,8 @@
 
 #include <chrono>
 #include <cstring>
-#include <unordered_map>
 #include <thread>
+#include <unordered_map>
 
 #include <sqlite3.h>
 
@@ -249,7 +249,8 @@ bool LocalStoreDatabase::integrityOk() {
 bool LocalStoreDatabase::accountOf(const std::string& customerID, std::string& userName,
                                    std::string& passwordHash) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, statements_, "SELECT userName, passwordHash FROM accounts WHERE customerID = ?1");
+    Statement st(db_, statements_,
+                 "SELECT userName, passwordHash FROM accounts WHERE customerID = ?1");
     st.bind(1, customerID);
     int rc = st.step();
     if (rc == SQLITE_ROW) {
@@ -266,7 +267,8 @@ bool LocalStoreDatabase::findAccount(const std::string& userName,
                                      std::optional<LocalAccountRecord>& account) {
     std::lock_guard lock(mutex_);
     account.reset();
-    Statement st(db_, statements_, "SELECT customerID, passwordHash, quota FROM accounts WHERE userName = ?1");
+    Statement st(db_, statements_,
+                 "SELECT customerID, passwordHash, quota FROM accounts WHERE userName = ?1");
     st.bind(1, userName);
     int rc = st.step();
     if (rc == SQLITE_ROW) {
@@ -287,8 +289,9 @@ bool LocalStoreDatabase::findAccount(const std::string& userName,
 bool LocalStoreDatabase::addAccount(const std::string& userName, const std::string& customerID,
                                     const std::string& passwordHash) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, statements_, "INSERT OR IGNORE INTO accounts(userName, customerID, passwordHash)"
-                      " VALUES(?1, ?2, ?3)");
+    Statement st(db_, statements_,
+                 "INSERT OR IGNORE INTO accounts(userName, customerID, passwordHash)"
+                 " VALUES(?1, ?2, ?3)");
     if (st.bind(1, userName).bind(2, customerID).bind(3, passwordHash).run())
         return true;
     logError("add account");
@@ -331,8 +334,9 @@ bool LocalStoreDatabase::setFolderInfo(const std::string& customerID, const std:
         Statement st(db_, statements_, "DELETE FROM folders WHERE customerID = ?1 AND path = ?2");
         ok = st.bind(1, customerID).bind(2, path).run();
     } else {
-        Statement st(db_, statements_, "INSERT OR REPLACE INTO folders(customerID, path, description, caption)"
-                          " VALUES(?1, ?2, ?3, ?4)");
+        Statement st(db_, statements_,
+                     "INSERT OR REPLACE INTO folders(customerID, path, description, caption)"
+                     " VALUES(?1, ?2, ?3, ?4)");
         ok = st.bind(1, customerID)
                  .bind(2, path)
                  .bind(3, info.description)
@@ -366,9 +370,10 @@ bool LocalStoreDatabase::folderInfosInside(const std::string& customerID, const 
                                            std::map<std::string, LocalFolderInfo>& infos) {
     std::lock_guard lock(mutex_);
     infos.clear();
-    Statement st(db_, statements_, "SELECT path, description, caption FROM folders WHERE customerID = ?1"
-                      " AND path >= ?3 AND path < ?4"
-                      " AND instr(substr(path, length(?3) + 1), '\\') = 0");
+    Statement st(db_, statements_,
+                 "SELECT path, description, caption FROM folders WHERE customerID = ?1"
+                 " AND path >= ?3 AND path < ?4"
+                 " AND instr(substr(path, length(?3) + 1), '\\') = 0");
     bindTree(st.bind(1, customerID), folder);
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
@@ -383,7 +388,8 @@ bool LocalStoreDatabase::partTag(const std::string& customerID, const std::strin
                                  std::optional<std::string>& tag) {
     std::lock_guard lock(mutex_);
     tag.reset();
-    Statement st(db_, statements_, "SELECT resumeTag FROM parts WHERE customerID = ?1 AND path = ?2");
+    Statement st(db_, statements_,
+                 "SELECT resumeTag FROM parts WHERE customerID = ?1 AND path = ?2");
     st.bind(1, customerID).bind(2, path);
     int rc = st.step();
     if (rc == SQLITE_ROW)
@@ -456,16 +462,18 @@ bool LocalStoreDatabase::moveTree(const std::string& customerID, const std::stri
 bool LocalStoreDatabase::copyFolderInfos(const std::string& customerID, const std::string& from,
                                          const std::string& to) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, statements_, std::string("INSERT OR REPLACE INTO folders(customerID, path, description,"
-                                  " caption) SELECT customerID, ?5 || substr(path, length(?2) + 1),"
-                                  " description, caption FROM folders WHERE customerID = ?1 AND ")
-                          .append(TreeMatch)
-                          .c_str());
-    Statement modes(db_, statements_, std::string("INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
-                                     " SELECT customerID, ?5 || substr(path, length(?2) + 1), mode"
-                                     " FROM fileModes WHERE customerID = ?1 AND ")
-                             .append(TreeMatch)
-                             .c_str());
+    Statement st(db_, statements_,
+                 std::string("INSERT OR REPLACE INTO folders(customerID, path, description,"
+                             " caption) SELECT customerID, ?5 || substr(path, length(?2) + 1),"
+                             " description, caption FROM folders WHERE customerID = ?1 AND ")
+                     .append(TreeMatch)
+                     .c_str());
+    Statement modes(db_, statements_,
+                    std::string("INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
+                                " SELECT customerID, ?5 || substr(path, length(?2) + 1), mode"
+                                " FROM fileModes WHERE customerID = ?1 AND ")
+                        .append(TreeMatch)
+                        .c_str());
     if (bindTree(st.bind(1, customerID).bind(5, to), from).run() &&
         bindTree(modes.bind(1, customerID).bind(5, to), from).run())
         return true;
@@ -486,8 +494,9 @@ bool LocalStoreDatabase::writeFileMode(const std::string& customerID, const std:
         Statement st(db_, statements_, "DELETE FROM fileModes WHERE customerID = ?1 AND path = ?2");
         ok = st.bind(1, customerID).bind(2, path).run();
     } else {
-        Statement st(db_, statements_, "INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
-                          " VALUES(?1, ?2, ?3)");
+        Statement st(db_, statements_,
+                     "INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
+                     " VALUES(?1, ?2, ?3)");
         ok = st.bind(1, customerID).bind(2, path).bind(3, static_cast<int64_t>(mode)).run();
     }
     if (!ok)
@@ -520,9 +529,10 @@ bool LocalStoreDatabase::fileModesInside(const std::string& customerID, const st
                                          std::map<std::string, uint32_t>& modes) {
     std::lock_guard lock(mutex_);
     modes.clear();
-    Statement st(db_, statements_, "SELECT path, mode FROM fileModes WHERE customerID = ?1"
-                      " AND path >= ?2 AND path < ?4 AND (path = ?2 OR (path >= ?3"
-                      " AND instr(substr(path, length(?3) + 1), '\\') = 0))");
+    Statement st(db_, statements_,
+                 "SELECT path, mode FROM fileModes WHERE customerID = ?1"
+                 " AND path >= ?2 AND path < ?4 AND (path = ?2 OR (path >= ?3"
+                 " AND instr(substr(path, length(?3) + 1), '\\') = 0))");
     bindTree(st.bind(1, customerID), folder);
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
@@ -597,8 +607,9 @@ int64_t LocalStoreDatabase::writeTaskList(const std::string& customerID,
         execute("ROLLBACK");
         return ResultCode::Conflict;
     }
-    Statement st(db_, statements_, "INSERT OR REPLACE INTO taskLists(customerID, document, version)"
-                      " VALUES(?1, ?2, ?3)");
+    Statement st(db_, statements_,
+                 "INSERT OR REPLACE INTO taskLists(customerID, document, version)"
+                 " VALUES(?1, ?2, ?3)");
     if (!st.bind(1, customerID).bind(2, document).bind(3, next).run()) {
         logError("write task list");
         execute("ROLLBACK");
@@ -631,7 +642,8 @@ bool LocalStoreDatabase::replaceFolderTotals(
     bool ok = true;
     {
         for (const auto& [folder, record] : changed) {
-            Statement one(db_, statements_, "INSERT OR REPLACE INTO folderTotals(folder, record) VALUES(?1, ?2)");
+            Statement one(db_, statements_,
+                          "INSERT OR REPLACE INTO folderTotals(folder, record) VALUES(?1, ?2)");
             ok = ok && one.bind(1, folder).bind(2, record).run();
         }
         for (const auto& folder : gone) {

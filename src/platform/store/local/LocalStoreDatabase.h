@@ -112,7 +112,6 @@ private:
     void logError(const char* what);
     void close(); // the statements first, then the connection
 
-
     mutable std::mutex mutex_; // serialises use of the connection
     sqlite3* db_ = nullptr;    // guarded by mutex_
     // Prepared once per connection and reused by their text: preparing costs more than
