@@ -312,6 +312,50 @@ TEST(LocalStoreThreadTest, OnlyOneUploadWritesAFileAtATime) {
     EXPECT_EQ(storedContent(second, "\\f"), data);
 }
 
+// Transfers run side by side through one store object: small files take the unnamed-file
+// way, large ones a part file; each keeps its own bytes and mode.
+TEST(LocalStoreThreadTest, SeveralUploadsAtOnceThroughOneStore) {
+    TempHome home;
+    LocalStore store(home.file("store"));
+    StoreSession session;
+    ASSERT_EQ(store.logon("alice", "pw", session), R::Success);
+    ASSERT_EQ(store.makeFolder("\\d", "", ""), R::Success);
+    constexpr int Threads = 4;
+    constexpr int Files = 12;
+    auto pathOf = [](int thread, int i) {
+        return "\\d\\" + std::string(i % 2 ? "f" : "g") + std::to_string(thread * 100 + i);
+    };
+    auto contentOf = [](int thread, int i) {
+        size_t size = i % 4 == 3 ? LocalStore::ChunkSize + 5 : static_cast<size_t>(100 + i);
+        return std::to_string(thread * 100 + i) + patternBytes(size);
+    };
+    std::vector<std::thread> workers;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < Threads; ++t)
+        workers.emplace_back([&, t] {
+            for (int i = 0; i < Files; ++i) {
+                MemorySource source(contentOf(t, i), "tag");
+                source.setMode(0100600 | static_cast<uint32_t>(i));
+                if (store.put(pathOf(t, i), source, Date(), nullptr) != R::Success)
+                    ++failures;
+                StoreQuota quota;
+                if (i % 5 == 0 && store.quota(quota) != R::Success)
+                    ++failures;
+            }
+        });
+    for (auto& worker : workers)
+        worker.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(names(store, "\\d").size(), static_cast<size_t>(Threads * Files));
+    for (int t = 0; t < Threads; ++t)
+        for (int i = 0; i < Files; ++i) {
+            StoreItem item;
+            ASSERT_EQ(store.stat(pathOf(t, i), item), R::Success);
+            EXPECT_EQ(item.mode, 0100600u | static_cast<uint32_t>(i)) << pathOf(t, i);
+            EXPECT_EQ(storedContent(store, pathOf(t, i)), contentOf(t, i)) << pathOf(t, i);
+        }
+}
+
 TEST(StoreFactoryTest, ChoosesTheBackendByURL) {
     auto local = std::dynamic_pointer_cast<LocalStore>(
         StoreFactory::makeBackend("file:///tmp/some%20store/"));

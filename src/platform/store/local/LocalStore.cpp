@@ -195,6 +195,7 @@ int64_t LocalStore::logon(const std::string& userName, const std::string& passwo
             std::lock_guard lock(mutex_);
             account_ = account;
             usedBytes_.reset();
+            limit_.reset();
         }
         session.sessionID = randomHex(16);
         session.customerID = account.customerID;
@@ -211,6 +212,7 @@ void LocalStore::logoff() {
     std::lock_guard lock(mutex_);
     account_.reset();
     usedBytes_.reset();
+    limit_.reset();
 }
 
 int64_t LocalStore::usedSpace(const Account& account, bool refresh) {
@@ -234,11 +236,27 @@ void LocalStore::adjustUsedSpace(int64_t change) {
         *usedBytes_ = std::max<int64_t>(0, *usedBytes_ + change);
 }
 
+bool LocalStore::accountLimit(const Account& account, bool refresh, std::optional<int64_t>& limit) {
+    {
+        std::lock_guard lock(mutex_);
+        if (limit_ && !refresh) {
+            limit = *limit_;
+            return true;
+        }
+    }
+    if (!db_.quota(account.customerID, limit))
+        return false;
+    std::lock_guard lock(mutex_);
+    if (account_ && account_->customerID == account.customerID)
+        limit_ = limit;
+    return true;
+}
+
 int64_t LocalStore::checkSpace(const Account& account, int64_t adding) {
     if (adding <= 0)
         return ResultCode::Success;
     std::optional<int64_t> limit;
-    if (!db_.quota(account.customerID, limit))
+    if (!accountLimit(account, false, limit))
         return ResultCode::Failure;
     if (limit) {
         // The figure is kept between calls (a walk of the whole tree per upload would
@@ -249,8 +267,22 @@ int64_t LocalStore::checkSpace(const Account& account, int64_t adding) {
         }
         return ResultCode::Success;
     }
-    // Default quota = free space + used space, so only the free space matters.
+    // Default quota = free space + used space, so only the free space matters. The disk
+    // is asked again only once the uploads since its last answer could have taken a
+    // quarter of what it had free: a write that fills it still fails with SpaceLimit.
+    {
+        std::lock_guard lock(mutex_);
+        if (freeSeen_ && writtenSinceFreeSeen_ + static_cast<uint64_t>(adding) <= *freeSeen_ / 4) {
+            writtenSinceFreeSeen_ += static_cast<uint64_t>(adding);
+            return ResultCode::Success;
+        }
+    }
     auto available = FileSystem::availableSpace(account.filesRoot);
+    {
+        std::lock_guard lock(mutex_);
+        freeSeen_ = available;
+        writtenSinceFreeSeen_ = 0;
+    }
     if (available && static_cast<uint64_t>(adding) > *available) {
         SystemLog::write("LocalStore: the disk holding the store is full");
         return ResultCode::SpaceLimit;
@@ -265,7 +297,7 @@ int64_t LocalStore::quota(StoreQuota& quota) {
         if (!account)
             return ResultCode::NotLoggedOn;
         std::optional<int64_t> limit;
-        if (!db_.quota(account->customerID, limit))
+        if (!accountLimit(*account, true, limit))
             return ResultCode::Failure;
         quota.usedSpace = usedSpace(*account, true);
         if (limit) {
@@ -292,7 +324,11 @@ int64_t LocalStore::setQuota(int64_t maxBytes) {
                 return ResultCode::BadRequest;
             limit = maxBytes;
         }
-        return db_.setQuota(account->customerID, limit) ? ResultCode::Success : ResultCode::Failure;
+        if (!db_.setQuota(account->customerID, limit))
+            return ResultCode::Failure;
+        std::lock_guard lock(mutex_);
+        limit_.reset();
+        return ResultCode::Success;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::setQuota()");
         return ResultCode::Failure;

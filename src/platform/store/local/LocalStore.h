@@ -151,6 +151,9 @@ private:
     // SpaceLimit when adding bytes would take the account over its quota.
     int64_t checkSpace(const Account& account, int64_t adding);
     int64_t usedSpace(const Account& account, bool refresh);
+    // The account's quota, none for the disk's; kept like the used space, so an upload
+    // does not read it.
+    bool accountLimit(const Account& account, bool refresh, std::optional<int64_t>& limit);
     void adjustUsedSpace(int64_t change);
     // The folder figures kept in the database, in and out.
     void loadFolderTotals();
@@ -163,6 +166,9 @@ private:
     mutable std::mutex mutex_;
     std::optional<Account> account_;   // guarded by mutex_
     std::optional<int64_t> usedBytes_; // guarded by mutex_; refreshed by quota()
+    std::optional<std::optional<int64_t>> limit_; // guarded by mutex_; refreshed by quota()
+    std::optional<uint64_t> freeSeen_;  // guarded by mutex_; the disk's last answer
+    uint64_t writtenSinceFreeSeen_ = 0; // guarded by mutex_
 };
 
 } // namespace cirrovault

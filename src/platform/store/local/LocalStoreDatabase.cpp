@@ -1,7 +1,9 @@
 #include "platform/store/local/LocalStoreDatabase.h"
 
 #include <chrono>
+#include <cstring>
 #include <thread>
+#include <unordered_map>
 
 #include <sqlite3.h>
 
@@ -15,14 +17,35 @@ namespace {
 // Waits this long for another connection's write lock before giving up.
 constexpr int BusyTimeoutMs = 30'000;
 
-// One prepared statement; finalised when it goes out of scope.
+// One prepared statement, borrowed from the connection's cache and given back reset when
+// it goes out of scope. A text in use already (the same statement twice at once) gets a
+// fresh one, which later stays in the cache if that has none.
 class Statement {
 public:
-    Statement(sqlite3* db, const char* sql) {
-        if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
-            stmt_ = nullptr;
+    using Cache = std::unordered_map<std::string, sqlite3_stmt*>;
+
+    Statement(sqlite3* db, Cache& cache, const std::string& sql) : cache_(&cache) {
+        node_ = cache.extract(sql);
+        if (node_.empty()) {
+            sqlite3_stmt* stmt = nullptr;
+            if (sqlite3_prepare_v3(db, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &stmt,
+                                   nullptr) != SQLITE_OK) {
+                sqlite3_finalize(stmt);
+                return;
+            }
+            Cache one{{sql, stmt}};
+            node_ = one.extract(one.begin());
+        }
+        stmt_ = node_.mapped();
     }
-    ~Statement() { sqlite3_finalize(stmt_); }
+    ~Statement() {
+        if (!stmt_)
+            return;
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+        if (!cache_->insert(std::move(node_)).inserted)
+            sqlite3_finalize(stmt_);
+    }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
@@ -56,6 +79,8 @@ public:
     bool isNull(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
 
 private:
+    Cache* cache_;
+    Cache::node_type node_;
     sqlite3_stmt* stmt_ = nullptr;
 };
 
@@ -71,9 +96,10 @@ std::string pastPrefix(std::string prefix) {
     return prefix;
 }
 
-// Matches ?2 itself and everything beneath it, as a range of the primary key (no scan of
-// the table): ?3 = insidePrefix(?2), ?4 = pastPrefix(?3). bindTree binds them.
-constexpr const char* TreeMatch = "(path = ?2 OR (path >= ?3 AND path < ?4))";
+// Matches ?2 itself and everything beneath it, as one range of the primary key: ?3 =
+// insidePrefix(?2), ?4 = pastPrefix(?3). bindTree binds them. Written as an OR of the two
+// ranges, the planner scanned all of the account's rows instead, once per new folder.
+constexpr const char* TreeMatch = "(path >= ?2 AND path < ?4 AND (path = ?2 OR path >= ?3))";
 
 Statement& bindTree(Statement& st, const std::string& folder) {
     const std::string prefix = insidePrefix(folder);
@@ -83,8 +109,16 @@ Statement& bindTree(Statement& st, const std::string& folder) {
 } // namespace
 
 LocalStoreDatabase::~LocalStoreDatabase() {
+    close();
+}
+
+void LocalStoreDatabase::close() {
+    for (auto& [sql, stmt] : statements_)
+        sqlite3_finalize(stmt);
+    statements_.clear();
     if (db_)
         sqlite3_close_v2(db_);
+    db_ = nullptr;
 }
 
 void LocalStoreDatabase::logError(const char* what) {
@@ -93,6 +127,13 @@ void LocalStoreDatabase::logError(const char* what) {
 }
 
 bool LocalStoreDatabase::execute(const char* sql) {
+    if (!std::strchr(sql, ';')) {
+        Statement st(db_, statements_, sql);
+        if (st.run())
+            return true;
+        logError(sql);
+        return false;
+    }
     char* message = nullptr;
     int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &message);
     if (rc != SQLITE_OK) {
@@ -133,8 +174,7 @@ bool LocalStoreDatabase::open(const std::string& file, bool* damaged) {
         if (damaged)
             *damaged = code == SQLITE_NOTADB || code == SQLITE_CORRUPT;
         SystemLog::write("Error: store database is not usable: " + file);
-        sqlite3_close_v2(db_);
-        db_ = nullptr;
+        close();
         return false;
     }
     return true;
@@ -145,7 +185,7 @@ bool LocalStoreDatabase::createSchema() {
     // same store at the same time may briefly hold it.
     bool wal = false;
     for (int attempt = 0; attempt < 100 && !wal; ++attempt) {
-        Statement mode(db_, "PRAGMA journal_mode=WAL");
+        Statement mode(db_, statements_, "PRAGMA journal_mode=WAL");
         int rc = mode.step();
         wal = rc == SQLITE_ROW && mode.text(0) == "wal";
         if (!wal && rc != SQLITE_BUSY && rc != SQLITE_LOCKED)
@@ -188,7 +228,7 @@ bool LocalStoreDatabase::isOpen() const {
 bool LocalStoreDatabase::accountCount(int64_t& count) {
     std::lock_guard lock(mutex_);
     count = 0;
-    Statement st(db_, "SELECT count(*) FROM accounts");
+    Statement st(db_, statements_, "SELECT count(*) FROM accounts");
     if (st.step() == SQLITE_ROW) {
         count = st.integer(0);
         return true;
@@ -199,7 +239,7 @@ bool LocalStoreDatabase::accountCount(int64_t& count) {
 
 bool LocalStoreDatabase::integrityOk() {
     std::lock_guard lock(mutex_);
-    Statement st(db_, "PRAGMA integrity_check");
+    Statement st(db_, statements_, "PRAGMA integrity_check");
     bool ok = st.step() == SQLITE_ROW && st.text(0) == "ok";
     if (!ok)
         logError("integrity check");
@@ -209,7 +249,8 @@ bool LocalStoreDatabase::integrityOk() {
 bool LocalStoreDatabase::accountOf(const std::string& customerID, std::string& userName,
                                    std::string& passwordHash) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, "SELECT userName, passwordHash FROM accounts WHERE customerID = ?1");
+    Statement st(db_, statements_,
+                 "SELECT userName, passwordHash FROM accounts WHERE customerID = ?1");
     st.bind(1, customerID);
     int rc = st.step();
     if (rc == SQLITE_ROW) {
@@ -226,7 +267,8 @@ bool LocalStoreDatabase::findAccount(const std::string& userName,
                                      std::optional<LocalAccountRecord>& account) {
     std::lock_guard lock(mutex_);
     account.reset();
-    Statement st(db_, "SELECT customerID, passwordHash, quota FROM accounts WHERE userName = ?1");
+    Statement st(db_, statements_,
+                 "SELECT customerID, passwordHash, quota FROM accounts WHERE userName = ?1");
     st.bind(1, userName);
     int rc = st.step();
     if (rc == SQLITE_ROW) {
@@ -247,8 +289,9 @@ bool LocalStoreDatabase::findAccount(const std::string& userName,
 bool LocalStoreDatabase::addAccount(const std::string& userName, const std::string& customerID,
                                     const std::string& passwordHash) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, "INSERT OR IGNORE INTO accounts(userName, customerID, passwordHash)"
-                      " VALUES(?1, ?2, ?3)");
+    Statement st(db_, statements_,
+                 "INSERT OR IGNORE INTO accounts(userName, customerID, passwordHash)"
+                 " VALUES(?1, ?2, ?3)");
     if (st.bind(1, userName).bind(2, customerID).bind(3, passwordHash).run())
         return true;
     logError("add account");
@@ -257,7 +300,7 @@ bool LocalStoreDatabase::addAccount(const std::string& userName, const std::stri
 
 bool LocalStoreDatabase::setQuota(const std::string& customerID, std::optional<int64_t> quota) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, "UPDATE accounts SET quota = ?2 WHERE customerID = ?1");
+    Statement st(db_, statements_, "UPDATE accounts SET quota = ?2 WHERE customerID = ?1");
     st.bind(1, customerID);
     if (quota)
         st.bind(2, *quota);
@@ -272,7 +315,7 @@ bool LocalStoreDatabase::setQuota(const std::string& customerID, std::optional<i
 bool LocalStoreDatabase::quota(const std::string& customerID, std::optional<int64_t>& quota) {
     std::lock_guard lock(mutex_);
     quota.reset();
-    Statement st(db_, "SELECT quota FROM accounts WHERE customerID = ?1");
+    Statement st(db_, statements_, "SELECT quota FROM accounts WHERE customerID = ?1");
     st.bind(1, customerID);
     int rc = st.step();
     if (rc == SQLITE_ROW && !st.isNull(0))
@@ -288,11 +331,12 @@ bool LocalStoreDatabase::setFolderInfo(const std::string& customerID, const std:
     std::lock_guard lock(mutex_);
     bool ok;
     if (info.description.empty() && info.caption.empty()) {
-        Statement st(db_, "DELETE FROM folders WHERE customerID = ?1 AND path = ?2");
+        Statement st(db_, statements_, "DELETE FROM folders WHERE customerID = ?1 AND path = ?2");
         ok = st.bind(1, customerID).bind(2, path).run();
     } else {
-        Statement st(db_, "INSERT OR REPLACE INTO folders(customerID, path, description, caption)"
-                          " VALUES(?1, ?2, ?3, ?4)");
+        Statement st(db_, statements_,
+                     "INSERT OR REPLACE INTO folders(customerID, path, description, caption)"
+                     " VALUES(?1, ?2, ?3, ?4)");
         ok = st.bind(1, customerID)
                  .bind(2, path)
                  .bind(3, info.description)
@@ -308,7 +352,7 @@ bool LocalStoreDatabase::folderInfo(const std::string& customerID, const std::st
                                     LocalFolderInfo& info) {
     std::lock_guard lock(mutex_);
     info = {};
-    Statement st(db_,
+    Statement st(db_, statements_,
                  "SELECT description, caption FROM folders WHERE customerID = ?1 AND path = ?2");
     st.bind(1, customerID).bind(2, path);
     int rc = st.step();
@@ -326,9 +370,10 @@ bool LocalStoreDatabase::folderInfosInside(const std::string& customerID, const 
                                            std::map<std::string, LocalFolderInfo>& infos) {
     std::lock_guard lock(mutex_);
     infos.clear();
-    Statement st(db_, "SELECT path, description, caption FROM folders WHERE customerID = ?1"
-                      " AND path >= ?3 AND path < ?4"
-                      " AND instr(substr(path, length(?3) + 1), '\\') = 0");
+    Statement st(db_, statements_,
+                 "SELECT path, description, caption FROM folders WHERE customerID = ?1"
+                 " AND path >= ?3 AND path < ?4"
+                 " AND instr(substr(path, length(?3) + 1), '\\') = 0");
     bindTree(st.bind(1, customerID), folder);
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
@@ -343,7 +388,8 @@ bool LocalStoreDatabase::partTag(const std::string& customerID, const std::strin
                                  std::optional<std::string>& tag) {
     std::lock_guard lock(mutex_);
     tag.reset();
-    Statement st(db_, "SELECT resumeTag FROM parts WHERE customerID = ?1 AND path = ?2");
+    Statement st(db_, statements_,
+                 "SELECT resumeTag FROM parts WHERE customerID = ?1 AND path = ?2");
     st.bind(1, customerID).bind(2, path);
     int rc = st.step();
     if (rc == SQLITE_ROW)
@@ -357,7 +403,7 @@ bool LocalStoreDatabase::partTag(const std::string& customerID, const std::strin
 bool LocalStoreDatabase::setPartTag(const std::string& customerID, const std::string& path,
                                     const std::string& tag) {
     std::lock_guard lock(mutex_);
-    Statement st(db_,
+    Statement st(db_, statements_,
                  "INSERT OR REPLACE INTO parts(customerID, path, resumeTag) VALUES(?1, ?2, ?3)");
     if (st.bind(1, customerID).bind(2, path).bind(3, tag).run())
         return true;
@@ -367,7 +413,7 @@ bool LocalStoreDatabase::setPartTag(const std::string& customerID, const std::st
 
 bool LocalStoreDatabase::removePartTag(const std::string& customerID, const std::string& path) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, "DELETE FROM parts WHERE customerID = ?1 AND path = ?2");
+    Statement st(db_, statements_, "DELETE FROM parts WHERE customerID = ?1 AND path = ?2");
     if (st.bind(1, customerID).bind(2, path).run())
         return true;
     logError("remove resume tag");
@@ -379,7 +425,7 @@ bool LocalStoreDatabase::partPathsInside(const std::string& customerID, const st
     std::lock_guard lock(mutex_);
     paths.clear();
     Statement st(
-        db_,
+        db_, statements_,
         std::string("SELECT path FROM parts WHERE customerID = ?1 AND ").append(TreeMatch).c_str());
     bindTree(st.bind(1, customerID), folder);
     int rc;
@@ -402,7 +448,7 @@ bool LocalStoreDatabase::moveTree(const std::string& customerID, const std::stri
                           " SET path = ?5 || substr(path, length(?2) + 1)"
                           " WHERE customerID = ?1 AND " +
                           TreeMatch;
-        Statement st(db_, sql.c_str());
+        Statement st(db_, statements_, sql.c_str());
         ok = ok && bindTree(st.bind(1, customerID).bind(5, to), from).run();
     }
     if (!ok) {
@@ -416,16 +462,18 @@ bool LocalStoreDatabase::moveTree(const std::string& customerID, const std::stri
 bool LocalStoreDatabase::copyFolderInfos(const std::string& customerID, const std::string& from,
                                          const std::string& to) {
     std::lock_guard lock(mutex_);
-    Statement st(db_, std::string("INSERT OR REPLACE INTO folders(customerID, path, description,"
-                                  " caption) SELECT customerID, ?5 || substr(path, length(?2) + 1),"
-                                  " description, caption FROM folders WHERE customerID = ?1 AND ")
-                          .append(TreeMatch)
-                          .c_str());
-    Statement modes(db_, std::string("INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
-                                     " SELECT customerID, ?5 || substr(path, length(?2) + 1), mode"
-                                     " FROM fileModes WHERE customerID = ?1 AND ")
-                             .append(TreeMatch)
-                             .c_str());
+    Statement st(db_, statements_,
+                 std::string("INSERT OR REPLACE INTO folders(customerID, path, description,"
+                             " caption) SELECT customerID, ?5 || substr(path, length(?2) + 1),"
+                             " description, caption FROM folders WHERE customerID = ?1 AND ")
+                     .append(TreeMatch)
+                     .c_str());
+    Statement modes(db_, statements_,
+                    std::string("INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
+                                " SELECT customerID, ?5 || substr(path, length(?2) + 1), mode"
+                                " FROM fileModes WHERE customerID = ?1 AND ")
+                        .append(TreeMatch)
+                        .c_str());
     if (bindTree(st.bind(1, customerID).bind(5, to), from).run() &&
         bindTree(modes.bind(1, customerID).bind(5, to), from).run())
         return true;
@@ -436,13 +484,19 @@ bool LocalStoreDatabase::copyFolderInfos(const std::string& customerID, const st
 bool LocalStoreDatabase::setFileMode(const std::string& customerID, const std::string& path,
                                      uint32_t mode) {
     std::lock_guard lock(mutex_);
+    return writeFileMode(customerID, path, mode);
+}
+
+bool LocalStoreDatabase::writeFileMode(const std::string& customerID, const std::string& path,
+                                       uint32_t mode) {
     bool ok;
     if (mode == 0) {
-        Statement st(db_, "DELETE FROM fileModes WHERE customerID = ?1 AND path = ?2");
+        Statement st(db_, statements_, "DELETE FROM fileModes WHERE customerID = ?1 AND path = ?2");
         ok = st.bind(1, customerID).bind(2, path).run();
     } else {
-        Statement st(db_, "INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
-                          " VALUES(?1, ?2, ?3)");
+        Statement st(db_, statements_,
+                     "INSERT OR REPLACE INTO fileModes(customerID, path, mode)"
+                     " VALUES(?1, ?2, ?3)");
         ok = st.bind(1, customerID).bind(2, path).bind(3, static_cast<int64_t>(mode)).run();
     }
     if (!ok)
@@ -450,13 +504,35 @@ bool LocalStoreDatabase::setFileMode(const std::string& customerID, const std::s
     return ok;
 }
 
+bool LocalStoreDatabase::setNewFileMode(const std::string& customerID, const std::string& path,
+                                        uint32_t mode, bool& uploading) {
+    std::lock_guard lock(mutex_);
+    uploading = false;
+    if (!execute("BEGIN IMMEDIATE"))
+        return false;
+    int rc;
+    {
+        Statement st(db_, statements_, "SELECT 1 FROM parts WHERE customerID = ?1 AND path = ?2");
+        rc = st.bind(1, customerID).bind(2, path).step();
+    }
+    uploading = rc == SQLITE_ROW;
+    if ((rc != SQLITE_ROW && rc != SQLITE_DONE) ||
+        (!uploading && !writeFileMode(customerID, path, mode))) {
+        logError("set new file mode");
+        execute("ROLLBACK");
+        return false;
+    }
+    return commit();
+}
+
 bool LocalStoreDatabase::fileModesInside(const std::string& customerID, const std::string& folder,
                                          std::map<std::string, uint32_t>& modes) {
     std::lock_guard lock(mutex_);
     modes.clear();
-    Statement st(db_, "SELECT path, mode FROM fileModes WHERE customerID = ?1"
-                      " AND (path = ?2 OR (path >= ?3 AND path < ?4"
-                      " AND instr(substr(path, length(?3) + 1), '\\') = 0))");
+    Statement st(db_, statements_,
+                 "SELECT path, mode FROM fileModes WHERE customerID = ?1"
+                 " AND path >= ?2 AND path < ?4 AND (path = ?2 OR (path >= ?3"
+                 " AND instr(substr(path, length(?3) + 1), '\\') = 0))");
     bindTree(st.bind(1, customerID), folder);
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
@@ -475,7 +551,7 @@ bool LocalStoreDatabase::removeTree(const std::string& customerID, const std::st
     for (const char* table : {"folders", "parts", "fileModes"}) {
         std::string sql =
             std::string("DELETE FROM ") + table + " WHERE customerID = ?1 AND " + TreeMatch;
-        Statement st(db_, sql.c_str());
+        Statement st(db_, statements_, sql.c_str());
         ok = ok && bindTree(st.bind(1, customerID), path).run();
     }
     if (!ok) {
@@ -491,7 +567,7 @@ bool LocalStoreDatabase::readTaskList(const std::string& customerID, std::string
     std::lock_guard lock(mutex_);
     document.clear();
     version.clear();
-    Statement st(db_, "SELECT document, version FROM taskLists WHERE customerID = ?1");
+    Statement st(db_, statements_, "SELECT document, version FROM taskLists WHERE customerID = ?1");
     st.bind(1, customerID);
     int rc = st.step();
     if (rc == SQLITE_ROW) {
@@ -515,7 +591,7 @@ int64_t LocalStoreDatabase::writeTaskList(const std::string& customerID,
     std::string stored;
     int64_t next = 1;
     {
-        Statement st(db_, "SELECT version FROM taskLists WHERE customerID = ?1");
+        Statement st(db_, statements_, "SELECT version FROM taskLists WHERE customerID = ?1");
         st.bind(1, customerID);
         int rc = st.step();
         if (rc == SQLITE_ROW) {
@@ -531,8 +607,9 @@ int64_t LocalStoreDatabase::writeTaskList(const std::string& customerID,
         execute("ROLLBACK");
         return ResultCode::Conflict;
     }
-    Statement st(db_, "INSERT OR REPLACE INTO taskLists(customerID, document, version)"
-                      " VALUES(?1, ?2, ?3)");
+    Statement st(db_, statements_,
+                 "INSERT OR REPLACE INTO taskLists(customerID, document, version)"
+                 " VALUES(?1, ?2, ?3)");
     if (!st.bind(1, customerID).bind(2, document).bind(3, next).run()) {
         logError("write task list");
         execute("ROLLBACK");
@@ -544,7 +621,7 @@ int64_t LocalStoreDatabase::writeTaskList(const std::string& customerID,
 bool LocalStoreDatabase::folderTotals(std::vector<std::pair<std::string, std::string>>& rows) {
     std::lock_guard lock(mutex_);
     rows.clear();
-    Statement st(db_, "SELECT folder, record FROM folderTotals");
+    Statement st(db_, statements_, "SELECT folder, record FROM folderTotals");
     int rc;
     while ((rc = st.step()) == SQLITE_ROW)
         rows.emplace_back(st.text(0), st.text(1));
@@ -565,11 +642,12 @@ bool LocalStoreDatabase::replaceFolderTotals(
     bool ok = true;
     {
         for (const auto& [folder, record] : changed) {
-            Statement one(db_, "INSERT OR REPLACE INTO folderTotals(folder, record) VALUES(?1, ?2)");
+            Statement one(db_, statements_,
+                          "INSERT OR REPLACE INTO folderTotals(folder, record) VALUES(?1, ?2)");
             ok = ok && one.bind(1, folder).bind(2, record).run();
         }
         for (const auto& folder : gone) {
-            Statement drop(db_, "DELETE FROM folderTotals WHERE folder = ?1");
+            Statement drop(db_, statements_, "DELETE FROM folderTotals WHERE folder = ?1");
             ok = ok && drop.bind(1, folder).run();
         }
     }

@@ -5,11 +5,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace cirrovault {
 
@@ -63,6 +65,10 @@ public:
 
     // A stored file's st_mode (type and permission bits), 0 when unknown; 0 drops the row.
     bool setFileMode(const std::string& customerID, const std::string& path, uint32_t mode);
+    // setFileMode for a new file, unless an unfinished upload of path has a row (uploading
+    // is then true and nothing is written): one transaction, not a lookup and a write.
+    bool setNewFileMode(const std::string& customerID, const std::string& path, uint32_t mode,
+                        bool& uploading);
     // The modes of path itself and of the files directly inside it, by path.
     bool fileModesInside(const std::string& customerID, const std::string& folder,
                          std::map<std::string, uint32_t>& modes);
@@ -101,11 +107,16 @@ public:
 private:
     bool execute(const char* sql);
     bool commit(); // rolls back when the commit fails
+    bool writeFileMode(const std::string& customerID, const std::string& path, uint32_t mode);
     bool createSchema();
     void logError(const char* what);
+    void close(); // the statements first, then the connection
 
     mutable std::mutex mutex_; // serialises use of the connection
     sqlite3* db_ = nullptr;    // guarded by mutex_
+    // Prepared once per connection and reused by their text: preparing costs more than
+    // running the lookups and inserts an upload makes.
+    std::unordered_map<std::string, sqlite3_stmt*> statements_; // guarded by mutex_
 };
 
 } // namespace cirrovault

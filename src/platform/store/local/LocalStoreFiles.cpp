@@ -181,28 +181,32 @@ int64_t LocalStore::put(const std::string& path, ByteSource& source, Date modify
         const std::string partServerPath = StorePath::partPath(target.serverPath);
         const std::string partPath = target.localPath.substr(0, target.localPath.rfind('/') + 1) +
                                      partServerPath.substr(partServerPath.rfind('\\') + 1);
-        std::optional<std::string> storedTag;
-        if (!db_.partTag(customerID, target.serverPath, storedTag))
-            return ResultCode::Failure;
         auto partStatus = FileSystem::linkStatus(partPath);
         if (partStatus && partStatus->type != FileType::Regular) {
             SystemLog::write("LocalStore: refused upload over a link or folder: " + partPath);
             return ResultCode::BadPath;
         }
+        if (!partStatus && !target.status && size <= ChunkSize) {
+            // The mode's row comes first: the new file is never seen without it. It is
+            // written only while no upload of that name has a row.
+            bool uploading = false;
+            if (!db_.setNewFileMode(customerID, target.serverPath, source.mode(), uploading))
+                return ResultCode::Failure;
+            if (!uploading) {
+                int64_t rc = putNewWhole(target.localPath, source, size, modifyTime, observer);
+                if (rc == ResultCode::Success)
+                    adjustUsedSpace(static_cast<int64_t>(size));
+                if (rc != UseAPart)
+                    return rc;
+            }
+        }
+        std::optional<std::string> storedTag;
+        if (!db_.partTag(customerID, target.serverPath, storedTag))
+            return ResultCode::Failure;
         if (partStatus && !storedTag) {
             SystemLog::write("LocalStore: a stored file has the upload's part name: " +
                              partServerPath);
             return ResultCode::AlreadyExists;
-        }
-        if (!partStatus && !storedTag && !target.status && size <= ChunkSize) {
-            // The mode's row comes first: the new file is never seen without it.
-            if (!db_.setFileMode(customerID, target.serverPath, source.mode()))
-                return ResultCode::Failure;
-            int64_t rc = putNewWhole(target.localPath, source, size, modifyTime, observer);
-            if (rc == ResultCode::Success)
-                adjustUsedSpace(static_cast<int64_t>(size));
-            if (rc != UseAPart)
-                return rc;
         }
         const std::string tag = source.resumeTag();
         if (!partStatus) {

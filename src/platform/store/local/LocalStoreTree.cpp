@@ -335,10 +335,12 @@ int64_t LocalStore::makeFolder(const std::string& path, const std::string& descr
                              ": " + FileSystem::lastErrorText());
             return error == ENOENT ? ResultCode::NotFound : ResultCode::Failure;
         }
-        // Rows left by a folder of that name deleted behind our back must not come back.
+        // Rows left by a folder of that name deleted behind our back must not come back;
+        // that drops its description too, so only a folder with one needs another write.
         bool ok = db_.removeTree(account.customerID, location.serverPath) &&
-                  db_.setFolderInfo(account.customerID, location.serverPath,
-                                    LocalFolderInfo{description, caption});
+                  ((description.empty() && caption.empty()) ||
+                   db_.setFolderInfo(account.customerID, location.serverPath,
+                                     LocalFolderInfo{description, caption}));
         return ok ? ResultCode::Success : ResultCode::Failure;
     } catch (const std::exception&) {
         SystemLog::write("Error: LocalStore::makeFolder()");
