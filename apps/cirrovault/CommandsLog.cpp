@@ -90,6 +90,7 @@ const OptionInfo kOptions[] = {
     {reportEmailKey, EventLogKey, "text", "where result reports are mailed"},
     {reportWhenErrorKey, EventLogKey, "bool", "mail a report when a backup fails"},
     {reportWhenFinishKey, EventLogKey, "bool", "mail a report when a backup ends"},
+    {TransfersKey, SystemOptionsKey, "count", "files sent at once to a WebDAV server (1-16)"},
 };
 
 Json currentValue(const OptionInfo& o) {
@@ -100,6 +101,7 @@ Json currentValue(const OptionInfo& o) {
     if (key == AutoStartMinutesKey) return static_cast<uint64_t>(OptionsMan::intervalMinutes());
     if (key == reportEmailKey) return OptionsMan::reportEmail();
     if (key == reportWhenErrorKey) return OptionsMan::IsReportWhenError();
+    if (key == TransfersKey) return static_cast<uint64_t>(OptionsMan::transfers());
     return OptionsMan::IsReportWhenFinish();
 }
 
@@ -151,6 +153,12 @@ void assign(const std::string& assignment) {
         if (value.empty() || value.size() > 6 || value.find_first_not_of("0123456789") != std::string::npos)
             throw CliError(Exit::Usage, text("CliBadMinutes", "{} takes a number of minutes, not \"{}\"", key, value));
         OptionsMan::SetIntervalMinutes(static_cast<uint32_t>(std::stoul(value)));
+    } else if (std::string(option->kind) == "count") {
+        if (value.empty() || value.size() > 2 || value.find_first_not_of("0123456789") != std::string::npos ||
+            std::stoul(value) < 1 || std::stoul(value) > OptionsMan::MaxTransfers)
+            throw CliError(Exit::Usage, text("CliBadTransfers", "{} takes a number from 1 to {}, not \"{}\"", key,
+                                             OptionsMan::MaxTransfers, value));
+        OptionsMan::SetTransfers(static_cast<uint32_t>(std::stoul(value)));
     } else {
         OptionsMan::setReportEmail(value);
     }
@@ -212,7 +220,7 @@ void addLogCommands(CLI::App& app, Runner& run) {
     auto oargs = std::make_shared<OptionArgs>();
     auto* options = app.add_subcommand(
         "options", "show every option; `options KEY=VALUE...` sets them (AutoRunLogon, UseSSL, AutoScheduleType, "
-                   "Minutes, ReportEmail, ReportWhenError, ReportWhenFinish)");
+                   "Minutes, ReportEmail, ReportWhenError, ReportWhenFinish, Transfers)");
     options->add_option("assignments", oargs->assignments, "KEY=VALUE to set");
     options->add_flag("--public", oargs->publicFile, "this computer's options file instead of the account's");
     options->callback([&run, oargs] { run = [oargs](auto& g, auto& o) { return optionsCommand(*oargs, g, o); }; });

@@ -68,6 +68,7 @@ StoreCapabilities WebDavStore::capabilities() const {
     caps.nativeCopy = true;
     caps.nativeMove = true;
     caps.modifyTimePrecision = 1;
+    caps.concurrentPuts = true;
     if (auto account = currentAccount()) {
         caps.folderProperties = true; // as properties, or in the metadata documents
         caps.resumableUpload = account->features.deadProperties && account->features.rangePut;
@@ -105,7 +106,17 @@ int64_t WebDavStore::send(const Account& account, HttpRequest& request, HttpResp
     }
     if (!session)
         session = std::make_unique<WebDavHttpSession>(account.user, account.password, timeouts_);
+    // What changes the account's folders makes the walk's listings stale, from before it
+    // is sent until it has been answered; our own folder is never listed, so its task
+    // list and locks leave them be.
+    const std::string ownFolder = account.rootUrl + MetaFolder + "/";
+    const bool changes = request.method != "GET" && request.method != "PROPFIND" &&
+                         request.url.compare(0, ownFolder.size(), ownFolder) != 0;
+    if (changes)
+        dropHeldListings();
     int64_t rc = session->perform(request, response);
+    if (changes)
+        dropHeldListings();
     std::lock_guard lock(mutex_);
     if (generation == generation_ && idle_.size() < 16)
         idle_.push_back(std::move(session));
@@ -317,6 +328,9 @@ void WebDavStore::logoff() {
         flushMeta(*account);
     std::lock_guard lock(mutex_);
     pendingMeta_.clear();
+    heldListings_.clear();
+    heldEntries_ = 0;
+    ++listingGeneration_;
     account_.reset();
     folderTotals_.clear();
     ++generation_;

@@ -119,6 +119,7 @@ int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::str
         return ResultCode::Success;
     }
     std::vector<DavResource> resources;
+    const uint64_t generation = listingGeneration();
     if (int64_t rc = propfind(account, urlOf(account, folder, true), 1, resources);
         rc != ResultCode::Success)
         return rc;
@@ -144,8 +145,45 @@ int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::str
         }
     }
     folderTotals_.remember(folder, counted, now);
+    holdListing(folder, resources, generation);
     totals = counted;
     return ResultCode::Success;
+}
+
+uint64_t WebDavStore::listingGeneration() const {
+    std::lock_guard lock(mutex_);
+    return listingGeneration_;
+}
+
+void WebDavStore::holdListing(const FolderNames& folder, const std::vector<DavResource>& resources,
+                              uint64_t generation) {
+    std::lock_guard lock(mutex_);
+    if (generation != listingGeneration_ || heldEntries_ + resources.size() > MaxHeldEntries)
+        return;
+    auto& held = heldListings_[folder];
+    heldEntries_ = heldEntries_ - held.resources.size() + resources.size();
+    held.resources = resources;
+    held.heldAt = secondsNow();
+}
+
+bool WebDavStore::takeHeldListing(const FolderNames& folder, std::vector<DavResource>& resources) {
+    std::lock_guard lock(mutex_);
+    auto it = heldListings_.find(folder);
+    if (it == heldListings_.end())
+        return false;
+    heldEntries_ -= it->second.resources.size();
+    const bool fresh = secondsNow() - it->second.heldAt < HeldListingSeconds;
+    if (fresh)
+        resources = std::move(it->second.resources);
+    heldListings_.erase(it);
+    return fresh;
+}
+
+void WebDavStore::dropHeldListings() {
+    std::lock_guard lock(mutex_);
+    heldListings_.clear();
+    heldEntries_ = 0;
+    ++listingGeneration_;
 }
 
 int64_t WebDavStore::stat(const std::string& path, StoreItem& item) {
@@ -200,9 +238,11 @@ int64_t WebDavStore::list(const std::string& folder, std::vector<StoreItem>& ite
         if (!names->empty() && names->size() == 1 && names->front() == MetaFolder)
             return ResultCode::NotFound;
         std::vector<DavResource> resources;
-        if (int64_t rc = propfind(account, urlOf(account, *names, true), 1, resources);
-            rc != ResultCode::Success)
-            return rc;
+        if (!takeHeldListing(*names, resources)) {
+            if (int64_t rc = propfind(account, urlOf(account, *names, true), 1, resources);
+                rc != ResultCode::Success)
+                return rc;
+        }
         std::string selfPath = account.rootPath;
         for (const auto& name : *names)
             selfPath += "/" + name;
