@@ -114,6 +114,9 @@ struct CBackupTask::FileUpload : UploadPool::Job {
     int32_t tries = 0;   // attempts made before the present one
     Date firstTry;
     bool changedWhileRead = false;
+    // Whether a failure is tried again at once. Not when the entry before it failed in
+    // this pass: sent one at a time, it would have waited for the next pass unsent.
+    bool retryNow = true;
     int64_t result = ResultCode::Failure;
 };
 
@@ -148,6 +151,7 @@ bool CBackupTask::BeginUploadingData() {
             // is closed up once at the end of the pass, not at every entry (that moved
             // every later entry once per file: quadratic in the files of the run).
             std::vector<char> stays(count, 0);
+            std::vector<char> failed(count, 0);
             size_t i = 0;
             bool stopped = false;
             size_t latest = 0; // the walk's result is that of its latest entry
@@ -168,6 +172,7 @@ bool CBackupTask::BeginUploadingData() {
                 }
                 if (r == ResultCode::Failure) {
                     // The entry stays, and the one after it waits for the next pass.
+                    failed[at] = 1;
                     stays[at] = 1;
                     if (at + 1 < count) {
                         stays[at + 1] = 1;
@@ -183,8 +188,10 @@ bool CBackupTask::BeginUploadingData() {
             auto takeBack = [&](bool wait) {
                 if (!uploadPool)
                     return;
-                while (auto job = std::static_pointer_cast<FileUpload>(uploadPool->takeFinished(wait)))
+                while (auto job = std::static_pointer_cast<FileUpload>(uploadPool->takeFinished(wait))) {
+                    job->retryNow = job->entry == 0 || !failed[job->entry - 1];
                     note(job->entry, settleFile(*job));
+                }
             };
             try {
                 while (i < count && !stopped) {
@@ -384,43 +391,45 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
 }
 
 void CBackupTask::sendFile(FileUpload& job) {
-    for (;;) {
-        TransferInfo transfer;
-        transfer.setSvrFile(job.serverFile);
-        transfer.setLocFile(job.localPath);
-        transfer.setProgress(job.progress.get());
-        transfer.setSharedProgress(job.shared);
-        UploadFileInfo information;
-        int64_t r = cancelRequested(job.progress) ? ResultCode::Cancelled
-                                                  : uploadSettled(job, transfer, information);
-        if (r == ResultCode::Done)
-            r = ResultCode::Success;
-        if (job.progress) {
-            if (r == ResultCode::Success)
-                job.progress->addDoneSize(job.size);
-            // What earlier files confirmed stays; this attempt's bytes do not count.
-            if (!job.shared) {
-                job.progress->setSentSize(0);
-                job.progress->setTempSize(0);
-            }
+    TransferInfo transfer;
+    transfer.setSvrFile(job.serverFile);
+    transfer.setLocFile(job.localPath);
+    transfer.setProgress(job.progress.get());
+    transfer.setSharedProgress(job.shared);
+    UploadFileInfo information;
+    int64_t r = cancelRequested(job.progress) ? ResultCode::Cancelled
+                                              : uploadSettled(job, transfer, information);
+    if (r == ResultCode::Done)
+        r = ResultCode::Success;
+    if (job.progress) {
+        if (r == ResultCode::Success)
+            job.progress->addDoneSize(job.size);
+        // What earlier files confirmed stays; this attempt's bytes do not count.
+        if (!job.shared) {
+            job.progress->setSentSize(0);
+            job.progress->setTempSize(0);
         }
-        job.result = r;
-        if (r != ResultCode::Failure || job.tries > kLastRetry ||
-            secondsSince(job.firstTry) >= kFileRetrySeconds)
-            return;
-        ++job.tries;
     }
+    job.result = r;
 }
 
 int64_t CBackupTask::settleFile(FileUpload& job) {
-    if (job.changedWhileRead)
-        CErrorLog::recordError(name, taskID,
-                               LoadString::Format("FileChangedWhileRead", job.localPath),
-                               kWarningEntry);
-    // The user may free space and go on; the file is then sent again from here.
-    while (job.result == ResultCode::SpaceLimit && job.tries <= kLastRetry &&
-           secondsSince(job.firstTry) < kFileRetrySeconds && userRetriesAfterSpaceLimit()) {
+    for (;;) {
+        if (job.changedWhileRead)
+            CErrorLog::recordError(name, taskID,
+                                   LoadString::Format("FileChangedWhileRead", job.localPath),
+                                   kWarningEntry);
+        job.changedWhileRead = false;
+        // A passing fault is tried again at once, and so is a full account the user
+        // freed space in; here on the walk, so that each attempt shows in the window.
+        const bool inBounds =
+            job.tries <= kLastRetry && secondsSince(job.firstTry) < kFileRetrySeconds;
+        if (!inBounds ||
+            !((job.result == ResultCode::Failure && job.retryNow) ||
+              (job.result == ResultCode::SpaceLimit && userRetriesAfterSpaceLimit())))
+            break;
         ++job.tries;
+        runDelegateFun(refreshProgressBarDelegate);
         sendFile(job);
     }
     if (job.result == ResultCode::Success) {

@@ -325,10 +325,11 @@ public:
     // One file's transfer, decided on by the walk: sent there or on a thread of the
     // walk's pool, and then taken back by the walk, which records what came of it.
     struct FileUpload;
-    // Sends the file, again after a failure within the retry bounds. Safe on a pool
-    // thread: it touches nothing of the task but the job and the progress object.
+    // One attempt at sending the file. Safe on a pool thread: it touches nothing of the
+    // task but the job and the progress object.
     void sendFile(FileUpload& job);
-    // On the walk: the file's figures, event-log entries and the space-limit question.
+    // On the walk: further attempts within the retry bounds (and after the space-limit
+    // question), then the file's figures and event-log entries.
     int64_t settleFile(FileUpload& job);
     // Sends the file until a send finds it unchanged from before to after reading
     // (bounded); a file still changing is stored with a time that makes the next run
