@@ -120,11 +120,11 @@ say "cirrovault: no-change run";  read -r o_same_s o_same_r < <(measure "${ours[
 floor_conf="$work/floor.curl"
 ( cd "$work/source" && for d in */; do
       printf 'user = "alice:secret"\nurl = "http://127.0.0.1:%s/alice/floor/%s"\nrequest = "MKCOL"\noutput = "/dev/null"\nnext\n' "$port" "$d"
-  done ) > "$work/floor-folders.curl"
+  done ) | sed '$d' > "$work/floor-folders.curl" # no "next" after the last
 ( cd "$work/source" && find . -type f | sed 's|^\./||' | sort | while read -r f; do
       printf 'user = "alice:secret"\nupload-file = "%s"\nurl = "http://127.0.0.1:%s/alice/floor/%s"\noutput = "/dev/null"\nnext\n' \
           "$work/source/$f" "$port" "$f"
-  done ) > "$floor_conf"
+  done ) | sed '$d' > "$floor_conf"
 curl -sS -u alice:secret -X MKCOL -o /dev/null "http://127.0.0.1:$port/alice/floor/"
 curl -sS -u alice:secret -K "$work/floor-folders.curl"
 say "floor: one curl connection"; read -r f_full_s f_full_r < <(measure curl -sS -u alice:secret -K "$floor_conf")

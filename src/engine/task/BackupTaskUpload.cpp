@@ -404,10 +404,11 @@ void CBackupTask::sendFile(FileUpload& job) {
     if (job.progress) {
         if (r == ResultCode::Success)
             job.progress->addDoneSize(job.size);
-        // What earlier files confirmed stays; this attempt's bytes do not count.
         if (!job.shared) {
             job.progress->setSentSize(0);
-            job.progress->setTempSize(0);
+            // Back to what earlier files confirmed; this attempt's bytes do not count.
+            if (r != ResultCode::Success)
+                job.progress->setTempSize(0);
         }
     }
     job.result = r;

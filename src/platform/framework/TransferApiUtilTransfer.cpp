@@ -71,7 +71,7 @@ public:
     void transferred(uint64_t bytesDone, uint64_t) override { report(bytesDone, true); }
     void resumedFrom(uint64_t bytes) override {
         resumed_ = bytes;
-        if (progress_ && !shared_)
+        if (progress_)
             progress_->setTempSize(bytes);
         report(bytes, false);
     }

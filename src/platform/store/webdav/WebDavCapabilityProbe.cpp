@@ -43,7 +43,7 @@ bool WebDavCapabilityProbe::probe(const std::string& scratchUrl, const Send& sen
             response))
         return false;
     if (response.header("x-oc-mtime") == "accepted") {
-        // Said is not done: the time must read back.
+        // Saying so is not keeping it: the time must read back.
         HttpRequest find;
         find.method = "PROPFIND";
         find.url = scratchUrl;
