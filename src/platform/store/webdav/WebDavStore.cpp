@@ -106,17 +106,22 @@ int64_t WebDavStore::send(const Account& account, HttpRequest& request, HttpResp
     }
     if (!session)
         session = std::make_unique<WebDavHttpSession>(account.user, account.password, timeouts_);
-    // What changes the account's folders makes the walk's listings stale, from before it
-    // is sent until it has been answered; our own folder is never listed, so its task
-    // list and locks leave them be.
+    // A change makes the walk's listings of what it touches stale, from before it is sent
+    // until it has been answered; our own folder is never listed, so its task list and
+    // locks leave them be.
     const std::string ownFolder = account.rootUrl + MetaFolder + "/";
-    const bool changes = request.method != "GET" && request.method != "PROPFIND" &&
-                         request.url.compare(0, ownFolder.size(), ownFolder) != 0;
-    if (changes)
-        dropHeldListings();
+    std::vector<std::string> touched;
+    if (request.method != "GET" && request.method != "PROPFIND" &&
+        request.url.compare(0, ownFolder.size(), ownFolder) != 0) {
+        touched.push_back(request.url);
+        for (const auto& header : request.headers)
+            if (header.starts_with("Destination: "))
+                touched.push_back(header.substr(13));
+        dropHeldListings(account, touched);
+    }
     int64_t rc = session->perform(request, response);
-    if (changes)
-        dropHeldListings();
+    if (!touched.empty())
+        dropHeldListings(account, touched);
     std::lock_guard lock(mutex_);
     if (generation == generation_ && idle_.size() < 16)
         idle_.push_back(std::move(session));

@@ -165,8 +165,9 @@ private:
 
     // A walk for folder figures reads every folder below the one asked for, and a listing
     // of each usually follows (a run's scan after the logon's look at the root): the
-    // walk's listings are held for that, each handed out once. Any change sent through
-    // this store drops them all, and they are not trusted after HeldListingSeconds.
+    // walk's listings are held for that, each handed out once. A change sent through this
+    // store drops those of the folders it touches, and none is trusted after
+    // HeldListingSeconds.
     struct HeldListing {
         std::vector<DavResource> resources;
         double heldAt = 0;
@@ -177,7 +178,9 @@ private:
     void holdListing(const FolderNames& folder, const std::vector<DavResource>& resources,
                      uint64_t generation);
     bool takeHeldListing(const FolderNames& folder, std::vector<DavResource>& resources);
-    void dropHeldListings();
+    // Drops the listings of the folders holding the items at these URLs and of the
+    // folders at or below them, and keeps any listing under way from being held.
+    void dropHeldListings(const Account& account, const std::vector<std::string>& urls);
     static constexpr double HeldListingSeconds = 60;
     static constexpr size_t MaxHeldEntries = 200'000;
 

@@ -1,7 +1,9 @@
 // The tree operations of the WebDAV store: stat, list, folders, move, copy, remove.
+#include <algorithm>
 #include <exception>
 
 #include "platform/framework/ResultCodes.h"
+#include "platform/framework/UrlCoding.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
@@ -179,11 +181,39 @@ bool WebDavStore::takeHeldListing(const FolderNames& folder, std::vector<DavReso
     return fresh;
 }
 
-void WebDavStore::dropHeldListings() {
+void WebDavStore::dropHeldListings(const Account& account, const std::vector<std::string>& urls) {
     std::lock_guard lock(mutex_);
-    heldListings_.clear();
-    heldEntries_ = 0;
     ++listingGeneration_;
+    for (const auto& url : urls) {
+        if (url.compare(0, account.rootUrl.size(), account.rootUrl) != 0) {
+            heldListings_.clear(); // not ours to place: nothing held is sure
+            heldEntries_ = 0;
+            return;
+        }
+        FolderNames names;
+        std::string rest = url.substr(account.rootUrl.size());
+        for (size_t start = 0; start < rest.size();) {
+            size_t slash = rest.find('/', start);
+            if (slash == std::string::npos)
+                slash = rest.size();
+            if (slash > start)
+                names.push_back(UrlCoding::decode(rest.substr(start, slash - start)));
+            start = slash + 1;
+        }
+        for (auto it = heldListings_.begin(); it != heldListings_.end();) {
+            const FolderNames& folder = it->first;
+            const bool parent = !names.empty() && folder.size() + 1 == names.size() &&
+                                std::equal(folder.begin(), folder.end(), names.begin());
+            const bool within = folder.size() >= names.size() &&
+                                std::equal(names.begin(), names.end(), folder.begin());
+            if (parent || within) {
+                heldEntries_ -= it->second.resources.size();
+                it = heldListings_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
 }
 
 int64_t WebDavStore::stat(const std::string& path, StoreItem& item) {

@@ -114,12 +114,15 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     };
     EXPECT_EQ(requests.of(listAll).size(), 0u);
     EXPECT_EQ(requests.of(listAll).size(), folders.size());
-    // A change made after a walk is seen: it drops the listings the walk held.
+    // A change made after a walk is seen: it drops the held listing of its folder, and
+    // only that one.
     ASSERT_EQ(store.stat("\\T", task), R::Success);
     ASSERT_EQ(putText(store, "\\T\\A2\\B0\\late", "x"), R::Success);
     auto late = requests.of([&] { ASSERT_EQ(store.list("\\T\\A2\\B0", items), R::Success); });
     EXPECT_EQ(late.size(), 1u);
     EXPECT_EQ(items.size(), 2u);
+    auto beside = requests.of([&] { ASSERT_EQ(store.list("\\T\\A2\\B1", items), R::Success); });
+    EXPECT_EQ(beside.size(), 0u);
     ASSERT_EQ(store.remove("\\T\\A2\\B0\\late"), R::Success);
     ASSERT_EQ(store.list("\\T", items), R::Success);
     ASSERT_EQ(items.size(), 3u);
