@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Our WebDAV store beside `rclone copy`, both against Apache (mod_dav) on loopback:
 # a full backup of N small files into an empty account, then a run with nothing
-# changed. Reports seconds and the HTTP requests per file each run cost (counted in
-# Apache's access log).
+# changed, and the floor: one curl connection PUTting the same files. Reports seconds
+# and the HTTP requests per file each run cost (counted in Apache's access log).
 #
 # usage: bench/webdav/run.sh [--files N] [--work DIR] [--build DIR]
 #   --files  number of small files (default 10000, in folders of 100)
