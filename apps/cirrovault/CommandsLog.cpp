@@ -95,6 +95,7 @@ const OptionInfo kOptions[] = {
     {reportEmailKey, EventLogKey, "text", "where result reports are mailed"},
     {reportWhenErrorKey, EventLogKey, "bool", "mail a report when a backup fails"},
     {reportWhenFinishKey, EventLogKey, "bool", "mail a report when a backup ends"},
+    {TransfersKey, SystemOptionsKey, "count", "files sent at once to a WebDAV server (1-16)"},
 };
 
 Json currentValue(const OptionInfo& o) {
@@ -105,6 +106,7 @@ Json currentValue(const OptionInfo& o) {
     if (key == AutoStartMinutesKey) return static_cast<uint64_t>(OptionsMan::intervalMinutes());
     if (key == reportEmailKey) return OptionsMan::reportEmail();
     if (key == reportWhenErrorKey) return OptionsMan::IsReportWhenError();
+    if (key == TransfersKey) return static_cast<uint64_t>(OptionsMan::transfers());
     return OptionsMan::IsReportWhenFinish();
 }
 
@@ -287,6 +289,12 @@ bool assign(const std::string& assignment, std::vector<SettingChange>& settings)
         if (value.empty() || value.size() > 6 || value.find_first_not_of("0123456789") != std::string::npos)
             throw CliError(Exit::Usage, text("CliBadMinutes", "{} takes a number of minutes, not \"{}\"", key, value));
         OptionsMan::SetIntervalMinutes(static_cast<uint32_t>(std::stoul(value)));
+    } else if (std::string(option->kind) == "count") {
+        if (value.empty() || value.size() > 2 || value.find_first_not_of("0123456789") != std::string::npos ||
+            std::stoul(value) < 1 || std::stoul(value) > OptionsMan::MaxTransfers)
+            throw CliError(Exit::Usage, text("CliBadTransfers", "{} takes a number from 1 to {}, not \"{}\"", key,
+                                             OptionsMan::MaxTransfers, value));
+        OptionsMan::SetTransfers(static_cast<uint32_t>(std::stoul(value)));
     } else {
         OptionsMan::setReportEmail(value);
     }
@@ -365,7 +373,7 @@ void addLogCommands(CLI::App& app, Runner& run) {
     auto* options = app.add_subcommand(
         "options", "show every option and setting; `options KEY=VALUE...` sets them, an empty VALUE unsets a "
                    "setting. The account's options: AutoRunLogon, UseSSL, AutoScheduleType, Minutes, ReportEmail, "
-                   "ReportWhenError, ReportWhenFinish. This computer's settings: SMTPURL, SMTPFrom, SMTPPassword "
+                   "ReportWhenError, ReportWhenFinish, Transfers (files sent at once, 1 to 16). This computer's settings: SMTPURL, SMTPFrom, SMTPPassword "
                    "(- asks for it), DesktopNotifications, LimitUpload (KiB/s), Quota (bytes), IgnoreTimeSpan (seconds), "
                    "UploadLocalPathCount. For example: options SMTPURL=smtps://me@mail.example.org "
                    "SMTPPassword=- ReportEmail=me@example.org ReportWhenError=yes");

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Our WebDAV store beside `rclone copy`, both against Apache (mod_dav) on loopback:
 # a full backup of N small files into an empty account, then a run with nothing
-# changed. Reports seconds and the HTTP requests per file each run cost (counted in
-# Apache's access log).
+# changed, and the floor: one curl connection PUTting the same files. Reports seconds
+# and the HTTP requests per file each run cost (counted in Apache's access log).
 #
 # usage: bench/webdav/run.sh [--files N] [--work DIR] [--build DIR]
 #   --files  number of small files (default 10000, in folders of 100)
@@ -115,6 +115,19 @@ theirs=(rclone copy "$work/source" :webdav:rclone --webdav-url "http://127.0.0.1
 
 say "cirrovault: full run";       read -r o_full_s o_full_r < <(measure "${ours[@]}")
 say "cirrovault: no-change run";  read -r o_same_s o_same_r < <(measure "${ours[@]}")
+# The floor: one curl process PUTting the same files over one kept-alive connection into
+# folders made beforehand (the folders' requests are not counted).
+floor_conf="$work/floor.curl"
+( cd "$work/source" && for d in */; do
+      printf 'user = "alice:secret"\nurl = "http://127.0.0.1:%s/alice/floor/%s"\nrequest = "MKCOL"\noutput = "/dev/null"\nnext\n' "$port" "$d"
+  done ) | sed '$d' > "$work/floor-folders.curl" # no "next" after the last
+( cd "$work/source" && find . -type f | sed 's|^\./||' | sort | while read -r f; do
+      printf 'user = "alice:secret"\nupload-file = "%s"\nurl = "http://127.0.0.1:%s/alice/floor/%s"\noutput = "/dev/null"\nnext\n' \
+          "$work/source/$f" "$port" "$f"
+  done ) | sed '$d' > "$floor_conf"
+curl -sS -u alice:secret -X MKCOL -o /dev/null "http://127.0.0.1:$port/alice/floor/"
+curl -sS -u alice:secret -K "$work/floor-folders.curl"
+say "floor: one curl connection"; read -r f_full_s f_full_r < <(measure curl -sS -u alice:secret -K "$floor_conf")
 say "rclone: full run";           read -r r_full_s r_full_r < <(measure "${theirs[@]}")
 say "rclone: no-change run";      read -r r_same_s r_same_r < <(measure "${theirs[@]}")
 
@@ -123,6 +136,7 @@ printf '\n%d small files, Apache mod_dav on 127.0.0.1\n\n' "$files"
 printf '| tool | run | seconds | HTTP requests | requests per file |\n|---|---|---|---|---|\n'
 printf '| cirrovault | full | %.2f | %d | %s |\n' "$o_full_s" "$o_full_r" "$(per "$o_full_r")"
 printf '| cirrovault | no change | %.2f | %d | %s |\n' "$o_same_s" "$o_same_r" "$(per "$o_same_r")"
+printf '| floor: one curl connection, PUT only | full | %.2f | %d | %s |\n' "$f_full_s" "$f_full_r" "$(per "$f_full_r")"
 printf '| rclone copy | full | %.2f | %d | %s |\n' "$r_full_s" "$r_full_r" "$(per "$r_full_r")"
 printf '| rclone copy | no change | %.2f | %d | %s |\n' "$r_same_s" "$r_same_r" "$(per "$r_same_r")"
 echo

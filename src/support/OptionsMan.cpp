@@ -1,5 +1,6 @@
 #include "support/OptionsMan.h"
 
+#include <algorithm>
 #include <mutex>
 
 #include "platform/framework/LoadString.h"
@@ -158,6 +159,26 @@ uint32_t OptionsMan::intervalMinutes() {
 void OptionsMan::SetIntervalMinutes(uint32_t minutes) {
     guarded("Error: OptionsMan::SetIntervalMinutes",
             [&] { setOption(MyOptionsKey, AutoStartMinutesKey, PropertyList(minutes)); });
+}
+
+uint32_t OptionsMan::transfers() {
+    return guarded("Error: OptionsMan::transfers", DefaultTransfers, [] {
+        std::lock_guard lock(gClassMutex);
+        if (!gShared)
+            return DefaultTransfers;
+        const PropertyList* value = findOption(gShared->options_, SystemOptionsKey, TransfersKey);
+        auto number = value ? value->asInteger() : std::nullopt;
+        if (!number)
+            return DefaultTransfers;
+        return static_cast<uint32_t>(std::clamp<int64_t>(*number, 1, MaxTransfers));
+    });
+}
+
+void OptionsMan::SetTransfers(uint32_t transfers) {
+    guarded("Error: OptionsMan::SetTransfers", [&] {
+        setOption(SystemOptionsKey, TransfersKey,
+                  PropertyList(std::clamp<uint32_t>(transfers, 1, MaxTransfers)));
+    });
 }
 
 std::string OptionsMan::reportEmail() {

@@ -22,6 +22,7 @@ inline constexpr const char* UseSSLKey = "UseSSL";
 inline constexpr const char* reportEmailKey = "ReportEmail";
 inline constexpr const char* reportWhenErrorKey = "ReportWhenError";
 inline constexpr const char* reportWhenFinishKey = "ReportWhenFinish";
+inline constexpr const char* TransfersKey = "Transfers";
 
 // The user's options: a three-level dictionary (group → option → value) kept in
 // "Options.plist", one public file for the machine and one per account. Both load into
@@ -54,6 +55,12 @@ public:
     static void SetReportWhenError(bool report);
     static bool IsReportWhenFinish();
     static void SetReportWhenFinish(bool report);
+    // Files sent at once to a store that gains from it (a network store), each on a
+    // connection of its own; 1 sends one file after the other.
+    static uint32_t transfers();
+    static void SetTransfers(uint32_t transfers);
+    static constexpr uint32_t DefaultTransfers = 4;
+    static constexpr uint32_t MaxTransfers = 16;
 
     // Replace the in-memory set by the file's content. A missing file changes nothing;
     // a file that is not a property-list dictionary leaves no options at all, so every

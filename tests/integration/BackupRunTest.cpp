@@ -321,7 +321,7 @@ TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
     // same size and within the time window.
     int changes = 1;
     store_->afterPut = [&](const std::string& stored, int64_t) {
-        if (changes > 0 && stored == serverOf("doc.txt")) {
+        if (stored == serverOf("doc.txt") && changes > 0) { // other files go on other threads
             --changes;
             makeFile("work/doc.txt", "version 2", T - 599);
         }
@@ -338,7 +338,7 @@ TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
     int generation = 2;
     changes = 1000;
     store_->afterPut = [&](const std::string& stored, int64_t) {
-        if (changes > 0 && stored == serverOf("doc.txt")) {
+        if (stored == serverOf("doc.txt") && changes > 0) { // other files go on other threads
             --changes;
             ++generation;
             makeFile("work/doc.txt", "version " + std::to_string(generation % 10),

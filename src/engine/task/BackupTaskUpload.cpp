@@ -7,6 +7,7 @@
 #include <string>
 
 #include "engine/task/CBackupTask.h"
+#include "engine/task/UploadPool.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/NimboSetting.h"
@@ -20,10 +21,12 @@
 #include "platform/os/FileSystem.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
+#include "platform/store/StoreBackend.h"
 #include "support/CErrorLog.h"
 #include "support/CFileAttributes.h"
 #include "support/CFileInfo.h"
 #include "support/GlobalFunction.h"
+#include "support/OptionsMan.h"
 
 namespace cirrovault {
 
@@ -45,9 +48,6 @@ constexpr int64_t kNoServerFolder = 4;
 constexpr double kFileRetrySeconds = 5 * 60;
 constexpr int kPassesWithoutProgress = 3;
 constexpr double kRunRetrySeconds = 30 * 60;
-
-// When the present file's first attempt began; each run has its own thread.
-thread_local Date fileFirstTry;
 
 double secondsSince(Date start) {
     return Clock::shared().now().timeIntervalSinceDate(start);
@@ -99,9 +99,44 @@ bool CBackupTask::isFatalUploadCode(int64_t code) {
     }
 }
 
+struct CBackupTask::FileUpload : UploadPool::Job {
+    explicit FileUpload(CBackupTask& owner) : task(owner) {}
+    void run() override { task.sendFile(*this); }
+
+    CBackupTask& task;
+    std::shared_ptr<TrueProgressCallback> progress;
+    std::string localPath;
+    std::string serverPath; // the folder
+    std::string serverFile;
+    uint64_t size = 0;
+    size_t entry = 0;    // its place in the walk's list
+    bool shared = false; // sent beside other files
+    int32_t tries = 0;   // attempts made before the present one
+    Date firstTry;
+    bool changedWhileRead = false;
+    // Whether a failure is tried again at once. Not when the entry before it failed in
+    // this pass: sent one at a time, it would have waited for the next pass unsent.
+    bool retryNow = true;
+    int64_t result = ResultCode::Failure;
+};
+
 bool CBackupTask::BeginUploadingData() {
     try {
         uploadWalkCache = {};
+        // Files go several at once only where the store gains from it; the walk still
+        // decides on every file, and makes folders and versions, on this thread.
+        std::optional<UploadPool> pool;
+        if (size_t transfers = OptionsMan::transfers(); transfers > 1) {
+            std::shared_ptr<StoreBackend> store = TransferApiUtil::shareTransferApiUtil().backend();
+            if (store && store->capabilities().concurrentPuts)
+                pool.emplace(transfers);
+        }
+        struct Detach {
+            CBackupTask& task;
+            ~Detach() { task.uploadPool = nullptr; }
+        } detach{*this};
+        uploadPool = pool ? &*pool : nullptr;
+
         size_t count = scanFileArray.size();
         int passesWithoutProgress = 0;
         std::optional<Date> retryingSince;
@@ -115,51 +150,78 @@ bool CBackupTask::BeginUploadingData() {
             // One pass. Entries done leave the list, the others keep their order; the list
             // is closed up once at the end of the pass, not at every entry (that moved
             // every later entry once per file: quadratic in the files of the run).
+            std::vector<char> stays(count, 0);
+            std::vector<char> failed(count, 0);
             size_t i = 0;
-            size_t kept = 0;
-            auto keepEntry = [this](size_t& to, size_t from) {
-                if (to != from)
-                    scanFileArray[to] = std::move(scanFileArray[from]);
-                ++to;
+            bool stopped = false;
+            size_t latest = 0; // the walk's result is that of its latest entry
+            auto keepFrom = [&](size_t from) {
+                for (size_t j = from; j < count; ++j)
+                    stays[j] = 1;
             };
-            auto closeUp = [&] {
-                for (; i < count; ++i)
-                    keepEntry(kept, i);
-                scanFileArray.resize(kept);
-            };
-            try {
-                while (i < count) {
-                    if (cancelRequested(pPrgBar)) {
-                        iBackupRet = ResultCode::Cancelled;
-                        break;
-                    }
-                    const std::string& entry = scanFileArray[i];
-                    if (entry.empty()) {
-                        // Nothing to back up; left in place it would keep the walk going.
-                        ++i;
-                        continue;
-                    }
-                    int64_t r = BackupPath(entry, "", false);
-                    if (isFatalUploadCode(r)) {
-                        getBackupTaskResult(static_cast<uint64_t>(r), "", entry);
+            // What became of an entry, as its file is taken back, in the walk's order.
+            auto note = [&](size_t at, int64_t r) {
+                if (isFatalUploadCode(r)) {
+                    if (!stopped) {
+                        getBackupTaskResult(static_cast<uint64_t>(r), "", scanFileArray[at]);
                         iBackupRet = static_cast<uint64_t>(r);
-                        break;
+                        stopped = true;
+                        keepFrom(std::min(at, i));
                     }
-                    if (r == ResultCode::Failure) {
-                        // The entry stays, and the one after it waits for the next pass.
-                        keepEntry(kept, i++);
-                        if (i < count)
-                            keepEntry(kept, i++);
-                    } else {
-                        ++i;
+                    return;
+                }
+                if (r == ResultCode::Failure) {
+                    // The entry stays, and the one after it waits for the next pass.
+                    failed[at] = 1;
+                    stays[at] = 1;
+                    if (at + 1 < count) {
+                        stays[at + 1] = 1;
+                        if (i == at + 1)
+                            ++i;
                     }
+                }
+                if (at >= latest && !stopped) {
+                    latest = at;
                     iBackupRet = static_cast<uint64_t>(r);
                 }
+            };
+            auto takeBack = [&](bool wait) {
+                if (!uploadPool)
+                    return;
+                while (auto job = std::static_pointer_cast<FileUpload>(uploadPool->takeFinished(wait))) {
+                    job->retryNow = job->entry == 0 || !failed[job->entry - 1];
+                    note(job->entry, settleFile(*job));
+                }
+            };
+            try {
+                while (i < count && !stopped) {
+                    if (cancelRequested(pPrgBar)) {
+                        iBackupRet = ResultCode::Cancelled;
+                        stopped = true;
+                        keepFrom(i);
+                        break;
+                    }
+                    const size_t at = i++;
+                    if (scanFileArray[at].empty())
+                        continue; // nothing to back up; left in place it would keep the walk going
+                    walkEntry = at;
+                    note(at, BackupPath(scanFileArray[at], "", false));
+                    takeBack(false);
+                }
+                takeBack(true);
             } catch (...) {
-                closeUp();
+                keepFrom(i);
+                takeBack(true);
                 throw;
             }
-            closeUp();
+            size_t kept = 0;
+            for (size_t j = 0; j < count; ++j)
+                if (stays[j]) {
+                    if (kept != j)
+                        scanFileArray[kept] = std::move(scanFileArray[j]);
+                    ++kept;
+                }
+            scanFileArray.resize(kept);
             const size_t before = count;
             count = scanFileArray.size();
             // Entries stay only after a failure (or behind one): a retry pass follows.
@@ -255,8 +317,6 @@ int64_t CBackupTask::backupDir(const std::string& localPath, const std::string& 
 int64_t CBackupTask::backupFile(const std::string& localPath, const std::string& serverPath,
                                 int32_t iTryTime) {
     try {
-        if (iTryTime == 0)
-            fileFirstTry = Clock::shared().now();
         PathTreeController& tree = TransferApiUtil::sharePathTreeController();
         PathInfo folderInfo;
         if (!tree.FindPath(serverPath, folderInfo, false)) {
@@ -285,7 +345,7 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
                                         encrypted, storeTimePrecision(),
                                         ignoredTimeSpan(uploadWalkCache.ignoreTimeSpan))) {
                     if (pPrgBar)
-                        pPrgBar->setDoneSize(pPrgBar->doneSize() + expected);
+                        pPrgBar->addDoneSize(expected);
                     return ResultCode::Success;
                 }
             }
@@ -302,48 +362,88 @@ int64_t CBackupTask::backupFile(const std::string& localPath, const std::string&
 
         CFileInfo::CreateSubDir(CFileInfo::getTempPath(serverPath, true));
 
-        TransferInfo transfer;
-        transfer.setSvrFile(serverFile);
-        transfer.setLocFile(localPath);
-        uint64_t size = CFileInfo::sizeOfFile(localPath);
+        auto job = std::make_shared<FileUpload>(*this);
+        job->progress = pPrgBar;
+        job->localPath = localPath;
+        job->serverPath = serverPath;
+        job->serverFile = serverFile;
+        job->size = CFileInfo::sizeOfFile(localPath);
+        job->entry = walkEntry;
+        job->tries = iTryTime;
+        job->firstTry = Clock::shared().now();
+        job->shared = uploadPool != nullptr;
         if (pPrgBar)
-            pPrgBar->setThisSize(size);
-        transfer.setProgress(pPrgBar.get());
+            pPrgBar->setThisSize(job->size);
         bInitUIPrgBar = true;
         strWorkingFile = localPath;
         runDelegateFun(refreshProgressBarDelegate);
-
-        UploadFileInfo information;
-        int64_t r = uploadSettled(transfer, information);
-        if (r != ResultCode::Success && r != ResultCode::Done && pPrgBar) {
-            // Back to what earlier files confirmed; this attempt's bytes do not count.
-            pPrgBar->setSentSize(0);
-            pPrgBar->setTempSize(0);
+        if (uploadPool) {
+            // The version move above is done: the new copy may land whenever it is sent.
+            uploadPool->submit(job);
+            return ResultCode::Success; // what came of it is noted as the walk takes it back
         }
-        if (r == ResultCode::Success || r == ResultCode::Done) {
-            r = ResultCode::Success;
-            uiRemoteSize += size;
-            uiTaskCurrentUploadSize += size;
-            blogModify = true;
-            if (pPrgBar) {
-                pPrgBar->setDoneSize(pPrgBar->doneSize() + size);
-                pPrgBar->setSentSize(0);
-            }
-        }
-        if ((r == ResultCode::SpaceLimit && userRetriesAfterSpaceLimit()) ||
-            r == ResultCode::Failure) {
-            if (iTryTime <= kLastRetry && secondsSince(fileFirstTry) < kFileRetrySeconds)
-                return backupFile(localPath, serverPath, iTryTime + 1);
-        }
-        getBackupTaskResult(static_cast<uint64_t>(r), serverPath, localPath);
-        return r;
+        sendFile(*job);
+        return settleFile(*job);
     } catch (const std::exception&) {
         SystemLog::write("Error: CBackupTask::backupFile()");
         return ResultCode::Failure;
     }
 }
 
-int64_t CBackupTask::uploadSettled(TransferInfo& transfer, UploadFileInfo& information) {
+void CBackupTask::sendFile(FileUpload& job) {
+    TransferInfo transfer;
+    transfer.setSvrFile(job.serverFile);
+    transfer.setLocFile(job.localPath);
+    transfer.setProgress(job.progress.get());
+    transfer.setSharedProgress(job.shared);
+    UploadFileInfo information;
+    int64_t r = cancelRequested(job.progress) ? ResultCode::Cancelled
+                                              : uploadSettled(job, transfer, information);
+    if (r == ResultCode::Done)
+        r = ResultCode::Success;
+    if (job.progress) {
+        if (r == ResultCode::Success)
+            job.progress->addDoneSize(job.size);
+        if (!job.shared) {
+            job.progress->setSentSize(0);
+            // Back to what earlier files confirmed; this attempt's bytes do not count.
+            if (r != ResultCode::Success)
+                job.progress->setTempSize(0);
+        }
+    }
+    job.result = r;
+}
+
+int64_t CBackupTask::settleFile(FileUpload& job) {
+    for (;;) {
+        if (job.changedWhileRead)
+            CErrorLog::recordError(name, taskID,
+                                   LoadString::Format("FileChangedWhileRead", job.localPath),
+                                   kWarningEntry);
+        job.changedWhileRead = false;
+        // A passing fault is tried again at once, and so is a full account the user
+        // freed space in; here on the walk, so that each attempt shows in the window.
+        const bool inBounds =
+            job.tries <= kLastRetry && secondsSince(job.firstTry) < kFileRetrySeconds;
+        if (!inBounds ||
+            !((job.result == ResultCode::Failure && job.retryNow) ||
+              (job.result == ResultCode::SpaceLimit && userRetriesAfterSpaceLimit())))
+            break;
+        ++job.tries;
+        runDelegateFun(refreshProgressBarDelegate);
+        sendFile(job);
+    }
+    if (job.result == ResultCode::Success) {
+        uiRemoteSize += job.size;
+        uiTaskCurrentUploadSize += job.size;
+        blogModify = true;
+    }
+    getBackupTaskResult(static_cast<uint64_t>(job.result), job.serverPath, job.localPath);
+    return job.result;
+}
+
+int64_t CBackupTask::uploadSettled(FileUpload& job, TransferInfo& transfer,
+                                   UploadFileInfo& information) {
     TransferApiUtil& service = TransferApiUtil::shareTransferApiUtil();
     const std::string localPath = transfer.locFile();
     for (int send = 1;; ++send) {
@@ -356,9 +456,9 @@ int64_t CBackupTask::uploadSettled(TransferInfo& transfer, UploadFileInfo& infor
         if (!after || sameState(before, *after))
             return r;
         SystemLog::write("Changed while read: " + localPath);
-        if (pPrgBar) {
-            pPrgBar->setSentSize(0);
-            pPrgBar->setTempSize(0);
+        if (job.progress && !job.shared) {
+            job.progress->setSentSize(0);
+            job.progress->setTempSize(0);
         }
         if (send < kSendsWhileChanging)
             continue;
@@ -366,8 +466,7 @@ int64_t CBackupTask::uploadSettled(TransferInfo& transfer, UploadFileInfo& infor
         // is kept with a time well before its content, so the next run sends the file.
         Date from = before ? before->modifyTime : after->modifyTime;
         transfer.setStoredTime(from.addingTimeInterval(-kDisownedAge));
-        CErrorLog::recordError(name, taskID, LoadString::Format("FileChangedWhileRead", localPath),
-                               kWarningEntry);
+        job.changedWhileRead = true;
     }
 }
 

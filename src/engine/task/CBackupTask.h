@@ -21,6 +21,7 @@
 namespace cirrovault {
 
 class TransferInfo;
+class UploadPool;
 struct UploadFileInfo;
 
 // One backup task: identity and settings, its sources, its schedule dates, its run state
@@ -322,10 +323,24 @@ public:
                        int32_t iTryTime);
     // Codes that end the upload walk at once.
     static bool isFatalUploadCode(int64_t code);
+    // One file's transfer, decided on by the walk: sent there or on a thread of the
+    // walk's pool, and then taken back by the walk, which records what came of it.
+    struct FileUpload;
+    // One attempt at sending the file. Safe on a pool thread: it touches nothing of the
+    // task but the job and the progress object.
+    void sendFile(FileUpload& job);
+    // On the walk: further attempts within the retry bounds (and after the space-limit
+    // question), then the file's figures and event-log entries.
+    int64_t settleFile(FileUpload& job);
     // Sends the file until a send finds it unchanged from before to after reading
     // (bounded); a file still changing is stored with a time that makes the next run
-    // send it again, and the event log says so.
-    int64_t uploadSettled(TransferInfo& transfer, UploadFileInfo& information);
+    // send it again, and the job says so for the event log.
+    int64_t uploadSettled(FileUpload& job, TransferInfo& transfer, UploadFileInfo& information);
+    // The pool of the present walk when files are sent several at once (the "Transfers"
+    // option, on a store that gains from it); null otherwise. The walk's entry being
+    // worked on, for the jobs it hands to the pool.
+    UploadPool* uploadPool = nullptr;
+    size_t walkEntry = 0;
 };
 
 } // namespace cirrovault

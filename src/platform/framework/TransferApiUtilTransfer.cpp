@@ -52,29 +52,28 @@ std::vector<std::string> boundNamesOf(const std::string& path) {
 // CurlHandleController for its lifetime, so CancelConnection(thread) reaches it.
 class TransferWatch : public TransferObserver {
 public:
-    explicit TransferWatch(TrueProgressCallback* progress)
-        : progress_(progress), cancel_(CurlHandleController::shared().beginTransfer()) {
-        if (progress_) {
+    TransferWatch(TrueProgressCallback* progress, bool shared)
+        : progress_(progress), shared_(shared),
+          cancel_(CurlHandleController::shared().beginTransfer()) {
+        if (progress_ && !shared_) {
             progress_->setTempSize(0);
             progress_->setSentSize(0);
         }
     }
-    ~TransferWatch() override { CurlHandleController::shared().endTransfer(); }
+    ~TransferWatch() override {
+        if (progress_ && shared_ && done_ > 0)
+            progress_->addSentSize(-static_cast<int64_t>(done_), false);
+        CurlHandleController::shared().endTransfer();
+    }
     TransferWatch(const TransferWatch&) = delete;
     TransferWatch& operator=(const TransferWatch&) = delete;
 
-    void transferred(uint64_t bytesDone, uint64_t) override {
-        done_ = bytesDone;
-        if (progress_)
-            progress_->setSentSize(bytesDone);
-    }
+    void transferred(uint64_t bytesDone, uint64_t) override { report(bytesDone, true); }
     void resumedFrom(uint64_t bytes) override {
         resumed_ = bytes;
-        done_ = bytes;
-        if (progress_) {
+        if (progress_)
             progress_->setTempSize(bytes);
-            progress_->setSentSize(bytes);
-        }
+        report(bytes, false);
     }
     bool shouldContinue() override {
         for (;;) {
@@ -91,12 +90,23 @@ public:
     uint64_t resumed() const { return resumed_; }
 
 private:
+    void report(uint64_t bytesDone, bool fresh) {
+        const uint64_t before = done_;
+        done_ = bytesDone;
+        if (!progress_)
+            return;
+        if (!shared_)
+            progress_->setSentSize(bytesDone);
+        else if (bytesDone != before)
+            progress_->addSentSize(static_cast<int64_t>(bytesDone - before), fresh);
+    }
     bool cancelled() const {
         return *cancel_ ||
                (progress_ && (progress_->IsCancelled() || progress_->IsClickedCancel()));
     }
 
     TrueProgressCallback* progress_;
+    bool shared_;
     std::shared_ptr<std::atomic<bool>> cancel_;
     uint64_t done_ = 0;
     uint64_t resumed_ = 0;
@@ -157,11 +167,11 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
         if (transferInfo.storedTime())
             modifyTime = *transferInfo.storedTime();
         TrueProgressCallback* progress = transferInfo.progress();
-        if (progress) {
+        if (progress && !transferInfo.sharedProgress()) {
             progress->setThisSize(source->size());
             progress->setCurrentFile(transferInfo.locFile());
         }
-        TransferWatch watch(progress);
+        TransferWatch watch(progress, transferInfo.sharedProgress());
         code = store->put(*path, *source, modifyTime, &watch);
         uploadInformation.resumedBytes = watch.resumed();
         if (code == ResultCode::Success) {
@@ -228,7 +238,7 @@ int64_t TransferApiUtil::DownloadFile(TransferInfo& transferInfo) {
             progress->setThisSize(item.size);
             progress->setCurrentFile(local);
         }
-        TransferWatch watch(progress);
+        TransferWatch watch(progress, transferInfo.sharedProgress());
         if (encrypted) {
             DecryptingFileSink sink(std::move(file), passPhrase, boundNamesOf(*path),
                                     item.modifyTime);

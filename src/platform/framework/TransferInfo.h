@@ -19,6 +19,10 @@ public:
     const std::string& locFile() const { return locFile_; }
     void setProgress(TrueProgressCallback* progress) { progress_ = progress; }
     TrueProgressCallback* progress() const { return progress_; }
+    // Other transfers share the progress object: this one adds its bytes to the sent
+    // figure and takes them back when it ends, and leaves the current file's figures alone.
+    void setSharedProgress(bool shared) { sharedProgress_ = shared; }
+    bool sharedProgress() const { return sharedProgress_; }
     // Pass phrase of an encrypted task; empty for a plain one.
     void setPassPhrase(const std::string& phrase) { passPhrase_ = phrase; }
     const std::string& passPhrase() const { return passPhrase_; }
@@ -34,6 +38,7 @@ private:
     std::string svrFile_;
     std::string locFile_;
     TrueProgressCallback* progress_ = nullptr;
+    bool sharedProgress_ = false;
     std::string passPhrase_;
     std::optional<Date> storedTime_;
     uint32_t storedMode_ = 0;

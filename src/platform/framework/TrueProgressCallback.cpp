@@ -22,6 +22,17 @@ void TrueProgressCallback::setSentSize(uint64_t v) {
         d->progressChanged();
 }
 
+void TrueProgressCallback::addSentSize(int64_t delta, bool fresh) {
+    sentSize_ += static_cast<uint64_t>(delta); // wraps back for a negative delta
+    if (delta > 0 && fresh) {
+        double zero = 0;
+        startTime_.compare_exchange_strong(zero, Clock::shared().now().timeIntervalSince1970());
+        sentThisRun_ += static_cast<uint64_t>(delta);
+    }
+    if (TrueProgressDelegate* d = delegate_)
+        d->progressChanged();
+}
+
 void TrueProgressCallback::setMsg(const std::string& msg) {
     std::lock_guard lock(textMutex_);
     msg_ = msg;

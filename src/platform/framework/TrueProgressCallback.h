@@ -48,6 +48,11 @@ public:
     void setSentSize(uint64_t v);     // bytes of the current file confirmed so far
     uint64_t sentSize() const { return sentSize_; }
     void setTempSize(uint64_t v) { tempSize_ = v; } // bytes kept from an interrupted attempt
+    // Transfers running side by side share sentSize: each adds what it moves (fresh
+    // bytes count for the speed, resumed ones do not) and takes it back when it ends,
+    // and the walk adds each stored file to doneSize.
+    void addSentSize(int64_t delta, bool fresh);
+    void addDoneSize(uint64_t v) { doneSize_ += v; }
     uint64_t tempSize() const { return tempSize_; }
     void setMsg(const std::string& msg);
     std::string msg() const;

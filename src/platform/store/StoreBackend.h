@@ -37,6 +37,9 @@ struct StoreCapabilities {
     bool resumableUpload = false;   // a put continues an interrupted ".part"
     bool folderProperties = false;  // descriptions and captions are kept
     double modifyTimePrecision = 1; // seconds: 1e-9 for a local file system, 1 for WebDAV
+    // Puts of different files may run at once from several threads, each gaining from it
+    // (a network store: one connection each).
+    bool concurrentPuts = false;
 };
 
 struct StoreQuota {

@@ -38,8 +38,24 @@ bool ok(int64_t rc, const HttpResponse& response) {
 bool WebDavCapabilityProbe::probe(const std::string& scratchUrl, const Send& send,
                                   WebDavFeatures& features) {
     HttpResponse response;
-    if (!ok(putText(send, scratchUrl, "AAAAAAAA", {}, response), response))
+    if (!ok(putText(send, scratchUrl, "AAAAAAAA", {"X-OC-Mtime: " + std::to_string(ProbeTime)},
+                    response),
+            response))
         return false;
+    if (response.header("x-oc-mtime") == "accepted") {
+        // Saying so is not keeping it: the time must read back.
+        HttpRequest find;
+        find.method = "PROPFIND";
+        find.url = scratchUrl;
+        find.headers = {"Depth: 0"};
+        find.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
+                    "<D:propfind xmlns:D=\"DAV:\"><D:prop><D:getlastmodified/></D:prop></D:propfind>";
+        std::vector<DavResource> resources;
+        features.ocMtime = send(find, response) == ResultCode::Success && response.status == 207 &&
+                           WebDavMultistatus::parse(response.body, resources) &&
+                           resources.size() == 1 && resources[0].lastModified &&
+                           resources[0].lastModified->timeIntervalSince1970() == ProbeTime;
+    }
 
     HttpRequest patch;
     patch.method = "PROPPATCH";
@@ -113,16 +129,12 @@ WebDavFeatures WebDavCapabilityProbe::featuresFor(const std::string& serverKey,
     SystemLog::write(
         "WebDAV: " + serverKey + " keeps properties: " + (features.deadProperties ? "yes" : "no") +
         ", applies ranges: " + (features.rangePut ? "yes" : "no") +
+        ", keeps the time sent with a file: " + (features.ocMtime ? "yes" : "no") +
         ", refuses a MOVE onto a folder: " + (features.moveRefusesOccupiedName ? "yes" : "no") +
         ", refuses a MKCOL of an existing folder: " +
         (features.mkcolAcceptsExisting ? "no" : "yes"));
     std::lock_guard lock(mutex);
     return known.emplace(serverKey, features).first->second;
-}
-
-void WebDavCapabilityProbe::noteOcMtime(const std::string& serverKey) {
-    std::lock_guard lock(mutex);
-    known[serverKey].ocMtime = true;
 }
 
 void WebDavCapabilityProbe::forgetAll() {

@@ -11,7 +11,7 @@ namespace cirrovault {
 struct WebDavFeatures {
     bool deadProperties = false; // PROPPATCH of our own properties, read back by PROPFIND
     bool rangePut = false;       // a PUT with Content-Range writes into the existing file
-    bool ocMtime = false;        // X-OC-Mtime on PUT was accepted
+    bool ocMtime = false; // a PUT's X-OC-Mtime becomes the file's time (said and read back)
     // A MOVE with "Overwrite: F" onto a folder is refused, as it must be; some servers
     // move the file into that folder instead.
     bool moveRefusesOccupiedName = false;
@@ -31,9 +31,10 @@ public:
     // probe may create and remove. A failed probe is not remembered.
     static WebDavFeatures featuresFor(const std::string& serverKey, const std::string& scratchUrl,
                                       const Send& send);
-    static void noteOcMtime(const std::string& serverKey);
     // Forgets every server (tests start servers on reused ports).
     static void forgetAll();
+
+    static constexpr int64_t ProbeTime = 1'000'000'000;
 
 private:
     static bool probe(const std::string& scratchUrl, const Send& send, WebDavFeatures& features);

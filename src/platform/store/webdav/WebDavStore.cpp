@@ -67,6 +67,7 @@ StoreCapabilities WebDavStore::capabilities() const {
     caps.nativeCopy = true;
     caps.nativeMove = true;
     caps.modifyTimePrecision = 1;
+    caps.concurrentPuts = true;
     if (auto account = currentAccount()) {
         caps.folderProperties = true; // as properties, or in the metadata documents
         caps.resumableUpload = account->features.deadProperties && account->features.rangePut;
@@ -104,7 +105,22 @@ int64_t WebDavStore::send(const Account& account, HttpRequest& request, HttpResp
     }
     if (!session)
         session = std::make_unique<WebDavHttpSession>(account.user, account.password, timeouts_);
+    // A change makes the walk's listings of what it touches stale, from before it is sent
+    // until it has been answered; our own folder is never listed, so its task list and
+    // locks leave them be.
+    const std::string ownFolder = account.rootUrl + MetaFolder + "/";
+    std::vector<std::string> touched;
+    if (request.method != "GET" && request.method != "PROPFIND" &&
+        request.url.compare(0, ownFolder.size(), ownFolder) != 0) {
+        touched.push_back(request.url);
+        for (const auto& header : request.headers)
+            if (header.starts_with("Destination: "))
+                touched.push_back(header.substr(13));
+        dropHeldListings(account, touched);
+    }
     int64_t rc = session->perform(request, response);
+    if (!touched.empty())
+        dropHeldListings(account, touched);
     std::lock_guard lock(mutex_);
     if (generation == generation_ && idle_.size() < 16)
         idle_.push_back(std::move(session));
@@ -318,6 +334,9 @@ void WebDavStore::logoff() {
         flushMeta(*account);
     std::lock_guard lock(mutex_);
     pendingMeta_.clear();
+    heldListings_.clear();
+    heldEntries_ = 0;
+    ++listingGeneration_;
     account_.reset();
     folderTotals_.clear();
     ++generation_;

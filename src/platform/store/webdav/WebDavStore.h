@@ -165,6 +165,27 @@ private:
                           const WebDavMetaEntries& entries);
     static constexpr size_t MetaBatch = 128;
 
+    // A walk for folder figures reads every folder below the one asked for, and a listing
+    // of each usually follows (a run's scan after the logon's look at the root): the
+    // walk's listings are held for that, each handed out once. A change sent through this
+    // store drops those of the folders it touches, and none is trusted after
+    // HeldListingSeconds.
+    struct HeldListing {
+        std::vector<DavResource> resources;
+        double heldAt = 0;
+    };
+    // generation: listingGeneration() from before the listing was asked for; a listing
+    // that a change may have overtaken is not held.
+    uint64_t listingGeneration() const;
+    void holdListing(const FolderNames& folder, const std::vector<DavResource>& resources,
+                     uint64_t generation);
+    bool takeHeldListing(const FolderNames& folder, std::vector<DavResource>& resources);
+    // Drops the listings of the folders holding the items at these URLs and of the
+    // folders at or below them, and keeps any listing under way from being held.
+    void dropHeldListings(const Account& account, const std::vector<std::string>& urls);
+    static constexpr double HeldListingSeconds = 60;
+    static constexpr size_t MaxHeldEntries = 200'000;
+
     static int64_t codeOf(long status);
     static int64_t worstOf(const std::string& multistatusBody);
 
@@ -178,6 +199,9 @@ private:
     uint64_t generation_ = 0;        // guarded by mutex_; a new logon drops old connections
     std::vector<std::unique_ptr<WebDavHttpSession>> idle_; // guarded by mutex_
     std::map<FolderNames, MetaChanges> pendingMeta_;       // guarded by mutex_
+    std::map<FolderNames, HeldListing> heldListings_;      // guarded by mutex_
+    size_t heldEntries_ = 0;                               // guarded by mutex_
+    uint64_t listingGeneration_ = 0;                       // guarded by mutex_
     std::mutex metaWriteMutex_;       // one writer of metadata documents at a time
     WebDavFolderTotals folderTotals_; // the account's root among them: the bytes it holds
 };

@@ -206,16 +206,20 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
             }
         }
 
-        const bool serverKeepsTime = last.header("x-oc-mtime") == "accepted";
-        if (serverKeepsTime)
-            WebDavCapabilityProbe::noteOcMtime(account.serverKey);
+        const bool serverKeepsTime =
+            account.features.ocMtime || last.header("x-oc-mtime") == "accepted";
         if (account.features.deadProperties) {
             // "mode" is set also when there is none ("0"): some servers keep a replaced
-            // file's properties that the new copy does not set.
-            if ((rc = setProperties(account, partUrl,
-                                    {{"mtime", std::to_string(modifyTime.timeIntervalSince1970())},
-                                     {"mode", std::to_string(source.mode())}},
-                                    {"resumetag"})) != ResultCode::Success) {
+            // file's properties that the new copy does not set. For the same reason a
+            // time the server keeps itself removes an older one kept as a property.
+            std::vector<std::pair<std::string, std::string>> set = {
+                {"mode", std::to_string(source.mode())}};
+            std::vector<std::string> remove = {"resumetag"};
+            if (serverKeepsTime)
+                remove.push_back("mtime");
+            else
+                set.emplace_back("mtime", std::to_string(modifyTime.timeIntervalSince1970()));
+            if ((rc = setProperties(account, partUrl, set, remove)) != ResultCode::Success) {
                 SystemLog::write("WebDAV: the modification time cannot be kept for " + path);
                 dropPart();
                 return rc;

@@ -1,7 +1,9 @@
 // The tree operations of the WebDAV store: stat, list, folders, move, copy, remove.
+#include <algorithm>
 #include <exception>
 
 #include "platform/os/ResultCodes.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
@@ -119,6 +121,7 @@ int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::str
         return ResultCode::Success;
     }
     std::vector<DavResource> resources;
+    const uint64_t generation = listingGeneration();
     if (int64_t rc = propfind(account, urlOf(account, folder, true), 1, resources);
         rc != ResultCode::Success)
         return rc;
@@ -144,8 +147,73 @@ int64_t WebDavStore::totalsOf(const Account& account, const std::vector<std::str
         }
     }
     folderTotals_.remember(folder, counted, now);
+    holdListing(folder, resources, generation);
     totals = counted;
     return ResultCode::Success;
+}
+
+uint64_t WebDavStore::listingGeneration() const {
+    std::lock_guard lock(mutex_);
+    return listingGeneration_;
+}
+
+void WebDavStore::holdListing(const FolderNames& folder, const std::vector<DavResource>& resources,
+                              uint64_t generation) {
+    std::lock_guard lock(mutex_);
+    if (generation != listingGeneration_ || heldEntries_ + resources.size() > MaxHeldEntries)
+        return;
+    auto& held = heldListings_[folder];
+    heldEntries_ = heldEntries_ - held.resources.size() + resources.size();
+    held.resources = resources;
+    held.heldAt = secondsNow();
+}
+
+bool WebDavStore::takeHeldListing(const FolderNames& folder, std::vector<DavResource>& resources) {
+    std::lock_guard lock(mutex_);
+    auto it = heldListings_.find(folder);
+    if (it == heldListings_.end())
+        return false;
+    heldEntries_ -= it->second.resources.size();
+    const bool fresh = secondsNow() - it->second.heldAt < HeldListingSeconds;
+    if (fresh)
+        resources = std::move(it->second.resources);
+    heldListings_.erase(it);
+    return fresh;
+}
+
+void WebDavStore::dropHeldListings(const Account& account, const std::vector<std::string>& urls) {
+    std::lock_guard lock(mutex_);
+    ++listingGeneration_;
+    for (const auto& url : urls) {
+        if (url.compare(0, account.rootUrl.size(), account.rootUrl) != 0) {
+            heldListings_.clear(); // not ours to place: nothing held is sure
+            heldEntries_ = 0;
+            return;
+        }
+        FolderNames names;
+        std::string rest = url.substr(account.rootUrl.size());
+        for (size_t start = 0; start < rest.size();) {
+            size_t slash = rest.find('/', start);
+            if (slash == std::string::npos)
+                slash = rest.size();
+            if (slash > start)
+                names.push_back(UrlCoding::decode(rest.substr(start, slash - start)));
+            start = slash + 1;
+        }
+        for (auto it = heldListings_.begin(); it != heldListings_.end();) {
+            const FolderNames& folder = it->first;
+            const bool parent = !names.empty() && folder.size() + 1 == names.size() &&
+                                std::equal(folder.begin(), folder.end(), names.begin());
+            const bool within = folder.size() >= names.size() &&
+                                std::equal(names.begin(), names.end(), folder.begin());
+            if (parent || within) {
+                heldEntries_ -= it->second.resources.size();
+                it = heldListings_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
 }
 
 int64_t WebDavStore::stat(const std::string& path, StoreItem& item) {
@@ -200,9 +268,11 @@ int64_t WebDavStore::list(const std::string& folder, std::vector<StoreItem>& ite
         if (!names->empty() && names->size() == 1 && names->front() == MetaFolder)
             return ResultCode::NotFound;
         std::vector<DavResource> resources;
-        if (int64_t rc = propfind(account, urlOf(account, *names, true), 1, resources);
-            rc != ResultCode::Success)
-            return rc;
+        if (!takeHeldListing(*names, resources)) {
+            if (int64_t rc = propfind(account, urlOf(account, *names, true), 1, resources);
+                rc != ResultCode::Success)
+                return rc;
+        }
         std::string selfPath = account.rootPath;
         for (const auto& name : *names)
             selfPath += "/" + name;
