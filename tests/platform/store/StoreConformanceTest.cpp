@@ -339,6 +339,8 @@ TEST_P(StoreConformanceTest, FilesKeepTheirModeWhereverTheyGo) {
     EXPECT_EQ(modeOf(*store, "\\M\\History\\tool0"), tool);
     ASSERT_EQ(store->copy("\\M\\to-bin", "\\M\\History\\to-bin0"), R::Success);
     EXPECT_EQ(modeOf(*store, "\\M\\History\\to-bin0"), link);
+    // Some servers give a copy the time of the copy: it must come a second later.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     ASSERT_EQ(store->copy("\\M", "\\N"), R::Success);
     std::vector<StoreItem> items;
     ASSERT_EQ(store->list("\\N", items), R::Success);

@@ -161,6 +161,7 @@ private:
     // whose server time is learned again).
     void carryMeta(const Account& account, const FolderNames& from, const FolderNames& to,
                    bool moved);
+    void rebindCopiedMeta(const Account& account, const FolderNames& folder, int depth);
     static void applyMeta(StoreItem& item, const DavResource& resource,
                           const WebDavMetaEntries& entries);
     static constexpr size_t MetaBatch = 128;

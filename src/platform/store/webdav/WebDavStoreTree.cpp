@@ -489,9 +489,52 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
             folderTotals_.forget(*source);
         folderTotals_.forget(*target);
     }
-    if (meta)
+    if (meta) {
         carryMeta(account, *source, *target, moved);
+        if (folder && !moved)
+            rebindCopiedMeta(account, *target, 0);
+    }
     return ResultCode::Success;
+}
+
+void WebDavStore::rebindCopiedMeta(const Account& account, const FolderNames& folder, int depth) {
+    // A copied folder's documents came with it, bound to the originals' times; a server
+    // that gives each copy the time of the copy would make them vouch for nothing, so
+    // each entry is bound again to its copy when the documents are next written.
+    constexpr int MaxDepth = 64;
+    std::vector<DavResource> resources;
+    if (depth > MaxDepth ||
+        propfind(account, urlOf(account, folder, true), 1, resources) != ResultCode::Success) {
+        SystemLog::write("WebDAV: the times and modes inside a copied folder are not carried");
+        return;
+    }
+    std::string selfPath = account.rootPath;
+    for (const auto& name : folder)
+        selfPath += "/" + name;
+    bool stored = false;
+    std::vector<std::string> folders;
+    for (const auto& resource : resources) {
+        auto name = childName(selfPath, resource.path);
+        if (!name)
+            continue;
+        if (resource.collection && StorePath::isValidName(*name))
+            folders.push_back(*name);
+        stored = stored || (!resource.collection && *name == WebDavMetaDocument::FileName);
+    }
+    WebDavMetaEntries entries;
+    if (stored && readMeta(account, folder, true, entries) == ResultCode::Success) {
+        for (auto& [name, entry] : entries) {
+            if (entry.folder || entry.serverTime == 0)
+                continue;
+            entry.serverTime = 0;
+            noteMeta(account, folder, name, entry);
+        }
+    }
+    for (const auto& name : folders) {
+        FolderNames inner = folder;
+        inner.push_back(name);
+        rebindCopiedMeta(account, inner, depth + 1);
+    }
 }
 
 int64_t WebDavStore::move(const std::string& from, const std::string& to) {
