@@ -69,6 +69,16 @@ GtkWidget* buttonRow() {
 constexpr int kOk = 1;
 constexpr int kCancel = 0;
 
+// Cancel and OK at the foot of a dialog's column, and the dialog shown.
+void finishOkCancel(GtkWidget* window, GtkWidget* box, Pending& pending) {
+    GtkWidget* row = buttonRow();
+    addAnswer(row, pending, label("Cancel", "Cancel"), kCancel);
+    addAnswer(row, pending, label("IDS_OK", "OK"), kOk);
+    gtk_box_append(GTK_BOX(box), row);
+    gtk_window_set_child(GTK_WINDOW(window), box);
+    gtk_window_present(GTK_WINDOW(window));
+}
+
 } // namespace
 
 void GtkDialogs::runUntil(const bool& done) {
@@ -140,12 +150,7 @@ std::optional<std::vector<std::string>> GtkDialogs::askFields(GtkWindow* parent,
         gtk_box_append(GTK_BOX(box), entry);
         entries.push_back(entry);
     }
-    GtkWidget* row = buttonRow();
-    addAnswer(row, pending, label("Cancel", "Cancel"), kCancel);
-    addAnswer(row, pending, label("IDS_OK", "OK"), kOk);
-    gtk_box_append(GTK_BOX(box), row);
-    gtk_window_set_child(GTK_WINDOW(window), box);
-    gtk_window_present(GTK_WINDOW(window));
+    finishOkCancel(window, box, pending);
     runUntil(pending.done);
     std::optional<std::vector<std::string>> answer;
     if (pending.done && pending.answer == kOk) {
@@ -173,12 +178,7 @@ std::optional<std::string> GtkDialogs::askSecret(GtkWindow* parent, const std::s
             again = gtk_password_entry_new();
             gtk_box_append(GTK_BOX(box), again);
         }
-        GtkWidget* row = buttonRow();
-        addAnswer(row, pending, label("Cancel", "Cancel"), kCancel);
-        addAnswer(row, pending, label("IDS_OK", "OK"), kOk);
-        gtk_box_append(GTK_BOX(box), row);
-        gtk_window_set_child(GTK_WINDOW(window), box);
-        gtk_window_present(GTK_WINDOW(window));
+        finishOkCancel(window, box, pending);
         runUntil(pending.done);
         std::string typed = gtk_editable_get_text(GTK_EDITABLE(first));
         std::string repeated = again ? gtk_editable_get_text(GTK_EDITABLE(again)) : typed;
