@@ -98,7 +98,7 @@ def main():
             out.append("")
     out.append("\"The run's work\" is our engine from StartBackup to the return of "
                "checkFinshedBackup; \"whole process\" is the engine_run process from exec to "
-               "exit (start-up, logon, the run, the fixed 2-second pause before the closing "
+               "exit (start-up, logon, the run, the closing "
                "notices, log-off). Files/s and MB/s are over the whole data set, whatever the "
                "job sent. Peak RSS is /usr/bin/time's maximum resident size; for the run's work "
                "it is the growth of the resident size during the run (VmHWM minus VmRSS before "
