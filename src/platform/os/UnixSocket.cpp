@@ -58,11 +58,15 @@ std::string UnixSocket::runtimeFolder() {
     return folder;
 }
 
-UnixSocket UnixSocket::listen(const std::string& path) {
-    sockaddr_un address;
+UnixSocket UnixSocket::openFor(const std::string& path, sockaddr_un& address) {
     if (!fillAddress(path, address))
         return {};
-    UnixSocket socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return UnixSocket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+UnixSocket UnixSocket::listen(const std::string& path) {
+    sockaddr_un address;
+    UnixSocket socket = openFor(path, address);
     if (!socket.valid())
         return {};
     // Only the one listener of this name (the caller holds its lock) comes here.
@@ -82,9 +86,7 @@ UnixSocket UnixSocket::listen(const std::string& path) {
 UnixSocket UnixSocket::connect(const std::string& path, Connect* how) {
     *how = Connect::Failed;
     sockaddr_un address;
-    if (!fillAddress(path, address))
-        return {};
-    UnixSocket socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UnixSocket socket = openFor(path, address);
     if (!socket.valid())
         return {};
     // Non-blocking: a listener whose queue is full answers EAGAIN at once, not later.

@@ -2,6 +2,8 @@
 
 #include <string>
 
+struct sockaddr_un;
+
 namespace cirrovault {
 
 // A stream socket in the file system that speaks in lines: how a command talks to the
@@ -41,6 +43,8 @@ public:
 
 private:
     explicit UnixSocket(int fd) : fd_(fd) {}
+    // An unconnected stream socket and the address of path; invalid when path is too long.
+    static UnixSocket openFor(const std::string& path, sockaddr_un& address);
     void close();
 
     int fd_ = -1;
