@@ -68,6 +68,11 @@ public:
     }
     // SQLITE_ROW, SQLITE_DONE or an error code.
     int step() { return stmt_ ? sqlite3_step(stmt_) : SQLITE_ERROR; }
+    // Back to before the first row, the bindings kept, so that some can be changed.
+    void rewind() {
+        if (stmt_)
+            sqlite3_reset(stmt_);
+    }
     bool run() { return step() == SQLITE_DONE; }
 
     std::string text(int column) const {
@@ -529,14 +534,33 @@ bool LocalStoreDatabase::fileModesInside(const std::string& customerID, const st
                                          std::map<std::string, uint32_t>& modes) {
     std::lock_guard lock(mutex_);
     modes.clear();
+    Statement self(db_, statements_,
+                   "SELECT mode FROM fileModes WHERE customerID = ?1 AND path = ?2");
+    int rc = self.bind(1, customerID).bind(2, folder).step();
+    if (rc == SQLITE_ROW)
+        modes[folder] = static_cast<uint32_t>(self.integer(0));
+    else if (rc != SQLITE_DONE) {
+        logError("list file modes");
+        return false;
+    }
+    // Only the folder's own entries: a row beneath a sub-folder makes the scan jump past
+    // that sub-folder's rows, so a listing near the top does not read the whole tree.
+    const std::string prefix = insidePrefix(folder);
     Statement st(db_, statements_,
                  "SELECT path, mode FROM fileModes WHERE customerID = ?1"
-                 " AND path >= ?2 AND path < ?4 AND (path = ?2 OR (path >= ?3"
-                 " AND instr(substr(path, length(?3) + 1), '\\') = 0))");
-    bindTree(st.bind(1, customerID), folder);
-    int rc;
-    while ((rc = st.step()) == SQLITE_ROW)
-        modes[st.text(0)] = static_cast<uint32_t>(st.integer(1));
+                 " AND path >= ?2 AND path < ?3");
+    st.bind(1, customerID).bind(2, prefix).bind(3, pastPrefix(prefix));
+    while ((rc = st.step()) == SQLITE_ROW) {
+        std::string path = st.text(0);
+        size_t below = path.find('\\', prefix.size());
+        if (below == std::string::npos) {
+            modes[path] = static_cast<uint32_t>(st.integer(1));
+            continue;
+        }
+        path.resize(below + 1);
+        st.rewind();
+        st.bind(2, pastPrefix(path));
+    }
     if (rc == SQLITE_DONE)
         return true;
     logError("list file modes");
