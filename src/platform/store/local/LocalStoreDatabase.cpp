@@ -219,9 +219,11 @@ bool LocalStoreDatabase::createSchema() {
                    "CREATE TABLE IF NOT EXISTS folderTotals(folder TEXT PRIMARY KEY,"
                    " record TEXT NOT NULL);"
                    // Stores made before files kept their modes get the table on opening.
+                   // Without a rowid a file's row is written once, not also into a key
+                   // index: a changed file writes two such rows (its mode, its version's).
                    "CREATE TABLE IF NOT EXISTS fileModes(customerID TEXT NOT NULL,"
                    " path TEXT NOT NULL, mode INTEGER NOT NULL,"
-                   " PRIMARY KEY(customerID, path));"
+                   " PRIMARY KEY(customerID, path)) WITHOUT ROWID;"
                    "COMMIT;");
 }
 
