@@ -23,24 +23,64 @@ std::string nameOf(const std::string& path) {
     return cut == std::string::npos ? path : path.substr(cut + 1);
 }
 
-int64_t filesIn(const StoreItem& item) {
+template <typename Item>
+int64_t filesIn(const Item& item) {
     return item.isFolder ? item.fileCount : 1;
 }
 
-PathInfo toPathInfo(const std::string& path, const StoreItem& item) {
+} // namespace
+
+CachedPathTree::Entry::Entry(const StoreItem& item)
+    : name(item.name), size(item.size), modifyTime(item.modifyTime), fileCount(item.fileCount),
+      mode(item.mode), isFolder(item.isFolder) {
+    setTexts(item.description, item.caption);
+}
+
+StoreItem CachedPathTree::Entry::item() const {
+    StoreItem item;
+    item.name = name;
+    item.isFolder = isFolder;
+    item.size = size;
+    item.fileCount = fileCount;
+    item.modifyTime = modifyTime;
+    item.mode = mode;
+    if (texts) {
+        item.description = texts->description;
+        item.caption = texts->caption;
+    }
+    return item;
+}
+
+void CachedPathTree::Entry::setTexts(const std::string& description, const std::string& caption) {
+    texts = description.empty() && caption.empty()
+                ? nullptr
+                : std::make_shared<const Texts>(Texts{description, caption});
+}
+
+CachedPathTree::Listing CachedPathTree::toListing(std::vector<StoreItem>& items) {
+    Listing listing;
+    listing.reserve(items.size());
+    for (StoreItem& item : items) {
+        listing.emplace_back(item);
+        item = StoreItem(); // what is held twice at once stays small
+    }
+    return listing;
+}
+
+PathInfo CachedPathTree::toPathInfo(const std::string& path, const Entry& entry) {
     PathInfo info;
     info.name = path == Root ? "" : nameOf(path);
     info.path = path;
-    info.bFolder = item.isFolder;
-    info.iSize = item.size;
-    info.iFiles = item.isFolder ? item.fileCount : 0;
-    info.modifyTime = item.modifyTime;
-    info.description = item.description;
-    info.caption = item.caption;
+    info.bFolder = entry.isFolder;
+    info.iSize = entry.size;
+    info.iFiles = entry.isFolder ? entry.fileCount : 0;
+    info.modifyTime = entry.modifyTime;
+    if (entry.texts) {
+        info.description = entry.texts->description;
+        info.caption = entry.texts->caption;
+    }
     return info;
 }
-
-} // namespace
 
 CachedPathTree::~CachedPathTree() {
     stopPrefetching();
@@ -125,7 +165,7 @@ void CachedPathTree::prefetchLoop() {
         std::shared_ptr<StoreBackend> backend = backend_;
         const uint64_t changesBefore = changes_;
         lock.unlock();
-        Listing items;
+        std::vector<StoreItem> items;
         int64_t code = ResultCode::Failure;
         try {
             code = backend->list(folder, items);
@@ -136,7 +176,7 @@ void CachedPathTree::prefetchLoop() {
         inFlight_.erase(folder);
         if (changes_ == changesBefore && !listings_.count(folder)) {
             if (code == ResultCode::Success)
-                listings_.emplace(folder, std::move(items));
+                listings_.emplace(folder, toListing(items));
             else if (code == ResultCode::NotFound)
                 missing_.insert(folder);
         }
@@ -153,7 +193,7 @@ bool CachedPathTree::absentFromListingAboveLocked(const std::string& folder) {
             continue;
         std::string name = nameOf(at);
         bool present = false;
-        for (const StoreItem& item : above->second)
+        for (const Entry& item : above->second)
             present = present || (item.isFolder && item.name == name);
         if (!present) {
             missing_.insert(at);
@@ -176,13 +216,13 @@ int64_t CachedPathTree::listingLocked(const std::string& folder, Listing*& out,
         return ResultCode::NotFound;
     if (!backend_)
         return ResultCode::NoService;
-    Listing items;
+    std::vector<StoreItem> items;
     int64_t code = backend_->list(folder, items);
     if (code == ResultCode::NotFound)
         missing_.insert(folder);
     if (code != ResultCode::Success)
         return code;
-    out = &listings_.emplace(folder, std::move(items)).first->second;
+    out = &listings_.emplace(folder, toListing(items)).first->second;
     return ResultCode::Success;
 }
 
@@ -196,14 +236,14 @@ bool CachedPathTree::FindPath(const std::string& path, PathInfo& outPathInfo, bo
             StoreItem item;
             if (!backend_ || backend_->stat(Root, item) != ResultCode::Success)
                 return false;
-            outPathInfo = toPathInfo(Root, item);
+            outPathInfo = toPathInfo(Root, Entry(item));
             return true;
         }
         Listing* listing = nullptr;
         if (listingLocked(parentOf(*canonical), listing, lock) != ResultCode::Success)
             return false;
         std::string name = nameOf(*canonical);
-        for (const StoreItem& item : *listing) {
+        for (const Entry& item : *listing) {
             if (item.name == name) {
                 outPathInfo = toPathInfo(*canonical, item);
                 return true;
@@ -255,7 +295,7 @@ int64_t CachedPathTree::collectLocked(const std::string& folder, bool recursive,
     // Copied: listing further folders below may add to listings_, and the entries are
     // read while that happens.
     Listing items = *listing;
-    for (const StoreItem& item : items) {
+    for (const Entry& item : items) {
         std::string child = StorePath::child(folder, item.name);
         out.push_back(toPathInfo(child, item));
         if (recursive && item.isFolder) {
@@ -286,14 +326,14 @@ int64_t CachedPathTree::GetSubList(const std::string& path, std::vector<PathInfo
     }
 }
 
-StoreItem* CachedPathTree::entryLocked(const std::string& path) {
+CachedPathTree::Entry* CachedPathTree::entryLocked(const std::string& path) {
     if (path == Root)
         return nullptr;
     auto it = listings_.find(parentOf(path));
     if (it == listings_.end())
         return nullptr;
     std::string name = nameOf(path);
-    for (StoreItem& item : it->second) {
+    for (Entry& item : it->second) {
         if (item.name == name)
             return &item;
     }
@@ -308,7 +348,7 @@ void CachedPathTree::adjustAncestorsLocked(const std::string& folder, int64_t si
         auto it = listings_.find(parentOf(at));
         if (it == listings_.end())
             continue;
-        if (StoreItem* entry = entryLocked(at)) {
+        if (Entry* entry = entryLocked(at)) {
             entry->size = static_cast<uint64_t>(static_cast<int64_t>(entry->size) + sizeDelta);
             entry->fileCount = static_cast<int32_t>(entry->fileCount + filesDelta);
         } else {
@@ -359,12 +399,12 @@ void CachedPathTree::followUncachedChangeLocked(const std::string& folder) {
     now.name = nameOf(child);
     int64_t sizeDelta = static_cast<int64_t>(now.size);
     int64_t filesDelta = filesIn(now);
-    if (StoreItem* entry = entryLocked(child)) {
+    if (Entry* entry = entryLocked(child)) {
         sizeDelta -= static_cast<int64_t>(entry->size);
         filesDelta -= filesIn(*entry);
-        *entry = now;
+        *entry = Entry(now);
     } else {
-        listings_[above].push_back(now);
+        listings_[above].emplace_back(now);
     }
     adjustAncestorsLocked(above, sizeDelta, filesDelta);
 }
@@ -397,8 +437,8 @@ void CachedPathTree::forgetMissingLocked(const std::string& path) {
 
 std::optional<StoreItem> CachedPathTree::cachedItem(const std::string& path) {
     std::lock_guard lock(mutex_);
-    if (StoreItem* entry = entryLocked(path))
-        return *entry;
+    if (Entry* entry = entryLocked(path))
+        return entry->item();
     return std::nullopt;
 }
 
@@ -416,16 +456,16 @@ void CachedPathTree::noteStored(const std::string& path, const StoreItem& item) 
         dropSubtreeLocked(path);
         return;
     }
-    StoreItem stored = item;
+    Entry stored(item);
     stored.name = nameOf(path);
     int64_t sizeDelta = static_cast<int64_t>(stored.size);
     int64_t filesDelta = filesIn(stored);
-    if (StoreItem* entry = entryLocked(path)) {
+    if (Entry* entry = entryLocked(path)) {
         sizeDelta -= static_cast<int64_t>(entry->size);
         filesDelta -= filesIn(*entry);
-        *entry = stored;
+        *entry = std::move(stored);
     } else {
-        it->second.push_back(stored);
+        it->second.push_back(std::move(stored));
     }
     adjustAncestorsLocked(parent, sizeDelta, filesDelta);
     dropSubtreeLocked(path);
@@ -434,7 +474,7 @@ void CachedPathTree::noteStored(const std::string& path, const StoreItem& item) 
 void CachedPathTree::noteFolderMade(const std::string& path) {
     std::lock_guard lock(mutex_);
     ++changes_;
-    StoreItem* entry = entryLocked(path);
+    Entry* entry = entryLocked(path);
     if (entry && entry->isFolder && entry->fileCount == 0)
         listings_.try_emplace(path);
 }
@@ -446,7 +486,7 @@ void CachedPathTree::noteRemoved(const std::string& path) {
     auto it = listings_.find(parent);
     if (path != Root && it == listings_.end()) {
         followUncachedChangeLocked(parent);
-    } else if (StoreItem* entry = entryLocked(path)) {
+    } else if (Entry* entry = entryLocked(path)) {
         int64_t size = static_cast<int64_t>(entry->size);
         int64_t files = filesIn(*entry);
         it->second.erase(it->second.begin() + (entry - it->second.data()));
@@ -458,7 +498,7 @@ void CachedPathTree::noteRemoved(const std::string& path) {
 void CachedPathTree::noteRenamed(const std::string& path, const std::string& newName) {
     std::lock_guard lock(mutex_);
     ++changes_;
-    if (StoreItem* entry = entryLocked(path))
+    if (Entry* entry = entryLocked(path))
         entry->name = newName;
     dropSubtreeLocked(path);
     if (path != Root)
@@ -469,10 +509,8 @@ void CachedPathTree::noteFolderInfo(const std::string& path, const std::string& 
                                     const std::string& caption) {
     std::lock_guard lock(mutex_);
     ++changes_;
-    if (StoreItem* entry = entryLocked(path)) {
-        entry->description = description;
-        entry->caption = caption;
-    }
+    if (Entry* entry = entryLocked(path))
+        entry->setTexts(description, caption);
 }
 
 void CachedPathTree::forget(const std::string& path) {

@@ -69,7 +69,30 @@ public:
     void forget(const std::string& path);
 
 private:
-    using Listing = std::vector<StoreItem>;
+    // What the cache keeps of one entry. A folder's description and caption, rare and
+    // mostly empty, are held apart, so that a file's entry (the cache holds every stored
+    // file of the walk) takes little more than half of a StoreItem.
+    struct Entry {
+        struct Texts {
+            std::string description;
+            std::string caption;
+        };
+        std::string name;
+        uint64_t size = 0;
+        Date modifyTime;
+        int32_t fileCount = 0;
+        uint32_t mode = 0;
+        bool isFolder = false;
+        std::shared_ptr<const Texts> texts; // only when there is a text
+
+        explicit Entry(const StoreItem& item);
+        StoreItem item() const;
+        void setTexts(const std::string& description, const std::string& caption);
+    };
+    using Listing = std::vector<Entry>;
+
+    static Listing toListing(std::vector<StoreItem>& items);
+    static PathInfo toPathInfo(const std::string& path, const Entry& entry);
 
     // The folder's listing, read from the backend when not cached; waits (releasing the
     // lock) for a listing under way on the prefetch thread. Caller holds lock.
@@ -81,7 +104,7 @@ private:
     bool absentFromListingAboveLocked(const std::string& folder);
     void prefetchLoop();
     void stopPrefetching();
-    StoreItem* entryLocked(const std::string& path);
+    Entry* entryLocked(const std::string& path);
     void adjustAncestorsLocked(const std::string& folder, int64_t sizeDelta, int64_t filesDelta);
     void dropSubtreeLocked(const std::string& path);
     void dropAncestorListingsLocked(const std::string& path);
