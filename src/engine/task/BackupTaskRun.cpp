@@ -138,8 +138,10 @@ void CBackupTask::BackupThreadProc() {
                 if (pPrgBar)
                     pPrgBar->setTotalSize(fileTotalSize);
                 SystemLog::write("Beginup upload data");
-                if (iBackupRet == static_cast<uint64_t>(ResultCode::Success))
+                if (iBackupRet == static_cast<uint64_t>(ResultCode::Success)) {
                     BeginUploadingData();
+                    makeStoredDurable();
+                }
             }
         }
 
@@ -152,6 +154,18 @@ void CBackupTask::BackupThreadProc() {
     } catch (const std::exception&) {
         SystemLog::write("Error: backupt thread proc");
     }
+}
+
+// A run is said to be done only once the store has made what it sent durable (the local
+// store syncs its file system, a WebDAV store writes what waits in memory).
+void CBackupTask::makeStoredDurable() {
+    int64_t code = TransferApiUtil::shareTransferApiUtil().Flush();
+    if (code == ResultCode::Success)
+        return;
+    bHaveErr = true;
+    if (iBackupRet == static_cast<uint64_t>(ResultCode::Success))
+        iBackupRet = static_cast<uint64_t>(code);
+    getBackupTaskResult(static_cast<uint64_t>(code), "", "");
 }
 
 void CBackupTask::FinishBackup() {

@@ -287,6 +287,7 @@ public:
     void BackupThreadProc();
     // Closes the run: final state, next dates, report, semaphore and closing notices.
     void FinishBackup();
+    void makeStoredDurable();
     // Waits for the end of a run that got past its start, then drops the worker.
     bool checkFinshedBackup();
     // True when no worker is running or about to run for this task (never started, or

@@ -133,6 +133,30 @@ std::shared_ptr<StoreBackend> TransferApiUtil::backend() const {
     return state_->backend;
 }
 
+std::shared_ptr<StoreBackend> TransferApiUtil::changingBackend() {
+    state_->unflushed = true;
+    return backend();
+}
+
+int64_t TransferApiUtil::Flush() {
+    try {
+        if (!state_->unflushed.exchange(false))
+            return ResultCode::Success;
+        std::shared_ptr<StoreBackend> store = backend();
+        int64_t code = store ? store->flush() : ResultCode::NoService;
+        if (code != ResultCode::Success) {
+            state_->unflushed = true; // still to be made durable
+            SystemLog::write("Error: the store did not make the stored files durable (" +
+                             std::to_string(code) + ")");
+        }
+        return code;
+    } catch (const std::exception&) {
+        state_->unflushed = true;
+        SystemLog::write("Error: TransferApiUtil::Flush()");
+        return ResultCode::Failure;
+    }
+}
+
 int64_t TransferApiUtil::Logon(const std::string& userName, const std::string& passWord) {
     try {
         if (!backend()) {

@@ -39,6 +39,9 @@ public:
     // open is kept, so a wrapper around the same store goes on with it.
     void SetBackend(std::shared_ptr<StoreBackend> backend);
     std::shared_ptr<StoreBackend> backend() const;
+    // Makes what was stored since the last call durable on the store (the end of a
+    // run); nothing to do when nothing was changed meanwhile.
+    int64_t Flush();
 
     // Session
     int64_t Logon(const std::string& userName, const std::string& passWord);
@@ -88,6 +91,8 @@ public:
 
 private:
     TransferApiUtil();
+    // The backend, for a call that changes the store (remembered for Flush).
+    std::shared_ptr<StoreBackend> changingBackend();
     struct State;
     std::shared_ptr<State> state_;
 };

@@ -91,7 +91,7 @@ int64_t TransferApiUtil::AddFolder(const std::string& path, const std::string& f
             logBadPath("AddFolder", path);
             return ResultCode::BadPath;
         }
-        std::shared_ptr<StoreBackend> store = backend();
+        std::shared_ptr<StoreBackend> store = changingBackend();
         if (!store)
             return ResultCode::NoService;
         int64_t code = store->makeFolder(*canonical, folderDescription, folderCaption);
@@ -117,7 +117,7 @@ int64_t TransferApiUtil::EditFolder(const std::string& path, const std::string& 
             logBadPath("EditFolder", path + " -> " + newFolderName);
             return ResultCode::BadPath;
         }
-        std::shared_ptr<StoreBackend> store = backend();
+        std::shared_ptr<StoreBackend> store = changingBackend();
         if (!store)
             return ResultCode::NoService;
         std::string target = *canonical;
@@ -163,7 +163,7 @@ int64_t TransferApiUtil::EditFile(const std::string& path, const std::string& ne
         }
         if (newFileName == nameOf(*canonical))
             return ResultCode::Success;
-        std::shared_ptr<StoreBackend> store = backend();
+        std::shared_ptr<StoreBackend> store = changingBackend();
         if (!store)
             return ResultCode::NoService;
         int64_t code = store->move(*canonical, StorePath::child(parentOf(*canonical), newFileName));
@@ -182,7 +182,7 @@ int64_t TransferApiUtil::DeletePaths(const std::vector<std::string>& paths,
                                      OperationProgress* deleteProgressbar,
                                      bool isMovetoTrashFolder) {
     try {
-        std::shared_ptr<StoreBackend> store = backend();
+        std::shared_ptr<StoreBackend> store = changingBackend();
         if (!store)
             return ResultCode::NoService;
         if (deleteProgressbar)
@@ -230,7 +230,7 @@ int64_t TransferApiUtil::CopyPaths(const std::vector<std::string>& paths,
             logBadPath("CopyPaths", destinationFolder);
             return ResultCode::BadPath;
         }
-        std::shared_ptr<StoreBackend> store = backend();
+        std::shared_ptr<StoreBackend> store = changingBackend();
         if (!store)
             return ResultCode::NoService;
         if (copyProgressbar)

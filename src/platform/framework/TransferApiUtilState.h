@@ -3,6 +3,7 @@
 // The private state of the service session, shared by the TransferApiUtil*.cpp files
 // that implement it. Nothing else includes this header.
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,6 +24,8 @@ struct TransferApiUtil::State {
     std::string customerID;                // guarded by mutex
     // Has its own lock; the pointer itself never changes.
     const std::shared_ptr<CachedPathTree> tree = std::make_shared<CachedPathTree>();
+    // Something was asked to change on the store since the last Flush.
+    std::atomic<bool> unflushed{false};
 };
 
 } // namespace cirrovault

@@ -133,7 +133,7 @@ int64_t TransferApiUtil::UploadFile(TransferInfo& transferInfo, UploadFileInfo& 
             logTransferFailure("UploadFile", ResultCode::BadPath, transferInfo);
             return ResultCode::BadPath;
         }
-        std::shared_ptr<StoreBackend> store = backend();
+        std::shared_ptr<StoreBackend> store = changingBackend();
         if (!store)
             return ResultCode::NoService;
 
