@@ -3,6 +3,7 @@
 #include <chrono>
 #include <sys/stat.h>
 #include <thread>
+#include <tuple>
 
 #include "common/LocalDate.h"
 #include "common/TempHome.h"
@@ -71,40 +72,33 @@ TEST(FunctionsDates, TwelveHourClockAndLowerCasePattern) {
 }
 
 TEST(FunctionsDates, ServerDatesAreBroughtToTheReplyForm) {
-    EXPECT_EQ(Functions::stringFromSvrDate("03/05/2024 17:08:09"), "03/05/2024 17:08:09");
-    EXPECT_EQ(Functions::stringFromSvrDate("3/5/2024 7:08:09"), "03/05/2024 07:08:09");
-    EXPECT_EQ(Functions::stringFromSvrDate("3/5/2024 1:02:03 PM"), "03/05/2024 13:02:03");
-    EXPECT_EQ(Functions::stringFromSvrDate(" 2024-03-05T17:08:09"), "03/05/2024 17:08:09");
-    EXPECT_EQ(Functions::stringFromSvrDate("2024-03-05"), "03/05/2024 00:00:00");
-    EXPECT_EQ(Functions::stringFromSvrDate("yesterday"), "");
-    EXPECT_EQ(Functions::stringFromSvrDate(""), "");
+    for (auto [server, reply] : std::vector<std::pair<std::string, std::string>>{
+             {"03/05/2024 17:08:09", "03/05/2024 17:08:09"}, {"3/5/2024 7:08:09", "03/05/2024 07:08:09"},
+             {"3/5/2024 1:02:03 PM", "03/05/2024 13:02:03"}, {" 2024-03-05T17:08:09", "03/05/2024 17:08:09"},
+             {"2024-03-05", "03/05/2024 00:00:00"}, {"yesterday", ""}, {"", ""}})
+        EXPECT_EQ(Functions::stringFromSvrDate(server), reply) << server;
 }
 
 TEST(FunctionsDates, ComponentsByUnitAndWeekday) {
+    using Fields = std::tuple<int, int, int, int, int>;
+    auto fields = [](const DateComponents& c) { return Fields{c.year, c.month, c.day, c.hour, c.minute}; };
     Date date = localDate(2024, 2, 1, 10, 30, 15.5);
+    DateComponents none; // what a unit not asked for keeps
     DateComponents time = Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 224);
-    EXPECT_EQ(time.hour, 10);
-    EXPECT_EQ(time.minute, 30);
+    EXPECT_EQ(fields(time), (Fields{none.year, none.month, none.day, 10, 30}));
     EXPECT_DOUBLE_EQ(time.second, 15.5);
-    EXPECT_EQ(time.year, DateComponents{}.year); // not asked for
     DateComponents day = Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 156);
-    EXPECT_EQ(day.year, 2024);
-    EXPECT_EQ(day.month, 2);
-    EXPECT_EQ(day.day, 1);
-    EXPECT_EQ(day.hour, 0);
+    EXPECT_EQ(fields(day), (Fields{2024, 2, 1, 0, none.minute}));
     EXPECT_DOUBLE_EQ(day.second, 15.5);
     EXPECT_EQ(Functions::getDayOfWeekly(date), 5); // a Thursday; Sunday is 1
     EXPECT_EQ(Functions::getDayOfWeekly(localDate(2024, 2, 4, 0, 0, 0)), 1);
 }
 
 TEST(FunctionsText, SizeText) {
-    EXPECT_EQ(Functions::FormatSizeToString(0), "0 B");
-    EXPECT_EQ(Functions::FormatSizeToString(1023), "1023 B");
-    EXPECT_EQ(Functions::FormatSizeToString(1024), "1.00 KB");
-    EXPECT_EQ(Functions::FormatSizeToString(1536), "1.50 KB");
-    EXPECT_EQ(Functions::FormatSizeToString(1048576), "1.00 MB");
-    EXPECT_EQ(Functions::FormatSizeToString(3221225472), "3.00 GB");
-    EXPECT_EQ(Functions::FormatSizeToString(1099511627776), "1.00 TB");
+    for (auto [size, text] : std::vector<std::pair<uint64_t, std::string>>{
+             {0, "0 B"}, {1023, "1023 B"}, {1024, "1.00 KB"}, {1536, "1.50 KB"},
+             {1048576, "1.00 MB"}, {3221225472, "3.00 GB"}, {1099511627776, "1.00 TB"}})
+        EXPECT_EQ(Functions::FormatSizeToString(size), text);
 }
 
 TEST(FunctionsText, ReplyValuesByExactKey) {

@@ -20,17 +20,6 @@ namespace {
 
 class TransferApiUtilTest : public test::SessionFixture {
 protected:
-    int64_t upload(const std::string& server, const std::string& local,
-                   UploadFileInfo* result = nullptr, const std::string& phrase = "",
-                   TrueProgressCallback* progress = nullptr) {
-        TransferInfo info;
-        info.setSvrFile(server);
-        info.setLocFile(local);
-        info.setPassPhrase(phrase);
-        info.setProgress(progress);
-        UploadFileInfo ignored;
-        return api().UploadFile(info, result ? *result : ignored);
-    }
     int64_t download(const std::string& server, const std::string& local,
                      const std::string& phrase = "") {
         TransferInfo info;
@@ -83,7 +72,7 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
 }
 
 TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
-    ASSERT_EQ(api().AddFolder("\\Docs", "", "", false), ResultCode::Success);
+    folders({"\\Docs"});
     std::string content = pattern(3 * 1024 * 1024 + 11);
     std::string local = makeFile("src/report.pdf", content, 1'600'000'123.5);
     TrueProgressCallback progress;
@@ -114,8 +103,7 @@ TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
 }
 
 TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
-    ASSERT_EQ(api().AddFolder("\\Up", "", "", false), ResultCode::Success);
-    ASSERT_EQ(api().AddFolder("\\Encrypted", "", "", false), ResultCode::Success);
+    folders({"\\Up", "\\Encrypted"});
     std::string content = pattern(2 * 1024 * 1024 + 5);
     std::string local = makeFile("big.bin", content);
 
@@ -151,7 +139,7 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
 }
 
 TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage) {
-    ASSERT_EQ(api().AddFolder("\\Encrypted", "", "", false), ResultCode::Success);
+    folders({"\\Encrypted"});
     std::string content = pattern(100'000);
     std::string local = makeFile("secret.txt", content, 1'600'000'000.5);
     UploadFileInfo result;
@@ -181,7 +169,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
     EXPECT_EQ(FileSystem::listDirectory(home_.file("out"))->size(), 1u); // no leftovers
 
     // A run passes no phrase: the one kept on this computer for the task folder is used.
-    ASSERT_EQ(api().AddFolder("\\Encrypted\\Docs", "", "", false), ResultCode::Success);
+    folders({"\\Encrypted\\Docs"});
     ASSERT_TRUE(PasswordMan().SetPassword("\\Encrypted\\Docs", true, "kept phrase"));
     ASSERT_EQ(upload("\\Encrypted\\Docs\\a.txt", local, nullptr, ""), ResultCode::Success);
     std::string kept = home_.file("out/kept.txt");
@@ -195,10 +183,8 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
 // listing, is caught on restore with the file named; a version moved into the history
 // still opens, since it stays bound to the name it was encrypted under.
 TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsStillOpen) {
-    for (const char* folder : {"\\Encrypted", "\\Encrypted\\Task", "\\Encrypted\\Task\\Docs",
-                               "\\Encrypted\\History", "\\Encrypted\\History\\Task",
-                               "\\Encrypted\\History\\Task\\Docs"})
-        ASSERT_EQ(api().AddFolder(folder, "", "", false), ResultCode::Success);
+    folders({"\\Encrypted", "\\Encrypted\\Task", "\\Encrypted\\Task\\Docs", "\\Encrypted\\History",
+             "\\Encrypted\\History\\Task", "\\Encrypted\\History\\Task\\Docs"});
     const std::string a = "\\Encrypted\\Task\\Docs\\a.txt", b = "\\Encrypted\\Task\\Docs\\b.txt";
     ASSERT_EQ(upload(a, makeFile("a.txt", "first a", 1'600'000'000), nullptr, "p"), ResultCode::Success);
     ASSERT_EQ(upload(b, makeFile("b.txt", "only b", 1'600'000'000), nullptr, "p"), ResultCode::Success);
@@ -235,8 +221,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
 }
 
 TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
-    for (const char* folder : {"\\Task", "\\History", "\\Copies"})
-        ASSERT_EQ(api().AddFolder(folder, "", "", false), ResultCode::Success);
+    folders({"\\Task", "\\History", "\\Copies"});
     for (const char* name : {"a", "b", "c"})
         ASSERT_EQ(upload(std::string("\\Task\\") + name, makeFile(name, name)), ResultCode::Success);
 
@@ -246,20 +231,15 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
     EXPECT_EQ(progress.totalItems(), 2);
     EXPECT_EQ(progress.doneItems(), 2);
     ASSERT_EQ(api().CopyPaths({"\\Task\\a"}, "\\History", nullptr, true), ResultCode::Success);
-    PathInfo info;
-    EXPECT_FALSE(tree().FindPath("\\Task\\a", info, false));
-    EXPECT_TRUE(tree().FindPath("\\History\\a", info, false));
-    EXPECT_TRUE(tree().FindPath("\\Copies\\a", info, false));
+    EXPECT_EQ(found({"\\Task\\a", "\\History\\a", "\\Copies\\a"}), "-++");
     EXPECT_EQ(readFile(storedPath("History/a")), "a");
     // A name already there is not overwritten; the other paths still go.
     EXPECT_EQ(api().CopyPaths({"\\Copies\\a", "\\Task\\c"}, "\\History", nullptr, true),
               ResultCode::AlreadyExists);
-    EXPECT_TRUE(tree().FindPath("\\History\\c", info, false));
-
     OperationProgress cancelled;
     cancelled.setCancelled(true);
     EXPECT_EQ(api().DeletePaths({"\\Copies\\a"}, &cancelled, false), ResultCode::Cancelled);
-    EXPECT_TRUE(tree().FindPath("\\Copies\\a", info, false));
+    EXPECT_EQ(found({"\\History\\c", "\\Copies\\a"}), "++");
 
     // A path already gone counts as deleted; a bad one fails without stopping the rest.
     OperationProgress deleting;
@@ -267,25 +247,22 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
                                 &deleting, false),
               ResultCode::BadPath);
     EXPECT_EQ(deleting.doneItems(), 4);
-    EXPECT_FALSE(tree().FindPath("\\Copies\\a", info, false));
-    EXPECT_FALSE(tree().FindPath("\\Copies\\b", info, false));
+    EXPECT_EQ(found({"\\Copies\\a", "\\Copies\\b"}), "--");
     EXPECT_FALSE(FileSystem::exists(storedPath("Copies/b")));
 
     // To the trash: kept there, under a fresh name when the trash has one already.
     ASSERT_EQ(api().EditFile("\\Task\\b", "a", "", ""), ResultCode::Success);
     ASSERT_EQ(api().DeletePaths({"\\History\\a", "\\Task\\a"}, nullptr, true),
               ResultCode::Success);
-    EXPECT_TRUE(tree().FindPath("\\Trash\\a", info, false));
-    EXPECT_TRUE(tree().FindPath("\\Trash\\a (2)", info, false));
     ASSERT_EQ(api().DeletePaths({"\\History"}, nullptr, false), ResultCode::Success);
-    EXPECT_FALSE(tree().FindPath("\\History\\c", info, false));
+    EXPECT_EQ(found({"\\Trash\\a", "\\Trash\\a (2)", "\\History\\c"}), "++-");
 }
 
 TEST_F(TransferApiUtilTest, AccountBalanceFollowsUploadsAndTheQuota) {
     AccountBalance before;
     ASSERT_EQ(api().GetAccountBalance(before), ResultCode::Success);
     EXPECT_GT(before.maxSpace, 0);
-    ASSERT_EQ(api().AddFolder("\\B", "", "", false), ResultCode::Success);
+    folders({"\\B"});
     ASSERT_EQ(upload("\\B\\f", makeFile("f", std::string(1000, 'f'))), ResultCode::Success);
     AccountBalance after;
     ASSERT_EQ(api().GetAccountBalance(after), ResultCode::Success);
@@ -364,7 +341,7 @@ private:
 };
 
 TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextResumes) {
-    ASSERT_EQ(api().AddFolder("\\Big", "", "", false), ResultCode::Success);
+    folders({"\\Big"});
     std::string local = home_.file("large.bin");
     std::ofstream(local).close();
     std::filesystem::resize_file(local, 64ull * 1024 * 1024);
