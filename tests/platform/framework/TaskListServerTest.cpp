@@ -1,17 +1,14 @@
-#include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "platform/os/ResultCodes.h"
+#include "platform/framework/Functions.h"
 #include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
 #include "platform/os/UrlCoding.h"
 #include "platform/os/Clock.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/FaultInjectingStore.h"
 
@@ -102,18 +99,7 @@ std::string request(const std::string& name, const std::string& action,
 }
 
 std::vector<std::string> valuesOf(const std::string& key, const std::string& reply) {
-    std::vector<std::string> values;
-    size_t start = 0;
-    while (start <= reply.size() && !reply.empty()) {
-        size_t end = reply.find('&', start);
-        std::string pair = reply.substr(start, end - start);
-        if (pair.rfind(key + "=", 0) == 0)
-            values.push_back(UrlCoding::decode(pair.substr(key.size() + 1)));
-        if (end == std::string::npos)
-            break;
-        start = end + 1;
-    }
-    return values;
+    return Functions::GetValueArrayByKey(key, reply);
 }
 
 std::vector<std::string> pathsOf(TaskListServer& server, const std::string& name) {
