@@ -9,9 +9,7 @@
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/SessionFixture.h"
-#include "platform/framework/TransferInfo.h"
 #include "platform/framework/TrueProgressCallback.h"
-#include "platform/framework/UploadFileInfo.h"
 #include "platform/os/Semaphore.h"
 #include "platform/os/SystemLog.h"
 
@@ -112,10 +110,8 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
         std::string phrase = server.find("Encrypted") != std::string::npos ? "pass" : "";
         uint64_t stored = content.size() + (phrase.empty() ? 0 : 128);
         store_->dropConnectionInNextPut(1024 * 1024 + 100);
-        UploadFileInfo first;
-        EXPECT_EQ(upload(server, local, &first, phrase), ResultCode::Failure);
-        PathInfo info;
-        EXPECT_FALSE(tree().FindPath(server, info, false)); // only the ".part" exists
+        EXPECT_EQ(upload(server, local, nullptr, phrase), ResultCode::Failure);
+        EXPECT_EQ(found({server}), "-"); // only the ".part" exists
 
         TrueProgressCallback progress;
         UploadFileInfo second;
@@ -191,12 +187,13 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
     const std::string firstA = readFile(storedPath("Encrypted/Task/Docs/a.txt"));
     const std::string target = home_.file("out/restored.txt");
 
-    SystemLog::startCapture();
-    auto swapped = [&](const std::string& bytes) {
-        ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/b.txt"), bytes));
-        ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/b.txt"), Date(1'600'000'000)));
+    // Stored bytes changed behind the service's back, listed with the given time.
+    auto plant = [&](const std::string& name, const std::string& bytes, double time) {
+        ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/" + name), bytes));
+        ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/" + name), Date(time)));
     };
-    swapped(firstA);
+    SystemLog::startCapture();
+    plant("b.txt", firstA, 1'600'000'000);
     EXPECT_EQ(download(b, target, "p"), ResultCode::DamagedFile);
     EXPECT_TRUE(SystemLog::capturedContains("\"" + b + "\" holds an intact encrypted file made for another name"));
     EXPECT_FALSE(FileSystem::exists(target));
@@ -211,8 +208,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
     EXPECT_EQ(readFile(target), "first a");
 
     // The first a put back under a, listed with the second's time.
-    ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/a.txt"), firstA));
-    ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/a.txt"), Date(1'700'000'000)));
+    plant("a.txt", firstA, 1'700'000'000);
     std::string other = home_.file("out/other.txt");
     EXPECT_EQ(download(a, other, "p"), ResultCode::DamagedFile);
     EXPECT_TRUE(SystemLog::capturedContains("\"" + a + "\" holds an intact encrypted file"));
