@@ -159,9 +159,8 @@ TEST_F(FileCryptoTest, WrongPhraseAndDamageAreRefusedWithoutTouchingTheTarget) {
     expectRefused(plain, "right", ResultCode::DamagedFile); // never encrypted at all
 }
 
-// A header whose costs were raised and whose header check was made again, as a hostile
-// store would: refused before any key is derived. Derived keys would not pass the key
-// check, so a derivation would end in WrongPassPhrase instead of DamagedFile.
+// Costs raised and the header check made again, as a hostile store would: refused before
+// any key is derived (a derivation would end in WrongPassPhrase, not DamagedFile).
 TEST_F(FileCryptoTest, HeaderAskingMoreThanWeWriteIsRefusedBeforeDerivation) {
     std::string stored = encrypt(writeFile("plain", "short"), "right");
     std::string target = home_.file("target");

@@ -29,8 +29,6 @@ public:
 };
 } // namespace
 
-// Scripted answers come first, then the configured defaults; unconfigured defaults never
-// agree to anything.
 TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
     auto headless = std::make_shared<HeadlessMessagebox>();
     NimboMessagebox::setPresenter(headless);

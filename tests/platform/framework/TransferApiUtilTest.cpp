@@ -175,9 +175,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
               ResultCode::WrongPassPhrase);
 }
 
-// A store that swaps two encrypted files, or puts an older copy back under the newer
-// listing, is caught on restore with the file named; a version moved into the history
-// still opens, since it stays bound to the name it was encrypted under.
+// A version moved into the history stays bound to the name it was encrypted under.
 TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsStillOpen) {
     folders({"\\Encrypted", "\\Encrypted\\Task", "\\Encrypted\\Task\\Docs", "\\Encrypted\\History",
              "\\Encrypted\\History\\Task", "\\Encrypted\\History\\Task\\Docs"});
@@ -317,8 +315,7 @@ TEST(TransferApiUtilTextTest, EveryResultCodeHasItsOwnText) {
 
 class TransferApiUtilThreadTest : public TransferApiUtilTest {};
 
-// Blocks the uploading thread at its first report of stored bytes until the test has
-// cancelled.
+// Holds the uploading thread at its first report of stored bytes until told to go on.
 class PauseAtFirstReport : public TrueProgressDelegate {
 public:
     explicit PauseAtFirstReport(const TrueProgressCallback& progress) : progress_(progress) {}

@@ -19,8 +19,7 @@ using test::TempHome;
 
 namespace {
 
-// Lines cross whole in both directions, split or joined as the stream pleases; a
-// listener that ended leaves a file that refuses, and the next listener replaces it.
+// A listener that ended leaves a file that refuses; the next listener replaces it.
 TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     TempHome home;
     std::string folder = UnixSocket::runtimeFolder();
