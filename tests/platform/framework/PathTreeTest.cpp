@@ -2,6 +2,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -24,9 +25,8 @@ protected:
         StoreItem fresh;
         ASSERT_TRUE(tree().FindPath(path, cached, false));
         ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
-        EXPECT_EQ(cached.iSize, fresh.size);
-        EXPECT_EQ(cached.iFiles, fresh.isFolder ? fresh.fileCount : 0);
-        EXPECT_EQ(cached.bFolder, fresh.isFolder);
+        EXPECT_EQ(std::tie(cached.iSize, cached.iFiles, cached.bFolder),
+                  std::make_tuple(fresh.size, fresh.isFolder ? fresh.fileCount : 0, fresh.isFolder));
     }
     int files_ = 0;
 };
@@ -41,18 +41,13 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
 
     PathInfo info;
     ASSERT_TRUE(tree().FindPath("\\A\\x.txt", info, false));
-    EXPECT_EQ(info.name, "x.txt");
-    EXPECT_EQ(info.path, "\\A\\x.txt");
-    EXPECT_EQ(info.iSize, 2u);
-    EXPECT_FALSE(info.bFolder);
-    EXPECT_EQ(info.modifyTime, Date(1'600'000'000.25));
+    EXPECT_EQ(std::tie(info.name, info.path, info.iSize, info.bFolder, info.modifyTime),
+              std::make_tuple("x.txt", "\\A\\x.txt", 2u, false, Date(1'600'000'000.25)));
     ASSERT_TRUE(tree().FindPath("A\\y.txt", info, false)); // the leading "\" is optional
     EXPECT_EQ(info.iSize, 3u);
     EXPECT_FALSE(tree().FindPath("\\A\\none", info, false));
     ASSERT_TRUE(tree().FindPath("\\A", info, false));
-    EXPECT_TRUE(info.bFolder);
-    EXPECT_EQ(info.iSize, 9u);
-    EXPECT_EQ(info.iFiles, 3);
+    EXPECT_EQ(std::tie(info.bFolder, info.iSize, info.iFiles), std::make_tuple(true, 9u, 3));
     ASSERT_TRUE(tree().FindPath("\\A\\B\\z.txt", info, false));
     EXPECT_EQ(store_->listCount("\\A"), 1);
     EXPECT_EQ(store_->listCount("\\A\\B"), 1);

@@ -2,6 +2,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -45,8 +46,7 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
     EXPECT_EQ(api().AddFolder("\\Tasks\\..\\..\\x", "", "", false), ResultCode::BadPath);
     PathInfo info;
     ASSERT_TRUE(tree().FindPath("\\Tasks", info, false));
-    EXPECT_EQ(info.description, "All my tasks");
-    EXPECT_EQ(info.caption, "Tasks");
+    EXPECT_EQ(std::tie(info.description, info.caption), std::make_tuple("All my tasks", "Tasks"));
 
     // Empty texts keep what the folder had; given ones replace it.
     ASSERT_EQ(api().EditFolder("\\Tasks", "Jobs", "", ""), ResultCode::Success);
@@ -55,8 +55,7 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
     EXPECT_FALSE(tree().FindPath("\\Tasks", info, false));
     ASSERT_EQ(api().EditFolder("\\Jobs", "", "Renamed", ""), ResultCode::Success);
     ASSERT_TRUE(tree().FindPath("\\Jobs", info, false));
-    EXPECT_EQ(info.description, "Renamed");
-    EXPECT_EQ(info.caption, "Tasks");
+    EXPECT_EQ(std::tie(info.description, info.caption), std::make_tuple("Renamed", "Tasks"));
     EXPECT_EQ(api().EditFolder("\\Jobs", "a\\b", "", ""), ResultCode::BadPath);
     EXPECT_EQ(api().EditFolder("\\Missing", "x", "", ""), ResultCode::NotFound);
 
@@ -76,11 +75,9 @@ TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
     TrueProgressCallback progress;
     UploadFileInfo result;
     ASSERT_EQ(upload("\\Docs\\report.pdf", local, &result, "", &progress), ResultCode::Success);
-    EXPECT_EQ(result.storedSize, content.size());
-    EXPECT_EQ(result.uploadedBytes, content.size());
-    EXPECT_EQ(result.resumedBytes, 0u);
-    EXPECT_EQ(progress.thisSize(), content.size());
-    EXPECT_EQ(progress.sentSize(), content.size());
+    EXPECT_EQ(std::make_tuple(result.storedSize, result.uploadedBytes, result.resumedBytes,
+                              progress.thisSize(), progress.sentSize()),
+              std::make_tuple(content.size(), content.size(), 0u, content.size(), content.size()));
 
     PathInfo info;
     ASSERT_TRUE(tree().FindPath("\\Docs\\report.pdf", info, false));
