@@ -115,9 +115,8 @@ TEST(FunctionsText, EncryptedPathsByFirstComponent) {
     ASSERT_FALSE(folder.empty());
     EXPECT_TRUE(Functions::IsEncryptPath("\\" + folder + "\\History\\x"));
     EXPECT_TRUE(Functions::IsEncryptPath(folder));
-    EXPECT_FALSE(Functions::IsEncryptPath("\\" + folder + "X\\y"));
-    EXPECT_FALSE(Functions::IsEncryptPath("\\Backup\\" + folder));
-    EXPECT_FALSE(Functions::IsEncryptPath(""));
+    for (const std::string& other : {"\\" + folder + "X\\y", "\\Backup\\" + folder, std::string()})
+        EXPECT_FALSE(Functions::IsEncryptPath(other)) << other;
 
     // A string table that names no encryption folder makes nothing encrypted.
     FileSystem::createDirectories(home.configHome() + "/cirrovault");

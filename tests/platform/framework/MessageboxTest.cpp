@@ -4,6 +4,7 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/NimboMessagebox.h"
@@ -56,11 +57,10 @@ TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
     auto shown = headless->shown();
     ASSERT_EQ(shown.size(), 5u);
     EXPECT_EQ(shown[0].title + "|" + shown[0].text, "Title|first");
-    EXPECT_EQ(shown[1].kind, HeadlessMessagebox::Kind::StorageOrder);
-    EXPECT_TRUE(shown[1].checkBox);
-    EXPECT_EQ(shown[1].style, 3);
-    EXPECT_EQ(shown[4].kind, HeadlessMessagebox::Kind::FolderPanel);
-    EXPECT_EQ(shown[4].folder, "/chosen");
+    EXPECT_EQ(std::tie(shown[1].kind, shown[1].checkBox, shown[1].style),
+              std::make_tuple(HeadlessMessagebox::Kind::StorageOrder, true, 3));
+    EXPECT_EQ(std::tie(shown[4].kind, shown[4].folder),
+              std::make_tuple(HeadlessMessagebox::Kind::FolderPanel, "/chosen"));
     NimboMessagebox::setPresenter(nullptr);
 }
 

@@ -26,10 +26,9 @@ TEST(PropertyList, RoundTripKeepsEveryKind) {
 }
 
 TEST(PropertyList, DamagedInputGivesNothing) {
-    EXPECT_FALSE(PropertyList::parse(""));
-    EXPECT_FALSE(PropertyList::parse("hello"));
-    EXPECT_FALSE(PropertyList::parse("<?xml version=\"1.0\"?><plist><dict><key>a</key>"));
-    EXPECT_FALSE(PropertyList::parse("bplist00\x01\x02"));
+    for (const char* damaged : {"", "hello", "<?xml version=\"1.0\"?><plist><dict><key>a</key>",
+                                "bplist00\x01\x02"})
+        EXPECT_FALSE(PropertyList::parse(damaged)) << damaged;
     std::string truncated = PropertyList(PlistDict{{"PC Name", PropertyList("x")}}).toXml();
     truncated.resize(truncated.size() / 2);
     EXPECT_FALSE(PropertyList::parse(truncated));
