@@ -4,7 +4,6 @@
 #include <stdlib.h>
 #include <string>
 #include <unistd.h>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -66,24 +65,28 @@ TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
 }
 
 // A pipe stands in for a terminal that is not there: stderr redirected to a file.
-struct Pipe {
-    Pipe() { EXPECT_EQ(::pipe(fds), 0); }
+class Pipe {
+public:
+    Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
     ~Pipe() {
-        ::close(fds[0]);
-        if (fds[1] >= 0)
-            ::close(fds[1]);
+        ::close(fds_[0]);
+        if (fds_[1] >= 0)
+            ::close(fds_[1]);
     }
-    int in() const { return fds[0]; }
-    int out() const { return fds[1]; }
+    int in() const { return fds_[0]; }
+    int out() const { return fds_[1]; }
     std::string drain() {
-        ::close(std::exchange(fds[1], -1));
+        ::close(fds_[1]);
+        fds_[1] = -1;
         std::string all;
         char buffer[4096];
-        for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+        for (ssize_t n; (n = ::read(fds_[0], buffer, sizeof buffer)) > 0;)
             all.append(buffer, static_cast<size_t>(n));
         return all;
     }
-    int fds[2] = {-1, -1};
+
+private:
+    int fds_[2] = {-1, -1};
 };
 
 // A pseudo-terminal: the program's side (slave) and the user's (master).
