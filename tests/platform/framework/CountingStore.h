@@ -42,21 +42,16 @@ public:
             caps.modifyTimePrecision = precision_;
         return caps;
     }
-    int listCount(const std::string& folder) const {
-        std::lock_guard lock(mutex_);
-        auto it = lists_.find(folder);
-        return it == lists_.end() ? 0 : it->second;
-    }
-    int totalLists() const {
-        std::lock_guard lock(mutex_);
-        int total = 0;
-        for (const auto& entry : lists_)
-            total += entry.second;
-        return total;
-    }
     std::map<std::string, int> listCounts() const {
         std::lock_guard lock(mutex_);
         return lists_;
+    }
+    int listCount(const std::string& folder) const { return listCounts()[folder]; }
+    int totalLists() const {
+        int total = 0;
+        for (const auto& [folder, count] : listCounts())
+            total += count;
+        return total;
     }
     void resetCounts() {
         std::lock_guard lock(mutex_);

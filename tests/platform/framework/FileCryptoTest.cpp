@@ -1,5 +1,6 @@
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -158,9 +159,8 @@ TEST_F(FileCryptoTest, WrongPhraseAndDamageAreRefusedWithoutTouchingTheTarget) {
     expectRefused(plain, "right", ResultCode::DamagedFile); // never encrypted at all
 }
 
-// A header whose costs were raised and whose header check was made again, as a hostile
-// store would: refused before any key is derived. Derived keys would not pass the key
-// check, so a derivation would end in WrongPassPhrase instead of DamagedFile.
+// Costs raised and the header check made again, as a hostile store would: refused before
+// any key is derived (a derivation would end in WrongPassPhrase, not DamagedFile).
 TEST_F(FileCryptoTest, HeaderAskingMoreThanWeWriteIsRefusedBeforeDerivation) {
     std::string stored = encrypt(writeFile("plain", "short"), "right");
     std::string target = home_.file("target");
@@ -173,20 +173,12 @@ TEST_F(FileCryptoTest, HeaderAskingMoreThanWeWriteIsRefusedBeforeDerivation) {
         crypto_generichash(p + 56, 8, p, 56, nullptr, 0);
         return bytes;
     };
-    EXPECT_EQ(decrypt(withCosts(3, 64), target, "right"), ResultCode::DamagedFile);
-    EXPECT_EQ(decrypt(withCosts(2, 65), target, "right"), ResultCode::DamagedFile);
-    EXPECT_EQ(decrypt(withCosts(255, 65535), target, "right"), ResultCode::DamagedFile);
-    EXPECT_EQ(decrypt(withCosts(0, 64), target, "right"), ResultCode::DamagedFile);
     // Lower costs are derived, and the key check then tells the keys are not the file's.
-    EXPECT_EQ(decrypt(withCosts(1, 8), target, "right"), ResultCode::WrongPassPhrase);
-    EXPECT_EQ(decrypt(withCosts(2, 64), target, "right"), ResultCode::Success);
-
-    // Files written before names were bound ask for the same costs and are refused the same.
-    std::string unbound = *FileSystem::readFile(std::string(CV_SOURCE_ROOT) +
-                                                "/tests/platform/framework/data/unbound-format.cve");
-    ASSERT_EQ(unbound.substr(0, 4), "CVE1");
-    unbound[15] = '\x7f';
-    EXPECT_EQ(decrypt(unbound, target, "legacy phrase", {}), ResultCode::DamagedFile);
+    using namespace ResultCode;
+    for (auto [ops, memMiB, code] : std::vector<std::tuple<int, int, int64_t>>{
+             {3, 64, DamagedFile}, {2, 65, DamagedFile}, {255, 65535, DamagedFile},
+             {0, 64, DamagedFile}, {1, 8, WrongPassPhrase}, {2, 64, Success}})
+        EXPECT_EQ(decrypt(withCosts(ops, memMiB), target, "right"), code) << ops << " " << memMiB;
 }
 
 TEST_F(FileCryptoTest, AFileOpensOnlyUnderTheNameAndTimeItWasEncryptedFor) {
@@ -224,8 +216,13 @@ TEST_F(FileCryptoTest, FilesWrittenBeforeNamesWereBoundStillOpen) {
     ASSERT_EQ(decrypt(unbound, target, "legacy phrase", {"any"}), ResultCode::Success);
     EXPECT_EQ(FileSystem::readFile(target), "A file encrypted before names were bound.\n");
     EXPECT_EQ(decrypt(unbound, target, "other phrase"), ResultCode::WrongPassPhrase);
-    unbound[80] ^= 1;
-    EXPECT_EQ(decrypt(unbound, target, "legacy phrase"), ResultCode::DamagedFile);
+    ASSERT_EQ(unbound.substr(0, 4), "CVE1");
+    std::string damaged = unbound;
+    damaged[80] ^= 1;
+    EXPECT_EQ(decrypt(damaged, target, "legacy phrase"), ResultCode::DamagedFile);
+    // They ask for the same costs as bound files and are refused the same when raised.
+    unbound[15] = '\x7f';
+    EXPECT_EQ(decrypt(unbound, target, "legacy phrase", {}), ResultCode::DamagedFile);
 }
 
 TEST(FileCryptoNames, BoundNameIsThePathBelowTheTaskAndAVersionKeepsItsOriginal) {
@@ -239,10 +236,10 @@ TEST(FileCryptoNames, BoundNameIsThePathBelowTheTaskAndAVersionKeepsItsOriginal)
     EXPECT_EQ(names("\\Enc\\History\\Task\\Docs\\a3.txt"), V{"Docs\\a.txt"});
     EXPECT_EQ(names("\\Enc\\History\\Task\\a13.tar.gz"),
               (V{"a1.tar.gz", "a.tar.gz"}));
-    EXPECT_EQ(names("\\Enc\\History\\Task\\Docs\\README"), V{});
-    EXPECT_EQ(names("\\Enc\\History\\Task\\7"), V{}); // no name left without the number
-    EXPECT_EQ(names("\\Plain\\Task\\a.txt"), V{});
-    EXPECT_EQ(names("\\Enc"), V{});
+    // No number to take off, no name left without it, not encrypted, no file.
+    for (const char* none : {"\\Enc\\History\\Task\\Docs\\README", "\\Enc\\History\\Task\\7",
+                             "\\Plain\\Task\\a.txt", "\\Enc"})
+        EXPECT_EQ(names(none), V{}) << none;
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <sys/stat.h>
 #include <thread>
+#include <tuple>
 
 #include "common/LocalDate.h"
 #include "common/TempHome.h"
@@ -18,7 +19,7 @@ using namespace cirrovault;
 
 using test::localDate;
 
-TEST(FunctionsDates, RoundTripsInRequestAndReplyFormats) {
+TEST(FunctionsDates, RoundTripsInRequestReplyAndTwelveHourFormats) {
     Date date = localDate(2024, 3, 5, 17, 8, 9.75);
     EXPECT_EQ(Functions::stringTransFromedDate(date, "yyyy-MM-dd HH:mm:ss"), "2024-03-05 17:08:09");
     EXPECT_EQ(Functions::stringTransFromedDate(date, "MM/dd/yyyy HH:mm:ss"), "03/05/2024 17:08:09");
@@ -36,6 +37,21 @@ TEST(FunctionsDates, RoundTripsInRequestAndReplyFormats) {
             EXPECT_EQ(Calendar::components(*back).hour, Calendar::components(d).hour);
         }
     }
+
+    const char* format = "MM/dd/yyyy hh:mm:ss a";
+    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 0, 5, 0), format),
+              "03/05/2024 12:05:00 AM");
+    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 13, 5, 0), format),
+              "03/05/2024 01:05:00 PM");
+    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 12:05:00 AM", format), localDate(2024, 3, 5, 0, 5, 0));
+    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 12:05:00 pm", format), localDate(2024, 3, 5, 12, 5, 0));
+    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 1:05:00 PM", format), localDate(2024, 3, 5, 13, 5, 0));
+
+    // "mm" is minutes: the month of such a text is lost and the later minute field wins.
+    EXPECT_EQ(Functions::dayTransFromedString("03/15/2024 02:30:00", "mm/dd/yyyy hh:mm:ss"),
+              localDate(2024, 1, 15, 2, 30, 0));
+    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 14, 7, 0), "mm/dd/yyyy hh:mm:ss"),
+              "07/05/2024 02:07:00");
 }
 
 TEST(FunctionsDates, ParsingAcceptsShortFieldsAndRefusesNonsense) {
@@ -53,58 +69,34 @@ TEST(FunctionsDates, ParsingAcceptsShortFieldsAndRefusesNonsense) {
     EXPECT_EQ(Functions::dayTransFromedString("20240305", "yyyyMMdd"), localDate(2024, 3, 5, 0, 0, 0));
 }
 
-TEST(FunctionsDates, TwelveHourClockAndLowerCasePattern) {
-    const char* format = "MM/dd/yyyy hh:mm:ss a";
-    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 0, 5, 0), format),
-              "03/05/2024 12:05:00 AM");
-    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 13, 5, 0), format),
-              "03/05/2024 01:05:00 PM");
-    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 12:05:00 AM", format), localDate(2024, 3, 5, 0, 5, 0));
-    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 12:05:00 pm", format), localDate(2024, 3, 5, 12, 5, 0));
-    EXPECT_EQ(Functions::dayTransFromedString("03/05/2024 1:05:00 PM", format), localDate(2024, 3, 5, 13, 5, 0));
-
-    // "mm" is minutes: the month of such a text is lost and the later minute field wins.
-    EXPECT_EQ(Functions::dayTransFromedString("03/15/2024 02:30:00", "mm/dd/yyyy hh:mm:ss"),
-              localDate(2024, 1, 15, 2, 30, 0));
-    EXPECT_EQ(Functions::stringTransFromedDate(localDate(2024, 3, 5, 14, 7, 0), "mm/dd/yyyy hh:mm:ss"),
-              "07/05/2024 02:07:00");
-}
-
 TEST(FunctionsDates, ServerDatesAreBroughtToTheReplyForm) {
-    EXPECT_EQ(Functions::stringFromSvrDate("03/05/2024 17:08:09"), "03/05/2024 17:08:09");
-    EXPECT_EQ(Functions::stringFromSvrDate("3/5/2024 7:08:09"), "03/05/2024 07:08:09");
-    EXPECT_EQ(Functions::stringFromSvrDate("3/5/2024 1:02:03 PM"), "03/05/2024 13:02:03");
-    EXPECT_EQ(Functions::stringFromSvrDate(" 2024-03-05T17:08:09"), "03/05/2024 17:08:09");
-    EXPECT_EQ(Functions::stringFromSvrDate("2024-03-05"), "03/05/2024 00:00:00");
-    EXPECT_EQ(Functions::stringFromSvrDate("yesterday"), "");
-    EXPECT_EQ(Functions::stringFromSvrDate(""), "");
+    for (auto [server, reply] : std::vector<std::pair<std::string, std::string>>{
+             {"03/05/2024 17:08:09", "03/05/2024 17:08:09"}, {"3/5/2024 7:08:09", "03/05/2024 07:08:09"},
+             {"3/5/2024 1:02:03 PM", "03/05/2024 13:02:03"}, {" 2024-03-05T17:08:09", "03/05/2024 17:08:09"},
+             {"2024-03-05", "03/05/2024 00:00:00"}, {"yesterday", ""}, {"", ""}})
+        EXPECT_EQ(Functions::stringFromSvrDate(server), reply) << server;
 }
 
 TEST(FunctionsDates, ComponentsByUnitAndWeekday) {
+    using Fields = std::tuple<int, int, int, int, int>;
+    auto fields = [](const DateComponents& c) { return Fields{c.year, c.month, c.day, c.hour, c.minute}; };
     Date date = localDate(2024, 2, 1, 10, 30, 15.5);
+    DateComponents none; // what a unit not asked for keeps
     DateComponents time = Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 224);
-    EXPECT_EQ(time.hour, 10);
-    EXPECT_EQ(time.minute, 30);
+    EXPECT_EQ(fields(time), (Fields{none.year, none.month, none.day, 10, 30}));
     EXPECT_DOUBLE_EQ(time.second, 15.5);
-    EXPECT_EQ(time.year, DateComponents{}.year); // not asked for
     DateComponents day = Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 156);
-    EXPECT_EQ(day.year, 2024);
-    EXPECT_EQ(day.month, 2);
-    EXPECT_EQ(day.day, 1);
-    EXPECT_EQ(day.hour, 0);
+    EXPECT_EQ(fields(day), (Fields{2024, 2, 1, 0, none.minute}));
     EXPECT_DOUBLE_EQ(day.second, 15.5);
     EXPECT_EQ(Functions::getDayOfWeekly(date), 5); // a Thursday; Sunday is 1
     EXPECT_EQ(Functions::getDayOfWeekly(localDate(2024, 2, 4, 0, 0, 0)), 1);
 }
 
 TEST(FunctionsText, SizeText) {
-    EXPECT_EQ(Functions::FormatSizeToString(0), "0 B");
-    EXPECT_EQ(Functions::FormatSizeToString(1023), "1023 B");
-    EXPECT_EQ(Functions::FormatSizeToString(1024), "1.00 KB");
-    EXPECT_EQ(Functions::FormatSizeToString(1536), "1.50 KB");
-    EXPECT_EQ(Functions::FormatSizeToString(1048576), "1.00 MB");
-    EXPECT_EQ(Functions::FormatSizeToString(3221225472), "3.00 GB");
-    EXPECT_EQ(Functions::FormatSizeToString(1099511627776), "1.00 TB");
+    for (auto [size, text] : std::vector<std::pair<uint64_t, std::string>>{
+             {0, "0 B"}, {1023, "1023 B"}, {1024, "1.00 KB"}, {1536, "1.50 KB"},
+             {1048576, "1.00 MB"}, {3221225472, "3.00 GB"}, {1099511627776, "1.00 TB"}})
+        EXPECT_EQ(Functions::FormatSizeToString(size), text);
 }
 
 TEST(FunctionsText, ReplyValuesByExactKey) {
@@ -123,9 +115,8 @@ TEST(FunctionsText, EncryptedPathsByFirstComponent) {
     ASSERT_FALSE(folder.empty());
     EXPECT_TRUE(Functions::IsEncryptPath("\\" + folder + "\\History\\x"));
     EXPECT_TRUE(Functions::IsEncryptPath(folder));
-    EXPECT_FALSE(Functions::IsEncryptPath("\\" + folder + "X\\y"));
-    EXPECT_FALSE(Functions::IsEncryptPath("\\Backup\\" + folder));
-    EXPECT_FALSE(Functions::IsEncryptPath(""));
+    for (const std::string& other : {"\\" + folder + "X\\y", "\\Backup\\" + folder, std::string()})
+        EXPECT_FALSE(Functions::IsEncryptPath(other)) << other;
 
     // A string table that names no encryption folder makes nothing encrypted.
     FileSystem::createDirectories(home.configHome() + "/cirrovault");

@@ -91,28 +91,22 @@ TEST(MailSenderTest, HeaderTextIsOneLineAndNonAsciiBecomesEncodedWords) {
 TEST(MailSenderTest, RecipientsAndMessageLayout) {
     EXPECT_EQ(MailSender::splitRecipients("a@x.org, b@y.org;c@z.org"),
               (std::vector<std::string>{"a@x.org", "b@y.org", "c@z.org"}));
-    EXPECT_TRUE(MailSender::splitRecipients("").empty());
-    EXPECT_TRUE(MailSender::splitRecipients("nobody").empty());
-    EXPECT_TRUE(MailSender::splitRecipients("a@x.org\r\nRCPT TO:<b@y.org>").empty());
-    EXPECT_TRUE(MailSender::splitRecipients("<a@x.org>").empty());
+    for (const char* refused : {"", "nobody", "a@x.org\r\nRCPT TO:<b@y.org>", "<a@x.org>"})
+        EXPECT_TRUE(MailSender::splitRecipients(refused).empty()) << refused;
 
     std::string message = MailSender::composeMessage("me@host", {"a@x.org", "b@y.org"},
                                                       "Report", "Line 1\nLine 2",
                                                       Date(1'700'000'000), "<id@host>");
     std::vector<std::string> lines = linesOf(message);
-    ASSERT_GE(lines.size(), 11u);
+    ASSERT_EQ(lines.size(), 11u);
     EXPECT_EQ(lines[0].rfind("Date: ", 0), 0u);
     EXPECT_NE(lines[0].find(" 2023 "), std::string::npos);
-    EXPECT_EQ(lines[1], "From: me@host");
-    EXPECT_EQ(lines[2], "To: a@x.org, b@y.org");
-    EXPECT_EQ(lines[3], "Subject: Report");
-    EXPECT_EQ(lines[4], "Message-ID: <id@host>");
-    EXPECT_EQ(lines[5], "MIME-Version: 1.0");
-    EXPECT_EQ(lines[6], "Content-Type: text/plain; charset=UTF-8");
-    EXPECT_EQ(lines[7], "Content-Transfer-Encoding: quoted-printable");
-    EXPECT_EQ(lines[8], "");
-    EXPECT_EQ(lines[9], "Line 1");
-    EXPECT_EQ(lines[10], "Line 2");
+    EXPECT_EQ(std::vector(lines.begin() + 1, lines.end()),
+              (std::vector<std::string>{"From: me@host", "To: a@x.org, b@y.org", "Subject: Report",
+                                        "Message-ID: <id@host>", "MIME-Version: 1.0",
+                                        "Content-Type: text/plain; charset=UTF-8",
+                                        "Content-Transfer-Encoding: quoted-printable", "", "Line 1",
+                                        "Line 2"}));
 }
 
 TEST(MailSenderTest, UnsentReportsAreKeptInTheOutbox) {

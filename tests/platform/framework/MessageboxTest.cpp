@@ -4,7 +4,7 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/NimboMessagebox.h"
@@ -30,29 +30,25 @@ public:
 };
 } // namespace
 
-TEST(Messagebox, HeadlessDefaultsNeverAgreeToAnything) {
+TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
     auto headless = std::make_shared<HeadlessMessagebox>();
     NimboMessagebox::setPresenter(headless);
+    bool box = false;
     EXPECT_EQ(run("notice", MessageboxStyle::Notice), 0);
     EXPECT_NE(run("try again?", MessageboxStyle::TryAgainOrGiveUp), MessageboxAnswer::TryAgain);
     EXPECT_NE(run("sure?", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
     EXPECT_NE(run("retry?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
-    bool box = false;
     EXPECT_NE(NimboMessagebox::runStorageOrderDialog("", "full", box, 1), MessageboxAnswer::OrderSpace);
     EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "");
-    NimboMessagebox::setPresenter(nullptr);
-}
+    headless->clearShown();
+    EXPECT_TRUE(headless->shown().empty());
 
-TEST(Messagebox, ScriptedAnswersComeFirstThenConfiguredDefaults) {
-    auto headless = std::make_shared<HeadlessMessagebox>();
-    NimboMessagebox::setPresenter(headless);
     headless->queueAnswer(MessageboxAnswer::Retry);
     headless->queueAnswer(MessageboxAnswer::OrderSpace);
     headless->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
     headless->setFolderPanelPath("/chosen");
-
     EXPECT_EQ(run("first", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
-    bool box = true;
+    box = true;
     EXPECT_EQ(NimboMessagebox::runStorageOrderDialog("T", "second", box, 3), MessageboxAnswer::OrderSpace);
     EXPECT_EQ(run("third", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
     EXPECT_EQ(run("fourth", MessageboxStyle::RetryCancel), MessageboxAnswer::Cancel);
@@ -60,15 +56,11 @@ TEST(Messagebox, ScriptedAnswersComeFirstThenConfiguredDefaults) {
 
     auto shown = headless->shown();
     ASSERT_EQ(shown.size(), 5u);
-    EXPECT_EQ(shown[0].title, "Title");
-    EXPECT_EQ(shown[0].text, "first");
-    EXPECT_EQ(shown[1].kind, HeadlessMessagebox::Kind::StorageOrder);
-    EXPECT_TRUE(shown[1].checkBox);
-    EXPECT_EQ(shown[1].style, 3);
-    EXPECT_EQ(shown[4].kind, HeadlessMessagebox::Kind::FolderPanel);
-    EXPECT_EQ(shown[4].folder, "/chosen");
-    headless->clearShown();
-    EXPECT_TRUE(headless->shown().empty());
+    EXPECT_EQ(shown[0].title + "|" + shown[0].text, "Title|first");
+    EXPECT_EQ(std::tie(shown[1].kind, shown[1].checkBox, shown[1].style),
+              std::make_tuple(HeadlessMessagebox::Kind::StorageOrder, true, 3));
+    EXPECT_EQ(std::tie(shown[4].kind, shown[4].folder),
+              std::make_tuple(HeadlessMessagebox::Kind::FolderPanel, "/chosen"));
     NimboMessagebox::setPresenter(nullptr);
 }
 

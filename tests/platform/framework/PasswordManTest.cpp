@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -50,11 +51,11 @@ TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFile) {
     EXPECT_EQ(account->password, "s3cret|pw");
 
     // A file of a task finds the phrase of the nearest task folder above it.
-    EXPECT_EQ(reader.FindPasswordForPath("\\Encrypted\\Docs\\sub\\a.txt"), "correct horse");
-    EXPECT_EQ(reader.FindPasswordForPath("\\Encrypted\\Docs\\Deep\\b.txt"), "battery staple");
-    EXPECT_EQ(reader.FindPasswordForPath("\\Encrypted\\Docs"), "correct horse");
-    EXPECT_FALSE(reader.FindPasswordForPath("\\Encrypted\\Docsx\\a.txt"));
-    EXPECT_FALSE(reader.FindPasswordForPath("\\Encrypted"));
+    for (auto [path, phrase] : std::map<std::string, std::string>{
+             {"\\Encrypted\\Docs\\sub\\a.txt", "correct horse"}, {"\\Encrypted\\Docs", "correct horse"},
+             {"\\Encrypted\\Docs\\Deep\\b.txt", "battery staple"}, {"\\Encrypted\\Docsx\\a.txt", "-"},
+             {"\\Encrypted", "-"}})
+        EXPECT_EQ(reader.FindPasswordForPath(path).value_or("-"), phrase) << path;
 
     ASSERT_TRUE(writer.RemovePassword("\\Encrypted\\Docs"));
     ASSERT_TRUE(writer.RemoveAccount());

@@ -2,28 +2,21 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "platform/framework/SessionFixture.h"
-#include "platform/framework/TransferInfo.h"
-#include "platform/framework/UploadFileInfo.h"
 
 namespace cirrovault {
 namespace {
 
 class PathTreeTest : public test::SessionFixture {
 protected:
-    void upload(const std::string& server, const std::string& content) {
-        TransferInfo info;
-        info.setSvrFile(server);
-        info.setLocFile(makeFile("local/" + std::to_string(++files_), content));
-        UploadFileInfo result;
-        ASSERT_EQ(api().UploadFile(info, result), ResultCode::Success) << server;
-    }
-    void folder(const std::string& server) {
-        ASSERT_EQ(api().AddFolder(server, "", "", false), ResultCode::Success) << server;
+    void put(const std::string& server, const std::string& content) {
+        ASSERT_EQ(upload(server, makeFile("local/" + std::to_string(++files_), content)),
+                  ResultCode::Success) << server;
     }
     // What the cache says of a folder equals what the store says now.
     void expectInStep(const std::string& path) {
@@ -32,36 +25,29 @@ protected:
         StoreItem fresh;
         ASSERT_TRUE(tree().FindPath(path, cached, false));
         ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
-        EXPECT_EQ(cached.iSize, fresh.size);
-        EXPECT_EQ(cached.iFiles, fresh.isFolder ? fresh.fileCount : 0);
-        EXPECT_EQ(cached.bFolder, fresh.isFolder);
+        EXPECT_EQ(std::tie(cached.iSize, cached.iFiles, cached.bFolder),
+                  std::make_tuple(fresh.size, fresh.isFolder ? fresh.fileCount : 0, fresh.isFolder));
     }
     int files_ = 0;
 };
 
 TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
-    folder("\\A");
-    folder("\\A\\B");
-    upload("\\A\\x.txt", "xx");
-    upload("\\A\\y.txt", "yyy");
-    upload("\\A\\B\\z.txt", "zzzz");
+    folders({"\\A", "\\A\\B"});
+    put("\\A\\x.txt", "xx");
+    put("\\A\\y.txt", "yyy");
+    put("\\A\\B\\z.txt", "zzzz");
     ASSERT_EQ(tree().RefreshSvrPath("\\"), ResultCode::Success);
     store_->resetCounts();
 
     PathInfo info;
     ASSERT_TRUE(tree().FindPath("\\A\\x.txt", info, false));
-    EXPECT_EQ(info.name, "x.txt");
-    EXPECT_EQ(info.path, "\\A\\x.txt");
-    EXPECT_EQ(info.iSize, 2u);
-    EXPECT_FALSE(info.bFolder);
-    EXPECT_EQ(info.modifyTime, Date(1'600'000'000.25));
+    EXPECT_EQ(std::tie(info.name, info.path, info.iSize, info.bFolder, info.modifyTime),
+              std::make_tuple("x.txt", "\\A\\x.txt", 2u, false, Date(1'600'000'000.25)));
     ASSERT_TRUE(tree().FindPath("A\\y.txt", info, false)); // the leading "\" is optional
     EXPECT_EQ(info.iSize, 3u);
     EXPECT_FALSE(tree().FindPath("\\A\\none", info, false));
     ASSERT_TRUE(tree().FindPath("\\A", info, false));
-    EXPECT_TRUE(info.bFolder);
-    EXPECT_EQ(info.iSize, 9u);
-    EXPECT_EQ(info.iFiles, 3);
+    EXPECT_EQ(std::tie(info.bFolder, info.iSize, info.iFiles), std::make_tuple(true, 9u, 3));
     ASSERT_TRUE(tree().FindPath("\\A\\B\\z.txt", info, false));
     EXPECT_EQ(store_->listCount("\\A"), 1);
     EXPECT_EQ(store_->listCount("\\A\\B"), 1);
@@ -88,31 +74,25 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
 }
 
 TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
-    folder("\\T");
-    folder("\\T\\Docs");
-    folder("\\H");
+    folders({"\\T", "\\T\\Docs", "\\H"});
     PathInfo info;
-    ASSERT_FALSE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
-    ASSERT_FALSE(tree().FindPath("\\H\\x", info, false));
-    ASSERT_TRUE(tree().FindPath("\\T\\Docs", info, false));
-    ASSERT_TRUE(tree().FindPath("\\T", info, false));
+    ASSERT_EQ(found({"\\T\\Docs\\a.txt", "\\H\\x", "\\T\\Docs", "\\T"}), "--++");
     store_->resetCounts();
 
-    upload("\\T\\Docs\\a.txt", std::string(10, 'a'));
-    upload("\\T\\Docs\\b.txt", std::string(5, 'b'));
+    put("\\T\\Docs\\a.txt", std::string(10, 'a'));
+    put("\\T\\Docs\\b.txt", std::string(5, 'b'));
     expectInStep("\\T");
     expectInStep("\\T\\Docs");
-    upload("\\T\\Docs\\a.txt", std::string(25, 'a')); // replaced: size changes, count not
+    put("\\T\\Docs\\a.txt", std::string(25, 'a')); // replaced: size changes, count not
     expectInStep("\\T");
     ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
     EXPECT_EQ(info.iSize, 25u);
 
     // The versioning moves: rename in place, then move into the history folder.
     ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", "a0.txt", "", ""), ResultCode::Success);
-    EXPECT_FALSE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
-    ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a0.txt", info, false));
+    EXPECT_EQ(found({"\\T\\Docs\\a.txt", "\\T\\Docs\\a0.txt"}), "-+");
     ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\a0.txt"}, "\\H", nullptr, true), ResultCode::Success);
-    EXPECT_FALSE(tree().FindPath("\\T\\Docs\\a0.txt", info, false));
+    EXPECT_EQ(found({"\\T\\Docs\\a0.txt"}), "-");
     ASSERT_TRUE(tree().FindPath("\\H\\a0.txt", info, false));
     EXPECT_EQ(info.iSize, 25u);
     expectInStep("\\T");
@@ -131,8 +111,7 @@ TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
 }
 
 TEST_F(PathTreeTest, RefreshForgetsThePathAndBelow) {
-    folder("\\A");
-    folder("\\A\\B");
+    folders({"\\A", "\\A\\B"});
     PathInfo info;
     EXPECT_FALSE(tree().FindPath("\\A\\B\\new", info, false));
     // Changed behind the cache's back (another computer): not seen until refreshed.
@@ -151,7 +130,7 @@ TEST_F(PathTreeTest, RefreshForgetsThePathAndBelow) {
 }
 
 TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
-    folder("\\T");
+    folders({"\\T"});
     PathInfo info;
     ASSERT_TRUE(tree().FindPath("\\T", info, false));
     store_->resetCounts();
@@ -166,8 +145,8 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
     EXPECT_EQ(store_->listCount("\\T\\New"), 1);
 
     // Made through the session: what lies below is asked for again, and found.
-    folder("\\T\\New");
-    upload("\\T\\New\\f1", "one");
+    folders({"\\T\\New"});
+    put("\\T\\New\\f1", "one");
     ASSERT_TRUE(tree().FindPath("\\T\\New\\f1", info, false));
     EXPECT_EQ(info.iSize, 3u);
     EXPECT_FALSE(tree().FindPath("\\T\\New\\Deep\\g1", info, false));
@@ -183,24 +162,17 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
 }
 
 TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
-    folder("\\T");
-    folder("\\T\\Docs");
-    folder("\\H");
-    folder("\\H\\Task");
-    folder("\\H\\Task\\Docs");
-    upload("\\T\\Docs\\a.txt", std::string(10, 'a'));
-    upload("\\H\\Task\\Docs\\old0.txt", std::string(4, 'o'));
+    folders({"\\T", "\\T\\Docs", "\\H", "\\H\\Task", "\\H\\Task\\Docs"});
+    put("\\T\\Docs\\a.txt", std::string(10, 'a'));
+    put("\\H\\Task\\Docs\\old0.txt", std::string(4, 'o'));
     ASSERT_EQ(tree().RefreshSvrPath("\\"), ResultCode::Success);
-    PathInfo info;
-    ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
-    ASSERT_TRUE(tree().FindPath("\\T\\Docs", info, false));
-    ASSERT_TRUE(tree().FindPath("\\T", info, false));
-    ASSERT_TRUE(tree().FindPath("\\H\\Task", info, false)); // \H held, \H\Task not
+    // \H held, \H\Task not
+    ASSERT_EQ(found({"\\T\\Docs\\a.txt", "\\T\\Docs", "\\T", "\\H\\Task"}), "++++");
     store_->resetCounts();
 
     // The versioning move lands in a folder whose listing is not held.
     for (int n = 1; n <= 3; ++n) {
-        upload("\\T\\Docs\\a.txt", std::string(10 + n, 'a'));
+        put("\\T\\Docs\\a.txt", std::string(10 + n, 'a'));
         std::string version = "a" + std::to_string(n) + ".txt";
         ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), ResultCode::Success);
         ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true),
@@ -218,9 +190,9 @@ TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
 class PathTreeConcurrencyTest : public PathTreeTest {};
 
 TEST_F(PathTreeConcurrencyTest, LookupsInOneFolderFromManyThreadsListItOnce) {
-    folder("\\Many");
+    folders({"\\Many"});
     for (int i = 0; i < 8; ++i)
-        upload("\\Many\\f" + std::to_string(i), "x");
+        put("\\Many\\f" + std::to_string(i), "x");
     tree().RefreshSvrPath("\\"); // forgets the listing of \Many
     store_->resetCounts();
     std::vector<std::thread> threads;
@@ -241,17 +213,17 @@ TEST_F(PathTreeConcurrencyTest, LookupsInOneFolderFromManyThreadsListItOnce) {
 }
 
 TEST_F(PathTreeConcurrencyTest, FoldersListedAheadAreListedOnce) {
-    std::vector<std::string> folders;
-    folder("\\P");
+    std::vector<std::string> ahead;
+    folders({"\\P"});
     for (int i = 0; i < 20; ++i) {
-        folders.push_back("\\P\\D" + std::to_string(i));
-        folder(folders.back());
-        upload(folders.back() + "\\old", "x");
+        ahead.push_back("\\P\\D" + std::to_string(i));
+        folders({ahead.back()});
+        put(ahead.back() + "\\old", "x");
     }
     tree().RefreshSvrPath("\\P");
     store_->resetCounts();
-    tree().prefetchFolders(folders);
-    for (const auto& at : folders) {
+    tree().prefetchFolders(ahead);
+    for (const auto& at : ahead) {
         PathInfo info;
         EXPECT_TRUE(tree().FindPath(at + "\\old", info, false)) << at;
         EXPECT_EQ(store_->listCount(at), 1) << at; // by the thread ahead or by this one
@@ -291,8 +263,8 @@ private:
 };
 
 TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
-    folder("\\Q");
-    upload("\\Q\\old", "x");
+    folders({"\\Q"});
+    put("\\Q\\old", "x");
     auto gated = std::make_shared<GatedStore>(local_);
     gated->gated = "\\Q";
     api().SetBackend(gated);
@@ -300,11 +272,9 @@ TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
 
     tree().prefetchFolders({"\\Q"});
     gated->waitUntilEntered(); // the listing ahead has begun, without the new file
-    upload("\\Q\\new", "abc");
+    put("\\Q\\new", "abc");
     gated->open();
-    PathInfo info;
-    EXPECT_TRUE(tree().FindPath("\\Q\\new", info, false));
-    EXPECT_TRUE(tree().FindPath("\\Q\\old", info, false));
+    EXPECT_EQ(found({"\\Q\\new", "\\Q\\old"}), "++");
 }
 
 } // namespace

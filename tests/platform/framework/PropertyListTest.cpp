@@ -26,16 +26,15 @@ TEST(PropertyList, RoundTripKeepsEveryKind) {
 }
 
 TEST(PropertyList, DamagedInputGivesNothing) {
-    EXPECT_FALSE(PropertyList::parse(""));
-    EXPECT_FALSE(PropertyList::parse("hello"));
-    EXPECT_FALSE(PropertyList::parse("<?xml version=\"1.0\"?><plist><dict><key>a</key>"));
-    EXPECT_FALSE(PropertyList::parse("bplist00\x01\x02"));
+    for (const char* damaged : {"", "hello", "<?xml version=\"1.0\"?><plist><dict><key>a</key>",
+                                "bplist00\x01\x02"})
+        EXPECT_FALSE(PropertyList::parse(damaged)) << damaged;
     std::string truncated = PropertyList(PlistDict{{"PC Name", PropertyList("x")}}).toXml();
     truncated.resize(truncated.size() / 2);
     EXPECT_FALSE(PropertyList::parse(truncated));
 }
 
-TEST(PropertyList, FileWriteIsWholeAndReadable) {
+TEST(PropertyList, FileWriteIsWholeReadableAndOnlyFaithful) {
     test::TempHome home;
     std::string path = home.file("a.plist");
     SystemLog::startCapture();
@@ -48,7 +47,21 @@ TEST(PropertyList, FileWriteIsWholeAndReadable) {
     ASSERT_TRUE(FileSystem::writeFileAtomically(path, "garbage"));
     EXPECT_FALSE(PropertyListFile::read(path));
     EXPECT_TRUE(SystemLog::capturedContains("not a property list"));
+
+    // What cannot be written faithfully is not written, and what was there stays.
+    ASSERT_TRUE(PropertyListFile::write(path, PropertyList(PlistDict{{"k", PropertyList("kept")}})));
+    for (const PropertyList& bad :
+         {PropertyList(PlistDict{{"k", PropertyList(std::string("a\0b", 3))}}),
+          PropertyList(PlistDict{{std::string("k\0", 2), PropertyList("v")}}),
+          PropertyList(PlistArray{PropertyList(Date(1e12))}),
+          PropertyList(PlistDict{{"d", PropertyList(Date(-3e9))}})}) {
+        EXPECT_THROW(bad.toXml(), std::invalid_argument);
+        EXPECT_FALSE(PropertyListFile::write(path, bad));
+    }
+    EXPECT_TRUE(SystemLog::capturedContains("property list not written"));
     SystemLog::stopCapture();
+    EXPECT_EQ(*PropertyListFile::read(path)->find("k")->string(), "kept");
+    EXPECT_EQ(FileSystem::status(path)->mode & 0777, 0600u); // settings may hold a password
     auto names = FileSystem::listDirectory(home.path());
     ASSERT_TRUE(names);
     EXPECT_EQ(names->size(), 4u); // a.plist, data, config, run: no temporary left behind
@@ -139,25 +152,6 @@ TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
     // A NUL-like reference that is not one, and dates at the edges, still read.
     EXPECT_TRUE(PropertyList::parse(xmlDict("<key>a</key><string>&#10;&#x30;</string>")));
     EXPECT_TRUE(PropertyList::parse(xmlDict("<key>d</key><date>2068-12-31T00:00:00Z</date>")));
-}
-
-TEST(PropertyList, WhatCannotBeWrittenFaithfullyIsNotWritten) {
-    test::TempHome home;
-    std::string path = home.file("s.plist");
-    ASSERT_TRUE(PropertyListFile::write(path, PropertyList(PlistDict{{"k", PropertyList("kept")}})));
-    SystemLog::startCapture();
-    for (const PropertyList& bad :
-         {PropertyList(PlistDict{{"k", PropertyList(std::string("a\0b", 3))}}),
-          PropertyList(PlistDict{{std::string("k\0", 2), PropertyList("v")}}),
-          PropertyList(PlistArray{PropertyList(Date(1e12))}),
-          PropertyList(PlistDict{{"d", PropertyList(Date(-3e9))}})}) {
-        EXPECT_THROW(bad.toXml(), std::invalid_argument);
-        EXPECT_FALSE(PropertyListFile::write(path, bad));
-    }
-    EXPECT_TRUE(SystemLog::capturedContains("property list not written"));
-    SystemLog::stopCapture();
-    EXPECT_EQ(*PropertyListFile::read(path)->find("k")->string(), "kept");
-    EXPECT_EQ(FileSystem::status(path)->mode & 0777, 0600u); // settings may hold a password
 }
 
 TEST(PropertyList, HugeRealsAreNoIntegers) {

@@ -13,6 +13,8 @@
 #include "platform/os/FileSystem.h"
 #include "platform/store/local/LocalStore.h"
 #include "platform/framework/CountingStore.h"
+#include "platform/framework/TransferInfo.h"
+#include "platform/framework/UploadFileInfo.h"
 
 namespace cirrovault::test {
 
@@ -42,6 +44,30 @@ protected:
         std::ofstream(path, std::ios::binary) << content;
         FileSystem::setModifyTime(path, Date(modifyTime));
         return path;
+    }
+    int64_t upload(const std::string& server, const std::string& local,
+                   UploadFileInfo* result = nullptr, const std::string& phrase = "",
+                   TrueProgressCallback* progress = nullptr) {
+        TransferInfo info;
+        info.setSvrFile(server);
+        info.setLocFile(local);
+        info.setPassPhrase(phrase);
+        info.setProgress(progress);
+        UploadFileInfo ignored;
+        return api().UploadFile(info, result ? *result : ignored);
+    }
+    void folders(std::initializer_list<std::string> paths) {
+        for (const auto& path : paths)
+            ASSERT_EQ(api().AddFolder(path, "", "", false), ResultCode::Success) << path;
+    }
+    // Which of paths the cache finds, as '+' or '-' each: one look at many lookups.
+    std::string found(std::initializer_list<std::string> paths) {
+        std::string marks;
+        for (const auto& path : paths) {
+            PathInfo info;
+            marks += tree().FindPath(path, info, false) ? '+' : '-';
+        }
+        return marks;
     }
     std::string readFile(const std::string& path) {
         return FileSystem::readFile(path).value_or("<missing>");

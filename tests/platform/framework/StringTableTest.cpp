@@ -29,7 +29,7 @@ size_t placeholderCount(const std::string& text) {
 
 } // namespace
 
-TEST(StringTable, FileIsASortedPlainDictionaryThatTheProgramCarries) {
+TEST(StringTable, FileIsASortedPlainDictionaryWithUsableFolderNames) {
     test::TempHome home; // no override table in the user's folder
     auto text = FileSystem::readFile(tableFile());
     ASSERT_TRUE(text) << tableFile();
@@ -53,6 +53,21 @@ TEST(StringTable, FileIsASortedPlainDictionaryThatTheProgramCarries) {
     if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
         EXPECT_EQ(std::system(("plistutil -i '" + tableFile() + "' -o /dev/null").c_str()), 0);
     }
+
+    // Folder names fit server and local paths.
+    for (const char* key : {"ApplicationDataPath", "ServerStoreTaskPath", "IDS_HISTFOLDER",
+                            "IDS_INFOPATH", "IDS_DATAPATH", "EncryptionFolder", "CacheRootFolderName",
+                            "ProductName", "IDS_STRPRODUCT", "GlobalDataFolderName", "TrashFolder"}) {
+        std::string name = LoadString::GetValueByKey(key, "");
+        ASSERT_FALSE(name.empty()) << key;
+        EXPECT_EQ(name.find_first_of("\\/:*?\"<>|"), std::string::npos) << key;
+        EXPECT_NE(name.front(), ' ') << key;
+        EXPECT_NE(name.back(), ' ') << key;
+        EXPECT_NE(name.front(), '.') << key;
+    }
+    // The history and info folders sit side by side with the task folders.
+    EXPECT_NE(LoadString::GetValueByKey("IDS_HISTFOLDER"), LoadString::GetValueByKey("IDS_INFOPATH"));
+    EXPECT_EQ(LoadString::GetValueByKey("DepositURL"), "/Secure/Deposit.aspx");
 }
 
 TEST(StringTable, EveryKeyTheSourcesAskForIsInTheTable) {
@@ -111,23 +126,4 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
     EXPECT_EQ(LoadString::Format("IDS_TASKNAMEFOR", 0), "Backup Task 0");
     EXPECT_FALSE(SystemLog::capturedContains("malformed"));
     SystemLog::stopCapture();
-}
-
-TEST(StringTable, FolderNamesFitServerAndLocalPaths) {
-    test::TempHome home;
-    const char* folderKeys[] = {"ApplicationDataPath", "ServerStoreTaskPath", "IDS_HISTFOLDER",
-                                "IDS_INFOPATH",        "IDS_DATAPATH",        "EncryptionFolder",
-                                "CacheRootFolderName", "ProductName",         "IDS_STRPRODUCT",
-                                "GlobalDataFolderName", "TrashFolder"};
-    for (const char* key : folderKeys) {
-        std::string name = LoadString::GetValueByKey(key, "");
-        ASSERT_FALSE(name.empty()) << key;
-        EXPECT_EQ(name.find_first_of("\\/:*?\"<>|"), std::string::npos) << key;
-        EXPECT_NE(name.front(), ' ') << key;
-        EXPECT_NE(name.back(), ' ') << key;
-        EXPECT_NE(name.front(), '.') << key;
-    }
-    // The history and info folders sit side by side with the task folders.
-    EXPECT_NE(LoadString::GetValueByKey("IDS_HISTFOLDER"), LoadString::GetValueByKey("IDS_INFOPATH"));
-    EXPECT_EQ(LoadString::GetValueByKey("DepositURL"), "/Secure/Deposit.aspx");
 }

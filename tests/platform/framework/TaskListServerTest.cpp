@@ -1,27 +1,26 @@
-#include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "platform/os/ResultCodes.h"
+#include "platform/framework/Functions.h"
 #include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
 #include "platform/os/UrlCoding.h"
 #include "platform/os/Clock.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
-#include "platform/store/StoreBackend.h"
+#include "platform/store/FaultInjectingStore.h"
 
 using namespace cirrovault;
 
 namespace {
 
-// Keeps only a task-list document, with versions and compare-and-swap like a real store.
-class MemoryTaskListStore : public StoreBackend {
+// Keeps only a task-list document, with versions and compare-and-swap like a real store;
+// the server reaches nothing else, so there is no inner store.
+class MemoryTaskListStore : public FaultInjectingStore {
 public:
+    MemoryTaskListStore() : FaultInjectingStore(nullptr) {}
     std::function<void()> beforeWrite; // runs once, before the next write; set while idle
     bool failReads = false;
     bool alwaysConflict = false;
@@ -65,28 +64,6 @@ public:
         return ResultCode::Success;
     }
 
-    StoreCapabilities capabilities() const override { return {}; }
-    std::string describe() const override { return "memory"; }
-    int64_t logon(const std::string&, const std::string&, StoreSession&) override { return 0; }
-    void logoff() override {}
-    int64_t stat(const std::string&, StoreItem&) override { return ResultCode::NotFound; }
-    int64_t list(const std::string&, std::vector<StoreItem>&) override {
-        return ResultCode::NotFound;
-    }
-    int64_t makeFolder(const std::string&, const std::string&, const std::string&) override {
-        return 3;
-    }
-    int64_t setFolderInfo(const std::string&, const std::string&, const std::string&) override {
-        return 3;
-    }
-    int64_t put(const std::string&, ByteSource&, Date, TransferObserver*) override { return 3; }
-    int64_t get(const std::string&, ByteSink&, TransferObserver*) override { return 3; }
-    int64_t move(const std::string&, const std::string&) override { return 3; }
-    int64_t copy(const std::string&, const std::string&) override { return 3; }
-    int64_t remove(const std::string&) override { return 3; }
-    int64_t quota(StoreQuota&) override { return 3; }
-    int64_t flush() override { return 0; }
-
 private:
     std::mutex mutex_;
     std::string document_; // guarded by mutex_
@@ -122,18 +99,7 @@ std::string request(const std::string& name, const std::string& action,
 }
 
 std::vector<std::string> valuesOf(const std::string& key, const std::string& reply) {
-    std::vector<std::string> values;
-    size_t start = 0;
-    while (start <= reply.size() && !reply.empty()) {
-        size_t end = reply.find('&', start);
-        std::string pair = reply.substr(start, end - start);
-        if (pair.rfind(key + "=", 0) == 0)
-            values.push_back(UrlCoding::decode(pair.substr(key.size() + 1)));
-        if (end == std::string::npos)
-            break;
-        start = end + 1;
-    }
-    return values;
+    return Functions::GetValueArrayByKey(key, reply);
 }
 
 std::vector<std::string> pathsOf(TaskListServer& server, const std::string& name) {
@@ -159,21 +125,17 @@ TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
     ASSERT_EQ(f.server.getTaskList("", "false", reply), 0);
     EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (std::vector<std::string>{"Docs", "Photos"}));
     EXPECT_EQ(valuesOf("RETURN_TaskID", reply), (std::vector<std::string>{"7", "9"}));
-    EXPECT_EQ(valuesOf("RETURN_Descr", reply)[0], "My docs & more");
-    EXPECT_EQ(valuesOf("RETURN_PcName", reply)[0], "box");
-    EXPECT_EQ(valuesOf("RETURN_Type", reply)[0], "-2147483631");
-    EXPECT_EQ(valuesOf("RETURN_BackupDate", reply)[0], "03/05/2024 07:08:09");
-    EXPECT_EQ(valuesOf("RETURN_NextDate", reply)[0], "03/06/2024 00:00:00");
-    EXPECT_EQ(valuesOf("RETURN_BeginDate", reply)[0], "02/05/2024 07:08:09");
-    EXPECT_EQ(valuesOf("RETURN_EndDate", reply)[0], "01/01/2099 00:00:00");
-    EXPECT_EQ(valuesOf("RETURN_ResumeDate", reply)[0], "01/01/1971 00:00:00");
-    EXPECT_EQ(valuesOf("RETURN_ServerPath", reply)[0], "\\Backup\\Docs");
-    EXPECT_EQ(valuesOf("RETURN_FilterExts", reply)[0], "a b|tmp");
-    EXPECT_EQ(valuesOf("RETURN_FilterPaths", reply)[0], "");
-    EXPECT_EQ(valuesOf("ETURN_MaxVersion", reply)[0], "10");
+    // Dates come back in the reply form; "ETURN_MaxVersion" is the key clients read.
+    for (auto [key, value] : std::map<std::string, std::string>{
+             {"RETURN_Descr", "My docs & more"}, {"RETURN_PcName", "box"},
+             {"RETURN_Type", "-2147483631"}, {"RETURN_BackupDate", "03/05/2024 07:08:09"},
+             {"RETURN_NextDate", "03/06/2024 00:00:00"}, {"RETURN_BeginDate", "02/05/2024 07:08:09"},
+             {"RETURN_EndDate", "01/01/2099 00:00:00"}, {"RETURN_ResumeDate", "01/01/1971 00:00:00"},
+             {"RETURN_ServerPath", "\\Backup\\Docs"}, {"RETURN_FilterExts", "a b|tmp"},
+             {"RETURN_FilterPaths", ""}, {"ETURN_MaxVersion", "10"}, {"RETURN_IsResume", "1"},
+             {"RETURN_PcID", "18446744073709551615"}})
+        EXPECT_EQ(valuesOf(key, reply).at(0), value) << key;
     EXPECT_TRUE(valuesOf("RETURN_MaxVersion", reply).empty());
-    EXPECT_EQ(valuesOf("RETURN_IsResume", reply)[0], "1");
-    EXPECT_EQ(valuesOf("RETURN_PcID", reply)[0], "18446744073709551615");
     EXPECT_TRUE(valuesOf("RETURN_Path", reply).empty()); // not asked for
 
     ASSERT_EQ(f.server.getTaskList("Docs", "true", reply), 0);
@@ -244,7 +206,7 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     EXPECT_EQ(pathsOf(f.server, "Docs"), (std::vector<std::string>{"/a", "/b", "/c"}));
 }
 
-TEST(TaskListServer, ResultCodesOfAddAndEdit) {
+TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
     Fixture f;
     TaskListServer loggedOff(f.store, false);
     std::string reply = "stale";
@@ -258,16 +220,25 @@ TEST(TaskListServer, ResultCodesOfAddAndEdit) {
     EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Edit")), ResultCode::OldTaskNotFound);
     EXPECT_EQ(f.store->writes(), 0);
 
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 0);
+    for (auto name : {"A", "B", "C", "Docs"})
+        ASSERT_EQ(f.server.UploadTaskList(request(name, "Add")), 0);
     ASSERT_EQ(f.server.UploadTaskList(request("Music", "Add", {}, "", 8)), 0);
     EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 6);
-    EXPECT_EQ(f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")),
-              6); // rename onto a taken name
+    // Renamed onto a taken name.
+    EXPECT_EQ(f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")), 6);
     EXPECT_EQ(f.server.UploadTaskList(request("", "Edit", {}, "Docs")), ResultCode::EmptyName);
 
+    EXPECT_EQ(f.server.deleteTasks(""), ResultCode::EmptyName);
+    EXPECT_EQ(f.server.deleteTasks("||"), ResultCode::EmptyName);
+    EXPECT_EQ(f.server.deleteTasks("B"), 0);
+    EXPECT_EQ(f.server.deleteTasks("A|Gone|C|"), 0);
+    EXPECT_EQ(f.server.deleteTasks("Gone"), 0);
     std::string names;
-    ASSERT_EQ(f.server.getTaskNames("true", names), 0);
+    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
     EXPECT_EQ(names, "Docs|Music");
+    EXPECT_EQ(f.server.deleteTasks("Docs|Music"), 0);
+    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
+    EXPECT_EQ(names, "");
 }
 
 TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten) {
@@ -334,23 +305,6 @@ TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
     ASSERT_EQ(document->tasks.size(), 1u);
     EXPECT_EQ(document->tasks[0].computerID, UINT64_MAX);
     EXPECT_EQ(TaskListDocument::parse(document->serialize()), document);
-}
-
-TEST(TaskListServer, DeleteTakesOneOrSeveralNames) {
-    Fixture f;
-    for (auto name : {"A", "B", "C", "D"})
-        ASSERT_EQ(f.server.UploadTaskList(request(name, "Add")), 0);
-    EXPECT_EQ(f.server.deleteTasks(""), ResultCode::EmptyName);
-    EXPECT_EQ(f.server.deleteTasks("||"), ResultCode::EmptyName);
-    EXPECT_EQ(f.server.deleteTasks("B"), 0);
-    EXPECT_EQ(f.server.deleteTasks("A|Gone|D|"), 0);
-    EXPECT_EQ(f.server.deleteTasks("Gone"), 0);
-    std::string names;
-    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
-    EXPECT_EQ(names, "C");
-    EXPECT_EQ(f.server.deleteTasks("C"), 0);
-    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
-    EXPECT_EQ(names, "");
 }
 
 TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles) {

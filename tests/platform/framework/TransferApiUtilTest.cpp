@@ -2,6 +2,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -9,9 +10,7 @@
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/PasswordMan.h"
 #include "platform/framework/SessionFixture.h"
-#include "platform/framework/TransferInfo.h"
 #include "platform/framework/TrueProgressCallback.h"
-#include "platform/framework/UploadFileInfo.h"
 #include "platform/os/Semaphore.h"
 #include "platform/os/SystemLog.h"
 
@@ -20,17 +19,6 @@ namespace {
 
 class TransferApiUtilTest : public test::SessionFixture {
 protected:
-    int64_t upload(const std::string& server, const std::string& local,
-                   UploadFileInfo* result = nullptr, const std::string& phrase = "",
-                   TrueProgressCallback* progress = nullptr) {
-        TransferInfo info;
-        info.setSvrFile(server);
-        info.setLocFile(local);
-        info.setPassPhrase(phrase);
-        info.setProgress(progress);
-        UploadFileInfo ignored;
-        return api().UploadFile(info, result ? *result : ignored);
-    }
     int64_t download(const std::string& server, const std::string& local,
                      const std::string& phrase = "") {
         TransferInfo info;
@@ -58,8 +46,7 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
     EXPECT_EQ(api().AddFolder("\\Tasks\\..\\..\\x", "", "", false), ResultCode::BadPath);
     PathInfo info;
     ASSERT_TRUE(tree().FindPath("\\Tasks", info, false));
-    EXPECT_EQ(info.description, "All my tasks");
-    EXPECT_EQ(info.caption, "Tasks");
+    EXPECT_EQ(std::tie(info.description, info.caption), std::make_tuple("All my tasks", "Tasks"));
 
     // Empty texts keep what the folder had; given ones replace it.
     ASSERT_EQ(api().EditFolder("\\Tasks", "Jobs", "", ""), ResultCode::Success);
@@ -68,8 +55,7 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
     EXPECT_FALSE(tree().FindPath("\\Tasks", info, false));
     ASSERT_EQ(api().EditFolder("\\Jobs", "", "Renamed", ""), ResultCode::Success);
     ASSERT_TRUE(tree().FindPath("\\Jobs", info, false));
-    EXPECT_EQ(info.description, "Renamed");
-    EXPECT_EQ(info.caption, "Tasks");
+    EXPECT_EQ(std::tie(info.description, info.caption), std::make_tuple("Renamed", "Tasks"));
     EXPECT_EQ(api().EditFolder("\\Jobs", "a\\b", "", ""), ResultCode::BadPath);
     EXPECT_EQ(api().EditFolder("\\Missing", "x", "", ""), ResultCode::NotFound);
 
@@ -83,17 +69,15 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
 }
 
 TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
-    ASSERT_EQ(api().AddFolder("\\Docs", "", "", false), ResultCode::Success);
+    folders({"\\Docs"});
     std::string content = pattern(3 * 1024 * 1024 + 11);
     std::string local = makeFile("src/report.pdf", content, 1'600'000'123.5);
     TrueProgressCallback progress;
     UploadFileInfo result;
     ASSERT_EQ(upload("\\Docs\\report.pdf", local, &result, "", &progress), ResultCode::Success);
-    EXPECT_EQ(result.storedSize, content.size());
-    EXPECT_EQ(result.uploadedBytes, content.size());
-    EXPECT_EQ(result.resumedBytes, 0u);
-    EXPECT_EQ(progress.thisSize(), content.size());
-    EXPECT_EQ(progress.sentSize(), content.size());
+    EXPECT_EQ(std::make_tuple(result.storedSize, result.uploadedBytes, result.resumedBytes,
+                              progress.thisSize(), progress.sentSize()),
+              std::make_tuple(content.size(), content.size(), 0u, content.size(), content.size()));
 
     PathInfo info;
     ASSERT_TRUE(tree().FindPath("\\Docs\\report.pdf", info, false));
@@ -114,8 +98,7 @@ TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
 }
 
 TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
-    ASSERT_EQ(api().AddFolder("\\Up", "", "", false), ResultCode::Success);
-    ASSERT_EQ(api().AddFolder("\\Encrypted", "", "", false), ResultCode::Success);
+    folders({"\\Up", "\\Encrypted"});
     std::string content = pattern(2 * 1024 * 1024 + 5);
     std::string local = makeFile("big.bin", content);
 
@@ -124,10 +107,8 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
         std::string phrase = server.find("Encrypted") != std::string::npos ? "pass" : "";
         uint64_t stored = content.size() + (phrase.empty() ? 0 : 128);
         store_->dropConnectionInNextPut(1024 * 1024 + 100);
-        UploadFileInfo first;
-        EXPECT_EQ(upload(server, local, &first, phrase), ResultCode::Failure);
-        PathInfo info;
-        EXPECT_FALSE(tree().FindPath(server, info, false)); // only the ".part" exists
+        EXPECT_EQ(upload(server, local, nullptr, phrase), ResultCode::Failure);
+        EXPECT_EQ(found({server}), "-"); // only the ".part" exists
 
         TrueProgressCallback progress;
         UploadFileInfo second;
@@ -151,7 +132,7 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
 }
 
 TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage) {
-    ASSERT_EQ(api().AddFolder("\\Encrypted", "", "", false), ResultCode::Success);
+    folders({"\\Encrypted"});
     std::string content = pattern(100'000);
     std::string local = makeFile("secret.txt", content, 1'600'000'000.5);
     UploadFileInfo result;
@@ -181,7 +162,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
     EXPECT_EQ(FileSystem::listDirectory(home_.file("out"))->size(), 1u); // no leftovers
 
     // A run passes no phrase: the one kept on this computer for the task folder is used.
-    ASSERT_EQ(api().AddFolder("\\Encrypted\\Docs", "", "", false), ResultCode::Success);
+    folders({"\\Encrypted\\Docs"});
     ASSERT_TRUE(PasswordMan().SetPassword("\\Encrypted\\Docs", true, "kept phrase"));
     ASSERT_EQ(upload("\\Encrypted\\Docs\\a.txt", local, nullptr, ""), ResultCode::Success);
     std::string kept = home_.file("out/kept.txt");
@@ -191,26 +172,23 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
               ResultCode::WrongPassPhrase);
 }
 
-// A store that swaps two encrypted files, or puts an older copy back under the newer
-// listing, is caught on restore with the file named; a version moved into the history
-// still opens, since it stays bound to the name it was encrypted under.
+// A version moved into the history stays bound to the name it was encrypted under.
 TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsStillOpen) {
-    for (const char* folder : {"\\Encrypted", "\\Encrypted\\Task", "\\Encrypted\\Task\\Docs",
-                               "\\Encrypted\\History", "\\Encrypted\\History\\Task",
-                               "\\Encrypted\\History\\Task\\Docs"})
-        ASSERT_EQ(api().AddFolder(folder, "", "", false), ResultCode::Success);
+    folders({"\\Encrypted", "\\Encrypted\\Task", "\\Encrypted\\Task\\Docs", "\\Encrypted\\History",
+             "\\Encrypted\\History\\Task", "\\Encrypted\\History\\Task\\Docs"});
     const std::string a = "\\Encrypted\\Task\\Docs\\a.txt", b = "\\Encrypted\\Task\\Docs\\b.txt";
     ASSERT_EQ(upload(a, makeFile("a.txt", "first a", 1'600'000'000), nullptr, "p"), ResultCode::Success);
     ASSERT_EQ(upload(b, makeFile("b.txt", "only b", 1'600'000'000), nullptr, "p"), ResultCode::Success);
     const std::string firstA = readFile(storedPath("Encrypted/Task/Docs/a.txt"));
     const std::string target = home_.file("out/restored.txt");
 
-    SystemLog::startCapture();
-    auto swapped = [&](const std::string& bytes) {
-        ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/b.txt"), bytes));
-        ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/b.txt"), Date(1'600'000'000)));
+    // Stored bytes changed behind the service's back, listed with the given time.
+    auto plant = [&](const std::string& name, const std::string& bytes, double time) {
+        ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/" + name), bytes));
+        ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/" + name), Date(time)));
     };
-    swapped(firstA);
+    SystemLog::startCapture();
+    plant("b.txt", firstA, 1'600'000'000);
     EXPECT_EQ(download(b, target, "p"), ResultCode::DamagedFile);
     EXPECT_TRUE(SystemLog::capturedContains("\"" + b + "\" holds an intact encrypted file made for another name"));
     EXPECT_FALSE(FileSystem::exists(target));
@@ -225,8 +203,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
     EXPECT_EQ(readFile(target), "first a");
 
     // The first a put back under a, listed with the second's time.
-    ASSERT_TRUE(FileSystem::writeFileAtomically(storedPath("Encrypted/Task/Docs/a.txt"), firstA));
-    ASSERT_TRUE(FileSystem::setModifyTime(storedPath("Encrypted/Task/Docs/a.txt"), Date(1'700'000'000)));
+    plant("a.txt", firstA, 1'700'000'000);
     std::string other = home_.file("out/other.txt");
     EXPECT_EQ(download(a, other, "p"), ResultCode::DamagedFile);
     EXPECT_TRUE(SystemLog::capturedContains("\"" + a + "\" holds an intact encrypted file"));
@@ -235,8 +212,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
 }
 
 TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
-    for (const char* folder : {"\\Task", "\\History", "\\Copies"})
-        ASSERT_EQ(api().AddFolder(folder, "", "", false), ResultCode::Success);
+    folders({"\\Task", "\\History", "\\Copies"});
     for (const char* name : {"a", "b", "c"})
         ASSERT_EQ(upload(std::string("\\Task\\") + name, makeFile(name, name)), ResultCode::Success);
 
@@ -246,20 +222,15 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
     EXPECT_EQ(progress.totalItems(), 2);
     EXPECT_EQ(progress.doneItems(), 2);
     ASSERT_EQ(api().CopyPaths({"\\Task\\a"}, "\\History", nullptr, true), ResultCode::Success);
-    PathInfo info;
-    EXPECT_FALSE(tree().FindPath("\\Task\\a", info, false));
-    EXPECT_TRUE(tree().FindPath("\\History\\a", info, false));
-    EXPECT_TRUE(tree().FindPath("\\Copies\\a", info, false));
+    EXPECT_EQ(found({"\\Task\\a", "\\History\\a", "\\Copies\\a"}), "-++");
     EXPECT_EQ(readFile(storedPath("History/a")), "a");
     // A name already there is not overwritten; the other paths still go.
     EXPECT_EQ(api().CopyPaths({"\\Copies\\a", "\\Task\\c"}, "\\History", nullptr, true),
               ResultCode::AlreadyExists);
-    EXPECT_TRUE(tree().FindPath("\\History\\c", info, false));
-
     OperationProgress cancelled;
     cancelled.setCancelled(true);
     EXPECT_EQ(api().DeletePaths({"\\Copies\\a"}, &cancelled, false), ResultCode::Cancelled);
-    EXPECT_TRUE(tree().FindPath("\\Copies\\a", info, false));
+    EXPECT_EQ(found({"\\History\\c", "\\Copies\\a"}), "++");
 
     // A path already gone counts as deleted; a bad one fails without stopping the rest.
     OperationProgress deleting;
@@ -267,25 +238,22 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
                                 &deleting, false),
               ResultCode::BadPath);
     EXPECT_EQ(deleting.doneItems(), 4);
-    EXPECT_FALSE(tree().FindPath("\\Copies\\a", info, false));
-    EXPECT_FALSE(tree().FindPath("\\Copies\\b", info, false));
+    EXPECT_EQ(found({"\\Copies\\a", "\\Copies\\b"}), "--");
     EXPECT_FALSE(FileSystem::exists(storedPath("Copies/b")));
 
     // To the trash: kept there, under a fresh name when the trash has one already.
     ASSERT_EQ(api().EditFile("\\Task\\b", "a", "", ""), ResultCode::Success);
     ASSERT_EQ(api().DeletePaths({"\\History\\a", "\\Task\\a"}, nullptr, true),
               ResultCode::Success);
-    EXPECT_TRUE(tree().FindPath("\\Trash\\a", info, false));
-    EXPECT_TRUE(tree().FindPath("\\Trash\\a (2)", info, false));
     ASSERT_EQ(api().DeletePaths({"\\History"}, nullptr, false), ResultCode::Success);
-    EXPECT_FALSE(tree().FindPath("\\History\\c", info, false));
+    EXPECT_EQ(found({"\\Trash\\a", "\\Trash\\a (2)", "\\History\\c"}), "++-");
 }
 
 TEST_F(TransferApiUtilTest, AccountBalanceFollowsUploadsAndTheQuota) {
     AccountBalance before;
     ASSERT_EQ(api().GetAccountBalance(before), ResultCode::Success);
     EXPECT_GT(before.maxSpace, 0);
-    ASSERT_EQ(api().AddFolder("\\B", "", "", false), ResultCode::Success);
+    folders({"\\B"});
     ASSERT_EQ(upload("\\B\\f", makeFile("f", std::string(1000, 'f'))), ResultCode::Success);
     AccountBalance after;
     ASSERT_EQ(api().GetAccountBalance(after), ResultCode::Success);
@@ -344,8 +312,7 @@ TEST(TransferApiUtilTextTest, EveryResultCodeHasItsOwnText) {
 
 class TransferApiUtilThreadTest : public TransferApiUtilTest {};
 
-// Blocks the uploading thread at its first report of stored bytes until the test has
-// cancelled.
+// Holds the uploading thread at its first report of stored bytes until told to go on.
 class PauseAtFirstReport : public TrueProgressDelegate {
 public:
     explicit PauseAtFirstReport(const TrueProgressCallback& progress) : progress_(progress) {}
@@ -364,7 +331,7 @@ private:
 };
 
 TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextResumes) {
-    ASSERT_EQ(api().AddFolder("\\Big", "", "", false), ResultCode::Success);
+    folders({"\\Big"});
     std::string local = home_.file("large.bin");
     std::ofstream(local).close();
     std::filesystem::resize_file(local, 64ull * 1024 * 1024);

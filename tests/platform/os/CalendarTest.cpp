@@ -1,52 +1,29 @@
 #include <ctime>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
 #include "platform/os/Calendar.h"
+#include "common/LocalDate.h"
 #include "common/ScopedEnv.h"
 
 using namespace cirrovault;
 
+// A component out of its range rolls into the next: day 32, hour 24.
 TEST(Calendar, ComponentsRoundTripAndRollOver) {
-    DateComponents c;
-    c.year = 2024;
-    c.month = 1;
-    c.day = 32; // rolls into February
-    c.hour = 10;
-    c.minute = 30;
-    c.second = 15.25;
-    Date d = Calendar::dateFromComponents(c);
-    DateComponents back = Calendar::components(d);
-    EXPECT_EQ(back.year, 2024);
-    EXPECT_EQ(back.month, 2);
-    EXPECT_EQ(back.day, 1);
-    EXPECT_EQ(back.hour, 10);
-    EXPECT_EQ(back.minute, 30);
+    using Fields = std::tuple<int, int, int, int, int, int>; // y, m, d, h, min, weekday
+    auto fields = [](const DateComponents& c) {
+        return Fields{c.year, c.month, c.day, c.hour, c.minute, c.weekday};
+    };
+    DateComponents back = Calendar::components(test::localDate(2024, 1, 32, 10, 30, 15.25));
+    EXPECT_EQ(fields(back), (Fields{2024, 2, 1, 10, 30, 5})); // a Thursday (Sunday = 1)
     EXPECT_DOUBLE_EQ(back.second, 15.25);
-    EXPECT_EQ(back.weekday, 5); // 1 February 2024 was a Thursday (Sunday = 1)
+    back = Calendar::components(test::localDate(2024, 12, 31, 24, 30));
+    EXPECT_EQ(fields(back), (Fields{2025, 1, 1, 0, 30, 4}));
 
-    c.month = 12;
-    c.day = 31;
-    c.hour = 24; // next day, next year
-    back = Calendar::components(Calendar::dateFromComponents(c));
-    EXPECT_EQ(back.year, 2025);
-    EXPECT_EQ(back.month, 1);
-    EXPECT_EQ(back.day, 1);
-    EXPECT_EQ(back.hour, 0);
-}
-
-TEST(Calendar, StartOfMinuteDropsSecondsAndFraction) {
-    DateComponents c;
-    c.year = 2025;
-    c.month = 6;
-    c.day = 15;
-    c.hour = 8;
-    c.minute = 59;
-    c.second = 59.999;
-    DateComponents m = Calendar::components(Calendar::startOfMinute(Calendar::dateFromComponents(c)));
-    EXPECT_EQ(m.minute, 59);
-    EXPECT_EQ(m.hour, 8);
-    EXPECT_DOUBLE_EQ(m.second, 0);
+    back = Calendar::components(Calendar::startOfMinute(test::localDate(2025, 6, 15, 8, 59, 59.999)));
+    EXPECT_EQ(fields(back), (Fields{2025, 6, 15, 8, 59, 1}));
+    EXPECT_DOUBLE_EQ(back.second, 0);
 }
 
 // The zone is set for the process, so the expected offsets are known; a negative offset

@@ -8,17 +8,14 @@
 
 using namespace cirrovault;
 
-TEST(SemaphoreThread, SignalBeforeWaitIsKeptOnceOnly) {
-    Semaphore s;
-    s.signal();
-    s.signal(); // the maximum is 1
-    EXPECT_TRUE(s.tryWait());
-    EXPECT_FALSE(s.tryWait());
-    EXPECT_FALSE(s.waitFor(0.01));
-}
-
-TEST(SemaphoreThread, UnstartedThreadRunsOnlyWhenStartedAndSignalsWaiter) {
+TEST(SemaphoreThread, SignalBeforeWaitIsKeptOnceAndAThreadRunsOnlyWhenStarted) {
     Semaphore done;
+    done.signal();
+    done.signal(); // the maximum is 1
+    EXPECT_TRUE(done.tryWait());
+    EXPECT_FALSE(done.tryWait());
+    EXPECT_FALSE(done.waitFor(0.01));
+
     std::atomic<int> runs{0};
     Thread worker([&] {
         ++runs;

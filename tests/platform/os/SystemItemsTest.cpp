@@ -30,7 +30,7 @@ TEST(SystemItems, ReadsMountPointsFromTheMountTable) {
 }
 
 TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
-    SystemItems items({"/", "/media/u/Disk", "/mnt/backup", "/home"},
+    SystemItems items({"/", "/media/u/Disk", "/mnt/backup", "/home", "/run/media/u/Stick"},
                       {"/home/u/.cache", "/home/u/.local/share/Trash"});
     // The user's settings are backed up.
     for (const char* kept : {"/home/u/.config", "/home/u/.ssh", "/home/u/.bashrc",
@@ -52,6 +52,10 @@ TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
     EXPECT_TRUE(items.isExcluded("/media/u/Disk/.Trash"));
     EXPECT_FALSE(items.isExcluded("/media/u/Disk/sub/.Trash-1000"));
     EXPECT_FALSE(SystemItems::isOnMountedVolumes("/mntx/a"));
+    EXPECT_EQ(items.volumeOf("/media/u/Disk/a/b"), "/media/u/Disk");
+    EXPECT_EQ(items.volumeOf("/media/u/Diskette/a"), "/");
+    EXPECT_EQ(items.volumeOf("/home/u"), "/");
+    EXPECT_EQ(items.volumeOf("/run/media/u/Stick"), "/run/media/u/Stick");
 
     // A task that asks for it leaves out every dot-name, as before.
     items.setSkipHidden(true);
@@ -74,14 +78,6 @@ TEST(SystemItems, TheUsersFoldersFollowTheEnvironment) {
     auto lines = SystemItems::describeLeftOut();
     EXPECT_NE(std::find(lines.begin(), lines.end(), home.file("cache")), lines.end());
     unsetenv("XDG_CACHE_HOME");
-}
-
-TEST(SystemItems, VolumeOfAPath) {
-    SystemItems items({"/", "/media/u/Disk", "/run/media/u/Stick", "/home"});
-    EXPECT_EQ(items.volumeOf("/media/u/Disk/a/b"), "/media/u/Disk");
-    EXPECT_EQ(items.volumeOf("/run/media/u/Stick"), "/run/media/u/Stick");
-    EXPECT_EQ(items.volumeOf("/media/u/Diskette/a"), "/");
-    EXPECT_EQ(items.volumeOf("/home/u"), "/");
 }
 
 } // namespace

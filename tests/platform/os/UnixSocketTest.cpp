@@ -2,10 +2,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
+#include "common/FileModes.h"
 #include "common/ScopedEnv.h"
 #include "common/TempHome.h"
 #include "platform/os/CallCancel.h"
@@ -19,18 +19,12 @@ using test::TempHome;
 
 namespace {
 
-uint32_t modeOf(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
-// Lines cross whole in both directions, split or joined as the stream pleases; a
-// listener that ended leaves a file that refuses, and the next listener replaces it.
+// A listener that ended leaves a file that refuses; the next listener replaces it.
 TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     TempHome home;
     std::string folder = UnixSocket::runtimeFolder();
     ASSERT_EQ(folder, home.file("run/cirrovault"));
-    EXPECT_EQ(modeOf(folder), 0700u);
+    EXPECT_EQ(test::permissionsOf(folder), 0700u);
     std::string path = folder + "/a.sock";
 
     UnixSocket::Connect how;
@@ -39,7 +33,7 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     {
         UnixSocket listener = UnixSocket::listen(path);
         ASSERT_TRUE(listener.valid());
-        EXPECT_EQ(modeOf(path), 0600u);
+        EXPECT_EQ(test::permissionsOf(path), 0600u);
         UnixSocket client = UnixSocket::connect(path, &how);
         ASSERT_EQ(how, UnixSocket::Connect::Connected);
         UnixSocket server = listener.accept(5);
@@ -80,12 +74,12 @@ TEST(UnixSocket, RuntimeFolderWithoutXdgIsOursAndClosed) {
     ScopedEnv runtime("XDG_RUNTIME_DIR", std::nullopt);
     std::string expected = "/tmp/cirrovault-" + std::to_string(getuid());
     bool existed = FileSystem::exists(expected);
-    if (existed && modeOf(expected) == 0)
+    if (existed && test::permissionsOf(expected) == 0xFFFF)
         GTEST_SKIP() << expected << " is not ours to test with";
     if (existed)
         ::chmod(expected.c_str(), 0755);
     EXPECT_EQ(UnixSocket::runtimeFolder(), expected);
-    EXPECT_EQ(modeOf(expected), 0700u);
+    EXPECT_EQ(test::permissionsOf(expected), 0700u);
     if (!existed)
         FileSystem::removeItem(expected);
 }

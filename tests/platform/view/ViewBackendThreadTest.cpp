@@ -89,6 +89,28 @@ private:
     int fds_[2] = {-1, -1};
 };
 
+// A pseudo-terminal: the program's side (slave) and the user's (master).
+struct Pty {
+    explicit Pty(int flags = 0) : master(::posix_openpt(O_RDWR | O_NOCTTY | flags)) {
+        EXPECT_GE(master, 0);
+        EXPECT_EQ(::grantpt(master), 0);
+        EXPECT_EQ(::unlockpt(master), 0);
+        slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
+        EXPECT_GE(slave, 0);
+    }
+    ~Pty() {
+        ::close(slave);
+        ::close(master);
+    }
+    std::string drawn() {
+        char buffer[4096];
+        ssize_t n = ::read(master, buffer, sizeof buffer);
+        EXPECT_GT(n, 0);
+        return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+    }
+    int master, slave = -1;
+};
+
 TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
     Pipe input, output;
     TerminalViewBackend backend({input.in(), output.out(), ViewButton::Cancel});
@@ -116,12 +138,8 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
 // A terminal that must not be redrawn (TERM=dumb, or the user's NO_COLOR) gets the plain
 // lines of a log: no cursor moves, no hidden cursor.
 TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
-    int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(::grantpt(master), 0);
-    ASSERT_EQ(::unlockpt(master), 0);
-    int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
-    ASSERT_GE(slave, 0);
+    Pty pty(O_NONBLOCK);
+    int slave = pty.slave;
     struct Case {
         std::optional<std::string> term, noColor;
         bool redraw;
@@ -140,87 +158,60 @@ TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
             backend.abortModal(*window);
         });
         backend.runModal(window);
-        char drawn[4096];
-        ssize_t n = ::read(master, drawn, sizeof drawn);
-        ASSERT_GT(n, 0);
-        std::string shown(drawn, static_cast<size_t>(n));
+        std::string shown = pty.drawn();
         EXPECT_NE(shown.find("Backing up"), std::string::npos);
         EXPECT_EQ(shown.find('\033'), std::string::npos) << shown;
     }
-    EXPECT_FALSE(TerminalConsole::canRedraw(master + 1000)); // not a terminal at all
-    ::close(slave);
-    ::close(master);
+    EXPECT_FALSE(TerminalConsole::canRedraw(pty.master + 1000)); // not a terminal at all
 }
 
 TEST(TerminalBackendThread, PseudoTerminalKeysPressButtons) {
     test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
-    int master = ::posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(::grantpt(master), 0);
-    ASSERT_EQ(::unlockpt(master), 0);
-    int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
-    ASSERT_GE(slave, 0);
-    {
-        TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
-        EXPECT_TRUE(backend.interactive());
-        auto window = backend.createWindow(ViewLayout::LoopDialog);
-        window->selectTab(2);
-        window->setAction(ViewButton::Retry, [&] { ::write(master, "c", 1); });
-        window->setAction(ViewButton::Cancel, [&] { backend.abortModal(*window); });
-        window->setAction(ViewEvent::Shown, [&] { ::write(master, "xr", 2); });
-        backend.runModal(window); // r presses Retry, whose action types c: Cancel ends it
-        EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
-        EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
-        char drawn[4096];
-        ssize_t n = ::read(master, drawn, sizeof drawn);
-        ASSERT_GT(n, 0);
-        EXPECT_NE(std::string(drawn, static_cast<size_t>(n)).find("[r] Retry"), std::string::npos);
-    }
-    ::close(slave);
-    ::close(master);
+    Pty pty;
+    int master = pty.master, slave = pty.slave;
+    TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
+    EXPECT_TRUE(backend.interactive());
+    auto window = backend.createWindow(ViewLayout::LoopDialog);
+    window->selectTab(2);
+    window->setAction(ViewButton::Retry, [&] { ::write(master, "c", 1); });
+    window->setAction(ViewButton::Cancel, [&] { backend.abortModal(*window); });
+    window->setAction(ViewEvent::Shown, [&] { ::write(master, "xr", 2); });
+    backend.runModal(window); // r presses Retry, whose action types c: Cancel ends it
+    EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
+    EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
+    EXPECT_NE(pty.drawn().find("[r] Retry"), std::string::npos);
 }
 
 // Cancel's confirmation is asked while the window holds the keys raw: it waits for the
 // answer typed as a line instead of taking the default at once.
 TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
     test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
-    int master = ::posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(::grantpt(master), 0);
-    ASSERT_EQ(::unlockpt(master), 0);
-    int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
-    ASSERT_GE(slave, 0);
-    {
-        TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
-        TerminalMessagebox box(slave, slave);
-        auto window = backend.createWindow(ViewLayout::DownloadProgressWindow);
-        int answer = 0;
-        window->setAction(ViewButton::Cancel, [&] {
-            answer = box.showMessage("", "Stop restoring?", MessageboxStyle::YesNo);
-            backend.abortModal(*window);
-        });
-        window->setAction(ViewEvent::Shown, [&] { ::write(master, "c", 1); });
-        Thread typist([&] {
-            std::string seen;
-            char buffer[512];
-            for (int i = 0; i < 500 && seen.find("Stop restoring?") == std::string::npos; ++i) {
-                ::usleep(10000);
-                int flags = ::fcntl(master, F_GETFL);
-                ::fcntl(master, F_SETFL, flags | O_NONBLOCK);
-                ssize_t n = ::read(master, buffer, sizeof buffer);
-                ::fcntl(master, F_SETFL, flags);
-                if (n > 0)
-                    seen.append(buffer, static_cast<size_t>(n));
-            }
-            ::write(master, "y\n", 2);
-        });
-        typist.start();
-        backend.runModal(window);
-        typist.join();
-        EXPECT_EQ(answer, MessageboxAnswer::Yes);
-    }
-    ::close(slave);
-    ::close(master);
+    Pty pty(O_NONBLOCK); // the typist polls what is drawn
+    int master = pty.master, slave = pty.slave;
+    TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
+    TerminalMessagebox box(slave, slave);
+    auto window = backend.createWindow(ViewLayout::DownloadProgressWindow);
+    int answer = 0;
+    window->setAction(ViewButton::Cancel, [&] {
+        answer = box.showMessage("", "Stop restoring?", MessageboxStyle::YesNo);
+        backend.abortModal(*window);
+    });
+    window->setAction(ViewEvent::Shown, [&] { ::write(master, "c", 1); });
+    Thread typist([&] {
+        std::string seen;
+        char buffer[512];
+        for (int i = 0; i < 500 && seen.find("Stop restoring?") == std::string::npos; ++i) {
+            ::usleep(10000);
+            ssize_t n = ::read(master, buffer, sizeof buffer);
+            if (n > 0)
+                seen.append(buffer, static_cast<size_t>(n));
+        }
+        ::write(master, "y\n", 2);
+    });
+    typist.start();
+    backend.runModal(window);
+    typist.join();
+    EXPECT_EQ(answer, MessageboxAnswer::Yes);
 }
 
 TEST(TerminalMessageboxTest, WithoutTerminalAnswersConfiguredDefaults) {
