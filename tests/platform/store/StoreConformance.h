@@ -36,9 +36,7 @@ struct StoreKind {
     std::function<std::unique_ptr<StoreEnvironment>()> make;
 };
 
-inline void PrintTo(const StoreKind& kind, std::ostream* os) {
-    *os << kind.name;
-}
+inline void PrintTo(const StoreKind& kind, std::ostream* os) { *os << kind.name; }
 
 inline std::string storeKindName(const testing::TestParamInfo<StoreKind>& info) {
     return info.param.name;
@@ -50,8 +48,7 @@ class StoreConformanceTest : public testing::TestWithParam<StoreKind> {
 protected:
     void SetUp() override;
     // Logs a fresh connection on as the test's usual user.
-    std::shared_ptr<StoreBackend> connect(const std::string& user = "alice",
-                                          const std::string& password = "secret");
+    std::shared_ptr<StoreBackend> connect(const std::string& user = "alice");
 
     std::unique_ptr<StoreEnvironment> env;
     std::shared_ptr<StoreBackend> store; // logged on as "alice"

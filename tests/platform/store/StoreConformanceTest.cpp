@@ -1,7 +1,5 @@
 #include "platform/store/StoreConformance.h"
 
-#include <cmath>
-#include <functional>
 #include <map>
 #include <thread>
 #include <vector>
@@ -10,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform/os/ResultCodes.h"
 #include "platform/os/FileSystem.h"
 #include "platform/store/StoreTestSupport.h"
 
@@ -24,11 +21,10 @@ void StoreConformanceTest::SetUp() {
     ASSERT_EQ(store->logon("alice", "secret", session), R::Success);
 }
 
-std::shared_ptr<StoreBackend> StoreConformanceTest::connect(const std::string& user,
-                                                            const std::string& password) {
+std::shared_ptr<StoreBackend> StoreConformanceTest::connect(const std::string& user) {
     auto connection = env->open();
     StoreSession s;
-    EXPECT_EQ(connection->logon(user, password, s), R::Success);
+    EXPECT_EQ(connection->logon(user, "secret", s), R::Success);
     return connection;
 }
 
@@ -58,23 +54,16 @@ std::string snapshot(StoreBackend& store) {
     return out;
 }
 
-int64_t putText(StoreBackend& store, const std::string& path, const std::string& text,
-                Date modifyTime = Date(1'600'000'000.0), const std::string& tag = "t",
-                uint32_t mode = 0) {
-    MemorySource source(text, tag);
-    source.setMode(mode);
-    return store.put(path, source, modifyTime, nullptr);
+std::vector<StoreItem> listed(StoreBackend& store, const std::string& folder) {
+    std::vector<StoreItem> items;
+    EXPECT_EQ(store.list(folder, items), R::Success) << folder;
+    return items;
 }
 
-uint32_t modeOf(StoreBackend& store, const std::string& path) {
-    StoreItem item;
-    return store.stat(path, item) == ResultCode::Success ? item.mode : 0xFFFFFFFF;
-}
-
-double tolerance(const StoreBackend& store) {
-    // A Date is a double: below a microsecond it cannot say more about a current date.
-    return std::max(store.capabilities().modifyTimePrecision, 1e-6);
-}
+// A Date is a double: below a microsecond it cannot say more about a current date.
+#define EXPECT_TIME(item, seconds)                                                                 \
+    EXPECT_NEAR((item).modifyTime.timeIntervalSince1970(), seconds,                               \
+                std::max(store->capabilities().modifyTimePrecision, 1e-6))
 
 } // namespace
 
@@ -86,8 +75,8 @@ TEST_P(StoreConformanceTest, LogonCreatesAccountsAndChecksPasswords) {
     StoreSession again;
     EXPECT_EQ(other->logon("alice", "wrong", again), R::WrongPassword);
     EXPECT_TRUE(again.sessionID.empty());
-    StoreItem item;
-    EXPECT_EQ(other->stat("\\", item), R::NotLoggedOn); // a refused logon leaves no session
+    EXPECT_EQ(statCode(*other, "\\"), R::NotLoggedOn); // a refused logon leaves no session
+    EXPECT_EQ(other->logon("", "secret", again), R::EmptyName);
 
     EXPECT_EQ(other->logon("alice", "secret", again), R::Success);
     EXPECT_EQ(again.customerID, session.customerID);
@@ -99,9 +88,8 @@ TEST_P(StoreConformanceTest, LogonCreatesAccountsAndChecksPasswords) {
 
     store->logoff();
     std::string document, version;
-    MemorySource source("x", "t");
-    EXPECT_EQ(store->stat("\\", item), R::NotLoggedOn);
-    EXPECT_EQ(store->put("\\x", source, Date(), nullptr), R::NotLoggedOn);
+    EXPECT_EQ(statCode(*store, "\\"), R::NotLoggedOn);
+    EXPECT_EQ(putText(*store, "\\x", "x"), R::NotLoggedOn);
     EXPECT_EQ(store->readTaskList(document, version), R::NotLoggedOn);
     EXPECT_EQ(store->makeFolder("\\A", "", ""), R::NotLoggedOn);
 }
@@ -112,69 +100,54 @@ TEST_P(StoreConformanceTest, FoldersKeepDescriptionAndCaption) {
     EXPECT_EQ(store->makeFolder("\\Backup", "", ""), R::AlreadyExists);
     EXPECT_EQ(store->makeFolder("\\Missing\\Child", "", ""), R::NotFound);
 
-    StoreItem item;
-    ASSERT_EQ(store->stat("\\Backup\\Docs", item), R::Success);
+    StoreItem item = itemAt(*store, "\\Backup\\Docs");
     EXPECT_TRUE(item.isFolder);
-    EXPECT_EQ(item.name, "Docs");
-    EXPECT_EQ(item.description, "documents");
-    EXPECT_EQ(item.caption, "Docs");
+    EXPECT_EQ(item.name + " " + item.description + " " + item.caption, "Docs documents Docs");
 
     ASSERT_EQ(store->setFolderInfo("\\Backup\\Docs", "papers", "Papers"), R::Success);
-    std::vector<StoreItem> items;
-    ASSERT_EQ(store->list("\\Backup", items), R::Success);
+    auto items = listed(*store, "\\Backup");
     ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].description, "papers");
-    EXPECT_EQ(items[0].caption, "Papers");
+    EXPECT_EQ(items[0].description + " " + items[0].caption, "papers Papers");
     EXPECT_EQ(store->setFolderInfo("\\Backup\\Nothing", "x", "y"), R::NotFound);
-    EXPECT_EQ(store->stat("\\Backup\\Nothing", item), R::NotFound);
+    EXPECT_EQ(statCode(*store, "\\Backup\\Nothing"), R::NotFound);
 }
 
 TEST_P(StoreConformanceTest, PutAndGetKeepBytesAndModificationTime) {
     ASSERT_EQ(store->makeFolder("\\T", "", ""), R::Success);
     ASSERT_EQ(store->makeFolder("\\T\\Sub", "", ""), R::Success);
     const std::string data = patternBytes(3 * 1024 * 1024 + 17);
-    const Date when(1'650'000'000.123456);
+    const std::string size = std::to_string(data.size());
     MemorySource source(data, "v1");
     StopObserver observer;
-    ASSERT_EQ(store->put("\\T\\Sub\\big.bin", source, when, &observer), R::Success);
+    ASSERT_EQ(store->put("\\T\\Sub\\big.bin", source, Date(1'650'000'000.123456), &observer),
+              R::Success);
     EXPECT_EQ(observer.lastDone, data.size());
     EXPECT_EQ(observer.lastTotal, data.size());
     ASSERT_EQ(putText(*store, "\\T\\small.txt", "hello"), R::Success);
     ASSERT_EQ(putText(*store, "\\T\\empty", ""), R::Success);
 
-    StoreItem item;
-    ASSERT_EQ(store->stat("\\T\\Sub\\big.bin", item), R::Success);
+    StoreItem item = itemAt(*store, "\\T\\Sub\\big.bin");
     EXPECT_FALSE(item.isFolder);
     EXPECT_EQ(item.size, data.size());
-    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), when.timeIntervalSince1970(),
-                tolerance(*store));
+    EXPECT_TIME(item, 1'650'000'000.123456);
     EXPECT_EQ(storedContent(*store, "\\T\\Sub\\big.bin"), data);
     EXPECT_EQ(storedContent(*store, "\\T\\empty"), "");
 
     // Folder figures count every file beneath, recursively.
-    ASSERT_EQ(store->stat("\\T", item), R::Success);
-    EXPECT_EQ(item.size, data.size() + 5);
-    EXPECT_EQ(item.fileCount, 3);
-    std::vector<StoreItem> items;
-    ASSERT_EQ(store->list("\\T", items), R::Success);
-    ASSERT_EQ(items.size(), 3u);
-    for (const auto& entry : items) {
-        if (entry.name == "Sub") {
-            EXPECT_TRUE(entry.isFolder);
-            EXPECT_EQ(entry.size, data.size());
-            EXPECT_EQ(entry.fileCount, 1);
-        } else {
-            EXPECT_TRUE(entry.name == "small.txt" || entry.name == "empty") << entry.name;
-        }
-    }
+    EXPECT_EQ(figuresOf(*store, "\\T"), std::to_string(data.size() + 5) + "/3");
+    std::map<std::string, std::string> entries;
+    for (const auto& entry : listed(*store, "\\T"))
+        entries[entry.name] = entry.isFolder ? std::to_string(entry.size) + "/" +
+                                                   std::to_string(entry.fileCount)
+                                             : "file";
+    EXPECT_EQ(entries, (std::map<std::string, std::string>{
+                           {"Sub", size + "/1"}, {"empty", "file"}, {"small.txt", "file"}}));
 
     // Overwrite: new bytes, new time, figures follow.
     ASSERT_EQ(putText(*store, "\\T\\small.txt", "hello again", Date(1'700'000'000.5)), R::Success);
     EXPECT_EQ(storedContent(*store, "\\T\\small.txt"), "hello again");
-    ASSERT_EQ(store->stat("\\T\\small.txt", item), R::Success);
-    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), 1'700'000'000.5, tolerance(*store));
-    ASSERT_EQ(store->stat("\\T", item), R::Success);
-    EXPECT_EQ(item.size, data.size() + 11);
+    EXPECT_TIME(itemAt(*store, "\\T\\small.txt"), 1'700'000'000.5);
+    EXPECT_EQ(itemAt(*store, "\\T").size, data.size() + 11);
 
     MemorySink sink;
     EXPECT_EQ(store->get("\\T\\none", sink, nullptr), R::NotFound);
@@ -186,20 +159,16 @@ TEST_P(StoreConformanceTest, InterruptedPutResumesOnlyWithTheSameSource) {
     if (!store->capabilities().resumableUpload)
         GTEST_SKIP() << "backend does not resume uploads";
     const std::string data = patternBytes(5 * 1024 * 1024 + 3, 2);
-    {
-        MemorySource source(data, "tag-A");
+    auto interrupt = [&](const std::string& path, const std::string& content, const char* tag) {
+        MemorySource source(content, tag);
         StopObserver stopEarly(2 * 1024 * 1024);
-        ASSERT_EQ(store->put("\\f.bin", source, Date(1'600'000'000.0), &stopEarly), R::Cancelled);
-    }
-    StoreItem item;
-    EXPECT_EQ(store->stat("\\f.bin", item), R::NotFound);
-    EXPECT_EQ(store->stat("\\f.bin.part", item), R::NotFound); // the part is not a file
-    std::vector<StoreItem> items;
-    ASSERT_EQ(store->list("\\", items), R::Success);
-    EXPECT_TRUE(items.empty());
-    ASSERT_EQ(store->stat("\\", item), R::Success);
-    EXPECT_EQ(item.fileCount, 0);
-    EXPECT_EQ(item.size, 0u);
+        EXPECT_EQ(store->put(path, source, Date(1'600'000'000.0), &stopEarly), R::Cancelled);
+    };
+    interrupt("\\f.bin", data, "tag-A");
+    EXPECT_EQ(statCode(*store, "\\f.bin"), R::NotFound);
+    EXPECT_EQ(statCode(*store, "\\f.bin.part"), R::NotFound); // the part is not a file
+    EXPECT_TRUE(listed(*store, "\\").empty());
+    EXPECT_EQ(figuresOf(*store, "\\"), "0/0");
 
     // Another connection, the same unchanged local file: continues where it stopped.
     auto later = connect();
@@ -211,12 +180,7 @@ TEST_P(StoreConformanceTest, InterruptedPutResumesOnlyWithTheSameSource) {
     EXPECT_EQ(storedContent(*later, "\\f.bin"), data);
 
     // The local file changed meanwhile: its interrupted part must not be reused.
-    const std::string changed = patternBytes(data.size(), 3);
-    {
-        MemorySource source(changed, "tag-B");
-        StopObserver stopEarly(2 * 1024 * 1024);
-        ASSERT_EQ(store->put("\\g.bin", source, Date(), &stopEarly), R::Cancelled);
-    }
+    interrupt("\\g.bin", patternBytes(data.size(), 3), "tag-B");
     MemorySource newer(data, "tag-C");
     StopObserver fresh;
     ASSERT_EQ(store->put("\\g.bin", newer, Date(), &fresh), R::Success);
@@ -229,26 +193,20 @@ TEST_P(StoreConformanceTest, NamesOfTheLongestLengthStoreAndResume) {
     // The longest name Apache keeps properties for (its ".pag" file must fit in 255
     // bytes): its part name must be shortened.
     const std::string name = std::string(247, 'n') + "\xc3\xa9.b";
-    const std::string path = "\\" + name;
     const std::string data = patternBytes(3 * 1024 * 1024, 4);
     if (store->capabilities().resumableUpload) {
         MemorySource source(data, "tag-L");
         StopObserver stopEarly(1024 * 1024);
-        ASSERT_EQ(store->put(path, source, Date(1'600'000'000.0), &stopEarly), R::Cancelled);
-        std::vector<StoreItem> items;
-        ASSERT_EQ(store->list("\\", items), R::Success);
-        EXPECT_TRUE(items.empty()); // the shortened part is no file of the user's
+        ASSERT_EQ(store->put("\\" + name, source, Date(1'600'000'000.0), &stopEarly), R::Cancelled);
+        EXPECT_TRUE(listed(*store, "\\").empty()); // the shortened part is no file of the user's
     }
     MemorySource source(data, "tag-L");
-    ASSERT_EQ(store->put(path, source, Date(1'600'000'000.0), nullptr), R::Success);
-    EXPECT_EQ(storedContent(*store, path), data);
-    std::vector<StoreItem> items;
-    ASSERT_EQ(store->list("\\", items), R::Success);
+    ASSERT_EQ(store->put("\\" + name, source, Date(1'600'000'000.0), nullptr), R::Success);
+    EXPECT_EQ(storedContent(*store, "\\" + name), data);
+    auto items = listed(*store, "\\");
     ASSERT_EQ(items.size(), 1u);
     EXPECT_EQ(items[0].name, name);
-    StoreItem root;
-    ASSERT_EQ(store->stat("\\", root), R::Success);
-    EXPECT_EQ(root.size, data.size());
+    EXPECT_EQ(itemAt(*store, "\\").size, data.size());
 }
 
 TEST_P(StoreConformanceTest, CancelAndReadErrorsLeaveThePreviousCopy) {
@@ -271,10 +229,9 @@ TEST_P(StoreConformanceTest, CancelAndReadErrorsLeaveThePreviousCopy) {
     MemorySource failing(data, "bad");
     failing.failReadsFrom(1024 * 1024);
     EXPECT_EQ(store->put("\\keep.bin", failing, Date(), nullptr), R::LocalFileError);
-    StoreItem item;
-    ASSERT_EQ(store->stat("\\keep.bin", item), R::Success);
+    StoreItem item = itemAt(*store, "\\keep.bin");
     EXPECT_EQ(item.size, 8u);
-    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), 1'500'000'000.0, tolerance(*store));
+    EXPECT_TIME(item, 1'500'000'000.0);
 }
 
 TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentAndDescriptions) {
@@ -286,24 +243,19 @@ TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentAndDescriptions) {
 
     // The old copy of a changed file goes to the history folder.
     ASSERT_EQ(store->move("\\Task\\a.txt", "\\History\\a.txt"), R::Success);
-    StoreItem item;
-    EXPECT_EQ(store->stat("\\Task\\a.txt", item), R::NotFound);
-    ASSERT_EQ(store->stat("\\History\\a.txt", item), R::Success);
-    EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), 1'600'000'001.0, tolerance(*store));
+    EXPECT_EQ(statCode(*store, "\\Task\\a.txt"), R::NotFound);
+    EXPECT_TIME(itemAt(*store, "\\History\\a.txt"), 1'600'000'001.0);
     EXPECT_EQ(storedContent(*store, "\\History\\a.txt"), "version 1");
 
     ASSERT_EQ(store->copy("\\Task", "\\Copy"), R::Success);
-    ASSERT_EQ(store->stat("\\Copy\\Inner", item), R::Success);
-    EXPECT_EQ(item.description, "inner");
+    EXPECT_EQ(itemAt(*store, "\\Copy\\Inner").description, "inner");
     EXPECT_EQ(storedContent(*store, "\\Copy\\Inner\\b.txt"), "bee");
-    ASSERT_EQ(store->stat("\\Task\\Inner\\b.txt", item), R::Success); // the original stays
+    EXPECT_EQ(statCode(*store, "\\Task\\Inner\\b.txt"), R::Success); // the original stays
 
     ASSERT_EQ(store->move("\\Task", "\\Renamed"), R::Success);
-    ASSERT_EQ(store->stat("\\Renamed", item), R::Success);
-    EXPECT_EQ(item.description, "task folder");
-    ASSERT_EQ(store->stat("\\Renamed\\Inner", item), R::Success);
-    EXPECT_EQ(item.description, "inner");
-    EXPECT_EQ(store->stat("\\Task", item), R::NotFound);
+    EXPECT_EQ(itemAt(*store, "\\Renamed").description, "task folder");
+    EXPECT_EQ(itemAt(*store, "\\Renamed\\Inner").description, "inner");
+    EXPECT_EQ(statCode(*store, "\\Task"), R::NotFound);
 
     ASSERT_EQ(putText(*store, "\\History\\c.txt", "sea"), R::Success);
     EXPECT_EQ(store->copy("\\History\\c.txt", "\\History\\d.txt"), R::Success);
@@ -323,43 +275,40 @@ TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentAndDescriptions) {
 // the engine moves or copies it, and goes when a copy without one replaces it.
 TEST_P(StoreConformanceTest, FilesKeepTheirModeWhereverTheyGo) {
     const uint32_t key = S_IFREG | 0600, link = S_IFLNK | 0777, tool = S_IFREG | 0755;
+    const Date when(1'600'000'000.0);
+    auto modeOf = [&](const std::string& path) { return itemAt(*store, path).mode; };
     ASSERT_EQ(store->makeFolder("\\M", "", ""), R::Success);
     ASSERT_EQ(store->makeFolder("\\M\\History", "", ""), R::Success);
-    ASSERT_EQ(putText(*store, "\\M\\id_key", "secret", Date(1'600'000'000.0), "t", key), R::Success);
-    ASSERT_EQ(putText(*store, "\\M\\to-bin", "../bin/tool", Date(1'600'000'000.0), "t", link),
-              R::Success);
-    ASSERT_EQ(putText(*store, "\\M\\tool", "#!/bin/sh\n", Date(1'600'000'000.0), "t", tool),
-              R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\id_key", "secret", when, key), R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\to-bin", "../bin/tool", when, link), R::Success);
+    ASSERT_EQ(putText(*store, "\\M\\tool", "#!/bin/sh\n", when, tool), R::Success);
     ASSERT_EQ(putText(*store, "\\M\\plain", "p"), R::Success);
-    EXPECT_EQ(modeOf(*store, "\\M\\id_key"), key);
-    EXPECT_EQ(modeOf(*store, "\\M\\to-bin"), link);
-    EXPECT_EQ(modeOf(*store, "\\M\\plain"), 0u);
+    EXPECT_EQ(modeOf("\\M\\id_key"), key);
+    EXPECT_EQ(modeOf("\\M\\to-bin"), link);
+    EXPECT_EQ(modeOf("\\M\\plain"), 0u);
 
     ASSERT_EQ(store->move("\\M\\tool", "\\M\\History\\tool0"), R::Success);
-    EXPECT_EQ(modeOf(*store, "\\M\\History\\tool0"), tool);
+    EXPECT_EQ(modeOf("\\M\\History\\tool0"), tool);
     ASSERT_EQ(store->copy("\\M\\to-bin", "\\M\\History\\to-bin0"), R::Success);
-    EXPECT_EQ(modeOf(*store, "\\M\\History\\to-bin0"), link);
+    EXPECT_EQ(modeOf("\\M\\History\\to-bin0"), link);
     // Some servers give a copy the time of the copy: it must come a second later.
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     ASSERT_EQ(store->copy("\\M", "\\N"), R::Success);
-    std::vector<StoreItem> items;
-    ASSERT_EQ(store->list("\\N", items), R::Success);
-    std::map<std::string, uint32_t> listed;
-    for (const auto& item : items)
-        listed[item.name] = item.mode;
-    EXPECT_EQ(listed["id_key"], key);
-    EXPECT_EQ(listed["to-bin"], link);
-    EXPECT_EQ(listed["plain"], 0u);
-    EXPECT_EQ(modeOf(*store, "\\N\\History\\tool0"), tool);
+    std::map<std::string, uint32_t> modes;
+    for (const auto& item : listed(*store, "\\N"))
+        modes[item.name] = item.mode;
+    EXPECT_EQ(modes["id_key"], key);
+    EXPECT_EQ(modes["to-bin"], link);
+    EXPECT_EQ(modes["plain"], 0u);
+    EXPECT_EQ(modeOf("\\N\\History\\tool0"), tool);
 
     ASSERT_EQ(putText(*store, "\\M\\id_key", "new secret", Date(1'600'000'100.0)), R::Success);
-    EXPECT_EQ(modeOf(*store, "\\M\\id_key"), 0u);
+    EXPECT_EQ(modeOf("\\M\\id_key"), 0u);
     ASSERT_EQ(store->remove("\\M\\to-bin"), R::Success);
     ASSERT_EQ(putText(*store, "\\M\\to-bin", "a file now"), R::Success);
-    EXPECT_EQ(modeOf(*store, "\\M\\to-bin"), 0u);
+    EXPECT_EQ(modeOf("\\M\\to-bin"), 0u);
     ASSERT_EQ(store->flush(), R::Success);
-    auto again = connect("alice", "secret");
-    EXPECT_EQ(modeOf(*again, "\\N\\id_key"), key);
+    EXPECT_EQ(itemAt(*connect(), "\\N\\id_key").mode, key);
 }
 
 TEST_P(StoreConformanceTest, RemoveTakesFilesFoldersAndTheirDescriptions) {
@@ -371,45 +320,39 @@ TEST_P(StoreConformanceTest, RemoveTakesFilesFoldersAndTheirDescriptions) {
     EXPECT_EQ(store->remove("\\g"), R::Success);
     EXPECT_EQ(store->remove("\\g"), R::NotFound);
     EXPECT_EQ(store->remove("\\D"), R::Success);
-    StoreItem item;
-    EXPECT_EQ(store->stat("\\D\\E\\f", item), R::NotFound);
+    EXPECT_EQ(statCode(*store, "\\D\\E\\f"), R::NotFound);
 
     // A new folder of the old name starts without the old descriptions.
     ASSERT_EQ(store->makeFolder("\\D", "", ""), R::Success);
     ASSERT_EQ(store->makeFolder("\\D\\E", "", ""), R::Success);
-    ASSERT_EQ(store->stat("\\D\\E", item), R::Success);
-    EXPECT_EQ(item.description, "");
-    EXPECT_EQ(item.caption, "");
+    StoreItem item = itemAt(*store, "\\D\\E");
+    EXPECT_EQ(item.description + item.caption, "");
     EXPECT_EQ(store->remove("\\"), R::BadPath);
 }
 
 TEST_P(StoreConformanceTest, QuotaFollowsUsageAndLimitsPuts) {
-    StoreQuota before;
-    ASSERT_EQ(store->quota(before), R::Success);
-    EXPECT_EQ(before.usedSpace, 0);
-    EXPECT_GT(before.maxSpace, 0);
-
+    auto quota = [&] {
+        StoreQuota q;
+        EXPECT_EQ(store->quota(q), R::Success);
+        return q;
+    };
+    EXPECT_EQ(quota().usedSpace, 0);
+    EXPECT_GT(quota().maxSpace, 0);
     ASSERT_EQ(putText(*store, "\\a", std::string(1000, 'a')), R::Success);
-    StoreQuota after;
-    ASSERT_EQ(store->quota(after), R::Success);
-    EXPECT_EQ(after.usedSpace, 1000);
+    EXPECT_EQ(quota().usedSpace, 1000);
     ASSERT_EQ(store->copy("\\a", "\\b"), R::Success);
-    ASSERT_EQ(store->quota(after), R::Success);
-    EXPECT_EQ(after.usedSpace, 2000);
+    EXPECT_EQ(quota().usedSpace, 2000);
     ASSERT_EQ(store->remove("\\b"), R::Success);
-    ASSERT_EQ(store->quota(after), R::Success);
-    EXPECT_EQ(after.usedSpace, 1000);
+    EXPECT_EQ(quota().usedSpace, 1000);
 
     if (!env->limitQuota(*store, 2500))
         GTEST_SKIP() << "backend has no configurable quota";
-    ASSERT_EQ(store->quota(after), R::Success);
-    EXPECT_EQ(after.maxSpace, 2500);
+    EXPECT_EQ(quota().maxSpace, 2500);
     EXPECT_EQ(putText(*store, "\\b", std::string(1000, 'b')), R::Success);
     EXPECT_EQ(putText(*store, "\\c", std::string(1000, 'c')), R::SpaceLimit);
-    StoreItem item;
-    EXPECT_EQ(store->stat("\\c", item), R::NotFound);
+    EXPECT_EQ(statCode(*store, "\\c"), R::NotFound);
     EXPECT_EQ(store->copy("\\a", "\\c"), R::SpaceLimit);
-    EXPECT_EQ(store->stat("\\c", item), R::NotFound);
+    EXPECT_EQ(statCode(*store, "\\c"), R::NotFound);
     // Replacing a file only needs the difference.
     EXPECT_EQ(putText(*store, "\\a", std::string(1400, 'A')), R::Success);
     ASSERT_EQ(store->remove("\\b"), R::Success);
@@ -424,10 +367,7 @@ TEST_P(StoreConformanceTest, FolderFiguresFollowEveryChange) {
         std::string listed = snapshot(s);
         StoreQuota quota;
         s.quota(quota);
-        StoreItem root;
-        s.stat("\\", root);
-        return listed + "used " + std::to_string(quota.usedSpace) + ", root " +
-               std::to_string(root.size) + "/" + std::to_string(root.fileCount);
+        return listed + "used " + std::to_string(quota.usedSpace) + ", root " + figuresOf(s, "\\");
     };
     for (const char* folder : {"\\T", "\\T\\A", "\\T\\A\\B", "\\H"})
         ASSERT_EQ(store->makeFolder(folder, "", ""), R::Success);
@@ -458,28 +398,17 @@ TEST_P(StoreConformanceTest, PathsLeavingTheAccountAreRefused) {
     ASSERT_EQ(store->makeFolder("\\a", "", ""), R::Success);
     ASSERT_EQ(putText(*store, "\\a\\file", "content"), R::Success);
     const std::string before = snapshot(*store);
-    const std::vector<std::string> bad = {
-        "",
-        "..",
-        "\\..",
-        "\\a\\..\\..\\x",
-        "\\a\\..",
-        "\\.\\a",
-        "\\a\\\\file",
-        "\\\\",
-        "\\a\\b/c",
-        "/etc",
-        "\\..\\..\\etc\\passwd",
-        std::string("\\a\\x\0y", 7),
-        "\\" + std::string(300, 'n'),
-    };
-    for (const auto& path : bad) {
+    for (const auto& path :
+         {std::string(), std::string(".."), std::string("\\.."), std::string("\\a\\..\\..\\x"),
+          std::string("\\a\\.."), std::string("\\.\\a"), std::string("\\a\\\\file"),
+          std::string("\\\\"), std::string("\\a\\b/c"), std::string("/etc"),
+          std::string("\\..\\..\\etc\\passwd"), std::string("\\a\\x\0y", 7),
+          "\\" + std::string(300, 'n')}) {
         SCOPED_TRACE(path);
-        StoreItem item;
         std::vector<StoreItem> items;
         MemorySink sink;
         MemorySource source("evil", "t");
-        EXPECT_EQ(store->stat(path, item), R::BadPath);
+        EXPECT_EQ(statCode(*store, path), R::BadPath);
         EXPECT_EQ(store->list(path, items), R::BadPath);
         EXPECT_EQ(store->makeFolder(path, "", ""), R::BadPath);
         EXPECT_EQ(store->setFolderInfo(path, "x", "y"), R::BadPath);
@@ -504,11 +433,10 @@ TEST_P(StoreConformanceTest, LinksPlantedInTheAccountAreNotFollowed) {
         GTEST_SKIP() << "backend storage cannot hold links";
     const std::string before = snapshot(*store);
 
-    StoreItem item;
     std::vector<StoreItem> items;
     MemorySink sink;
-    EXPECT_EQ(store->stat("\\T\\door", item), R::BadPath);
-    EXPECT_EQ(store->stat("\\T\\door\\secret.txt", item), R::BadPath);
+    EXPECT_EQ(statCode(*store, "\\T\\door"), R::BadPath);
+    EXPECT_EQ(statCode(*store, "\\T\\door\\secret.txt"), R::BadPath);
     EXPECT_EQ(store->list("\\T\\door", items), R::BadPath);
     EXPECT_EQ(store->get("\\T\\door\\secret.txt", sink, nullptr), R::BadPath);
     EXPECT_EQ(store->get("\\T\\secret.txt", sink, nullptr), R::BadPath);
@@ -522,25 +450,19 @@ TEST_P(StoreConformanceTest, LinksPlantedInTheAccountAreNotFollowed) {
     EXPECT_EQ(snapshot(*store), before);
 
     // Links are not part of the backup: not listed, not counted.
-    ASSERT_EQ(store->list("\\T", items), R::Success);
-    EXPECT_TRUE(items.empty());
-    ASSERT_EQ(store->stat("\\T", item), R::Success);
-    EXPECT_EQ(item.fileCount, 0);
+    EXPECT_TRUE(listed(*store, "\\T").empty());
+    EXPECT_EQ(itemAt(*store, "\\T").fileCount, 0);
     // A copy or removal of the folder holding them leaves what they point to alone.
     EXPECT_EQ(store->copy("\\T", "\\U"), R::Success);
     EXPECT_EQ(store->remove("\\T"), R::Success);
-
     EXPECT_EQ(FileSystem::readFile(outside + "/secret.txt").value_or(""), "secret");
-    auto names = FileSystem::listDirectory(outside);
-    ASSERT_TRUE(names);
-    EXPECT_EQ(names->size(), 1u);
+    EXPECT_EQ(FileSystem::listDirectory(outside).value_or(std::vector<std::string>{}).size(), 1u);
 }
 
 TEST_P(StoreConformanceTest, TaskListWritesCompareVersions) {
     std::string document, version;
     ASSERT_EQ(store->readTaskList(document, version), R::Success);
-    EXPECT_EQ(document, "");
-    EXPECT_EQ(version, "");
+    EXPECT_EQ(document + version, "");
 
     ASSERT_EQ(store->writeTaskList("first", ""), R::Success);
     ASSERT_EQ(store->readTaskList(document, version), R::Success);
@@ -556,8 +478,7 @@ TEST_P(StoreConformanceTest, TaskListWritesCompareVersions) {
     EXPECT_NE(version, v1);
 
     // Each account has its own document.
-    auto bob = connect("bob", "secret");
-    ASSERT_EQ(bob->readTaskList(document, version), R::Success);
+    ASSERT_EQ(connect("bob")->readTaskList(document, version), R::Success);
     EXPECT_EQ(document, env->accountsApart() ? "" : "second");
     EXPECT_EQ(store->flush(), R::Success);
 }
@@ -577,10 +498,8 @@ int incrementTaskList(StoreBackend& store, int rounds) {
             }
             int value = document.empty() ? 0 : std::stoi(document);
             int64_t rc = store.writeTaskList(std::to_string(value + 1), version);
-            if (rc == R::Success)
-                break;
             if (rc != R::Conflict) {
-                ++errors;
+                errors += rc != R::Success;
                 break;
             }
         }
@@ -596,11 +515,27 @@ int counterValue(StoreBackend& store) {
 
 } // namespace
 
-TEST_P(StoreConcurrencyTest, ThreadsUpdatingTheTaskListLoseNothing) {
+// Two child processes with connections of their own, then four threads: two share the
+// test's connection, two have their own.
+TEST_P(StoreConcurrencyTest, ThreadsAndProcessesUpdatingTheTaskListLoseNothing) {
+    // Seen under heavy load: 81 of 90 updates arrived through rclone's LOCK-based
+    // writers' lock (threads lost one too). Open until the cause is found.
     if (GetParam().name.starts_with("Rclone"))
         GTEST_SKIP() << "updates from several writers can be lost on rclone (under investigation)";
-    constexpr int Rounds = 40;
-    // Two threads share one connection, two have their own.
+    constexpr int Rounds = 30;
+    std::vector<pid_t> children;
+    for (int c = 0; c < 2; ++c) {
+        pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) { // the exit status is the report
+            auto own = env->open();
+            StoreSession s;
+            ::_exit(own->logon("alice", "secret", s) != R::Success ? 2
+                    : incrementTaskList(*own, Rounds) != 0        ? 1
+                                                                  : 0);
+        }
+        children.push_back(pid);
+    }
     std::vector<std::shared_ptr<StoreBackend>> connections = {store, store, connect(), connect()};
     std::vector<int> errors(connections.size(), 0);
     std::vector<std::thread> threads;
@@ -608,41 +543,14 @@ TEST_P(StoreConcurrencyTest, ThreadsUpdatingTheTaskListLoseNothing) {
         threads.emplace_back([&, i] { errors[i] = incrementTaskList(*connections[i], Rounds); });
     for (auto& thread : threads)
         thread.join();
-    for (int e : errors)
-        EXPECT_EQ(e, 0);
-    EXPECT_EQ(counterValue(*store), Rounds * static_cast<int>(connections.size()));
-}
-
-TEST_P(StoreConcurrencyTest, ProcessesUpdatingTheTaskListLoseNothing) {
-    // Seen under heavy load: 81 of 90 updates arrived through rclone's LOCK-based
-    // writers' lock (threads lost one too). Open until the cause is found.
-    if (GetParam().name.starts_with("Rclone"))
-        GTEST_SKIP() << "updates from several processes can be lost on rclone (under investigation)";
-    constexpr int Rounds = 30;
-    constexpr int Children = 2;
-    std::vector<pid_t> children;
-    for (int c = 0; c < Children; ++c) {
-        pid_t pid = ::fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            // The child: its own connection; the exit status is the report.
-            auto own = env->open();
-            StoreSession s;
-            int status = own->logon("alice", "secret", s) == R::Success ? 0 : 2;
-            if (status == 0 && incrementTaskList(*own, Rounds) != 0)
-                status = 1;
-            ::_exit(status);
-        }
-        children.push_back(pid);
-    }
-    ASSERT_EQ(incrementTaskList(*store, Rounds), 0);
+    EXPECT_EQ(errors, std::vector<int>(connections.size(), 0));
     for (pid_t pid : children) {
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
         ASSERT_TRUE(WIFEXITED(status));
         EXPECT_EQ(WEXITSTATUS(status), 0);
     }
-    EXPECT_EQ(counterValue(*store), Rounds * (Children + 1));
+    EXPECT_EQ(counterValue(*store), Rounds * 6);
 }
 
 TEST_P(StoreConcurrencyTest, ParallelPutsInOneFolderAllArrive) {
@@ -655,17 +563,14 @@ TEST_P(StoreConcurrencyTest, ParallelPutsInOneFolderAllArrive) {
             auto own = t == 0 ? store : connect();
             for (int i = 0; i < PerThread; ++i) {
                 std::string name = "\\P\\f" + std::to_string(t) + "_" + std::to_string(i);
-                if (putText(*own, name, name) != R::Success)
-                    ++failures[t];
+                failures[t] += putText(*own, name, name) != R::Success;
             }
         });
     }
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(failures, std::vector<int>(3, 0));
-    StoreItem item;
-    ASSERT_EQ(store->stat("\\P", item), R::Success);
-    EXPECT_EQ(item.fileCount, 3 * PerThread);
+    EXPECT_EQ(itemAt(*store, "\\P").fileCount, 3 * PerThread);
 }
 
 } // namespace cirrovault::test

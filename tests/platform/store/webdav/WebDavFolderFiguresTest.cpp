@@ -58,11 +58,6 @@ private:
     int fences_ = 0;
 };
 
-int64_t putText(StoreBackend& store, const std::string& path, const std::string& text) {
-    MemorySource source(text, "t");
-    return store.put(path, source, Date(1'600'000'000.0), nullptr);
-}
-
 } // namespace
 
 TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
