@@ -1,5 +1,5 @@
-#include "platform/store/StoreConformance.h"
-
+// The behaviour every backend owes the engine, checked against the embedded local store
+// and real WebDAV servers on 127.0.0.1. A backend joins with an environment of its own.
 #include <map>
 #include <thread>
 #include <vector>
@@ -8,27 +8,137 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include "common/TempHome.h"
+#include "common/WebDavTestServer.h"
+#include "platform/framework/NimboSetting.h"
 #include "platform/os/FileSystem.h"
 #include "platform/store/StoreTestSupport.h"
+#include "platform/store/local/LocalStore.h"
+#include "platform/store/webdav/WebDavStore.h"
 
 namespace cirrovault::test {
 
 namespace R = ResultCode;
 
-void StoreConformanceTest::SetUp() {
-    env = GetParam().make();
-    store = env->open();
-    ASSERT_EQ(store->logon("alice", "secret", session), R::Success);
-}
-
-std::shared_ptr<StoreBackend> StoreConformanceTest::connect(const std::string& user) {
-    auto connection = env->open();
-    StoreSession s;
-    EXPECT_EQ(connection->logon(user, "secret", s), R::Success);
-    return connection;
-}
-
 namespace {
+
+// One store set up for a test: a fresh, empty service of one backend kind.
+class StoreEnvironment {
+public:
+    virtual ~StoreEnvironment() = default;
+    // A new connection to the same store. Called in other threads and in forked
+    // children too, so it must not share state with earlier connections.
+    virtual std::shared_ptr<StoreBackend> open() = 0;
+    // Places a symbolic link named linkName in the account's serverFolder, leading to
+    // target. False when the backend's storage cannot hold one.
+    virtual bool plantLink(const StoreSession&, const std::string& serverFolder,
+                           const std::string& linkName, const std::string& target) = 0;
+    // Limits the logged-on account to bytes. False when the backend cannot.
+    virtual bool limitQuota(StoreBackend& store, int64_t bytes) = 0;
+    // Whether each user has an account of their own; false where the service's root
+    // is one folder that every user of the server shares.
+    virtual bool accountsApart() const { return true; }
+    // A local folder outside the store for the test's own files.
+    std::string scratchFolder() { return home.file("scratch"); }
+
+    TempHome home;
+};
+
+class LocalStoreEnvironment : public StoreEnvironment {
+public:
+    std::shared_ptr<StoreBackend> open() override {
+        return std::make_shared<LocalStore>(home.file("store"));
+    }
+    bool plantLink(const StoreSession& session, const std::string& serverFolder,
+                   const std::string& linkName, const std::string& target) override {
+        std::string folder = home.file("store/accounts/" + session.customerID + "/files");
+        for (char c : serverFolder)
+            folder += c == '\\' ? '/' : c;
+        return ::symlink(target.c_str(), (folder + "/" + linkName).c_str()) == 0;
+    }
+    bool limitQuota(StoreBackend& store, int64_t bytes) override {
+        auto* local = dynamic_cast<LocalStore*>(&store);
+        return local && local->setQuota(bytes) == R::Success;
+    }
+};
+
+class WebDavStoreEnvironment : public StoreEnvironment {
+public:
+    WebDavStoreEnvironment(WebDavTestServer::Kind kind, WebDavTestServer::Account account)
+        : server_(kind, home.file("server"), {{"alice", "secret"}, {"bob", "secret"}}, account),
+          account_(account) {}
+
+    std::shared_ptr<StoreBackend> open() override {
+        return std::make_shared<WebDavStore>(server_.accountUrl(), HttpTimeouts{},
+                                             &NimboSetting::GetSetting);
+    }
+    bool plantLink(const StoreSession&, const std::string&, const std::string&,
+                   const std::string&) override {
+        return false; // the server decides about links in its folder, not the store
+    }
+    bool limitQuota(StoreBackend&, int64_t bytes) override {
+        return NimboSetting::SetSettingValueForKey("Quota", std::to_string(bytes));
+    }
+    bool accountsApart() const override {
+        return account_ == WebDavTestServer::Account::FolderPerUser;
+    }
+
+private:
+    WebDavTestServer server_;
+    WebDavTestServer::Account account_;
+};
+
+struct StoreKind {
+    std::string name;
+    std::function<std::unique_ptr<StoreEnvironment>()> make;
+};
+
+void PrintTo(const StoreKind& kind, std::ostream* os) { *os << kind.name; }
+
+StoreKind webDav(std::string name, WebDavTestServer::Kind kind, bool atRoot = false) {
+    auto account = atRoot ? WebDavTestServer::Account::AtRoot : WebDavTestServer::Account::FolderPerUser;
+    return {name + (atRoot ? "AtRoot" : ""),
+            [kind, account] { return std::make_unique<WebDavStoreEnvironment>(kind, account); }};
+}
+
+using K = WebDavTestServer::Kind;
+
+// Every server at a folder of its own and at its root; lighttpd without its property
+// database keeps times and descriptions in our metadata documents.
+const auto Kinds = testing::Values(
+    StoreKind{"Local", [] { return std::make_unique<LocalStoreEnvironment>(); }},
+    webDav("Apache", K::Apache), webDav("Apache", K::Apache, true), webDav("Lighttpd", K::Lighttpd),
+    webDav("Lighttpd", K::Lighttpd, true),
+    webDav("LighttpdWithoutProperties", K::LighttpdWithoutProperties), webDav("Rclone", K::Rclone),
+    webDav("Rclone", K::Rclone, true), webDav("Sabre", K::Sabre), webDav("Sabre", K::Sabre, true));
+
+class StoreConformanceTest : public testing::TestWithParam<StoreKind> {
+protected:
+    void SetUp() override {
+        env = GetParam().make();
+        store = env->open();
+        ASSERT_EQ(store->logon("alice", "secret", session), R::Success);
+    }
+    // Logs a fresh connection on.
+    std::shared_ptr<StoreBackend> connect(const std::string& user = "alice") {
+        auto connection = env->open();
+        StoreSession s;
+        EXPECT_EQ(connection->logon(user, "secret", s), R::Success);
+        return connection;
+    }
+
+    std::unique_ptr<StoreEnvironment> env;
+    std::shared_ptr<StoreBackend> store; // logged on as "alice"
+    StoreSession session;
+};
+
+class StoreConcurrencyTest : public StoreConformanceTest {};
+
+std::string kindName(const testing::TestParamInfo<StoreKind>& info) { return info.param.name; }
+INSTANTIATE_TEST_SUITE_P(Store, StoreConformanceTest, Kinds, kindName);
+INSTANTIATE_TEST_SUITE_P(Store, StoreConcurrencyTest, Kinds, kindName);
 
 // Every item of the account, one line each, for "nothing changed" checks.
 void describeTree(StoreBackend& store, const std::string& folder, std::string& out) {
