@@ -121,7 +121,6 @@ protected:
         store = env->open();
         ASSERT_EQ(store->logon("alice", "secret", session), R::Success);
     }
-    // Logs a fresh connection on.
     std::shared_ptr<StoreBackend> connect(const std::string& user = "alice") {
         auto connection = env->open();
         StoreSession s;
@@ -140,34 +139,22 @@ std::string kindName(const testing::TestParamInfo<StoreKind>& info) { return inf
 INSTANTIATE_TEST_SUITE_P(Store, StoreConformanceTest, Kinds, kindName);
 INSTANTIATE_TEST_SUITE_P(Store, StoreConcurrencyTest, Kinds, kindName);
 
-// Every item of the account, one line each, for "nothing changed" checks.
-void describeTree(StoreBackend& store, const std::string& folder, std::string& out) {
-    std::vector<StoreItem> items;
-    if (store.list(folder, items) != R::Success) {
-        out += "<unreadable " + folder + ">\n";
-        return;
-    }
-    std::sort(items.begin(), items.end(),
-              [](const StoreItem& a, const StoreItem& b) { return a.name < b.name; });
-    for (const auto& item : items) {
-        std::string path = (folder == "\\" ? "" : folder) + "\\" + item.name;
-        out += path + " " + std::to_string(item.size) + " " + std::to_string(item.fileCount) + " " +
-               item.description + "\n";
-        if (item.isFolder)
-            describeTree(store, path, out);
-    }
-}
-
-std::string snapshot(StoreBackend& store) {
-    std::string out;
-    describeTree(store, "\\", out);
-    return out;
-}
-
 std::vector<StoreItem> listed(StoreBackend& store, const std::string& folder) {
     std::vector<StoreItem> items;
     EXPECT_EQ(store.list(folder, items), R::Success) << folder;
+    std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.name < b.name; });
     return items;
+}
+
+// Every item beneath folder, one line each, for "nothing changed" checks.
+std::string snapshot(StoreBackend& store, const std::string& folder = "\\") {
+    std::string out;
+    for (const auto& item : listed(store, folder)) {
+        std::string path = (folder == "\\" ? "" : folder) + "\\" + item.name;
+        out += path + " " + std::to_string(item.size) + " " + std::to_string(item.fileCount) + " " +
+               item.description + "\n" + (item.isFolder ? snapshot(store, path) : "");
+    }
+    return out;
 }
 
 // A Date is a double: below a microsecond it cannot say more about a current date.
