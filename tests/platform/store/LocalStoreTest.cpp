@@ -1,4 +1,4 @@
-#include <condition_variable>
+#include <future>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -242,17 +242,16 @@ TEST(LocalStoreDamageTest, LostRecordsAreRefusedAndRepairedFromTheAccountFolders
 class GateObserver : public TransferObserver {
 public:
     void transferred(uint64_t, uint64_t) override {
-        std::unique_lock lock(mutex);
-        reached = true;
-        changed.notify_all();
-        changed.wait(lock, [this] { return released; });
+        std::call_once(once_, [this] { reached.set_value(); });
+        released.wait();
     }
     bool shouldContinue() override { return true; }
 
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool reached = false;  // guarded by mutex
-    bool released = false; // guarded by mutex
+    std::promise<void> reached, release;
+    std::shared_future<void> released = release.get_future().share();
+
+private:
+    std::once_flag once_;
 };
 
 using LocalStoreThreadTest = LocalStoreTest;
@@ -266,16 +265,9 @@ TEST_F(LocalStoreThreadTest, OnlyOneUploadWritesAFileAtATime) {
         MemorySource source(data, "t");
         firstResult = store.put("\\f", source, Date(), &gate);
     });
-    {
-        std::unique_lock lock(gate.mutex);
-        gate.changed.wait(lock, [&] { return gate.reached; });
-    }
+    gate.reached.get_future().wait();
     EXPECT_EQ(putText(*second, "\\f", "other"), R::Conflict);
-    {
-        std::lock_guard lock(gate.mutex);
-        gate.released = true;
-    }
-    gate.changed.notify_all();
+    gate.release.set_value();
     writer.join();
     EXPECT_EQ(firstResult, R::Success);
     EXPECT_EQ(storedContent(*second, "\\f"), data);
