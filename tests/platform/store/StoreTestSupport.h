@@ -119,9 +119,11 @@ inline int64_t statCode(StoreBackend& store, const std::string& path) {
 }
 
 // A folder's figures as "bytes/files".
-inline std::string figuresOf(StoreBackend& store, const std::string& path) {
-    StoreItem item = itemAt(store, path);
+inline std::string figures(const StoreItem& item) {
     return std::to_string(item.size) + "/" + std::to_string(item.fileCount);
+}
+inline std::string figuresOf(StoreBackend& store, const std::string& path) {
+    return figures(itemAt(store, path));
 }
 
 } // namespace cirrovault::test
