@@ -64,21 +64,18 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     TempHome home;
     WebDavTestServer server(WebDavTestServer::Kind::Apache, home.file("server"),
                             {{"alice", "secret"}});
-    std::vector<std::string> folders = {"\\T"};
+    // Three folders of two leaves each, a four-byte file in every leaf.
+    const std::vector<std::string> folders = {
+        "\\T",          "\\T\\A0",        "\\T\\A0\\B0", "\\T\\A0\\B1", "\\T\\A1",
+        "\\T\\A1\\B0", "\\T\\A1\\B1", "\\T\\A2",        "\\T\\A2\\B0", "\\T\\A2\\B1"};
     {
         WebDavStore writer(server.url("{user}/"));
         StoreSession session;
         ASSERT_EQ(writer.logon("alice", "secret", session), R::Success);
-        ASSERT_EQ(writer.makeFolder("\\T", "", ""), R::Success);
-        for (int a = 0; a < 3; ++a) {
-            std::string middle = "\\T\\A" + std::to_string(a);
-            ASSERT_EQ(writer.makeFolder(middle, "", ""), R::Success);
-            folders.push_back(middle);
-            for (int b = 0; b < 2; ++b) {
-                std::string leaf = middle + "\\B" + std::to_string(b);
-                ASSERT_EQ(writer.makeFolder(leaf, "", ""), R::Success);
-                ASSERT_EQ(putText(writer, leaf + "\\f", "four"), R::Success);
-                folders.push_back(leaf);
+        for (const auto& folder : folders) {
+            ASSERT_EQ(writer.makeFolder(folder, "", ""), R::Success);
+            if (folder.find("\\B") != std::string::npos) {
+                ASSERT_EQ(putText(writer, folder + "\\f", "four"), R::Success);
             }
         }
         writer.logoff();
