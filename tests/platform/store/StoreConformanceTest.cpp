@@ -608,27 +608,11 @@ int counterValue(StoreBackend& store) {
 
 } // namespace
 
-// Two child processes with connections of their own, then four threads: two share the
-// test's connection, two have their own.
-TEST_P(StoreConcurrencyTest, ThreadsAndProcessesUpdatingTheTaskListLoseNothing) {
-    // Seen under heavy load: 81 of 90 updates arrived through rclone's LOCK-based
-    // writers' lock (threads lost one too). Open until the cause is found.
+TEST_P(StoreConcurrencyTest, ThreadsUpdatingTheTaskListLoseNothing) {
     if (GetParam().name.starts_with("Rclone"))
         GTEST_SKIP() << "updates from several writers can be lost on rclone (under investigation)";
-    constexpr int Rounds = 30;
-    std::vector<pid_t> children;
-    for (int c = 0; c < 2; ++c) {
-        pid_t pid = ::fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) { // the exit status is the report
-            auto own = env->open();
-            StoreSession s;
-            ::_exit(own->logon("alice", "secret", s) != R::Success ? 2
-                    : incrementTaskList(*own, Rounds) != 0        ? 1
-                                                                  : 0);
-        }
-        children.push_back(pid);
-    }
+    constexpr int Rounds = 40;
+    // Two threads share one connection, two have their own.
     std::vector<std::shared_ptr<StoreBackend>> connections = {store, store, connect(), connect()};
     std::vector<int> errors(connections.size(), 0);
     std::vector<std::thread> threads;
@@ -637,13 +621,36 @@ TEST_P(StoreConcurrencyTest, ThreadsAndProcessesUpdatingTheTaskListLoseNothing) 
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(errors, std::vector<int>(connections.size(), 0));
+    EXPECT_EQ(counterValue(*store), Rounds * static_cast<int>(connections.size()));
+}
+
+TEST_P(StoreConcurrencyTest, ProcessesUpdatingTheTaskListLoseNothing) {
+    // Seen under heavy load: 81 of 90 updates arrived through rclone's LOCK-based
+    // writers' lock (threads lost one too). Open until the cause is found.
+    if (GetParam().name.starts_with("Rclone"))
+        GTEST_SKIP() << "updates from several processes can be lost on rclone (under investigation)";
+    constexpr int Rounds = 30;
+    std::vector<pid_t> children;
+    for (int c = 0; c < 2; ++c) {
+        pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) { // its own connection; the exit status is the report
+            auto own = env->open();
+            StoreSession s;
+            ::_exit(own->logon("alice", "secret", s) != R::Success ? 2
+                    : incrementTaskList(*own, Rounds) != 0        ? 1
+                                                                  : 0);
+        }
+        children.push_back(pid);
+    }
+    ASSERT_EQ(incrementTaskList(*store, Rounds), 0);
     for (pid_t pid : children) {
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
         ASSERT_TRUE(WIFEXITED(status));
         EXPECT_EQ(WEXITSTATUS(status), 0);
     }
-    EXPECT_EQ(counterValue(*store), Rounds * 6);
+    EXPECT_EQ(counterValue(*store), Rounds * 3);
 }
 
 TEST_P(StoreConcurrencyTest, ParallelPutsInOneFolderAllArrive) {
