@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "common/LocalDate.h"
@@ -19,6 +20,9 @@ using namespace cirrovault;
 namespace {
 
 using test::localDate;
+using testing::EndsWith;
+using testing::HasSubstr;
+using Strings = std::vector<std::string>;
 
 TaskListEntry makeTask(const std::string& name) {
     TaskListEntry task;
@@ -37,15 +41,6 @@ TaskListEntry makeTask(const std::string& name) {
     task.mResumeDate = localDate(1971, 1, 1, 0, 0, 0);
     task.uiRemoteSize = 42;
     return task;
-}
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() &&
-           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 // Against the real local store in a temporary home, logged on; every request text the
@@ -82,15 +77,13 @@ protected:
 
 TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmptyOne) {
     std::string folderA = home.file("A b"), folderB = home.file("B"), file = home.file("c.txt");
-    FileSystem::createDirectories(folderA);
-    FileSystem::createDirectories(folderB);
-    FileSystem::writeFileAtomically(file, "x");
+    ASSERT_TRUE(FileSystem::createDirectories(folderA) && FileSystem::createDirectories(folderB));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(file, "x"));
     TaskListEntry task = makeTask("My Docs");
     task.localDirList = {folderA, file, folderB};
 
     ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
     EXPECT_EQ(client.nType, 0);
-    ASSERT_EQ(sent.size(), 4u);
     const std::string header =
         "TaskID=-5&ComputerID=18446744073709551615&TaskName=My%20Docs&Descr=Work%20files&"
         "PcName=box&Type=2&BackupDate=2024-03-05%2007%3A08%3A09&ServerPath=%5CBackup%5CMy%20Docs&"
@@ -98,16 +91,13 @@ TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmp
         "BeginDate=2024-02-05%2007%3A08%3A09&EndDate=2099-01-01%2000%3A00%3A00&"
         "ResumeDate=1971-01-01%2000%3A00%3A00&RemoteSize=42&IsResume=0&Upgraded=&"
         "OldTaskName=My%20Docs&";
-    EXPECT_EQ(sent[0], header +
-                           "Action=Add&IsFolder0=1&Path0=" + TransferApiUtil::EncodeURL(folderA) +
-                           "&Serial0=&Action0=1&localPathNum=1");
-    EXPECT_EQ(sent[1], header + "Action=Edit&IsFolder0=0&Path0=" +
-                           TransferApiUtil::EncodeURL(file) + "&Serial0=&Action0=1&localPathNum=1");
-    EXPECT_EQ(sent[2], header +
-                           "Action=Edit&IsFolder0=1&Path0=" + TransferApiUtil::EncodeURL(folderB) +
-                           "&Serial0=&Action0=1&localPathNum=1");
-    EXPECT_EQ(sent[3], header + "Action=Edit&localPathNum=0");
-    EXPECT_EQ(storedPaths("My Docs"), (std::vector<std::string>{folderA, file, folderB}));
+    auto onePath = [&](const std::string& action, int folder, const std::string& path) {
+        return header + "Action=" + action + "&IsFolder0=" + std::to_string(folder) + "&Path0=" +
+               TransferApiUtil::EncodeURL(path) + "&Serial0=&Action0=1&localPathNum=1";
+    };
+    EXPECT_EQ(sent, (Strings{onePath("Add", 1, folderA), onePath("Edit", 0, file),
+                             onePath("Edit", 1, folderB), header + "Action=Edit&localPathNum=0"}));
+    EXPECT_EQ(storedPaths("My Docs"), (Strings{folderA, file, folderB}));
 
     // Filters: empty entries are skipped, each entry is encoded and followed by a plain "|".
     sent.clear();
@@ -117,14 +107,13 @@ TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmp
     filtered.bResume = true;
     ASSERT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", "1"), 0);
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_TRUE(contains(sent[0], "&FilterExts=tmp|o%20b|&FilterPaths=%2Fx%2Fy|&MaxVersion=10&"));
-    EXPECT_TRUE(
-        contains(sent[0], "&IsResume=1&Upgraded=1&OldTaskName=Filtered&Action=Add&localPathNum=0"));
+    EXPECT_THAT(sent[0], HasSubstr("&FilterExts=tmp|o%20b|&FilterPaths=%2Fx%2Fy|&MaxVersion=10&"));
+    EXPECT_THAT(sent[0],
+                HasSubstr("&IsResume=1&Upgraded=1&OldTaskName=Filtered&Action=Add&localPathNum=0"));
     std::string reply = client.getBackupTasks("Filtered", "false");
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_FilterExts", reply),
-              (std::vector<std::string>{"tmp|o b"}));
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_FilterExts", reply), Strings{"tmp|o b"});
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_BackupDate", reply),
-              (std::vector<std::string>{"03/05/2024 07:08:09"}));
+              (Strings{"03/05/2024 07:08:09"}));
 
     // The service's refusals come back as the request's result.
     EXPECT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", ""), 6);
@@ -152,9 +141,9 @@ TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Old", ""), 0);
 
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_TRUE(contains(sent[0], "&TaskName=New&"));
-    EXPECT_TRUE(contains(sent[0], "&ServerPath=%5CBackup%5CNew&"));
-    EXPECT_TRUE(endsWith(sent[0], "&OldTaskName=Old&Action=Edit&localPathNum=0"));
+    EXPECT_THAT(sent[0], HasSubstr("&TaskName=New&"));
+    EXPECT_THAT(sent[0], HasSubstr("&ServerPath=%5CBackup%5CNew&"));
+    EXPECT_THAT(sent[0], EndsWith("&OldTaskName=Old&Action=Edit&localPathNum=0"));
     EXPECT_EQ(task.serverPath, "\\Backup\\New");
     EXPECT_EQ(askedEncrypted, (std::vector<bool>{false}));
     EXPECT_TRUE(existsOnService("\\Backup\\New"));
@@ -163,8 +152,8 @@ TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
     EXPECT_FALSE(existsOnService("\\History\\Old"));
 
     ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{"New"}));
-    EXPECT_EQ(storedPaths("New"), (std::vector<std::string>{"/data/one"}));
+    EXPECT_EQ(client.taskNamesArray, (Strings{"New"}));
+    EXPECT_EQ(storedPaths("New"), (Strings{"/data/one"}));
 
     // A plain edit under the same name keeps the folders where they are.
     sent.clear();
@@ -172,7 +161,7 @@ TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "New", ""), 0);
     EXPECT_EQ(askedEncrypted.size(), 1u);
     EXPECT_EQ(task.serverPath, "\\Backup\\New");
-    EXPECT_EQ(storedPaths("New"), (std::vector<std::string>{"/data/one", "/data/two"}));
+    EXPECT_EQ(storedPaths("New"), (Strings{"/data/one", "/data/two"}));
 }
 
 TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero) {
@@ -185,14 +174,12 @@ TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero)
     ASSERT_EQ(sent.size(), 3u);
     const char* counts[] = {"localPathNum=100", "localPathNum=100", "localPathNum=50"};
     for (size_t r = 0; r < 3; ++r) {
-        EXPECT_TRUE(endsWith(sent[r], counts[r])) << r;
-        EXPECT_TRUE(
-            contains(sent[r], r == 0 ? "&Action=Add&IsFolder0=0&" : "&Action=Edit&IsFolder0=0&"));
-        EXPECT_TRUE(contains(sent[r], "&Path0=%2Fsrc%2F" + std::to_string(r * 100) + "&"));
-        EXPECT_FALSE(contains(sent[r], "IsFolder100="));
+        EXPECT_THAT(sent[r], EndsWith(counts[r])) << r;
+        EXPECT_THAT(sent[r], HasSubstr(r ? "&Action=Edit&IsFolder0=0&" : "&Action=Add&IsFolder0=0&"));
+        EXPECT_THAT(sent[r], HasSubstr("&Path0=%2Fsrc%2F" + std::to_string(r * 100) + "&"));
+        EXPECT_THAT(sent[r], testing::Not(HasSubstr("IsFolder100=")));
     }
-    std::vector<std::string> stored = storedPaths("Big");
-    EXPECT_EQ(stored, task.localDirList);
+    EXPECT_EQ(storedPaths("Big"), task.localDirList);
 
     // Removals come first and share the count with additions: 150 + 50 = 200 entries go
     // as two full requests and a final empty one.
@@ -202,10 +189,10 @@ TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero)
         task.addFileArray.push_back("/new/" + std::to_string(i));
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Big", ""), 0);
     ASSERT_EQ(sent.size(), 3u);
-    EXPECT_TRUE(contains(
-        sent[1], "&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
-    EXPECT_TRUE(endsWith(sent[2], "&Action=Edit&localPathNum=0"));
-    stored = storedPaths("Big");
+    EXPECT_THAT(sent[1],
+                HasSubstr("&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
+    EXPECT_THAT(sent[2], EndsWith("&Action=Edit&localPathNum=0"));
+    Strings stored = storedPaths("Big");
     ASSERT_EQ(stored.size(), 150u);
     EXPECT_EQ(stored.front(), "/src/150");
     EXPECT_EQ(stored.back(), "/new/49");
@@ -223,21 +210,19 @@ TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsTheTaskListGaveThem) {
     sent.clear();
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Moved", "1"), 0);
     ASSERT_EQ(sent.size(), 4u);
-    EXPECT_TRUE(contains(sent[0], "&Upgraded=1&"));
-    EXPECT_TRUE(
-        endsWith(sent[0], "&IsFolder0=1&Path0=C%3A%5CData&Serial0=&Action0=0&localPathNum=1"));
-    EXPECT_TRUE(
-        endsWith(sent[1], "&IsFolder0=0&Path0=C%3A%5CMail&Serial0=&Action0=0&localPathNum=1"));
-    EXPECT_TRUE(
-        contains(sent[2], "&IsFolder0=1&Path0=" + TransferApiUtil::EncodeURL(home.path()) + "&"));
-    EXPECT_EQ(storedPaths("Moved"), (std::vector<std::string>{home.path()}));
+    EXPECT_THAT(sent[0], HasSubstr("&Upgraded=1&"));
+    EXPECT_THAT(sent[0], EndsWith("&IsFolder0=1&Path0=C%3A%5CData&Serial0=&Action0=0&localPathNum=1"));
+    EXPECT_THAT(sent[1], EndsWith("&IsFolder0=0&Path0=C%3A%5CMail&Serial0=&Action0=0&localPathNum=1"));
+    EXPECT_THAT(sent[2],
+                HasSubstr("&IsFolder0=1&Path0=" + TransferApiUtil::EncodeURL(home.path()) + "&"));
+    EXPECT_EQ(storedPaths("Moved"), (Strings{home.path()}));
 
     // Keeping only the first computer's paths sends the header alone.
     task.bOnlyMigrateTaskOrignalPath = true;
     sent.clear();
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Moved", "1"), 0);
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_TRUE(endsWith(sent[0], "&Action=Edit&localPathNum=0"));
+    EXPECT_THAT(sent[0], EndsWith("&Action=Edit&localPathNum=0"));
 
     // localFile numbers from the given count, except for removals, which start at 0.
     EXPECT_EQ(
@@ -250,7 +235,7 @@ TEST_F(CManageTaskListTest, NamesListsAndDeletes) {
     ASSERT_EQ(client.getTaskNames("true"), 0);
     EXPECT_EQ(client.nType, 3);
     EXPECT_EQ(client.strTaskNames, "");
-    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{""}));
+    EXPECT_EQ(client.taskNamesArray, (Strings{""}));
     EXPECT_EQ(client.getBackupTasks("", "false"), "");
     EXPECT_EQ(client.iResult, 0);
 
@@ -260,11 +245,11 @@ TEST_F(CManageTaskListTest, NamesListsAndDeletes) {
     }
     ASSERT_EQ(client.getTaskNames("true"), 0);
     EXPECT_EQ(client.strTaskNames, "A|B|C");
-    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{"A", "B", "C"}));
+    EXPECT_EQ(client.taskNamesArray, (Strings{"A", "B", "C"}));
     EXPECT_EQ(client.deleteTasks(""), ResultCode::EmptyName);
     EXPECT_EQ(client.deleteTasks("A|C"), 0);
     ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.taskNamesArray, (std::vector<std::string>{"B"}));
+    EXPECT_EQ(client.taskNamesArray, (Strings{"B"}));
 
     api().Logoff();
     EXPECT_EQ(client.getBackupTasks("", "false"), "");

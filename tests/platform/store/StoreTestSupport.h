@@ -7,6 +7,9 @@
 #include <optional>
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include "platform/os/ResultCodes.h"
 #include "platform/store/StoreBackend.h"
 
 namespace cirrovault::test {
@@ -15,8 +18,8 @@ namespace cirrovault::test {
 // at a chosen offset the way a vanished disk would.
 class MemorySource : public ByteSource {
 public:
-    MemorySource(std::string data, std::string tag)
-        : data_(std::move(data)), tag_(std::move(tag)) {}
+    MemorySource(std::string data, std::string tag, uint32_t mode = 0)
+        : data_(std::move(data)), tag_(std::move(tag)), mode_(mode) {}
 
     uint64_t size() const override { return data_.size(); }
     bool seek(uint64_t offset) override {
@@ -37,16 +40,15 @@ public:
     std::string resumeTag() const override { return tag_; }
     uint32_t mode() const override { return mode_; }
 
-    void setMode(uint32_t mode) { mode_ = mode; }
     void failReadsFrom(uint64_t offset) { failAt_ = offset; }
     uint64_t bytesRead() const { return bytesRead_; }
 
 private:
     std::string data_;
     std::string tag_;
+    uint32_t mode_;
     uint64_t position_ = 0;
     uint64_t bytesRead_ = 0;
-    uint32_t mode_ = 0;
     std::optional<uint64_t> failAt_;
 };
 
@@ -56,12 +58,8 @@ public:
         data.append(buffer, n);
         return true;
     }
-    bool finish() override {
-        ++finishes;
-        return true;
-    }
+    bool finish() override { return true; }
     std::string data;
-    int finishes = 0;
 };
 
 // Says stop once `stopAfter` bytes are stored, or when told to from another thread.
@@ -73,16 +71,12 @@ public:
         lastTotal = total;
     }
     void resumedFrom(uint64_t bytes) override { resumed = bytes; }
-    bool shouldContinue() override {
-        ++asked;
-        return !stop && lastDone < stopAfter_;
-    }
+    bool shouldContinue() override { return !stop && lastDone < stopAfter_; }
 
     std::atomic<bool> stop{false};
     std::atomic<uint64_t> lastDone{0};
     uint64_t lastTotal = 0;
     uint64_t resumed = 0;
-    std::atomic<int> asked{0};
 
 private:
     uint64_t stopAfter_;
@@ -99,11 +93,37 @@ inline std::string patternBytes(size_t size, unsigned seed = 1) {
     return data;
 }
 
+inline int64_t putText(StoreBackend& store, const std::string& path, const std::string& text,
+                       Date modifyTime = Date(1'600'000'000.0), uint32_t mode = 0) {
+    MemorySource source(text, "t", mode);
+    return store.put(path, source, modifyTime, nullptr);
+}
+
 inline std::string storedContent(StoreBackend& store, const std::string& path) {
     MemorySink sink;
     if (store.get(path, sink, nullptr) != 0)
         return "<get failed>";
     return sink.data;
+}
+
+// The item at path, which must be there.
+inline StoreItem itemAt(StoreBackend& store, const std::string& path) {
+    StoreItem item;
+    EXPECT_EQ(store.stat(path, item), ResultCode::Success) << path;
+    return item;
+}
+
+inline int64_t statCode(StoreBackend& store, const std::string& path) {
+    StoreItem item;
+    return store.stat(path, item);
+}
+
+// A folder's figures as "bytes/files".
+inline std::string figures(const StoreItem& item) {
+    return std::to_string(item.size) + "/" + std::to_string(item.fileCount);
+}
+inline std::string figuresOf(StoreBackend& store, const std::string& path) {
+    return figures(itemAt(store, path));
 }
 
 } // namespace cirrovault::test

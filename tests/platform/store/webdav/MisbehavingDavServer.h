@@ -38,7 +38,13 @@ public:
         socklen_t size = sizeof address;
         ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
         port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { serve(); });
+        thread_ = std::thread([this] {
+            while (readable(listener_))
+                if (int client = ::accept(listener_, nullptr, nullptr); client >= 0) {
+                    handle(client);
+                    ::close(client);
+                }
+        });
     }
     ~MisbehavingDavServer() {
         stop_ = true;
@@ -47,13 +53,10 @@ public:
     }
 
     std::string url() const { return "webdav://127.0.0.1:" + std::to_string(port_) + "/dav/"; }
-    std::vector<std::string> requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
     bool saw(const std::string& prefix) const {
-        for (const auto& line : requests())
-            if (line.compare(0, prefix.size(), prefix) == 0)
+        std::lock_guard lock(mutex_);
+        for (const auto& line : requests_)
+            if (line.starts_with(prefix))
                 return true;
         return false;
     }
@@ -63,47 +66,44 @@ private:
     bool readable(int fd) {
         while (!stop_) {
             pollfd p{fd, POLLIN, 0};
-            int n = ::poll(&p, 1, 10);
-            if (n > 0)
-                return true;
-            if (n < 0)
-                return false;
+            if (int n = ::poll(&p, 1, 10); n != 0)
+                return n > 0;
         }
         return false;
     }
-
-    void serve() {
-        while (readable(listener_)) {
-            int client = ::accept(listener_, nullptr, nullptr);
-            if (client >= 0) {
-                handle(client);
-                ::close(client);
-            }
+    // Reads until buffer holds at least size bytes; false when the peer or the server stops.
+    bool fill(int fd, std::string& buffer, size_t size) {
+        char chunk[65536];
+        while (buffer.size() < size) {
+            ssize_t n = readable(fd) ? ::read(fd, chunk, sizeof chunk) : 0;
+            if (n <= 0)
+                return false;
+            buffer.append(chunk, static_cast<size_t>(n));
         }
+        return true;
     }
 
-    static void reply(int fd, int status, const std::string& body = "",
-                      const std::string& type = "text/plain") {
+    static void reply(int fd, int status, const std::string& body = "") {
         std::string text = "HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Length: " +
-                           std::to_string(body.size()) + "\r\nContent-Type: " + type +
-                           "\r\n\r\n" + body;
+                           std::to_string(body.size()) + "\r\nContent-Type: " +
+                           (body.empty() ? "text/plain" : "application/xml") + "\r\n\r\n" + body;
         (void)!::write(fd, text.data(), text.size());
+    }
+    static void multistatus(int fd, const std::string& href, const std::string& props) {
+        reply(fd, 207,
+              "<?xml version=\"1.0\"?><multistatus xmlns=\"DAV:\"><response><href>" + href +
+                  "</href><propstat><prop>" + props +
+                  "</prop><status>HTTP/1.1 200 OK</status></propstat></response></multistatus>");
     }
 
     // One connection, its requests one after another.
     void handle(int fd) {
         std::string buffer;
-        char chunk[65536];
         for (;;) {
             size_t end;
-            while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
-                if (!readable(fd))
+            while ((end = buffer.find("\r\n\r\n")) == std::string::npos)
+                if (!fill(fd, buffer, buffer.size() + 1))
                     return;
-                ssize_t n = ::read(fd, chunk, sizeof chunk);
-                if (n <= 0)
-                    return;
-                buffer.append(chunk, static_cast<size_t>(n));
-            }
             std::string head = buffer.substr(0, end);
             buffer.erase(0, end + 4);
             std::string line = head.substr(0, head.find("\r\n"));
@@ -114,74 +114,44 @@ private:
             size_t length = 0;
             if (auto at = head.find("Content-Length: "); at != std::string::npos)
                 length = std::stoul(head.substr(at + 16));
-            const bool partPut = line.rfind("PUT ", 0) == 0 &&
-                                 line.find(".part ") != std::string::npos;
+            const bool partPut = line.starts_with("PUT ") && line.find(".part ") != std::string::npos;
+            const bool ranged = head.find("Content-Range") != std::string::npos;
             if (partPut && fault_ == Fault::DropMidBody) {
-                while (buffer.size() < length / 2) {
-                    if (!readable(fd))
-                        return;
-                    ssize_t n = ::read(fd, chunk, sizeof chunk);
-                    if (n <= 0)
-                        return;
-                    buffer.append(chunk, static_cast<size_t>(n));
-                }
+                fill(fd, buffer, length / 2);
                 return; // the connection dies with half the body read
             }
-            while (buffer.size() < length) {
-                if (!readable(fd))
-                    return;
-                ssize_t n = ::read(fd, chunk, sizeof chunk);
-                if (n <= 0)
-                    return;
-                buffer.append(chunk, static_cast<size_t>(n));
-            }
+            if (!fill(fd, buffer, length))
+                return;
             buffer.erase(0, length);
             if ((partPut && fault_ == Fault::Hang) ||
-                (fault_ == Fault::HangLogon && line.rfind("PROPFIND /dav/ ", 0) == 0)) {
-                while (!stop_ && readable(fd)) {
-                    if (::read(fd, chunk, sizeof chunk) <= 0)
-                        return;
-                }
+                (fault_ == Fault::HangLogon && line.starts_with("PROPFIND /dav/ "))) {
+                fill(fd, buffer, SIZE_MAX); // until the client or the server gives up
                 return;
             }
             const std::string target = line.substr(line.find(' ') + 1,
                                                    line.rfind(' ') - line.find(' ') - 1);
-            if (partPut && fault_ != Fault::Answer500 && fault_ != Fault::Answer507 &&
-                head.find("Content-Range") == std::string::npos) {
-                std::lock_guard lock(mutex_);
-                sizes_[target] = fault_ == Fault::KeepHalf ? length / 2 : length;
-            }
+            std::lock_guard lock(mutex_);
             if (partPut && fault_ == Fault::Answer500) {
                 reply(fd, 500);
             } else if (partPut && fault_ == Fault::Answer507) {
                 reply(fd, 507);
-            } else if (line.rfind("PROPFIND /dav/ ", 0) == 0 ||
-                       line.rfind("PROPFIND /dav/.cirrovault/ ", 0) == 0) {
-                std::string path = line.substr(9, line.find(' ', 9) - 9);
-                reply(fd, 207,
-                      "<?xml version=\"1.0\"?><multistatus xmlns=\"DAV:\"><response><href>" +
-                          path + "</href><propstat><prop><resourcetype><collection/>"
-                                 "</resourcetype></prop><status>HTTP/1.1 200 OK</status>"
-                                 "</propstat></response></multistatus>",
-                      "application/xml");
-            } else if (line.rfind("PROPFIND ", 0) == 0 && storedSize(target)) {
-                reply(fd, 207,
-                      "<?xml version=\"1.0\"?><multistatus xmlns=\"DAV:\"><response><href>" +
-                          target + "</href><propstat><prop><resourcetype/><getcontentlength>" +
-                          std::to_string(*storedSize(target)) +
-                          "</getcontentlength></prop><status>HTTP/1.1 200 OK</status>"
-                          "</propstat></response></multistatus>",
-                      "application/xml");
-            } else if (line.rfind("PROPFIND ", 0) == 0 || line.rfind("GET ", 0) == 0) {
+            } else if (line.starts_with("PROPFIND /dav/ ") ||
+                       line.starts_with("PROPFIND /dav/.cirrovault/ ")) {
+                multistatus(fd, target, "<resourcetype><collection/></resourcetype>");
+            } else if (line.starts_with("PROPFIND ") && sizes_.count(target)) {
+                multistatus(fd, target, "<resourcetype/><getcontentlength>" +
+                                            std::to_string(sizes_[target]) + "</getcontentlength>");
+            } else if (line.starts_with("PROPFIND ") || line.starts_with("GET ")) {
                 reply(fd, 404);
-            } else if (line.rfind("MOVE ", 0) == 0) {
+            } else if (line.starts_with("MOVE ")) {
                 reply(fd, fault_ == Fault::RefuseMove ? 403 : 201);
-            } else if (line.rfind("PUT ", 0) == 0) {
-                reply(fd, head.find("Content-Range") != std::string::npos ? 400 : 201);
-            } else if (line.rfind("MKCOL ", 0) == 0) {
+            } else if (line.starts_with("PUT ")) {
+                if (partPut && !ranged)
+                    sizes_[target] = fault_ == Fault::KeepHalf ? length / 2 : length;
+                reply(fd, ranged ? 400 : 201);
+            } else if (line.starts_with("MKCOL ")) {
                 reply(fd, 405);
-            } else if (line.rfind("DELETE ", 0) == 0) {
-                std::lock_guard lock(mutex_);
+            } else if (line.starts_with("DELETE ")) {
                 sizes_.erase(target);
                 reply(fd, 204);
             } else {
@@ -190,19 +160,13 @@ private:
         }
     }
 
-    std::optional<size_t> storedSize(const std::string& target) const {
-        std::lock_guard lock(mutex_);
-        auto it = sizes_.find(target);
-        return it == sizes_.end() ? std::nullopt : std::optional<size_t>(it->second);
-    }
-
     Fault fault_;
     int listener_ = -1;
     int port_ = 0;
     std::atomic<bool> stop_{false};
     std::thread thread_;
     mutable std::mutex mutex_;
-    std::vector<std::string> requests_; // guarded by mutex_
+    std::vector<std::string> requests_;   // guarded by mutex_
     std::map<std::string, size_t> sizes_; // guarded by mutex_; the parts it holds
 };
 

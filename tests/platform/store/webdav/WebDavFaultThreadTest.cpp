@@ -15,7 +15,6 @@
 
 #include "common/LoopbackPort.h"
 #include "platform/framework/CurlHandleController.h"
-#include "platform/os/ResultCodes.h"
 #include "platform/os/CallCancel.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/webdav/MisbehavingDavServer.h"
@@ -27,6 +26,7 @@ namespace {
 
 namespace R = ResultCode;
 using Fault = MisbehavingDavServer::Fault;
+using Clock = std::chrono::steady_clock;
 
 // Asks the thread's cancel flag, the way the engine's transfers do.
 class ControllerObserver : public TransferObserver {
@@ -48,36 +48,39 @@ std::unique_ptr<WebDavStore> loggedOn(const MisbehavingDavServer& server, HttpTi
     return store;
 }
 
+// Lets a request reach the server and hang there; answers when it did.
+Clock::time_point reached(const MisbehavingDavServer& server, const std::string& request) {
+    for (auto started = Clock::now(); !server.saw(request) && Clock::now() - started < std::chrono::seconds(5);)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return Clock::now();
+}
+
 } // namespace
 
+// A part is listed as the user's file unless it is marked ours: one that cannot become
+// the file goes, and a short one never takes the file's name.
 TEST(WebDavFaultThreadTest, FailedUploadsAnswerTheirCodesAndNeverReplaceTheFile) {
-    const std::string data = patternBytes(512 * 1024);
-    for (auto [fault, expected] : {std::pair{Fault::DropMidBody, R::Failure},
-                                   std::pair{Fault::Answer500, R::Failure},
-                                   std::pair{Fault::Answer507, R::SpaceLimit}}) {
+    struct Case {
+        Fault fault;
+        int64_t expected;
+        bool moved, partRemoved;
+    };
+    for (auto [fault, expected, moved, partRemoved] :
+         {Case{Fault::DropMidBody, R::Failure, false, false},
+          Case{Fault::Answer500, R::Failure, false, false},
+          Case{Fault::Answer507, R::SpaceLimit, false, false},
+          Case{Fault::KeepHalf, R::Failure, false, true},
+          Case{Fault::RefuseMove, R::Forbidden, true, true}}) {
+        SCOPED_TRACE(static_cast<int>(fault));
         MisbehavingDavServer server(fault);
         auto store = loggedOn(server);
         EXPECT_FALSE(store->capabilities().resumableUpload); // no ranges, no properties here
-        MemorySource source(data, "tag");
+        MemorySource source(patternBytes(512 * 1024), "tag");
         EXPECT_EQ(store->put("\\file.bin", source, Date(1'600'000'000.0), nullptr), expected);
         EXPECT_TRUE(server.saw("PUT /dav/file.bin.part "));
-        EXPECT_FALSE(server.saw("MOVE ")); // the real name is never touched
+        EXPECT_EQ(server.saw("MOVE "), moved); // the real name is only ever a move's target
         EXPECT_FALSE(server.saw("PUT /dav/file.bin "));
-    }
-}
-
-TEST(WebDavFaultThreadTest, AcknowledgedButShortOrUnmovablePartsAreRemovedNotKept) {
-    // A part is listed as the user's file unless it is marked ours: one that cannot become
-    // the file goes, and a short one never takes the file's name.
-    const std::string data = patternBytes(64 * 1024);
-    for (auto [fault, expected] : {std::pair{Fault::KeepHalf, R::Failure},
-                                   std::pair{Fault::RefuseMove, R::Forbidden}}) {
-        MisbehavingDavServer server(fault);
-        auto store = loggedOn(server);
-        MemorySource source(data, "tag");
-        EXPECT_EQ(store->put("\\file.bin", source, Date(1'600'000'000.0), nullptr), expected);
-        EXPECT_TRUE(server.saw("DELETE /dav/file.bin.part "));
-        EXPECT_EQ(server.saw("MOVE "), fault == Fault::RefuseMove);
+        EXPECT_TRUE(!partRemoved || server.saw("DELETE /dav/file.bin.part ")) << "part kept";
     }
 }
 
@@ -86,28 +89,21 @@ TEST(WebDavFaultThreadTest, CancelEndsAHungUploadAtOnceAndAStallTimesOut) {
     auto store = loggedOn(server);
     MemorySource source(patternBytes(64 * 1024), "tag");
     std::promise<std::thread::id> worker;
-    auto started = std::chrono::steady_clock::now();
     auto result = std::async(std::launch::async, [&] {
         ControllerObserver observer;
         worker.set_value(std::this_thread::get_id());
         return store->put("\\file.bin", source, Date(1'600'000'000.0), &observer);
     });
     auto id = worker.get_future().get();
-    // Let the request reach the server and hang there.
-    while (!server.saw("PUT /dav/file.bin.part ") &&
-           std::chrono::steady_clock::now() - started < std::chrono::seconds(5))
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    auto cancelAt = std::chrono::steady_clock::now();
+    auto cancelAt = reached(server, "PUT /dav/file.bin.part ");
     EXPECT_TRUE(CurlHandleController::shared().CancelConnection(id));
     EXPECT_EQ(result.get(), R::Cancelled);
-    EXPECT_LT(std::chrono::steady_clock::now() - cancelAt, std::chrono::milliseconds(500));
+    EXPECT_LT(Clock::now() - cancelAt, std::chrono::milliseconds(500));
     EXPECT_FALSE(server.saw("MOVE "));
 
     // Nobody cancels: the stalled request ends by itself as an ordinary failure.
     store.reset(); // the server serves one connection at a time: give it back
-    auto impatient = loggedOn(server, HttpTimeouts{2, 1});
-    MemorySource again(patternBytes(1024), "tag");
-    EXPECT_EQ(impatient->put("\\other.bin", again, Date(), nullptr), R::Failure);
+    EXPECT_EQ(putText(*loggedOn(server, HttpTimeouts{2, 1}), "\\other.bin", "x", Date()), R::Failure);
 }
 
 TEST(WebDavFaultThreadTest, CancelEndsALogonThatWaitsOnAHungServer) {
@@ -120,24 +116,18 @@ TEST(WebDavFaultThreadTest, CancelEndsALogonThatWaitsOnAHungServer) {
         StoreSession session;
         return store.logon("alice", "secret", session);
     });
-    auto started = std::chrono::steady_clock::now();
-    while (!server.saw("PROPFIND /dav/ ") &&
-           std::chrono::steady_clock::now() - started < std::chrono::seconds(5))
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    auto cancelAt = std::chrono::steady_clock::now();
+    auto cancelAt = reached(server, "PROPFIND /dav/ ");
     *flag = true;
     EXPECT_EQ(result.get(), R::Failure);
-    EXPECT_LT(std::chrono::steady_clock::now() - cancelAt, std::chrono::milliseconds(500));
+    EXPECT_LT(Clock::now() - cancelAt, std::chrono::milliseconds(500));
 }
 
-TEST(WebDavFaultThreadTest, UnreachableServerAndBadURLs) {
+TEST(WebDavFaultThreadTest, UnreachableServerRefusesLogon) {
     WebDavStore nowhere("webdav://127.0.0.1:" + std::to_string(unusedLoopbackPort()) + "/dav/");
     StoreSession session;
     EXPECT_EQ(nowhere.logon("alice", "secret", session), R::Failure);
     EXPECT_TRUE(session.sessionID.empty());
-    StoreItem item;
-    EXPECT_EQ(nowhere.stat("\\", item), R::NotLoggedOn);
-    EXPECT_EQ(nowhere.logon("", "secret", session), R::EmptyName);
+    EXPECT_EQ(statCode(nowhere, "\\"), R::NotLoggedOn);
 }
 
 // A server whose certificate does not verify gives an unsafe connection, not an
@@ -153,9 +143,8 @@ TEST(WebDavFaultThreadTest, UnverifiedCertificateIsReportedAsSuch) {
     pid_t server = ::fork();
     if (server == 0) {
         int null = ::open("/dev/null", O_RDWR);
-        ::dup2(null, 0);
-        ::dup2(null, 1);
-        ::dup2(null, 2);
+        for (int fd : {0, 1, 2})
+            ::dup2(null, fd);
         ::execlp("openssl", "openssl", "s_server", "-quiet", "-www", "-accept", port.c_str(), "-cert",
                  (dir + "/cert.pem").c_str(), "-key", (dir + "/key.pem").c_str(), nullptr);
         ::_exit(127);
@@ -167,7 +156,6 @@ TEST(WebDavFaultThreadTest, UnverifiedCertificateIsReportedAsSuch) {
     StoreSession session;
     EXPECT_EQ(store.logon("alice", "secret", session), R::BadCertificate);
     EXPECT_TRUE(session.sessionID.empty());
-
     ::kill(server, SIGTERM);
     ::waitpid(server, nullptr, 0);
     EXPECT_EQ(std::system(("rm -rf '" + dir + "'").c_str()), 0);

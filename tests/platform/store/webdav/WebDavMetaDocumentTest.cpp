@@ -3,7 +3,6 @@
 
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
-#include "platform/os/ResultCodes.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/webdav/WebDavMetaDocument.h"
 #include "platform/store/webdav/WebDavStore.h"
@@ -50,15 +49,8 @@ protected:
         EXPECT_EQ(store->logon("alice", "secret", session), R::Success);
         return store;
     }
-    static int64_t put(StoreBackend& store, const std::string& path, const std::string& text,
-                       Date when) {
-        MemorySource source(text, "");
-        return store.put(path, source, when, nullptr);
-    }
     static double timeOf(StoreBackend& store, const std::string& path) {
-        StoreItem item;
-        EXPECT_EQ(store.stat(path, item), R::Success) << path;
-        return item.modifyTime.timeIntervalSince1970();
+        return itemAt(store, path).modifyTime.timeIntervalSince1970();
     }
     std::string onServer(const std::string& relative) const {
         return server.dataFolder() + "/alice/" + relative;
@@ -67,25 +59,26 @@ protected:
     TempHome home;
     WebDavTestServer server;
     const Date when{1'600'000'000.25};
+    const double seconds = when.timeIntervalSince1970();
 };
 
 TEST_F(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOurCopy) {
     auto first = logon();
     ASSERT_EQ(first->makeFolder("\\Docs", "documents", "Docs"), R::Success);
-    ASSERT_EQ(put(*first, "\\Docs\\a.txt", "alpha", when), R::Success);
-    ASSERT_EQ(put(*first, "\\Docs\\b.txt", "bravo", when), R::Success);
-    EXPECT_EQ(timeOf(*first, "\\Docs\\a.txt"), when.timeIntervalSince1970()); // held in memory
+    ASSERT_EQ(putText(*first, "\\Docs\\a.txt", "alpha", when), R::Success);
+    ASSERT_EQ(putText(*first, "\\Docs\\b.txt", "bravo", when), R::Success);
+    EXPECT_EQ(timeOf(*first, "\\Docs\\a.txt"), seconds); // held in memory
 
     // Another process sees the server's own time until the changes are written.
     auto second = logon();
-    EXPECT_NE(timeOf(*second, "\\Docs\\a.txt"), when.timeIntervalSince1970());
+    EXPECT_NE(timeOf(*second, "\\Docs\\a.txt"), seconds);
     ASSERT_EQ(first->flush(), R::Success);
-    EXPECT_EQ(timeOf(*second, "\\Docs\\a.txt"), when.timeIntervalSince1970());
+    EXPECT_EQ(timeOf(*second, "\\Docs\\a.txt"), seconds);
     std::vector<StoreItem> items;
     ASSERT_EQ(second->list("\\Docs", items), R::Success);
     ASSERT_EQ(items.size(), 2u); // the document itself is never listed
     for (const auto& item : items)
-        EXPECT_EQ(item.modifyTime.timeIntervalSince1970(), when.timeIntervalSince1970());
+        EXPECT_EQ(item.modifyTime.timeIntervalSince1970(), seconds);
     ASSERT_EQ(second->list("\\", items), R::Success);
     ASSERT_EQ(items.size(), 1u);
     EXPECT_EQ(items[0].description, "documents");
@@ -97,7 +90,7 @@ TEST_F(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOur
     EXPECT_EQ(timeOf(*second, "\\Docs\\b.txt"), 1'800'000'000.0);
 
     // Our name is refused for user files; a damaged document costs only the times.
-    EXPECT_EQ(put(*second, "\\Docs\\.cirrovault-meta", "x", when), R::BadPath);
+    EXPECT_EQ(putText(*second, "\\Docs\\.cirrovault-meta", "x", when), R::BadPath);
     EXPECT_EQ(second->makeFolder("\\.cirrovault-meta", "", ""), R::BadPath);
     // (Through the server: it may hold a file's status for a moment after a change on disk.)
     WebDavTextSource garbage("garbage");
@@ -108,10 +101,10 @@ TEST_F(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOur
     HttpResponse response;
     ASSERT_EQ(WebDavHttpSession("alice", "secret", {}).perform(request, response), R::Success);
     ASSERT_EQ(response.status / 100, 2);
-    EXPECT_NE(timeOf(*second, "\\Docs\\a.txt"), when.timeIntervalSince1970());
-    ASSERT_EQ(put(*second, "\\Docs\\a.txt", "alpha", when), R::Success);
+    EXPECT_NE(timeOf(*second, "\\Docs\\a.txt"), seconds);
+    ASSERT_EQ(putText(*second, "\\Docs\\a.txt", "alpha", when), R::Success);
     ASSERT_EQ(second->flush(), R::Success);
-    EXPECT_EQ(timeOf(*logon(), "\\Docs\\a.txt"), when.timeIntervalSince1970());
+    EXPECT_EQ(timeOf(*logon(), "\\Docs\\a.txt"), seconds);
 }
 
 TEST_F(WebDavMetaStoreTest, TimesFollowMovesCopiesRenamesAndRemovals) {
@@ -119,8 +112,8 @@ TEST_F(WebDavMetaStoreTest, TimesFollowMovesCopiesRenamesAndRemovals) {
     ASSERT_EQ(store->makeFolder("\\Task", "", ""), R::Success);
     ASSERT_EQ(store->makeFolder("\\Task\\Inner", "inner", ""), R::Success);
     ASSERT_EQ(store->makeFolder("\\History", "", ""), R::Success);
-    ASSERT_EQ(put(*store, "\\Task\\Inner\\v.txt", "version 1", when), R::Success);
-    ASSERT_EQ(put(*store, "\\Task\\w.txt", "wave", Date(1'500'000'000.0)), R::Success);
+    ASSERT_EQ(putText(*store, "\\Task\\Inner\\v.txt", "version 1", when), R::Success);
+    ASSERT_EQ(putText(*store, "\\Task\\w.txt", "wave", Date(1'500'000'000.0)), R::Success);
 
     ASSERT_EQ(store->move("\\Task\\w.txt", "\\History\\w.txt"), R::Success);
     ASSERT_EQ(store->copy("\\History\\w.txt", "\\History\\w2.txt"), R::Success);
@@ -130,13 +123,13 @@ TEST_F(WebDavMetaStoreTest, TimesFollowMovesCopiesRenamesAndRemovals) {
     auto later = logon();
     EXPECT_EQ(timeOf(*later, "\\History\\w.txt"), 1'500'000'000.0);
     EXPECT_EQ(timeOf(*later, "\\History\\w2.txt"), 1'500'000'000.0);
-    EXPECT_EQ(timeOf(*later, "\\Renamed\\Inner\\v.txt"), when.timeIntervalSince1970());
+    EXPECT_EQ(timeOf(*later, "\\Renamed\\Inner\\v.txt"), seconds);
     StoreItem item;
     ASSERT_EQ(later->stat("\\Renamed\\Inner", item), R::Success);
     EXPECT_EQ(item.description, "inner");
 
     // Changes waiting for a folder that is then removed are dropped, not written back.
-    ASSERT_EQ(put(*later, "\\Renamed\\Inner\\new.txt", "new", when), R::Success);
+    ASSERT_EQ(putText(*later, "\\Renamed\\Inner\\new.txt", "new", when), R::Success);
     ASSERT_EQ(later->remove("\\Renamed"), R::Success);
     EXPECT_EQ(later->flush(), R::Success);
     EXPECT_FALSE(FileSystem::exists(onServer("Renamed")));
