@@ -11,27 +11,18 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <set>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/EngineSession.h"
 #include "common/WebDavTestServer.h"
-#include "engine/task/CBackupTask.h"
 #include "engine/task/VersionNames.h"
-#include "platform/framework/HeadlessMessagebox.h"
-#include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/PathTreeController.h"
-#include "platform/os/ResultCodes.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
-#include "platform/os/UrlOpener.h"
 #include "platform/store/webdav/WebDavStore.h"
-#include "support/CErrorLog.h"
 #include "support/CFileInfo.h"
 
 using namespace cirrovault;
@@ -79,10 +70,10 @@ void PrintTo(const RunStore& store, std::ostream* os) {
     *os << store.name;
 }
 
-class BackupRunThread : public test::SessionFixture, public testing::WithParamInterface<RunStore> {
+class BackupRunThread : public test::EngineSession, public testing::WithParamInterface<RunStore> {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
+        EngineSession::SetUp();
         raw_ = local_;
         if (GetParam().server) {
             server_ = std::make_unique<test::WebDavTestServer>(
@@ -94,29 +85,16 @@ protected:
             ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
             store_->resetCounts();
         }
-        clock_ = std::make_shared<ManualClock>(Date(T));
         Clock::setShared(clock_);
-        dialogs_ = std::make_shared<HeadlessMessagebox>();
-        NimboMessagebox::setPresenter(dialogs_);
-        UrlOpener::setOpenerProgram("true");
         task_ = std::make_shared<CBackupTask>();
         task_->name = "Projects";
         task_->serverPath = "\\Backups\\Projects";
         task_->localDirList = {home_.file("work")};
         task_->SetDelegate(&observer_);
     }
-    void TearDown() override {
-        UrlOpener::setOpenerProgram("");
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
-    }
     void run() {
         observer_.types.clear();
-        task_->StartBackup(false);
-        std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
-        task_->checkFinshedBackup();
-        worker->join();
+        runToEnd(*task_);
         clock_->advance(3600);
     }
     std::string serverOf(const std::string& relative) {
@@ -138,15 +116,6 @@ protected:
         return files;
     }
 
-    // The stored copy's content, or "<missing>".
-    std::string fetch(const std::string& serverPath) {
-        TransferInfo transfer;
-        transfer.setSvrFile(serverPath);
-        transfer.setLocFile(home_.file("fetched"));
-        if (api().DownloadFile(transfer) != ResultCode::Success)
-            return "<missing>";
-        return readFile(home_.file("fetched"));
-    }
     bool exactTimes() const { return raw_->capabilities().modifyTimePrecision < 1; }
     // The older versions of work/<relative> by number, each with its content.
     std::map<uint64_t, std::string> versionsOf(const std::string& relative) {
@@ -170,18 +139,11 @@ protected:
                 found[*number] = fetch(entry.path);
         return found;
     }
-    // The event-log lines of the task that contain the text.
-    size_t eventsContaining(const std::string& text) {
-        size_t n = 0;
-        for (const auto& line : CErrorLog::GetErrorList().value_or(std::vector<std::string>{}))
-            n += line.starts_with(task_->name + "|") && line.find(text) != std::string::npos;
-        return n;
-    }
+    size_t eventsOfTask(const std::string& text) { return eventsContaining(text, "Projects|"); }
 
     std::unique_ptr<test::WebDavTestServer> server_;
     std::shared_ptr<StoreBackend> raw_; // the store behind the counting one
-    std::shared_ptr<ManualClock> clock_;
-    std::shared_ptr<HeadlessMessagebox> dialogs_;
+    std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(T));
     RunObserver observer_;
     std::shared_ptr<CBackupTask> task_;
 };
@@ -210,21 +172,9 @@ TEST_P(BackupRunThread, FirstRunUploadsTheTreeAndAnUnchangedRerunSendsNothing) {
         EXPECT_EQ(static_cast<int64_t>(item.modifyTime.timeIntervalSince1970()),
                   static_cast<int64_t>(status->modifyTime.timeIntervalSince1970()));
     }
-    TransferInfo fetch;
-    fetch.setSvrFile(serverOf("d5/s3/f9.txt"));
-    fetch.setLocFile(home_.file("fetched.txt"));
-    ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success);
-    EXPECT_EQ(readFile(home_.file("fetched.txt")), "content of d5/s3/f9.txt");
-
-    auto events = CErrorLog::GetErrorList();
-    ASSERT_TRUE(events);
-    size_t starts = 0, finishes = 0;
-    for (const auto& line : *events) {
-        starts += line.find("Projects|") == 0 && line.find("Backup started.") != std::string::npos;
-        finishes += line.find("Backup finished successfully.") != std::string::npos;
-    }
-    EXPECT_EQ(starts, 1u);
-    EXPECT_EQ(finishes, 1u);
+    EXPECT_EQ(fetch(serverOf("d5/s3/f9.txt")), "content of d5/s3/f9.txt");
+    EXPECT_EQ(eventsOfTask("Backup started."), 1u);
+    EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
 
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
@@ -274,11 +224,7 @@ TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     // A server that cannot continue a part gets the file again whole.
     EXPECT_EQ(observer_.resumedBytes, raw_->capabilities().resumableUpload ? kept : 0u);
-    TransferInfo fetch;
-    fetch.setSvrFile(serverOf("big.bin"));
-    fetch.setLocFile(home_.file("fetched.bin"));
-    ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success);
-    EXPECT_TRUE(readFile(home_.file("fetched.bin")) == big);
+    EXPECT_TRUE(fetch(serverOf("big.bin")) == big);
 }
 
 TEST_P(BackupRunThread, EditsInsideTheTimeWindowAreSent) {
@@ -328,7 +274,7 @@ TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
     };
     run();
     EXPECT_EQ(fetch(serverOf("doc.txt")), "version 2");
-    EXPECT_EQ(eventsContaining("doc.txt\" kept changing"), 0u);
+    EXPECT_EQ(eventsOfTask("doc.txt\" kept changing"), 0u);
     int puts = store_->putCount();
     run();
     EXPECT_EQ(store_->putCount(), puts);
@@ -350,7 +296,7 @@ TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_EQ(store_->putCount() - puts, 3);
-    EXPECT_EQ(eventsContaining(path + "\" kept changing"), 1u);
+    EXPECT_EQ(eventsOfTask(path + "\" kept changing"), 1u);
     StoreItem item;
     ASSERT_EQ(raw_->stat(serverOf("doc.txt"), item), ResultCode::Success);
     EXPECT_LT(item.modifyTime.timeIntervalSince1970(), T - 86400);
@@ -459,8 +405,8 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_NE(task_->strErrLog.value_or("").find(gone), std::string::npos);
-    EXPECT_EQ(eventsContaining(gone), 1u);
-    EXPECT_EQ(eventsContaining("Backup finished successfully."), 0u);
+    EXPECT_EQ(eventsOfTask(gone), 1u);
+    EXPECT_EQ(eventsOfTask("Backup finished successfully."), 0u);
     EXPECT_EQ(store_->putCount(), 4);
     task_->localDirList = {home_.file("work")};
 
@@ -473,7 +419,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     store_->clearFaults();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_LE(store_->putCount(), 4 + 4 * 21 * 3);
-    EXPECT_EQ(eventsContaining("Gave up after repeated attempts"), 1u);
+    EXPECT_EQ(eventsOfTask("Gave up after repeated attempts"), 1u);
 
     // A refusal (a read-only folder) is not asked again: one attempt per file.
     const int32_t putsBefore = store_->putCount();
@@ -482,7 +428,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     store_->clearFaults();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_EQ(store_->putCount() - putsBefore, 4);
-    EXPECT_GE(eventsContaining("does not allow this change"), 4u);
+    EXPECT_GE(eventsOfTask("does not allow this change"), 4u);
 
     // The account fills up after one file: the run ends failed, and every stored copy
     // whose time says current holds exactly the local bytes.
@@ -501,11 +447,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
             EXPECT_TRUE(current || !allCurrent) << n;
             if (!current)
                 continue;
-            TransferInfo fetch;
-            fetch.setSvrFile(serverOf(n));
-            fetch.setLocFile(home_.file("fetched-" + n));
-            ASSERT_EQ(api().DownloadFile(fetch), ResultCode::Success) << n;
-            EXPECT_EQ(readFile(home_.file("fetched-" + n)), readFile(home_.file("work/" + n))) << n;
+            EXPECT_EQ(fetch(serverOf(n)), readFile(home_.file("work/" + n))) << n;
         }
     };
     storedMatchesWhenCurrent(false);
@@ -527,7 +469,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAndNoCopyClaimsToBeCurrent
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(20));
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_NE(task_->iBackupRet, 0u);
-    EXPECT_GE(eventsContaining("did not succeed"), 1u);
+    EXPECT_GE(eventsOfTask("did not succeed"), 1u);
 }
 
 TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
@@ -542,7 +484,7 @@ TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
     EXPECT_LE(store_->putCount(), 4 * 2 * 5);
-    EXPECT_EQ(eventsContaining("Gave up after repeated attempts"), 1u);
+    EXPECT_EQ(eventsOfTask("Gave up after repeated attempts"), 1u);
 }
 
 using Server = test::WebDavTestServer::Kind;

@@ -8,14 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "common/TempHome.h"
+#include "common/EngineSession.h"
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/Functions.h"
-#include "platform/framework/HeadlessMessagebox.h"
-#include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
 #include "service/CManageTaskList.h"
 
 using namespace cirrovault;
@@ -31,20 +26,12 @@ public:
     bool StowlineDelegateFun(const TaskPtr&, StowlineDelegateType) override { return true; }
 };
 
-class TaskMigrationThread : public test::SessionFixture {
+class TaskMigrationThread : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
+        EngineSession::SetUp();
         Clock::setShared(clock_);
-        NimboMessagebox::setPresenter(dialogs_);
-        SystemLog::startCapture();
         first_.initMyID();
-    }
-    void TearDown() override {
-        SystemLog::stopCapture();
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
     }
 
     // The same files (content and modification time) under root.
@@ -75,10 +62,6 @@ protected:
         CManageTaskList list;
         return list.getBackupTasks(name, name.empty() ? "false" : "true");
     }
-    bool stored(const std::string& path) {
-        StoreItem item;
-        return local_->stat(path, item) == ResultCode::Success;
-    }
     // The second computer: its own data folder and identity, the task list loaded.
     void startSecondComputer() {
         secondHome_ = std::make_unique<test::TempHome>();
@@ -95,7 +78,6 @@ protected:
     }
 
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(kFileTime + 86400));
-    std::shared_ptr<HeadlessMessagebox> dialogs_ = std::make_shared<HeadlessMessagebox>();
     CBackupManage first_;
     std::unique_ptr<test::TempHome> secondHome_;
     CBackupManage second_;
@@ -135,7 +117,7 @@ TEST_F(TaskMigrationThread, TaskOfThisSystemMovesToANewRoot) {
     EXPECT_EQ(run(second_, "Home"), 0);
     writeFiles(newRoot, {"Docs/new.txt"});
     EXPECT_EQ(run(second_, "Home"), 1);
-    EXPECT_TRUE(stored("\\Backups\\Home\\Docs\\new.txt"));
+    EXPECT_TRUE(exists("\\Backups\\Home\\Docs\\new.txt"));
 
     // Loaded afresh, the task is this computer's own.
     CBackupManage again;
@@ -170,11 +152,8 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
     uploader->serverPath = "\\Backups\\Win";
     uploader->localDirList = {home_.file("win/Docs"), home_.file("win/Pics")};
     uploader->SetDelegate(&quiet);
-    uploader->StartBackup(false);
-    std::shared_ptr<Thread> worker = uploader->pBackupTaskThread;
-    uploader->checkFinshedBackup();
-    worker->join();
-    ASSERT_TRUE(stored("\\Backups\\Win\\Pics\\c.jpg"));
+    runToEnd(*uploader);
+    ASSERT_TRUE(exists("\\Backups\\Win\\Pics\\c.jpg"));
 
     startSecondComputer();
     TaskPtr moving = second_.GetTaskByName("Win");
@@ -193,7 +172,7 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
     EXPECT_EQ(run(second_, "Win"), 0);
     writeFiles(newRoot, {"Pics/d.jpg"});
     EXPECT_EQ(run(second_, "Win"), 1);
-    EXPECT_TRUE(stored("\\Backups\\Win\\Pics\\d.jpg"));
+    EXPECT_TRUE(exists("\\Backups\\Win\\Pics\\d.jpg"));
 }
 
 } // namespace

@@ -8,17 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "common/EngineSession.h"
 #include "common/LocalDate.h"
-#include "engine/manager/CBackupManage.h"
-#include "platform/framework/Functions.h"
-#include "platform/framework/HeadlessMessagebox.h"
+#include "engine/manager/ManagerDoubles.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/NimboMessagebox.h"
 #include "platform/framework/ProgressModeHost.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
-#include "platform/os/UrlOpener.h"
 #include "service/CManageTaskList.h"
 #include "support/GlobalFunction.h"
 
@@ -28,25 +22,6 @@ namespace {
 
 using TaskPtr = std::shared_ptr<CBackupTask>;
 constexpr uint64_t kPc = 7;
-
-class HostEvents : public StowlineBackupManageDelegate {
-public:
-    bool StowlineBackupManageDelegateFun(CBackupManage*, const TaskPtr& task,
-                                         int32_t type) override {
-        std::lock_guard lock(mutex_);
-        if (type != refreshProgressBarDelegate)
-            events_.push_back((task ? task->name : std::string()) + ":" + std::to_string(type));
-        return true;
-    }
-    size_t count(const std::string& event) {
-        std::lock_guard lock(mutex_);
-        return std::count(events_.begin(), events_.end(), event);
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> events_;
-};
 
 // A progress window whose user has pressed Cancel as soon as it came up.
 class CancellingWindow : public ProgressModeHost {
@@ -62,17 +37,12 @@ public:
     Thread* left = nullptr;
 };
 
-class BackupManageTasksThread : public test::SessionFixture {
+class BackupManageTasksThread : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
-        clock_ = std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
+        EngineSession::SetUp();
         Clock::setShared(clock_);
-        dialogs_ = std::make_shared<HeadlessMessagebox>();
-        NimboMessagebox::setPresenter(dialogs_);
-        UrlOpener::setOpenerProgram("true");
         ProgressModeHost::setProvider(nullptr);
-        SystemLog::startCapture();
         manager_.pcID = kPc;
         manager_.SetDelegate(&host_);
     }
@@ -81,11 +51,7 @@ protected:
             if (auto worker = task->pBackupTaskThread)
                 worker->join();
         ProgressModeHost::setProvider(nullptr);
-        SystemLog::stopCapture();
-        UrlOpener::setOpenerProgram("");
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
+        EngineSession::TearDown();
     }
 
     Date now() const { return clock_->now(); }
@@ -135,10 +101,6 @@ protected:
             found.fileCount = -1;
         return found;
     }
-    bool exists(const std::string& path) {
-        StoreItem found;
-        return local_->stat(path, found) == ResultCode::Success;
-    }
     std::string historyRoot() {
         CBackupTask probe;
         return probe.getSvrHistoryFolder(false);
@@ -157,9 +119,9 @@ protected:
                manager_.taskList.end();
     }
 
-    std::shared_ptr<ManualClock> clock_;
-    std::shared_ptr<HeadlessMessagebox> dialogs_;
-    HostEvents host_;
+    std::shared_ptr<ManualClock> clock_ =
+        std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
+    test::HostRecorder host_;
     CBackupManage manager_;
     std::vector<TaskPtr> started_;
 };
@@ -270,7 +232,7 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
     finish(now);
     EXPECT_EQ(now->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_TRUE(exists("\\Backups\\Now\\src-Now\\a.txt"));
-    EXPECT_EQ(host_.count("Now:1"), 1u);
+    EXPECT_EQ(host_.countOf("Now:1"), 1u);
 }
 
 TEST_F(BackupManageTasksThread, DeletionWithServerFilesRemovesFoldersAndRecord) {
@@ -291,7 +253,7 @@ TEST_F(BackupManageTasksThread, DeletionWithServerFilesRemovesFoldersAndRecord) 
     EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
     EXPECT_TRUE(contains(serviceTaskNames(), "Keep"));
     EXPECT_TRUE(exists("\\Backups\\Keep\\src-Keep\\b.txt"));
-    EXPECT_EQ(host_.count(":6"), 1u);
+    EXPECT_EQ(host_.countOf(":6"), 1u);
     EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
 }
 
