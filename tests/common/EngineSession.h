@@ -1,5 +1,7 @@
 #pragma once
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +18,14 @@
 #include "support/CErrorLog.h"
 
 namespace cirrovault::test {
+
+// What a task-list record holds of a task besides its dates, in one line.
+inline std::string recordOf(const CBackupTask& t) {
+    return fmt::format("{}|{}|{}|{}|{}|{}|enc {}|{}|{}|max {}|resume {}|pc {}|migrate {}|state {}",
+                       t.taskID, t.name, t.description, t.mPCName, t.taskType, t.serverPath,
+                       t.bEncryMode, fmt::join(t.filterExt, ","), fmt::join(t.filtedPath, ","),
+                       t.uiMaxVersion, t.bResume, t.pcID, t.bMigrateTask, t.mTaskState.load());
+}
 
 // A logged-on session for runs of tasks: dialogs that take their default answers, no
 // browser, the log captured. A fixture that sets a clock in its SetUp has it taken away

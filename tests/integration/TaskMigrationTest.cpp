@@ -70,6 +70,36 @@ protected:
         ASSERT_NE(second_.pcID, first_.pcID);
         ASSERT_TRUE(second_.LoadTaskList(reply("")));
     }
+    // The second computer takes the task over under a new root holding the same files,
+    // then runs it twice: nothing is sent again, then only the new file.
+    TaskPtr moveAndRun(const std::string& name, const std::vector<std::string>& files,
+                       int32_t kind, const std::string& oldRoot, const std::string& newFile) {
+        startSecondComputer();
+        TaskPtr moving = second_.GetTaskByName(name);
+        EXPECT_TRUE(moving && moving->bMigrateTask);
+        if (!moving)
+            return moving;
+        EXPECT_FALSE(second_.nowDating(moving)); // never scheduled before it has moved
+        second_.GetTaskInformationForRestoreView(name);
+        EXPECT_EQ(second_.nOSBackupDataType, kind);
+        EXPECT_EQ(second_.taskBackupLogLocalPath, oldRoot);
+
+        const std::string newRoot = secondHome_->file("moved");
+        writeFiles(newRoot, files);
+        EXPECT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
+        EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
+        std::string record = reply(name);
+        EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", record), sources(moving));
+        EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", record),
+                  std::vector<std::string>{std::to_string(second_.pcID)});
+
+        EXPECT_EQ(run(second_, name), 0);
+        writeFiles(newRoot, {newFile});
+        EXPECT_EQ(run(second_, name), 1);
+        EXPECT_TRUE(exists("\\Backups\\" + name + "\\" + newFile.substr(0, 4) + "\\" +
+                           newFile.substr(5)));
+        return moving;
+    }
     std::vector<std::string> sources(const TaskPtr& task) {
         std::vector<std::string> paths;
         for (const auto& entry : task->localDirList)
@@ -96,28 +126,7 @@ TEST_F(TaskMigrationThread, TaskOfThisSystemMovesToANewRoot) {
     ASSERT_TRUE(first_.AddTask(task));
     EXPECT_EQ(run(first_, "Home"), 3);
 
-    startSecondComputer();
-    TaskPtr moving = second_.GetTaskByName("Home");
-    ASSERT_TRUE(moving);
-    EXPECT_TRUE(moving->bMigrateTask);
-    EXPECT_FALSE(second_.nowDating(moving)); // never scheduled before it has moved
-    second_.GetTaskInformationForRestoreView("Home");
-    EXPECT_EQ(second_.nOSBackupDataType, 3);
-    EXPECT_EQ(second_.taskBackupLogLocalPath, home_.file("old"));
-
-    const std::string newRoot = secondHome_->file("moved");
-    writeFiles(newRoot, files);
-    ASSERT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
-    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
-    std::string record = reply("Home");
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", record), sources(moving));
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", record),
-              std::vector<std::string>{std::to_string(second_.pcID)});
-
-    EXPECT_EQ(run(second_, "Home"), 0);
-    writeFiles(newRoot, {"Docs/new.txt"});
-    EXPECT_EQ(run(second_, "Home"), 1);
-    EXPECT_TRUE(exists("\\Backups\\Home\\Docs\\new.txt"));
+    moveAndRun("Home", files, 3, home_.file("old"), "Docs/new.txt");
 
     // Loaded afresh, the task is this computer's own.
     CBackupManage again;
@@ -155,24 +164,7 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
     runToEnd(*uploader);
     ASSERT_TRUE(exists("\\Backups\\Win\\Pics\\c.jpg"));
 
-    startSecondComputer();
-    TaskPtr moving = second_.GetTaskByName("Win");
-    ASSERT_TRUE(moving);
-    EXPECT_TRUE(moving->bMigrateTask);
-    second_.GetTaskInformationForRestoreView("Win");
-    EXPECT_EQ(second_.nOSBackupDataType, 2);
-    EXPECT_EQ(second_.taskBackupLogLocalPath, "C:\\Users\\bob");
-
-    const std::string newRoot = secondHome_->file("bob");
-    writeFiles(newRoot, files);
-    ASSERT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
-    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", reply("Win")), sources(moving));
-
-    EXPECT_EQ(run(second_, "Win"), 0);
-    writeFiles(newRoot, {"Pics/d.jpg"});
-    EXPECT_EQ(run(second_, "Win"), 1);
-    EXPECT_TRUE(exists("\\Backups\\Win\\Pics\\d.jpg"));
+    moveAndRun("Win", files, 2, "C:\\Users\\bob", "Pics/d.jpg");
 }
 
 } // namespace

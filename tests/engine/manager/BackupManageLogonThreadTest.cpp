@@ -249,14 +249,9 @@ TEST_F(BackupManageLogonThread, WithoutDialogLogonLoadsTheServiceListOrReportsFa
 
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 0);
     ASSERT_EQ(names(manager_.taskList), (std::vector<std::string>{"Docs", "Elsewhere"}));
-    const TaskPtr& docs = manager_.taskList[0];
-    EXPECT_EQ(docs->description, "about Docs");
-    EXPECT_EQ(docs->taskID, mine->taskID);
-    EXPECT_EQ(docs->mBackupDate, mine->mBackupDate);
-    EXPECT_EQ(docs->mDating, mine->mDating);
-    EXPECT_EQ(docs->filterExt, (std::vector<std::string>{"*.tmp", "*.bak"}));
-    EXPECT_EQ(docs->uiMaxVersion, 4u);
-    EXPECT_FALSE(docs->bMigrateTask);
+    EXPECT_EQ(test::recordOf(*manager_.taskList[0]), test::recordOf(*mine));
+    EXPECT_EQ(manager_.taskList[0]->mDating, mine->mDating);
+    EXPECT_EQ(manager_.taskList[0]->mBackupDate, mine->mBackupDate);
     EXPECT_TRUE(manager_.taskList[1]->bMigrateTask);
 }
 
@@ -284,34 +279,18 @@ TEST_F(BackupManageLogonThread, LoadTaskListReadsEveryColumnOfAReply) {
     EXPECT_TRUE(manager_.LoadTaskList(twoTasks));
     ASSERT_EQ(manager_.taskList.size(), 2u);
     const TaskPtr& photos = manager_.taskList[0];
-    EXPECT_EQ(photos->taskID, 12);
-    EXPECT_EQ(photos->name, "Photos");
-    EXPECT_EQ(photos->description, "my photos");
-    EXPECT_EQ(photos->mPCName, "desk");
-    EXPECT_EQ(photos->taskType, 2);
+    EXPECT_EQ(test::recordOf(*photos), "12|Photos|my photos|desk|2|\\Backups\\Photos|enc false|"
+                                       "*.tmp,*.bak|/home/a/cache|max 5|resume true|pc 7|"
+                                       "migrate false|state 0");
     EXPECT_EQ(photos->mBackupDate, localDate(2024, 3, 5, 14, 30, 15));
-    EXPECT_EQ(photos->serverPath, "\\Backups\\Photos");
-    EXPECT_FALSE(photos->bEncryMode);
-    EXPECT_EQ(photos->filterExt, (std::vector<std::string>{"*.tmp", "*.bak"}));
-    EXPECT_EQ(photos->filtedPath, (std::vector<std::string>{"/home/a/cache"}));
-    EXPECT_EQ(photos->uiMaxVersion, 5u);
     EXPECT_EQ(photos->mDating, localDate(2024, 3, 12, 9, 0));
     EXPECT_EQ(photos->mBeginDate, localDate(2024, 1, 1, 0, 0));
     EXPECT_EQ(photos->mEndDate, localDate(2099, 1, 1, 0, 0));
     EXPECT_EQ(photos->mResumeDate, localDate(2024, 3, 5, 16, 30, 15));
-    EXPECT_TRUE(photos->bResume);
-    EXPECT_EQ(photos->pcID, 7u);
-    EXPECT_FALSE(photos->bMigrateTask);
-    EXPECT_EQ(photos->mTaskState, CBackupTask::StateIdle);
-
-    const TaskPtr& secret = manager_.taskList[1];
-    EXPECT_EQ(secret->taskType, 17); // all bits, not only the schedule kind
-    EXPECT_TRUE(secret->bEncryMode);
-    EXPECT_TRUE(secret->filterExt.empty());
-    EXPECT_TRUE(secret->filtedPath.empty());
-    EXPECT_EQ(secret->uiMaxVersion, 12345678901u);
-    EXPECT_FALSE(secret->bResume);
-    EXPECT_TRUE(secret->bMigrateTask); // another computer's task
+    // All type bits, not only the schedule kind; another computer's task is moving.
+    EXPECT_EQ(test::recordOf(*manager_.taskList[1]),
+              "13|Secret|keys|laptop|17|" + encrypted +
+                  "|enc true|||max 12345678901|resume false|pc 8|migrate true|state 0");
 
     // The maximum-version column is read only under its one spelling.
     manager_.taskList.clear();

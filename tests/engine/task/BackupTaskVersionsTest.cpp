@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "common/EngineSession.h"
@@ -84,20 +85,17 @@ TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
               CFileInfo::serverPathAppend(text("EncryptionFolder"), text("IDS_HISTFOLDER")));
 
     tree().RefreshSvrPath("\\");
-    PathInfo found;
-    ASSERT_TRUE(tree().FindPath(data, found, false));
     // The data folder has its caption text as description: the other way round.
-    EXPECT_EQ(found.description, text("IDS_STRORVODATACAP"));
-    EXPECT_EQ(found.caption, text("IDS_STRORVODATANOTE"));
-    ASSERT_TRUE(tree().FindPath(tasks, found, false));
-    EXPECT_EQ(found.description, text("IDS_STRAPPFOLDERNOTE"));
-    EXPECT_EQ(found.caption, text("IDS_STRAPPFOLDERCAP"));
-    ASSERT_TRUE(tree().FindPath(info, found, false));
-    EXPECT_EQ(found.description, text("IDS_INFONOTE"));
-    EXPECT_EQ(found.caption, text("IDS_INFOPATH"));
-    ASSERT_TRUE(tree().FindPath(encrypted, found, false));
-    EXPECT_EQ(found.description, text("IDS_HISTNOTE"));
-    EXPECT_EQ(found.caption, "");
+    for (auto [folder, description, caption] :
+         {std::tuple{data, text("IDS_STRORVODATACAP"), text("IDS_STRORVODATANOTE")},
+          std::tuple{tasks, text("IDS_STRAPPFOLDERNOTE"), text("IDS_STRAPPFOLDERCAP")},
+          std::tuple{info, text("IDS_INFONOTE"), text("IDS_INFOPATH")},
+          std::tuple{encrypted, text("IDS_HISTNOTE"), std::string()}}) {
+        PathInfo found;
+        ASSERT_TRUE(tree().FindPath(folder, found, false)) << folder;
+        EXPECT_EQ(found.description, description) << folder;
+        EXPECT_EQ(found.caption, caption) << folder;
+    }
 
     api().Logoff();
     EXPECT_EQ(task_->getSvrInfoFolder(), "");
