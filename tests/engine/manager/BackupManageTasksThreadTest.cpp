@@ -105,13 +105,10 @@ protected:
         CBackupTask probe;
         return probe.getSvrHistoryFolder(false);
     }
-    std::vector<std::string> serviceTaskNames() {
+    bool onService(const std::string& name) {
         CManageTaskList list;
         list.getTaskNames("false");
-        return list.taskNamesArray;
-    }
-    static bool contains(const std::vector<std::string>& names, const std::string& name) {
-        return std::find(names.begin(), names.end(), name) != names.end();
+        return std::count(list.taskNamesArray.begin(), list.taskNamesArray.end(), name) > 0;
     }
     bool listed(const TaskPtr& task) {
         std::lock_guard lock(manager_.managerLock);
@@ -199,7 +196,7 @@ TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
     ASSERT_TRUE(manager_.EndNewTask());
     EXPECT_FALSE(manager_.IsCreateingTask());
     EXPECT_EQ(manager_.GetTaskByName(task->name), task);
-    EXPECT_TRUE(contains(serviceTaskNames(), task->name));
+    EXPECT_TRUE(onService(task->name));
     EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle);
 }
 
@@ -250,8 +247,8 @@ TEST_F(BackupManageTasksThread, DeletionWithServerFilesRemovesFoldersAndRecord) 
     EXPECT_FALSE(exists("\\Backups\\Docs"));
     EXPECT_FALSE(exists(history));
     EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
-    EXPECT_TRUE(contains(serviceTaskNames(), "Keep"));
+    EXPECT_FALSE(onService("Docs"));
+    EXPECT_TRUE(onService("Keep"));
     EXPECT_TRUE(exists("\\Backups\\Keep\\src-Keep\\b.txt"));
     EXPECT_EQ(host_.countOf(":6"), 1u);
     EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
@@ -275,7 +272,7 @@ TEST_F(BackupManageTasksThread, DeletionKeepingServerFilesRenamesBothFolders) {
     EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
     EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
     EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_FALSE(onService("Docs"));
 }
 
 TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotReach) {
@@ -290,13 +287,13 @@ TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotRe
     EXPECT_EQ(window->left, window->entered);
     EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
     EXPECT_TRUE(listed(docs));
-    EXPECT_TRUE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_TRUE(onService("Docs"));
 
     // Keeping the server files, the renaming and the removal still happen.
     EXPECT_FALSE(manager_.BatchDeleteTask("Docs", false));
     EXPECT_FALSE(exists("\\Backups\\Docs"));
     EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_FALSE(onService("Docs"));
 }
 
 TEST_F(BackupManageTasksThread, SelectedVersionsAreDeleted) {
@@ -339,8 +336,8 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
     EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
     EXPECT_EQ(item("\\Backups\\Papers").fileCount, 2);
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
-    EXPECT_TRUE(contains(serviceTaskNames(), "Papers"));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_TRUE(onService("Papers"));
+    EXPECT_FALSE(onService("Docs"));
 
     EXPECT_EQ(run(docs), 0); // nothing changed, nothing sent again
     change("Docs", 2);

@@ -134,16 +134,15 @@ TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
     task_->filtedPath = {"Library"};
     task_->localDirList = {at("one.txt"), home_.file("Library"), home_.file(".dotsource"),
                            home_.file("gone")};
-    ASSERT_TRUE(task_->CalculateBackupSize());
     // A source is never tested as a system item; a missing one gives nothing.
-    EXPECT_EQ(task_->scanFileArray, (Paths{at("one.txt"), home_.file(".dotsource"),
-                                           home_.file(".dotsource/k.txt")}));
+    const Paths kept{at("one.txt"), home_.file(".dotsource"), home_.file(".dotsource/k.txt")};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(task_->scanFileArray, kept);
     EXPECT_EQ(task_->scanFilterUserPath, home_.file("Library"));
 
     task_->scanFileArray.clear();
     ASSERT_TRUE(task_->StartScanFile());
-    EXPECT_EQ(task_->scanFileArray, (Paths{at("one.txt"), home_.file(".dotsource"),
-                                           home_.file(".dotsource/k.txt")}));
+    EXPECT_EQ(task_->scanFileArray, kept);
     EXPECT_EQ(task_->fileTotalSize, 3u);
 }
 
