@@ -8,14 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "common/TempHome.h"
+#include "common/EngineSession.h"
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/Functions.h"
-#include "platform/framework/HeadlessMessagebox.h"
-#include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
 #include "service/CManageTaskList.h"
 
 using namespace cirrovault;
@@ -31,20 +26,12 @@ public:
     bool StowlineDelegateFun(const TaskPtr&, StowlineDelegateType) override { return true; }
 };
 
-class TaskMigrationThread : public test::SessionFixture {
+class TaskMigrationThread : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
+        EngineSession::SetUp();
         Clock::setShared(clock_);
-        NimboMessagebox::setPresenter(dialogs_);
-        SystemLog::startCapture();
         first_.initMyID();
-    }
-    void TearDown() override {
-        SystemLog::stopCapture();
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
     }
 
     // The same files (content and modification time) under root.
@@ -75,10 +62,6 @@ protected:
         CManageTaskList list;
         return list.getBackupTasks(name, name.empty() ? "false" : "true");
     }
-    bool stored(const std::string& path) {
-        StoreItem item;
-        return local_->stat(path, item) == ResultCode::Success;
-    }
     // The second computer: its own data folder and identity, the task list loaded.
     void startSecondComputer() {
         secondHome_ = std::make_unique<test::TempHome>();
@@ -86,6 +69,36 @@ protected:
         second_.initMyID();
         ASSERT_NE(second_.pcID, first_.pcID);
         ASSERT_TRUE(second_.LoadTaskList(reply("")));
+    }
+    // The second computer takes the task over under a new root holding the same files,
+    // then runs it twice: nothing is sent again, then only the new file.
+    TaskPtr moveAndRun(const std::string& name, const std::vector<std::string>& files,
+                       int32_t kind, const std::string& oldRoot, const std::string& newFile) {
+        startSecondComputer();
+        TaskPtr moving = second_.GetTaskByName(name);
+        EXPECT_TRUE(moving && moving->bMigrateTask);
+        if (!moving)
+            return moving;
+        EXPECT_FALSE(second_.nowDating(moving)); // never scheduled before it has moved
+        second_.GetTaskInformationForRestoreView(name);
+        EXPECT_EQ(second_.nOSBackupDataType, kind);
+        EXPECT_EQ(second_.taskBackupLogLocalPath, oldRoot);
+
+        const std::string newRoot = secondHome_->file("moved");
+        writeFiles(newRoot, files);
+        EXPECT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
+        EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
+        std::string record = reply(name);
+        EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", record), sources(moving));
+        EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", record),
+                  std::vector<std::string>{std::to_string(second_.pcID)});
+
+        EXPECT_EQ(run(second_, name), 0);
+        writeFiles(newRoot, {newFile});
+        EXPECT_EQ(run(second_, name), 1);
+        EXPECT_TRUE(exists("\\Backups\\" + name + "\\" + newFile.substr(0, 4) + "\\" +
+                           newFile.substr(5)));
+        return moving;
     }
     std::vector<std::string> sources(const TaskPtr& task) {
         std::vector<std::string> paths;
@@ -95,7 +108,6 @@ protected:
     }
 
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(kFileTime + 86400));
-    std::shared_ptr<HeadlessMessagebox> dialogs_ = std::make_shared<HeadlessMessagebox>();
     CBackupManage first_;
     std::unique_ptr<test::TempHome> secondHome_;
     CBackupManage second_;
@@ -114,28 +126,7 @@ TEST_F(TaskMigrationThread, TaskOfThisSystemMovesToANewRoot) {
     ASSERT_TRUE(first_.AddTask(task));
     EXPECT_EQ(run(first_, "Home"), 3);
 
-    startSecondComputer();
-    TaskPtr moving = second_.GetTaskByName("Home");
-    ASSERT_TRUE(moving);
-    EXPECT_TRUE(moving->bMigrateTask);
-    EXPECT_FALSE(second_.nowDating(moving)); // never scheduled before it has moved
-    second_.GetTaskInformationForRestoreView("Home");
-    EXPECT_EQ(second_.nOSBackupDataType, 3);
-    EXPECT_EQ(second_.taskBackupLogLocalPath, home_.file("old"));
-
-    const std::string newRoot = secondHome_->file("moved");
-    writeFiles(newRoot, files);
-    ASSERT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
-    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
-    std::string record = reply("Home");
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", record), sources(moving));
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", record),
-              std::vector<std::string>{std::to_string(second_.pcID)});
-
-    EXPECT_EQ(run(second_, "Home"), 0);
-    writeFiles(newRoot, {"Docs/new.txt"});
-    EXPECT_EQ(run(second_, "Home"), 1);
-    EXPECT_TRUE(stored("\\Backups\\Home\\Docs\\new.txt"));
+    moveAndRun("Home", files, 3, home_.file("old"), "Docs/new.txt");
 
     // Loaded afresh, the task is this computer's own.
     CBackupManage again;
@@ -170,30 +161,10 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
     uploader->serverPath = "\\Backups\\Win";
     uploader->localDirList = {home_.file("win/Docs"), home_.file("win/Pics")};
     uploader->SetDelegate(&quiet);
-    uploader->StartBackup(false);
-    std::shared_ptr<Thread> worker = uploader->pBackupTaskThread;
-    uploader->checkFinshedBackup();
-    worker->join();
-    ASSERT_TRUE(stored("\\Backups\\Win\\Pics\\c.jpg"));
+    runToEnd(*uploader);
+    ASSERT_TRUE(exists("\\Backups\\Win\\Pics\\c.jpg"));
 
-    startSecondComputer();
-    TaskPtr moving = second_.GetTaskByName("Win");
-    ASSERT_TRUE(moving);
-    EXPECT_TRUE(moving->bMigrateTask);
-    second_.GetTaskInformationForRestoreView("Win");
-    EXPECT_EQ(second_.nOSBackupDataType, 2);
-    EXPECT_EQ(second_.taskBackupLogLocalPath, "C:\\Users\\bob");
-
-    const std::string newRoot = secondHome_->file("bob");
-    writeFiles(newRoot, files);
-    ASSERT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
-    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", reply("Win")), sources(moving));
-
-    EXPECT_EQ(run(second_, "Win"), 0);
-    writeFiles(newRoot, {"Pics/d.jpg"});
-    EXPECT_EQ(run(second_, "Win"), 1);
-    EXPECT_TRUE(stored("\\Backups\\Win\\Pics\\d.jpg"));
+    moveAndRun("Win", files, 2, "C:\\Users\\bob", "Pics/d.jpg");
 }
 
 } // namespace

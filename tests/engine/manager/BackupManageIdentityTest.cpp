@@ -67,49 +67,40 @@ TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
     }
 }
 
-TEST_F(BackupManageIdentity, DamagedFileKeepsTheIdentityAndIsLeftAlone) {
-    std::string valid =
-        PropertyList(PlistDict{{"PC ID", PropertyList("77")}, {"PC Name", PropertyList("desk")}})
-            .toXml();
-    const std::string damaged[] = {"", valid.substr(0, valid.size() / 2), "PC ID = 77\n",
-                                   PropertyList(PlistArray{PropertyList("77")}).toXml()};
+TEST_F(BackupManageIdentity, FileWithoutAGoodIdentityIsReadAsItIsAndLeftAlone) {
+    auto plist = [](PlistDict dict) { return PropertyList(std::move(dict)).toXml(); };
+    std::string valid = plist({{"PC ID", PropertyList("77")}, {"PC Name", PropertyList("desk")}});
+    struct Case {
+        std::string content;
+        uint64_t id;
+        std::string name;
+        bool damaged;
+    };
+    const Case cases[] = {
+        // A damaged file or one without the keys leaves the identity as it was.
+        {"", 0, "before", true},
+        {valid.substr(0, valid.size() / 2), 0, "before", true},
+        {"PC ID = 77\n", 0, "before", true},
+        {PropertyList(PlistArray{PropertyList("77")}).toXml(), 0, "before", true},
+        {plist({}), 0, "before", false}, // no identity, but nothing wrong with the file
+        // Numbers are read like a C int: leading digits, else 0.
+        {plist({{"PC ID", PropertyList(" 42abc")}, {"PC Name", PropertyList("desk")}}), 42, "desk", false},
+        {plist({{"PC ID", PropertyList("desk")}}), 0, "", false}, // the name read as missing
+    };
     ASSERT_TRUE(FileSystem::createDirectories(productFolder()));
-    for (const auto& content : damaged) {
-        SCOPED_TRACE(content);
-        ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), content));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.content);
+        ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), c.content));
         SystemLog::startCapture();
         CBackupManage manager;
+        manager.pcName = "before";
         manager.initMyID();
-        EXPECT_EQ(manager.pcID, 0u);
-        EXPECT_EQ(manager.pcName, "");
-        EXPECT_TRUE(SystemLog::capturedContains("Error: PCInfo.dat holds no identity"));
-        EXPECT_EQ(FileSystem::readFile(identityFile()), content);
+        EXPECT_EQ(manager.pcID, c.id);
+        EXPECT_EQ(manager.pcName, c.name);
+        EXPECT_EQ(SystemLog::capturedContains("Error: PCInfo.dat holds no identity"), c.damaged);
+        EXPECT_EQ(SystemLog::capturedContains("Error"), c.damaged);
+        EXPECT_EQ(FileSystem::readFile(identityFile()), c.content);
     }
-
-    // An empty dictionary is no identity either, but nothing is wrong with the file.
-    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), PropertyList(PlistDict{}).toXml()));
-    SystemLog::startCapture();
-    CBackupManage empty;
-    empty.initMyID();
-    EXPECT_EQ(empty.pcID, 0u);
-    EXPECT_FALSE(SystemLog::capturedContains("Error"));
-
-    // Numbers are read like a C int: leading digits, else 0.
-    ASSERT_TRUE(FileSystem::writeFileAtomically(
-        identityFile(), PropertyList(PlistDict{{"PC ID", PropertyList(" 42abc")},
-                                               {"PC Name", PropertyList("desk")}})
-                            .toXml()));
-    CBackupManage leading;
-    leading.initMyID();
-    EXPECT_EQ(leading.pcID, 42u);
-    EXPECT_EQ(leading.pcName, "desk");
-    ASSERT_TRUE(FileSystem::writeFileAtomically(
-        identityFile(), PropertyList(PlistDict{{"PC ID", PropertyList("desk")}}).toXml()));
-    CBackupManage word;
-    word.pcName = "before";
-    word.initMyID();
-    EXPECT_EQ(word.pcID, 0u);
-    EXPECT_EQ(word.pcName, ""); // read from a file without the key
 }
 
 // Every task made here names the identity: a damaged file comes back from its copy, and

@@ -5,22 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/EngineLoopDialog.h"
+#include "common/EngineSession.h"
 #include "common/LocalDate.h"
-#include "engine/manager/CBackupManage.h"
-#include "platform/framework/HeadlessMessagebox.h"
+#include "engine/manager/ManagerDoubles.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
 #include "service/CManageTaskList.h"
 
 using namespace cirrovault;
@@ -48,53 +43,9 @@ private:
     std::vector<std::string> events_;
 };
 
-// Records every pause and moves time on at once. Sleeps of the gated thread (the
-// scheduler) wait until the test lets one through.
-class TestClock : public Clock {
-public:
-    explicit TestClock(Events& events) : events_(events) {}
-    Date now() const override {
-        std::lock_guard lock(mutex_);
-        return now_;
-    }
-    void sleepFor(double seconds) override {
-        std::unique_lock lock(mutex_);
-        if (gated_ && gated_()) {
-            uint64_t ticket = ++entered_;
-            cv_.notify_all();
-            cv_.wait(lock, [&] { return released_ >= ticket; });
-            return;
-        }
-        now_ = now_.addingTimeInterval(seconds);
-        events_.add(fmt::format("sleep {}", seconds));
-    }
-    void gateWhen(std::function<bool()> gated) {
-        std::lock_guard lock(mutex_);
-        gated_ = std::move(gated);
-    }
-    void waitForSleeper() {
-        std::unique_lock lock(mutex_);
-        cv_.wait(lock, [&] { return entered_ > released_; });
-    }
-    void releaseSleeper() {
-        std::lock_guard lock(mutex_);
-        ++released_;
-        cv_.notify_all();
-    }
-
-private:
-    Events& events_;
-    mutable std::mutex mutex_;
-    std::condition_variable cv_;
-    Date now_{1'700'000'000.0};
-    std::function<bool()> gated_;
-    uint64_t entered_ = 0;
-    uint64_t released_ = 0;
-};
-
 // The wait dialog as the worker sees it: records types and messages, and presses a
 // button once a message containing a given text is shown.
-class ScriptedLoop : public CLoopItem {
+class ScriptedLoop : public test::LoopDialogStub {
 public:
     explicit ScriptedLoop(Events& events) : events_(events) {}
 
@@ -103,20 +54,13 @@ public:
         when_ = contains;
         cancelPress_ = cancel;
     }
-
     bool EnterLoopMode(Thread* thread, int32_t buttonType) override {
         events_.add("type " + std::to_string(buttonType));
-        thread->start();
-        std::unique_lock lock(mutex_);
-        cv_.wait(lock, [&] { return left_; });
-        return true;
+        return LoopDialogStub::EnterLoopMode(thread, buttonType);
     }
-    bool LeaveLoopMode(Thread*) override {
+    bool LeaveLoopMode(Thread* thread) override {
         events_.add("leave");
-        std::lock_guard lock(mutex_);
-        left_ = true;
-        cv_.notify_all();
-        return true;
+        return LoopDialogStub::LeaveLoopMode(thread);
     }
     bool IsLoopCancel(Thread*) override {
         std::lock_guard lock(mutex_);
@@ -143,68 +87,14 @@ public:
         }
         return true;
     }
-    bool SetScanFileLoopMessage(Thread*, const std::string&, const std::string&,
-                                const std::string&) override {
-        return true;
-    }
-    bool EnterLoopModel(Thread*) override { return true; }
-    bool IsCancelLoopModel(Thread*) override { return false; }
-    bool SetLoopModelMessage(Thread*, const std::string&) override { return true; }
-    bool LeaveLoopModel(Thread*) override { return true; }
 
 private:
     Events& events_;
     std::mutex mutex_;
-    std::condition_variable cv_;
-    std::string when_;        // guarded by mutex_
+    std::string when_;         // guarded by mutex_
     bool cancelPress_ = false; // guarded by mutex_
     bool cancel_ = false;      // guarded by mutex_
     bool retry_ = false;       // guarded by mutex_
-    bool left_ = false;        // guarded by mutex_
-};
-
-// Host events by task name; can hold one task's run at its first file upload.
-class Host : public StowlineBackupManageDelegate {
-public:
-    bool StowlineBackupManageDelegateFun(CBackupManage*, const TaskPtr& task,
-                                         int32_t type) override {
-        std::unique_lock lock(mutex_);
-        if (type == refreshProgressBarDelegate) {
-            if (task && task->bInitUIPrgBar && task->name == holdName_ && !held_) {
-                held_ = true;
-                cv_.notify_all();
-                cv_.wait(lock, [&] { return released_; });
-            }
-            return true;
-        }
-        events_.push_back((task ? task->name : "") + ":" + std::to_string(type));
-        return true;
-    }
-    void hold(const std::string& name) {
-        std::lock_guard lock(mutex_);
-        holdName_ = name;
-    }
-    void waitHeld() {
-        std::unique_lock lock(mutex_);
-        cv_.wait(lock, [&] { return held_; });
-    }
-    void release() {
-        std::lock_guard lock(mutex_);
-        released_ = true;
-        cv_.notify_all();
-    }
-    std::vector<std::string> events() {
-        std::lock_guard lock(mutex_);
-        return events_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::string> events_;
-    std::string holdName_;
-    bool held_ = false;
-    bool released_ = false;
 };
 
 std::string text(const char* key) {
@@ -213,6 +103,18 @@ std::string text(const char* key) {
 std::string countDown(int seconds) {
     return LoadString::Format("IDS_STRFAILCONTRYTIME", 4,
                               " " + LoadString::Format("IDS_STRSECONDS", seconds));
+}
+// What the dialog shows and the worker pauses through three failed attempts, and the
+// count-down after them down to seconds left.
+std::vector<std::string> attemptsAndCountDownTo(int seconds) {
+    std::vector<std::string> events{
+        "type 7", text("IDS_SINGING"), "sleep 0", text("IDS_STRFAILCONTRY"),
+        "sleep 1", text("IDS_STRFAILCONTRY2"), "sleep 1", "sleep 1", "sleep 1",
+        text("IDS_STRFAILCONTRY3"), "type 3",
+        LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1))};
+    for (int left = 59; left >= seconds; --left)
+        events.insert(events.end(), {"sleep 1", countDown(left)});
+    return events;
 }
 
 // A task-list reply with one row per entry of rows: key -> values in row order.
@@ -225,23 +127,17 @@ std::string reply(const std::vector<std::pair<std::string, std::vector<std::stri
     return out;
 }
 
-class BackupManageLogonThread : public test::SessionFixture {
+class BackupManageLogonThread : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
-        clock_ = std::make_shared<TestClock>(events_);
+        EngineSession::SetUp();
         Clock::setShared(clock_);
-        NimboMessagebox::setPresenter(std::make_shared<HeadlessMessagebox>());
-        SystemLog::startCapture();
         CLoopItem::setFactory(nullptr);
         api().Logoff();
     }
     void TearDown() override {
         CLoopItem::setFactory(nullptr);
-        SystemLog::stopCapture();
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
+        EngineSession::TearDown();
     }
 
     std::shared_ptr<ScriptedLoop> useDialog() {
@@ -274,7 +170,8 @@ protected:
     }
 
     Events events_;
-    std::shared_ptr<TestClock> clock_;
+    std::shared_ptr<test::GatedClock> clock_ = std::make_shared<test::GatedClock>(
+        Date(1'700'000'000.0), [this](double s) { events_.add(fmt::format("sleep {}", s)); });
     CBackupManage manager_;
 };
 
@@ -288,16 +185,9 @@ TEST_F(BackupManageLogonThread, ThreeAttemptsThenCountDownUntilCancel) {
     EXPECT_EQ(manager_.pLogonThread, nullptr);
     EXPECT_EQ(manager_.loopItem, nullptr);
     EXPECT_EQ(SystemLog::capturedCount("Log on ret: 3"), 1u);
-    EXPECT_EQ(events_.all(),
-              (std::vector<std::string>{
-                  "type 7", text("IDS_SINGING"),
-                  "sleep 0", text("IDS_STRFAILCONTRY"),
-                  "sleep 1", text("IDS_STRFAILCONTRY2"),
-                  "sleep 1", "sleep 1", "sleep 1", text("IDS_STRFAILCONTRY3"),
-                  "type 3",
-                  LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1)),
-                  "sleep 1", countDown(59), "sleep 1", countDown(58), "sleep 1", countDown(57),
-                  "leave"}));
+    std::vector<std::string> expected = attemptsAndCountDownTo(57);
+    expected.push_back("leave");
+    EXPECT_EQ(events_.all(), expected);
 }
 
 TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn) {
@@ -310,20 +200,13 @@ TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 0);
     EXPECT_FALSE(manager_.bLogOff);
     EXPECT_FALSE(api().sessionID().empty());
-    EXPECT_EQ(events_.all(),
-              (std::vector<std::string>{
-                  "type 7", text("IDS_SINGING"),
-                  "sleep 0", text("IDS_STRFAILCONTRY"),
-                  "sleep 1", text("IDS_STRFAILCONTRY2"),
-                  "sleep 1", "sleep 1", "sleep 1", text("IDS_STRFAILCONTRY3"),
-                  "type 3",
-                  LoadString::Format("IDS_STRFAILCONTRYTIME", 4, LoadString::Format("IDS_STRMINUTES", 1)),
-                  "sleep 1", countDown(59), "sleep 1", countDown(58),
-                  text("IDS_SINGING"), "type 7", "retry cleared",
-                  "sleep 0", text("IDS_STRFAILCONTRY"),
-                  "sleep 1", text("IDS_STRFAILCONTRY2"),
-                  "sleep 1", "sleep 1", "sleep 1", text("IDS_STRFAILCONTRY3"),
-                  "type 7", text("IDS_STRINITLISTAFTERLOGON"), text("IDS_GETTINGTASK"), "leave"}));
+    std::vector<std::string> expected = attemptsAndCountDownTo(58);
+    std::vector<std::string> again = attemptsAndCountDownTo(60);
+    expected.insert(expected.end(), {text("IDS_SINGING"), "type 7", "retry cleared"});
+    expected.insert(expected.end(), again.begin() + 2, again.end() - 2); // the attempts only
+    expected.insert(expected.end(), {"type 7", text("IDS_STRINITLISTAFTERLOGON"),
+                                     text("IDS_GETTINGTASK"), "leave"});
+    EXPECT_EQ(events_.all(), expected);
     // The account has no tasks yet: an empty reply, which loads nothing.
     EXPECT_EQ(SystemLog::capturedCount("Failed to load task list"), 1u);
 }
@@ -366,14 +249,9 @@ TEST_F(BackupManageLogonThread, WithoutDialogLogonLoadsTheServiceListOrReportsFa
 
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 0);
     ASSERT_EQ(names(manager_.taskList), (std::vector<std::string>{"Docs", "Elsewhere"}));
-    const TaskPtr& docs = manager_.taskList[0];
-    EXPECT_EQ(docs->description, "about Docs");
-    EXPECT_EQ(docs->taskID, mine->taskID);
-    EXPECT_EQ(docs->mBackupDate, mine->mBackupDate);
-    EXPECT_EQ(docs->mDating, mine->mDating);
-    EXPECT_EQ(docs->filterExt, (std::vector<std::string>{"*.tmp", "*.bak"}));
-    EXPECT_EQ(docs->uiMaxVersion, 4u);
-    EXPECT_FALSE(docs->bMigrateTask);
+    EXPECT_EQ(test::recordOf(*manager_.taskList[0]), test::recordOf(*mine));
+    EXPECT_EQ(manager_.taskList[0]->mDating, mine->mDating);
+    EXPECT_EQ(manager_.taskList[0]->mBackupDate, mine->mBackupDate);
     EXPECT_TRUE(manager_.taskList[1]->bMigrateTask);
 }
 
@@ -401,34 +279,18 @@ TEST_F(BackupManageLogonThread, LoadTaskListReadsEveryColumnOfAReply) {
     EXPECT_TRUE(manager_.LoadTaskList(twoTasks));
     ASSERT_EQ(manager_.taskList.size(), 2u);
     const TaskPtr& photos = manager_.taskList[0];
-    EXPECT_EQ(photos->taskID, 12);
-    EXPECT_EQ(photos->name, "Photos");
-    EXPECT_EQ(photos->description, "my photos");
-    EXPECT_EQ(photos->mPCName, "desk");
-    EXPECT_EQ(photos->taskType, 2);
+    EXPECT_EQ(test::recordOf(*photos), "12|Photos|my photos|desk|2|\\Backups\\Photos|enc false|"
+                                       "*.tmp,*.bak|/home/a/cache|max 5|resume true|pc 7|"
+                                       "migrate false|state 0");
     EXPECT_EQ(photos->mBackupDate, localDate(2024, 3, 5, 14, 30, 15));
-    EXPECT_EQ(photos->serverPath, "\\Backups\\Photos");
-    EXPECT_FALSE(photos->bEncryMode);
-    EXPECT_EQ(photos->filterExt, (std::vector<std::string>{"*.tmp", "*.bak"}));
-    EXPECT_EQ(photos->filtedPath, (std::vector<std::string>{"/home/a/cache"}));
-    EXPECT_EQ(photos->uiMaxVersion, 5u);
     EXPECT_EQ(photos->mDating, localDate(2024, 3, 12, 9, 0));
     EXPECT_EQ(photos->mBeginDate, localDate(2024, 1, 1, 0, 0));
     EXPECT_EQ(photos->mEndDate, localDate(2099, 1, 1, 0, 0));
     EXPECT_EQ(photos->mResumeDate, localDate(2024, 3, 5, 16, 30, 15));
-    EXPECT_TRUE(photos->bResume);
-    EXPECT_EQ(photos->pcID, 7u);
-    EXPECT_FALSE(photos->bMigrateTask);
-    EXPECT_EQ(photos->mTaskState, CBackupTask::StateIdle);
-
-    const TaskPtr& secret = manager_.taskList[1];
-    EXPECT_EQ(secret->taskType, 17); // all bits, not only the schedule kind
-    EXPECT_TRUE(secret->bEncryMode);
-    EXPECT_TRUE(secret->filterExt.empty());
-    EXPECT_TRUE(secret->filtedPath.empty());
-    EXPECT_EQ(secret->uiMaxVersion, 12345678901u);
-    EXPECT_FALSE(secret->bResume);
-    EXPECT_TRUE(secret->bMigrateTask); // another computer's task
+    // All type bits, not only the schedule kind; another computer's task is moving.
+    EXPECT_EQ(test::recordOf(*manager_.taskList[1]),
+              "13|Secret|keys|laptop|17|" + encrypted +
+                  "|enc true|||max 12345678901|resume false|pc 8|migrate true|state 0");
 
     // The maximum-version column is read only under its one spelling.
     manager_.taskList.clear();
@@ -501,7 +363,7 @@ TEST_F(BackupManageLogonThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTheLis
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
     manager_.bLogOff = manager_.bExit = false;
     manager_.pcID = 7;
-    Host host;
+    test::HostRecorder host;
     manager_.SetDelegate(&host);
     auto running = std::make_shared<CBackupTask>();
     running->name = "Run";
@@ -519,7 +381,7 @@ TEST_F(BackupManageLogonThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTheLis
     clock_->waitForSleeper(); // before its first pass
     clock_->releaseSleeper();
     clock_->waitForSleeper(); // inside the first pass
-    host.hold("Run");
+    host.holdUploadOf("Run");
     ASSERT_TRUE(manager_.StartBackupByUser("Run", false));
     host.waitHeld();
     manager_.AddTaskToWaitList(idle, false);

@@ -8,17 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "common/EngineSession.h"
 #include "common/LocalDate.h"
-#include "engine/manager/CBackupManage.h"
-#include "platform/framework/Functions.h"
-#include "platform/framework/HeadlessMessagebox.h"
+#include "engine/manager/ManagerDoubles.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/NimboMessagebox.h"
 #include "platform/framework/ProgressModeHost.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
-#include "platform/os/UrlOpener.h"
 #include "service/CManageTaskList.h"
 #include "support/GlobalFunction.h"
 
@@ -28,25 +22,6 @@ namespace {
 
 using TaskPtr = std::shared_ptr<CBackupTask>;
 constexpr uint64_t kPc = 7;
-
-class HostEvents : public StowlineBackupManageDelegate {
-public:
-    bool StowlineBackupManageDelegateFun(CBackupManage*, const TaskPtr& task,
-                                         int32_t type) override {
-        std::lock_guard lock(mutex_);
-        if (type != refreshProgressBarDelegate)
-            events_.push_back((task ? task->name : std::string()) + ":" + std::to_string(type));
-        return true;
-    }
-    size_t count(const std::string& event) {
-        std::lock_guard lock(mutex_);
-        return std::count(events_.begin(), events_.end(), event);
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> events_;
-};
 
 // A progress window whose user has pressed Cancel as soon as it came up.
 class CancellingWindow : public ProgressModeHost {
@@ -62,17 +37,12 @@ public:
     Thread* left = nullptr;
 };
 
-class BackupManageTasksThread : public test::SessionFixture {
+class BackupManageTasksThread : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
-        clock_ = std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
+        EngineSession::SetUp();
         Clock::setShared(clock_);
-        dialogs_ = std::make_shared<HeadlessMessagebox>();
-        NimboMessagebox::setPresenter(dialogs_);
-        UrlOpener::setOpenerProgram("true");
         ProgressModeHost::setProvider(nullptr);
-        SystemLog::startCapture();
         manager_.pcID = kPc;
         manager_.SetDelegate(&host_);
     }
@@ -81,11 +51,7 @@ protected:
             if (auto worker = task->pBackupTaskThread)
                 worker->join();
         ProgressModeHost::setProvider(nullptr);
-        SystemLog::stopCapture();
-        UrlOpener::setOpenerProgram("");
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
+        EngineSession::TearDown();
     }
 
     Date now() const { return clock_->now(); }
@@ -135,21 +101,14 @@ protected:
             found.fileCount = -1;
         return found;
     }
-    bool exists(const std::string& path) {
-        StoreItem found;
-        return local_->stat(path, found) == ResultCode::Success;
-    }
     std::string historyRoot() {
         CBackupTask probe;
         return probe.getSvrHistoryFolder(false);
     }
-    std::vector<std::string> serviceTaskNames() {
+    bool onService(const std::string& name) {
         CManageTaskList list;
         list.getTaskNames("false");
-        return list.taskNamesArray;
-    }
-    static bool contains(const std::vector<std::string>& names, const std::string& name) {
-        return std::find(names.begin(), names.end(), name) != names.end();
+        return std::count(list.taskNamesArray.begin(), list.taskNamesArray.end(), name) > 0;
     }
     bool listed(const TaskPtr& task) {
         std::lock_guard lock(manager_.managerLock);
@@ -157,9 +116,9 @@ protected:
                manager_.taskList.end();
     }
 
-    std::shared_ptr<ManualClock> clock_;
-    std::shared_ptr<HeadlessMessagebox> dialogs_;
-    HostEvents host_;
+    std::shared_ptr<ManualClock> clock_ =
+        std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
+    test::HostRecorder host_;
     CBackupManage manager_;
     std::vector<TaskPtr> started_;
 };
@@ -237,7 +196,7 @@ TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
     ASSERT_TRUE(manager_.EndNewTask());
     EXPECT_FALSE(manager_.IsCreateingTask());
     EXPECT_EQ(manager_.GetTaskByName(task->name), task);
-    EXPECT_TRUE(contains(serviceTaskNames(), task->name));
+    EXPECT_TRUE(onService(task->name));
     EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle);
 }
 
@@ -270,7 +229,7 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
     finish(now);
     EXPECT_EQ(now->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_TRUE(exists("\\Backups\\Now\\src-Now\\a.txt"));
-    EXPECT_EQ(host_.count("Now:1"), 1u);
+    EXPECT_EQ(host_.countOf("Now:1"), 1u);
 }
 
 TEST_F(BackupManageTasksThread, DeletionWithServerFilesRemovesFoldersAndRecord) {
@@ -288,10 +247,10 @@ TEST_F(BackupManageTasksThread, DeletionWithServerFilesRemovesFoldersAndRecord) 
     EXPECT_FALSE(exists("\\Backups\\Docs"));
     EXPECT_FALSE(exists(history));
     EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
-    EXPECT_TRUE(contains(serviceTaskNames(), "Keep"));
+    EXPECT_FALSE(onService("Docs"));
+    EXPECT_TRUE(onService("Keep"));
     EXPECT_TRUE(exists("\\Backups\\Keep\\src-Keep\\b.txt"));
-    EXPECT_EQ(host_.count(":6"), 1u);
+    EXPECT_EQ(host_.countOf(":6"), 1u);
     EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
 }
 
@@ -313,7 +272,7 @@ TEST_F(BackupManageTasksThread, DeletionKeepingServerFilesRenamesBothFolders) {
     EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
     EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
     EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_FALSE(onService("Docs"));
 }
 
 TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotReach) {
@@ -328,13 +287,13 @@ TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotRe
     EXPECT_EQ(window->left, window->entered);
     EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
     EXPECT_TRUE(listed(docs));
-    EXPECT_TRUE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_TRUE(onService("Docs"));
 
     // Keeping the server files, the renaming and the removal still happen.
     EXPECT_FALSE(manager_.BatchDeleteTask("Docs", false));
     EXPECT_FALSE(exists("\\Backups\\Docs"));
     EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_FALSE(onService("Docs"));
 }
 
 TEST_F(BackupManageTasksThread, SelectedVersionsAreDeleted) {
@@ -377,8 +336,8 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
     EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
     EXPECT_EQ(item("\\Backups\\Papers").fileCount, 2);
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
-    EXPECT_TRUE(contains(serviceTaskNames(), "Papers"));
-    EXPECT_FALSE(contains(serviceTaskNames(), "Docs"));
+    EXPECT_TRUE(onService("Papers"));
+    EXPECT_FALSE(onService("Docs"));
 
     EXPECT_EQ(run(docs), 0); // nothing changed, nothing sent again
     change("Docs", 2);

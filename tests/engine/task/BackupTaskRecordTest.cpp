@@ -2,9 +2,9 @@
 
 #include <memory>
 
+#include "common/LocalDate.h"
 #include "common/TempHome.h"
 #include "engine/task/CBackupTask.h"
-#include "platform/os/Calendar.h"
 #include "platform/os/Clock.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
@@ -14,11 +14,7 @@ using namespace cirrovault;
 namespace {
 
 Date localDate(int year, int month, int day) {
-    DateComponents c;
-    c.year = year;
-    c.month = month;
-    c.day = day;
-    return Calendar::dateFromComponents(c);
+    return test::localDate(year, month, day, 0, 0);
 }
 
 class BackupTaskRecord : public ::testing::Test {

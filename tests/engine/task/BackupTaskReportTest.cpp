@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,26 +54,19 @@ protected:
         OptionsMan::SaveOptions();
         OptionsMan::clearnOptionsManClass(); // the report must load them itself
     }
-    // Subjects of the kept mails, in no particular order.
+    // The kept mails, in no particular order.
     std::vector<std::string> mails() {
-        std::vector<std::string> subjects;
+        std::vector<std::string> messages;
         std::string outbox = MailSender::outboxFolder(api().customerID());
-        for (const auto& name : FileSystem::listDirectory(outbox).value_or(std::vector<std::string>{})) {
-            if (!name.ends_with(".eml"))
-                continue;
-            std::string message = readFile(outbox + "/" + name);
-            size_t at = message.find("Subject: ");
-            subjects.push_back(at == std::string::npos
-                                   ? message
-                                   : message.substr(at + 9, message.find("\r\n", at) - at - 9));
-        }
-        return subjects;
+        for (const auto& name : FileSystem::listDirectory(outbox).value_or(std::vector<std::string>{}))
+            if (name.ends_with(".eml"))
+                messages.push_back(readFile(outbox + "/" + name));
+        return messages;
     }
-    static bool has(const std::vector<std::string>& subjects, const std::string& start) {
-        for (const auto& subject : subjects)
-            if (subject.starts_with(start))
-                return true;
-        return false;
+    static bool has(const std::vector<std::string>& messages, const std::string& subjectStart) {
+        return std::any_of(messages.begin(), messages.end(), [&](const std::string& message) {
+            return message.find("Subject: " + subjectStart) != std::string::npos;
+        });
     }
 
     std::shared_ptr<CBackupTask> task_;
@@ -146,9 +140,7 @@ TEST_F(BackupTaskReport, MailsFollowTheAccountOptions) {
     EXPECT_TRUE(has(sent, doneSubject));
     // Both carry the run's figures: one left-out file and the error make two problems.
     int withFigures = 0;
-    std::string outbox = MailSender::outboxFolder(api().customerID());
-    for (const auto& name : FileSystem::listDirectory(outbox).value_or(std::vector<std::string>{})) {
-        std::string message = readFile(outbox + "/" + name);
+    for (const auto& message : sent) {
         if (message.find("New or changed files found: 12 (") == std::string::npos)
             continue;
         ++withFigures;

@@ -6,18 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "engine/task/CBackupTask.h"
-#include "platform/framework/HeadlessMessagebox.h"
-#include "platform/framework/LocalFileSource.h"
-#include "platform/framework/NimboMessagebox.h"
+#include "common/EngineSession.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/os/ResultCodes.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
-#include "platform/os/UrlOpener.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
-#include "support/CErrorLog.h"
 
 using namespace cirrovault;
 using Op = FaultInjectingStore::Operation;
@@ -32,19 +23,15 @@ public:
     bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
                              StowlineDelegateType type) override {
         std::lock_guard lock(mutex_);
-        types_.push_back(type);
-        if (type == refreshProgressBarDelegate && task && task->bInitUIPrgBar)
+        if (type != refreshProgressBarDelegate)
+            milestones_.push_back(type);
+        else if (task && task->bInitUIPrgBar)
             working_.push_back(task->strWorkingFile); // a file's upload begins
         return true;
     }
-    // The notices without the progress refreshes (4).
     std::vector<int> milestones() const {
         std::lock_guard lock(mutex_);
-        std::vector<int> out;
-        for (auto t : types_)
-            if (t != refreshProgressBarDelegate)
-                out.push_back(t);
-        return out;
+        return milestones_;
     }
     std::vector<std::string> working() const {
         std::lock_guard lock(mutex_);
@@ -52,49 +39,35 @@ public:
     }
     void clear() {
         std::lock_guard lock(mutex_);
-        types_.clear();
+        milestones_.clear();
         working_.clear();
     }
 
 private:
     mutable std::mutex mutex_;
-    std::vector<StowlineDelegateType> types_;
+    std::vector<int> milestones_;
     std::vector<std::string> working_;
 };
 
-class BackupTaskRunThread : public test::SessionFixture {
+class BackupTaskRunThread : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
-        clock_ = std::make_shared<ManualClock>(Date(T));
+        EngineSession::SetUp();
         Clock::setShared(clock_);
-        dialogs_ = std::make_shared<HeadlessMessagebox>();
-        NimboMessagebox::setPresenter(dialogs_);
-        UrlOpener::setOpenerProgram("true");
-        SystemLog::startCapture();
-        task_ = std::make_shared<CBackupTask>();
-        task_->name = "Docs";
-        task_->serverPath = "\\Backup";
-        task_->localDirList = {home_.file("src")};
-        task_->SetDelegate(&delegate_);
+        task_ = newTask("Docs", "\\Backup");
     }
-    void TearDown() override {
-        SystemLog::stopCapture();
-        UrlOpener::setOpenerProgram("");
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
+    std::shared_ptr<CBackupTask> newTask(const std::string& name, const std::string& serverPath) {
+        auto task = std::make_shared<CBackupTask>();
+        task->name = name;
+        task->serverPath = serverPath;
+        task->localDirList = {home_.file("src")};
+        task->SetDelegate(&delegate_);
+        return task;
     }
     std::string local(const std::string& name, const std::string& content, double time = T) {
         return makeFile("src/" + name, content, time);
     }
-    // One whole run, closing notices included.
-    void run() {
-        task_->StartBackup(false);
-        std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
-        task_->checkFinshedBackup();
-        worker->join();
-    }
+    void run() { runToEnd(*task_); }
     // The walk alone over the given list, as the run calls it.
     void walk(std::vector<std::string> entries) {
         task_->pPrgBar = std::make_shared<TrueProgressCallback>();
@@ -102,35 +75,17 @@ protected:
         task_->iBackupRet = 0;
         task_->BeginUploadingData();
     }
-    std::string stored(const std::string& serverPath) {
-        std::string staging = home_.file("fetched");
-        TransferInfo info;
-        info.setSvrFile(serverPath);
-        info.setLocFile(staging);
-        if (api().DownloadFile(info) != ResultCode::Success)
-            return "<missing>";
-        return readFile(staging);
+    // Cancels the run from this thread while the worker is inside its first transfer.
+    void cancelledRun() {
+        store_->hangNextPut();
+        task_->StartBackup(false);
+        std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
+        store_->waitUntilHanging();
+        task_->CancelBackup();
+        task_->checkFinshedBackup();
+        worker->join();
     }
-    void storeCopy(const std::string& serverPath, const std::string& content, double time) {
-        std::string staging = makeFile("staging/copy", content, time);
-        auto source = LocalFileSource::open(staging);
-        ASSERT_TRUE(source);
-        local_->makeFolder("\\Backup", "", "");
-        local_->makeFolder("\\Backup\\src", "", "");
-        ASSERT_EQ(local_->put(serverPath, *source, Date(time), nullptr), ResultCode::Success);
-        tree().RefreshSvrPath("\\");
-    }
-    size_t eventsContaining(const std::string& text) {
-        auto lines = CErrorLog::GetErrorList();
-        size_t n = 0;
-        if (lines)
-            for (const auto& line : *lines)
-                n += line.find(text) != std::string::npos;
-        return n;
-    }
-
-    std::shared_ptr<ManualClock> clock_;
-    std::shared_ptr<HeadlessMessagebox> dialogs_;
+    std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(T));
     RecordingDelegate delegate_;
     std::shared_ptr<CBackupTask> task_;
 };
@@ -148,8 +103,8 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     EXPECT_TRUE(task_->scanFileArray.empty());
     EXPECT_EQ(task_->pPrgBar, nullptr);
     EXPECT_EQ(std::fmod(task_->mLastRunDate.timeIntervalSince1970(), 60.0), 0.0);
-    EXPECT_EQ(stored("\\Backup\\src\\a.txt"), "alpha");
-    EXPECT_EQ(stored("\\Backup\\src\\sub\\b.txt"), "beta");
+    EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "alpha");
+    EXPECT_EQ(fetch("\\Backup\\src\\sub\\b.txt"), "beta");
     EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
     EXPECT_EQ(eventsContaining("Backup started."), 1u);
     EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
@@ -194,7 +149,7 @@ TEST_F(BackupTaskRunThread, RerunsListEachServerFolderAtMostOnce) {
         EXPECT_EQ(delegate_.working().size(), 2u);
         for (const auto& [folder, count] : store_->listCounts())
             EXPECT_LE(count, 1) << folder;
-        EXPECT_EQ(stored("\\Backup\\src\\b\\f" + std::to_string(pass) + ".txt"),
+        EXPECT_EQ(fetch("\\Backup\\src\\b\\f" + std::to_string(pass) + ".txt"),
                   "changed " + std::to_string(pass));
         ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
         EXPECT_EQ(root.fileCount, 30 + 2 * pass); // the old copies are kept as versions
@@ -253,11 +208,7 @@ TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
 
-    auto second = std::make_shared<CBackupTask>();
-    second->name = "Other";
-    second->serverPath = "\\Other";
-    second->localDirList = {home_.file("src")};
-    task_ = second;
+    task_ = newTask("Other", "\\Other");
     store_->failOperation(Op::MakeFolder, ResultCode::Failure, 2);
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
@@ -293,7 +244,7 @@ TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOn
     EXPECT_EQ(delegate_.working(), expected);
     EXPECT_EQ(task_->iBackupRet, 0u);
     EXPECT_TRUE(task_->scanFileArray.empty());
-    EXPECT_EQ(stored("\\Backup\\src\\a.txt"), "A");
+    EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "A");
     EXPECT_EQ(task_->uiTaskCurrentUploadSize, 3u);
     EXPECT_TRUE(task_->blogModify);
 }
@@ -316,18 +267,18 @@ TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
 }
 
 TEST_F(BackupTaskRunThread, UploadChangeTestFollowsTheStoresTimePrecision) {
-    storeCopy("\\Backup\\src\\same.txt", "1234", T);
-    storeCopy("\\Backup\\src\\near.txt", "1234", T);
-    storeCopy("\\Backup\\src\\hour.txt", "1234", T);
-    storeCopy("\\Backup\\src\\grown.txt", "1234", T);
+    local_->makeFolder("\\Backup", "", "");
+    local_->makeFolder("\\Backup\\src", "", "");
+    for (const char* name : {"same.txt", "near.txt", "hour.txt", "grown.txt"})
+        putCopy("\\Backup\\src\\" + std::string(name), "1234", T);
     int before = store_->putCount();
     walk({local("same.txt", "abcd", T), local("near.txt", "abcd", T + 0.5),
           local("hour.txt", "abcd", T - 3600), local("grown.txt", "abcdef", T + 3600)});
     EXPECT_EQ(store_->putCount() - before, 2);
-    EXPECT_EQ(stored("\\Backup\\src\\same.txt"), "1234");
-    EXPECT_EQ(stored("\\Backup\\src\\near.txt"), "abcd"); // exact times: any difference
-    EXPECT_EQ(stored("\\Backup\\src\\hour.txt"), "1234");
-    EXPECT_EQ(stored("\\Backup\\src\\grown.txt"), "abcdef");
+    EXPECT_EQ(fetch("\\Backup\\src\\same.txt"), "1234");
+    EXPECT_EQ(fetch("\\Backup\\src\\near.txt"), "abcd"); // exact times: any difference
+    EXPECT_EQ(fetch("\\Backup\\src\\hour.txt"), "1234");
+    EXPECT_EQ(fetch("\\Backup\\src\\grown.txt"), "abcdef");
 
     // On a store keeping seconds, a span from the settings widens both windows, for
     // equal sizes only.
@@ -337,54 +288,32 @@ TEST_F(BackupTaskRunThread, UploadChangeTestFollowsTheStoresTimePrecision) {
     walk({local("near.txt", "wxyz", T + 5.5), local("hour.txt", "abcd", T + 3595),
           local("same.txt", "abcde", T + 1)});
     EXPECT_EQ(store_->putCount() - before, 1);
-    EXPECT_EQ(stored("\\Backup\\src\\same.txt"), "abcde");
+    EXPECT_EQ(fetch("\\Backup\\src\\same.txt"), "abcde");
 }
 
-// Cancel comes from another thread while the worker is inside a transfer.
-TEST_F(BackupTaskRunThread, ThreadCancelDuringTransferEndsTheRunCancelled) {
-    local("a.txt", "alpha");
-    store_->hangNextPut();
-    task_->StartBackup(false);
-    std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
-    store_->waitUntilHanging();
-    task_->CancelBackup();
-    task_->checkFinshedBackup();
-    worker->join();
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
-    EXPECT_EQ(task_->iBackupRet, 6u);
-    EXPECT_EQ(task_->iErrorTimes, 0);
-    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
-    EXPECT_EQ(eventsContaining("Backup finished successfully."), 0u);
-    EXPECT_EQ(task_->GetProgress(), nullptr);
-}
-
-// Only a bounded-window schedule skips ahead 42 hours after a cancel; daily and weekly
-// schedules step to their next slot instead. Flag bits above the kind must not matter.
-TEST_F(BackupTaskRunThread, CancelledBoundedWindowRunMovesTheNextRunFortyTwoHoursLater) {
+// Cancel comes from another thread while the worker is inside a transfer. Only a
+// bounded-window schedule then skips ahead 42 hours; daily and weekly schedules step to
+// their next slot instead. Flag bits above the kind must not matter.
+TEST_F(BackupTaskRunThread, CancelDuringTransferEndsTheRunAndMovesTheNextRunByItsKind) {
     local("a.txt", "alpha");
     const Date dating(T + 3600);
-    auto cancelledRun = [&](int32_t kind) {
-        auto task = std::make_shared<CBackupTask>();
-        task->name = "Kind" + std::to_string(kind);
-        task->serverPath = "\\Kind" + std::to_string(kind);
-        task->localDirList = {home_.file("src")};
-        task->SetDelegate(&delegate_);
-        task->taskType = kind | 0x30;
-        task->mDating = dating;
-        task_ = task;
-        store_->hangNextPut();
-        task->StartBackup(false);
-        std::shared_ptr<Thread> worker = task->pBackupTaskThread;
-        store_->waitUntilHanging();
-        task->CancelBackup();
-        task->checkFinshedBackup();
-        worker->join();
-        EXPECT_EQ(task->mTaskState, CBackupTask::StateCancelled) << kind;
-        return task->mDating.timeIntervalSinceDate(dating);
-    };
-    EXPECT_DOUBLE_EQ(cancelledRun(CBackupTask::ScheduleBetweenDates), 151'200.0);
-    EXPECT_DOUBLE_EQ(cancelledRun(CBackupTask::ScheduleDaily), 86'400.0);
-    EXPECT_DOUBLE_EQ(cancelledRun(CBackupTask::ScheduleWeekly), 7 * 86'400.0);
+    for (auto [kind, step] : {std::pair{CBackupTask::ScheduleBetweenDates, 151'200.0},
+                              std::pair{CBackupTask::ScheduleDaily, 86'400.0},
+                              std::pair{CBackupTask::ScheduleWeekly, 7 * 86'400.0}}) {
+        SCOPED_TRACE(kind);
+        task_ = newTask("Kind" + std::to_string(kind), "\\Kind" + std::to_string(kind));
+        task_->taskType = kind | 0x30;
+        task_->mDating = dating;
+        delegate_.clear();
+        cancelledRun();
+        EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
+        EXPECT_EQ(task_->iBackupRet, 6u);
+        EXPECT_EQ(task_->iErrorTimes, 0);
+        EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+        EXPECT_EQ(task_->GetProgress(), nullptr);
+        EXPECT_DOUBLE_EQ(task_->mDating.timeIntervalSinceDate(dating), step);
+    }
+    EXPECT_EQ(eventsContaining("Backup finished successfully."), 0u);
 
     // A window run that finishes keeps its date; one cancelled after an error was
     // noted steps a day like the others.

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -10,8 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/EngineLoopDialog.h"
 #include "engine/task/CBackupTask.h"
-#include "platform/framework/CLoopItem.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
 #include "platform/framework/SessionFixture.h"
@@ -135,16 +134,15 @@ TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
     task_->filtedPath = {"Library"};
     task_->localDirList = {at("one.txt"), home_.file("Library"), home_.file(".dotsource"),
                            home_.file("gone")};
-    ASSERT_TRUE(task_->CalculateBackupSize());
     // A source is never tested as a system item; a missing one gives nothing.
-    EXPECT_EQ(task_->scanFileArray, (Paths{at("one.txt"), home_.file(".dotsource"),
-                                           home_.file(".dotsource/k.txt")}));
+    const Paths kept{at("one.txt"), home_.file(".dotsource"), home_.file(".dotsource/k.txt")};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(task_->scanFileArray, kept);
     EXPECT_EQ(task_->scanFilterUserPath, home_.file("Library"));
 
     task_->scanFileArray.clear();
     ASSERT_TRUE(task_->StartScanFile());
-    EXPECT_EQ(task_->scanFileArray, (Paths{at("one.txt"), home_.file(".dotsource"),
-                                           home_.file(".dotsource/k.txt")}));
+    EXPECT_EQ(task_->scanFileArray, kept);
     EXPECT_EQ(task_->fileTotalSize, 3u);
 }
 
@@ -204,56 +202,29 @@ TEST_F(BackupTaskScan, InteractiveWalkFiltersFilesToo) {
     EXPECT_EQ(store_->totalLists(), 0); // it never asks the service
 }
 
-// A wait dialog that runs its worker like the real one: the worker is started by
-// EnterLoopMode, which returns when the worker leaves the loop. Cancel is pressed after
-// a chosen number of messages.
-class FakeLoopDialog : public CLoopItem {
+// Presses Cancel after a chosen number of messages (never when negative).
+class FakeLoopDialog : public test::LoopDialogStub {
 public:
     explicit FakeLoopDialog(int cancelAfter) : cancelAfter_(cancelAfter) {}
-    bool EnterLoopMode(Thread* thread, int32_t buttonType) override {
-        buttonType_ = buttonType;
-        thread->start();
-        std::unique_lock lock(mutex_);
-        left_.wait(lock, [this] { return leftLoop_; });
-        return true;
-    }
-    bool LeaveLoopMode(Thread*) override {
-        std::lock_guard lock(mutex_);
-        leftLoop_ = true;
-        left_.notify_all();
-        return true;
-    }
     bool IsLoopCancel(Thread*) override {
         std::lock_guard lock(mutex_);
         return cancelAfter_ >= 0 && static_cast<int>(messages_.size()) >= cancelAfter_;
     }
-    bool IsLoopRetry(Thread*) override { return false; }
-    void SetRetry(Thread*, bool) override {}
-    void SetLoopType(Thread*, int32_t) override {}
-    bool SetLoopMessage(Thread*, const std::string&) override { return true; }
     bool SetScanFileLoopMessage(Thread*, const std::string& size, const std::string& count,
                                 const std::string& path) override {
         std::lock_guard lock(mutex_);
         messages_.push_back(size + "|" + count + "|" + path);
         return true;
     }
-    bool EnterLoopModel(Thread*) override { return true; }
-    bool IsCancelLoopModel(Thread*) override { return false; }
-    bool SetLoopModelMessage(Thread*, const std::string&) override { return true; }
-    bool LeaveLoopModel(Thread*) override { return true; }
-
     std::vector<std::string> messages() {
         std::lock_guard lock(mutex_);
         return messages_;
     }
-    int32_t buttonType_ = 0;
 
 private:
     std::mutex mutex_;
-    std::condition_variable left_;
-    bool leftLoop_ = false;               // guarded by mutex_
-    std::vector<std::string> messages_;   // guarded by mutex_
-    int cancelAfter_;
+    std::vector<std::string> messages_; // guarded by mutex_
+    const int cancelAfter_;
 };
 
 class BackupTaskScanThread : public BackupTaskScan {

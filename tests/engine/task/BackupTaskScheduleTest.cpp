@@ -117,48 +117,39 @@ TEST_F(BackupTaskSchedule, BeginDateAndTheBetweenDatesKind) {
 }
 
 TEST_F(BackupTaskSchedule, NextDatingStepsOneWholePeriodOrCatchesUpFromToday) {
-    task_->taskType = CBackupTask::ScheduleDaily;
-    // Within a day of the slot: exactly 86400 s on, even across the change to summer
-    // time (so 09:00 local the next day).
-    task_->mDating = localDate(2026, 3, 28, 8, 0);
-    now(localDate(2026, 3, 28, 8, 0).addingTimeInterval(86'400)); // not later than the next slot
-    task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 28, 8, 0).addingTimeInterval(86'400));
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 29, 9, 0));
-
-    // A missed day or more: tomorrow at the calendar time of the slot; day 32 rolls
-    // over into the next month.
-    task_->mDating = localDate(2026, 1, 28, 8, 0);
-    now(localDate(2026, 1, 31, 10, 0));
-    task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, localDate(2026, 2, 1, 8, 0));
-    // Just past the next slot counts as missed.
-    task_->mDating = localDate(2026, 3, 26, 8, 0);
-    now(localDate(2026, 3, 27, 8, 0, 0.5));
-    task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 28, 8, 0));
-
-    task_->taskType = CBackupTask::ScheduleBetweenDates;
-    task_->mDating = localDate(2026, 3, 26, 8, 0);
-    now(localDate(2026, 3, 29, 10, 0));
-    task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 30, 8, 0));
-
-    // Weekly: one week on, or after a pause a week from today (today's weekday wins).
-    task_->taskType = CBackupTask::ScheduleWeekly;
-    task_->mDating = localDate(2026, 3, 9, 8, 0);
-    now(localDate(2026, 3, 11, 9, 0));
-    task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 16, 8, 0));
-    task_->mDating = localDate(2026, 3, 2, 8, 0);
-    now(localDate(2026, 3, 12, 9, 0));
-    task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 19, 8, 0));
-
-    task_->taskType = CBackupTask::ScheduleNone;
-    task_->mDating = localDate(2026, 1, 1, 8, 0);
-    task_->SetNextDating();
-    EXPECT_EQ(task_->mDating, localDate(2026, 1, 1, 8, 0));
+    const Date dstEve = localDate(2026, 3, 28, 8, 0);
+    struct Case {
+        const char* what;
+        int32_t type;
+        Date dating, now, next;
+    };
+    const Case cases[] = {
+        // Within a day of the slot: exactly 86400 s on, even across the change to summer
+        // time (so 09:00 local the next day).
+        {"within a day", CBackupTask::ScheduleDaily, dstEve, dstEve.addingTimeInterval(86'400),
+         localDate(2026, 3, 29, 9, 0)},
+        // A missed day or more: tomorrow at the slot's calendar time; day 32 rolls over.
+        {"missed days", CBackupTask::ScheduleDaily, localDate(2026, 1, 28, 8, 0),
+         localDate(2026, 1, 31, 10, 0), localDate(2026, 2, 1, 8, 0)},
+        {"just past the next slot", CBackupTask::ScheduleDaily, localDate(2026, 3, 26, 8, 0),
+         localDate(2026, 3, 27, 8, 0, 0.5), localDate(2026, 3, 28, 8, 0)},
+        {"between dates", CBackupTask::ScheduleBetweenDates, localDate(2026, 3, 26, 8, 0),
+         localDate(2026, 3, 29, 10, 0), localDate(2026, 3, 30, 8, 0)},
+        // Weekly: one week on, or after a pause a week from today (today's weekday wins).
+        {"weekly", CBackupTask::ScheduleWeekly, localDate(2026, 3, 9, 8, 0),
+         localDate(2026, 3, 11, 9, 0), localDate(2026, 3, 16, 8, 0)},
+        {"weekly after a pause", CBackupTask::ScheduleWeekly, localDate(2026, 3, 2, 8, 0),
+         localDate(2026, 3, 12, 9, 0), localDate(2026, 3, 19, 8, 0)},
+        {"none", CBackupTask::ScheduleNone, localDate(2026, 1, 1, 8, 0),
+         localDate(2026, 3, 12, 9, 0), localDate(2026, 1, 1, 8, 0)},
+    };
+    for (const auto& c : cases) {
+        task_->taskType = c.type;
+        task_->mDating = c.dating;
+        now(c.now);
+        task_->SetNextDating();
+        EXPECT_EQ(task_->mDating, c.next) << c.what;
+    }
 }
 
 } // namespace

@@ -5,16 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "engine/task/CBackupTask.h"
+#include "common/EngineSession.h"
 #include "platform/framework/AccountBalance.h"
 #include "platform/framework/Functions.h"
-#include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/LocalFileSource.h"
-#include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/SystemLog.h"
-#include "platform/os/UrlOpener.h"
 
 using namespace cirrovault;
 
@@ -23,29 +17,18 @@ namespace {
 constexpr double T = 1'600'000'000.0;
 constexpr int64_t MB = 1 << 20;
 
-class BackupTaskSpace : public test::SessionFixture {
+class BackupTaskSpace : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
-        dialogs_ = std::make_shared<HeadlessMessagebox>();
-        NimboMessagebox::setPresenter(dialogs_);
-        UrlOpener::setOpenerProgram("true");
-        SystemLog::startCapture();
+        EngineSession::SetUp();
         task_ = std::make_shared<CBackupTask>();
         task_->name = "Docs";
         useServerFolder("\\Backup");
-    }
-    void TearDown() override {
-        SystemLog::stopCapture();
-        UrlOpener::setOpenerProgram("");
-        NimboMessagebox::setPresenter(nullptr);
-        SessionFixture::TearDown();
     }
     // The task backs up home/src into serverFolder, which holds "\src".
     void useServerFolder(const std::string& serverFolder) {
         task_->serverPath = serverFolder;
         task_->localDirList = {home_.file("src")};
-        std::string path;
         for (size_t at = 1; at <= serverFolder.size(); ++at) {
             if (at == serverFolder.size() || serverFolder[at] == '\\')
                 local_->makeFolder(serverFolder.substr(0, at), "", "");
@@ -57,15 +40,8 @@ protected:
     std::string local(const std::string& name, const std::string& content, double time) {
         return makeFile("src/" + name, content, time);
     }
-    // Puts a copy on the service as an earlier run would have left it.
     void stored(const std::string& name, const std::string& content, double time) {
-        std::string staging = makeFile("staging/" + name, content, time);
-        auto source = LocalFileSource::open(staging);
-        ASSERT_TRUE(source);
-        ASSERT_EQ(local_->put(task_->serverPath + "\\src\\" + name, *source, Date(time), nullptr),
-                  ResultCode::Success);
-        tree().RefreshSvrPath("\\");
-        store_->resetCounts();
+        putCopy(task_->serverPath + "\\src\\" + name, content, time);
     }
     bool decide(const std::string& name, const std::string& content, double time) {
         return task_->CalculateBackupFileSize(local(name, content, time));
@@ -83,7 +59,6 @@ protected:
     }
     std::vector<HeadlessMessagebox::Shown> prompts() { return dialogs_->shown(); }
 
-    std::shared_ptr<HeadlessMessagebox> dialogs_;
     std::shared_ptr<CBackupTask> task_;
 };
 

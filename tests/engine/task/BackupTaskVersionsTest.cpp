@@ -4,15 +4,13 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "engine/task/CBackupTask.h"
+#include "common/EngineSession.h"
 #include "engine/task/VersionNames.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/framework/TransferInfo.h"
 #include "platform/framework/UploadFileInfo.h"
-#include "platform/os/SystemLog.h"
 #include "support/CFileInfo.h"
 #include "support/GlobalFunction.h"
 
@@ -26,22 +24,16 @@ std::string text(const char* key) {
     return LoadString::GetValueByKey(key, "");
 }
 
-class BackupTaskVersions : public test::SessionFixture {
+class BackupTaskVersions : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
-        SystemLog::startCapture();
+        EngineSession::SetUp();
         task_ = std::make_shared<CBackupTask>();
         task_->name = "Docs";
         task_->serverPath = "\\Backup";
         task_->localDirList = {home_.file("src")};
         ASSERT_EQ(api().AddFolder("\\Backup", "", "", false), ResultCode::Success);
     }
-    void TearDown() override {
-        SystemLog::stopCapture();
-        SessionFixture::TearDown();
-    }
-
     // One upload of a local file as the run does it: keep the current copy, then
     // overwrite it. Answers the server path.
     std::string upload(const std::string& relative, const std::string& content, double time,
@@ -62,16 +54,6 @@ protected:
         UploadFileInfo uploaded;
         EXPECT_EQ(api().UploadFile(transfer, uploaded), ResultCode::Success);
         return serverFile;
-    }
-    std::string download(const std::string& serverFile) {
-        std::string local = home_.file("down/" + CFileInfo::GetServerFileName(serverFile));
-        FileSystem::createDirectories(home_.file("down"));
-        TransferInfo transfer;
-        transfer.setLocFile(local);
-        transfer.setSvrFile(serverFile);
-        if (api().DownloadFile(transfer) != ResultCode::Success)
-            return "<missing>";
-        return readFile(local);
     }
     std::vector<std::string> names(const std::string& folder) {
         std::vector<PathInfo> entries;
@@ -103,20 +85,17 @@ TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
               CFileInfo::serverPathAppend(text("EncryptionFolder"), text("IDS_HISTFOLDER")));
 
     tree().RefreshSvrPath("\\");
-    PathInfo found;
-    ASSERT_TRUE(tree().FindPath(data, found, false));
     // The data folder has its caption text as description: the other way round.
-    EXPECT_EQ(found.description, text("IDS_STRORVODATACAP"));
-    EXPECT_EQ(found.caption, text("IDS_STRORVODATANOTE"));
-    ASSERT_TRUE(tree().FindPath(tasks, found, false));
-    EXPECT_EQ(found.description, text("IDS_STRAPPFOLDERNOTE"));
-    EXPECT_EQ(found.caption, text("IDS_STRAPPFOLDERCAP"));
-    ASSERT_TRUE(tree().FindPath(info, found, false));
-    EXPECT_EQ(found.description, text("IDS_INFONOTE"));
-    EXPECT_EQ(found.caption, text("IDS_INFOPATH"));
-    ASSERT_TRUE(tree().FindPath(encrypted, found, false));
-    EXPECT_EQ(found.description, text("IDS_HISTNOTE"));
-    EXPECT_EQ(found.caption, "");
+    for (auto [folder, description, caption] :
+         {std::tuple{data, text("IDS_STRORVODATACAP"), text("IDS_STRORVODATANOTE")},
+          std::tuple{tasks, text("IDS_STRAPPFOLDERNOTE"), text("IDS_STRAPPFOLDERCAP")},
+          std::tuple{info, text("IDS_INFONOTE"), text("IDS_INFOPATH")},
+          std::tuple{encrypted, text("IDS_HISTNOTE"), std::string()}}) {
+        PathInfo found;
+        ASSERT_TRUE(tree().FindPath(folder, found, false)) << folder;
+        EXPECT_EQ(found.description, description) << folder;
+        EXPECT_EQ(found.caption, caption) << folder;
+    }
 
     api().Logoff();
     EXPECT_EQ(task_->getSvrInfoFolder(), "");
@@ -143,18 +122,18 @@ TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsAndReusesTheOldestName)
     upload("x/a.txt", "two", T + 100);
     std::string versions = versionFolder("src\\x");
     EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt"}));
-    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a0.txt")), "one");
+    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a0.txt")), "one");
 
     upload("x/a.txt", "three", T + 200);
     EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
-    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
+    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
 
     // Full: the oldest ("one", as a0.txt) goes and its name takes the new version.
     upload("x/a.txt", "four", T + 300);
     EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
-    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a0.txt")), "three");
-    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
-    EXPECT_EQ(download(serverFile), "four");
+    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a0.txt")), "three");
+    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
+    EXPECT_EQ(fetch(serverFile), "four");
     EXPECT_EQ(task_->getOldTimeHistoryFile(versions), "a1.txt");
     EXPECT_EQ(names(CFileInfo::getServerParentFolder(serverFile)),
               (std::vector<std::string>{"a.txt"}));
@@ -198,7 +177,7 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
         size_t owners = 0;
         for (const auto& entry : entries) {
             if (auto number = VersionNames::numberOf(entry.name, file, siblings)) {
-                own[*number] = download(entry.path);
+                own[*number] = fetch(entry.path);
                 ++owners;
             }
         }
@@ -208,7 +187,7 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
             kept.push_back(content);
         std::sort(kept.begin(), kept.end());
         EXPECT_EQ(kept, (std::vector<std::string>{file + " #2", file + " #3"})) << file;
-        EXPECT_EQ(download("\\Backup\\src\\x\\" + file), file + " #4");
+        EXPECT_EQ(fetch("\\Backup\\src\\x\\" + file), file + " #4");
     }
     // Every entry belongs to one file; the sub-folder's versions are untouched.
     EXPECT_EQ(entries.size(), 2 * files.size() + 1);
@@ -223,7 +202,7 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
         if (VersionNames::numberOf(name, "n0", siblings))
             left.push_back(name);
     ASSERT_EQ(left.size(), 1u);
-    EXPECT_EQ(download(CFileInfo::serverPathAppend(versions, left[0])), "n0 #4");
+    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, left[0])), "n0 #4");
 }
 
 TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
