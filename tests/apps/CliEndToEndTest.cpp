@@ -2,7 +2,6 @@
 #include <csignal>
 #include <ctime>
 #include <regex>
-#include <set>
 #include <cstdio>
 #include <thread>
 #include <poll.h>
@@ -561,30 +560,6 @@ TEST_F(CliEndToEnd, EditedTaskAndDeletedVersionsStaySo) {
     EXPECT_EQ(after.out.find("\"version\":0"), std::string::npos) << after.out;
     ok({"restore", "Papers", "Documents/a.txt", "--version", "1", "--to", home.file("v1")});
     EXPECT_EQ(read("v1/Documents/a.txt"), "second\n");
-}
-
-// Names that read as one another's versions ("n0" and "n05").
-TEST_F(CliEndToEnd, LookAlikeNamesKeepAndRestoreTheirOwnVersions) {
-    const std::vector<std::string> names{"n0", "n05", "n050"};
-    auto body = [](const std::string& name, int change) { return name + std::string(change + 1, '#'); };
-    for (int change = 0; change <= 2; ++change) {
-        for (const auto& name : names)
-            write("Documents/" + name, body(name, change));
-        ok(change == 0 ? std::vector<std::string>{"task", "new", "Docs", "--source", home.file("Documents")}
-                       : std::vector<std::string>{"backup", "Docs"});
-    }
-    for (const auto& name : names) {
-        auto listed = ok({"--json", "versions", "Docs", "Documents/" + name}).out;
-        std::set<std::string> restored;
-        int versions = 0;
-        for (size_t at = 0; (at = listed.find("\"version\":", at)) != std::string::npos; ++at, ++versions) {
-            std::string number = listed.substr(at + 10, 1), to = home.file("v-" + name + "-" + number);
-            ok({"restore", "Docs", "Documents/" + name, "--version", number, "--to", to});
-            restored.insert(FileSystem::readFile(to + "/Documents/" + name).value_or("<none>"));
-        }
-        EXPECT_EQ(versions, 2) << name << ": " << listed;
-        EXPECT_EQ(restored, (std::set<std::string>{body(name, 0), body(name, 1)})) << name;
-    }
 }
 
 TEST_F(CliEndToEnd, TaskOfAnotherComputerIsMovedHere) {
