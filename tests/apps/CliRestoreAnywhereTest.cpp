@@ -48,41 +48,27 @@ struct Computer {
 };
 
 // What a tree holds, item by item: type, permission bits, link target, time, bytes.
-std::map<std::string, std::string> inventory(const std::string& top) {
+std::map<std::string, std::string> inventory(const std::string& top, const std::string& relative = "") {
     std::map<std::string, std::string> items;
-    std::vector<std::string> folders{""};
-    while (!folders.empty()) {
-        std::string relative = folders.back();
-        folders.pop_back();
-        auto entries = FileSystem::listDirectoryWithStatus(top + relative);
-        if (!entries) {
-            items[relative] = "<unreadable>";
-            continue;
-        }
-        for (const auto& entry : *entries) {
-            std::string path = relative + "/" + entry.name;
-            if (!entry.status)
-                continue;
-            const FileStatus& status = *entry.status;
-            char time[32];
-            std::snprintf(time, sizeof time, "%.3f", status.modifyTime.timeIntervalSince1970());
-            std::string line;
-            if (status.type == FileType::Directory) {
-                folders.push_back(path);
-                line = "folder"; // folders keep no mode or time of their own on the service
-            } else if (status.type == FileType::SymbolicLink) {
-                char target[512] = {};
-                ssize_t n = ::readlink((top + path).c_str(), target, sizeof target - 1);
-                line = "link -> " + std::string(target, n < 0 ? 0 : static_cast<size_t>(n)) + " " + time;
-            } else if (status.type == FileType::Other) {
-                line = "special"; // never opened: a FIFO would wait for a writer
-            } else {
-                char mode[8];
-                std::snprintf(mode, sizeof mode, "%04o", status.mode & 07777);
-                line = std::string("file ") + mode + " " + time + " " +
-                       FileSystem::readFile(top + path).value_or("<unreadable>");
-            }
-            items[path] = line;
+    auto entries = FileSystem::listDirectoryWithStatus(top + relative);
+    if (!entries)
+        items[relative] = "<unreadable>";
+    for (const auto& entry : entries.value_or(std::vector<FileSystem::Entry>{})) {
+        std::string path = relative + "/" + entry.name, &line = items[path];
+        const FileStatus status = entry.status.value_or(FileStatus{});
+        char time[32], mode[8], target[512] = {};
+        std::snprintf(time, sizeof time, "%.3f", status.modifyTime.timeIntervalSince1970());
+        std::snprintf(mode, sizeof mode, "%04o", status.mode & 07777);
+        if (status.type == FileType::Directory) {
+            line = "folder"; // folders keep no mode or time of their own on the service
+            items.merge(inventory(top, path));
+        } else if (status.type == FileType::SymbolicLink) {
+            ssize_t n = ::readlink((top + path).c_str(), target, sizeof target - 1);
+            line = "link -> " + std::string(target, n < 0 ? 0 : static_cast<size_t>(n)) + " " + time;
+        } else if (status.type == FileType::Other) {
+            line = "special"; // never opened: a FIFO would wait for a writer
+        } else {
+            line = std::string("file ") + mode + " " + time + " " + FileSystem::readFile(top + path).value_or("<unreadable>");
         }
     }
     return items;
