@@ -36,12 +36,10 @@ TEST_F(LoopDialogThreadTest, CancelReachesWorkerAndItsTransfer) {
     Thread* self = nullptr;
     Thread worker([&] {
         auto aborted = CurlHandleController::shared().beginTransfer();
-        for (int i = 0; i < 1000; ++i) {
+        for (int i = 0; i < 1000 && messagesBeforeCancel < 0; ++i) {
             loop.SetLoopMessage(self, "step " + std::to_string(i));
-            if (loop.IsLoopCancel(self)) {
+            if (loop.IsLoopCancel(self))
                 messagesBeforeCancel = i + 1;
-                break;
-            }
         }
         transferAborted = *aborted;
         CurlHandleController::shared().endTransfer();
