@@ -115,7 +115,7 @@ protected:
         EXPECT_EQ(result.code, 0) << result.out << result.err;
         return result;
     }
-    // A run that must end with code and say says on stderr.
+    // A run that must end with code, its error output holding says.
     Result fails(std::vector<std::string> args, int code, const std::string& says = "") {
         auto result = run(std::move(args));
         EXPECT_EQ(result.code, code) << result.out << result.err;
