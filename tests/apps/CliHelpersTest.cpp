@@ -13,18 +13,14 @@ namespace {
 
 TEST(CliDates, DatesAndTimesAreCheckedNotRolledOver) {
     test::TempHome home;
-    auto date = TaskFormat::parseDate("2024-02-29 13:05", false);
-    ASSERT_TRUE(date);
-    DateComponents c = Calendar::components(*date);
-    EXPECT_EQ(c.year, 2024);
-    EXPECT_EQ(c.month, 2);
-    EXPECT_EQ(c.day, 29);
-    EXPECT_EQ(c.hour, 13);
-    EXPECT_EQ(c.minute, 5);
+    auto shown = [](const char* text, bool end) {
+        DateComponents c = Calendar::components(TaskFormat::parseDate(text, end).value_or(Date(0)));
+        return std::to_string(c.year) + "-" + std::to_string(c.month) + "-" + std::to_string(c.day) + " " +
+               std::to_string(c.hour) + ":" + std::to_string(c.minute);
+    };
+    EXPECT_EQ(shown("2024-02-29 13:05", false), "2024-2-29 13:5");
     // A bare date as the end of a range covers the whole day.
-    DateComponents end = Calendar::components(*TaskFormat::parseDate("2024-03-01", true));
-    EXPECT_EQ(end.hour, 23);
-    EXPECT_EQ(end.minute, 59);
+    EXPECT_EQ(shown("2024-03-01", true), "2024-3-1 23:59");
     for (const char* bad : {"2023-02-29", "2024-13-01", "2024-04-31", "2024-1-1", "2024-01-01 24:00", "tomorrow", ""})
         EXPECT_FALSE(TaskFormat::parseDate(bad, false)) << bad;
     EXPECT_EQ(TaskFormat::parseTime("02:30"), 150);
@@ -33,8 +29,7 @@ TEST(CliDates, DatesAndTimesAreCheckedNotRolledOver) {
         EXPECT_FALSE(TaskFormat::parseTime(bad)) << bad;
     EXPECT_EQ(TaskFormat::parseWeekday("Sat"), 7);
     EXPECT_EQ(TaskFormat::parseWeekday("sunday"), 1);
-    EXPECT_FALSE(TaskFormat::parseWeekday("s"));
-    EXPECT_FALSE(TaskFormat::parseWeekday("funday"));
+    EXPECT_FALSE(TaskFormat::parseWeekday("s") || TaskFormat::parseWeekday("funday"));
     EXPECT_EQ(TaskFormat::dateText(Date(0)), "never");
 }
 

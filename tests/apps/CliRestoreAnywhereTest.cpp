@@ -48,41 +48,27 @@ struct Computer {
 };
 
 // What a tree holds, item by item: type, permission bits, link target, time, bytes.
-std::map<std::string, std::string> inventory(const std::string& top) {
+std::map<std::string, std::string> inventory(const std::string& top, const std::string& relative = "") {
     std::map<std::string, std::string> items;
-    std::vector<std::string> folders{""};
-    while (!folders.empty()) {
-        std::string relative = folders.back();
-        folders.pop_back();
-        auto entries = FileSystem::listDirectoryWithStatus(top + relative);
-        if (!entries) {
-            items[relative] = "<unreadable>";
-            continue;
-        }
-        for (const auto& entry : *entries) {
-            std::string path = relative + "/" + entry.name;
-            if (!entry.status)
-                continue;
-            const FileStatus& status = *entry.status;
-            char time[32];
-            std::snprintf(time, sizeof time, "%.3f", status.modifyTime.timeIntervalSince1970());
-            std::string line;
-            if (status.type == FileType::Directory) {
-                folders.push_back(path);
-                line = "folder"; // folders keep no mode or time of their own on the service
-            } else if (status.type == FileType::SymbolicLink) {
-                char target[512] = {};
-                ssize_t n = ::readlink((top + path).c_str(), target, sizeof target - 1);
-                line = "link -> " + std::string(target, n < 0 ? 0 : static_cast<size_t>(n)) + " " + time;
-            } else if (status.type == FileType::Other) {
-                line = "special"; // never opened: a FIFO would wait for a writer
-            } else {
-                char mode[8];
-                std::snprintf(mode, sizeof mode, "%04o", status.mode & 07777);
-                line = std::string("file ") + mode + " " + time + " " +
-                       FileSystem::readFile(top + path).value_or("<unreadable>");
-            }
-            items[path] = line;
+    auto entries = FileSystem::listDirectoryWithStatus(top + relative);
+    if (!entries)
+        items[relative] = "<unreadable>";
+    for (const auto& entry : entries.value_or(std::vector<FileSystem::Entry>{})) {
+        std::string path = relative + "/" + entry.name, &line = items[path];
+        const FileStatus status = entry.status.value_or(FileStatus{});
+        char time[32], mode[8], target[512] = {};
+        std::snprintf(time, sizeof time, "%.3f", status.modifyTime.timeIntervalSince1970());
+        std::snprintf(mode, sizeof mode, "%04o", status.mode & 07777);
+        if (status.type == FileType::Directory) {
+            line = "folder"; // folders keep no mode or time of their own on the service
+            items.merge(inventory(top, path));
+        } else if (status.type == FileType::SymbolicLink) {
+            ssize_t n = ::readlink((top + path).c_str(), target, sizeof target - 1);
+            line = "link -> " + std::string(target, n < 0 ? 0 : static_cast<size_t>(n)) + " " + time;
+        } else if (status.type == FileType::Other) {
+            line = "special"; // never opened: a FIFO would wait for a writer
+        } else {
+            line = std::string("file ") + mode + " " + time + " " + FileSystem::readFile(top + path).value_or("<unreadable>");
         }
     }
     return items;
@@ -151,6 +137,14 @@ protected:
         args.insert(args.begin(), {"--user", "alice", "--service", service});
         return computer.cli.run(args);
     }
+    CliRunner::Result ok(Computer& computer, std::vector<std::string> args) {
+        auto result = run(computer, std::move(args));
+        EXPECT_EQ(result.code, 0) << result.out << result.err;
+        return result;
+    }
+    static void has(const std::string& text, const std::string& part) {
+        EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
+    }
 
     TempHome home;
     std::unique_ptr<WebDavTestServer> server;
@@ -159,25 +153,18 @@ protected:
 };
 
 TEST_P(CliRestoreAnywhere, HomeComesBackAsItWasOnANewComputer) {
-    auto made = run(*first, {"task", "new", "Home", "--source", tree});
-    ASSERT_EQ(made.code, 0) << made.out << made.err;
     // Nothing is left out silently: the one name the service cannot take is named.
-    EXPECT_NE(made.out.find("left out: " + tree + "/Notes/" + kTooLong), std::string::npos) << made.out;
-    EXPECT_NE(run(*first, {"log"}).out.find(kTooLong), std::string::npos);
-    auto secret = run(*first, {"task", "new", "Secret", "--source", vault, "--encrypt"});
-    ASSERT_EQ(secret.code, 0) << secret.out << secret.err;
+    has(ok(*first, {"task", "new", "Home", "--source", tree}).out, "left out: " + tree + "/Notes/" + kTooLong);
+    has(run(*first, {"log"}).out, kTooLong);
+    ok(*first, {"task", "new", "Secret", "--source", vault, "--encrypt"});
     // A changed file keeps its older version under its encoded name.
     write(tree + "/Notes/Notes 10:30.txt", "meeting moved\n", 0640, 1'600'000'100);
-    auto again = run(*first, {"backup", "Home"});
-    ASSERT_EQ(again.code, 0) << again.out << again.err;
-    auto shown = run(*first, {"task", "show", "Home"});
-    EXPECT_NE(shown.out.find(tree + "/.cache"), std::string::npos) << shown.out;
+    ok(*first, {"backup", "Home"});
+    has(run(*first, {"task", "show", "Home"}).out, tree + "/.cache");
 
     // The new computer knows nothing but the account. Its pass phrase is given through
     // the kept secrets.
-    auto versions = run(*second, {"--json", "versions", "Home", "alice/Notes/Notes 10:30.txt"});
-    ASSERT_EQ(versions.code, 0) << versions.out << versions.err;
-    EXPECT_NE(versions.out.find("\"version\":0"), std::string::npos) << versions.out;
+    has(ok(*second, {"--json", "versions", "Home", "alice/Notes/Notes 10:30.txt"}).out, "\"version\":0");
     {
         auto json = run(*second, {"--json", "task", "show", "Secret"}).out;
         auto at = json.find("\"serverFolder\":\"");
@@ -192,10 +179,8 @@ TEST_P(CliRestoreAnywhere, HomeComesBackAsItWasOnANewComputer) {
         setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
     }
     std::string into = home.file("second/home/restored");
-    auto restored = run(*second, {"restore", "Home", "--to", into});
-    ASSERT_EQ(restored.code, 0) << restored.out << restored.err;
-    auto opened = run(*second, {"restore", "Secret", "--to", into});
-    ASSERT_EQ(opened.code, 0) << opened.out << opened.err;
+    ok(*second, {"restore", "Home", "--to", into});
+    ok(*second, {"restore", "Secret", "--to", into});
 
     auto before = inventory(tree);
     auto after = inventory(into + "/alice");
@@ -209,11 +194,6 @@ TEST_P(CliRestoreAnywhere, HomeComesBackAsItWasOnANewComputer) {
     EXPECT_EQ(after, before);
     EXPECT_EQ(inventory(into + "/vault"), inventory(vault));
     EXPECT_EQ(after["/.ssh/id_ed25519"].substr(0, 9), "file 0600");
-
-    std::string diff = "diff -r --no-dereference -x .cache -x pipe -x '" + kTooLong + "' '" + tree +
-                       "' '" + into + "/alice' >/dev/null && diff -r --no-dereference '" + vault +
-                       "' '" + into + "/vault' >/dev/null";
-    EXPECT_EQ(std::system(diff.c_str()), 0) << diff;
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, CliRestoreAnywhere, ::testing::Values(false, true),

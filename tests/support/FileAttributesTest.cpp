@@ -28,63 +28,42 @@ protected:
     std::string link = folder + "/link";
 };
 
+// What getFileAttibutes answered and read, in one line.
+std::string attributes(CFileAttributes& item) {
+    bool read = item.getFileAttibutes();
+    return std::to_string(read) + " file " + std::to_string(item.bFile) + " folder " + std::to_string(item.bFolder) +
+           " size " + std::to_string(item.fileSize) + " " + item.fileType + " dates " +
+           std::to_string(item.modifyDate.has_value()) + std::to_string(item.createDate.has_value());
+}
+
 TEST_F(LocalItems, AttributesOfFileFolderLinkAndMissingPath) {
-    CFileAttributes onFile(file);
+    CFileAttributes onFile(file), onFolder(folder), onLink(link), missing(folder + "/none");
     EXPECT_FALSE(onFile.bFile); // nothing read before asking
-    ASSERT_TRUE(onFile.getFileAttibutes());
-    EXPECT_TRUE(onFile.bFile);
-    EXPECT_FALSE(onFile.bFolder);
-    EXPECT_EQ(onFile.fileSize, 10);
-    EXPECT_EQ(onFile.fileType, "Regular");
-    ASSERT_TRUE(onFile.modifyDate);
+    EXPECT_EQ(attributes(onFile), "1 file 1 folder 0 size 10 Regular dates 11");
     EXPECT_EQ(*onFile.modifyDate, Date(1'700'000'000.25));
-    ASSERT_TRUE(onFile.createDate);
     EXPECT_LE(*onFile.createDate, *onFile.modifyDate);
-
-    CFileAttributes onFolder(folder);
-    ASSERT_TRUE(onFolder.getFileAttibutes());
-    EXPECT_TRUE(onFolder.bFolder);
-    EXPECT_FALSE(onFolder.bFile);
-    EXPECT_EQ(onFolder.fileSize, 0);
-
-    CFileAttributes onLink(link);
-    ASSERT_TRUE(onLink.getFileAttibutes());
-    EXPECT_FALSE(onLink.bFile);
-    EXPECT_FALSE(onLink.bFolder);
-    EXPECT_EQ(onLink.fileSize, 0);
-    EXPECT_EQ(onLink.fileType, "SymbolicLink");
-
-    CFileAttributes missing(folder + "/none");
-    EXPECT_FALSE(missing.getFileAttibutes());
-    EXPECT_FALSE(missing.bFile);
-    EXPECT_FALSE(missing.bFolder);
-    EXPECT_FALSE(missing.modifyDate);
-    EXPECT_FALSE(missing.createDate);
-    EXPECT_EQ(missing.fileType, "");
+    EXPECT_EQ(attributes(onFolder), "1 file 0 folder 1 size 0 Directory dates 11");
+    EXPECT_EQ(attributes(onLink), "1 file 0 folder 0 size 0 SymbolicLink dates 11");
+    EXPECT_EQ(attributes(missing), "0 file 0 folder 0 size 0  dates 00");
 }
 
 TEST(FMLocFileManagerSize, DisplayBoundaries) {
     EXPECT_EQ(FMLocFileManager::FormatFileSize(std::nullopt), "");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(0), "");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1), "1 bytes");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1023), "1023 bytes");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1024), "1 KB");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1536), "2 KB");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1048575), "1024 KB"); // under 1024 KiB, rounded
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1048576), "1.0 MB");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(5242880), "5.0 MB");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1073741824), "1.00 GB");
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(1099511627776), "1024.00 GB");
+    // Just under 1024 KiB still rounds to KB.
+    const std::pair<uint64_t, const char*> sizes[] = {
+        {0, ""}, {1, "1 bytes"}, {1023, "1023 bytes"}, {1024, "1 KB"}, {1536, "2 KB"}, {1048575, "1024 KB"},
+        {1048576, "1.0 MB"}, {5242880, "5.0 MB"}, {1073741824, "1.00 GB"}, {1099511627776, "1024.00 GB"}};
+    for (const auto& [size, text] : sizes)
+        EXPECT_EQ(FMLocFileManager::FormatFileSize(size), text) << size;
 }
 
 TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
     ASSERT_TRUE(FileSystem::createEmptyFile(folder + "/tool"));
     ASSERT_EQ(::chmod((folder + "/tool").c_str(), 0755), 0);
-    EXPECT_EQ(FMLocFileManager::CopyKindString(folder), "Folder");
-    EXPECT_EQ(FMLocFileManager::CopyKindString(file), "Document");
-    EXPECT_EQ(FMLocFileManager::CopyKindString(link), "Alias");
-    EXPECT_EQ(FMLocFileManager::CopyKindString(folder + "/tool"), "Application");
-    EXPECT_EQ(FMLocFileManager::CopyKindString(folder + "/none"), "");
+    std::string kinds;
+    for (const auto& path : {folder, file, link, folder + "/tool", folder + "/none"})
+        kinds += FMLocFileManager::CopyKindString(path) + ",";
+    EXPECT_EQ(kinds, "Folder,Document,Alias,Application,,");
     EXPECT_EQ(FMLocFileManager::CopyDispalyName(file), "a.txt");
     EXPECT_EQ(FMLocFileManager::CopyDispalyName(folder + "/none"), "");
 
@@ -101,11 +80,8 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
 
     FMLocFileManager manager;
     auto row = manager.GetFileAttribute(file);
-    EXPECT_EQ(row["Name"], "a.txt");
-    EXPECT_EQ(row["Path"], file);
-    EXPECT_EQ(row["Kind"], "Document");
-    EXPECT_EQ(row["Type"], "Regular");
-    EXPECT_EQ(row["Size"], "10 bytes");
+    EXPECT_EQ(row["Name"] + "|" + row["Path"] + "|" + row["Kind"] + "|" + row["Type"] + "|" + row["Size"],
+              "a.txt|" + file + "|Document|Regular|10 bytes");
     EXPECT_EQ(row["DateModified"], manager.formatDate(Date(1'700'000'000.25)));
     EXPECT_EQ(manager.GetFileAttribute(folder)["Size"], "--");
     EXPECT_TRUE(manager.GetFileAttribute(folder + "/none").empty());

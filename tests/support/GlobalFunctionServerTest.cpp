@@ -40,8 +40,7 @@ TEST_F(GlobalFunctionServer, CreateSrvFolderMakesMissingParentsAndReportsTheCode
     int64_t code = -1;
     EXPECT_TRUE(GlobalFunction::CreateSrvFolder("\\A\\B\\C", "desc", "cap", &code));
     EXPECT_EQ(code, 0);
-    EXPECT_TRUE(exists("\\A"));
-    EXPECT_TRUE(exists("\\A\\B\\C"));
+    EXPECT_TRUE(exists("\\A") && exists("\\A\\B\\C"));
     code = -1;
     EXPECT_TRUE(GlobalFunction::CreateSrvHistoryFolder("\\A\\B\\C", "", "", &code)); // already there
     EXPECT_EQ(code, 0);
@@ -100,10 +99,11 @@ TEST_F(GlobalFunctionServer, LocalFileComparedWithItsServerCopy) {
     ASSERT_EQ(service().UploadFile(transfer, uploaded), ResultCode::Success);
 
     EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\a.txt", local), 1);
-    ASSERT_TRUE(FileSystem::setModifyTime(local, Date(1'600'000'000.75))); // sub-second counts
-    EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\a.txt", local), 4);
-    ASSERT_TRUE(FileSystem::setModifyTime(local, Date(1'599'999'999.0)));
-    EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\a.txt", local), 5);
+    // Newer, then older here; a sub-second difference counts.
+    for (auto [time, answer] : {std::pair{1'600'000'000.75, 4}, std::pair{1'599'999'999.0, 5}}) {
+        ASSERT_TRUE(FileSystem::setModifyTime(local, Date(time)));
+        EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\a.txt", local), answer);
+    }
     EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\none.txt", local), 2);
     EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\a.txt", home.file("gone.txt")), 6);
 }
@@ -116,13 +116,12 @@ TEST_F(GlobalFunctionServer, LogonAndReLogon) {
 
     auto faults = std::make_shared<FaultInjectingStore>(service().backend());
     service().SetBackend(faults);
-    ASSERT_EQ(service().Logon("u", "p"), ResultCode::Success);
-    faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::Failure, 1);
-    EXPECT_FALSE(GlobalFunction::reLogon(true));
-    // A password changed on the service since the logon is a refusal as well.
-    ASSERT_EQ(service().Logon("u", "p"), ResultCode::Success);
-    faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::WrongPassword, 1);
-    EXPECT_FALSE(GlobalFunction::reLogon(true));
+    // A failure, or a password changed on the service since the logon, is a refusal.
+    for (int64_t refusal : {ResultCode::Failure, ResultCode::WrongPassword}) {
+        ASSERT_EQ(service().Logon("u", "p"), ResultCode::Success);
+        faults->failOperation(FaultInjectingStore::Operation::Logon, refusal, 1);
+        EXPECT_FALSE(GlobalFunction::reLogon(true));
+    }
     // Other codes leave it to the next call.
     faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::NoService, 1);
     EXPECT_TRUE(GlobalFunction::reLogon(true));

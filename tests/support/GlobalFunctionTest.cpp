@@ -15,48 +15,36 @@
 
 using namespace cirrovault;
 
-TEST(GlobalFunctionSizeText, UnitBoundariesAndGrouping) {
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(0), "0 B");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(512), "512 B");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1023), "1023 B");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1024), "1 KB");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1535), "1 KB");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1536), "2 KB"); // half rounds up
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1048063), "1,023 KB");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1048576), "1,024 KB"); // 1024 is still KB
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1049088), "1 MB");     // k = 1025 moves on
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1073741824), "1,024 MB");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(1234567890), "1.15 GB");
-    EXPECT_EQ(GlobalFunction::stringFromFileSize(UINT64_MAX), "17179869184.00 GB");
-}
+TEST(GlobalFunctionText, SizesListsAndStrings) {
+    // Half rounds up; 1024 is still KB, k = 1025 moves on.
+    const std::pair<uint64_t, const char*> sizes[] = {
+        {0, "0 B"}, {512, "512 B"}, {1023, "1023 B"}, {1024, "1 KB"}, {1535, "1 KB"}, {1536, "2 KB"},
+        {1048063, "1,023 KB"}, {1048576, "1,024 KB"}, {1049088, "1 MB"}, {1073741824, "1,024 MB"},
+        {1234567890, "1.15 GB"}, {UINT64_MAX, "17179869184.00 GB"}};
+    for (const auto& [size, text] : sizes)
+        EXPECT_EQ(GlobalFunction::stringFromFileSize(size), text) << size;
 
-TEST(GlobalFunctionText, ListsAndStrings) {
+    using Strings = std::vector<std::string>;
     EXPECT_EQ(GlobalFunction::stringFromNSArray({"a", "", ";", "b"}, ";"), "a;b;");
     EXPECT_EQ(GlobalFunction::stringFromNSArray({}, ";"), "");
-    EXPECT_EQ(GlobalFunction::arrayFromString("a;b;", ";"),
-              (std::vector<std::string>{"a", "b", ""}));
-    EXPECT_EQ(GlobalFunction::arrayFromString("a;;b", ";"),
-              (std::vector<std::string>{"a", "", "b"}));
-    EXPECT_EQ(GlobalFunction::arrayFromString("a||b", "||"), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(GlobalFunction::arrayFromString("a;b;", ";"), (Strings{"a", "b", ""}));
+    EXPECT_EQ(GlobalFunction::arrayFromString("a;;b", ";"), (Strings{"a", "", "b"}));
+    EXPECT_EQ(GlobalFunction::arrayFromString("a||b", "||"), (Strings{"a", "b"}));
     EXPECT_EQ(GlobalFunction::arrayFromString("", ";"), std::nullopt);
 
     EXPECT_EQ(GlobalFunction::stringAppendString("ab", "cd"), "abcd");
     EXPECT_EQ(GlobalFunction::stringByTrimmingLeadingWhitespace(" \t a b "), "a b ");
     EXPECT_EQ(GlobalFunction::stringByTrimmingLeadingWhitespace(" \t "), "");
-
-    EXPECT_TRUE(GlobalFunction::IsWindowsBackupTask(""));
-    EXPECT_TRUE(GlobalFunction::IsWindowsBackupTask("C:\\Docs"));
+    EXPECT_TRUE(GlobalFunction::IsWindowsBackupTask("") && GlobalFunction::IsWindowsBackupTask("C:\\Docs"));
     EXPECT_FALSE(GlobalFunction::IsWindowsBackupTask("/home/a"));
     EXPECT_EQ(GlobalFunction::GetWinDriveName("D:\\x"), "D");
     EXPECT_EQ(GlobalFunction::GetWinDriveName(""), "");
-}
+    // The month lands in the minutes and is then overwritten: January, as it always was.
+    EXPECT_EQ(GlobalFunction::localDateFromServerDate("03/15/2024 14:30:00"), "2024-01-15 14:30:00");
+    EXPECT_EQ(GlobalFunction::localDateFromServerDate("not a date"), "");
 
-TEST(GlobalFunctionText, ValidNameRefusesEverySpecialCharacter) {
-    EXPECT_TRUE(GlobalFunction::ValidNameFmt("Docs"));
-    EXPECT_TRUE(GlobalFunction::ValidNameFmt("My Docs 2"));
-    EXPECT_FALSE(GlobalFunction::ValidNameFmt(""));
-    for (const char* bad : {"Docs.1", "a$b", "a/b", "a\\b", "a\"b", "a:b", "a*b", "a|b", "a<b",
-                            "a>b", "a?b"})
+    EXPECT_TRUE(GlobalFunction::ValidNameFmt("Docs") && GlobalFunction::ValidNameFmt("My Docs 2"));
+    for (const char* bad : {"", "Docs.1", "a$b", "a/b", "a\\b", "a\"b", "a:b", "a*b", "a|b", "a<b", "a>b", "a?b"})
         EXPECT_FALSE(GlobalFunction::ValidNameFmt(bad)) << bad;
 }
 
@@ -64,7 +52,6 @@ TEST(GlobalFunctionNames, MachineNameIsCutAtTheFirstDot) {
     std::string host = Host::name();
     std::string machine = GlobalFunction::GetMachineName();
     EXPECT_EQ(machine, host.substr(0, host.find('.')));
-    EXPECT_EQ(machine.find('.'), std::string::npos);
     EXPECT_EQ(GlobalFunction::getPCName(), machine);
     EXPECT_EQ(GlobalFunction::GetCurrentUserName(), Host::userFullName());
 }
@@ -74,14 +61,9 @@ TEST(GlobalFunctionRandom, IdentitiesDifferWithinTheSameSecond) {
     auto clock = std::make_shared<ManualClock>(Date(1'000'000.25));
     Clock::setShared(clock);
     std::set<int> seen;
-    for (int i = 0; i < 64; ++i) {
-        int pc = GlobalFunction::getRandom();
-        int task = GlobalFunction::getTaskIDRandom();
-        EXPECT_GT(pc, 0);
-        EXPECT_GT(task, 0);
-        seen.insert(pc);
-        seen.insert(task);
-    }
+    for (int i = 0; i < 64; ++i)
+        for (int id : {GlobalFunction::getRandom(), GlobalFunction::getTaskIDRandom()})
+            EXPECT_GT(*seen.insert(id).first, 0);
     Clock::setShared(nullptr);
     EXPECT_GT(seen.size(), 120u);
 }
@@ -92,10 +74,11 @@ TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
     ASSERT_TRUE(CFileInfo::CreateSubDir(folder));
     ASSERT_TRUE(CFileInfo::CreateFile(folder + "/a.txt"));
     ASSERT_TRUE(CFileInfo::CreateSubDir(folder + "/sub"));
-    EXPECT_TRUE(GlobalFunction::isFileExists(folder + "/a.txt"));
-    EXPECT_FALSE(GlobalFunction::isFileExists(folder + "/none"));
-    EXPECT_TRUE(GlobalFunction::isFileExistsAndIsDirectory(folder + "/sub"));
-    EXPECT_FALSE(GlobalFunction::isFileExistsAndIsDirectory(folder + "/a.txt"));
+    std::string found;
+    for (const char* name : {"/a.txt", "/none", "/sub"})
+        found += std::to_string(GlobalFunction::isFileExists(folder + name)) +
+                 std::to_string(GlobalFunction::isFileExistsAndIsDirectory(folder + name)) + " ";
+    EXPECT_EQ(found, "10 00 11 ");
 
     auto entries = GlobalFunction::getSubPath(folder);
     ASSERT_TRUE(entries);
@@ -104,27 +87,16 @@ TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
     EXPECT_EQ(GlobalFunction::getSubPath(folder + "/none"), std::nullopt);
 
     ItemInfoRecord info = GlobalFunction::getItemInfo(16, folder + "/a.txt");
-    EXPECT_EQ(info.flags, 16u);
-    EXPECT_EQ(info.fileType, "Regular");
-    EXPECT_EQ(info.extension, "txt");
+    EXPECT_EQ(std::to_string(info.flags) + " " + info.fileType + " " + info.extension, "16 Regular txt");
     EXPECT_EQ(GlobalFunction::getItemInfo(16, folder + "/none").fileType, "");
     // Answers true for anything, hidden or not, existing or not.
-    EXPECT_TRUE(GlobalFunction::isInvisible(folder + "/a.txt"));
-    EXPECT_TRUE(GlobalFunction::isInvisible(folder + "/none"));
-}
+    EXPECT_TRUE(GlobalFunction::isInvisible(folder + "/a.txt") && GlobalFunction::isInvisible(folder + "/none"));
 
-TEST(GlobalFunctionFiles, CurrentAppPathWithoutLogonIsTheProductFolder) {
-    test::TempHome home;
+    // Without a logon: the product folder, not made; no server copy to compare with.
     TransferApiUtil::releaseTransferApiUtil();
     EXPECT_EQ(GlobalFunction::GetOBCurrentAppPath(), CFileInfo::getProductFolderPath());
-    EXPECT_FALSE(FileSystem::exists(CFileInfo::getProductFolderPath())); // nothing is made
-}
-
-TEST(GlobalFunctionFiles, LocalFileAgainstAMissingServerFile) {
-    test::TempHome home;
-    TransferApiUtil::releaseTransferApiUtil();
-    ASSERT_TRUE(CFileInfo::CreateFile(home.file("a.txt")));
-    EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\nowhere\\a.txt", home.file("a.txt")), 2);
+    EXPECT_FALSE(FileSystem::exists(CFileInfo::getProductFolderPath()));
+    EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\nowhere\\a.txt", folder + "/a.txt"), 2);
 }
 
 class GlobalFunctionDialogs : public ::testing::Test {
@@ -139,15 +111,17 @@ protected:
     std::shared_ptr<HeadlessMessagebox> presenter;
 };
 
-TEST_F(GlobalFunctionDialogs, MessageBoxShowsTheTextWithoutTitle) {
+TEST_F(GlobalFunctionDialogs, MessageBoxWithoutTitleAndTheFolderPanel) {
     presenter->queueAnswer(MessageboxAnswer::Yes);
     EXPECT_EQ(GlobalFunction::MessageBox("Cancel the backup?", MessageboxStyle::YesNo), 3);
     EXPECT_EQ(GlobalFunction::MessageBox("Again?", MessageboxStyle::YesNo), MessageboxAnswer::No);
+    EXPECT_EQ(GlobalFunction::openFolderPanel(), "");
+    presenter->setFolderPanelPath("/restore/here");
+    EXPECT_EQ(GlobalFunction::openFolderPanel(), "/restore/here");
     auto shown = presenter->shown();
-    ASSERT_EQ(shown.size(), 2u);
-    EXPECT_EQ(shown[0].title, "");
-    EXPECT_EQ(shown[0].text, "Cancel the backup?");
-    EXPECT_EQ(shown[0].style, 2);
+    ASSERT_EQ(shown.size(), 4u);
+    EXPECT_EQ(shown[0].title + "|" + shown[0].text + "|" + std::to_string(shown[0].style), "|Cancel the backup?|2");
+    EXPECT_EQ(shown[2].title, LoadString::GetValueByKey("RestoreViewTitle"));
 }
 
 TEST_F(GlobalFunctionDialogs, SpaceLimitRetryOnlyOnRetry) {
@@ -168,23 +142,8 @@ TEST_F(GlobalFunctionDialogs, SpaceLimitAlterBuildsItsMessageAndOrdersOnSeven) {
     auto shown = presenter->shown();
     ASSERT_EQ(shown.size(), 2u);
     EXPECT_EQ(shown[0].kind, HeadlessMessagebox::Kind::StorageOrder);
-    EXPECT_EQ(shown[0].text, LoadString::GetValueByKey("IDS_STRREACHLIMIT") + " " +
-                                 LoadString::GetValueByKey("IDS_ORDERSPACE"));
     EXPECT_FALSE(shown[0].checkBox);
-    EXPECT_EQ(shown[0].style, 1);
-    EXPECT_EQ(shown[1].text, "Buy more?");
-    EXPECT_EQ(shown[1].style, 4);
-}
-
-TEST_F(GlobalFunctionDialogs, FolderPanelAnswersTheChosenFolderOrEmpty) {
-    EXPECT_EQ(GlobalFunction::openFolderPanel(), "");
-    presenter->setFolderPanelPath("/restore/here");
-    EXPECT_EQ(GlobalFunction::openFolderPanel(), "/restore/here");
-    EXPECT_EQ(presenter->shown().at(0).title, LoadString::GetValueByKey("RestoreViewTitle"));
-}
-
-TEST(GlobalFunctionText, ServerDateReadThroughTheLowerCasePattern) {
-    // The month lands in the minutes and is then overwritten: January, as it always was.
-    EXPECT_EQ(GlobalFunction::localDateFromServerDate("03/15/2024 14:30:00"), "2024-01-15 14:30:00");
-    EXPECT_EQ(GlobalFunction::localDateFromServerDate("not a date"), "");
+    EXPECT_EQ(shown[0].text + "|" + std::to_string(shown[0].style),
+              LoadString::GetValueByKey("IDS_STRREACHLIMIT") + " " + LoadString::GetValueByKey("IDS_ORDERSPACE") + "|1");
+    EXPECT_EQ(shown[1].text + "|" + std::to_string(shown[1].style), "Buy more?|4");
 }

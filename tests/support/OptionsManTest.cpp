@@ -21,45 +21,33 @@ protected:
         return home.dataHome() + "/Cirrovault/Options/OnlineBackup/Options.plist";
     }
 
-    void expectDefaults() {
-        EXPECT_EQ(OptionsMan::intervalMinutes(), 1u);
-        EXPECT_TRUE(OptionsMan::IsAutoStartScheduleAfterMinutes());
-        EXPECT_EQ(OptionsMan::reportEmail(), "");
-        EXPECT_FALSE(OptionsMan::IsAutoRun());
-        EXPECT_FALSE(OptionsMan::IsUseSSL());
-        EXPECT_FALSE(OptionsMan::IsReportWhenError());
-        EXPECT_FALSE(OptionsMan::IsReportWhenFinish());
+    // Every option in one line: minutes, then the flags, then the report address.
+    static std::string options() {
+        return std::to_string(OptionsMan::intervalMinutes()) + " " +
+               std::to_string(OptionsMan::IsAutoStartScheduleAfterMinutes()) + std::to_string(OptionsMan::IsAutoRun()) +
+               std::to_string(OptionsMan::IsUseSSL()) + std::to_string(OptionsMan::IsReportWhenError()) +
+               std::to_string(OptionsMan::IsReportWhenFinish()) + " " + OptionsMan::reportEmail();
     }
+    static constexpr const char* kDefaults = "1 10000 ";
 
     test::TempHome home;
 };
 
-bool plistutilReads(const std::string& path) {
-    std::string command = "plistutil -i '" + path + "' -o /dev/null >/dev/null 2>&1";
-    return std::system(command.c_str()) == 0;
-}
-
 } // namespace
 
 TEST_F(OptionsManTest, DefaultsSettersAndLoadingBeforeSaving) {
-    expectDefaults();
+    EXPECT_EQ(options(), kDefaults);
     OptionsMan::LoadPublicOptions(); // no file: nothing changes
-    expectDefaults();
+    EXPECT_EQ(options(), kDefaults);
 
-    OptionsMan::SetIntervalMinutes(0);
-    EXPECT_EQ(OptionsMan::intervalMinutes(), 0u); // 0 is a value, not "missing"
+    OptionsMan::SetIntervalMinutes(0); // 0 is a value, not "missing"
     OptionsMan::SetAutoStartScheduleAfterMinutes(false);
     OptionsMan::SetAutoRun(true);
     OptionsMan::SetUseSSL(true);
     OptionsMan::setReportEmail("a@example.com; b@example.com");
     OptionsMan::SetReportWhenError(true);
     OptionsMan::SetReportWhenFinish(true);
-    EXPECT_FALSE(OptionsMan::IsAutoStartScheduleAfterMinutes());
-    EXPECT_TRUE(OptionsMan::IsAutoRun());
-    EXPECT_TRUE(OptionsMan::IsUseSSL());
-    EXPECT_EQ(OptionsMan::reportEmail(), "a@example.com; b@example.com");
-    EXPECT_TRUE(OptionsMan::IsReportWhenError());
-    EXPECT_TRUE(OptionsMan::IsReportWhenFinish());
+    EXPECT_EQ(options(), "0 01111 a@example.com; b@example.com");
     EXPECT_FALSE(FileSystem::exists(publicFile())) << "setters never write the file";
 
     OptionsMan::LoadPublicOptions(); // still no file: the settings survive
@@ -71,7 +59,7 @@ TEST_F(OptionsManTest, DefaultsSettersAndLoadingBeforeSaving) {
     EXPECT_EQ(OptionsMan::intervalMinutes(), 0u);
 
     OptionsMan::clearnOptionsManClass();
-    expectDefaults();
+    EXPECT_EQ(options(), kDefaults);
 }
 
 TEST_F(OptionsManTest, FileRoundTripKeepsTypesAndUnknownKeys) {
@@ -81,15 +69,13 @@ TEST_F(OptionsManTest, FileRoundTripKeepsTypesAndUnknownKeys) {
     OptionsMan::SavePublicOptions();
 
     auto file = PropertyListFile::read(publicFile());
-    ASSERT_TRUE(file);
-    const PropertyList* minutes = file->find("MyOptions")->find("Minutes");
-    ASSERT_TRUE(minutes);
-    EXPECT_EQ(std::get<int64_t>(minutes->value()), 4000000000);
+    ASSERT_TRUE(file && file->find("MyOptions")->find("Minutes"));
+    EXPECT_EQ(std::get<int64_t>(file->find("MyOptions")->find("Minutes")->value()), 4000000000);
     EXPECT_EQ(std::get<bool>(file->find("EventLog")->find("ReportWhenFinish")->value()), true);
     EXPECT_EQ(*file->find("EventLog")->find("ReportEmail")->string(), "me@example.com");
     ASSERT_TRUE(file->find("SystemOptions")) << "every group is made by a setter";
     if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
-        EXPECT_TRUE(plistutilReads(publicFile()));
+        EXPECT_EQ(std::system(("plistutil -i '" + publicFile() + "' -o /dev/null >/dev/null 2>&1").c_str()), 0);
     }
 
     // Keys this program does not know are kept through a load and a save.
@@ -98,8 +84,7 @@ TEST_F(OptionsManTest, FileRoundTripKeepsTypesAndUnknownKeys) {
     ASSERT_TRUE(PropertyListFile::write(publicFile(), *file));
     OptionsMan::clearnOptionsManClass();
     OptionsMan::LoadPublicOptions();
-    EXPECT_EQ(OptionsMan::intervalMinutes(), 4000000000u);
-    EXPECT_TRUE(OptionsMan::IsReportWhenFinish());
+    EXPECT_EQ(options(), "4000000000 10001 me@example.com");
     OptionsMan::SetUseSSL(true);
     OptionsMan::SavePublicOptions();
     auto again = PropertyListFile::read(publicFile());
@@ -128,7 +113,7 @@ TEST_F(OptionsManTest, DamagedFileGivesDefaultsAndStoresNothingUntilReset) {
         OptionsMan::LoadPublicOptions();
         EXPECT_TRUE(SystemLog::capturedContains("damaged options file"));
         SystemLog::stopCapture();
-        expectDefaults();
+        EXPECT_EQ(options(), kDefaults);
         OptionsMan::SetIntervalMinutes(5); // no options: nothing is stored
         EXPECT_EQ(OptionsMan::intervalMinutes(), 1u);
         OptionsMan::SavePublicOptions(); // and nothing is written over the file
@@ -137,7 +122,6 @@ TEST_F(OptionsManTest, DamagedFileGivesDefaultsAndStoresNothingUntilReset) {
     OptionsMan::clearnOptionsManClass();
     OptionsMan::SetIntervalMinutes(5);
     EXPECT_EQ(OptionsMan::intervalMinutes(), 5u);
-
     // A group that is not a dictionary reads as missing and takes no values.
     ASSERT_TRUE(FileSystem::writeFileAtomically(
         publicFile(), PropertyList(PlistDict{{"MyOptions", PropertyList("oops")}}).toXml()));

@@ -89,16 +89,13 @@ protected:
         TaskListEntry task;
         task.taskID = static_cast<int32_t>(pcID % 1000);
         task.pcID = pcID;
-        task.name = name;
-        task.description = name;
+        task.name = task.description = name;
         task.mPCName = pcName;
         task.taskType = 1;
         task.serverPath = "\\Backup\\" + name;
-        task.mDating = Date::now();
-        task.mBeginDate = Date::now();
+        task.mDating = task.mBeginDate = Date::now();
         task.mEndDate = localDate(2099, 1, 1, 0, 0);
-        CManageTaskList list;
-        ASSERT_EQ(list.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+        ASSERT_EQ(CManageTaskList().addOrEditBackupTask(task, "Add", "", "", ""), 0);
     }
 
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(wednesdayMorning());
@@ -115,8 +112,8 @@ TEST_F(CreateTaskWizardTest, ChecksRefuseInOrderWithTheirKeys) {
 
     ASSERT_TRUE(controller->createTaskName());
     std::string proposed = controller->getStep1TaskName();
-    EXPECT_FALSE(proposed.empty());
     EXPECT_EQ(proposed, controller->pBackupManage->getCreateNewTaskName());
+    EXPECT_FALSE(proposed.empty());
     EXPECT_EQ(controller->getStep1TaskDescription(), proposed);
 
     using Keys = std::vector<std::string>;
@@ -143,11 +140,10 @@ TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactly) {
     ASSERT_TRUE(controller->createTaskName());
     std::string folder = tickNewFolder("Projects");
 
-    EXPECT_EQ(controller->IsCreateTaskValid("Docs"), 1);
-    EXPECT_EQ(controller->IsCreateTaskValid("Photos"), 1);
-    EXPECT_EQ(controller->IsCreateTaskValid("docs"), 0);
-    EXPECT_EQ(controller->IsCreateTaskValid("Docs "), 0);
-    EXPECT_EQ(controller->IsCreateTaskValid(""), 0); // empty names never match
+    std::string taken; // empty names never match
+    for (const char* name : {"Docs", "Photos", "docs", "Docs ", ""})
+        taken += std::to_string(controller->IsCreateTaskValid(name));
+    EXPECT_EQ(taken, "11000");
 
     EXPECT_EQ(next("Docs", "Mine"), std::vector<std::string>{"IDS_MSGDUPNAME"});
     EXPECT_EQ(next("Photos", "Mine"), std::vector<std::string>{"IDS_MSGDUPNAME"});
@@ -157,10 +153,8 @@ TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactly) {
     EXPECT_TRUE(next("docs", "Mine").empty());
     EXPECT_EQ(host.directions, std::vector<int32_t>{1});
     auto task = controller->pBackupManage->GetNewTask();
-    ASSERT_TRUE(task);
-    EXPECT_EQ(task->name, "docs");
-    ASSERT_EQ(task->localDirList.size(), 1u);
-    EXPECT_EQ(task->localDirList[0].path(), folder);
+    ASSERT_TRUE(task && task->localDirList.size() == 1);
+    EXPECT_EQ(task->name + " " + task->localDirList[0].path(), "docs " + folder);
 }
 
 TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheManager) {
@@ -178,9 +172,7 @@ TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheM
     EXPECT_EQ(controller->taskName, "Travel");
     auto task = controller->pBackupManage->GetNewTask();
     ASSERT_TRUE(task);
-    EXPECT_EQ(task->name, "Travel");
-    EXPECT_EQ(task->description, "Trip photos ");
-    EXPECT_EQ(task->taskType & 15, 2);
+    EXPECT_EQ(task->name + "|" + task->description + "|" + std::to_string(task->taskType & 15), "Travel|Trip photos |2");
     // The manager's schedule rules bring the proposal to the next Monday at 10:00.
     EXPECT_EQ(task->mDating, localDate(2024, 5, 13, 10, 0));
 
@@ -199,9 +191,8 @@ TEST_F(CreateTaskWizardTest, UnreadableServiceListStopsWithItsOwnMessage) {
     tickNewFolder("Docs");
     api().Logoff();
     EXPECT_EQ(controller->IsCreateTaskValid("Docs"), -1);
-    auto shown = messages->shown();
-    ASSERT_EQ(shown.size(), 1u);
-    EXPECT_EQ(shown[0].text, CManageTaskList().showManageTaskListResult(1, 1));
+    ASSERT_EQ(messages->shown().size(), 1u);
+    EXPECT_EQ(messages->shown()[0].text, CManageTaskList().showManageTaskListResult(1, 1));
     messages->clearShown();
 
     // Next stops after that message, without a duplicate-name message of its own.
@@ -221,10 +212,10 @@ TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleType) {
         return controller->getStep1Dating();
     };
     // Daily and date-range tasks: one day on, whatever the weekday list says.
-    EXPECT_EQ(first(1, 1), picked.addingTimeInterval(86400));
-    EXPECT_FALSE(controller->pStep1View->isDaysPopupEnabled());
-    EXPECT_EQ(first(3, 5), picked.addingTimeInterval(86400));
-    EXPECT_FALSE(controller->pStep1View->isDaysPopupEnabled());
+    for (auto [type, day] : {std::pair{1, 1}, std::pair{3, 5}}) {
+        EXPECT_EQ(first(type, day), picked.addingTimeInterval(86400));
+        EXPECT_FALSE(controller->pStep1View->isDaysPopupEnabled());
+    }
     // Weekly, today Wednesday: Monday is 5 days ahead, Tuesday 6, Wednesday 0, plus a week.
     EXPECT_EQ(first(2, 1), picked.addingTimeInterval(5 * 86400 + 604800));
     EXPECT_TRUE(controller->pStep1View->isDaysPopupEnabled());
