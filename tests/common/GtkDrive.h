@@ -46,11 +46,6 @@ inline Match showing(const std::string& text) {
     };
 }
 
-inline std::string labelText(GtkWidget* root, const std::string& name) {
-    GtkWidget* label = find(root, named(name));
-    return label && GTK_IS_LABEL(label) ? gtk_label_get_text(GTK_LABEL(label)) : "<none>";
-}
-
 // Turns the main loop until the condition holds, at most `seconds`.
 inline bool pumpUntil(const std::function<bool()>& done, double seconds = 10) {
     auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -12,10 +11,8 @@
 
 #include "common/GtkDrive.h"
 #include "platform/framework/HeadlessMessagebox.h"
-#include "platform/framework/LoadString.h"
 #include "platform/framework/SessionFixture.h"
 #include "platform/os/Clock.h"
-#include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
 #include "platform/view/ViewLayout.h"
@@ -24,65 +21,23 @@
 #include "ui/LoopDlgController.h"
 #include "ui/ProgressBarController.h"
 
-// The controllers' windows drawn by GTK and used the way a person does: typing into
-// entries, clicking buttons and tick boxes, closing windows by their close button.
-// Workers drive the windows from their own threads while the main thread runs them
-// modally. Each test saves a screenshot of what it drove.
+// The controllers' windows drawn by GTK: workers drive them from their own threads while
+// a thread runs them modally, and their close button stops the work behind them. Each
+// test saves a screenshot of what it drove.
 namespace cirrovault {
 namespace {
 
 using namespace test;
 
-// From a worker: runs fn on the main thread (which is running a window modally) and
-// waits for it, at most ten seconds.
-bool onMainAndWait(const std::function<void()>& fn) {
-    auto job = std::make_shared<std::packaged_task<void()>>(fn);
-    auto done = job->get_future();
-    auto* held = new std::shared_ptr<std::packaged_task<void()>>(job);
-    g_idle_add_full(
-        G_PRIORITY_DEFAULT,
-        [](gpointer data) -> gboolean {
-            (**static_cast<std::shared_ptr<std::packaged_task<void()>>*>(data))();
-            return G_SOURCE_REMOVE;
-        },
-        held, [](gpointer data) { delete static_cast<std::shared_ptr<std::packaged_task<void()>>*>(data); });
-    return done.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-}
-
-// From a worker: waits until the window's GTK label shows the text.
-bool eventuallyShows(GtkViewBackend& backend, const ViewWindow& window, const char* outlet,
-                     const std::string& text) {
-    for (int i = 0; i < 500; ++i) {
-        bool shown = false;
-        onMainAndWait([&] { shown = labelText(GTK_WIDGET(backend.gtkWindowOf(window)), outlet) == text; });
-        if (shown)
+// From a worker: polls until the condition holds, at most ten seconds.
+bool polled(const std::function<bool()>& done) {
+    for (int i = 0; i < 2000; ++i) {
+        if (done())
             return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return false;
 }
-
-// Runs fn on the main loop once, `ms` from now, unless the guard goes first.
-class Later {
-public:
-    Later(guint ms, std::function<void()> fn) : fn_(std::move(fn)), source_(g_timeout_source_new(ms)) {
-        g_source_set_callback(source_, [](gpointer self) -> gboolean {
-            static_cast<Later*>(self)->fn_();
-            return G_SOURCE_REMOVE;
-        }, this, nullptr);
-        g_source_attach(source_, nullptr);
-    }
-    ~Later() {
-        g_source_destroy(source_);
-        g_source_unref(source_);
-    }
-    Later(const Later&) = delete;
-    Later& operator=(const Later&) = delete;
-
-private:
-    std::function<void()> fn_;
-    GSource* source_;
-};
 
 class GtkWindowsTest : public test::SessionFixture {
 protected:
@@ -111,52 +66,45 @@ protected:
 TEST_F(GtkWindowsTest, WindowRunFromAnotherThreadIsDrawnByTheMainLoop) {
     ProgressBarController controller(backend);
     Thread* self = nullptr;
-    bool shown = false;
+    std::atomic<bool> seen{false};
+    std::atomic<bool> ended{false};
     Thread worker([&] {
         controller.SetProgressMessage(self, "Deleting the task's server files");
-        shown = eventuallyShows(*backend, *controller.windowOf(self)->window(), ViewOutlet::Message,
-                                "Deleting the task's server files");
+        polled([&] { return seen.load(); });
         controller.LeaveProgressModel(self);
     });
     self = &worker;
-    std::atomic<bool> ended{false};
     Thread host([&] {
         controller.EnterProgressMode(&worker);
         ended = true;
     });
+    Script look(nullptr, {{showing("Deleting the task's server files"), [&](GtkWidget*) { seen = true; }}});
     host.start();
     EXPECT_TRUE(pumpUntil([&] { return ended.load(); }, 30));
     host.join();
     worker.join();
-    EXPECT_TRUE(shown);
+    EXPECT_TRUE(seen);
 }
 
-// The window's close button stops the work behind it, and the worker still ends
-// the loop; the same for the wait dialog.
+// The window's close button stops the work behind it, and the worker still ends the
+// loop; the same for the wait dialog.
 TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
     ProgressBarController controller(backend);
     Thread* self = nullptr;
-    std::atomic<int> steps{0};
     bool cancelled = false;
     Thread worker([&] {
-        while (!controller.IsCancelProgressModel(self) && steps < 2000) {
-            controller.SetProgressMessage(self, "Deleting item " + std::to_string(++steps));
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        controller.SetProgressMessage(self, "Deleting the task's server files");
+        polled([&] { return controller.IsCancelProgressModel(self); });
         cancelled = controller.getProgressInfo(self)->IsCancelled();
         controller.LeaveProgressModel(self);
     });
     self = &worker;
-    bool shot = false;
-    Later closeLater(300, [&] {
-        GtkWindow* gtkWindow = backend->gtkWindowOf(*controller.windowOf(self)->window());
-        shot = screenshot(GTK_WIDGET(gtkWindow), "close-button-cancels");
-        gtk_window_close(gtkWindow); // the title bar's close button
-    });
+    Script close(nullptr, {{named(ViewOutlet::TimeLeft), [](GtkWidget* w) {
+                                EXPECT_TRUE(screenshot(w, "close-button-cancels"));
+                                gtk_window_close(GTK_WINDOW(w)); // the title bar's close button
+                            }}});
     controller.EnterProgressMode(&worker);
     worker.join();
-    EXPECT_TRUE(shot);
-    EXPECT_LT(steps, 2000);
     EXPECT_TRUE(cancelled);
 
     LoopDlgController loop(backend, false);
@@ -164,18 +112,14 @@ TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
     bool loopCancelled = false;
     Thread waiting([&] {
         loop.SetLoopMessage(loopSelf, "Signing in to the service...");
-        for (int i = 0; i < 2000 && !loopCancelled; ++i) {
-            loopCancelled = loop.IsLoopCancel(loopSelf);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        loopCancelled = polled([&] { return loop.IsLoopCancel(loopSelf); });
         loop.LeaveLoopMode(loopSelf);
     });
     loopSelf = &waiting;
-    Later closeDialog(300, [&] {
-        GtkWindow* gtkWindow = backend->gtkWindowOf(*loop.getLoopThreadInfo(loopSelf)->pDlg->window());
-        screenshot(GTK_WIDGET(gtkWindow), "wait-dialog");
-        gtk_window_close(gtkWindow);
-    });
+    Script closeDialog(nullptr, {{showing("Signing in to the service..."), [](GtkWidget* w) {
+                                      EXPECT_TRUE(screenshot(w, "wait-dialog"));
+                                      gtk_window_close(GTK_WINDOW(w));
+                                  }}});
     EXPECT_TRUE(loop.EnterLoopMode(&waiting, CLoopItem::ButtonCancel));
     waiting.join();
     EXPECT_TRUE(loopCancelled);
@@ -189,7 +133,6 @@ TEST_F(GtkWindowsTest, ClosingTheRestoreWindowStopsTheRestore) {
     messages->queueAnswer(MessageboxAnswer::Yes); // "stop the restore?"
     CDownloadFileController controller(backend);
     Thread* self = nullptr;
-    bool shot = false;
     bool stopped = false;
     Thread worker([&] {
         controller.iTotalSize = 1000;
@@ -200,23 +143,16 @@ TEST_F(GtkWindowsTest, ClosingTheRestoreWindowStopsTheRestore) {
         progress->setSentSize(100);
         clock->advance(10);
         progress->setSentSize(300);
-        auto window = controller.view()->window();
-        EXPECT_TRUE(eventuallyShows(*backend, *window, ViewOutlet::TimeLeft, "0:00:23"));
-        onMainAndWait([&] {
-            GtkWindow* gtkWindow = backend->gtkWindowOf(*window);
-            shot = screenshot(GTK_WIDGET(gtkWindow), "restore-progress");
-            gtk_window_close(gtkWindow);
-        });
-        for (int i = 0; i < 2000 && !stopped; ++i) {
-            stopped = controller.IsCancelDownload(self);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        stopped = polled([&] { return controller.IsCancelDownload(self); });
         controller.LeaveProgressModel(self);
     });
     self = &worker;
+    Script close(nullptr, {{showing("0:00:23"), [](GtkWidget* w) { // once its figures are drawn
+                                EXPECT_TRUE(screenshot(w, "restore-progress"));
+                                gtk_window_close(GTK_WINDOW(w));
+                            }}});
     controller.EnterProgressMode(&worker);
     worker.join();
-    EXPECT_TRUE(shot);
     EXPECT_TRUE(stopped);
 }
 
