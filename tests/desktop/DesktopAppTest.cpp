@@ -181,6 +181,7 @@ TEST_F(DesktopAppTest, RowsAreReadInOnePieceWhileARunStarts) {
                      &start);
     makeTask("daily", "", "Music"); // the rows are laid out anew
     window_->refreshTasks();
+    g_signal_handlers_disconnect_by_data(list, &start);
     EXPECT_TRUE(start.done);
     EXPECT_EQ(window_->rowText("Documents").find("written by the run"), std::string::npos)
         << window_->rowText("Documents");
@@ -251,10 +252,9 @@ TEST_F(DesktopAppTest, AutomaticBackupsStopAndRestartTheSchedulerHereKeepingWhat
     session_->setAutomatic(true);
     ASSERT_TRUE(manager.AddTaskToWaitList(task, false));
     session_->setAutomatic(false);
-    session_->runInBackground([] {}); // once the scheduler has stopped
+    session_->setAutomatic(true); // waits for the stop under way, then starts anew
     EXPECT_TRUE(manager.findTaskFromWaitingList(task));
     EXPECT_EQ(task->mTaskState, CBackupTask::StateWaiting);
-    session_->setAutomatic(true);
     ASSERT_TRUE(manager.pScheduleThread);
     EXPECT_FALSE(manager.pScheduleThread->isFinished());
     EXPECT_FALSE(manager.bExit);
