@@ -26,7 +26,8 @@ using Match = std::function<bool(GtkWidget*)>;
 inline GtkWidget* find(GtkWidget* root, const Match& match) {
     if (!root || match(root))
         return root;
-    for (GtkWidget* child = gtk_widget_get_first_child(root); child; child = gtk_widget_get_next_sibling(child))
+    for (GtkWidget* child = gtk_widget_get_first_child(root); child;
+         child = gtk_widget_get_next_sibling(child))
         if (GtkWidget* found = find(child, match))
             return found;
     return nullptr;
@@ -64,7 +65,8 @@ inline GtkWidget* shownWindow(const Match& match) {
     for (guint i = 0; i < g_list_model_get_n_items(windows); ++i) {
         auto* window = GTK_WIDGET(g_list_model_get_item(windows, i));
         g_object_unref(window); // the list keeps it
-        if (gtk_widget_get_mapped(window) && gtk_widget_get_width(window) > 0 && find(window, match))
+        if (gtk_widget_get_mapped(window) && gtk_widget_get_width(window) > 0 &&
+            find(window, match))
             return window;
     }
     return nullptr;
@@ -101,11 +103,13 @@ inline void press(GtkWidget* window, const std::string& button) {
         return GTK_IS_BUTTON(w) && (named(button)(w) || showing(button)(w));
     });
     ASSERT_TRUE(found) << button;
-    g_idle_add(+[](gpointer b) -> gboolean {
-        g_signal_emit_by_name(b, "clicked");
-        g_object_unref(b);
-        return G_SOURCE_REMOVE;
-    }, g_object_ref(found));
+    g_idle_add(
+        +[](gpointer b) -> gboolean {
+            g_signal_emit_by_name(b, "clicked");
+            g_object_unref(b);
+            return G_SOURCE_REMOVE;
+        },
+        g_object_ref(found));
 }
 
 inline void type(GtkWidget* window, const Match& field, const std::string& text) {
@@ -121,9 +125,11 @@ inline void type(GtkWidget* window, const Match& field, const std::string& text)
 class Script {
 public:
     using Act = std::function<void(GtkWidget*)>;
-    Script(GtkWindow* keep, std::vector<std::pair<Match, Act>> steps) : steps_(std::move(steps)), keep_(keep) {
-        source_ = g_timeout_add(50, +[](gpointer self) -> gboolean { return static_cast<Script*>(self)->tick(); },
-                                this);
+    Script(GtkWindow* keep, std::vector<std::pair<Match, Act>> steps)
+        : steps_(std::move(steps)), keep_(keep) {
+        source_ = g_timeout_add(
+            50, +[](gpointer self) -> gboolean { return static_cast<Script*>(self)->tick(); },
+            this);
     }
     ~Script() {
         if (source_)
@@ -146,7 +152,9 @@ private:
                 ticks_ = 0;
                 steps_[next_++].second(window);
             }
-        } else if (GtkWidget* window = shownWindow([this](GtkWidget* w) { return GTK_IS_WINDOW(w) && GTK_WINDOW(w) != keep_; })) {
+        } else if (GtkWidget* window = shownWindow([this](GtkWidget* w) {
+                       return GTK_IS_WINDOW(w) && GTK_WINDOW(w) != keep_;
+                   })) {
             gtk_window_close(GTK_WINDOW(window));
         }
         return G_SOURCE_CONTINUE;

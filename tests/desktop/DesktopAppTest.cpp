@@ -33,7 +33,9 @@ std::string content(const std::string& path) {
 
 class DesktopAppTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run"; }
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run";
+    }
 
     void SetUp() override {
         source_ = home_.file("Documents");
@@ -88,48 +90,60 @@ TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
     auto box = [](const char* key) { return showing(LoadString::GetValueByKey(key)); };
     const std::string ok = LoadString::GetValueByKey("IDS_OK", "OK");
     int day = (Calendar::weekday(Clock::shared().now()) + 1) % 7; // two days ahead; 0 is Sunday
-    Script script(window_->window(), {
-        {browser, [](GtkWidget* w) { press(w, ViewButton::Done); }}, // nothing ticked yet
-        {step1, [](GtkWidget* w) {
-             type(w, named(ViewOutlet::TaskName), "");
-             press(w, ViewButton::Next);
-         }},
-        {box("EmptyTaskName"), [&](GtkWidget* w) {
-             EXPECT_TRUE(screenshot(w, "wizard-refused"));
-             press(w, ok);
-         }},
-        {step1, [](GtkWidget* w) { // still there; the leading space is not kept
-             type(w, named(ViewOutlet::TaskName), " Documents");
-             press(w, ViewButton::Next);
-         }},
-        {box("IDS_MSGSELFOLDER"), [&](GtkWidget* w) { press(w, ok); }},
-        {step1, [](GtkWidget* w) { press(w, ViewButton::Back); }},
-        {browser, [](GtkWidget* w) {
-             GtkWidget* documents = find(w, [](GtkWidget* l) {
-                 return GTK_IS_LABEL(l) && std::strstr(gtk_label_get_text(GTK_LABEL(l)), "Documents/");
-             });
-             ASSERT_TRUE(documents);
-             gtk_check_button_set_active(GTK_CHECK_BUTTON(gtk_widget_get_first_child(gtk_widget_get_parent(documents))),
-                                         TRUE);
-             EXPECT_TRUE(screenshot(w, "wizard-folder-browser"));
-             press(w, ViewButton::Done);
-         }},
-        {step1, [](GtkWidget* w) {
-             gtk_check_button_set_active(GTK_CHECK_BUTTON(find(w, named("backupTypeMatrixRadio2"))), TRUE);
-         }},
-        {[](GtkWidget* w) { // weekly turns the weekday list on
-             return named(ViewOutlet::DaysPopupButton)(w) && gtk_widget_get_sensitive(w);
-         },
-         [&](GtkWidget* w) {
-             gtk_drop_down_set_selected(GTK_DROP_DOWN(find(w, named(ViewOutlet::DaysPopupButton))), day);
-             EXPECT_TRUE(screenshot(w, "wizard-step1"));
-             press(w, ViewButton::Next);
-         }},
-        {showing("Make the task"), [](GtkWidget* w) {
-             EXPECT_TRUE(screenshot(w, "wizard-schedule"));
-             press(w, "Make the task");
-         }},
-    });
+    Script script(
+        window_->window(),
+        {
+            {browser, [](GtkWidget* w) { press(w, ViewButton::Done); }}, // nothing ticked yet
+            {step1,
+             [](GtkWidget* w) {
+                 type(w, named(ViewOutlet::TaskName), "");
+                 press(w, ViewButton::Next);
+             }},
+            {box("EmptyTaskName"),
+             [&](GtkWidget* w) {
+                 EXPECT_TRUE(screenshot(w, "wizard-refused"));
+                 press(w, ok);
+             }},
+            {step1,
+             [](GtkWidget* w) { // still there; the leading space is not kept
+                 type(w, named(ViewOutlet::TaskName), " Documents");
+                 press(w, ViewButton::Next);
+             }},
+            {box("IDS_MSGSELFOLDER"), [&](GtkWidget* w) { press(w, ok); }},
+            {step1, [](GtkWidget* w) { press(w, ViewButton::Back); }},
+            {browser,
+             [](GtkWidget* w) {
+                 GtkWidget* documents = find(w, [](GtkWidget* l) {
+                     return GTK_IS_LABEL(l) &&
+                            std::strstr(gtk_label_get_text(GTK_LABEL(l)), "Documents/");
+                 });
+                 ASSERT_TRUE(documents);
+                 gtk_check_button_set_active(
+                     GTK_CHECK_BUTTON(gtk_widget_get_first_child(gtk_widget_get_parent(documents))),
+                     TRUE);
+                 EXPECT_TRUE(screenshot(w, "wizard-folder-browser"));
+                 press(w, ViewButton::Done);
+             }},
+            {step1,
+             [](GtkWidget* w) {
+                 gtk_check_button_set_active(
+                     GTK_CHECK_BUTTON(find(w, named("backupTypeMatrixRadio2"))), TRUE);
+             }},
+            {[](GtkWidget* w) { // weekly turns the weekday list on
+                 return named(ViewOutlet::DaysPopupButton)(w) && gtk_widget_get_sensitive(w);
+             },
+             [&](GtkWidget* w) {
+                 gtk_drop_down_set_selected(
+                     GTK_DROP_DOWN(find(w, named(ViewOutlet::DaysPopupButton))), day);
+                 EXPECT_TRUE(screenshot(w, "wizard-step1"));
+                 press(w, ViewButton::Next);
+             }},
+            {showing("Make the task"),
+             [](GtkWidget* w) {
+                 EXPECT_TRUE(screenshot(w, "wizard-schedule"));
+                 press(w, "Make the task");
+             }},
+        });
     window_->newTask();
     EXPECT_TRUE(script.finished()) << "stopped before step " << script.stepsDone() + 1;
 
@@ -152,7 +166,8 @@ TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
     EXPECT_TRUE(progress.finished());
     row = window_->rowText("Documents");
     EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_NE(row.find(cli::TaskFormat::stateName(CBackupTask::StateSucceeded)), std::string::npos) << row;
+    EXPECT_NE(row.find(cli::TaskFormat::stateName(CBackupTask::StateSucceeded)), std::string::npos)
+        << row;
     EXPECT_NE(row.find(cli::TaskFormat::dateText(task->mBackupDate)), std::string::npos) << row;
     EXPECT_TRUE(screenshot(GTK_WIDGET(window_->window()), "desktop-backed-up"));
 }
@@ -168,8 +183,10 @@ TEST_F(DesktopAppTest, RowsAreReadInOnePieceWhileARunStarts) {
         CBackupManage::TaskPtr task;
         bool done = false;
     } start{session_->manager(), task};
-    GtkWidget* list = find(GTK_WIDGET(window_->window()), [](GtkWidget* w) { return GTK_IS_LIST_BOX(w); });
-    g_signal_connect(list, "row-selected", G_CALLBACK(+[](GtkListBox*, GtkListBoxRow*, gpointer data) {
+    GtkWidget* list =
+        find(GTK_WIDGET(window_->window()), [](GtkWidget* w) { return GTK_IS_LIST_BOX(w); });
+    g_signal_connect(list, "row-selected",
+                     G_CALLBACK(+[](GtkListBox*, GtkListBoxRow*, gpointer data) {
                          auto* s = static_cast<Start*>(data);
                          if (std::exchange(s->done, true))
                              return;
@@ -207,7 +224,8 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
     auto outcome = restore.restoreSelected();
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
     EXPECT_EQ(content(elsewhere + "/Documents/letter.txt"), "first draft\n");
-    EXPECT_EQ(content(source_ + "/letter.txt"), "second draft, longer\n"); // the original is left alone
+    EXPECT_EQ(content(source_ + "/letter.txt"),
+              "second draft, longer\n"); // the original is left alone
     EXPECT_TRUE(screenshot(GTK_WIDGET(restore.window()), "desktop-restore-version"));
 
     // Missing files come back to where they were; what exists is not touched.
@@ -229,11 +247,14 @@ TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFile
     // What this computer keeps is wrong now: the dialog asks, and the typed phrase opens.
     cli::RestoreSupport where(session_->host(), session_->manager().GetTaskByName("Documents"));
     ASSERT_TRUE(PasswordMan().SetPassword(where.serverFolder(), true, "a wrong phrase"));
-    Script answer(window_->window(), {{[](GtkWidget* w) { return GTK_IS_PASSWORD_ENTRY(w); }, [](GtkWidget* w) {
-                                           type(w, [](GtkWidget* e) { return GTK_IS_PASSWORD_ENTRY(e); },
-                                                "the right phrase");
-                                           press(w, "OK");
-                                       }}});
+    Script answer(window_->window(),
+                  {{[](GtkWidget* w) { return GTK_IS_PASSWORD_ENTRY(w); },
+                    [](GtkWidget* w) {
+                        type(
+                            w, [](GtkWidget* e) { return GTK_IS_PASSWORD_ENTRY(e); },
+                            "the right phrase");
+                        press(w, "OK");
+                    }}});
     restore.setDestination(home_.file("restored"));
     auto outcome = restore.restoreSelected();
     EXPECT_TRUE(answer.finished());
@@ -260,11 +281,13 @@ TEST_F(DesktopAppTest, AutomaticBackupsStopAndRestartTheSchedulerHereKeepingWhat
     EXPECT_FALSE(manager.bExit);
     // The scheduler reads the task list anew between passes: ask for the task by name,
     // and wait for the end of its run.
-    EXPECT_TRUE(pumpUntil([&] {
-        auto now = manager.GetTaskByName("Documents");
-        std::lock_guard lock(manager.managerLock);
-        return now && now->mTaskState == CBackupTask::StateSucceeded && !manager.pWorkingTask;
-    }, 30));
+    EXPECT_TRUE(pumpUntil(
+        [&] {
+            auto now = manager.GetTaskByName("Documents");
+            std::lock_guard lock(manager.managerLock);
+            return now && now->mTaskState == CBackupTask::StateSucceeded && !manager.pWorkingTask;
+        },
+        30));
     session_->setAutomatic(false);
 }
 

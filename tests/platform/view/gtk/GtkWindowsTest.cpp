@@ -78,7 +78,8 @@ TEST_F(GtkWindowsTest, WindowRunFromAnotherThreadIsDrawnByTheMainLoop) {
         controller.EnterProgressMode(&worker);
         ended = true;
     });
-    Script look(nullptr, {{showing("Deleting the task's server files"), [&](GtkWidget*) { seen = true; }}});
+    Script look(nullptr,
+                {{showing("Deleting the task's server files"), [&](GtkWidget*) { seen = true; }}});
     host.start();
     EXPECT_TRUE(pumpUntil([&] { return ended.load(); }, 30));
     host.join();
