@@ -164,14 +164,12 @@ void DesktopSession::setAutomatic(bool on) {
         return;
     }
     // The scheduler sees the flag at its next pass (about two seconds): wait off the
-    // main thread, then let a later start go on.
+    // main thread, then let a later start go on. Queued tasks stay queued, as after the
+    // engine's own stop of the scheduler: they run once it is back on.
     m.bExit = true;
     runInBackground([&m] {
         if (auto scheduler = m.pScheduleThread)
             scheduler->join();
-        std::lock_guard lock(m.managerLock);
-        while (auto waiting = m.getTopTaskFromWaitingList())
-            m.RemoveTaskFromWaitlist(waiting);
     });
     status_ = text("DesktopSchedulerOff", "Scheduled tasks do not run automatically.");
 }

@@ -180,18 +180,28 @@ void MainWindow::refreshAccount() {
 }
 
 void MainWindow::refreshTasks() {
-    auto tasks = session_.manager().getTasksList();
-    CBackupManage::TaskPtr working;
+    // Read in one piece under the manager's lock, as its other readers do: a run that
+    // starts meanwhile would otherwise lend a row the fields it is writing.
+    struct Shown {
+        std::string name;
+        bool running;
+        std::vector<std::string> values;
+    };
+    std::vector<Shown> tasks;
     {
-        std::lock_guard lock(session_.manager().managerLock);
-        working = session_.manager().pWorkingTask;
+        CBackupManage& manager = session_.manager();
+        std::lock_guard lock(manager.managerLock);
+        auto list = manager.getTasksList();
+        const auto& working = manager.pWorkingTask;
+        // A new task's first run is the working task before it joins the list.
+        if (working && std::none_of(list.begin(), list.end(), [&](const auto& t) { return t == working; }))
+            list.push_back(working);
+        for (const auto& task : list)
+            tasks.push_back({task->name, task == working, rowValues(*task, task == working)});
     }
-    // A new task's first run is the working task before it joins the list.
-    if (working && std::none_of(tasks.begin(), tasks.end(), [&](const auto& t) { return t == working; }))
-        tasks.push_back(working);
     bool same = tasks.size() == rows_.size();
     for (size_t i = 0; same && i < tasks.size(); ++i)
-        same = tasks[i]->name == rows_[i].name;
+        same = tasks[i].name == rows_[i].name;
     if (!same) {
         std::string keep = selectedTask();
         for (auto& row : rows_)
@@ -199,7 +209,7 @@ void MainWindow::refreshTasks() {
         rows_.clear();
         for (const auto& task : tasks) {
             Row row;
-            row.name = task->name;
+            row.name = task.name;
             GtkWidget* line = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 12);
             gtk_widget_set_margin_top(line, 4);
             gtk_widget_set_margin_bottom(line, 4);
@@ -215,8 +225,8 @@ void MainWindow::refreshTasks() {
             selectTask(keep);
     }
     for (size_t i = 0; i < tasks.size(); ++i) {
-        bool running = tasks[i] == working;
-        auto values = rowValues(*tasks[i], running);
+        bool running = tasks[i].running;
+        const auto& values = tasks[i].values;
         for (int c = 1; c < 5; ++c)
             if ((c == 1 || !running) && values[c] != gtk_label_get_text(GTK_LABEL(rows_[i].labels[c])))
                 gtk_label_set_text(GTK_LABEL(rows_[i].labels[c]), values[c].c_str());

@@ -4,82 +4,28 @@
 #include <gtk/gtk.h>
 
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "BackupRunner.h"
 #include "DesktopSession.h"
-#include "platform/view/gtk/GtkScreenshot.h"
-#include "platform/view/gtk/GtkViewBackend.h"
 #include "MainWindow.h"
 #include "RestoreWindow.h"
 #include "TaskCreation.h"
 #include "TaskFormat.h"
+#include "common/GtkDrive.h"
 #include "common/TempHome.h"
+#include "platform/framework/LoadString.h"
 #include "platform/framework/PasswordMan.h"
+#include "platform/os/Calendar.h"
+#include "platform/os/Clock.h"
 #include "platform/os/FileSystem.h"
+#include "platform/view/ViewLayout.h"
 
 namespace cirrovault::desktop {
 namespace {
 
-// Lets GTK lay out and draw what changed.
-void settle(GtkWidget* widget) {
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (std::chrono::steady_clock::now() < until &&
-           (!gtk_widget_get_mapped(widget) || gtk_widget_get_width(widget) == 0))
-        g_main_context_iteration(nullptr, FALSE);
-    for (int i = 0; i < 50; ++i) {
-        while (g_main_context_iteration(nullptr, FALSE)) {
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-}
-
-void screenshot(GtkWindow* window, const std::string& name) {
-    settle(GTK_WIDGET(window));
-    FileSystem::createDirectories(CV_SCREENSHOT_DIR);
-    std::string path = std::string(CV_SCREENSHOT_DIR) + "/" + name + ".png";
-    EXPECT_TRUE(saveWidgetPng(GTK_WIDGET(window), path)) << path;
-    std::printf("screenshot: %s\n", path.c_str());
-}
-
-// Answers the dialog titled `title` once it shows: types `typed` into its secret fields,
-// then presses the button labelled `button`.
-struct DialogAnswer {
-    std::string title, typed, button;
-    int ticks = 0;
-    bool answered = false;
-};
-
-void walk(GtkWidget* widget, DialogAnswer& answer, GtkWidget*& press) {
-    if (GTK_IS_PASSWORD_ENTRY(widget))
-        gtk_editable_set_text(GTK_EDITABLE(widget), answer.typed.c_str());
-    if (GTK_IS_BUTTON(widget) && gtk_button_get_label(GTK_BUTTON(widget)) &&
-        answer.button == gtk_button_get_label(GTK_BUTTON(widget)))
-        press = widget;
-    for (GtkWidget* child = gtk_widget_get_first_child(widget); child; child = gtk_widget_get_next_sibling(child))
-        walk(child, answer, press);
-}
-
-void answerDialog(DialogAnswer& answer) {
-    g_timeout_add(100, +[](gpointer data) -> gboolean {
-        auto* a = static_cast<DialogAnswer*>(data);
-        GListModel* windows = gtk_window_get_toplevels();
-        for (guint i = 0; i < g_list_model_get_n_items(windows); ++i) {
-            auto* window = GTK_WIDGET(g_list_model_get_item(windows, i));
-            g_object_unref(window); // the list keeps it
-            const char* title = gtk_window_get_title(GTK_WINDOW(window));
-            if (!title || a->title != title || !gtk_widget_get_mapped(window) || gtk_widget_get_width(window) == 0)
-                continue;
-            GtkWidget* press = nullptr;
-            walk(window, *a, press);
-            if (press)
-                g_signal_emit_by_name(press, "clicked");
-            a->answered = press != nullptr;
-            return G_SOURCE_REMOVE;
-        }
-        return ++a->ticks < 100 ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
-    }, &answer);
-}
+using namespace test;
 
 std::string content(const std::string& path) {
     return FileSystem::readFile(path).value_or("<missing>");
@@ -87,7 +33,9 @@ std::string content(const std::string& path) {
 
 class DesktopAppTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run"; }
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run";
+    }
 
     void SetUp() override {
         source_ = home_.file("Documents");
@@ -106,14 +54,15 @@ protected:
 
     // A task made through the engine; a daily one runs first tomorrow, one without a
     // schedule at once.
-    CBackupManage::TaskPtr makeTask(const std::string& schedule, const std::string& passPhrase = "") {
+    CBackupManage::TaskPtr makeTask(const std::string& schedule, const std::string& passPhrase = "",
+                                    const std::string& name = "Documents") {
         cli::TaskInput input;
         input.sources = {source_};
         input.schedule = schedule;
         input.time = "03:00";
         input.encrypt = !passPhrase.empty();
         input.check();
-        auto task = cli::TaskCreation::create(session_->host(), "Documents", input, passPhrase);
+        auto task = cli::TaskCreation::create(session_->host(), name, input, passPhrase);
         if (cli::TaskCreation::firstRunStarted(session_->host(), task))
             cli::BackupRunner(session_->host()).watch(task);
         return task;
@@ -131,29 +80,130 @@ protected:
     std::unique_ptr<MainWindow> window_;
 };
 
-TEST_F(DesktopAppTest, ListsTheAccountAndATaskMadeThroughTheEngine) {
-    makeTask("daily");
+// The wizard from the main window: Next refuses an empty name, then a step without a
+// source, and stays; with a folder ticked in the browser and a weekly schedule the task
+// is made, listed, and backs up under its progress window.
+TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
     openWindow();
+    auto step1 = named(ViewOutlet::TaskName);
+    auto browser = named(ViewOutlet::Rows);
+    auto box = [](const char* key) { return showing(LoadString::GetValueByKey(key)); };
+    const std::string ok = LoadString::GetValueByKey("IDS_OK", "OK");
+    int day = (Calendar::weekday(Clock::shared().now()) + 1) % 7; // two days ahead; 0 is Sunday
+    Script script(
+        window_->window(),
+        {
+            {browser, [](GtkWidget* w) { press(w, ViewButton::Done); }}, // nothing ticked yet
+            {step1,
+             [](GtkWidget* w) {
+                 type(w, named(ViewOutlet::TaskName), "");
+                 press(w, ViewButton::Next);
+             }},
+            {box("EmptyTaskName"),
+             [&](GtkWidget* w) {
+                 EXPECT_TRUE(screenshot(w, "wizard-refused"));
+                 press(w, ok);
+             }},
+            {step1,
+             [](GtkWidget* w) { // still there; the leading space is not kept
+                 type(w, named(ViewOutlet::TaskName), " Documents");
+                 press(w, ViewButton::Next);
+             }},
+            {box("IDS_MSGSELFOLDER"), [&](GtkWidget* w) { press(w, ok); }},
+            {step1, [](GtkWidget* w) { press(w, ViewButton::Back); }},
+            {browser,
+             [](GtkWidget* w) {
+                 GtkWidget* documents = find(w, [](GtkWidget* l) {
+                     return GTK_IS_LABEL(l) &&
+                            std::strstr(gtk_label_get_text(GTK_LABEL(l)), "Documents/");
+                 });
+                 ASSERT_TRUE(documents);
+                 gtk_check_button_set_active(
+                     GTK_CHECK_BUTTON(gtk_widget_get_first_child(gtk_widget_get_parent(documents))),
+                     TRUE);
+                 EXPECT_TRUE(screenshot(w, "wizard-folder-browser"));
+                 press(w, ViewButton::Done);
+             }},
+            {step1,
+             [](GtkWidget* w) {
+                 gtk_check_button_set_active(
+                     GTK_CHECK_BUTTON(find(w, named("backupTypeMatrixRadio2"))), TRUE);
+             }},
+            {[](GtkWidget* w) { // weekly turns the weekday list on
+                 return named(ViewOutlet::DaysPopupButton)(w) && gtk_widget_get_sensitive(w);
+             },
+             [&](GtkWidget* w) {
+                 gtk_drop_down_set_selected(
+                     GTK_DROP_DOWN(find(w, named(ViewOutlet::DaysPopupButton))), day);
+                 EXPECT_TRUE(screenshot(w, "wizard-step1"));
+                 press(w, ViewButton::Next);
+             }},
+            {showing("Make the task"),
+             [](GtkWidget* w) {
+                 EXPECT_TRUE(screenshot(w, "wizard-schedule"));
+                 press(w, "Make the task");
+             }},
+        });
+    window_->newTask();
+    EXPECT_TRUE(script.finished()) << "stopped before step " << script.stepsDone() + 1;
+
+    auto task = session_->manager().GetTaskByName("Documents");
+    ASSERT_TRUE(task);
+    EXPECT_EQ(cli::TaskFormat::sources(*task), std::vector<std::string>{source_});
+    EXPECT_EQ(task->taskType & CBackupTask::ScheduleKindMask, CBackupTask::ScheduleWeekly);
+    EXPECT_EQ(Calendar::weekday(task->mDating), day + 1);
+    EXPECT_EQ(window_->selectedTask(), "Documents");
     std::string row = window_->rowText("Documents");
-    EXPECT_NE(row.find(cli::TaskFormat::stateName(CBackupTask::StateIdle)), std::string::npos) << row;
+    EXPECT_NE(row.find(cli::TaskFormat::dateText(task->mDating)), std::string::npos) << row;
     EXPECT_NE(row.find("never"), std::string::npos) << row; // not backed up yet
     EXPECT_NE(window_->accountText().find("alice"), std::string::npos) << window_->accountText();
-    EXPECT_NE(window_->accountText().find("used"), std::string::npos) << window_->accountText();
-    screenshot(window_->window(), "desktop-main-window");
+    EXPECT_TRUE(screenshot(GTK_WIDGET(window_->window()), "desktop-main-window"));
+
+    Script progress(window_->window(), {{named(ViewOutlet::TimeLeft), [](GtkWidget* w) {
+                                             EXPECT_TRUE(screenshot(w, "backup-progress"));
+                                         }}});
+    window_->backUpNow();
+    EXPECT_TRUE(progress.finished());
+    row = window_->rowText("Documents");
+    EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_NE(row.find(cli::TaskFormat::stateName(CBackupTask::StateSucceeded)), std::string::npos)
+        << row;
+    EXPECT_NE(row.find(cli::TaskFormat::dateText(task->mBackupDate)), std::string::npos) << row;
+    EXPECT_TRUE(screenshot(GTK_WIDGET(window_->window()), "desktop-backed-up"));
 }
 
-TEST_F(DesktopAppTest, BackUpNowShowsTheRunsStateAndTime) {
+// A run that starts while the window lays out its rows does not lend them the fields it
+// is writing. The run is started from the list's own signal, at that very moment.
+TEST_F(DesktopAppTest, RowsAreReadInOnePieceWhileARunStarts) {
     auto task = makeTask("daily");
     openWindow();
     ASSERT_TRUE(window_->selectTask("Documents"));
-    window_->backUpNow();
+    struct Start {
+        CBackupManage& manager;
+        CBackupManage::TaskPtr task;
+        bool done = false;
+    } start{session_->manager(), task};
+    GtkWidget* list =
+        find(GTK_WIDGET(window_->window()), [](GtkWidget* w) { return GTK_IS_LIST_BOX(w); });
+    g_signal_connect(list, "row-selected",
+                     G_CALLBACK(+[](GtkListBox*, GtkListBoxRow*, gpointer data) {
+                         auto* s = static_cast<Start*>(data);
+                         if (std::exchange(s->done, true))
+                             return;
+                         std::lock_guard lock(s->manager.managerLock);
+                         s->manager.SetWorkingTask(s->task);
+                         s->task->setTaskState(CBackupTask::StateRunning);
+                         s->task->strErrLog = "written by the run";
+                     }),
+                     &start);
+    makeTask("daily", "", "Music"); // the rows are laid out anew
     window_->refreshTasks();
-    std::string row = window_->rowText("Documents");
-    EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_NE(row.find(cli::TaskFormat::stateName(CBackupTask::StateSucceeded)), std::string::npos) << row;
-    EXPECT_NE(row.find(cli::TaskFormat::dateText(task->mBackupDate)), std::string::npos) << row;
-    EXPECT_EQ(row.find("never"), std::string::npos) << row;
-    screenshot(window_->window(), "desktop-backed-up");
+    g_signal_handlers_disconnect_by_data(list, &start);
+    EXPECT_TRUE(start.done);
+    EXPECT_EQ(window_->rowText("Documents").find("written by the run"), std::string::npos)
+        << window_->rowText("Documents");
+    std::lock_guard lock(start.manager.managerLock);
+    start.manager.SetWorkingTask(nullptr);
 }
 
 TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPlace) {
@@ -174,8 +224,9 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
     auto outcome = restore.restoreSelected();
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
     EXPECT_EQ(content(elsewhere + "/Documents/letter.txt"), "first draft\n");
-    EXPECT_EQ(content(source_ + "/letter.txt"), "second draft, longer\n"); // the original is left alone
-    screenshot(restore.window(), "desktop-restore-version");
+    EXPECT_EQ(content(source_ + "/letter.txt"),
+              "second draft, longer\n"); // the original is left alone
+    EXPECT_TRUE(screenshot(GTK_WIDGET(restore.window()), "desktop-restore-version"));
 
     // Missing files come back to where they were; what exists is not touched.
     FileSystem::writeFileAtomically(source_ + "/note.txt", "kept as it is\n");
@@ -196,29 +247,47 @@ TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFile
     // What this computer keeps is wrong now: the dialog asks, and the typed phrase opens.
     cli::RestoreSupport where(session_->host(), session_->manager().GetTaskByName("Documents"));
     ASSERT_TRUE(PasswordMan().SetPassword(where.serverFolder(), true, "a wrong phrase"));
-    DialogAnswer answer{"Pass phrase", "the right phrase", "OK"};
-    answerDialog(answer);
+    Script answer(window_->window(),
+                  {{[](GtkWidget* w) { return GTK_IS_PASSWORD_ENTRY(w); },
+                    [](GtkWidget* w) {
+                        type(
+                            w, [](GtkWidget* e) { return GTK_IS_PASSWORD_ENTRY(e); },
+                            "the right phrase");
+                        press(w, "OK");
+                    }}});
     restore.setDestination(home_.file("restored"));
     auto outcome = restore.restoreSelected();
-    EXPECT_TRUE(answer.answered);
+    EXPECT_TRUE(answer.finished());
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
     EXPECT_EQ(content(home_.file("restored") + "/Documents/letter.txt"), "first draft\n");
 }
 
 // Without the daemon's unit the switch runs the scheduler here; off and on again, it is
-// one scheduler again, not none and not two.
-TEST_F(DesktopAppTest, AutomaticBackupsStartStopAndRestartTheSchedulerHere) {
+// one scheduler again, not none and not two. A task queued when it goes off stays queued
+// and runs once it is on again.
+TEST_F(DesktopAppTest, AutomaticBackupsStopAndRestartTheSchedulerHereKeepingWhatIsQueued) {
     if (session_->unitInstalled())
         GTEST_SKIP() << "a daemon unit is installed on this machine";
+    auto task = makeTask("daily"); // due tomorrow
     CBackupManage& manager = session_->manager();
     session_->setAutomatic(true);
-    ASSERT_TRUE(manager.pScheduleThread);
-    EXPECT_FALSE(manager.pScheduleThread->isFinished());
+    ASSERT_TRUE(manager.AddTaskToWaitList(task, false));
     session_->setAutomatic(false);
     session_->setAutomatic(true); // waits for the stop under way, then starts anew
+    EXPECT_TRUE(manager.findTaskFromWaitingList(task));
+    EXPECT_EQ(task->mTaskState, CBackupTask::StateWaiting);
     ASSERT_TRUE(manager.pScheduleThread);
     EXPECT_FALSE(manager.pScheduleThread->isFinished());
     EXPECT_FALSE(manager.bExit);
+    // The scheduler reads the task list anew between passes: ask for the task by name,
+    // and wait for the end of its run.
+    EXPECT_TRUE(pumpUntil(
+        [&] {
+            auto now = manager.GetTaskByName("Documents");
+            std::lock_guard lock(manager.managerLock);
+            return now && now->mTaskState == CBackupTask::StateSucceeded && !manager.pWorkingTask;
+        },
+        30));
     session_->setAutomatic(false);
 }
 
