@@ -25,8 +25,7 @@ TEST(LocalStoreListingModesTest, EachListingHoldsItsOwnFilesModesOnly) {
         {"\\a\\b\\c\\w", 0100604}, {"\\a\\d\\v", 0100666},   {"\\a b\\u", 0100644},
         {"\\a]\\t", 0100640},      {"\\a\\e", 0100751}};
     for (const auto& [path, mode] : files) {
-        MemorySource source("bytes of " + path, "tag");
-        source.setMode(mode);
+        MemorySource source("bytes of " + path, "tag", mode);
         ASSERT_EQ(store.put(path, source, Date(), nullptr), ResultCode::Success) << path;
     }
     auto modesIn = [&](const std::string& folder) {
