@@ -350,21 +350,29 @@ bool CBackupManage::StopWaitingTask(const std::string& taskName) {
 
 bool CBackupManage::endBackpTask() {
     try {
-        std::lock_guard lock(managerLock);
-        TaskPtr task = pWorkingTask;
-        if (task) {
-            // With bLogOff set the finishing run sends no end events, so it never needs
-            // the lock held here while we wait for it.
-            task->bLogOff = true;
-            if (std::shared_ptr<TrueProgressCallback> progress = task->GetProgress())
-                progress->setBClickedCancel(true);
+        // A task the scheduler started meanwhile is ended too; bLogOff, set by the caller,
+        // keeps it from starting more, so this ends within a few rounds.
+        for (int round = 0; round < 3; ++round) {
+            TaskPtr task;
+            {
+                std::lock_guard lock(managerLock);
+                task = pWorkingTask;
+                if (!task)
+                    break;
+                // With bLogOff set the finishing run sends no end events from here on.
+                task->bLogOff = true;
+                if (std::shared_ptr<TrueProgressCallback> progress = task->GetProgress())
+                    progress->setBClickedCancel(true);
+            }
+            // Waited for without the manager's lock: a run already past its bLogOff test
+            // still ends through finishedTaskDelegate, which takes that lock.
             task->checkFinshedBackup();
-            // The run reads bLogOff once more after its semaphore, so the flag is
-            // cleared only when its thread has ended; with the flag set it takes none
-            // of our locks on the way out.
             task->waitForRunThread();
+            std::lock_guard lock(managerLock);
+            // Cleared only once the thread ended: the run reads it after its semaphore.
             task->bLogOff = false;
-            SetWorkingTask(nullptr);
+            if (pWorkingTask == task)
+                SetWorkingTask(nullptr);
         }
     } catch (const std::exception&) {
         SystemLog::write("Error: CBackupManage::endBackpTask()");
