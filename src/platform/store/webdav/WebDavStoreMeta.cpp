@@ -36,6 +36,11 @@ bool WebDavStore::isReservedName(const std::vector<std::string>& names) {
                               names.back() == WebDavMetaDocument::FileName);
 }
 
+std::unique_lock<std::recursive_mutex> WebDavStore::metaTurn(const Account& account) {
+    return keepsMetaDocuments(account) ? std::unique_lock(metaMutex_)
+                                       : std::unique_lock<std::recursive_mutex>();
+}
+
 void WebDavStore::applyMeta(StoreItem& item, const DavResource& resource,
                             const WebDavMetaEntries& entries) {
     auto it = entries.find(item.name);
@@ -55,7 +60,11 @@ void WebDavStore::applyMeta(StoreItem& item, const DavResource& resource,
 int64_t WebDavStore::readMeta(const Account& account, const FolderNames& folder, bool stored,
                               WebDavMetaEntries& entries) {
     entries.clear();
+    // A write ends by dropping the changes it stored: a document read before it with the
+    // changes looked up after it would hold neither, so reads and writes take turns.
+    std::unique_lock writer(metaMutex_, std::defer_lock);
     if (stored) {
+        writer.lock();
         auto names = folder;
         names.push_back(WebDavMetaDocument::FileName);
         HttpRequest request = httpRequest("GET", urlOf(account, names, false));
@@ -129,6 +138,9 @@ void WebDavStore::carryMeta(const Account& account, const FolderNames& from,
 }
 
 int64_t WebDavStore::flushMeta(const Account& account, const std::optional<FolderNames>& only) {
+    // The changes are taken under the writers' lock: a writer that took them before
+    // another's write would store them again over what came after.
+    std::lock_guard writer(metaMutex_);
     std::map<FolderNames, MetaChanges> work;
     {
         std::lock_guard lock(mutex_);
@@ -163,7 +175,6 @@ int64_t WebDavStore::flushMeta(const Account& account, const std::optional<Folde
 
 int64_t WebDavStore::writeMeta(const Account& account, const FolderNames& folder,
                                MetaChanges changes) {
-    std::lock_guard writer(metaWriteMutex_);
     // New copies get the server's time of the copy they describe, from one listing.
     bool unbound = false;
     for (const auto& [name, entry] : changes)
