@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -211,6 +212,7 @@ private:
     // together with its note (metaTurn), so that a write binds its entries to a listing
     // that agrees with the notes. Taken before mutex_, never while holding it.
     std::recursive_mutex metaMutex_;
+    std::atomic<bool> getTellsNoTag_ = false; // a GET of a document came without its ETag
     WebDavFolderTotals folderTotals_; // the account's root among them: the bytes it holds
 };
 
