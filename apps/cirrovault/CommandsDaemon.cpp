@@ -93,6 +93,9 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
     OptionsMan::LoadOptions();
     say(text("CliDaemonUp", "cirrovault daemon {} logged on as {} with {}", getpid(), session.userName(),
              TaskFormat::countText(session.manager().getTasksList().size(), "task", "tasks")));
+    // Open at once, so that a backup asked for during the start delay below is the
+    // daemon's run, not a second process beside it.
+    auto control = std::make_unique<DaemonControl>(session);
     ServiceNotify::ready();
     // The options may ask for the scheduled backups to wait a few minutes after logon.
     if (!args.now && OptionsMan::IsAutoStartScheduleAfterMinutes() && OptionsMan::intervalMinutes() > 0) {
@@ -100,10 +103,7 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
         say(text("CliDaemonDelay", "scheduled backups start in {} minute(s)", minutes));
         idle(minutes * 60.0);
     }
-    // Only a daemon whose scheduler runs takes backups in hand: before, commands run them.
-    std::unique_ptr<DaemonControl> control;
     if (!Signals::pending()) {
-        control = std::make_unique<DaemonControl>(session);
         session.startScheduler();
         say(text("CliDaemonScheduling", "scheduler running; stop with SIGTERM or Ctrl-C"));
         while (!Signals::pending())
@@ -111,8 +111,7 @@ int daemonCommand(const DaemonArgs& args, const GlobalOptions& global, const Out
     }
     ServiceNotify::stopping();
     say(text("CliDaemonStopping", "stopping: the scheduler first, then the running task, then the session"));
-    if (control)
-        control->stop();
+    control->stop();
     session.logoff();
     say(text("CliDaemonStopped", "stopped"));
     return Exit::Ok;

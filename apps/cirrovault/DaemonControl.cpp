@@ -182,7 +182,13 @@ void DaemonControl::follow(UnixSocket& peer, const std::string& name) {
         started = working();
         if (!started && !manager.findTaskFromWaitingList(task)) {
             task->bHaveErr = false; // the scheduler drops a queued task still marked failed
-            manager.AddTaskToWaitList(task, false);
+            // Before the scheduler's start delay has passed nobody takes the queue's head:
+            // the run starts here, or waits behind the one under way.
+            if (session_.schedulerStarted())
+                manager.AddTaskToWaitList(task, false);
+            else
+                manager.StartBackupByUser(name, false);
+            started = working();
         }
     }
     peer.sendLine("line " + escape(started ? text("CliDaemonFollowing", "\"{}\" is running in the daemon (process {}); following it", name, getpid())

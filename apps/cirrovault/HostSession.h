@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -89,6 +90,7 @@ public:
     TaskPtr task(const std::string& name);
     // Starts the manager's scheduler thread (the daemon).
     void startScheduler();
+    bool schedulerStarted() const { return schedulerStarted_; }
 
     // Adds a receiver of the manager's events; the answer removes it again.
     size_t addListener(Listener listener);
@@ -109,7 +111,7 @@ private:
     bool loggedOn_ = false;
     int64_t lastLogonCode_ = 0;
     bool unattended_ = false;
-    bool schedulerStarted_ = false;
+    std::atomic<bool> schedulerStarted_ = false; // read by the daemon's control threads
     std::string userName_;
     std::string password_; // in memory only
     std::string serviceURL_;

@@ -728,6 +728,30 @@ TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
     EXPECT_EQ(other->run({"--user", "alice", "backup", "Docs"}).code, 0);
 }
 
+// The control socket is open from the logon on: during the scheduler's start delay a
+// backup is already the daemon's run, not a second process beside it.
+TEST_F(CliEndToEnd, BackupDuringTheDaemonsStartDelayIsTheDaemonsRun) {
+    ASSERT_EQ(run({"logon"}).code, 0);
+    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
+    pid_t daemon = cli.start({"--user", "alice", "daemon"});
+    ASSERT_TRUE(waitForOutput(cli, "scheduled backups start in", 20)) << cli.outputSoFar();
+
+    CliRunner other(home.file("scratch/other"));
+    FileSystem::createDirectories(home.file("scratch/other"));
+    other.setEnv("CIRROVAULT_PASSWORD=correct horse");
+    auto backup = other.run({"--user", "alice", "backup", "Docs"});
+    EXPECT_EQ(backup.code, 0) << backup.err;
+    EXPECT_NE(backup.out.find("in the daemon (process " + std::to_string(daemon)), std::string::npos)
+        << backup.out;
+    EXPECT_NE(backup.out.find("Backed up \"Docs\""), std::string::npos) << backup.out;
+
+    kill(daemon, SIGTERM);
+    auto stopped = cli.finish(daemon);
+    EXPECT_EQ(stopped.code, 0) << stopped.err;
+    EXPECT_NE(stopped.out.find("ended \"Docs\": succeeded"), std::string::npos) << stopped.out;
+    EXPECT_EQ(stopped.out.find("scheduler running"), std::string::npos) << stopped.out;
+}
+
 // With the run's own result. A killed daemon's socket is removed, not waited on; an
 // engine that holds the account without answering is refused with exit 4.
 TEST_F(CliEndToEnd, BackupBesideTheDaemonIsTheDaemonsRun) {

@@ -74,9 +74,9 @@ public:
         return url(account_ == Account::FolderPerUser ? "{user}/" : "");
     }
     // The requests the server has answered so far, a line each ("METHOD /path status");
-    // nullopt for a server that keeps no such log (all but Apache here).
+    // nullopt for a server that keeps no such log (all but Apache and lighttpd here).
     std::optional<std::vector<std::string>> requests() const {
-        if (kind_ != Kind::Apache)
+        if (kind_ != Kind::Apache && !lighttpd_)
             return std::nullopt;
         std::vector<std::string> lines;
         std::string text = FileSystem::readFile(folder_ + "/access.log").value_or("");
@@ -168,7 +168,10 @@ private:
     }
 
     std::string lighttpdConfig() const {
-        return "server.modules = (\"mod_auth\", \"mod_authn_file\", \"mod_webdav\")\n"
+        return "server.modules = (\"mod_auth\", \"mod_authn_file\", \"mod_webdav\", "
+               "\"mod_accesslog\")\n"
+               "accesslog.filename = \"" + folder_ + "/access.log\"\n"
+               "accesslog.format = \"%m %U %>s\"\n"
                "server.document-root = \"" + folder_ + "/data\"\n"
                "server.bind = \"127.0.0.1\"\nserver.port = " + std::to_string(port_) + "\n"
                "server.errorlog = \"" + folder_ + "/error.log\"\n"

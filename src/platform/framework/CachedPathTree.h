@@ -53,6 +53,9 @@ public:
 
     void setBackend(std::shared_ptr<StoreBackend> backend); // also forgets everything
     void clear();
+    // Ends the prefetch thread and waits for it (a later prefetch starts another): the
+    // tree outlives the session, so a log-off joins it before the process ends.
+    void stopPrefetching();
 
     // What the cache holds for the path, without asking the backend.
     std::optional<StoreItem> cachedItem(const std::string& path);
@@ -103,7 +106,6 @@ private:
     // Whether the nearest held listing above shows the folder absent (then remembered).
     bool absentFromListingAboveLocked(const std::string& folder);
     void prefetchLoop();
-    void stopPrefetching();
     Entry* entryLocked(const std::string& path);
     void adjustAncestorsLocked(const std::string& folder, int64_t sizeDelta, int64_t filesDelta);
     void dropSubtreeLocked(const std::string& path);

@@ -214,6 +214,7 @@ void TransferApiUtil::Logoff() {
             state_->sessionID.clear();
             state_->customerID.clear();
         }
+        state_->tree->stopPrefetching();
         if (store && loggedOn)
             store->logoff();
         state_->tree->clear();

@@ -67,13 +67,10 @@ StoreCapabilities WebDavStore::capabilities() const {
     caps.nativeCopy = true;
     caps.nativeMove = true;
     caps.modifyTimePrecision = 1;
+    caps.concurrentPuts = true;
     if (auto account = currentAccount()) {
         caps.folderProperties = true; // as properties, or in the metadata documents
         caps.resumableUpload = account->features.deadProperties && account->features.rangePut;
-        // A file's times kept in its folder's metadata document are bound to the copy a
-        // listing shows; puts beside the walk's moves can bind them to the wrong copy and
-        // a version then loses its age, so those servers get one put at a time.
-        caps.concurrentPuts = !keepsMetaDocuments(*account);
     }
     return caps;
 }

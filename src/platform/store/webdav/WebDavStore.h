@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -146,6 +147,9 @@ private:
         return !account.features.deadProperties;
     }
     static bool isReservedName(const std::vector<std::string>& names);
+    // Held around a change of a folder's entries on the server and its noteMeta, on
+    // servers with metadata documents (elsewhere it holds nothing).
+    std::unique_lock<std::recursive_mutex> metaTurn(const Account& account);
     // stored: whether the folder's document may exist (false skips asking the server).
     int64_t readMeta(const Account& account, const FolderNames& folder, bool stored,
                      WebDavMetaEntries& entries);
@@ -153,6 +157,7 @@ private:
                   std::optional<WebDavMetaEntry> entry);
     // Writes the changes of one folder, or of every folder.
     int64_t flushMeta(const Account& account, const std::optional<FolderNames>& only = {});
+    // Under metaMutex_.
     int64_t writeMeta(const Account& account, const FolderNames& folder, MetaChanges changes);
     void dropMetaInside(const FolderNames& folder);
     void noteFolderInfo(const Account& account, const FolderNames& path,
@@ -203,7 +208,11 @@ private:
     std::map<FolderNames, HeldListing> heldListings_;      // guarded by mutex_
     size_t heldEntries_ = 0;                               // guarded by mutex_
     uint64_t listingGeneration_ = 0;                       // guarded by mutex_
-    std::mutex metaWriteMutex_;       // one writer of metadata documents at a time
+    // Held by a writer or reader of metadata documents, and by a change on the server
+    // together with its note (metaTurn), so that a write binds its entries to a listing
+    // that agrees with the notes. Taken before mutex_, never while holding it.
+    std::recursive_mutex metaMutex_;
+    std::atomic<bool> getTellsNoTag_ = false; // a GET of a document came without its ETag
     WebDavFolderTotals folderTotals_; // the account's root among them: the bytes it holds
 };
 

@@ -226,6 +226,8 @@ int64_t WebDavStore::put(const std::string& path, ByteSource& source, Date modif
             }
         }
         std::optional<uint64_t> replacedSize;
+        // Until the note is made, a metadata write would find the file unknown to it.
+        auto turn = metaTurn(account);
         if ((rc = replaceWithPart(account, partUrl, *names, exists, replacedSize)) !=
             ResultCode::Success) {
             SystemLog::write("WebDAV: the upload cannot take its name: " + path);

@@ -36,6 +36,11 @@ bool WebDavStore::isReservedName(const std::vector<std::string>& names) {
                               names.back() == WebDavMetaDocument::FileName);
 }
 
+std::unique_lock<std::recursive_mutex> WebDavStore::metaTurn(const Account& account) {
+    return keepsMetaDocuments(account) ? std::unique_lock(metaMutex_)
+                                       : std::unique_lock<std::recursive_mutex>();
+}
+
 void WebDavStore::applyMeta(StoreItem& item, const DavResource& resource,
                             const WebDavMetaEntries& entries) {
     auto it = entries.find(item.name);
@@ -55,7 +60,11 @@ void WebDavStore::applyMeta(StoreItem& item, const DavResource& resource,
 int64_t WebDavStore::readMeta(const Account& account, const FolderNames& folder, bool stored,
                               WebDavMetaEntries& entries) {
     entries.clear();
+    // A write ends by dropping the changes it stored: a document read before it with the
+    // changes looked up after it would hold neither, so reads and writes take turns.
+    std::unique_lock writer(metaMutex_, std::defer_lock);
     if (stored) {
+        writer.lock();
         auto names = folder;
         names.push_back(WebDavMetaDocument::FileName);
         HttpRequest request = httpRequest("GET", urlOf(account, names, false));
@@ -129,6 +138,9 @@ void WebDavStore::carryMeta(const Account& account, const FolderNames& from,
 }
 
 int64_t WebDavStore::flushMeta(const Account& account, const std::optional<FolderNames>& only) {
+    // The changes are taken under the writers' lock: a writer that took them before
+    // another's write would store them again over what came after.
+    std::lock_guard writer(metaMutex_);
     std::map<FolderNames, MetaChanges> work;
     {
         std::lock_guard lock(mutex_);
@@ -163,7 +175,13 @@ int64_t WebDavStore::flushMeta(const Account& account, const std::optional<Folde
 
 int64_t WebDavStore::writeMeta(const Account& account, const FolderNames& folder,
                                MetaChanges changes) {
-    std::lock_guard writer(metaWriteMutex_);
+    auto names = folder;
+    names.push_back(WebDavMetaDocument::FileName);
+    const std::string url = urlOf(account, names, false);
+    // The document's tag as a listing showed it before it was read, for servers whose
+    // GET tells none: a write between the two then fails our PUT's condition.
+    std::optional<std::string> listedTag;
+
     // New copies get the server's time of the copy they describe, from one listing.
     bool unbound = false;
     for (const auto& [name, entry] : changes)
@@ -181,6 +199,8 @@ int64_t WebDavStore::writeMeta(const Account& account, const FolderNames& folder
         std::string folderPath = account.rootPath;
         for (const auto& name : folder)
             folderPath += "/" + name;
+        auto document = byPath.find(folderPath + "/" + WebDavMetaDocument::FileName);
+        listedTag = document == byPath.end() ? "" : document->second->etag;
         for (auto& [name, entry] : changes) {
             if (!entry || entry->folder || entry->serverTime != 0)
                 continue;
@@ -193,10 +213,17 @@ int64_t WebDavStore::writeMeta(const Account& account, const FolderNames& folder
         }
     }
 
-    auto names = folder;
-    names.push_back(WebDavMetaDocument::FileName);
-    const std::string url = urlOf(account, names, false);
     for (int attempt = 0; attempt < 8; ++attempt) {
+        std::string tag = attempt == 0 ? listedTag.value_or("") : "";
+        const bool ask = (attempt > 0 || !listedTag) && getTellsNoTag_;
+        if (ask) {
+            std::vector<DavResource> resources;
+            int64_t rc = propfind(account, url, 0, resources);
+            if (rc == ResultCode::Success && !resources.empty())
+                tag = resources.front().etag;
+            else if (rc != ResultCode::NotFound)
+                return rc == ResultCode::Success ? ResultCode::Failure : rc;
+        }
         HttpRequest get = httpRequest("GET", url);
         HttpResponse current;
         if (int64_t rc = send(account, get, current); rc != ResultCode::Success)
@@ -213,10 +240,19 @@ int64_t WebDavStore::writeMeta(const Account& account, const FolderNames& folder
             return codeOf(current.status) == ResultCode::Success ? ResultCode::Failure
                                                                   : codeOf(current.status);
         }
+        std::string etag = current.header("etag");
+        if (current.status == 200 && etag.empty()) {
+            if (tag.empty() && !ask) {
+                // Read without a tag: read again with the tag asked for first (a server
+                // that tells none anywhere is written without the condition).
+                getTellsNoTag_ = true;
+                continue;
+            }
+            etag = tag;
+        }
         applyChanges(entries, changes);
         std::string body = WebDavMetaDocument::format(entries);
         HttpRequest put = httpRequest("PUT", url);
-        const std::string etag = current.header("etag");
         if (current.status == 404)
             put.headers.push_back("If-None-Match: *");
         else if (!etag.empty() && etag.rfind("W/", 0) != 0)

@@ -469,6 +469,7 @@ int64_t WebDavStore::moveOrCopy(const std::string& method, const std::string& fr
             return rc;
     }
     const bool meta = keepsMetaDocuments(account);
+    auto turn = metaTurn(account);
     if (meta && folder) {
         // The documents inside travel with the folder: they must be complete first.
         if (int64_t rc = flushMeta(account); rc != ResultCode::Success)
@@ -575,6 +576,7 @@ int64_t WebDavStore::remove(const std::string& path) {
         HttpRequest request =
             httpRequest("DELETE", urlOf(account, *names, found.resource.collection));
         HttpResponse response;
+        auto turn = metaTurn(account);
         if (int64_t rc = send(account, request, response); rc != ResultCode::Success)
             return rc;
         int64_t rc = response.status == 207 ? worstOf(response.body) : codeOf(response.status);
