@@ -84,6 +84,9 @@ measure() {
     local report="$work/engine.report"
     rm -f "$report"
     mkdir -p "$work/logs"
+    # Nothing another tool left unwritten may be paid by this one: ours makes its files
+    # durable at the end of a run (a sync of the file system), the others do not.
+    sync
     if ! /usr/bin/time -f '%e %U %S %M' -o "$times" "$@" >"$log" 2>&1; then
         echo "failed: $tool $job (round $round), see $log" >&2
         tail -5 "$log" >&2
