@@ -37,15 +37,6 @@ GtkWidget* dialogWindow(GtkWindow* parent, const std::string& title, Pending& pe
     return window;
 }
 
-GtkWidget* column() {
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
-    gtk_widget_set_margin_top(box, 16);
-    gtk_widget_set_margin_bottom(box, 16);
-    gtk_widget_set_margin_start(box, 16);
-    gtk_widget_set_margin_end(box, 16);
-    return box;
-}
-
 // A button that answers the dialog it sits in.
 void addAnswer(GtkWidget* row, Pending& pending, const std::string& text, int answer) {
     GtkWidget* button = gtk_button_new_with_label(text.c_str());
@@ -81,6 +72,15 @@ void finishOkCancel(GtkWidget* window, GtkWidget* box, Pending& pending) {
 
 } // namespace
 
+GtkWidget* GtkDialogs::column(int margin) {
+    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
+    gtk_widget_set_margin_top(box, margin);
+    gtk_widget_set_margin_bottom(box, margin);
+    gtk_widget_set_margin_start(box, margin);
+    gtk_widget_set_margin_end(box, margin);
+    return box;
+}
+
 void GtkDialogs::runUntil(const bool& done) {
     while (!done && !quitting)
         g_main_context_iteration(nullptr, TRUE);
@@ -103,7 +103,7 @@ int GtkDialogs::message(GtkWindow* parent, const std::string& title, const std::
     Pending pending;
     int neutral = neutralAnswer(style);
     GtkWidget* window = dialogWindow(parent, title, pending, neutral);
-    GtkWidget* box = column();
+    GtkWidget* box = GtkDialogs::column();
     GtkWidget* body = gtk_label_new(text.c_str());
     gtk_label_set_wrap(GTK_LABEL(body), TRUE);
     gtk_label_set_max_width_chars(GTK_LABEL(body), 60);
@@ -138,7 +138,7 @@ std::optional<std::vector<std::string>> GtkDialogs::askFields(GtkWindow* parent,
                                                                const std::vector<std::string>& values) {
     Pending pending;
     GtkWidget* window = dialogWindow(parent, title, pending, kCancel);
-    GtkWidget* box = column();
+    GtkWidget* box = GtkDialogs::column();
     std::vector<GtkWidget*> entries;
     for (size_t i = 0; i < labels.size(); ++i) {
         GtkWidget* caption = gtk_label_new(labels[i].c_str());
@@ -167,7 +167,7 @@ std::optional<std::string> GtkDialogs::askSecret(GtkWindow* parent, const std::s
     for (;;) {
         Pending pending;
         GtkWidget* window = dialogWindow(parent, title, pending, kCancel);
-        GtkWidget* box = column();
+        GtkWidget* box = GtkDialogs::column();
         gtk_box_append(GTK_BOX(box), gtk_label_new(question.c_str()));
         GtkWidget* first = gtk_password_entry_new();
         gtk_password_entry_set_show_peek_icon(GTK_PASSWORD_ENTRY(first), TRUE);

@@ -34,6 +34,9 @@ public:
     // A folder chosen by the user; "" when cancelled.
     static std::string chooseFolder(GtkWindow* parent, const std::string& title);
 
+    // A vertical box with the same margin on every side: the body of a window or dialog.
+    static GtkWidget* column(int margin = 16);
+
     // Runs the main loop until done is set or the application quits.
     static void runUntil(const bool& done);
 };

@@ -61,11 +61,7 @@ MainWindow::MainWindow(DesktopSession& session, GtkApplication* app) : session_(
     gtk_window_set_default_size(GTK_WINDOW(window_), 860, 420);
     gtk_window_set_icon_name(GTK_WINDOW(window_), "cirrovault");
 
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
-    gtk_widget_set_margin_top(box, 12);
-    gtk_widget_set_margin_bottom(box, 12);
-    gtk_widget_set_margin_start(box, 12);
-    gtk_widget_set_margin_end(box, 12);
+    GtkWidget* box = GtkDialogs::column(12);
 
     GtkWidget* top = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
     account_ = gtk_label_new("");

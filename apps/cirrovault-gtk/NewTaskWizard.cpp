@@ -89,11 +89,7 @@ std::optional<cli::TaskInput> NewTaskWizard::schedulePage(int32_t stepType) {
     gtk_window_set_modal(GTK_WINDOW(window), TRUE);
     if (parent_)
         gtk_window_set_transient_for(GTK_WINDOW(window), parent_);
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
-    gtk_widget_set_margin_top(box, 16);
-    gtk_widget_set_margin_bottom(box, 16);
-    gtk_widget_set_margin_start(box, 16);
-    gtk_widget_set_margin_end(box, 16);
+    GtkWidget* box = GtkDialogs::column();
 
     const char* chosen = stepType == 2 ? "weekly" : stepType == 3 ? "dates" : "daily";
     GtkWidget* scheduled = gtk_check_button_new_with_label(

@@ -59,11 +59,7 @@ RestoreWindow::RestoreWindow(DesktopSession& session, const CBackupManage::TaskP
         gtk_window_set_transient_for(GTK_WINDOW(window_), parent);
     gtk_window_set_hide_on_close(GTK_WINDOW(window_), TRUE);
 
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
-    gtk_widget_set_margin_top(box, 12);
-    gtk_widget_set_margin_bottom(box, 12);
-    gtk_widget_set_margin_start(box, 12);
-    gtk_widget_set_margin_end(box, 12);
+    GtkWidget* box = GtkDialogs::column(12);
 
     GtkWidget* lists = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
     fileList_ = gtk_list_box_new();

@@ -15,6 +15,11 @@ namespace cirrovault {
 // order given, so what it records after each file comes out as one thread would have
 // made it. At most as many jobs wait for a thread as there are threads, which bounds
 // what the walk runs ahead.
+//
+// Every wait here is for a job to end or a pool thread to take one up. A job is one
+// file's upload: one store call, which ends on the store's own time limits and within
+// 50 ms of the run's cancel flag (which SIGTERM and SIGINT set), so the waits end with
+// the jobs; a pool thread waits for work only until the pool is dropped.
 class UploadPool {
 public:
     class Job {
