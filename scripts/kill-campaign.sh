@@ -93,8 +93,13 @@ EOF
 
 integrity() { # integrity STORE_FOLDER
   python3 - "$1/store.db" <<'EOF'
-import sqlite3, sys
-answer = sqlite3.connect(sys.argv[1]).execute("PRAGMA integrity_check").fetchone()[0]
+import os, sqlite3, sys
+if not os.path.exists(sys.argv[1]):
+    sys.exit(0)  # cut off before the store was made: the next run makes it
+try:
+    answer = sqlite3.connect(sys.argv[1]).execute("PRAGMA integrity_check").fetchone()[0]
+except sqlite3.Error as error:
+    answer = "cannot be read: %s" % error
 print(answer)
 sys.exit(0 if answer == "ok" else 1)
 EOF

@@ -180,15 +180,14 @@ bool CBackupTask::recordCurrent(const std::string& serverFile, uint64_t iMaxVers
             return false;
         }
 
-        if (service.EditFile(serverFile, newName, "", "") != ResultCode::Success) {
+        // Renamed and moved in one step: a run cut off between a rename in place and the
+        // move would leave the version beside the file, to come back as a file of its own.
+        if (service.MovePath(serverFile, CFileInfo::serverPathAppend(versionFolder, newName)) !=
+            ResultCode::Success) {
             SystemLog::write("Error:Edit file: " + serverFile);
             return false;
         }
-        PathInfo renamed;
-        std::string renamedPath = CFileInfo::serverPathAppend(fileFolder, newName);
-        if (!tree.FindPath(renamedPath, renamed, false))
-            return true;
-        return service.CopyPaths({renamedPath}, versionFolder, nullptr, true) == ResultCode::Success;
+        return true;
     } catch (const std::exception&) {
         SystemLog::write("Error: recordCurrent");
         return false;

@@ -64,6 +64,9 @@ public:
                      const std::string& fileDescription, const std::string& fileCaption);
     int64_t DeletePaths(const std::vector<std::string>& paths, OperationProgress* deleteProgressbar,
                         bool isMovetoTrashFolder);
+    // Moves one item to a new path (another folder, another name or both) in one store
+    // call, so that a session cut off at any point leaves it at one place or the other.
+    int64_t MovePath(const std::string& path, const std::string& newPath);
     // Copies (or with isCut moves) each path into the destination folder.
     int64_t CopyPaths(const std::vector<std::string>& paths, const std::string& destinationFolder,
                       OperationProgress* copyProgressbar, bool isCut);

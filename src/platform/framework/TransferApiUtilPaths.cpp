@@ -176,6 +176,31 @@ int64_t TransferApiUtil::EditFile(const std::string& path, const std::string& ne
     }
 }
 
+int64_t TransferApiUtil::MovePath(const std::string& path, const std::string& newPath) {
+    try {
+        auto from = itemPath(path);
+        auto to = itemPath(newPath);
+        if (!from || !to) {
+            logBadPath("MovePath", path + " -> " + newPath);
+            return ResultCode::BadPath;
+        }
+        if (*from == *to)
+            return ResultCode::Success;
+        std::shared_ptr<StoreBackend> store = changingBackend();
+        if (!store)
+            return ResultCode::NoService;
+        int64_t code = store->move(*from, *to);
+        if (code == ResultCode::Success) {
+            state_->tree->noteRemoved(*from);
+            noteArrived(*store, *state_->tree, *to);
+        }
+        return code;
+    } catch (const std::exception&) {
+        SystemLog::write("Error: TransferApiUtil::MovePath()");
+        return ResultCode::Failure;
+    }
+}
+
 // Deletes each path; one that is already gone counts as deleted. All paths are tried;
 // the answer is the first failure (Cancelled at once on a cancel).
 int64_t TransferApiUtil::DeletePaths(const std::vector<std::string>& paths,

@@ -109,12 +109,13 @@ void FaultInjectingStore::dropConnectionInNextPut(uint64_t bytes) {
     dropAfter_ = bytes;
 }
 
-void FaultInjectingStore::failOperation(Operation operation, int64_t code, int32_t times) {
+void FaultInjectingStore::failOperation(Operation operation, int64_t code, int32_t times,
+                                        int32_t passing) {
     std::lock_guard lock(mutex_);
     if (times == 0)
         failures_.erase(operation);
     else
-        failures_[operation] = Failure{code, times};
+        failures_[operation] = Failure{code, times, passing};
 }
 
 void FaultInjectingStore::vanishPath(const std::string& path) {
@@ -143,6 +144,10 @@ std::optional<int64_t> FaultInjectingStore::injectedFailure(Operation operation)
     auto found = failures_.find(operation);
     if (found == failures_.end())
         return std::nullopt;
+    if (found->second.passing > 0) {
+        --found->second.passing;
+        return std::nullopt;
+    }
     int64_t code = found->second.code;
     if (found->second.times > 0 && --found->second.times == 0)
         failures_.erase(found);

@@ -52,8 +52,9 @@ public:
     // put answers Failure.
     void dropConnectionInNextPut(uint64_t bytes);
     // The operation answers code without reaching the inner store, `times` times
-    // (negative: until cleared).
-    void failOperation(Operation operation, int64_t code, int32_t times = -1);
+    // (negative: until cleared), once `passing` calls of it have gone through.
+    void failOperation(Operation operation, int64_t code, int32_t times = -1,
+                       int32_t passing = 0);
     // stat and get of this path answer NotFound, as if the file had just vanished.
     void vanishPath(const std::string& path);
     // Ends every ordered fault; a hanging put is released.
@@ -89,6 +90,7 @@ private:
     struct Failure {
         int64_t code = 0;
         int32_t times = -1;
+        int32_t passing = 0;
     };
     // The code the operation must answer now, or nullopt to go on.
     std::optional<int64_t> injectedFailure(Operation operation);

@@ -205,6 +205,28 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
     EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, left[0])), "n0 #4");
 }
 
+// A run cut off while it keeps a version (a refused store call stands for the cut) must
+// leave the file's folder as it was or as it should be: a version left there under its
+// version name would come back as a file of its own at the next restore.
+TEST_F(BackupTaskVersions, AnInterruptedKeepLeavesNoVersionBesideTheFile) {
+    std::string serverFile = upload("x/a.txt", "one", T);
+    for (int32_t passing : {0, 1, 2}) {
+        store_->failOperation(FaultInjectingStore::Operation::Move, ResultCode::Failure, 1,
+                              passing);
+        bool kept = task_->recordCurrent(serverFile, task_->uiMaxVersion, "a.txt");
+        store_->clearFaults();
+        tree().RefreshSvrPath("\\");
+        std::vector<std::string> beside = names("\\Backup\\src\\x");
+        if (kept) {
+            EXPECT_EQ(beside, std::vector<std::string>{}) << passing;
+            EXPECT_EQ(names(versionFolder("src\\x")), (std::vector<std::string>{"a0.txt"}));
+            break;
+        }
+        EXPECT_EQ(beside, std::vector<std::string>{"a.txt"}) << passing;
+        EXPECT_EQ(fetch(serverFile), "one");
+    }
+}
+
 TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
     std::string base(250, 'a');
     std::string first = base + ".txt";

@@ -194,10 +194,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
     EXPECT_FALSE(FileSystem::exists(target));
 
     // The second backup of a moves the first into the history, where it still opens.
-    ASSERT_EQ(api().EditFile(a, "a3.txt", "", ""), ResultCode::Success);
-    ASSERT_EQ(api().CopyPaths({"\\Encrypted\\Task\\Docs\\a3.txt"}, "\\Encrypted\\History\\Task\\Docs",
-                              nullptr, true),
-              ResultCode::Success);
+    ASSERT_EQ(api().MovePath(a, "\\Encrypted\\History\\Task\\Docs\\a3.txt"), ResultCode::Success);
     ASSERT_EQ(upload(a, makeFile("a.txt", "second a", 1'700'000'000), nullptr, "p"), ResultCode::Success);
     ASSERT_EQ(download("\\Encrypted\\History\\Task\\Docs\\a3.txt", target, "p"), ResultCode::Success);
     EXPECT_EQ(readFile(target), "first a");
@@ -231,6 +228,13 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
     cancelled.setCancelled(true);
     EXPECT_EQ(api().DeletePaths({"\\Copies\\a"}, &cancelled, false), ResultCode::Cancelled);
     EXPECT_EQ(found({"\\History\\c", "\\Copies\\a"}), "++");
+
+    // One item to another folder under another name; never over a name already there.
+    ASSERT_EQ(api().MovePath("\\Copies\\b", "\\History\\b0"), ResultCode::Success);
+    EXPECT_EQ(found({"\\Copies\\b", "\\History\\b0"}), "-+");
+    EXPECT_EQ(api().MovePath("\\History\\b0", "\\History\\c"), ResultCode::AlreadyExists);
+    EXPECT_EQ(api().MovePath("\\History\\b0", "\\..\\b0"), ResultCode::BadPath);
+    ASSERT_EQ(api().MovePath("\\History\\b0", "\\Copies\\b"), ResultCode::Success);
 
     // A path already gone counts as deleted; a bad one fails without stopping the rest.
     OperationProgress deleting;

@@ -689,7 +689,14 @@ bool LocalStoreDatabase::checkpoint() {
     std::lock_guard lock(mutex_);
     int logFrames = 0;
     int done = 0;
-    int rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &logFrames, &done);
+    // Another process checkpointing at the same moment answers busy at once (a passive
+    // checkpoint does not wait): try again for a bounded while.
+    int rc = SQLITE_BUSY;
+    for (int attempt = 0; attempt < 100 && rc == SQLITE_BUSY; ++attempt) {
+        if (attempt > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &logFrames, &done);
+    }
     if (rc == SQLITE_OK)
         return true;
     logError("checkpoint");
