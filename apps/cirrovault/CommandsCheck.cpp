@@ -11,8 +11,10 @@
 #include "RestoreSupport.h"
 #include "Signals.h"
 #include "TaskFormat.h"
+#include "engine/task/VersionOwners.h"
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/PathTreeController.h"
+#include "platform/framework/ServerName.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
@@ -42,17 +44,6 @@ struct TaskReport {
     std::vector<Problem> problems;
     bool cancelled = false;
 };
-
-// "a0.txt" → owner "a.txt", number 0; nothing when the name carries no number.
-std::optional<std::pair<std::string, int>> versionOf(const std::string& name) {
-    auto dot = name.rfind('.');
-    std::string stem = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
-    std::string ext = stem.size() == name.size() ? "" : name.substr(dot);
-    size_t digits = stem.find_last_not_of("0123456789") + 1;
-    if (digits == stem.size() || stem.size() - digits > 6 || digits == 0)
-        return std::nullopt;
-    return std::make_pair(stem.substr(0, digits) + ext, std::stoi(stem.substr(digits)));
-}
 
 bool sameContent(const std::string& a, const std::string& b) {
     auto left = FileSystem::readFile(a);
@@ -95,7 +86,7 @@ public:
                 problem(rel, text("CheckStrayPart", "an unfinished upload left beside the finished copy"));
             checkStored(rel, info, pending.count(rel) ? "" : local);
         }
-        checkVersions();
+        checkVersions(files);
         for (const auto& rel : pending)
             problem(rel, text("CheckNotStored", "not stored as it is in the source (new, or changed since the last backup)"));
         return report_;
@@ -138,9 +129,10 @@ private:
         FileSystem::removeItem(copy);
     }
 
-    // The older versions: each one whole, and every file's numbers from 0 to its highest
-    // present (a gap is a version lost on the service).
-    void checkVersions() {
+    // The older versions: each one whole, and for each file no number missing below its
+    // highest among those its versions could have been given (a gap is a version lost on
+    // the service). Which file a version belongs to depends on the names beside the file.
+    void checkVersions(const std::vector<std::pair<std::string, PathInfo>>& files) {
         if (where_.historyFolder().empty())
             return;
         std::string top = where_.historyFolder() + "\\" + task_->name;
@@ -154,27 +146,42 @@ private:
                                       TransferApiUtil::stringWithReturnCode(code)));
             return;
         }
-        std::map<std::string, std::set<int>> numbers;
+        std::map<std::string, std::vector<std::string>> stored; // folder → its files' stored names
+        for (const auto& [rel, info] : files)
+            stored[parentOf(rel)].push_back(info.name);
+        std::map<std::string, VersionOwners> owners;
+        // (folder, the file's stored name) → its versions' numbers
+        std::map<std::pair<std::string, std::string>, std::set<uint64_t>> numbers;
         for (const auto& info : all) {
             if (info.bFolder || info.path.compare(0, top.size() + 1, top + "\\") != 0)
                 continue;
             if (stopped())
                 return;
-            std::string rel = info.path.substr(top.size() + 1);
-            std::replace(rel.begin(), rel.end(), '\\', '/');
-            auto version = versionOf(info.name);
-            if (!version)
-                continue;
+            std::string rel = ServerName::decodePath(info.path.substr(top.size() + 1));
             ++report_.versions;
-            std::string owner = rel.substr(0, rel.size() - info.name.size()) + version->first;
-            numbers[owner].insert(version->second);
             checkStored(rel, info, "");
+            std::string parent = parentOf(rel);
+            auto found = owners.find(parent);
+            if (found == owners.end())
+                found = owners.emplace(parent, VersionOwners(stored[parent])).first;
+            if (auto owner = found->second.of(info.name))
+                numbers[{parent, owner->file}].insert(owner->number);
         }
-        for (const auto& [owner, kept] : numbers)
-            for (int n = 0; n < *kept.rbegin(); ++n)
-                if (!kept.count(n))
-                    problem(owner, text("CheckVersionMissing", "older version {} is missing (versions up to {} are kept)", n,
-                                        *kept.rbegin()));
+        for (const auto& [file, kept] : numbers) {
+            const auto& [parent, name] = file;
+            std::string rel = (parent.empty() ? "" : parent + "/") + ServerName::decode(name);
+            // Numbers this system did not write could be of any size: the walk has a bound.
+            uint64_t highest = *kept.rbegin(), bound = std::min<uint64_t>(highest, 100'000);
+            for (uint64_t n = 0; n < bound; ++n)
+                if (!kept.count(n) && owners.at(parent).numberFits(name, n))
+                    problem(rel, text("CheckVersionMissing", "older version {} is missing (versions up to {} are kept)", n,
+                                      highest));
+        }
+    }
+
+    static std::string parentOf(const std::string& rel) {
+        auto slash = rel.rfind('/');
+        return slash == std::string::npos ? "" : rel.substr(0, slash);
     }
 
     const CheckArgs& args_;

@@ -78,6 +78,10 @@ std::string VersionNames::name(const std::string& fileName, uint64_t number) {
     return parts.stem + std::to_string(number) + parts.ext;
 }
 
+std::string VersionNames::stemOf(const std::string& fileName) {
+    return partsOf(fileName).stem;
+}
+
 std::optional<uint64_t> VersionNames::numberOf(const std::string& entry,
                                                const std::string& fileName,
                                                const std::vector<std::string>& siblings) {

@@ -24,6 +24,8 @@ public:
     static std::optional<uint64_t> numberOf(const std::string& entry,
                                             const std::string& fileName,
                                             const std::vector<std::string>& siblings);
+    // What fileName's version names begin with (its base, cut and marked when long).
+    static std::string stemOf(const std::string& fileName);
     // The siblings that could claim a version name of fileName: passing only these to
     // numberOf gives the same answers, without a walk of a large folder each time.
     static std::vector<std::string> rivals(const std::string& fileName,
