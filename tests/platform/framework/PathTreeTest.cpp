@@ -18,15 +18,17 @@ protected:
         ASSERT_EQ(upload(server, makeFile("local/" + std::to_string(++files_), content)),
                   ResultCode::Success) << server;
     }
-    // What the cache says of a folder equals what the store says now.
-    void expectInStep(const std::string& path) {
-        SCOPED_TRACE(path);
-        PathInfo cached;
-        StoreItem fresh;
-        ASSERT_TRUE(tree().FindPath(path, cached, false));
-        ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
-        EXPECT_EQ(std::tie(cached.iSize, cached.iFiles, cached.bFolder),
-                  std::make_tuple(fresh.size, fresh.isFolder ? fresh.fileCount : 0, fresh.isFolder));
+    // What the cache says of each folder equals what the store says now.
+    void expectInStep(std::initializer_list<std::string> paths) {
+        for (const auto& path : paths) {
+            SCOPED_TRACE(path);
+            PathInfo cached;
+            StoreItem fresh;
+            ASSERT_TRUE(tree().FindPath(path, cached, false));
+            ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
+            EXPECT_EQ(std::tie(cached.iSize, cached.iFiles, cached.bFolder),
+                      std::make_tuple(fresh.size, fresh.isFolder ? fresh.fileCount : 0, fresh.isFolder));
+        }
     }
     int files_ = 0;
 };
@@ -81,10 +83,9 @@ TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
 
     put("\\T\\Docs\\a.txt", std::string(10, 'a'));
     put("\\T\\Docs\\b.txt", std::string(5, 'b'));
-    expectInStep("\\T");
-    expectInStep("\\T\\Docs");
+    expectInStep({"\\T", "\\T\\Docs"});
     put("\\T\\Docs\\a.txt", std::string(25, 'a')); // replaced: size changes, count not
-    expectInStep("\\T");
+    expectInStep({"\\T"});
     ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
     EXPECT_EQ(info.iSize, 25u);
 
@@ -95,17 +96,15 @@ TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
     EXPECT_EQ(found({"\\T\\Docs\\a0.txt"}), "-");
     ASSERT_TRUE(tree().FindPath("\\H\\a0.txt", info, false));
     EXPECT_EQ(info.iSize, 25u);
-    expectInStep("\\T");
-    expectInStep("\\H");
+    expectInStep({"\\T", "\\H"});
 
     ASSERT_EQ(api().CopyPaths({"\\T\\Docs"}, "\\H", nullptr, false), ResultCode::Success);
-    expectInStep("\\H");
+    expectInStep({"\\H"});
     ASSERT_EQ(api().DeletePaths({"\\T\\Docs\\b.txt"}, nullptr, false), ResultCode::Success);
-    expectInStep("\\T");
-    expectInStep("\\T\\Docs");
+    expectInStep({"\\T", "\\T\\Docs"});
     ASSERT_EQ(api().EditFolder("\\T\\Docs", "Papers", "", ""), ResultCode::Success);
     EXPECT_FALSE(tree().FindPath("\\T\\Docs", info, false));
-    expectInStep("\\T\\Papers");
+    expectInStep({"\\T\\Papers"});
     // All of that was followed without listing a folder again.
     EXPECT_EQ(store_->totalLists(), 0);
 }
@@ -150,7 +149,7 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
     ASSERT_TRUE(tree().FindPath("\\T\\New\\f1", info, false));
     EXPECT_EQ(info.iSize, 3u);
     EXPECT_FALSE(tree().FindPath("\\T\\New\\Deep\\g1", info, false));
-    expectInStep("\\T\\New");
+    expectInStep({"\\T\\New"});
 
     // Made behind the cache's back: seen after a refresh of the folder or above it.
     ASSERT_EQ(local_->makeFolder("\\Gone", "", ""), ResultCode::Success);
@@ -177,14 +176,12 @@ TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
         ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), ResultCode::Success);
         ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true),
                   ResultCode::Success);
-        expectInStep("\\H");
-        expectInStep("\\H\\Task");
-        expectInStep("\\T");
+        expectInStep({"\\H", "\\H\\Task", "\\T"});
     }
     // Followed from the figures of the one folder below the held listings.
     EXPECT_EQ(store_->totalLists(), 0);
     ASSERT_EQ(api().DeletePaths({"\\H\\Task\\Docs\\a2.txt"}, nullptr, false), ResultCode::Success);
-    expectInStep("\\H");
+    expectInStep({"\\H"});
 }
 
 class PathTreeConcurrencyTest : public PathTreeTest {};
