@@ -249,22 +249,6 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
     EXPECT_EQ(found({"\\Trash\\a", "\\Trash\\a (2)", "\\History\\c"}), "++-");
 }
 
-TEST_F(TransferApiUtilTest, AccountBalanceFollowsUploadsAndTheQuota) {
-    AccountBalance before, after;
-    ASSERT_EQ(api().GetAccountBalance(before), Success);
-    EXPECT_GT(before.maxSpace, 0);
-    folders({"\\B"});
-    ASSERT_EQ(upload("\\B\\f", makeFile("f", std::string(1000, 'f'))), Success);
-    ASSERT_EQ(api().GetAccountBalance(after), Success);
-    EXPECT_EQ(std::make_tuple(after.fileSpaceUsed, after.msgSpaceUsed),
-              std::make_tuple(before.fileSpaceUsed + 1000, int64_t{0}));
-
-    ASSERT_EQ(local_->setQuota(after.fileSpaceUsed + 500), Success);
-    EXPECT_EQ(upload("\\B\\g", makeFile("g", std::string(1000, 'g'))), SpaceLimit);
-    ASSERT_EQ(api().GetAccountBalance(after), Success);
-    EXPECT_EQ(after.maxSpace - after.fileSpaceUsed - after.msgSpaceUsed, 500);
-}
-
 TEST_F(TransferApiUtilTest, SessionKeepsThePasswordOutOfTheLog) {
     using Session = std::tuple<std::string, std::string, std::string>; // id, customer, password
     auto session = [] { return Session{api().sessionID(), api().customerID(), api().passWord()}; };
