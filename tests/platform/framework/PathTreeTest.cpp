@@ -1,5 +1,3 @@
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -8,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/framework/SessionFixture.h"
+#include "platform/os/Semaphore.h"
 
 namespace cirrovault {
 namespace {
@@ -234,29 +233,14 @@ public:
     int64_t list(const std::string& folder, std::vector<StoreItem>& items) override {
         int64_t code = CountingStore::list(folder, items);
         if (folder == gated) {
-            std::unique_lock lock(gateMutex_);
-            entered_ = true;
-            gateChanged_.notify_all();
-            gateChanged_.wait(lock, [this] { return open_; });
+            entered.signal();
+            opened.wait();
+            opened.signal(); // open for any later listing too
         }
         return code;
     }
-    void waitUntilEntered() {
-        std::unique_lock lock(gateMutex_);
-        gateChanged_.wait(lock, [this] { return entered_; });
-    }
-    void open() {
-        std::lock_guard lock(gateMutex_);
-        open_ = true;
-        gateChanged_.notify_all();
-    }
     std::string gated;
-
-private:
-    std::mutex gateMutex_;
-    std::condition_variable gateChanged_;
-    bool entered_ = false;
-    bool open_ = false;
+    Semaphore entered, opened;
 };
 
 TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
@@ -268,9 +252,9 @@ TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
 
     tree().prefetchFolders({"\\Q"});
-    gated->waitUntilEntered(); // the listing ahead has begun, without the new file
+    gated->entered.wait(); // the listing ahead has begun, without the new file
     put("\\Q\\new", "abc");
-    gated->open();
+    gated->opened.signal();
     EXPECT_EQ(found({"\\Q\\new", "\\Q\\old"}), "++");
 }
 
