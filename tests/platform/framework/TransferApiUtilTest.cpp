@@ -141,7 +141,7 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRoundTripAndRefuseWrongPhraseOrDamage)
     PathInfo info;
     ASSERT_TRUE(tree().FindPath(secret, info, false));
     std::string raw = readFile(storedPath("Encrypted/secret.txt"));
-    EXPECT_EQ(std::make_tuple(result.storedSize, info.iSize, raw.size()),
+    ASSERT_EQ(std::make_tuple(result.storedSize, info.iSize, raw.size()),
               std::make_tuple(content.size() + 128, content.size() + 128, content.size() + 128));
     EXPECT_EQ(raw.find(content.substr(1000, 100)), std::string::npos);
 
