@@ -81,16 +81,14 @@ std::string patterned(size_t size) {
 }
 
 TEST_F(FileCryptoTest, RoundTripOfEverySizeIsExactlyOneHundredTwentyEightBytesLonger) {
-    for (size_t size : {size_t(0), size_t(1), size_t(63), size_t(64), size_t(65), size_t(4096),
-                        size_t(3 * 65536 + 17)}) {
+    for (size_t size : std::vector<size_t>{0, 1, 63, 64, 65, 4096, 3 * 65536 + 17}) {
         SCOPED_TRACE(size);
         std::string plain = patterned(size);
         std::string path = writeFile("plain", plain);
         std::string stored = encrypt(path, "correct horse");
         ASSERT_EQ(stored.size(), size + 128);
-        if (size >= 64) {
+        if (size >= 64)
             EXPECT_EQ(stored.find(plain.substr(0, 64)), std::string::npos);
-        }
         std::string target = home_.file("restored");
         ASSERT_EQ(decrypt(stored, target, "correct horse"), ResultCode::Success);
         EXPECT_EQ(FileSystem::readFile(target), plain);
@@ -145,8 +143,8 @@ TEST_F(FileCryptoTest, WrongPhraseAndDamageAreRefusedWithoutTouchingTheTarget) {
     };
     expectRefused(stored, "wrong", ResultCode::WrongPassPhrase);
     // Damage anywhere, the salt (8) and nonce (30) included, is damage, not a wrong phrase.
-    for (size_t at : {size_t(0), size_t(5), size_t(8), size_t(30), size_t(50), size_t(60),
-                      size_t(64), size_t(50'000), stored.size() - 64, stored.size() - 1}) {
+    for (size_t at : std::vector<size_t>{0, 5, 8, 30, 50, 60, 64, 50'000, stored.size() - 64,
+                                         stored.size() - 1}) {
         SCOPED_TRACE(at);
         std::string damaged = stored;
         damaged[at] ^= 0x01;
@@ -234,8 +232,7 @@ TEST(FileCryptoNames, BoundNameIsThePathBelowTheTaskAndAVersionKeepsItsOriginal)
     EXPECT_EQ(names("\\Enc\\Renamed task\\Docs\\a.txt"), V{"Docs\\a.txt"});
     EXPECT_EQ(names("\\Enc\\loose.txt"), V{"loose.txt"});
     EXPECT_EQ(names("\\Enc\\History\\Task\\Docs\\a3.txt"), V{"Docs\\a.txt"});
-    EXPECT_EQ(names("\\Enc\\History\\Task\\a13.tar.gz"),
-              (V{"a1.tar.gz", "a.tar.gz"}));
+    EXPECT_EQ(names("\\Enc\\History\\Task\\a13.tar.gz"), (V{"a1.tar.gz", "a.tar.gz"}));
     // No number to take off, no name left without it, not encrypted, no file.
     for (const char* none : {"\\Enc\\History\\Task\\Docs\\README", "\\Enc\\History\\Task\\7",
                              "\\Plain\\Task\\a.txt", "\\Enc"})

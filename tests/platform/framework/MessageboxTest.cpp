@@ -80,13 +80,11 @@ TEST(Messagebox, FailingPresenterIsLoggedAndAnswersTheDefault) {
 // Worker threads ask while the host swaps presenters: every box is answered and
 // recorded by exactly one presenter.
 TEST(MessageboxConcurrency, BoxesFromManyThreadsWhilePresentersChange) {
-    auto first = std::make_shared<HeadlessMessagebox>();
-    auto second = std::make_shared<HeadlessMessagebox>();
-    first->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
-    second->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
+    auto first = std::make_shared<HeadlessMessagebox>(), second = std::make_shared<HeadlessMessagebox>();
+    for (auto& box : {first, second})
+        box->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
     NimboMessagebox::setPresenter(first);
-    constexpr int threads = 4;
-    constexpr int perThread = 200;
+    constexpr int threads = 4, perThread = 200;
     std::atomic<int> yes{0};
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t)

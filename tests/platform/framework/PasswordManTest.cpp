@@ -35,20 +35,18 @@ TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFile) {
     // Nobody else may put another file in its place either.
     EXPECT_EQ(permissionsOf(home.configHome() + "/cirrovault"), 0700u);
     EXPECT_FALSE(writer.AccountInKeyring());
-    auto names = FileSystem::listDirectory(home.configHome() + "/cirrovault");
-    ASSERT_TRUE(names);
-    EXPECT_EQ(names->size(), 1u) << "no temporary file is left behind";
+    EXPECT_EQ(FileSystem::listDirectory(home.configHome() + "/cirrovault"),
+              std::vector<std::string>{"passwords.plist"}) << "no temporary file is left behind";
 
     // Another instance (another process, in real life) sees the same store.
     PasswordMan reader;
     EXPECT_EQ(reader.GetPassword("\\Encrypted\\Docs"), "correct horse");
-    EXPECT_EQ(reader.IsEncrypt("\\Encrypted\\Docs"), true);
-    EXPECT_EQ(reader.IsEncrypt("\\Encrypted\\Docs\\Deep"), false);
-    EXPECT_EQ(reader.IsEncrypt("\\Encrypted\\Other"), std::nullopt);
+    EXPECT_EQ((std::vector{reader.IsEncrypt("\\Encrypted\\Docs"), reader.IsEncrypt("\\Encrypted\\Docs\\Deep"),
+                           reader.IsEncrypt("\\Encrypted\\Other")}),
+              (std::vector<std::optional<bool>>{true, false, std::nullopt}));
     auto account = reader.GetAccount();
     ASSERT_TRUE(account);
-    EXPECT_EQ(account->userName, "alice");
-    EXPECT_EQ(account->password, "s3cret|pw");
+    EXPECT_EQ(account->userName + " " + account->password, "alice s3cret|pw");
 
     // A file of a task finds the phrase of the nearest task folder above it.
     for (auto [path, phrase] : std::map<std::string, std::string>{

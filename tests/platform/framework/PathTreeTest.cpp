@@ -1,5 +1,3 @@
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -8,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/framework/SessionFixture.h"
+#include "platform/os/Semaphore.h"
 
 namespace cirrovault {
 namespace {
@@ -18,15 +17,17 @@ protected:
         ASSERT_EQ(upload(server, makeFile("local/" + std::to_string(++files_), content)),
                   ResultCode::Success) << server;
     }
-    // What the cache says of a folder equals what the store says now.
-    void expectInStep(const std::string& path) {
-        SCOPED_TRACE(path);
-        PathInfo cached;
-        StoreItem fresh;
-        ASSERT_TRUE(tree().FindPath(path, cached, false));
-        ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
-        EXPECT_EQ(std::tie(cached.iSize, cached.iFiles, cached.bFolder),
-                  std::make_tuple(fresh.size, fresh.isFolder ? fresh.fileCount : 0, fresh.isFolder));
+    // What the cache says of each folder equals what the store says now.
+    void expectInStep(std::initializer_list<std::string> paths) {
+        for (const auto& path : paths) {
+            SCOPED_TRACE(path);
+            PathInfo cached;
+            StoreItem fresh;
+            ASSERT_TRUE(tree().FindPath(path, cached, false));
+            ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
+            EXPECT_EQ(std::tie(cached.iSize, cached.iFiles, cached.bFolder),
+                      std::make_tuple(fresh.size, fresh.isFolder ? fresh.fileCount : 0, fresh.isFolder));
+        }
     }
     int files_ = 0;
 };
@@ -81,10 +82,9 @@ TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
 
     put("\\T\\Docs\\a.txt", std::string(10, 'a'));
     put("\\T\\Docs\\b.txt", std::string(5, 'b'));
-    expectInStep("\\T");
-    expectInStep("\\T\\Docs");
+    expectInStep({"\\T", "\\T\\Docs"});
     put("\\T\\Docs\\a.txt", std::string(25, 'a')); // replaced: size changes, count not
-    expectInStep("\\T");
+    expectInStep({"\\T"});
     ASSERT_TRUE(tree().FindPath("\\T\\Docs\\a.txt", info, false));
     EXPECT_EQ(info.iSize, 25u);
 
@@ -95,17 +95,15 @@ TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
     EXPECT_EQ(found({"\\T\\Docs\\a0.txt"}), "-");
     ASSERT_TRUE(tree().FindPath("\\H\\a0.txt", info, false));
     EXPECT_EQ(info.iSize, 25u);
-    expectInStep("\\T");
-    expectInStep("\\H");
+    expectInStep({"\\T", "\\H"});
 
     ASSERT_EQ(api().CopyPaths({"\\T\\Docs"}, "\\H", nullptr, false), ResultCode::Success);
-    expectInStep("\\H");
+    expectInStep({"\\H"});
     ASSERT_EQ(api().DeletePaths({"\\T\\Docs\\b.txt"}, nullptr, false), ResultCode::Success);
-    expectInStep("\\T");
-    expectInStep("\\T\\Docs");
+    expectInStep({"\\T", "\\T\\Docs"});
     ASSERT_EQ(api().EditFolder("\\T\\Docs", "Papers", "", ""), ResultCode::Success);
     EXPECT_FALSE(tree().FindPath("\\T\\Docs", info, false));
-    expectInStep("\\T\\Papers");
+    expectInStep({"\\T\\Papers"});
     // All of that was followed without listing a folder again.
     EXPECT_EQ(store_->totalLists(), 0);
 }
@@ -150,7 +148,7 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
     ASSERT_TRUE(tree().FindPath("\\T\\New\\f1", info, false));
     EXPECT_EQ(info.iSize, 3u);
     EXPECT_FALSE(tree().FindPath("\\T\\New\\Deep\\g1", info, false));
-    expectInStep("\\T\\New");
+    expectInStep({"\\T\\New"});
 
     // Made behind the cache's back: seen after a refresh of the folder or above it.
     ASSERT_EQ(local_->makeFolder("\\Gone", "", ""), ResultCode::Success);
@@ -177,14 +175,12 @@ TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
         ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), ResultCode::Success);
         ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true),
                   ResultCode::Success);
-        expectInStep("\\H");
-        expectInStep("\\H\\Task");
-        expectInStep("\\T");
+        expectInStep({"\\H", "\\H\\Task", "\\T"});
     }
     // Followed from the figures of the one folder below the held listings.
     EXPECT_EQ(store_->totalLists(), 0);
     ASSERT_EQ(api().DeletePaths({"\\H\\Task\\Docs\\a2.txt"}, nullptr, false), ResultCode::Success);
-    expectInStep("\\H");
+    expectInStep({"\\H"});
 }
 
 class PathTreeConcurrencyTest : public PathTreeTest {};
@@ -237,29 +233,14 @@ public:
     int64_t list(const std::string& folder, std::vector<StoreItem>& items) override {
         int64_t code = CountingStore::list(folder, items);
         if (folder == gated) {
-            std::unique_lock lock(gateMutex_);
-            entered_ = true;
-            gateChanged_.notify_all();
-            gateChanged_.wait(lock, [this] { return open_; });
+            entered.signal();
+            opened.wait();
+            opened.signal(); // open for any later listing too
         }
         return code;
     }
-    void waitUntilEntered() {
-        std::unique_lock lock(gateMutex_);
-        gateChanged_.wait(lock, [this] { return entered_; });
-    }
-    void open() {
-        std::lock_guard lock(gateMutex_);
-        open_ = true;
-        gateChanged_.notify_all();
-    }
     std::string gated;
-
-private:
-    std::mutex gateMutex_;
-    std::condition_variable gateChanged_;
-    bool entered_ = false;
-    bool open_ = false;
+    Semaphore entered, opened;
 };
 
 TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
@@ -271,9 +252,9 @@ TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
 
     tree().prefetchFolders({"\\Q"});
-    gated->waitUntilEntered(); // the listing ahead has begun, without the new file
+    gated->entered.wait(); // the listing ahead has begun, without the new file
     put("\\Q\\new", "abc");
-    gated->open();
+    gated->opened.signal();
     EXPECT_EQ(found({"\\Q\\new", "\\Q\\old"}), "++");
 }
 

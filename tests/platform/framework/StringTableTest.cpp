@@ -50,9 +50,8 @@ TEST(StringTable, FileIsASortedPlainDictionaryWithUsableFolderNames) {
         ASSERT_TRUE(value.isString()) << key;
         EXPECT_EQ(LoadString::GetValueByKey(key, "<missing>"), *value.string()) << key;
     }
-    if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
+    if (std::system("command -v plistutil >/dev/null 2>&1") == 0)
         EXPECT_EQ(std::system(("plistutil -i '" + tableFile() + "' -o /dev/null").c_str()), 0);
-    }
 
     // Folder names fit server and local paths.
     for (const char* key : {"ApplicationDataPath", "ServerStoreTaskPath", "IDS_HISTFOLDER",
@@ -60,10 +59,9 @@ TEST(StringTable, FileIsASortedPlainDictionaryWithUsableFolderNames) {
                             "ProductName", "IDS_STRPRODUCT", "GlobalDataFolderName", "TrashFolder"}) {
         std::string name = LoadString::GetValueByKey(key, "");
         ASSERT_FALSE(name.empty()) << key;
-        EXPECT_EQ(name.find_first_of("\\/:*?\"<>|"), std::string::npos) << key;
-        EXPECT_NE(name.front(), ' ') << key;
-        EXPECT_NE(name.back(), ' ') << key;
-        EXPECT_NE(name.front(), '.') << key;
+        EXPECT_TRUE(name.find_first_of("\\/:*?\"<>|") == std::string::npos && name.front() != ' ' &&
+                    name.back() != ' ' && name.front() != '.')
+            << key << ": \"" << name << "\"";
     }
     // The history and info folders sit side by side with the task folders.
     EXPECT_NE(LoadString::GetValueByKey("IDS_HISTFOLDER"), LoadString::GetValueByKey("IDS_INFOPATH"));
@@ -93,16 +91,14 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
     test::TempHome home;
     // Texts the engine formats, with the number of arguments it passes, in order.
     const std::map<std::string, size_t> formatted = {
-        {"FailEmailTitle", 3},       {"FalilEmailBoty", 4},          {"FileChangedWhileRead", 1},          {"IDS_NEEDMOREBUYSPACE", 3},
-        {"IDS_STRFAILCONTRYTIME", 2}, {"IDS_STRMINUTES", 1},          {"IDS_STRNEEDMORESPACE", 4},
-        {"IDS_STRRATE", 1},          {"IDS_STRSECONDS", 1},          {"IDS_TASKNAMEFOR", 1},
-        {"IdentityDamaged", 1},
-        {"NeedMoreBuySpace", 1},     {"OrvoSubItemLimitation", 2},   {"ReScanFile", 3},
-        {"RestoreNoSpace", 4},       {"ServerPathError", 1},         {"SourceUnreadable", 1},
-        {"StrLogUploadFail", 3},     {"UploadRetriesEnded", 1},
-        {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},  {"SuccessEmailTitle", 3},
-        {"TimeFormat", 3},           {"NameTooLongLeftOut", 1},      {"ReportFigures", 6},
-    };
+        {"FailEmailTitle", 3}, {"FalilEmailBoty", 4}, {"FileChangedWhileRead", 1},
+        {"IDS_NEEDMOREBUYSPACE", 3}, {"IDS_STRFAILCONTRYTIME", 2}, {"IDS_STRMINUTES", 1},
+        {"IDS_STRNEEDMORESPACE", 4}, {"IDS_STRRATE", 1}, {"IDS_STRSECONDS", 1},
+        {"IDS_TASKNAMEFOR", 1}, {"IdentityDamaged", 1}, {"NeedMoreBuySpace", 1},
+        {"OrvoSubItemLimitation", 2}, {"ReScanFile", 3}, {"RestoreNoSpace", 4},
+        {"ServerPathError", 1}, {"SourceUnreadable", 1}, {"StrLogUploadFail", 3},
+        {"UploadRetriesEnded", 1}, {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},
+        {"SuccessEmailTitle", 3}, {"TimeFormat", 3}, {"NameTooLongLeftOut", 1}, {"ReportFigures", 6}};
     auto table = PropertyListFile::read(tableFile());
     ASSERT_TRUE(table);
     SystemLog::startCapture();

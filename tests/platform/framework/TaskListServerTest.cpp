@@ -71,9 +71,10 @@ private:
     int writes_ = 0;       // guarded by mutex_
 };
 
-std::string enc(const std::string& text) {
-    return UrlCoding::encode(text);
-}
+const auto enc = UrlCoding::encode;
+using Strings = std::vector<std::string>;
+using Codes = std::vector<int64_t>; // the codes of calls made in order, one comparison
+using namespace ResultCode;
 
 // A request as the client writes it; entries are {path, add?}.
 std::string request(const std::string& name, const std::string& action,
@@ -98,11 +99,9 @@ std::string request(const std::string& name, const std::string& action,
     return text + "localPathNum=" + std::to_string(entries.size());
 }
 
-std::vector<std::string> valuesOf(const std::string& key, const std::string& reply) {
-    return Functions::GetValueArrayByKey(key, reply);
-}
+const auto valuesOf = Functions::GetValueArrayByKey;
 
-std::vector<std::string> pathsOf(TaskListServer& server, const std::string& name) {
+Strings pathsOf(TaskListServer& server, const std::string& name) {
     std::string reply;
     EXPECT_EQ(server.getTaskList(name, "true", reply), 0);
     return valuesOf("RETURN_Path", reply);
@@ -118,13 +117,13 @@ struct Fixture {
 TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
     Fixture f;
     ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/home/u/Docs", true}})), 0);
-    ASSERT_EQ(f.server.UploadTaskList(request("Mail|x", "Add")), ResultCode::BadRequest);
+    ASSERT_EQ(f.server.UploadTaskList(request("Mail|x", "Add")), BadRequest);
     ASSERT_EQ(f.server.UploadTaskList(request("Photos", "Add", {}, "", 9)), 0);
 
     std::string reply;
     ASSERT_EQ(f.server.getTaskList("", "false", reply), 0);
-    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (std::vector<std::string>{"Docs", "Photos"}));
-    EXPECT_EQ(valuesOf("RETURN_TaskID", reply), (std::vector<std::string>{"7", "9"}));
+    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (Strings{"Docs", "Photos"}));
+    EXPECT_EQ(valuesOf("RETURN_TaskID", reply), (Strings{"7", "9"}));
     // Dates come back in the reply form; "ETURN_MaxVersion" is the key clients read.
     for (auto [key, value] : std::map<std::string, std::string>{
              {"RETURN_Descr", "My docs & more"}, {"RETURN_PcName", "box"},
@@ -135,20 +134,18 @@ TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
              {"RETURN_FilterPaths", ""}, {"ETURN_MaxVersion", "10"}, {"RETURN_IsResume", "1"},
              {"RETURN_PcID", "18446744073709551615"}})
         EXPECT_EQ(valuesOf(key, reply).at(0), value) << key;
-    EXPECT_TRUE(valuesOf("RETURN_MaxVersion", reply).empty());
-    EXPECT_TRUE(valuesOf("RETURN_Path", reply).empty()); // not asked for
+    EXPECT_EQ(valuesOf("RETURN_MaxVersion", reply).size() + valuesOf("RETURN_Path", reply).size(),
+              0u); // the paths were not asked for
 
     ASSERT_EQ(f.server.getTaskList("Docs", "true", reply), 0);
-    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (std::vector<std::string>{"Docs"}));
-    EXPECT_EQ(valuesOf("RETURN_Path", reply), (std::vector<std::string>{"/home/u/Docs"}));
-    EXPECT_EQ(valuesOf("RETURN_IsFolder", reply), (std::vector<std::string>{"1"}));
+    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (Strings{"Docs"}));
+    EXPECT_EQ(valuesOf("RETURN_Path", reply), (Strings{"/home/u/Docs"}));
+    EXPECT_EQ(valuesOf("RETURN_IsFolder", reply), (Strings{"1"}));
     ASSERT_EQ(f.server.getTaskList("Nothing", "true", reply), 0);
     EXPECT_EQ(reply, "");
-    EXPECT_EQ(f.server.getTaskList("", "yes", reply), ResultCode::BadRequest);
-
-    std::string names;
-    ASSERT_EQ(f.server.getTaskNames("true", names), 0);
-    EXPECT_EQ(names, "Docs|Photos");
+    EXPECT_EQ(f.server.getTaskList("", "yes", reply), BadRequest);
+    ASSERT_EQ(f.server.getTaskNames("true", reply), 0);
+    EXPECT_EQ(reply, "Docs|Photos");
 }
 
 TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
@@ -195,45 +192,40 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     };
     SystemLog::startCapture();
     for (const auto& text : damaged)
-        EXPECT_EQ(f.server.UploadTaskList(text), ResultCode::BadRequest) << text;
+        EXPECT_EQ(f.server.UploadTaskList(text), BadRequest) << text;
     EXPECT_TRUE(SystemLog::capturedContains("Error: task list request refused"));
     SystemLog::stopCapture();
     EXPECT_EQ(f.store->document(), before);
     EXPECT_EQ(f.store->writes(), writes);
-    EXPECT_EQ(pathsOf(f.server, "Docs"), (std::vector<std::string>{"/a"}));
+    EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a"}));
 
     EXPECT_EQ(f.server.UploadTaskList(good), 0); // the undamaged text is taken
-    EXPECT_EQ(pathsOf(f.server, "Docs"), (std::vector<std::string>{"/a", "/b", "/c"}));
+    EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/b", "/c"}));
 }
 
 TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
     Fixture f;
     TaskListServer loggedOff(f.store, false);
-    std::string reply = "stale";
-    EXPECT_EQ(loggedOff.UploadTaskList(request("Docs", "Add")), ResultCode::NotLoggedOn);
-    EXPECT_EQ(loggedOff.getTaskList("", "false", reply), ResultCode::NotLoggedOn);
+    std::string reply = "stale", names;
+    EXPECT_EQ((Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
+                     loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
+                     loggedOff.deleteTasks("Docs"), f.server.UploadTaskList(request("", "Add")),
+                     f.server.UploadTaskList(request("Docs", "Edit"))}),
+              (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound}));
     EXPECT_EQ(reply, "");
-    EXPECT_EQ(loggedOff.getTaskNames("true", reply), ResultCode::NotLoggedOn);
-    EXPECT_EQ(loggedOff.deleteTasks("Docs"), ResultCode::NotLoggedOn);
-
-    EXPECT_EQ(f.server.UploadTaskList(request("", "Add")), ResultCode::EmptyName);
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Edit")), ResultCode::OldTaskNotFound);
     EXPECT_EQ(f.store->writes(), 0);
 
     for (auto name : {"A", "B", "C", "Docs"})
         ASSERT_EQ(f.server.UploadTaskList(request(name, "Add")), 0);
     ASSERT_EQ(f.server.UploadTaskList(request("Music", "Add", {}, "", 8)), 0);
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 6);
-    // Renamed onto a taken name.
-    EXPECT_EQ(f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")), 6);
-    EXPECT_EQ(f.server.UploadTaskList(request("", "Edit", {}, "Docs")), ResultCode::EmptyName);
-
-    EXPECT_EQ(f.server.deleteTasks(""), ResultCode::EmptyName);
-    EXPECT_EQ(f.server.deleteTasks("||"), ResultCode::EmptyName);
-    EXPECT_EQ(f.server.deleteTasks("B"), 0);
-    EXPECT_EQ(f.server.deleteTasks("A|Gone|C|"), 0);
-    EXPECT_EQ(f.server.deleteTasks("Gone"), 0);
-    std::string names;
+    // Added twice, renamed onto a taken name, renamed to nothing; deletes of nothing, of
+    // one, of several with one already gone.
+    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
+                     f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")),
+                     f.server.UploadTaskList(request("", "Edit", {}, "Docs")),
+                     f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
+                     f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
+              (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
     ASSERT_EQ(f.server.getTaskNames("false", names), 0);
     EXPECT_EQ(names, "Docs|Music");
     EXPECT_EQ(f.server.deleteTasks("Docs|Music"), 0);
@@ -243,14 +235,14 @@ TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
 
 TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten) {
     Fixture f;
+    std::string reply;
     f.store->setDocument("<plist>not a task list");
     SystemLog::startCapture();
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
+    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
+                     f.server.getTaskList("", "false", reply), f.server.deleteTasks("Docs")}),
+              (Codes{StorageError, StorageError, StorageError}));
     EXPECT_TRUE(SystemLog::capturedContains("damaged task list document"));
     SystemLog::stopCapture();
-    std::string reply;
-    EXPECT_EQ(f.server.getTaskList("", "false", reply), ResultCode::StorageError);
-    EXPECT_EQ(f.server.deleteTasks("Docs"), ResultCode::StorageError);
     EXPECT_EQ(f.store->document(), "<plist>not a task list");
 
     // A property list of another shape is just as foreign.
@@ -258,22 +250,23 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
         R"(<?xml version="1.0"?><plist version="1.0"><dict><key>FormatVersion</key>)"
         R"(<integer>1</integer><key>Tasks</key><array><string>x</string></array>)"
         R"(</dict></plist>)");
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
+    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), StorageError);
 
     f.store->setDocument("");
     f.store->failReads = true;
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::StorageError);
-    EXPECT_EQ(f.server.getTaskNames("true", reply), ResultCode::StorageError);
+    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
+                     f.server.getTaskNames("true", reply)}),
+              (Codes{StorageError, StorageError}));
 
     // A NUL byte in a task name is refused before it reaches the parser, which would end
     // the process, and the document stays as it is.
     f.store->failReads = false;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), ResultCode::Success);
+    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), Success);
     std::string withNul = f.store->document();
     ASSERT_NE(withNul.find(">Docs<"), std::string::npos) << withNul;
     withNul.insert(withNul.find(">Docs<") + 3, 1, '\0');
     f.store->setDocument(withNul);
-    EXPECT_EQ(f.server.getTaskList("", "false", reply), ResultCode::StorageError);
+    EXPECT_EQ(f.server.getTaskList("", "false", reply), StorageError);
     EXPECT_EQ(f.store->document(), withNul);
 }
 
@@ -288,17 +281,15 @@ TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
     ASSERT_EQ(
         f.server.UploadTaskList(request("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs")),
         0);
-    std::string names;
+    std::string names, reply;
     ASSERT_EQ(f.server.getTaskNames("true", names), 0);
-    EXPECT_EQ(names, "Papers");
-    EXPECT_EQ(pathsOf(f.server, "Papers"), (std::vector<std::string>{"/b", "/c", "/d"}));
-    std::string reply;
     ASSERT_EQ(f.server.getTaskList("Papers", "false", reply), 0);
-    EXPECT_EQ(valuesOf("RETURN_ServerPath", reply)[0], "\\Backup\\Papers");
+    EXPECT_EQ(names + " " + valuesOf("RETURN_ServerPath", reply).at(0), "Papers \\Backup\\Papers");
+    EXPECT_EQ(pathsOf(f.server, "Papers"), (Strings{"/b", "/c", "/d"}));
 
     // Another task that merely has the new name is not taken for the old one.
     EXPECT_EQ(f.server.UploadTaskList(request("Papers", "Edit", {}, "Docs", 99)),
-              ResultCode::OldTaskNotFound);
+              OldTaskNotFound);
 
     auto document = TaskListDocument::parse(f.store->document());
     ASSERT_TRUE(document);
@@ -308,8 +299,7 @@ TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
 }
 
 TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles) {
-    // Back-off pauses pass on a manual clock.
-    struct ClockGuard {
+    struct ClockGuard { // back-off pauses pass on a manual clock
         ClockGuard() { Clock::setShared(std::make_shared<ManualClock>()); }
         ~ClockGuard() { Clock::setShared(nullptr); }
     } clock;
@@ -321,12 +311,12 @@ TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles
         ASSERT_EQ(other.UploadTaskList(request("Docs", "Edit", {{"/other", true}})), 0);
     };
     ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/mine", true}})), 0);
-    EXPECT_EQ(pathsOf(f.server, "Docs"), (std::vector<std::string>{"/a", "/other", "/mine"}));
+    EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/other", "/mine"}));
 
     f.store->alwaysConflict = true;
     SystemLog::startCapture();
     EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/never", true}})),
-              ResultCode::StorageError);
+              StorageError);
     EXPECT_TRUE(SystemLog::capturedContains("gave up after"));
     SystemLog::stopCapture();
 }

@@ -1,6 +1,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <memory>
+#include <tuple>
 
 #include "common/TempHome.h"
 #include "platform/framework/NimboSetting.h"
@@ -32,23 +33,20 @@ TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
     ASSERT_TRUE(UserSettingMan::SetUserInfo("alice@example.com", "cust-42"));
     auto info = UserSettingMan::GetUserInfo();
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->userName, "alice@example.com");
-    EXPECT_EQ(info->customerID, "cust-42");
-    EXPECT_EQ(info->lastLogonDate, clock->now());
-    if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
+    EXPECT_EQ(std::tie(info->userName, info->customerID, info->lastLogonDate),
+              std::make_tuple("alice@example.com", "cust-42", clock->now()));
+    if (std::system("command -v plistutil >/dev/null 2>&1") == 0)
         EXPECT_EQ(std::system(("plistutil -i '" + file + "' -o /dev/null").c_str()), 0);
-    }
 
     clock->advance(3600);
     ASSERT_TRUE(UserSettingMan::SetUserInfo("bob", ""));
     info = UserSettingMan::GetUserInfo();
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->userName, "bob");
-    EXPECT_EQ(info->lastLogonDate, clock->now());
+    EXPECT_EQ(std::tie(info->userName, info->lastLogonDate), std::make_tuple("bob", clock->now()));
 
     EXPECT_TRUE(UserSettingMan::ClearUserInfo());
     EXPECT_FALSE(UserSettingMan::GetUserInfo());
-    EXPECT_TRUE(UserSettingMan::ClearUserInfo());
+    EXPECT_TRUE(UserSettingMan::ClearUserInfo()); // nothing to clear is no failure
 }
 
 // A damaged settings file is named for the host and never replaced by a fresh one, which

@@ -13,6 +13,8 @@
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "platform/view/terminal/TerminalViewBackend.h"
 #include "common/ScopedEnv.h"
+#include "common/TempHome.h"
+#include "platform/os/FileSystem.h"
 
 namespace cirrovault {
 namespace {
@@ -64,29 +66,18 @@ TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
               (std::vector<std::string>{"a", "b", "c"}));
 }
 
-// A pipe stands in for a terminal that is not there: stderr redirected to a file.
-class Pipe {
-public:
-    Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
-    ~Pipe() {
-        ::close(fds_[0]);
-        if (fds_[1] >= 0)
-            ::close(fds_[1]);
+// Stands in for a terminal that is not there: keys from a pipe nobody writes to, and
+// output to a file, as when stderr is redirected.
+struct NoTerminal {
+    NoTerminal() { EXPECT_EQ(::pipe(keys), 0); }
+    ~NoTerminal() {
+        for (int fd : {keys[0], keys[1], out})
+            ::close(fd);
     }
-    int in() const { return fds_[0]; }
-    int out() const { return fds_[1]; }
-    std::string drain() {
-        ::close(fds_[1]);
-        fds_[1] = -1;
-        std::string all;
-        char buffer[4096];
-        for (ssize_t n; (n = ::read(fds_[0], buffer, sizeof buffer)) > 0;)
-            all.append(buffer, static_cast<size_t>(n));
-        return all;
-    }
-
-private:
-    int fds_[2] = {-1, -1};
+    std::string printed() { return FileSystem::readFile(home.file("log")).value_or(""); }
+    test::TempHome home;
+    int keys[2] = {-1, -1};
+    int out = ::open(home.file("log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
 };
 
 // A pseudo-terminal: the program's side (slave) and the user's (master).
@@ -112,8 +103,8 @@ struct Pty {
 };
 
 TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
-    Pipe input, output;
-    TerminalViewBackend backend({input.in(), output.out(), ViewButton::Cancel});
+    NoTerminal none;
+    TerminalViewBackend backend({none.keys[0], none.out, ViewButton::Cancel});
     EXPECT_FALSE(backend.interactive());
     auto window = backend.createWindow(ViewLayout::LoopDialog);
     bool cancelled = false;
@@ -129,7 +120,7 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
     backend.runModal(window);
     worker.join();
     EXPECT_TRUE(cancelled);
-    std::string printed = output.drain();
+    std::string printed = none.printed();
     EXPECT_NE(printed.find("Signing in...\n"), std::string::npos);
     EXPECT_NE(printed.find("Trying again in 59 seconds\n"), std::string::npos);
     EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
@@ -215,13 +206,13 @@ TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
 }
 
 TEST(TerminalMessageboxTest, WithoutTerminalAnswersConfiguredDefaults) {
-    Pipe input, output;
-    TerminalMessagebox box(input.in(), output.out());
+    NoTerminal none;
+    TerminalMessagebox box(none.keys[0], none.out);
     box.defaults().setDefaultAnswer(MessageboxStyle::RetryCancel, MessageboxAnswer::Retry);
     EXPECT_EQ(box.showMessage("", "Delete it?", MessageboxStyle::YesNo), MessageboxAnswer::No);
     EXPECT_EQ(box.showMessage("", "Again?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
     EXPECT_EQ(box.chooseFolder("Where?"), "");
-    EXPECT_NE(output.drain().find("Delete it? (answered 4)"), std::string::npos);
+    EXPECT_NE(none.printed().find("Delete it? (answered 4)"), std::string::npos);
 }
 
 } // namespace
