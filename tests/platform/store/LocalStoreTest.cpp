@@ -139,12 +139,6 @@ TEST_F(LocalStoreTest, FolderRecordsOfATreeStayWithThatTree) {
     top["Z"] = "a";
     EXPECT_EQ(described("\\"), top);
     EXPECT_EQ(described("\\Z"), (Described{{"Deep", "deep"}}));
-    ASSERT_EQ(store.remove("\\Z"), R::Success);
-    ASSERT_EQ(store.makeFolder("\\Z", "", ""), R::Success);
-    ASSERT_EQ(store.makeFolder("\\Z\\Deep", "", ""), R::Success);
-    EXPECT_EQ(described("\\Z"), (Described{{"Deep", ""}}));
-    top["Z"] = "";
-    EXPECT_EQ(described("\\"), top);
 }
 
 // A listing gives each file of the folder its own kept mode, and only those: the files of
