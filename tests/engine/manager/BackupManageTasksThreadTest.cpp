@@ -278,28 +278,7 @@ TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotRe
     EXPECT_FALSE(onService("Docs"));
 }
 
-TEST_F(BackupManageTasksThread, SelectedVersionsAreDeleted) {
-    TaskPtr docs = registered("Docs");
-    run(docs);
-    change("Docs", 1);
-    run(docs);
-    change("Docs", 2);
-    run(docs);
-    const std::string versions = historyRoot() + "\\Docs\\src-Docs";
-    std::vector<StoreItem> kept;
-    ASSERT_EQ(local_->list(versions, kept), ResultCode::Success);
-    ASSERT_EQ(kept.size(), 2u);
-
-    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Nobody"));
-    EXPECT_TRUE(exists(versions + "\\" + kept[0].name));
-    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Docs"));
-    EXPECT_FALSE(exists(versions + "\\" + kept[0].name));
-    EXPECT_TRUE(exists(versions + "\\" + kept[1].name));
-    EXPECT_TRUE(docs->deleteFileArray.empty());
-    EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
-}
-
-TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
+TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWhereTheyCanBeDeleted) {
     TaskPtr docs = registered("Docs");
     run(docs);
     change("Docs", 1);
@@ -326,6 +305,18 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
     EXPECT_EQ(run(docs), 1);
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2); // the versions go on
 
+    // Selected versions are deleted for their own task only.
+    const std::string versions = historyRoot() + "\\Papers\\src-Docs";
+    std::vector<StoreItem> kept;
+    ASSERT_EQ(local_->list(versions, kept), ResultCode::Success);
+    ASSERT_EQ(kept.size(), 2u);
+    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Nobody"));
+    EXPECT_TRUE(exists(versions + "\\" + kept[0].name));
+    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Papers"));
+    EXPECT_FALSE(exists(versions + "\\" + kept[0].name));
+    EXPECT_TRUE(exists(versions + "\\" + kept[1].name));
+    EXPECT_TRUE(docs->deleteFileArray.empty());
+
     // A rename the service refuses leaves the task where its record is.
     TaskPtr other = registered("Other");
     docs->name = "Other";
@@ -335,7 +326,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
     EXPECT_EQ(docs->serverPath, "\\Backups\\Papers");
     EXPECT_EQ(item("\\Backups\\Papers").fileCount, 2);
     EXPECT_FALSE(exists("\\Backups\\Other"));
-    EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2);
+    EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
 }
 
 TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
