@@ -159,9 +159,7 @@ TEST_F(BackupManageDelegate, TaskUnderCreation) {
     EXPECT_FALSE(manager.hasLocalFolderSel());
 
     manager.pNewTask = makeTask("Daily");
-    manager.pNewTask->taskType = 0x101;
     manager.pNewTask->AddSrcPath("/old");
-    EXPECT_EQ(manager.GetType(), 0x101);
     EXPECT_TRUE(manager.InitLocalFolderlist({"/home/u/a", "/home/u/b"}));
     EXPECT_TRUE(manager.hasLocalFolderSel());
     EXPECT_EQ(manager.pNewTask->localDirList.size(), 2u);

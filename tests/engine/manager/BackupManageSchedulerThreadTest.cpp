@@ -3,12 +3,10 @@
 // Passes are driven one by one through a clock whose scheduler sleeps wait for the test.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "common/EngineSession.h"
 #include "common/LocalDate.h"
@@ -97,13 +95,16 @@ protected:
         return manager_.pWorkingTask ? manager_.pWorkingTask->name : "";
     }
     // Runs op on another thread (it waits for the held run's end), lets the held run go
-    // on once op has asked it to cancel, and waits for op.
-    void whileHeld(const TaskPtr& task, std::function<void()> op) {
+    // on once op has asked it to cancel (and the scheduler on to its next pass), and
+    // waits for op.
+    void whileHeld(const TaskPtr& task, std::function<void()> op, bool nextPass = false) {
         std::thread caller(std::move(op));
         auto progress = task->GetProgress();
         while (!progress->IsClickedCancel())
             std::this_thread::yield();
         host_.release();
+        if (nextPass)
+            clock_->releaseSleeper();
         caller.join();
     }
 
@@ -136,13 +137,9 @@ TEST_F(BackupManageSchedulerThread, DueTasksQueueInOrderAndRunOneAtATime) {
     host_.waitFor("C:2");
     pass();
     pass();
-
-    std::vector<std::string> runs;
-    for (const auto& e : host_.events())
-        if (e.back() == '1' || e.back() == '2')
-            runs.push_back(e);
-    EXPECT_EQ(runs, (std::vector<std::string>{"A:1", "A:2", "B:1", "B:2", "C:1", "C:2"}));
-    EXPECT_EQ(host_.countOf("A:7"), 1u); // the next slot is tomorrow
+    // A is queued once only: its next slot is tomorrow.
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "C:7", "A:1", "A:5", "A:2",
+                                                        "B:1", "B:5", "B:2", "C:1", "C:5", "C:2"}));
     for (const auto& task : {a, b, c}) {
         EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << task->name;
         EXPECT_TRUE(exists("\\Backups\\" + task->name + "\\" + task->name + "\\b.txt"))
@@ -303,6 +300,51 @@ TEST_F(BackupManageSchedulerThread, HooksHoldRunsBackUntilTheHostMayRun) {
     EXPECT_EQ(b->mTaskState, CBackupTask::StateSucceeded);
     stopScheduler();
     manager_.schedulerHooks = nullptr;
+}
+
+TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTheLists) {
+    // Without a session only the flags are set.
+    api().Logoff();
+    TaskPtr idle = std::make_shared<CBackupTask>();
+    idle->name = "Idle";
+    manager_.taskList = {idle};
+    manager_.logOff(false);
+    EXPECT_TRUE(manager_.bLogOff);
+    EXPECT_TRUE(manager_.bExit);
+    EXPECT_EQ(manager_.taskList.size(), 1u);
+    EXPECT_EQ(SystemLog::capturedCount("Start to log off."), 0u);
+
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+    manager_.bLogOff = manager_.bExit = false;
+    TaskPtr running = addTask("Run");
+    running->taskType = CBackupTask::ScheduleNone;
+    manager_.AddErrTask(idle);
+    manager_.pSaveTask = idle;
+    startScheduler();
+    const Date before = clock_->now();
+    host_.holdUploadOf("Run");
+    ASSERT_TRUE(manager_.StartBackupByUser("Run", false));
+    host_.waitHeld();
+    manager_.AddTaskToWaitList(idle, false);
+
+    whileHeld(running, [&] { manager_.logOff(false); }, /*nextPass=*/true);
+    manager_.pScheduleThread->join();
+    std::vector<std::string> log = SystemLog::captured();
+    auto at = [&](const std::string& line) {
+        return std::find(log.begin(), log.end(), line) - log.begin();
+    };
+    ASSERT_LT(at("Exit do schedule."), static_cast<long>(log.size()));
+    EXPECT_LT(at("Exit do schedule."), at("Start to log off."));
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"Run:1"})); // no end events
+    EXPECT_NE(running->mTaskState, CBackupTask::StateRunning);
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
+    EXPECT_EQ(manager_.pSaveTask, nullptr);
+    EXPECT_TRUE(manager_.taskList.empty());
+    EXPECT_TRUE(manager_.waitingList.empty());
+    EXPECT_TRUE(manager_.errTaskList.empty());
+    EXPECT_TRUE(api().sessionID().empty());
+    // No window shows figures here, so the log-off did not pause for one.
+    EXPECT_EQ(clock_->now(), before);
 }
 
 // ---- The due test and the waiting list, without the thread ----

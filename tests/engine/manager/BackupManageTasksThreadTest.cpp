@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "common/EngineSession.h"
 #include "common/LocalDate.h"
@@ -125,17 +122,13 @@ protected:
 
 TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
     auto named = [](int n) { return LoadString::Format("IDS_TASKNAMEFOR", n); };
-    for (int n : {0, 2}) {
-        auto task = std::make_shared<CBackupTask>();
-        task->name = named(n);
-        manager_.taskList.push_back(task);
-    }
+    auto take = [&](std::initializer_list<int> numbers) {
+        for (int n : numbers)
+            manager_.taskList.push_back(makeTask(named(n)));
+    };
+    take({0, 2});
     EXPECT_EQ(manager_.CreateRandomName(), named(1)); // the gap first
-    for (int n : {1, 3, 4}) {
-        auto task = std::make_shared<CBackupTask>();
-        task->name = named(n);
-        manager_.taskList.push_back(task);
-    }
+    take({1, 3, 4});
     EXPECT_EQ(manager_.CreateRandomName(), named(5));
 
     // Without a session the account's figures cannot be had: the user is told.
@@ -156,12 +149,6 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
 
     EXPECT_TRUE(manager_.SetMaxVersions(3));
     EXPECT_EQ(first->uiMaxVersion, 10u); // the limit comes from the service's task list
-    manager_.setType(CBackupTask::ScheduleWeekly);
-    manager_.SetFilter({"*.tmp"});
-    manager_.SetEndDate(now());
-    EXPECT_EQ(first->taskType, CBackupTask::ScheduleWeekly);
-    EXPECT_EQ(first->filterExt, std::vector<std::string>{"*.tmp"});
-    EXPECT_EQ(first->mEndDate, now());
     manager_.CancelNewTask();
     EXPECT_FALSE(manager_.SetMaxVersions(3));
     manager_.setType(1);
@@ -232,47 +219,42 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
     EXPECT_EQ(host_.countOf("Now:1"), 1u);
 }
 
-TEST_F(BackupManageTasksThread, DeletionWithServerFilesRemovesFoldersAndRecord) {
+TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesTheFoldersAndRemovesTheRecord) {
     TaskPtr docs = registered("Docs");
     TaskPtr keep = registered("Keep");
     EXPECT_EQ(run(docs), 2);
-    change("Docs", 1);
-    EXPECT_EQ(run(docs), 1);
     EXPECT_EQ(run(keep), 2);
-    const std::string history = historyRoot() + "\\Docs";
-    ASSERT_TRUE(exists(history));
+    change("Docs", 1);
+    change("Keep", 1);
+    EXPECT_EQ(run(docs), 1);
+    run(keep);
+    ASSERT_TRUE(exists(historyRoot() + "\\Docs"));
 
     EXPECT_TRUE(manager_.BatchDeleteTask("Docs", true));
     EXPECT_TRUE(docs->bDeleting);
     EXPECT_FALSE(exists("\\Backups\\Docs"));
-    EXPECT_FALSE(exists(history));
+    EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
     EXPECT_FALSE(listed(docs));
     EXPECT_FALSE(onService("Docs"));
     EXPECT_TRUE(onService("Keep"));
     EXPECT_TRUE(exists("\\Backups\\Keep\\src-Keep\\b.txt"));
     EXPECT_EQ(host_.countOf(":6"), 1u);
     EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
-}
 
-TEST_F(BackupManageTasksThread, DeletionKeepingServerFilesRenamesBothFolders) {
-    TaskPtr docs = registered("Docs");
-    run(docs);
-    change("Docs", 1);
-    run(docs);
-    EXPECT_TRUE(manager_.BatchDeleteTask("Docs", false));
-
-    // The computer's name, the time and the task's name joined by dots.
+    // Keeping the server files renames both folders: the computer's name, the time and
+    // the task's name joined by dots.
+    EXPECT_TRUE(manager_.BatchDeleteTask("Keep", false));
     const std::string kept = GlobalFunction::getPCName() + ".2011-03-05 14-07-";
     std::vector<StoreItem> backups;
     ASSERT_EQ(local_->list("\\Backups", backups), ResultCode::Success);
     ASSERT_EQ(backups.size(), 1u);
     EXPECT_EQ(backups[0].name.rfind(kept, 0), 0u) << backups[0].name;
-    EXPECT_EQ(backups[0].name.substr(backups[0].name.size() - 5), ".Docs");
+    EXPECT_EQ(backups[0].name.substr(backups[0].name.size() - 5), ".Keep");
     EXPECT_EQ(backups[0].fileCount, 2);
     EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
-    EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
-    EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(onService("Docs"));
+    EXPECT_FALSE(exists(historyRoot() + "\\Keep"));
+    EXPECT_FALSE(listed(keep));
+    EXPECT_FALSE(onService("Keep"));
 }
 
 TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotReach) {
@@ -296,28 +278,7 @@ TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotRe
     EXPECT_FALSE(onService("Docs"));
 }
 
-TEST_F(BackupManageTasksThread, SelectedVersionsAreDeleted) {
-    TaskPtr docs = registered("Docs");
-    run(docs);
-    change("Docs", 1);
-    run(docs);
-    change("Docs", 2);
-    run(docs);
-    const std::string versions = historyRoot() + "\\Docs\\src-Docs";
-    std::vector<StoreItem> kept;
-    ASSERT_EQ(local_->list(versions, kept), ResultCode::Success);
-    ASSERT_EQ(kept.size(), 2u);
-
-    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Nobody"));
-    EXPECT_TRUE(exists(versions + "\\" + kept[0].name));
-    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Docs"));
-    EXPECT_FALSE(exists(versions + "\\" + kept[0].name));
-    EXPECT_TRUE(exists(versions + "\\" + kept[1].name));
-    EXPECT_TRUE(docs->deleteFileArray.empty());
-    EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
-}
-
-TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
+TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWhereTheyCanBeDeleted) {
     TaskPtr docs = registered("Docs");
     run(docs);
     change("Docs", 1);
@@ -344,6 +305,18 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
     EXPECT_EQ(run(docs), 1);
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2); // the versions go on
 
+    // Selected versions are deleted for their own task only.
+    const std::string versions = historyRoot() + "\\Papers\\src-Docs";
+    std::vector<StoreItem> kept;
+    ASSERT_EQ(local_->list(versions, kept), ResultCode::Success);
+    ASSERT_EQ(kept.size(), 2u);
+    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Nobody"));
+    EXPECT_TRUE(exists(versions + "\\" + kept[0].name));
+    EXPECT_TRUE(manager_.DeleteFileVersions({versions + "\\" + kept[0].name}, "Papers"));
+    EXPECT_FALSE(exists(versions + "\\" + kept[0].name));
+    EXPECT_TRUE(exists(versions + "\\" + kept[1].name));
+    EXPECT_TRUE(docs->deleteFileArray.empty());
+
     // A rename the service refuses leaves the task where its record is.
     TaskPtr other = registered("Other");
     docs->name = "Other";
@@ -353,7 +326,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewName) {
     EXPECT_EQ(docs->serverPath, "\\Backups\\Papers");
     EXPECT_EQ(item("\\Backups\\Papers").fileCount, 2);
     EXPECT_FALSE(exists("\\Backups\\Other"));
-    EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2);
+    EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
 }
 
 TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {

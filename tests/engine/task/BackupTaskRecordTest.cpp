@@ -40,11 +40,9 @@ TEST_F(BackupTaskRecord, NewTaskHasTheDefaults) {
     EXPECT_EQ(task->mTaskState, 0);
     EXPECT_EQ(task->uiMaxVersion, 10u);
     EXPECT_EQ(task->mEndDate, localDate(2099, 1, 1));
-    Date past = localDate(1971, 1, 1);
-    EXPECT_EQ(task->mBackupDate, past);
-    EXPECT_EQ(task->mLastDating, past);
-    EXPECT_EQ(task->mResumeDate, past);
-    EXPECT_EQ(task->mLastRunDate, past);
+    EXPECT_EQ((std::vector<Date>{task->mBackupDate, task->mLastDating, task->mResumeDate,
+                                 task->mLastRunDate}),
+              std::vector<Date>(4, localDate(1971, 1, 1)));
     EXPECT_EQ(task->mBeginDate, now.addingTimeInterval(-2'592'000));
     EXPECT_EQ(task->mDating, now);
     EXPECT_FALSE(task->mPCName.empty());
@@ -120,10 +118,8 @@ TEST_F(BackupTaskRecord, PlainPathEntriesAnswerNeutralAndLog) {
 
     task.localDirList = {std::string()};
     EXPECT_EQ(task.GetFirstSrcPath(), "");
-}
 
-TEST_F(BackupTaskRecord, RenamesOnlyAnswer) {
-    CBackupTask task;
+    // Renames only answer: yes, unless the task is being deleted.
     task.name = "Work";
     EXPECT_TRUE(task.RenameTask("Home"));
     EXPECT_EQ(task.name, "Work");

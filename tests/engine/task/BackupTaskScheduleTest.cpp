@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <ctime>
-#include <memory>
-#include <optional>
-#include <string>
 
 #include "common/LocalDate.h"
+#include "common/ScopedEnv.h"
 #include "engine/task/CBackupTask.h"
 #include "platform/os/Calendar.h"
 #include "platform/os/Clock.h"
@@ -22,26 +19,19 @@ using test::localDate;
 class BackupTaskSchedule : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (const char* tz = std::getenv("TZ"))
-            savedTz_ = tz;
-        setenv("TZ", "Europe/Berlin", 1);
         tzset();
         clock_ = std::make_shared<ManualClock>(localDate(2026, 3, 11, 9, 30));
         Clock::setShared(clock_);
         task_ = std::make_shared<CBackupTask>();
         task_->mBeginDate = localDate(2026, 1, 1, 0, 0);
     }
-    void TearDown() override {
-        Clock::setShared(nullptr);
-        if (savedTz_)
-            setenv("TZ", savedTz_->c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
+    void TearDown() override { Clock::setShared(nullptr); }
     void now(Date date) { clock_->set(date); }
 
-    std::optional<std::string> savedTz_;
+    struct ZoneReread {
+        ~ZoneReread() { tzset(); }
+    } zoneReread_; // once the zone below is put back
+    test::ScopedEnv zone_{"TZ", "Europe/Berlin"};
     std::shared_ptr<ManualClock> clock_;
     std::shared_ptr<CBackupTask> task_;
 };

@@ -1,10 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "common/EngineSession.h"
 #include "platform/framework/AccountBalance.h"
 #include "platform/framework/Functions.h"
