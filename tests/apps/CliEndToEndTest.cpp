@@ -142,11 +142,12 @@ protected:
                 found.push_back(path + "=" + std::to_string(FileSystem::status(path)->size));
         return found;
     }
-    // The stored copy of a source file (not an older version), by its path's end.
-    std::string stored(const std::string& end, const std::string& root = "", const std::string& marker = "/files/") {
+    // The stored copy of a source file (or, with older, an older version), by its path's end.
+    std::string stored(const std::string& end, const std::string& root = "", const std::string& marker = "/files/",
+                       bool older = false) {
         for (const auto& entry : storeFiles(root, marker)) {
             std::string path = entry.substr(0, entry.rfind('='));
-            if (path.ends_with(end) && path.find("/History/") == std::string::npos)
+            if (path.ends_with(end) && (path.find("/History/") != std::string::npos) == older)
                 return path;
         }
         ADD_FAILURE() << end << " is not in the store";
@@ -371,10 +372,7 @@ void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
 
     std::string a = stored("/Documents/a.txt", storeRoot, "/Vault/");
     std::string b = stored("/Documents/letters/b.txt", storeRoot, "/Vault/");
-    std::string n0;
-    for (const auto& entry : storeFiles(storeRoot, "/Vault/"))
-        if (entry.substr(0, entry.rfind('=')).ends_with("/notes/n0.txt"))
-            n0 = entry.substr(0, entry.rfind('='));
+    std::string n0 = stored("/notes/n0.txt", storeRoot, "/Vault/", true);
     std::string bytes = FileSystem::readFile(a).value_or("");
     bytes[bytes.size() / 2] ^= 0x20;
     ASSERT_TRUE(FileSystem::writeFileAtomically(a, bytes));

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "BackupRunner.h"
 #include "DesktopSession.h"
