@@ -52,12 +52,6 @@ std::vector<std::string> filesEndingWith(const std::string& folder, const std::s
     return found;
 }
 
-// Each part must show in text.
-void has(const std::string& text, std::initializer_list<std::string> parts) {
-    for (const auto& part : parts)
-        EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
-}
-
 // Waits (bounded) for a started process to print marker after its first `from` bytes.
 bool waitForOutput(const CliRunner& cli, const std::string& marker, int seconds, size_t from = 0) {
     auto deadline = Clock::now() + std::chrono::seconds(seconds);
@@ -104,20 +98,21 @@ protected:
     }
     std::string read(const std::string& relative) { return FileSystem::readFile(home.file(relative)).value_or("<none>"); }
 
-    Result run(std::vector<std::string> args) {
+    // By runner (the test's own command line unless another is named).
+    Result run(std::vector<std::string> args, CliRunner* runner = nullptr) {
         args.insert(args.begin(), service.begin(), service.end());
         args.insert(args.begin(), {"--user", "alice"});
-        return cli.run(args);
+        return (runner ? *runner : cli).run(args);
     }
     // A run that must succeed.
-    Result ok(std::vector<std::string> args) {
-        auto result = run(std::move(args));
+    Result ok(std::vector<std::string> args, CliRunner* runner = nullptr) {
+        auto result = run(std::move(args), runner);
         EXPECT_EQ(result.code, 0) << result.out << result.err;
         return result;
     }
     // A run that must end with code, its error output holding says.
-    Result fails(std::vector<std::string> args, int code, const std::string& says = "") {
-        auto result = run(std::move(args));
+    Result fails(std::vector<std::string> args, int code, const std::string& says = "", CliRunner* runner = nullptr) {
+        auto result = run(std::move(args), runner);
         EXPECT_EQ(result.code, code) << result.out << result.err;
         has(result.err, {says});
         return result;
@@ -147,11 +142,12 @@ protected:
                 found.push_back(path + "=" + std::to_string(FileSystem::status(path)->size));
         return found;
     }
-    // The stored copy of a source file (not an older version), by its path's end.
-    std::string stored(const std::string& end, const std::string& root = "", const std::string& marker = "/files/") {
+    // The stored copy of a source file (or, with older, an older version), by its path's end.
+    std::string stored(const std::string& end, const std::string& root = "", const std::string& marker = "/files/",
+                       bool older = false) {
         for (const auto& entry : storeFiles(root, marker)) {
             std::string path = entry.substr(0, entry.rfind('='));
-            if (path.ends_with(end) && path.find("/History/") == std::string::npos)
+            if (path.ends_with(end) && (path.find("/History/") != std::string::npos) == older)
                 return path;
         }
         ADD_FAILURE() << end << " is not in the store";
@@ -225,18 +221,16 @@ TEST_F(CliEndToEnd, EveryCommandGivesPlainTextAndValidJson) {
         {"task", "edit", "Docs", "--exclude-ext", "*.swp"}, {"task", "edit", "Docs", "--exclude-from", "/nowhere"},
         {"--limit-upload", "64", "backup", "Docs"}, {"logoff"}};
     for (const auto& command : commands) {
-        std::string shown;
-        for (const auto& word : command)
-            shown += word + " ";
+        SCOPED_TRACE(testing::PrintToString(command));
         auto human = run(command);
-        EXPECT_EQ((human.out + human.err).find('\033'), std::string::npos) << shown << human.out << human.err;
+        EXPECT_EQ((human.out + human.err).find('\033'), std::string::npos) << human.out << human.err;
         std::vector<std::string> args = command;
         args.insert(args.begin(), "--json");
         auto scripted = run(args);
-        EXPECT_EQ((scripted.out + scripted.err).find('\033'), std::string::npos) << shown;
+        EXPECT_EQ((scripted.out + scripted.err).find('\033'), std::string::npos);
         nlohmann::json doc = nlohmann::json::parse(scripted.out, nullptr, false);
-        ASSERT_FALSE(doc.is_discarded()) << shown << "printed: " << scripted.out;
-        EXPECT_EQ(doc.value("exitCode", 0), scripted.code) << shown << scripted.out;
+        ASSERT_FALSE(doc.is_discarded()) << "printed: " << scripted.out;
+        EXPECT_EQ(doc.value("exitCode", 0), scripted.code) << scripted.out;
         EXPECT_TRUE(command[0] != "versions" ||
                     std::regex_match(doc.value("current", ""),
                                      std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d)")))
@@ -378,10 +372,7 @@ void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
 
     std::string a = stored("/Documents/a.txt", storeRoot, "/Vault/");
     std::string b = stored("/Documents/letters/b.txt", storeRoot, "/Vault/");
-    std::string n0;
-    for (const auto& entry : storeFiles(storeRoot, "/Vault/"))
-        if (entry.substr(0, entry.rfind('=')).ends_with("/notes/n0.txt"))
-            n0 = entry.substr(0, entry.rfind('='));
+    std::string n0 = stored("/notes/n0.txt", storeRoot, "/Vault/", true);
     std::string bytes = FileSystem::readFile(a).value_or("");
     bytes[bytes.size() / 2] ^= 0x20;
     ASSERT_TRUE(FileSystem::writeFileAtomically(a, bytes));
@@ -695,15 +686,11 @@ TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
     pid_t daemon = startDaemon();
     std::string pid = std::to_string(daemon);
     auto other = another("other");
-    auto second = other->run({"--user", "alice", "daemon", "--now"});
-    EXPECT_EQ(second.code, 4);
-    has(second.err, {pid});
-    has(other->run({"--user", "alice", "--json", "status"}).out, {"\"daemonPid\":" + pid});
-    EXPECT_EQ(other->run({"--user", "alice", "options", "ReportWhenError=no"}).code, 0);
+    fails({"daemon", "--now"}, 4, pid, other.get());
+    has(run({"--json", "status"}, other.get()).out, {"\"daemonPid\":" + pid});
+    ok({"options", "ReportWhenError=no"}, other.get());
     // The daemon runs it, and the command follows the run to its end.
-    auto backup = other->run({"--user", "alice", "backup", "Docs"});
-    EXPECT_EQ(backup.code, 0) << backup.err;
-    has(backup.out, {"queued in the daemon (process " + pid, "Backed up \"Docs\""});
+    has(ok({"backup", "Docs"}, other.get()).out, {"queued in the daemon (process " + pid, "Backed up \"Docs\""});
     EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 5)) << cli.outputSoFar();
     size_t seen = cli.outputSoFar().size();
 
@@ -715,7 +702,7 @@ TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
     localtime_r(&next, &at);
     char hhmm[8];
     std::snprintf(hhmm, sizeof hhmm, "%02d:%02d", at.tm_hour, at.tm_min);
-    ASSERT_EQ(other->run({"--user", "alice", "task", "edit", "Docs", "--time", hhmm}).code, 0);
+    ASSERT_EQ(ok({"task", "edit", "Docs", "--time", hhmm}, other.get()).code, 0);
 
     EXPECT_TRUE(waitForOutput(cli, "options changed", 20)) << cli.outputSoFar();
     EXPECT_TRUE(waitForOutput(cli, "task list changed", 20)) << cli.outputSoFar();
@@ -725,30 +712,22 @@ TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
     auto stopped = cli.finish(daemon);
     EXPECT_EQ(stopped.code, 0) << stopped.err;
     has(stopped.out, {"started \"Docs\"", "stopped"});
-    EXPECT_EQ(other->run({"--user", "alice", "backup", "Docs"}).code, 0);
+    ok({"backup", "Docs"}, other.get());
 }
 
 // The control socket is open from the logon on: during the scheduler's start delay a
 // backup is already the daemon's run, not a second process beside it.
 TEST_F(CliEndToEnd, BackupDuringTheDaemonsStartDelayIsTheDaemonsRun) {
-    ASSERT_EQ(run({"logon"}).code, 0);
-    ASSERT_EQ(run({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
+    ok({"logon"});
+    ASSERT_EQ(ok({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
     pid_t daemon = cli.start({"--user", "alice", "daemon"});
     ASSERT_TRUE(waitForOutput(cli, "scheduled backups start in", 20)) << cli.outputSoFar();
-
-    CliRunner other(home.file("scratch/other"));
-    FileSystem::createDirectories(home.file("scratch/other"));
-    other.setEnv("CIRROVAULT_PASSWORD=correct horse");
-    auto backup = other.run({"--user", "alice", "backup", "Docs"});
-    EXPECT_EQ(backup.code, 0) << backup.err;
-    EXPECT_NE(backup.out.find("in the daemon (process " + std::to_string(daemon)), std::string::npos)
-        << backup.out;
-    EXPECT_NE(backup.out.find("Backed up \"Docs\""), std::string::npos) << backup.out;
-
+    has(ok({"backup", "Docs"}, another("other").get()).out,
+        {"in the daemon (process " + std::to_string(daemon), "Backed up \"Docs\""});
     kill(daemon, SIGTERM);
     auto stopped = cli.finish(daemon);
     EXPECT_EQ(stopped.code, 0) << stopped.err;
-    EXPECT_NE(stopped.out.find("ended \"Docs\": succeeded"), std::string::npos) << stopped.out;
+    has(stopped.out, {"ended \"Docs\": succeeded"});
     EXPECT_EQ(stopped.out.find("scheduler running"), std::string::npos) << stopped.out;
 }
 
@@ -768,19 +747,14 @@ TEST_F(CliEndToEnd, BackupBesideTheDaemonIsTheDaemonsRun) {
 
     auto other = another("other");
     write("Documents/new.txt", "new since the first run");
-    auto doc = nlohmann::json::parse(other->run({"--user", "alice", "--json", "backup", "Docs"}).out, nullptr, false);
-    ASSERT_TRUE(doc.is_object());
-    EXPECT_EQ(doc["state"], "succeeded");
-    EXPECT_EQ(doc["filesSent"], 1);
-    auto failed = other->run({"--user", "alice", "backup", "Gone"});
-    EXPECT_EQ(failed.code, 1) << failed.err;
-    has(failed.err, {home.file("Gone")});
+    has(ok({"--json", "backup", "Docs"}, other.get()).out, {"\"state\":\"succeeded\"", "\"filesSent\":1,"});
+    fails({"backup", "Gone"}, 1, home.file("Gone"), other.get());
     EXPECT_TRUE(waitForOutput(cli, "ended \"Gone\": failed", 5)) << cli.outputSoFar();
 
     // Ctrl-C on the command stops the daemon's run of it.
     writeBigFiles(home.file("Big"), 3, 99);
-    ASSERT_EQ(other->run({"--user", "alice", "task", "new", "Big", "--source", home.file("Big"), "--schedule",
-                          "daily", "--time", "03:15"}).code, 0);
+    ASSERT_EQ(ok({"task", "new", "Big", "--source", home.file("Big"), "--schedule", "daily", "--time", "03:15"},
+                 other.get()).code, 0);
     pid_t big = other->start({"--user", "alice", "backup", "--list", "Big"});
     waitForOutput(*other, "sending", 20);
     kill(big, SIGINT);
@@ -794,8 +768,7 @@ TEST_F(CliEndToEnd, BackupBesideTheDaemonIsTheDaemonsRun) {
     kill(daemon, SIGKILL);
     cli.finish(daemon);
     ASSERT_EQ(filesEndingWith(home.file("run"), ".sock"), sockets);
-    auto alone = other->run({"--user", "alice", "backup", "Docs"});
-    EXPECT_EQ(alone.code, 0) << alone.err;
+    auto alone = ok({"backup", "Docs"}, other.get());
     EXPECT_EQ(alone.out.find("daemon"), std::string::npos) << alone.out;
     EXPECT_TRUE(filesEndingWith(home.file("run"), ".sock").empty());
 
@@ -807,9 +780,7 @@ TEST_F(CliEndToEnd, BackupBesideTheDaemonIsTheDaemonsRun) {
     auto daemonLock = cli::RunLock::acquire(folder, &holder, cli::RunLock::kDaemonFile);
     auto runLock = cli::RunLock::acquire(folder, &holder);
     ASSERT_TRUE(daemonLock && runLock);
-    auto busy = other->run({"--user", "alice", "backup", "Docs"});
-    EXPECT_EQ(busy.code, 4) << busy.err;
-    has(busy.err, {std::to_string(getpid())});
+    fails({"backup", "Docs"}, 4, std::to_string(getpid()), other.get());
 }
 
 // Nor can they write there, with every folder above open and a umask of 000.
@@ -866,15 +837,13 @@ TEST_F(CliEndToEnd, AccountIsKeptInTheDesktopKeyringWhenOneAnswers) {
         GTEST_SKIP() << "no private session bus and keyring to test with";
     std::string runtime = home.file("runtime");
     ASSERT_TRUE(FileSystem::createDirectories(runtime));
-    // The keyring daemon runs in the foreground of this session only and is stopped by it.
+    // The keyring runs in this session only; a login keyring unlocked with this password.
     std::string script = home.file("scratch/keyring.sh");
     ASSERT_TRUE(FileSystem::writeFileAtomically(script,
         "export XDG_RUNTIME_DIR='" + runtime + "'\n"
         "unset CIRROVAULT_KEYRING\n"
-        // A login keyring is made and unlocked with this password, as at a desktop logon.
         "printf 'unlock' | gnome-keyring-daemon --foreground --unlock --components=secrets >/dev/null 2>&1 &\n"
         "keyring=$!\n"
-        // Waits for the daemon to come up on the bus, not for any schedule.
         "for i in $(seq 100); do dbus-send --session --print-reply --dest=org.freedesktop.DBus"
         " /org/freedesktop/DBus org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets"
         " 2>/dev/null | grep -q true && break; sleep 0.1; done\n"

@@ -1,9 +1,7 @@
 // A home folder backed up from one computer and restored on a new one (a second, empty
 // HOME on the same store) comes back as it was: dotfiles, links, modes, times and
 // names the service refuses.
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -14,8 +12,10 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "CliRunner.h"
+#include "common/ScopedEnv.h"
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
 #include "platform/framework/PasswordMan.h"
@@ -142,9 +142,6 @@ protected:
         EXPECT_EQ(result.code, 0) << result.out << result.err;
         return result;
     }
-    static void has(const std::string& text, const std::string& part) {
-        EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
-    }
 
     TempHome home;
     std::unique_ptr<WebDavTestServer> server;
@@ -154,29 +151,21 @@ protected:
 
 TEST_P(CliRestoreAnywhere, HomeComesBackAsItWasOnANewComputer) {
     // Nothing is left out silently: the one name the service cannot take is named.
-    has(ok(*first, {"task", "new", "Home", "--source", tree}).out, "left out: " + tree + "/Notes/" + kTooLong);
-    has(run(*first, {"log"}).out, kTooLong);
+    has(ok(*first, {"task", "new", "Home", "--source", tree}).out, {"left out: " + tree + "/Notes/" + kTooLong});
+    has(run(*first, {"log"}).out, {kTooLong});
     ok(*first, {"task", "new", "Secret", "--source", vault, "--encrypt"});
     // A changed file keeps its older version under its encoded name.
     write(tree + "/Notes/Notes 10:30.txt", "meeting moved\n", 0640, 1'600'000'100);
     ok(*first, {"backup", "Home"});
-    has(run(*first, {"task", "show", "Home"}).out, tree + "/.cache");
+    has(run(*first, {"task", "show", "Home"}).out, {tree + "/.cache"});
 
     // The new computer knows nothing but the account. Its pass phrase is given through
     // the kept secrets.
-    has(ok(*second, {"--json", "versions", "Home", "alice/Notes/Notes 10:30.txt"}).out, "\"version\":0");
+    has(ok(*second, {"--json", "versions", "Home", "alice/Notes/Notes 10:30.txt"}).out, {"\"version\":0"});
     {
-        auto json = run(*second, {"--json", "task", "show", "Secret"}).out;
-        auto at = json.find("\"serverFolder\":\"");
-        ASSERT_NE(at, std::string::npos) << json;
-        at += 16;
-        std::string folder = json.substr(at, json.find('"', at) - at);
-        for (size_t i; (i = folder.find("\\\\")) != std::string::npos;)
-            folder.replace(i, 2, "\\");
-        std::string saved = std::getenv("XDG_CONFIG_HOME");
-        setenv("XDG_CONFIG_HOME", second->config.c_str(), 1);
-        EXPECT_TRUE(PasswordMan().SetPassword(folder, true, kPassPhrase));
-        setenv("XDG_CONFIG_HOME", saved.c_str(), 1);
+        auto shown = nlohmann::json::parse(run(*second, {"--json", "task", "show", "Secret"}).out, nullptr, false);
+        ScopedEnv config("XDG_CONFIG_HOME", second->config);
+        EXPECT_TRUE(PasswordMan().SetPassword(shown["task"].value("serverFolder", ""), true, kPassPhrase));
     }
     std::string into = home.file("second/home/restored");
     ok(*second, {"restore", "Home", "--to", into});

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +11,12 @@
 #include "platform/os/FileSystem.h"
 
 namespace cirrovault::test {
+
+// Each part must show in text.
+inline void has(const std::string& text, std::initializer_list<std::string> parts) {
+    for (const auto& part : parts)
+        EXPECT_NE(text.find(part), std::string::npos) << "no \"" << part << "\" in:\n" << text;
+}
 
 // Runs the built cirrovault as a user would: its own process, the test's environment
 // (TempHome's HOME and XDG folders) plus the given variables, stdin from /dev/null.

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "BackupRunner.h"
 #include "DesktopSession.h"
@@ -72,6 +70,13 @@ protected:
         window_ = std::make_unique<MainWindow>(*session_, nullptr);
         gtk_window_present(window_->window());
         window_->refreshTasks();
+    }
+    // The restore window of the task Documents, on its one file.
+    RestoreWindow& openRestore() {
+        EXPECT_TRUE(window_->selectTask("Documents"));
+        window_->openRestore();
+        EXPECT_TRUE(window_->restoreWindow()->selectFile("Documents/letter.txt"));
+        return *window_->restoreWindow();
     }
 
     test::TempHome home_;
@@ -213,9 +218,7 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
     ASSERT_TRUE(window_->selectTask("Documents"));
     window_->backUpNow(); // keeps "first draft" as an older version
 
-    window_->openRestore();
-    RestoreWindow& restore = *window_->restoreWindow();
-    ASSERT_TRUE(restore.selectFile("Documents/letter.txt"));
+    RestoreWindow& restore = openRestore();
     auto rows = restore.versionRows();
     ASSERT_EQ(rows.size(), 2u); // current, then the older one
     ASSERT_TRUE(restore.selectVersionRow(1));
@@ -224,8 +227,7 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
     auto outcome = restore.restoreSelected();
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
     EXPECT_EQ(content(elsewhere + "/Documents/letter.txt"), "first draft\n");
-    EXPECT_EQ(content(source_ + "/letter.txt"),
-              "second draft, longer\n"); // the original is left alone
+    EXPECT_EQ(content(source_ + "/letter.txt"), "second draft, longer\n"); // the original is left alone
     EXPECT_TRUE(screenshot(GTK_WIDGET(restore.window()), "desktop-restore-version"));
 
     // Missing files come back to where they were; what exists is not touched.
@@ -240,19 +242,14 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
 TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFiles) {
     makeTask("none", "the right phrase");
     openWindow();
-    ASSERT_TRUE(window_->selectTask("Documents"));
-    window_->openRestore();
-    RestoreWindow& restore = *window_->restoreWindow();
-    ASSERT_TRUE(restore.selectFile("Documents/letter.txt"));
+    RestoreWindow& restore = openRestore();
     // What this computer keeps is wrong now: the dialog asks, and the typed phrase opens.
     cli::RestoreSupport where(session_->host(), session_->manager().GetTaskByName("Documents"));
     ASSERT_TRUE(PasswordMan().SetPassword(where.serverFolder(), true, "a wrong phrase"));
     Script answer(window_->window(),
                   {{[](GtkWidget* w) { return GTK_IS_PASSWORD_ENTRY(w); },
                     [](GtkWidget* w) {
-                        type(
-                            w, [](GtkWidget* e) { return GTK_IS_PASSWORD_ENTRY(e); },
-                            "the right phrase");
+                        type(w, [](GtkWidget* e) { return GTK_IS_PASSWORD_ENTRY(e); }, "the right phrase");
                         press(w, "OK");
                     }}});
     restore.setDestination(home_.file("restored"));

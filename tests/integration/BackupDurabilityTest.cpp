@@ -6,14 +6,7 @@
 #include <atomic>
 #include <memory>
 
-#include "engine/task/CBackupTask.h"
-#include "platform/framework/HeadlessMessagebox.h"
-#include "platform/framework/NimboMessagebox.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/ResultCodes.h"
-#include "platform/os/UrlOpener.h"
-#include "support/CErrorLog.h"
+#include "common/EngineSession.h"
 
 using namespace cirrovault;
 
@@ -31,44 +24,28 @@ public:
     std::atomic<int> flushes{0};
 };
 
-class BackupDurabilityTest : public test::SessionFixture {
+class BackupDurabilityTest : public test::EngineSession {
 protected:
     void SetUp() override {
-        SessionFixture::SetUp();
+        EngineSession::SetUp();
         store_ = counting_ = std::make_shared<FlushCountingStore>(local_);
         api().SetBackend(counting_); // the same session goes on through the wrapper
-        clock_ = std::make_shared<ManualClock>(Date(T));
         Clock::setShared(clock_);
-        NimboMessagebox::setPresenter(std::make_shared<HeadlessMessagebox>());
-        UrlOpener::setOpenerProgram("true");
         task_->name = "Projects";
         task_->serverPath = "\\Backups\\Projects";
         task_->localDirList = {home_.file("work")};
     }
-    void TearDown() override {
-        UrlOpener::setOpenerProgram("");
-        NimboMessagebox::setPresenter(nullptr);
-        Clock::setShared(nullptr);
-        SessionFixture::TearDown();
-    }
+    // One run; the flushes it asked for.
     int run() {
         const int before = counting_->flushes;
-        task_->StartBackup(false);
-        std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
-        task_->checkFinshedBackup();
-        worker->join();
+        runToEnd(*task_);
         clock_->advance(3600);
         return counting_->flushes - before;
     }
-    size_t finishedEvents() {
-        size_t n = 0;
-        for (const auto& line : CErrorLog::GetErrorList().value_or(std::vector<std::string>{}))
-            n += line.find("Backup finished successfully.") != std::string::npos;
-        return n;
-    }
+    size_t finishedEvents() { return eventsContaining("Backup finished successfully."); }
 
     std::shared_ptr<FlushCountingStore> counting_;
-    std::shared_ptr<ManualClock> clock_;
+    std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(T));
     std::shared_ptr<CBackupTask> task_ = std::make_shared<CBackupTask>();
 };
 

@@ -38,15 +38,16 @@ TaskListEntry makeTask(const std::string& name, Date now) {
     task.description = "Photos & scans";
     task.mPCName = "desk";
     task.taskType = 0x12;
-    task.mBackupDate = Date(std::floor(now.timeIntervalSince1970()) - 86400);
+    const double t = std::floor(now.timeIntervalSince1970()); // the reply keeps whole seconds
+    task.mBackupDate = Date(t - 86400);
     task.serverPath = "\\Backup\\" + name;
     task.filterExt = {"tmp", "part"};
     task.filtedPath = {"/home/bob/.cache"};
     task.uiMaxVersion = 5000000000ull;
-    task.mDating = Date(std::floor(now.timeIntervalSince1970()) + 3600);
-    task.mBeginDate = Date(std::floor(now.timeIntervalSince1970()) - 30 * 86400);
-    task.mEndDate = Date(std::floor(now.timeIntervalSince1970()) + 365 * 86400);
-    task.mResumeDate = Date(std::floor(now.timeIntervalSince1970()) + 7200);
+    task.mDating = Date(t + 3600);
+    task.mBeginDate = Date(t - 30 * 86400);
+    task.mEndDate = Date(t + 365 * 86400);
+    task.mResumeDate = Date(t + 7200);
     task.bResume = true;
     return task;
 }
@@ -54,10 +55,6 @@ TaskListEntry makeTask(const std::string& name, Date now) {
 std::string first(const std::string& key, const std::string& reply) {
     auto values = Functions::GetValueArrayByKey(key, reply);
     return values.size() == 1 ? values[0] : "<" + std::to_string(values.size()) + " values>";
-}
-
-Date replyDate(const std::string& key, const std::string& reply) {
-    return Functions::dayTransFromedString(first(key, reply), kReplyDateFormat).value_or(Date());
 }
 
 class TaskListRoundTrip : public ::testing::Test {
@@ -80,21 +77,16 @@ TEST_F(TaskListRoundTrip, AddRenameListNamesDelete) {
     // Every field the manager reads back comes back as it was sent.
     std::string reply = client.getBackupTasks("Pictures", "true");
     ASSERT_EQ(client.iResult, 0);
-    EXPECT_EQ(first("RETURN_TaskID", reply), "1234");
-    EXPECT_EQ(first("RETURN_Descr", reply), "Photos & scans");
-    EXPECT_EQ(first("RETURN_PcName", reply), "desk");
-    EXPECT_EQ(first("RETURN_Type", reply), "18");
-    EXPECT_EQ(first("RETURN_ServerPath", reply), "\\Backup\\Pictures");
-    EXPECT_EQ(first("RETURN_FilterExts", reply), "tmp|part");
-    EXPECT_EQ(first("RETURN_FilterPaths", reply), "/home/bob/.cache");
-    EXPECT_EQ(first("ETURN_MaxVersion", reply), "5000000000");
-    EXPECT_EQ(first("RETURN_IsResume", reply), "1");
-    EXPECT_EQ(first("RETURN_PcID", reply), "987654321");
-    EXPECT_EQ(replyDate("RETURN_BackupDate", reply), task.mBackupDate);
-    EXPECT_EQ(replyDate("RETURN_NextDate", reply), task.mDating);
-    EXPECT_EQ(replyDate("RETURN_BeginDate", reply), task.mBeginDate);
-    EXPECT_EQ(replyDate("RETURN_EndDate", reply), task.mEndDate);
-    EXPECT_EQ(replyDate("RETURN_ResumeDate", reply), task.mResumeDate);
+    std::string fields;
+    for (const char* key : {"RETURN_TaskID", "RETURN_Descr", "RETURN_PcName", "RETURN_Type", "RETURN_ServerPath",
+                            "RETURN_FilterExts", "RETURN_FilterPaths", "ETURN_MaxVersion", "RETURN_IsResume",
+                            "RETURN_PcID"})
+        fields += first(key, reply) + ";";
+    EXPECT_EQ(fields, "1234;Photos & scans;desk;18;\\Backup\\Pictures;tmp|part;/home/bob/.cache;5000000000;1;987654321;");
+    std::vector<Date> dates;
+    for (const char* key : {"RETURN_BackupDate", "RETURN_NextDate", "RETURN_BeginDate", "RETURN_EndDate", "RETURN_ResumeDate"})
+        dates.push_back(Functions::dayTransFromedString(first(key, reply), kReplyDateFormat).value_or(Date()));
+    EXPECT_EQ(dates, (std::vector<Date>{task.mBackupDate, task.mDating, task.mBeginDate, task.mEndDate, task.mResumeDate}));
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", reply), task.localDirList);
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_IsFolder", reply),
               (std::vector<std::string>{"1", "0"}));

@@ -1,11 +1,9 @@
-#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "common/TempHome.h"
 #include "platform/framework/CurlHandleController.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
@@ -162,16 +160,6 @@ TEST_F(LoopDialogThreadTest, ScanPageFramesFrameworkEntryPointsAndNullThreads) {
     framework.join();
     EXPECT_TRUE(cancelled);
     EXPECT_FALSE(loop.EnterLoopMode(nullptr, CLoopItem::ButtonCancel));
-}
-
-TEST(LoopDialogFactory, CreatesControllersRegisteredWithTheServiceTree) {
-    test::TempHome home;
-    LoopDlgController::installFactory(std::make_shared<HeadlessViewBackend>());
-    auto item = CLoopItem::create();
-    EXPECT_NE(dynamic_cast<LoopDlgController*>(item.get()), nullptr);
-    item.reset();
-    CLoopItem::setFactory(nullptr);
-    EXPECT_EQ(CLoopItem::create(), nullptr);
 }
 
 } // namespace

@@ -40,6 +40,7 @@ protected:
     void SetUp() override {
         Clock::setShared(clock);
         SystemLog::startCapture();
+        NimboMessagebox::setPresenter(boxes);
     }
     void TearDown() override {
         SystemLog::stopCapture();
@@ -50,6 +51,7 @@ protected:
     test::TempHome home;
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
+    std::shared_ptr<HeadlessMessagebox> boxes = std::make_shared<HeadlessMessagebox>();
 };
 
 TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
@@ -119,8 +121,6 @@ TEST_F(ProgressThreadTest, CancelOrCloseEndsTheLoopAndReachesTheWorker) {
 }
 
 TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel) {
-    auto boxes = std::make_shared<HeadlessMessagebox>();
-    NimboMessagebox::setPresenter(boxes);
     boxes->queueAnswer(MessageboxAnswer::No);  // first Cancel: the user changes their mind
     boxes->queueAnswer(MessageboxAnswer::Yes); // second Cancel: stop
     CDownloadFileController controller(backend);
@@ -175,8 +175,6 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
 }
 
 TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
-    auto boxes = std::make_shared<HeadlessMessagebox>();
-    NimboMessagebox::setPresenter(boxes);
     boxes->queueAnswer(MessageboxAnswer::Yes);
     CDownloadFileController controller(backend);
     backend->pressOnShow(ViewLayout::DownloadProgressWindow, ViewButton::Close);
