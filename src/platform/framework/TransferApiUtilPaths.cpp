@@ -269,14 +269,12 @@ int64_t TransferApiUtil::CopyPaths(const std::vector<std::string>& paths,
             if (!canonical) {
                 logBadPath("CopyPaths", path);
                 code = ResultCode::BadPath;
+            } else if (std::string target = StorePath::child(*destination, nameOf(*canonical)); isCut) {
+                code = MovePath(*canonical, target);
             } else {
-                std::string target = StorePath::child(*destination, nameOf(*canonical));
-                code = isCut ? store->move(*canonical, target) : store->copy(*canonical, target);
-                if (code == ResultCode::Success) {
-                    if (isCut)
-                        state_->tree->noteRemoved(*canonical);
+                code = store->copy(*canonical, target);
+                if (code == ResultCode::Success)
                     noteArrived(*store, *state_->tree, target);
-                }
             }
             if (code != ResultCode::Success && result == ResultCode::Success)
                 result = code;

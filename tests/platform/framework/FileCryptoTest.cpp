@@ -87,8 +87,9 @@ TEST_F(FileCryptoTest, RoundTripOfEverySizeIsExactlyOneHundredTwentyEightBytesLo
         std::string path = writeFile("plain", plain);
         std::string stored = encrypt(path, "correct horse");
         ASSERT_EQ(stored.size(), size + 128);
-        if (size >= 64)
+        if (size >= 64) {
             EXPECT_EQ(stored.find(plain.substr(0, 64)), std::string::npos);
+        }
         std::string target = home_.file("restored");
         ASSERT_EQ(decrypt(stored, target, "correct horse"), ResultCode::Success);
         EXPECT_EQ(FileSystem::readFile(target), plain);

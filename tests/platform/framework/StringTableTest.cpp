@@ -50,8 +50,9 @@ TEST(StringTable, FileIsASortedPlainDictionaryWithUsableFolderNames) {
         ASSERT_TRUE(value.isString()) << key;
         EXPECT_EQ(LoadString::GetValueByKey(key, "<missing>"), *value.string()) << key;
     }
-    if (std::system("command -v plistutil >/dev/null 2>&1") == 0)
+    if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
         EXPECT_EQ(std::system(("plistutil -i '" + tableFile() + "' -o /dev/null").c_str()), 0);
+    }
 
     // Folder names fit server and local paths.
     for (const char* key : {"ApplicationDataPath", "ServerStoreTaskPath", "IDS_HISTFOLDER",

@@ -35,8 +35,9 @@ TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
     ASSERT_TRUE(info);
     EXPECT_EQ(std::tie(info->userName, info->customerID, info->lastLogonDate),
               std::make_tuple("alice@example.com", "cust-42", clock->now()));
-    if (std::system("command -v plistutil >/dev/null 2>&1") == 0)
+    if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
         EXPECT_EQ(std::system(("plistutil -i '" + file + "' -o /dev/null").c_str()), 0);
+    }
 
     clock->advance(3600);
     ASSERT_TRUE(UserSettingMan::SetUserInfo("bob", ""));
