@@ -12,6 +12,7 @@ BUILD/mutants/ that the next run restores from first.
 Usage and figures: tests/README.md.
 """
 import argparse
+import json
 import os
 import random
 import re
@@ -227,6 +228,19 @@ class Guard:
             self.child.wait()
 
 
+def failed_tests(report):
+    """The names of the tests that failed, from a program's JSON report; none when the
+    program died before writing it (a crash or the time limit)."""
+    try:
+        suites = json.loads(report.read_text())["testsuites"]
+    except (OSError, ValueError, KeyError):
+        return []
+    finally:
+        report.unlink(missing_ok=True)
+    return [f"{suite['name']}.{test['name']}" for suite in suites
+            for test in suite.get("testsuite", []) if test.get("failures")]
+
+
 def build(build_dir, targets, guard, limit):
     code, _ = guard.run(["cmake", "--build", str(build_dir), "--target", *targets], limit, ROOT)
     return code == 0
@@ -302,11 +316,16 @@ def main():
                     if not build(build_dir, [program], guard, args.build_limit):
                         verdict = "not compiled"
                         break
-                    code, seconds = guard.run([str(build_dir / "tests" / program)], limits[program],
-                                              build_dir / "tests")
+                    report = guard.note_dir / "tests.json"
+                    code, seconds = guard.run([str(build_dir / "tests" / program),
+                                               f"--gtest_output=json:{report}"],
+                                              limits[program], build_dir / "tests")
+                    failed = failed_tests(report)
                     if code != 0:
                         verdict = "killed"
                         by = f" by {program}" + (" (time limit)" if code is None else "")
+                        # which tests caught it: a trim must leave one of them
+                        by += f" [{', '.join(failed[:4])}{' ...' if len(failed) > 4 else ''}]" if failed else ""
                         timeouts += code is None
                         break
             finally:
