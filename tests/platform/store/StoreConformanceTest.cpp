@@ -557,15 +557,32 @@ std::vector<int> exitStatuses(const std::vector<pid_t>& children) {
 
 } // namespace
 
-TEST_P(StoreConcurrencyTest, ThreadsAndProcessesUpdatingTheTaskListLoseNothing) {
+TEST_P(StoreConcurrencyTest, ThreadsAndProcessesLoseNoTaskListUpdateNorFileTime) {
     // Seen under heavy load: 81 of 90 updates arrived through rclone's LOCK-based
     // writers' lock (threads lost one too). Open until the cause is found.
     if (GetParam().name.starts_with("Rclone"))
         GTEST_SKIP() << "updates from several writers can be lost on rclone (under investigation)";
-    constexpr int Rounds = 30;
+    constexpr int Rounds = 30, PerWriter = 12;
+    ASSERT_EQ(store->makeFolder("\\Q", "", ""), R::Success);
+    ASSERT_EQ(store->flush(), R::Success);
+    auto path = [](int w, int i) { return "\\Q\\f" + std::to_string(w) + "_" + std::to_string(i); };
+    auto time = [](int w, int i) { return Date(1'500'000'000.0 + w * 1000 + i); };
+    // Each flushes after every few files, so that the folder's writes meet.
+    auto putAll = [&](StoreBackend& own, int w) {
+        int failed = 0;
+        for (int i = 0; i < PerWriter; ++i) {
+            failed += putText(own, path(w, i), "x", time(w, i)) != R::Success;
+            if (i % 3 == 2)
+                failed += own.flush() != R::Success;
+        }
+        return failed + (own.flush() != R::Success);
+    };
     // The children first, while this process has no threads of its own; then two threads
     // share one connection and two have their own.
-    auto children = forkWriters(*env, 2, [](StoreBackend& own, int) { return incrementTaskList(own, Rounds); });
+    auto children = forkWriters(*env, 2, [&](StoreBackend& own, int c) {
+        return incrementTaskList(own, Rounds) + putAll(own, c);
+    });
+    EXPECT_EQ(putAll(*store, 0), 0);
     std::vector<std::shared_ptr<StoreBackend>> connections = {store, store, connect(), connect()};
     std::vector<int> errors(connections.size(), 0);
     std::vector<std::thread> threads;
@@ -576,6 +593,15 @@ TEST_P(StoreConcurrencyTest, ThreadsAndProcessesUpdatingTheTaskListLoseNothing) 
     EXPECT_EQ(errors, std::vector<int>(connections.size(), 0));
     EXPECT_EQ(exitStatuses(children), std::vector<int>(2, 0));
     EXPECT_EQ(counterValue(*store), Rounds * 6);
+    auto reader = connect();
+    for (int w = 0; w < 3; ++w) {
+        for (int i = 0; i < PerWriter; ++i) {
+            StoreItem item;
+            ASSERT_EQ(reader->stat(path(w, i), item), R::Success) << path(w, i);
+            EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), time(w, i).timeIntervalSince1970(), 1)
+                << path(w, i);
+        }
+    }
 }
 
 TEST_P(StoreConcurrencyTest, ParallelPutsAndVersionMovesKeepEveryTime) {
@@ -623,39 +649,6 @@ TEST_P(StoreConcurrencyTest, ParallelPutsAndVersionMovesKeepEveryTime) {
             EXPECT_NEAR(times[name(t, i)], newTime(t, i).timeIntervalSince1970(), 1) << name(t, i);
             EXPECT_NEAR(oldTimes[name(t, i) + ".v"], oldTime(t, i).timeIntervalSince1970(), 1)
                 << name(t, i);
-        }
-    }
-}
-
-TEST_P(StoreConcurrencyTest, ProcessesPuttingIntoOneFolderKeepEveryTime) {
-    if (GetParam().name.starts_with("Rclone"))
-        GTEST_SKIP() << "updates from several processes can be lost on rclone (under investigation)";
-    ASSERT_EQ(store->makeFolder("\\Q", "", ""), R::Success);
-    ASSERT_EQ(store->flush(), R::Success);
-    constexpr int Writers = 3; // this process and two children
-    constexpr int PerWriter = 12;
-    auto path = [](int w, int i) { return "\\Q\\f" + std::to_string(w) + "_" + std::to_string(i); };
-    auto time = [](int w, int i) { return Date(1'500'000'000.0 + w * 1000 + i); };
-    // Each flushes after every few files, so that the folder's writes meet.
-    auto putAll = [&](StoreBackend& own, int w) {
-        int failed = 0;
-        for (int i = 0; i < PerWriter; ++i) {
-            failed += putText(own, path(w, i), "x", time(w, i)) != R::Success;
-            if (i % 3 == 2)
-                failed += own.flush() != R::Success;
-        }
-        return failed + (own.flush() != R::Success);
-    };
-    auto children = forkWriters(*env, Writers - 1, putAll);
-    EXPECT_EQ(putAll(*store, 0), 0);
-    EXPECT_EQ(exitStatuses(children), std::vector<int>(Writers - 1, 0));
-    auto reader = connect();
-    for (int w = 0; w < Writers; ++w) {
-        for (int i = 0; i < PerWriter; ++i) {
-            StoreItem item;
-            ASSERT_EQ(reader->stat(path(w, i), item), R::Success) << path(w, i);
-            EXPECT_NEAR(item.modifyTime.timeIntervalSince1970(), time(w, i).timeIntervalSince1970(), 1)
-                << path(w, i);
         }
     }
 }

@@ -16,15 +16,13 @@
 
 namespace cirrovault::test {
 
-// Just enough of a WebDAV server on 127.0.0.1 for a logon and an upload, which fails
-// uploads of ".part" files the way chosen: drop the connection half-way through the
-// body, answer 500 or 507, take the body and never answer, keep only half of a body it
-// acknowledged, or refuse (403) every MOVE; or it never answers the logon's first look
-// at the account. It keeps no properties and ignores no ranges (it refuses them), and
+// Just enough of a WebDAV server for a logon and an upload, failing uploads of ".part" files
+// (or the logon's first look) the way chosen. It keeps no properties, refuses ranges, and
 // notes every request line it saw.
 class MisbehavingDavServer {
 public:
-    enum class Fault { None, DropMidBody, Answer500, Answer507, Hang, KeepHalf, RefuseMove, HangLogon };
+    // KeepHalf: acknowledges a body but keeps half of it; RefuseMove: 403 to every MOVE.
+    enum class Fault { DropMidBody, Answer500, Answer507, Hang, KeepHalf, RefuseMove, HangLogon };
 
     explicit MisbehavingDavServer(Fault fault) : fault_(fault) {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);

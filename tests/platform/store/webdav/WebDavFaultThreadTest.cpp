@@ -1,11 +1,8 @@
 // Servers that fail in the middle of an upload: the store answers the engine's codes,
 // never touches the file's real name, and a cancel ends a hung request at once.
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <future>
-#include <string>
-#include <thread>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -58,8 +55,7 @@ Clock::time_point reached(const MisbehavingDavServer& server, const std::string&
 
 } // namespace
 
-// A part is listed as the user's file unless it is marked ours: one that cannot become
-// the file goes, and a short one never takes the file's name.
+// A part that cannot become the file goes; a short one never takes the file's name.
 TEST(WebDavFaultThreadTest, FailedUploadsAnswerTheirCodesAndNeverReplaceTheFile) {
     struct Case {
         Fault fault;
@@ -123,17 +119,15 @@ TEST(WebDavFaultThreadTest, CancelEndsALogonThatWaitsOnAHungServer) {
     EXPECT_LT(Clock::now() - cancelAt, std::chrono::milliseconds(500));
 }
 
-TEST(WebDavFaultThreadTest, UnreachableServerRefusesLogon) {
+// A server whose certificate does not verify is an unsafe connection, not an unreachable
+// server: its own code, which a logon does not retry.
+TEST(WebDavFaultThreadTest, UnreachableServerAndUnverifiedCertificateRefuseLogonEachWithItsCode) {
     WebDavStore nowhere("webdav://127.0.0.1:" + std::to_string(unusedLoopbackPort()) + "/dav/");
     StoreSession session;
     EXPECT_EQ(nowhere.logon("alice", "secret", session), R::Failure);
     EXPECT_TRUE(session.sessionID.empty());
     EXPECT_EQ(statCode(nowhere, "\\"), R::NotLoggedOn);
-}
 
-// A server whose certificate does not verify gives an unsafe connection, not an
-// unreachable server: its own code, which a logon does not retry.
-TEST(WebDavFaultThreadTest, UnverifiedCertificateIsReportedAsSuch) {
     TempHome home;
     const std::string dir = home.path();
     const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -days 1 -keyout " +
@@ -153,7 +147,6 @@ TEST(WebDavFaultThreadTest, UnverifiedCertificateIsReportedAsSuch) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
 
     WebDavStore store("webdavs://127.0.0.1:" + port + "/dav/");
-    StoreSession session;
     EXPECT_EQ(store.logon("alice", "secret", session), R::BadCertificate);
     EXPECT_TRUE(session.sessionID.empty());
     ::kill(server, SIGTERM);

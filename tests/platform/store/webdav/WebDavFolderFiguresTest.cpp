@@ -1,14 +1,9 @@
 // Folder figures on a WebDAV server: counted once by a walk, then kept, so listing a
 // folder costs one request however much lies below it, and none just after a walk.
-#include <chrono>
-#include <functional>
-#include <thread>
-
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
-#include "platform/os/ResultCodes.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/webdav/WebDavFolderTotals.h"
 #include "platform/store/webdav/WebDavStore.h"
@@ -20,9 +15,7 @@ namespace {
 namespace R = ResultCode;
 using Totals = WebDavFolderTotals::Totals;
 
-// The requests an action cost, as the server logged them. Each action is fenced by a
-// look at a path that is never there; a line is logged just after its answer, so the
-// fence's own line is waited for.
+// The requests an action cost, as the server logged them, between looks at paths never there.
 class RequestCounter {
 public:
     RequestCounter(const WebDavTestServer& server, StoreBackend& store)
@@ -37,7 +30,7 @@ public:
     }
 
 private:
-    // Index just past the fence's line.
+    // Index just past the fence's line, which is logged just after its answer.
     size_t fence() {
         const std::string name = "fence-" + std::to_string(++fences_);
         StoreItem item;
@@ -58,11 +51,11 @@ private:
     int fences_ = 0;
 };
 
-std::string joined(const std::vector<std::string>& lines) {
-    std::string out;
-    for (const auto& line : lines)
-        out += line + "\n";
-    return out;
+std::unique_ptr<WebDavStore> loggedOn(const WebDavTestServer& server) {
+    auto store = std::make_unique<WebDavStore>(server.url("{user}/"));
+    StoreSession session;
+    EXPECT_EQ(store->logon("alice", "secret", session), R::Success);
+    return store;
 }
 
 } // namespace
@@ -75,22 +68,13 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     const std::vector<std::string> folders = {
         "\\T",          "\\T\\A0",        "\\T\\A0\\B0", "\\T\\A0\\B1", "\\T\\A1",
         "\\T\\A1\\B0", "\\T\\A1\\B1", "\\T\\A2",        "\\T\\A2\\B0", "\\T\\A2\\B1"};
-    {
-        WebDavStore writer(server.url("{user}/"));
-        StoreSession session;
-        ASSERT_EQ(writer.logon("alice", "secret", session), R::Success);
-        for (const auto& folder : folders) {
-            ASSERT_EQ(writer.makeFolder(folder, "", ""), R::Success);
-            if (folder.find("\\B") != std::string::npos) {
-                ASSERT_EQ(putText(writer, folder + "\\f", "four"), R::Success);
-            }
-        }
-        writer.logoff();
+    for (auto writer = loggedOn(server); const auto& folder : folders) {
+        ASSERT_EQ(writer->makeFolder(folder, "", ""), R::Success);
+        if (folder.find("\\B") != std::string::npos)
+            ASSERT_EQ(putText(*writer, folder + "\\f", "four"), R::Success);
     }
-
-    WebDavStore store(server.url("{user}/"));
-    StoreSession session;
-    ASSERT_EQ(store.logon("alice", "secret", session), R::Success);
+    auto own = loggedOn(server);
+    WebDavStore& store = *own;
     RequestCounter requests(server, store);
 
     std::string task;
@@ -98,8 +82,8 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     EXPECT_EQ(task, "24/6");
     // The item, then one listing per folder. Under heavy load one more line was seen once
     // between the fences (cause open): tolerated, and printed so it can be found.
-    EXPECT_GE(walk.size(), 1 + folders.size()) << joined(walk);
-    EXPECT_LE(walk.size(), 2 + folders.size()) << joined(walk);
+    EXPECT_GE(walk.size(), 1 + folders.size()) << testing::PrintToString(walk);
+    EXPECT_LE(walk.size(), 2 + folders.size()) << testing::PrintToString(walk);
 
     // The walk's listings serve the listings that follow it, each once.
     std::vector<StoreItem> items;
@@ -114,8 +98,7 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     };
     EXPECT_EQ(listAll(), 0u);
     EXPECT_EQ(listAll(), folders.size());
-    // A change made after a walk is seen: it drops the held listing of its folder, and
-    // only that one.
+    // A change made after a walk drops the held listing of its folder, and only that one.
     figuresOf(store, "\\T");
     ASSERT_EQ(putText(store, "\\T\\A2\\B0\\late", "x"), R::Success);
     EXPECT_EQ(list("\\T\\A2\\B0"), 1u);
@@ -144,9 +127,8 @@ TEST(WebDavFolderFiguresTest, NewFilesWithoutPropertiesCostFourRequestsEachAtOnc
     TempHome home;
     WebDavTestServer server(WebDavTestServer::Kind::LighttpdWithoutProperties,
                             home.file("server"), {{"alice", "secret"}});
-    WebDavStore store(server.url("{user}/"));
-    StoreSession session;
-    ASSERT_EQ(store.logon("alice", "secret", session), R::Success);
+    auto own = loggedOn(server);
+    WebDavStore& store = *own;
     ASSERT_EQ(store.makeFolder("\\S", "", ""), R::Success);
     ASSERT_EQ(store.makeFolder("\\P", "", ""), R::Success);
     ASSERT_EQ(store.flush(), R::Success);
@@ -168,11 +150,10 @@ TEST(WebDavFolderFiguresTest, NewFilesWithoutPropertiesCostFourRequestsEachAtOnc
             thread.join();
         ASSERT_EQ(store.flush(), R::Success);
     });
-    // Each file: a look at its name (lighttpd's MOVE replaces what is there), its part,
-    // the part's size checked, its move onto the name; then, once for all, the folder's
-    // listing, its document read and written.
-    EXPECT_EQ(one.size(), 4u * Files + 3) << joined(one);
-    EXPECT_EQ(parallel.size(), one.size()) << joined(parallel);
+    // Each file: a look at its name (lighttpd's MOVE replaces what is there), its part, its
+    // size checked, its move; then once for all the listing, the document read and written.
+    EXPECT_EQ(one.size(), 4u * Files + 3) << testing::PrintToString(one);
+    EXPECT_EQ(parallel.size(), one.size()) << testing::PrintToString(parallel);
 }
 
 TEST(WebDavFolderTotalsTest, ChangesMoveTheFiguresAboveAndOldFiguresAreCountedAgain) {
