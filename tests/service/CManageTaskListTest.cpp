@@ -39,8 +39,7 @@ TaskListEntry makeTask(const std::string& name) {
     return task;
 }
 
-// Against the real local store in a temporary home, logged on; every request text the
-// client sends is kept in `sent`.
+// Logged on to a local store; every request text the client sends is kept in `sent`.
 class CManageTaskListTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -177,8 +176,7 @@ TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero)
     }
     EXPECT_EQ(storedPaths("Big"), task.localDirList);
 
-    // Removals come first and share the count with additions: 150 + 50 = 200 entries go
-    // as two full requests and a final empty one.
+    // Removals come first and share the count with additions: two full requests, one empty.
     sent.clear();
     task.deleteFileArray.assign(task.localDirList.begin(), task.localDirList.begin() + 150);
     for (int i = 0; i < 50; ++i)

@@ -33,8 +33,7 @@ TEST(StorePathTest, NamesBesideLongNamesAreShortenedWithinTheLimit) {
     EXPECT_EQ(StorePath::partPath("\\d\\a.txt"), "\\d\\a.txt.part");
     EXPECT_EQ(StorePath::nameWithSuffix(std::string(235, 'x'), ".part"), std::string(235, 'x') + ".part");
 
-    // Two long names differing only at their end, with a two-byte character where the
-    // cut would fall: each gets its own name, within the limit, and never half a character.
+    // Long names differing at their end, a two-byte character where the cut falls.
     std::string one = std::string(217, 'n') + "\xc3\xa9" + std::string(20, 'z') + "1";
     std::string two = one;
     two.back() = '2';

@@ -15,8 +15,7 @@
 
 namespace cirrovault::test {
 
-// Bytes of an upload held in memory. Counts what the store reads, and can fail a read
-// at a chosen offset the way a vanished disk would.
+// An upload's bytes in memory; counts what is read, and can fail reads from an offset.
 class MemorySource : public ByteSource {
 public:
     MemorySource(std::string data, std::string tag, uint32_t mode = 0)

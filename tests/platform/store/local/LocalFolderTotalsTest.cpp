@@ -1,5 +1,4 @@
-// Folder figures read while the folders were still changing are read again at the end of
-// a session, so the next session may trust them.
+// Figures read while folders still changed are read again when a session ends.
 #include <algorithm>
 
 #include <gtest/gtest.h>

@@ -1,5 +1,3 @@
-// Servers that fail in the middle of an upload: the store answers the engine's codes,
-// never touches the file's real name, and a cancel ends a hung request at once.
 #include <csignal>
 #include <cstdlib>
 #include <future>
@@ -119,8 +117,7 @@ TEST(WebDavFaultThreadTest, CancelEndsALogonThatWaitsOnAHungServer) {
     EXPECT_LT(Clock::now() - cancelAt, std::chrono::milliseconds(500));
 }
 
-// A server whose certificate does not verify is an unsafe connection, not an unreachable
-// server: its own code, which a logon does not retry.
+// An unverified certificate is an unsafe connection, not an unreachable server.
 TEST(WebDavFaultThreadTest, UnreachableServerAndUnverifiedCertificateRefuseLogonEachWithItsCode) {
     WebDavStore nowhere("webdav://127.0.0.1:" + std::to_string(unusedLoopbackPort()) + "/dav/");
     StoreSession session;

@@ -1,5 +1,3 @@
-// Folder figures on a WebDAV server: counted once by a walk, then kept, so listing a
-// folder costs one request however much lies below it, and none just after a walk.
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
@@ -70,8 +68,9 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
         "\\T\\A1\\B0", "\\T\\A1\\B1", "\\T\\A2",        "\\T\\A2\\B0", "\\T\\A2\\B1"};
     for (auto writer = loggedOn(server); const auto& folder : folders) {
         ASSERT_EQ(writer->makeFolder(folder, "", ""), R::Success);
-        if (folder.find("\\B") != std::string::npos)
+        if (folder.find("\\B") != std::string::npos) {
             ASSERT_EQ(putText(*writer, folder + "\\f", "four"), R::Success);
+        }
     }
     auto own = loggedOn(server);
     WebDavStore& store = *own;
@@ -80,8 +79,7 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     std::string task;
     auto walk = requests.of([&] { task = figuresOf(store, "\\T"); });
     EXPECT_EQ(task, "24/6");
-    // The item, then one listing per folder. Under heavy load one more line was seen once
-    // between the fences (cause open): tolerated, and printed so it can be found.
+    // The item, then a listing per folder; one more line was seen once under load (cause open).
     EXPECT_GE(walk.size(), 1 + folders.size()) << testing::PrintToString(walk);
     EXPECT_LE(walk.size(), 2 + folders.size()) << testing::PrintToString(walk);
 
@@ -110,8 +108,7 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     for (const auto& item : items)
         EXPECT_EQ(figures(item), "8/2") << item.name;
 
-    // Stored through this connection: the figures follow without a new walk. A new
-    // file's name is not looked at first (Apache refuses a MOVE onto an occupied name).
+    // The figures follow this connection's puts, which look not at a new file's name first.
     auto stored =
         requests.of([&] { ASSERT_EQ(putText(store, "\\T\\A0\\new", "12345"), R::Success); });
     EXPECT_EQ(stored.size(), 4u) << "the part, its size checked, its time, its move onto the name";
@@ -121,8 +118,7 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     EXPECT_EQ(itemAt(store, "\\T").size, 29u);
 }
 
-// Without properties the times go to the folder's metadata document, written once for
-// many files; several puts at once into one folder cost no more than one after another.
+// Without properties one metadata write serves many files, whether put at once or not.
 TEST(WebDavFolderFiguresTest, NewFilesWithoutPropertiesCostFourRequestsEachAtOnceOrNot) {
     TempHome home;
     WebDavTestServer server(WebDavTestServer::Kind::LighttpdWithoutProperties,

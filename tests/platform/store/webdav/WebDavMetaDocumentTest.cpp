@@ -71,8 +71,7 @@ TEST(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOurCo
         entries += item.name + (item.modifyTime.timeIntervalSince1970() == seconds ? " ours, " : " not, ");
     EXPECT_EQ(entries, "Docs documents, a.txt ours, b.txt ours, ");
 
-    // Someone else replaced b.txt on the server (same size, later time): our entry no
-    // longer describes it, so the engine sees a copy that is not its own.
+    // Someone else replaced b.txt (same size, later time): our entry no longer holds.
     ASSERT_TRUE(FileSystem::writeFileAtomically(onServer + "/b.txt", "BRAVO"));
     ASSERT_TRUE(FileSystem::setModifyTime(onServer + "/b.txt", Date(1'800'000'000.0)));
     EXPECT_EQ(timeOf(*second, "\\Docs\\b.txt"), 1'800'000'000.0);

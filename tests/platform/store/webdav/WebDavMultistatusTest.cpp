@@ -4,8 +4,7 @@
 
 namespace cirrovault {
 
-// Replies as different servers write them: prefixes of their own choice, default
-// namespaces, absolute and encoded hrefs, properties found and missing side by side.
+// Own prefixes, default namespaces, absolute and encoded hrefs, properties found and missing.
 TEST(WebDavMultistatusTest, ReadsRepliesTheWayServersWriteThem) {
     const std::string prefixed = R"(<?xml version="1.0" encoding="utf-8"?>
 <D:multistatus xmlns:D="DAV:" xmlns:ns1="urn:x-cirrovault:">
