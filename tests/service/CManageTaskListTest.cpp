@@ -110,16 +110,14 @@ TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmp
                                                 ".*&IsResume=1&Upgraded=1&OldTaskName=Filtered&Action=Add&localPathNum=0$"));
     std::string reply = client.getBackupTasks("Filtered", "false");
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_FilterExts", reply), Strings{"tmp|o b"});
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_BackupDate", reply),
-              (Strings{"03/05/2024 07:08:09"}));
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_BackupDate", reply), Strings{"03/05/2024 07:08:09"});
 
     // The service's refusals come back as the request's result.
     EXPECT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", ""), 6);
-    TaskListEntry nameless = makeTask("");
-    EXPECT_EQ(client.addOrEditBackupTask(nameless, "Add", "", "", ""), ResultCode::EmptyName);
-    TaskListEntry unknown = makeTask("Unknown");
-    EXPECT_EQ(client.addOrEditBackupTask(unknown, "Edit", "", "Unknown", ""),
-              ResultCode::OldTaskNotFound);
+    filtered.name = "";
+    EXPECT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", ""), ResultCode::EmptyName);
+    filtered.name = "Unknown";
+    EXPECT_EQ(client.addOrEditBackupTask(filtered, "Edit", "", "Unknown", ""), ResultCode::OldTaskNotFound);
 }
 
 TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {

@@ -201,22 +201,8 @@ TEST_F(LocalStoreModesTest, NothingIsOpenToOthersWhateverTheUmask) {
     EXPECT_EQ(permissionsOf(home.file("store/store.db")), 0600u);
 }
 
-TEST(LocalStoreDamageTest, UnreadableDatabaseRefusesLogon) {
-    TempHome home;
-    ASSERT_TRUE(FileSystem::createDirectories(home.file("store")));
-    ASSERT_TRUE(
-        FileSystem::writeFileAtomically(home.file("store/store.db"), std::string(8192, 'x')));
-    SystemLog::startCapture();
-    LocalStore store(home.file("store"));
-    StoreSession session;
-    EXPECT_EQ(store.logon("alice", "pw", session), R::StoreDamaged);
-    EXPECT_TRUE(SystemLog::capturedContains("is no database"));
-    SystemLog::stopCapture();
-    EXPECT_EQ(statCode(store, "\\"), R::NotLoggedOn);
-}
-
 // A lost database never makes an account with files a new one; repair brings it back.
-TEST(LocalStoreDamageTest, LostRecordsAreRefusedAndRepairedFromTheAccountFolders) {
+TEST(LocalStoreDamageTest, UnreadableOrLostRecordsAreRefusedAndRepairedFromTheAccountFolders) {
     TempHome home;
     const std::string folder = home.file("store");
     StoreSession alice, bob, session;
@@ -229,6 +215,15 @@ TEST(LocalStoreDamageTest, LostRecordsAreRefusedAndRepairedFromTheAccountFolders
     }
     // Bob's account was kept by an older version, which made no copy of its owner.
     ASSERT_TRUE(FileSystem::removeItem(folder + "/accounts/" + bob.customerID + "/account"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(folder + "/store.db", std::string(8192, 'x')));
+    SystemLog::startCapture();
+    {
+        LocalStore store(folder);
+        EXPECT_EQ(store.logon("alice", "pw", session), R::StoreDamaged);
+        EXPECT_TRUE(SystemLog::capturedContains("is no database"));
+        EXPECT_EQ(statCode(store, "\\"), R::NotLoggedOn);
+    }
+    SystemLog::stopCapture();
     ASSERT_TRUE(FileSystem::writeFileAtomically(folder + "/store.db", ""));
     {
         LocalStore store(folder);

@@ -61,6 +61,8 @@ private:
     std::optional<WebDavTestServer> server_;
 };
 
+void PrintTo(const StoreKind& kind, std::ostream* os) { *os << kind.name; }
+
 StoreKind kind(std::string name, std::optional<K> server = {}, Account account = Account::FolderPerUser) {
     return {std::move(name), server, account};
 }
@@ -115,8 +117,7 @@ const std::string LongestName = "\\" + std::string(247, 'n') + "\xc3\xa9.b";
 } // namespace
 
 TEST_P(StoreConformanceTest, LogonsMakeAccountsAndTaskListWritesCompareVersions) {
-    EXPECT_FALSE(session.sessionID.empty());
-    EXPECT_FALSE(session.customerID.empty());
+    EXPECT_FALSE(session.sessionID.empty() || session.customerID.empty());
 
     auto other = env.open();
     StoreSession again;
@@ -161,37 +162,6 @@ TEST_P(StoreConformanceTest, LogonsMakeAccountsAndTaskListWritesCompareVersions)
               std::vector<int64_t>(4, R::NotLoggedOn));
 }
 
-TEST_P(StoreConformanceTest, FoldersKeepDescriptionAndCaptionUntilRemoved) {
-    ASSERT_EQ(store->makeFolder("\\Backup", "my backups", "Backup"), R::Success);
-    ASSERT_EQ(store->makeFolder("Backup\\Docs", "documents", "Docs"), R::Success); // no leading "\"
-    EXPECT_EQ(store->makeFolder("\\Backup", "", ""), R::AlreadyExists);
-    EXPECT_EQ(store->makeFolder("\\Missing\\Child", "", ""), R::NotFound);
-
-    StoreItem item = itemAt(*store, "\\Backup\\Docs");
-    EXPECT_TRUE(item.isFolder);
-    EXPECT_EQ(item.name + " " + item.description + " " + item.caption, "Docs documents Docs");
-
-    ASSERT_EQ(store->setFolderInfo("\\Backup\\Docs", "papers", "Papers"), R::Success);
-    auto items = listed(*store, "\\Backup");
-    ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].description + " " + items[0].caption, "papers Papers");
-    EXPECT_EQ(store->setFolderInfo("\\Backup\\Nothing", "x", "y"), R::NotFound);
-    EXPECT_EQ(statCode(*store, "\\Backup\\Nothing"), R::NotFound);
-
-    ASSERT_EQ(putText(*store, "\\Backup\\Docs\\f", "f"), R::Success);
-    ASSERT_EQ(putText(*store, "\\g", "g"), R::Success);
-    EXPECT_EQ(store->remove("\\g"), R::Success);
-    EXPECT_EQ(store->remove("\\g"), R::NotFound);
-    EXPECT_EQ(store->remove("\\Backup"), R::Success);
-    EXPECT_EQ(statCode(*store, "\\Backup\\Docs\\f"), R::NotFound);
-    EXPECT_EQ(store->remove("\\"), R::BadPath);
-    // A new folder of the old name starts without the old descriptions.
-    ASSERT_EQ(store->makeFolder("\\Backup", "", ""), R::Success);
-    ASSERT_EQ(store->makeFolder("\\Backup\\Docs", "", ""), R::Success);
-    item = itemAt(*store, "\\Backup\\Docs");
-    EXPECT_EQ(item.description + item.caption, "");
-}
-
 TEST_P(StoreConformanceTest, PutAndGetKeepBytesAndTimeAndFailedPutsKeepTheOldCopy) {
     ASSERT_EQ(store->makeFolder("\\T", "", ""), R::Success);
     ASSERT_EQ(store->makeFolder("\\T\\Sub", "", ""), R::Success);
@@ -232,28 +202,20 @@ TEST_P(StoreConformanceTest, PutAndGetKeepBytesAndTimeAndFailedPutsKeepTheOldCop
     EXPECT_EQ(putText(*store, "\\NoFolder\\x", "x"), R::NotFound);
     EXPECT_EQ(putText(*store, "\\T\\Sub", "x"), R::AlreadyExists); // a folder has that name
 
-    // A cancel or a read error leaves the previous copy as it was.
+    // A cancel at once or part way, or a read error, leaves the previous copy as it was.
     ASSERT_EQ(putText(*store, "\\keep.bin", "old copy", Date(1'500'000'000.0)), R::Success);
     const std::string bigger = patternBytes(16 * 1024 * 1024, 4);
-    MemorySource first(bigger, "big");
-    StopObserver stopped;
-    stopped.stop = true;
-    EXPECT_EQ(store->put("\\keep.bin", first, Date(1'600'000'000.0), &stopped), R::Cancelled);
-    EXPECT_LT(first.bytesRead(), bigger.size());
-    EXPECT_EQ(storedContent(*store, "\\keep.bin"), "old copy");
-
-    StopObserver partWay(1);
-    MemorySource second(bigger, "big2");
-    EXPECT_EQ(store->put("\\keep.bin", second, Date(1'600'000'000.0), &partWay), R::Cancelled);
-    EXPECT_LE(second.bytesRead(), 4u * 1024 * 1024); // stopped within a few chunks
-    EXPECT_EQ(storedContent(*store, "\\keep.bin"), "old copy");
-
-    MemorySource failing(bigger, "bad");
-    failing.failReadsFrom(1024 * 1024);
-    EXPECT_EQ(store->put("\\keep.bin", failing, Date(), nullptr), R::LocalFileError);
-    item = itemAt(*store, "\\keep.bin");
-    EXPECT_EQ(item.size, 8u);
-    EXPECT_TIME(item, 1'500'000'000.0);
+    for (int way = 0; way < 3; ++way) {
+        MemorySource source(bigger, "big" + std::to_string(way));
+        StopObserver observer(way == 0 ? 0 : 1);
+        if (way == 2)
+            source.failReadsFrom(1024 * 1024);
+        EXPECT_EQ(store->put("\\keep.bin", source, Date(1'600'000'000.0), way == 2 ? nullptr : &observer),
+                  way == 2 ? R::LocalFileError : R::Cancelled) << way;
+        EXPECT_LE(source.bytesRead(), 4u * 1024 * 1024) << way; // stopped within a few chunks
+        EXPECT_EQ(storedContent(*store, "\\keep.bin"), "old copy") << way;
+        EXPECT_TIME(itemAt(*store, "\\keep.bin"), 1'500'000'000.0);
+    }
 }
 
 TEST_P(StoreConformanceTest, InterruptedPutResumesOnlyWithTheSameSource) {
@@ -293,7 +255,36 @@ TEST_P(StoreConformanceTest, InterruptedPutResumesOnlyWithTheSameSource) {
     EXPECT_EQ(storedContent(*store, "\\g.bin"), data);
 }
 
-TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentTimesDescriptionsAndModes) {
+TEST_P(StoreConformanceTest, FoldersKeepDescriptionsAndMovesAndCopiesCarryThemWithTimesAndModes) {
+    ASSERT_EQ(store->makeFolder("\\Backup", "my backups", "Backup"), R::Success);
+    ASSERT_EQ(store->makeFolder("Backup\\Docs", "documents", "Docs"), R::Success); // no leading "\"
+    EXPECT_EQ(store->makeFolder("\\Backup", "", ""), R::AlreadyExists);
+    EXPECT_EQ(store->makeFolder("\\Missing\\Child", "", ""), R::NotFound);
+
+    StoreItem item = itemAt(*store, "\\Backup\\Docs");
+    EXPECT_TRUE(item.isFolder);
+    EXPECT_EQ(item.name + " " + item.description + " " + item.caption, "Docs documents Docs");
+
+    ASSERT_EQ(store->setFolderInfo("\\Backup\\Docs", "papers", "Papers"), R::Success);
+    auto items = listed(*store, "\\Backup");
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].description + " " + items[0].caption, "papers Papers");
+    EXPECT_EQ(store->setFolderInfo("\\Backup\\Nothing", "x", "y"), R::NotFound);
+    EXPECT_EQ(statCode(*store, "\\Backup\\Nothing"), R::NotFound);
+
+    ASSERT_EQ(putText(*store, "\\Backup\\Docs\\f", "f"), R::Success);
+    ASSERT_EQ(putText(*store, "\\g", "g"), R::Success);
+    EXPECT_EQ(store->remove("\\g"), R::Success);
+    EXPECT_EQ(store->remove("\\g"), R::NotFound);
+    EXPECT_EQ(store->remove("\\Backup"), R::Success);
+    EXPECT_EQ(statCode(*store, "\\Backup\\Docs\\f"), R::NotFound);
+    EXPECT_EQ(store->remove("\\"), R::BadPath);
+    // A new folder of the old name starts without the old descriptions.
+    ASSERT_EQ(store->makeFolder("\\Backup", "", ""), R::Success);
+    ASSERT_EQ(store->makeFolder("\\Backup\\Docs", "", ""), R::Success);
+    item = itemAt(*store, "\\Backup\\Docs");
+    EXPECT_EQ(item.description + item.caption, "");
+
     ASSERT_EQ(store->makeFolder("\\Task", "task folder", "Task"), R::Success);
     ASSERT_EQ(store->makeFolder("\\Task\\Inner", "inner", "Inner"), R::Success);
     ASSERT_EQ(store->makeFolder("\\History", "", ""), R::Success);
@@ -327,8 +318,7 @@ TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentTimesDescriptionsAndMo
     EXPECT_EQ(store->copy("\\History\\c.txt", "\\NoFolder\\c.txt"), R::NotFound);
     EXPECT_EQ(snapshot(*store), before);
 
-    // A file's mode (its permission bits, and whether it was a link) stays with it
-    // wherever it goes, and goes when a copy without one replaces it.
+    // A file's mode (permission bits, whether it was a link) goes wherever the file goes.
     const uint32_t key = S_IFREG | 0600, link = S_IFLNK | 0777, tool = S_IFREG | 0755;
     using Modes = std::map<std::string, uint32_t>;
     auto modeOf = [&](const std::string& path) { return itemAt(*store, path).mode; };
@@ -340,9 +330,9 @@ TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentTimesDescriptionsAndMo
               (std::vector<uint32_t>{key, link, 0}));
 
     ASSERT_EQ(store->move("\\M\\tool", "\\M\\History\\tool0"), R::Success);
-    EXPECT_EQ(modeOf("\\M\\History\\tool0"), tool);
     ASSERT_EQ(store->copy("\\M\\to-bin", "\\M\\History\\to-bin0"), R::Success);
-    EXPECT_EQ(modeOf("\\M\\History\\to-bin0"), link);
+    EXPECT_EQ((std::vector{modeOf("\\M\\History\\tool0"), modeOf("\\M\\History\\to-bin0")}),
+              (std::vector<uint32_t>{tool, link}));
     // Some servers give a copy the time of the copy: it must come a second later.
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     ASSERT_EQ(store->copy("\\M", "\\N"), R::Success);
@@ -353,13 +343,11 @@ TEST_P(StoreConformanceTest, MoveCopyAndRenameCarryContentTimesDescriptionsAndMo
     EXPECT_EQ(modeOf("\\N\\History\\tool0"), tool);
 
     ASSERT_EQ(putText(*store, "\\M\\id_key", "new secret", Date(1'600'000'100.0)), R::Success);
-    EXPECT_EQ(modeOf("\\M\\id_key"), 0u);
     ASSERT_EQ(store->remove("\\M\\to-bin"), R::Success);
     ASSERT_EQ(putText(*store, "\\M\\to-bin", "a file now"), R::Success);
-    EXPECT_EQ(modeOf("\\M\\to-bin"), 0u);
+    EXPECT_EQ((std::vector{modeOf("\\M\\id_key"), modeOf("\\M\\to-bin")}), (std::vector<uint32_t>{0, 0}));
 
-    // A logoff writes what waits: another connection sees the times, modes and
-    // descriptions that moved and were copied.
+    // A logoff writes what waits: another connection sees what moved and was copied.
     store->logoff();
     auto later = connect();
     EXPECT_EQ(itemAt(*later, "\\N\\id_key").mode, key);

@@ -1,6 +1,8 @@
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <future>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/wait.h>
