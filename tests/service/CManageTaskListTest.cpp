@@ -239,11 +239,10 @@ TEST_F(CManageTaskListTest, NamesListsAndDeletes) {
 
     api().Logoff();
     EXPECT_EQ(client.getBackupTasks("", "false"), "");
-    EXPECT_EQ(client.iResult, ResultCode::NotLoggedOn);
-    EXPECT_EQ(client.getTaskNames("true"), ResultCode::NotLoggedOn);
     TaskListEntry task = makeTask("D");
-    EXPECT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), ResultCode::NotLoggedOn);
-    EXPECT_EQ(client.deleteTasks("B"), ResultCode::NotLoggedOn);
+    EXPECT_EQ((std::vector<int64_t>{client.iResult, client.getTaskNames("true"),
+                                    client.addOrEditBackupTask(task, "Add", "", "", ""), client.deleteTasks("B")}),
+              std::vector<int64_t>(4, ResultCode::NotLoggedOn));
 }
 
 TEST(CManageTaskList, ResultMessagesByListType) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -25,14 +26,12 @@ public:
 
     explicit MisbehavingDavServer(Fault fault) : fault_(fault) {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        int yes = 1;
-        ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        ::listen(listener_, 16);
         socklen_t size = sizeof address;
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), size); // a free port
+        ::listen(listener_, 16);
         ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
         port_ = ntohs(address.sin_port);
         thread_ = std::thread([this] {
@@ -52,10 +51,8 @@ public:
     std::string url() const { return "webdav://127.0.0.1:" + std::to_string(port_) + "/dav/"; }
     bool saw(const std::string& prefix) const {
         std::lock_guard lock(mutex_);
-        for (const auto& line : requests_)
-            if (line.starts_with(prefix))
-                return true;
-        return false;
+        return std::any_of(requests_.begin(), requests_.end(),
+                           [&](const std::string& line) { return line.starts_with(prefix); });
     }
 
 private:
