@@ -1,3 +1,7 @@
+#include <chrono>
+#include <functional>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
@@ -105,7 +109,8 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     for (const auto& item : items)
         EXPECT_EQ(figures(item), "8/2") << item.name;
 
-    // The figures follow this connection's puts, which look not at a new file's name first.
+    // The figures follow this connection's puts. A new file's name is not looked at first
+    // (Apache refuses a MOVE onto an occupied name).
     auto stored =
         requests.of([&] { ASSERT_EQ(putText(store, "\\T\\A0\\new", "12345"), R::Success); });
     EXPECT_EQ(stored.size(), 4u) << "the part, its size checked, its time, its move onto the name";
