@@ -352,8 +352,10 @@ TEST_P(StoreConformanceTest, FoldersKeepDescriptionsAndMovesAndCopiesCarryThemWi
     auto later = connect();
     EXPECT_EQ(itemAt(*later, "\\N\\id_key").mode, key);
     EXPECT_EQ(itemAt(*later, "\\Renamed\\Inner").description, "inner");
-    for (const char* moved : {"\\History\\a.txt", "\\History\\c.txt"})
-        EXPECT_NEAR(itemAt(*later, moved).modifyTime.timeIntervalSince1970(), 1'600'000'001.0, 1) << moved;
+    using Moved = std::pair<const char*, double>;
+    for (auto [moved, seconds] : {Moved{"\\History\\a.txt", 1'600'000'001.0}, Moved{"\\History\\c.txt", 1'600'000'001.0},
+                                  Moved{"\\Renamed\\Inner\\b.txt", 1'600'000'000.0}})
+        EXPECT_NEAR(itemAt(*later, moved).modifyTime.timeIntervalSince1970(), seconds, 1) << moved;
 }
 
 TEST_P(StoreConformanceTest, QuotaFollowsUsageAndLimitsPuts) {
