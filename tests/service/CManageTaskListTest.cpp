@@ -181,7 +181,8 @@ TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero)
         task.addFileArray.push_back("/new/" + std::to_string(i));
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Big", ""), 0);
     ASSERT_EQ(sent.size(), 3u);
-    EXPECT_THAT(sent[1], HasSubstr("&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
+    EXPECT_THAT(sent[1],
+                HasSubstr("&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
     EXPECT_THAT(sent[2], EndsWith("&Action=Edit&localPathNum=0"));
     Strings stored(task.localDirList.begin() + 150, task.localDirList.end());
     stored.insert(stored.end(), task.addFileArray.begin(), task.addFileArray.end());
@@ -241,7 +242,8 @@ TEST_F(CManageTaskListTest, NamesListsAndDeletes) {
     EXPECT_EQ(client.getBackupTasks("", "false"), "");
     TaskListEntry task = makeTask("D");
     EXPECT_EQ((std::vector<int64_t>{client.iResult, client.getTaskNames("true"),
-                                    client.addOrEditBackupTask(task, "Add", "", "", ""), client.deleteTasks("B")}),
+                                    client.addOrEditBackupTask(task, "Add", "", "", ""),
+                                    client.deleteTasks("B")}),
               std::vector<int64_t>(4, ResultCode::NotLoggedOn));
 }
 

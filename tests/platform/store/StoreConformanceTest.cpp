@@ -158,7 +158,8 @@ TEST_P(StoreConformanceTest, LogonsMakeAccountsAndTaskListWritesCompareVersions)
 
     store->logoff();
     EXPECT_EQ((std::vector<int64_t>{statCode(*store, "\\"), putText(*store, "\\x", "x"),
-                                    store->readTaskList(document, version), store->makeFolder("\\A", "", "")}),
+                                    store->readTaskList(document, version),
+                                    store->makeFolder("\\A", "", "")}),
               std::vector<int64_t>(4, R::NotLoggedOn));
 }
 
@@ -353,7 +354,8 @@ TEST_P(StoreConformanceTest, FoldersKeepDescriptionsAndMovesAndCopiesCarryThemWi
     EXPECT_EQ(itemAt(*later, "\\N\\id_key").mode, key);
     EXPECT_EQ(itemAt(*later, "\\Renamed\\Inner").description, "inner");
     using Moved = std::pair<const char*, double>;
-    for (auto [moved, seconds] : {Moved{"\\History\\a.txt", 1'600'000'001.0}, Moved{"\\History\\c.txt", 1'600'000'001.0},
+    for (auto [moved, seconds] : {Moved{"\\History\\a.txt", 1'600'000'001.0},
+                                  Moved{"\\History\\c.txt", 1'600'000'001.0},
                                   Moved{"\\Renamed\\Inner\\b.txt", 1'600'000'000.0}})
         EXPECT_NEAR(itemAt(*later, moved).modifyTime.timeIntervalSince1970(), seconds, 1) << moved;
 }
@@ -435,11 +437,11 @@ TEST_P(StoreConformanceTest, PathsLeavingTheAccountAreRefused) {
         std::vector<StoreItem> items;
         MemorySink sink;
         MemorySource source("evil", "t");
-        EXPECT_EQ((std::vector<int64_t>{statCode(*store, path), store->list(path, items),
-                                        store->makeFolder(path, "", ""), store->setFolderInfo(path, "x", "y"),
-                                        store->put(path, source, Date(), nullptr), store->get(path, sink, nullptr),
-                                        store->move("\\a\\file", path), store->move(path, "\\a\\moved"),
-                                        store->copy("\\a", path), store->remove(path)}),
+        EXPECT_EQ((std::vector<int64_t>{
+                      statCode(*store, path), store->list(path, items), store->makeFolder(path, "", ""),
+                      store->setFolderInfo(path, "x", "y"), store->put(path, source, Date(), nullptr),
+                      store->get(path, sink, nullptr), store->move("\\a\\file", path),
+                      store->move(path, "\\a\\moved"), store->copy("\\a", path), store->remove(path)}),
                   std::vector<int64_t>(10, R::BadPath));
         EXPECT_EQ(source.bytesRead(), 0u);
     }
