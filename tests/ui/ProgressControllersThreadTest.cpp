@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/ModalWorker.h"
 #include "common/TempHome.h"
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/HeadlessMessagebox.h"
@@ -22,6 +23,8 @@
 
 namespace cirrovault {
 namespace {
+
+using test::underModalLoop;
 
 // Waits (in short real steps) for the window's refresh thread to show what is asked: a
 // refresh that began before the last change may show it late.
@@ -54,11 +57,12 @@ protected:
 TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
     ProgressBarController controller(backend);
     EXPECT_TRUE(controller.IsCancelProgressModel(nullptr));
-    Thread* self = nullptr;
     bool shown = false;
     bool cancelWhileOpen = true;
     std::shared_ptr<ViewWindow> window;
-    Thread worker([&] {
+    Thread* worker = nullptr;
+    underModalLoop([&](Thread* t) { controller.EnterProgressMode(t); return true; }, [&](Thread* self) {
+        worker = self;
         auto info = controller.getProgressInfo(self);
         window = controller.windowOf(self)->window();
         info->setTotalFiles(8);
@@ -78,18 +82,13 @@ TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
         controller.SetProgressMessage(self, "Deleting");
         controller.LeaveProgressModel(self);
     });
-    self = &worker;
-
-    controller.EnterProgressMode(&worker);
-    worker.join();
     EXPECT_TRUE(shown);
     EXPECT_FALSE(cancelWhileOpen);
     EXPECT_EQ(window->text(ViewOutlet::Total) + " " + window->text(ViewOutlet::TotalLabel), "10 Total Objects:");
-    EXPECT_EQ(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::Message),
-              (std::vector<std::string>{"Deleting"}));
+    EXPECT_EQ(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::Message), (std::vector<std::string>{"Deleting"}));
     EXPECT_TRUE(window->isClosed() && controller.windowCount() == 0);
-    EXPECT_TRUE(controller.IsCancelProgressModel(&worker)); // no windows left
-    EXPECT_EQ(controller.getProgressInfo(&worker), nullptr);
+    EXPECT_TRUE(controller.IsCancelProgressModel(worker)); // no windows left
+    EXPECT_EQ(controller.getProgressInfo(worker), nullptr);
 }
 
 // The window's close button is a cancel too: a deletion must not go on unwatched.
@@ -99,19 +98,16 @@ TEST_F(ProgressThreadTest, CancelOrCloseEndsTheLoopAndReachesTheWorker) {
         auto backend = std::make_shared<HeadlessViewBackend>();
         ProgressBarController controller(backend);
         backend->pressWhenText(ViewLayout::ProgressWindow, ViewOutlet::Message, "step 2", button);
-        Thread* self = nullptr;
         int steps = 0;
         bool progressCancelled = false;
-        Thread worker([&] {
+        // The loop returns on Cancel, maybe before the worker ends.
+        underModalLoop([&](Thread* t) { controller.EnterProgressMode(t); return true; }, [&](Thread* self) {
             auto info = controller.getProgressInfo(self);
             while (!controller.IsCancelProgressModel(self) && steps < 1000)
                 controller.SetProgressMessage(self, "step " + std::to_string(++steps));
             progressCancelled = info->IsCancelled();
             controller.LeaveProgressModel(self);
         });
-        self = &worker;
-        controller.EnterProgressMode(&worker); // returns on Cancel, maybe before the worker ends
-        worker.join();
         EXPECT_EQ(steps, 2);
         EXPECT_TRUE(progressCancelled && controller.windowCount() == 0);
     }
@@ -121,9 +117,10 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
     boxes->queueAnswer(MessageboxAnswer::No);  // first Cancel: the user changes their mind
     boxes->queueAnswer(MessageboxAnswer::Yes); // second Cancel: stop
     CDownloadFileController controller(backend);
-    Thread* self = nullptr;
     std::vector<bool> cancelSeen;
-    Thread worker([&] {
+    Thread* worker = nullptr;
+    EXPECT_TRUE(underModalLoop([&](Thread* t) { return controller.EnterProgressMode(t); }, [&](Thread* self) {
+        worker = self;
         controller.iTotalSize = 1000;
         controller.setStrDownPath("/home/u/restore");
         auto progress = controller.pDownloadProgBar;
@@ -131,21 +128,17 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
         progress->setSentSize(100);
         clock->advance(10);
         progress->setSentSize(300); // 30 bytes a second, 700 left: 23 seconds
-        auto window = controller.view()->window();
-        window->press(ViewButton::Cancel);
-        cancelSeen.push_back(controller.IsCancelDownload(self));
-        window->press(ViewButton::Cancel);
-        cancelSeen.push_back(controller.IsCancelDownload(self));
+        for (int press = 0; press < 2; ++press) {
+            controller.view()->window()->press(ViewButton::Cancel);
+            cancelSeen.push_back(controller.IsCancelDownload(self));
+        }
         controller.LeaveProgressModel(self);
-    });
-    self = &worker;
-    EXPECT_TRUE(controller.EnterProgressMode(&worker));
-    worker.join();
+    }));
 
     EXPECT_EQ(cancelSeen, (std::vector<bool>{false, true}));
     EXPECT_TRUE(controller.pDownloadProgBar->IsClickedCancel());
     EXPECT_EQ(controller.view()->nType, 1);
-    EXPECT_EQ(controller.pDownloadThread, &worker);
+    EXPECT_EQ(controller.pDownloadThread, worker);
     auto window = controller.view()->window();
     EXPECT_EQ(window->text(ViewOutlet::TimeLeft) + " " + window->text(ViewOutlet::TransferRate) + " " +
                   window->text(ViewOutlet::DownPath),
@@ -157,7 +150,7 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
     EXPECT_EQ(boxes->shown()[0].style, MessageboxStyle::YesNo);
 
     // One view per controller; a null thread changes nothing.
-    EXPECT_TRUE(controller.EnterProgressMode(&worker));
+    EXPECT_TRUE(controller.EnterProgressMode(worker));
     EXPECT_FALSE(controller.IsCancelDownload(nullptr));
 
     // Nothing to restore: no percentage and no time.
@@ -175,17 +168,13 @@ TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
     boxes->queueAnswer(MessageboxAnswer::Yes);
     CDownloadFileController controller(backend);
     backend->pressOnShow(ViewLayout::DownloadProgressWindow, ViewButton::Close);
-    Thread* self = nullptr;
     bool stopped = false;
-    Thread worker([&] {
+    underModalLoop([&](Thread* t) { return controller.EnterProgressMode(t); }, [&](Thread* self) {
         while (!controller.IsCancelDownload(self)) {
         }
         stopped = controller.pDownloadProgBar->IsClickedCancel();
         controller.LeaveProgressModel(self);
     });
-    self = &worker;
-    controller.EnterProgressMode(&worker);
-    worker.join();
     EXPECT_TRUE(stopped);
     EXPECT_EQ(controller.view()->nType, 1); // the worker's leave comes last
     ASSERT_EQ(boxes->shown().size(), 1u);
