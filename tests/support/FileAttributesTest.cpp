@@ -9,7 +9,6 @@
 #include "support/CFileAttributes.h"
 #include "support/CFileInfo.h"
 #include "support/FMLocFileManager.h"
-#include "support/FileAttributeNode.h"
 
 using namespace cirrovault;
 
@@ -38,7 +37,6 @@ std::string attributes(CFileAttributes& item) {
 
 TEST_F(LocalItems, AttributesOfFileFolderLinkAndMissingPath) {
     CFileAttributes onFile(file), onFolder(folder), onLink(link), missing(folder + "/none");
-    EXPECT_FALSE(onFile.bFile); // nothing read before asking
     EXPECT_EQ(attributes(onFile), "1 file 1 folder 0 size 10 Regular dates 11");
     EXPECT_EQ(*onFile.modifyDate, Date(1'700'000'000.25));
     EXPECT_LE(*onFile.createDate, *onFile.modifyDate);
@@ -76,7 +74,6 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
 
     EXPECT_FALSE(FMLocFileManager::ShouldDisplay(folder + "/.hidden"));
     EXPECT_TRUE(FMLocFileManager::ShouldDisplay(folder + "/Docs"));
-    EXPECT_TRUE(FMLocFileManager::IsInvisible(folder + "/Docs"));
 
     FMLocFileManager manager;
     auto row = manager.GetFileAttribute(file);
@@ -85,10 +82,6 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
     EXPECT_EQ(row["DateModified"], manager.formatDate(Date(1'700'000'000.25)));
     EXPECT_EQ(manager.GetFileAttribute(folder)["Size"], "--");
     EXPECT_TRUE(manager.GetFileAttribute(folder + "/none").empty());
-
-    FileAttributeNode node(row["Name"], row["DateModified"], row["Size"], row["Kind"], folder, file, "");
-    EXPECT_EQ(node.fileParentPath, folder);
-    EXPECT_FALSE(node.bSelect);
 }
 
 TEST(FMLocFileManagerDates, MediumDateShortTime) {

@@ -11,18 +11,17 @@
 #include "platform/os/FileSystem.h"
 #include "support/RestoredItem.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 // What a download writes: the stored bytes under the stored time and mode.
-void download(const std::string& path, const std::string& bytes, Date time, uint32_t mode) {
+static void download(const std::string& path, const std::string& bytes, Date time, uint32_t mode) {
     auto sink = LocalFileSink::open(path, time, mode);
     ASSERT_TRUE(sink);
     ASSERT_TRUE(sink->write(bytes.data(), bytes.size()));
     ASSERT_TRUE(sink->finish());
 }
 
-std::string linkTarget(const std::string& path) {
+static std::string linkTarget(const std::string& path) {
     char buffer[256] = {};
     ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer - 1);
     return n < 0 ? "<not a link>" : std::string(buffer, static_cast<size_t>(n));
@@ -66,6 +65,3 @@ TEST(RestoredItem, LinksAndModesComeBackAsTheyWere) {
     EXPECT_NE(RestoredItem::finish(home.file("broken"), S_IFLNK | 0777, when), "");
     EXPECT_TRUE(FileSystem::isRegularFile(home.file("broken")));
 }
-
-} // namespace
-} // namespace cirrovault

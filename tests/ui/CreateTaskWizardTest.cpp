@@ -11,8 +11,7 @@
 #include "service/CManageTaskList.h"
 #include "ui/CreateViewXibController.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 using test::localDate;
 
@@ -219,6 +218,3 @@ TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleType) {
     controller->pStep1View->selectDayIndex(0);
     EXPECT_EQ(controller->getStep1SelectBackupDay(), 1);
 }
-
-} // namespace
-} // namespace cirrovault

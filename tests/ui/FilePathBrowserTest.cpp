@@ -16,8 +16,7 @@
 #include "ui/FilePathTableViewController.h"
 #include "ui/ImageAndTextCell.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 class FilePathBrowserTest : public ::testing::Test {
 protected:
@@ -183,6 +182,3 @@ TEST_F(FilePathBrowserTest, WithoutATerminalTheBrowserEndsAtOnceWithItsTicks) {
     EXPECT_EQ(terminal->modalWindow(), nullptr);
     ::close(options.inputFd);
 }
-
-} // namespace
-} // namespace cirrovault

@@ -14,8 +14,7 @@
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "ui/LoopDlgController.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 class InteractiveScanThreadTest : public ::testing::Test {
 protected:
@@ -57,6 +56,3 @@ TEST_F(InteractiveScanThreadTest, ScanPageShowsTotalsAndCancelEmptiesTheList) {
     EXPECT_LT(texts(ViewOutlet::TotalFilesCount).size(), 150u); // stopped well before the end
     EXPECT_EQ(backend->pressesOf(ViewLayout::LoopDialog, ViewButton::Cancel), 1u);
 }
-
-} // namespace
-} // namespace cirrovault

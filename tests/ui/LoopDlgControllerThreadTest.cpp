@@ -7,8 +7,7 @@
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "ui/LoopDlgController.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 using test::underModalLoop;
 using Texts = std::vector<std::string>;
@@ -140,6 +139,3 @@ TEST_F(LoopDialogThreadTest, ScanPageFramesFrameworkEntryPointsAndNullThreads) {
     EXPECT_TRUE(cancelled);
     EXPECT_FALSE(loop.EnterLoopMode(nullptr, CLoopItem::ButtonCancel));
 }
-
-} // namespace
-} // namespace cirrovault
