@@ -7,7 +7,6 @@
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 #include "support/CFileAttributes.h"
-#include "support/CFileInfo.h"
 #include "support/FMLocFileManager.h"
 
 using namespace cirrovault;

@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "common/EngineSession.h"
 #include "common/LocalDate.h"
-#include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "service/CManageTaskList.h"
@@ -25,35 +22,30 @@ public:
     bool answer = true;
 };
 
-class CreateTaskWizardTest : public test::SessionFixture {
+class CreateTaskWizardTest : public test::EngineSession {
 protected:
     void SetUp() override {
         Clock::setShared(clock);
-        SessionFixture::SetUp();
-        NimboMessagebox::setPresenter(messages);
+        EngineSession::SetUp();
         controller = std::make_unique<CreateViewXibController>(backend);
         controller->setDelegate(&host);
-        SystemLog::startCapture();
     }
     void TearDown() override {
-        SystemLog::stopCapture();
         controller.reset();
-        NimboMessagebox::setPresenter(nullptr);
-        SessionFixture::TearDown();
-        Clock::setShared(nullptr);
+        EngineSession::TearDown();
     }
 
     // The string-table keys of the notices shown since the last call.
     std::vector<std::string> shownKeys() {
         std::vector<std::string> found;
-        for (const auto& shown : messages->shown()) {
+        for (const auto& shown : dialogs_->shown()) {
             found.push_back("<" + shown.text + ">");
             for (const char* key : {"EmptyTaskName", "DescriptionsEmpty", "TaskNameInvaild", "IDS_MSGSELFOLDER",
                                     "IDS_STRING_EMPTY", "IDS_MSGDUPNAME"})
                 if (shown.text == LoadString::GetValueByKey(key, "") && shown.style == MessageboxStyle::Notice)
                     found.back() = key;
         }
-        messages->clearShown();
+        dialogs_->clearShown();
         return found;
     }
     std::vector<std::string> next(const std::string& name, const std::string& description) {
@@ -87,7 +79,6 @@ protected:
 
     // Wednesday 8 May 2024, 09:30:20.5 local time.
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(localDate(2024, 5, 8, 9, 30, 20.5));
-    std::shared_ptr<HeadlessMessagebox> messages = std::make_shared<HeadlessMessagebox>();
     std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
     RecordingStepDelegate host;
     std::unique_ptr<CreateViewXibController> controller;
@@ -179,9 +170,9 @@ TEST_F(CreateTaskWizardTest, UnreadableServiceListStopsWithItsOwnMessage) {
     tickNewFolder("Docs");
     api().Logoff();
     EXPECT_EQ(controller->IsCreateTaskValid("Docs"), -1);
-    ASSERT_EQ(messages->shown().size(), 1u);
-    EXPECT_EQ(messages->shown()[0].text, CManageTaskList().showManageTaskListResult(1, 1));
-    messages->clearShown();
+    ASSERT_EQ(dialogs_->shown().size(), 1u);
+    EXPECT_EQ(dialogs_->shown()[0].text, CManageTaskList().showManageTaskListResult(1, 1));
+    dialogs_->clearShown();
 
     // Next stops after that message, without a duplicate-name message of its own.
     EXPECT_EQ(next("Docs", "Mine").size(), 1u);
