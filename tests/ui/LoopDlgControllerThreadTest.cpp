@@ -81,7 +81,8 @@ TEST_F(LoopDialogThreadTest, RetryDuringCountdownIsClearedAndBackToMessagePage) 
     // While the retry page shows, messages go there; the message set while the type is
     // still 3 lands on the retry page too.
     EXPECT_EQ(texts(ViewOutlet::LogOnStr), (Texts{"signing in", "done"}));
-    EXPECT_EQ(texts(ViewOutlet::RetryLogonStr), (Texts{"again in 59", "again in 58", "again in 57", "signing in again"}));
+    EXPECT_EQ(texts(ViewOutlet::RetryLogonStr),
+              (Texts{"again in 59", "again in 58", "again in 57", "signing in again"}));
     EXPECT_EQ(backend->pressesOf(ViewLayout::LoopDialog, ViewButton::Retry), 1u);
 }
 

@@ -80,7 +80,7 @@ TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
         controller.LeaveProgressModel(self);
     });
     EXPECT_EQ(window->text(ViewOutlet::Total) + " " + window->text(ViewOutlet::TotalLabel), "10 Total Objects:");
-    EXPECT_EQ(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::Message), (std::vector<std::string>{"Deleting"}));
+    EXPECT_EQ(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::Message), std::vector<std::string>{"Deleting"});
     EXPECT_TRUE(window->isClosed() && controller.windowCount() == 0);
     EXPECT_TRUE(controller.IsCancelProgressModel(worker)); // no windows left
     EXPECT_EQ(controller.getProgressInfo(worker), nullptr);
