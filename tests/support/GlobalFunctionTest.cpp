@@ -85,8 +85,6 @@ TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
     ItemInfoRecord info = GlobalFunction::getItemInfo(16, folder + "/a.txt");
     EXPECT_EQ(std::to_string(info.flags) + " " + info.fileType + " " + info.extension, "16 Regular txt");
     EXPECT_EQ(GlobalFunction::getItemInfo(16, folder + "/none").fileType, "");
-    // Answers true for anything, hidden or not, existing or not.
-    EXPECT_TRUE(GlobalFunction::isInvisible(folder + "/a.txt") && GlobalFunction::isInvisible(folder + "/none"));
 
     // Without a logon: the product folder, not made; no server copy to compare with.
     TransferApiUtil::releaseTransferApiUtil();
@@ -95,16 +93,17 @@ TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
     EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\nowhere\\a.txt", folder + "/a.txt"), 2);
 }
 
+// Dialogs without a logged-on session.
 class GlobalFunctionDialogs : public ::testing::Test {
 protected:
     void SetUp() override {
-        presenter = std::make_shared<HeadlessMessagebox>();
+        TransferApiUtil::releaseTransferApiUtil();
         NimboMessagebox::setPresenter(presenter);
     }
     void TearDown() override { NimboMessagebox::setPresenter(nullptr); }
 
     test::TempHome home;
-    std::shared_ptr<HeadlessMessagebox> presenter;
+    std::shared_ptr<HeadlessMessagebox> presenter = std::make_shared<HeadlessMessagebox>();
 };
 
 TEST_F(GlobalFunctionDialogs, MessageBoxWithoutTitleAndTheFolderPanel) {
@@ -121,7 +120,6 @@ TEST_F(GlobalFunctionDialogs, MessageBoxWithoutTitleAndTheFolderPanel) {
 }
 
 TEST_F(GlobalFunctionDialogs, SpaceLimitRetryOnlyOnRetry) {
-    TransferApiUtil::releaseTransferApiUtil();
     presenter->queueAnswer(MessageboxAnswer::Retry);
     EXPECT_TRUE(GlobalFunction::SpaceLimitRetry("Full"));
     EXPECT_FALSE(GlobalFunction::SpaceLimitRetry("Full")); // headless default: cancel
@@ -131,7 +129,6 @@ TEST_F(GlobalFunctionDialogs, SpaceLimitRetryOnlyOnRetry) {
 }
 
 TEST_F(GlobalFunctionDialogs, SpaceLimitAlterBuildsItsMessageAndOrdersOnSeven) {
-    TransferApiUtil::releaseTransferApiUtil();
     EXPECT_FALSE(GlobalFunction::SpaceLimitAlter(1, ""));
     presenter->queueAnswer(MessageboxAnswer::OrderSpace);
     EXPECT_TRUE(GlobalFunction::SpaceLimitAlter(4, "Buy more?"));
