@@ -95,16 +95,14 @@ TEST_F(CreateTaskWizardTest, ChecksRefuseInOrderWithTheirKeys) {
     EXPECT_FALSE(proposed.empty());
     EXPECT_EQ(controller->getStep1TaskDescription(), proposed);
 
-    using Keys = std::vector<std::string>;
-    EXPECT_EQ(next("", ""), Keys{"EmptyTaskName"});
-    EXPECT_EQ(next("", "Fine"), Keys{"EmptyTaskName"});
-    EXPECT_EQ(next("   ", "Fine"), Keys{"TaskNameInvaild"}); // blank is not empty
-    EXPECT_EQ(next("Docs", ""), Keys{"DescriptionsEmpty"});
-    EXPECT_EQ(next("Docs", " \t "), Keys{"DescriptionsEmpty"});
-    EXPECT_EQ(next("My.Task", "  "), Keys{"DescriptionsEmpty"}); // description before name
-    EXPECT_EQ(next("My.Task", "Fine"), Keys{"TaskNameInvaild"});
-    EXPECT_EQ(next("a$b", "Fine"), Keys{"TaskNameInvaild"});
-    EXPECT_EQ(next("Docs", "Fine"), Keys{"IDS_MSGSELFOLDER"}); // nothing ticked
+    // A blank name is not empty; the description is checked before the name's letters;
+    // the last: nothing ticked.
+    for (auto [name, description, key] : {std::tuple{"", "", "EmptyTaskName"}, {"", "Fine", "EmptyTaskName"},
+                                          {"   ", "Fine", "TaskNameInvaild"}, {"Docs", "", "DescriptionsEmpty"},
+                                          {"Docs", " \t ", "DescriptionsEmpty"}, {"My.Task", "  ", "DescriptionsEmpty"},
+                                          {"My.Task", "Fine", "TaskNameInvaild"}, {"a$b", "Fine", "TaskNameInvaild"},
+                                          {"Docs", "Fine", "IDS_MSGSELFOLDER"}})
+        EXPECT_EQ(next(name, description), std::vector<std::string>{key}) << name << "|" << description;
 
     // A new task started afresh keeps nothing of the refused attempts.
     ASSERT_TRUE(controller->createTaskName());

@@ -1,5 +1,4 @@
 #include <chrono>
-#include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -13,7 +12,6 @@
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
 #include "platform/os/ResultCodes.h"
-#include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
@@ -38,11 +36,9 @@ class ProgressThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
         Clock::setShared(clock);
-        SystemLog::startCapture();
         NimboMessagebox::setPresenter(boxes);
     }
     void TearDown() override {
-        SystemLog::stopCapture();
         Clock::setShared(nullptr);
         NimboMessagebox::setPresenter(nullptr);
     }
