@@ -86,11 +86,10 @@ TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
     EXPECT_EQ(std::to_string(info.flags) + " " + info.fileType + " " + info.extension, "16 Regular txt");
     EXPECT_EQ(GlobalFunction::getItemInfo(16, folder + "/none").fileType, "");
 
-    // Without a logon: the product folder, not made; no server copy to compare with.
+    // Without a logon: the product folder, not made.
     TransferApiUtil::releaseTransferApiUtil();
     EXPECT_EQ(GlobalFunction::GetOBCurrentAppPath(), CFileInfo::getProductFolderPath());
     EXPECT_FALSE(FileSystem::exists(CFileInfo::getProductFolderPath()));
-    EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\nowhere\\a.txt", folder + "/a.txt"), 2);
 }
 
 // Dialogs without a logged-on session.

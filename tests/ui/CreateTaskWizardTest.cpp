@@ -66,14 +66,11 @@ protected:
     }
     void addServiceTask(const std::string& name, uint64_t pcID, const std::string& pcName) {
         TaskListEntry task;
-        task.taskID = static_cast<int32_t>(pcID % 1000);
+        task.taskID = static_cast<int32_t>(pcID);
         task.pcID = pcID;
         task.name = task.description = name;
         task.mPCName = pcName;
-        task.taskType = 1;
         task.serverPath = "\\Backup\\" + name;
-        task.mDating = task.mBeginDate = Date::now();
-        task.mEndDate = localDate(2099, 1, 1, 0, 0);
         ASSERT_EQ(CManageTaskList().addOrEditBackupTask(task, "Add", "", "", ""), 0);
     }
 
