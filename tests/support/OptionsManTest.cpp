@@ -132,13 +132,12 @@ TEST_F(OptionsManTest, AccountFileIsSeparateFromThePublicFile) {
         OptionsMan::SaveOptions();
         ASSERT_TRUE(FileSystem::isRegularFile(accountFile));
 
+        // The sets are not merged: the last load wins.
         OptionsMan::clearnOptionsManClass();
-        OptionsMan::LoadOptions();
-        EXPECT_EQ(OptionsMan::intervalMinutes(), 15u);
-        OptionsMan::LoadPublicOptions(); // the sets are not merged: the last load wins
-        EXPECT_EQ(OptionsMan::intervalMinutes(), 30u);
-        OptionsMan::LoadOptions();
-        EXPECT_EQ(OptionsMan::intervalMinutes(), 15u);
+        std::string loaded;
+        for (auto load : {OptionsMan::LoadOptions, OptionsMan::LoadPublicOptions, OptionsMan::LoadOptions})
+            loaded += (load(), std::to_string(OptionsMan::intervalMinutes())) + " ";
+        EXPECT_EQ(loaded, "15 30 15 ");
     }
     {
         test::AccountSession strange("../escape");
@@ -146,7 +145,7 @@ TEST_F(OptionsManTest, AccountFileIsSeparateFromThePublicFile) {
         SystemLog::startCapture();
         EXPECT_EQ(OptionsMan::getOptionsFile(), "");
         OptionsMan::SaveOptions(); // refused, not written outside the options folder
-        EXPECT_TRUE(SystemLog::capturedContains("customer ID"));
+        EXPECT_TRUE(SystemLog::capturedContains("Error: the customer ID cannot name an options folder"));
         SystemLog::stopCapture();
         EXPECT_FALSE(FileSystem::exists(home.dataHome() + "/Cirrovault/Options/escape"));
     }
