@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include "common/LocalDate.h"
+#include "common/Answers.h"
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 #include "support/CFileAttributes.h"
 #include "support/FMLocFileManager.h"
 
 using namespace cirrovault;
+using test::answers;
 
 class LocalItems : public ::testing::Test {
 protected:
@@ -90,37 +92,30 @@ TEST(FMLocFileManagerDates, MediumDateShortTime) {
 }
 
 TEST_F(LocalItems, FileOperations) {
-    std::string target = home.file("target");
-    ASSERT_TRUE(FileSystem::createDirectories(target));
-    ASSERT_TRUE(FileSystem::createDirectories(folder + "/sub/deeper"));
-    ASSERT_TRUE(FileSystem::writeFileAtomically(folder + "/sub/deeper/x", "x"));
+    auto op = [](const std::string& path, const char* operation, const std::string& target = "") {
+        return FMLocFileManager::doFileOperation(path, operation, target);
+    };
+    std::string target = home.file("target"), sub = folder + "/sub";
+    ASSERT_TRUE(FileSystem::createDirectories(target) && FileSystem::createDirectories(sub + "/deeper"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(sub + "/deeper/x", "x"));
 
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(folder + "/sub", "copy", target));
+    // A second copy finds the first there; no target, no copy.
+    EXPECT_EQ(answers({op(sub, "copy", target), op(sub, "copy", target), op(sub, "copy")}), "100");
     EXPECT_EQ(FileSystem::readFile(target + "/sub/deeper/x"), "x");
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(folder + "/sub", "copy", target)); // exists
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(folder + "/sub", "copy", ""));
-
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(file, "copy", target));
+    EXPECT_TRUE(op(file, "copy", target));
     EXPECT_EQ(FileSystem::status(target + "/a.txt")->modifyTime, Date(1'700'000'000.25));
-
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(target + "/a.txt", "destroy"));
-    EXPECT_FALSE(FileSystem::exists(target + "/a.txt"));
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(file, "move", target));
-    EXPECT_TRUE(FileSystem::exists(target + "/a.txt"));
-    EXPECT_FALSE(FileSystem::exists(file));
+    EXPECT_EQ(answers({op(target + "/a.txt", "destroy"), FileSystem::exists(target + "/a.txt"), op(file, "move", target),
+                       FileSystem::exists(target + "/a.txt"), FileSystem::exists(file)}),
+              "10110");
 
     // Recycling keeps the item in the user's trash with a note of where it was.
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(folder + "/sub", "recycle"));
-    EXPECT_FALSE(FileSystem::exists(folder + "/sub"));
     std::string trash = home.dataHome() + "/Trash";
-    EXPECT_TRUE(FileSystem::isDirectory(trash + "/files/sub"));
-    auto note = FileSystem::readFile(trash + "/info/sub.trashinfo");
-    ASSERT_TRUE(note);
-    EXPECT_NE(note->find("Path=" + folder + "/sub\n"), std::string::npos);
-    ASSERT_TRUE(FileSystem::createDirectories(folder + "/sub"));
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(folder + "/sub", "recycle"));
+    EXPECT_EQ(answers({op(sub, "recycle"), FileSystem::exists(sub), FileSystem::isDirectory(trash + "/files/sub")}), "101");
+    EXPECT_NE(FileSystem::readFile(trash + "/info/sub.trashinfo").value_or("").find("Path=" + sub + "\n"),
+              std::string::npos);
+    ASSERT_TRUE(FileSystem::createDirectories(sub));
+    EXPECT_TRUE(op(sub, "recycle"));
     EXPECT_TRUE(FileSystem::isDirectory(trash + "/files/sub.2")); // a second one of that name
 
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(target, "compress"));
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(folder + "/none", "destroy"));
+    EXPECT_FALSE(op(target, "compress") || op(folder + "/none", "destroy"));
 }
