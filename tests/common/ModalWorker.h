@@ -4,9 +4,8 @@
 
 namespace cirrovault::test {
 
-// A worker handed to a dialog controller's modal loop, which starts it: enter(worker) is
-// the controller's entry point, work(worker) the worker's body, given its own thread as
-// the controllers know it. Answers what enter answered, once the worker has ended.
+// Runs work(thread) on a worker that enter(thread), a dialog controller's modal loop, starts;
+// answers what enter answered, once the worker has ended.
 template <class Enter, class Work>
 bool underModalLoop(Enter enter, Work work) {
     Thread* self = nullptr;

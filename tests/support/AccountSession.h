@@ -10,9 +10,8 @@
 
 namespace cirrovault::test {
 
-// Logs the shared session on, for the life of the object, over a local store under $HOME
-// that answers a chosen customer ID, even one no store would make: enough for code that
-// keeps per-account files on this computer.
+// Logs the shared session on for the life of the object, over a local store that answers a
+// chosen customer ID, even one no store would make: for code that keeps per-account files.
 class AccountSession {
 public:
     explicit AccountSession(std::string customerID) {

@@ -136,7 +136,6 @@ TEST_F(CErrorLogTest, EightWritersLeaveWholeRecordsUnderOneMark) {
     for (auto& writer : writers)
         writer->join();
 
-    // Every line is one whole record, and each writer's records come in its own order.
     auto content = FileSystem::readFile(logFile()).value_or("");
     ASSERT_EQ(content.substr(0, kMark.size()), kMark);
     EXPECT_EQ(content.back(), '\n');

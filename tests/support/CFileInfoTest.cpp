@@ -16,8 +16,7 @@ using test::answers;
 
 namespace {
 
-// Rows of input and expected output for a one-argument path function; "<none>" stands
-// for an empty optional.
+// Rows of input and expected output for a path function; "<none>" is an empty optional.
 using Rows = std::vector<std::pair<std::string, std::string>>;
 void expectRows(const std::function<std::optional<std::string>(const std::string&)>& f, const Rows& rows) {
     for (const auto& [in, out] : rows)

@@ -59,7 +59,6 @@ TEST_F(FilePathBrowserTest, RowsHideDotItemsAndListFoldersFirstByName) {
     EXPECT_EQ(rows[2].ymbolicLinkPath, root + "/b_dir");
     EXPECT_EQ(rows[3].size + "|" + rows[3].ymbolicLinkPath, "13 bytes|");
 
-    // The window shows one drawn row per item, folders marked as such.
     auto drawn = browser.window()->items(ViewOutlet::Rows);
     ASSERT_EQ(drawn.size(), rows.size());
     EXPECT_EQ(drawn[0].substr(0, 12) + "|" + drawn[2].substr(0, 15) + "|" + drawn[3].substr(0, 11),

@@ -1,5 +1,3 @@
-// The interactive scan of a new task runs under the wait dialog's scan page, shows its
-// running totals there, and stops when the user presses Cancel.
 #include <fstream>
 
 #include <gtest/gtest.h>

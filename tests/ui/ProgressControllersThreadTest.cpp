@@ -166,8 +166,7 @@ TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
     EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("closeDownloadFileView"));
 }
 
-// Once installed, the shared controller's window is the one the manager's deletions run
-// under: the window starts the worker, and the worker closes it at its end.
+// The installed window starts the deletion's worker, and the worker closes it at its end.
 TEST_F(ProgressThreadTest, InstalledControllerRunsTheManagersDeletion) {
     ViewBackend::setShared(backend);
     ProgressBarController::installProgressModeHost();
