@@ -10,16 +10,7 @@
 
 using namespace cirrovault;
 
-class GlobalFunctionServer : public test::SessionFixture {
-protected:
-    // The session logged on again through a store that fails on request.
-    std::shared_ptr<FaultInjectingStore> faulty() {
-        auto faults = std::make_shared<FaultInjectingStore>(api().backend());
-        api().SetBackend(faults);
-        EXPECT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
-        return faults;
-    }
-};
+class GlobalFunctionServer : public test::SessionFixture {};
 
 TEST_F(GlobalFunctionServer, CreateSrvFolderMakesMissingParentsAndReportsTheCode) {
     int64_t code = -1;
@@ -37,7 +28,9 @@ TEST_F(GlobalFunctionServer, CreateSrvFolderMakesMissingParentsAndReportsTheCode
 }
 
 TEST_F(GlobalFunctionServer, CodesAboveNineCountAsSuccessAndNotLoggedOnRetriesOnce) {
-    auto faults = faulty();
+    auto faults = std::make_shared<FaultInjectingStore>(api().backend());
+    api().SetBackend(faults);
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
     // Codes above 9 are the service's notices: the folder counts as made. An expired
     // session is logged on again, and then the folder is made.
     int64_t code = 0;
@@ -87,7 +80,8 @@ TEST_F(GlobalFunctionServer, LogonAndReLogon) {
     EXPECT_TRUE(GlobalFunction::reLogon(false));
     EXPECT_FALSE(api().sessionID().empty());
 
-    auto faults = faulty();
+    auto faults = std::make_shared<FaultInjectingStore>(api().backend());
+    api().SetBackend(faults);
     // A failure, or a password changed on the service since the logon, is a refusal.
     for (int64_t refusal : {ResultCode::Failure, ResultCode::WrongPassword}) {
         ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
