@@ -63,16 +63,16 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
     for (const auto& path : {folder, file, link, folder + "/tool", folder + "/none"})
         kinds += FMLocFileManager::CopyKindString(path) + ",";
     EXPECT_EQ(kinds, "Folder,Document,Alias,Application,,");
-    EXPECT_EQ(FMLocFileManager::CopyDispalyName(file), "a.txt");
-    EXPECT_EQ(FMLocFileManager::CopyDispalyName(folder + "/none"), "");
+    EXPECT_EQ(FMLocFileManager::CopyDispalyName(file) + "|" + FMLocFileManager::CopyDispalyName(folder + "/none"),
+              "a.txt|");
 
-    EXPECT_EQ(FMLocFileManager::GetFileSize(file), 10u);
-    EXPECT_EQ(FMLocFileManager::GetFileSize(link), 10u); // the link leads to the file
-    EXPECT_EQ(FMLocFileManager::GetFileSize(folder + "/none"), std::nullopt);
-    EXPECT_EQ(FMLocFileManager::GetCurSubItemCount(folder), 3u);
-    EXPECT_EQ(FMLocFileManager::GetCurSubItemCount(""), 0u);
+    // The link leads to the file.
+    EXPECT_EQ((std::vector{FMLocFileManager::GetFileSize(file), FMLocFileManager::GetFileSize(link),
+                           FMLocFileManager::GetFileSize(folder + "/none")}),
+              (std::vector<std::optional<uint64_t>>{10, 10, std::nullopt}));
+    EXPECT_EQ((std::pair{FMLocFileManager::GetCurSubItemCount(folder), FMLocFileManager::GetCurSubItemCount("")}),
+              (std::pair{3u, 0u}));
     EXPECT_EQ(FMLocFileManager::GetCurSubPathURLArray(folder + "/none"), std::nullopt);
-
     EXPECT_FALSE(FMLocFileManager::ShouldDisplay(folder + "/.hidden"));
     EXPECT_TRUE(FMLocFileManager::ShouldDisplay(folder + "/Docs"));
 
