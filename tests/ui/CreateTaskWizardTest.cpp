@@ -108,7 +108,7 @@ TEST_F(CreateTaskWizardTest, ChecksRefuseInOrderWithTheirKeys) {
     EXPECT_EQ(controller->nTaskStep1ButtonType, 0);
 }
 
-TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactly) {
+TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactlyAndAnUnreadableListStops) {
     addServiceTask("Docs", 11, "this-pc");
     addServiceTask("Photos", 99, "other-pc"); // another computer of the account
     ASSERT_TRUE(controller->createTaskName());
@@ -129,6 +129,14 @@ TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactly) {
     auto task = controller->pBackupManage->GetNewTask();
     ASSERT_TRUE(task && task->localDirList.size() == 1);
     EXPECT_EQ(task->name + " " + task->localDirList[0].path(), "docs " + folder);
+
+    // A list that cannot be read says so, once for the check and once for Next, which stops
+    // there without a duplicate-name message of its own.
+    api().Logoff();
+    EXPECT_EQ(controller->IsCreateTaskValid("Docs"), -1);
+    const std::string unreadable = "<" + CManageTaskList().showManageTaskListResult(1, 1) + ">";
+    EXPECT_EQ(next("Photos", "Mine"), (std::vector<std::string>{unreadable, unreadable}));
+    EXPECT_EQ(host.directions, std::vector<int32_t>{1});
 }
 
 TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheManager) {
@@ -158,20 +166,6 @@ TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheM
     EXPECT_TRUE(SystemLog::capturedContains("Error:backButton: (id)sender,GoToTaskStep2Delegate"));
     EXPECT_TRUE(next("Travel", "Trip").empty());
     EXPECT_TRUE(SystemLog::capturedContains("Error:nextButton: (id)sender, GoToTaskStep2Delegate."));
-}
-
-TEST_F(CreateTaskWizardTest, UnreadableServiceListStopsWithItsOwnMessage) {
-    ASSERT_TRUE(controller->createTaskName());
-    tickNewFolder("Docs");
-    api().Logoff();
-    EXPECT_EQ(controller->IsCreateTaskValid("Docs"), -1);
-    ASSERT_EQ(dialogs_->shown().size(), 1u);
-    EXPECT_EQ(dialogs_->shown()[0].text, CManageTaskList().showManageTaskListResult(1, 1));
-    dialogs_->clearShown();
-
-    // Next stops after that message, without a duplicate-name message of its own.
-    EXPECT_EQ(next("Docs", "Mine").size(), 1u);
-    EXPECT_TRUE(host.directions.empty());
 }
 
 TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleType) {
