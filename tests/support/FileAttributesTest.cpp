@@ -46,7 +46,7 @@ TEST_F(LocalItems, AttributesOfFileFolderLinkAndMissingPath) {
     EXPECT_EQ(attributes(missing), "0 file 0 folder 0 size 0  dates 00");
 }
 
-TEST(FMLocFileManagerSize, DisplayBoundaries) {
+TEST(FMLocFileManagerDisplay, SizeBoundariesAndMediumDateShortTime) {
     EXPECT_EQ(FMLocFileManager::FormatFileSize(std::nullopt), "");
     // Just under 1024 KiB still rounds to KB.
     const std::pair<uint64_t, const char*> sizes[] = {
@@ -54,6 +54,9 @@ TEST(FMLocFileManagerSize, DisplayBoundaries) {
         {1048576, "1.0 MB"}, {5242880, "5.0 MB"}, {1073741824, "1.00 GB"}, {1099511627776, "1024.00 GB"}};
     for (const auto& [size, text] : sizes)
         EXPECT_EQ(FMLocFileManager::FormatFileSize(size), text) << size;
+    FMLocFileManager manager;
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 15, 4)), "Jan 5, 2024, 3:04 PM");
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 0, 4)), "Jan 5, 2024, 12:04 AM");
 }
 
 TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
@@ -83,12 +86,6 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
     EXPECT_EQ(row["DateModified"], manager.formatDate(Date(1'700'000'000.25)));
     EXPECT_EQ(manager.GetFileAttribute(folder)["Size"], "--");
     EXPECT_TRUE(manager.GetFileAttribute(folder + "/none").empty());
-}
-
-TEST(FMLocFileManagerDates, MediumDateShortTime) {
-    FMLocFileManager manager;
-    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 15, 4)), "Jan 5, 2024, 3:04 PM");
-    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 0, 4)), "Jan 5, 2024, 12:04 AM");
 }
 
 TEST_F(LocalItems, FileOperations) {
