@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 
@@ -27,7 +28,7 @@ public:
         };
         auto& api = TransferApiUtil::shareTransferApiUtil();
         api.SetBackend(std::make_shared<ChosenCustomerStore>(std::move(customerID)));
-        loggedOn_ = api.Logon("tester", "secret") == ResultCode::Success;
+        EXPECT_EQ(api.Logon("tester", "secret"), ResultCode::Success);
     }
     ~AccountSession() {
         TransferApiUtil::shareTransferApiUtil().Logoff();
@@ -35,11 +36,6 @@ public:
     }
     AccountSession(const AccountSession&) = delete;
     AccountSession& operator=(const AccountSession&) = delete;
-
-    bool loggedOn() const { return loggedOn_; }
-
-private:
-    bool loggedOn_ = false;
 };
 
 } // namespace cirrovault::test
