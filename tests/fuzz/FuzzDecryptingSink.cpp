@@ -9,22 +9,12 @@
 #include "platform/framework/DecryptingFileSink.h"
 #include "platform/framework/LocalFileSink.h"
 #include "platform/os/ResultCodes.h"
-#include "platform/os/SystemLog.h"
 
 using namespace cirrovault;
 
-namespace {
-
-std::string folder;
-
-bool folderIsEmpty() {
-    return std::filesystem::is_empty(folder);
-}
-
-} // namespace
+static std::string folder;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    SystemLog::setSyslogEnabled(false);
     char pattern[] = "/tmp/cirrovault-fuzz-XXXXXX";
     if (!mkdtemp(pattern))
         std::abort();
@@ -47,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ok = ok && sink.finish();
     if (ok != (sink.error() == ResultCode::Success))
         fuzz::broken("the sink's answer and its error disagree");
-    if (!ok && !folderIsEmpty())
+    if (!ok && !std::filesystem::is_empty(folder))
         fuzz::broken("a refused file left something behind");
     if (ok) {
         if (size - 1 < FileCrypto::Overhead ||

@@ -5,18 +5,12 @@
 #include "FuzzInput.h"
 #include "engine/task/CBackupTask.h"
 #include "platform/os/SystemItems.h"
-#include "platform/os/SystemLog.h"
 #include "support/GlobalFunction.h"
 
 using namespace cirrovault;
 
 // The filters' file also asks the user about disk space; here nobody answers.
 int GlobalFunction::MessageBox(const std::string&, int) {
-    return 0;
-}
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    SystemLog::setSyslogEnabled(false);
     return 0;
 }
 

@@ -6,7 +6,12 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/os/SystemLog.h"
+
 namespace cirrovault::fuzz {
+
+// Every harness: findings go to the fuzzer's output, not to the system log.
+inline const bool quiet = (SystemLog::setSyslogEnabled(false), true);
 
 // The fuzzer's bytes as text, and cut into fields at a separator byte, so one input can
 // carry several arguments and a seed stays readable.

@@ -2,15 +2,9 @@
 #include <cstdint>
 
 #include "FuzzInput.h"
-#include "platform/os/SystemLog.h"
 #include "platform/store/webdav/WebDavMultistatus.h"
 
 using namespace cirrovault;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    SystemLog::setSyslogEnabled(false);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string body = fuzz::text(data, size);

@@ -6,15 +6,9 @@
 #include "FuzzInput.h"
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/Functions.h"
-#include "platform/os/SystemLog.h"
 #include "platform/store/StorePath.h"
 
 using namespace cirrovault;
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    SystemLog::setSyslogEnabled(false);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string input = fuzz::text(data, size);

@@ -4,7 +4,6 @@
 
 #include "FuzzInput.h"
 #include "platform/framework/PropertyList.h"
-#include "platform/os/SystemLog.h"
 
 using namespace cirrovault;
 
@@ -24,11 +23,6 @@ void visit(const PropertyList& value, int depth) {
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    SystemLog::setSyslogEnabled(false);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto plist = PropertyList::parse(fuzz::text(data, size));

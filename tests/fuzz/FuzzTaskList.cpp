@@ -3,13 +3,11 @@
 // a second NUL, the names to delete).
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "FuzzInput.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
-#include "platform/os/SystemLog.h"
 #include "platform/store/StoreBackend.h"
 
 using namespace cirrovault;
@@ -19,6 +17,7 @@ namespace {
 // A store that holds only a task-list document, with a version for compare-and-swap.
 class DocumentOnlyStore : public StoreBackend {
 public:
+    using S = const std::string&;
     std::string document;
     int writes = 0;
 
@@ -27,7 +26,7 @@ public:
         version = std::to_string(writes);
         return ResultCode::Success;
     }
-    int64_t writeTaskList(const std::string& text, const std::string& expected) override {
+    int64_t writeTaskList(S text, S expected) override {
         if (expected != std::to_string(writes))
             return ResultCode::Conflict;
         document = text;
@@ -36,31 +35,22 @@ public:
     }
     StoreCapabilities capabilities() const override { return {}; }
     std::string describe() const override { return "fuzz"; }
-    int64_t logon(const std::string&, const std::string&, StoreSession&) override { return 0; }
+    int64_t logon(S, S, StoreSession&) override { return 0; }
     void logoff() override {}
-    int64_t stat(const std::string&, StoreItem&) override { return ResultCode::NotFound; }
-    int64_t list(const std::string&, std::vector<StoreItem>&) override { return ResultCode::NotFound; }
-    int64_t makeFolder(const std::string&, const std::string&, const std::string&) override {
-        return ResultCode::Failure;
-    }
-    int64_t setFolderInfo(const std::string&, const std::string&, const std::string&) override {
-        return ResultCode::Failure;
-    }
-    int64_t put(const std::string&, ByteSource&, Date, TransferObserver*) override { return ResultCode::Failure; }
-    int64_t get(const std::string&, ByteSink&, TransferObserver*) override { return ResultCode::Failure; }
-    int64_t move(const std::string&, const std::string&) override { return ResultCode::Failure; }
-    int64_t copy(const std::string&, const std::string&) override { return ResultCode::Failure; }
-    int64_t remove(const std::string&) override { return ResultCode::Failure; }
+    int64_t stat(S, StoreItem&) override { return ResultCode::NotFound; }
+    int64_t list(S, std::vector<StoreItem>&) override { return ResultCode::NotFound; }
+    int64_t makeFolder(S, S, S) override { return ResultCode::Failure; }
+    int64_t setFolderInfo(S, S, S) override { return ResultCode::Failure; }
+    int64_t put(S, ByteSource&, Date, TransferObserver*) override { return ResultCode::Failure; }
+    int64_t get(S, ByteSink&, TransferObserver*) override { return ResultCode::Failure; }
+    int64_t move(S, S) override { return ResultCode::Failure; }
+    int64_t copy(S, S) override { return ResultCode::Failure; }
+    int64_t remove(S) override { return ResultCode::Failure; }
     int64_t quota(StoreQuota&) override { return ResultCode::Failure; }
     int64_t flush() override { return 0; }
 };
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    SystemLog::setSyslogEnabled(false);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto parts = fuzz::fields(fuzz::text(data, size), '\0', 3);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 
@@ -10,33 +11,24 @@
 
 namespace cirrovault::test {
 
-// A local store under $HOME whose logon answers a chosen customer ID: enough for code
-// that keeps per-account files on this computer, even under an ID no store would make.
-class ChosenCustomerStore : public LocalStore {
-public:
-    explicit ChosenCustomerStore(std::string customerID)
-        : LocalStore(std::string(std::getenv("HOME")) + "/account-store"),
-          customerID_(std::move(customerID)) {}
-
-    int64_t logon(const std::string& userName, const std::string& password,
-                  StoreSession& session) override {
-        int64_t result = LocalStore::logon(userName, password, session);
-        session.customerID = customerID_;
-        return result;
-    }
-
-private:
-    std::string customerID_;
-};
-
-// Logs the shared session on as an account with the given customer ID for the life of
-// the object.
+// Logs the shared session on for the life of the object, over a local store that answers a
+// chosen customer ID, even one no store would make: for code that keeps per-account files.
 class AccountSession {
 public:
-    explicit AccountSession(const std::string& customerID) {
+    explicit AccountSession(std::string customerID) {
+        struct ChosenCustomerStore : LocalStore {
+            ChosenCustomerStore(std::string id)
+                : LocalStore(std::string(std::getenv("HOME")) + "/account-store"), id(std::move(id)) {}
+            int64_t logon(const std::string& user, const std::string& password, StoreSession& session) override {
+                int64_t result = LocalStore::logon(user, password, session);
+                session.customerID = id;
+                return result;
+            }
+            std::string id;
+        };
         auto& api = TransferApiUtil::shareTransferApiUtil();
-        api.SetBackend(std::make_shared<ChosenCustomerStore>(customerID));
-        result_ = api.Logon("tester", "secret");
+        api.SetBackend(std::make_shared<ChosenCustomerStore>(std::move(customerID)));
+        EXPECT_EQ(api.Logon("tester", "secret"), ResultCode::Success);
     }
     ~AccountSession() {
         TransferApiUtil::shareTransferApiUtil().Logoff();
@@ -44,11 +36,6 @@ public:
     }
     AccountSession(const AccountSession&) = delete;
     AccountSession& operator=(const AccountSession&) = delete;
-
-    bool loggedOn() const { return result_ == ResultCode::Success; }
-
-private:
-    int64_t result_ = ResultCode::Failure;
 };
 
 } // namespace cirrovault::test

@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "common/Answers.h"
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
@@ -11,11 +12,11 @@
 #include <unistd.h>
 
 using namespace cirrovault;
+using test::answers;
 
 namespace {
 
-// Rows of input and expected output for a one-argument path function; "<none>" stands
-// for an empty optional.
+// Rows of input and expected output for a path function; "<none>" is an empty optional.
 using Rows = std::vector<std::pair<std::string, std::string>>;
 void expectRows(const std::function<std::optional<std::string>(const std::string&)>& f, const Rows& rows) {
     for (const auto& [in, out] : rows)
@@ -75,16 +76,14 @@ TEST(CFileInfoFolders, ApplicationFoldersFollowTheStringTable) {
     EXPECT_EQ(product, home.dataHome() + "/Cirrovault/Cirrovault Online Backup");
 
     // The temp folder is made, the returned path below it is not.
-    std::string temp = CFileInfo::getTempPath("\\Backup\\Docs", true);
-    EXPECT_EQ(temp, product + "/Temp/Backup/Docs");
-    EXPECT_TRUE(FileSystem::isDirectory(product + "/Temp"));
-    EXPECT_FALSE(FileSystem::exists(temp));
+    EXPECT_EQ(CFileInfo::getTempPath("\\Backup\\Docs", true), product + "/Temp/Backup/Docs");
+    EXPECT_TRUE(FileSystem::isDirectory(product + "/Temp") && !FileSystem::exists(product + "/Temp/Backup"));
 
-    EXPECT_TRUE(CFileInfo::CreateInAppDatePath(""));
-    EXPECT_TRUE(FileSystem::isDirectory(CFileInfo::getDataFolderPath()));
-    EXPECT_TRUE(CFileInfo::CreateInAppDatePath("acct/logs"));
-    EXPECT_TRUE(FileSystem::isDirectory(CFileInfo::getDataFolderPath() + "/acct/logs"));
-    EXPECT_TRUE(CFileInfo::CreateInAppDatePath("acct/logs")); // already there
+    std::string data = CFileInfo::getDataFolderPath();
+    EXPECT_EQ(answers({CFileInfo::CreateInAppDatePath(""), FileSystem::isDirectory(data),
+                       CFileInfo::CreateInAppDatePath("acct/logs"), FileSystem::isDirectory(data + "/acct/logs"),
+                       CFileInfo::CreateInAppDatePath("acct/logs")}), // already there
+              "11111");
 
     // A file where the product folder should be blocks the temp folder.
     ASSERT_TRUE(FileSystem::removeAll(product));
@@ -94,39 +93,33 @@ TEST(CFileInfoFolders, ApplicationFoldersFollowTheStringTable) {
 
 TEST(CFileInfoFiles, CreateQueryRenameAndDelete) {
     test::TempHome home;
-    std::string folder = home.file("work/deep/er");
-    EXPECT_TRUE(CFileInfo::CreateSubDir(folder));
-    EXPECT_TRUE(CFileInfo::CreateSubDir(folder)); // already a folder
-    EXPECT_TRUE(CFileInfo::isDirectory(folder));
-    EXPECT_FALSE(CFileInfo::isFile(folder));
-
-    std::string file = folder + "/a.txt";
-    EXPECT_FALSE(CFileInfo::CreateFile(""));
-    EXPECT_TRUE(CFileInfo::CreateFile(file));
-    EXPECT_TRUE(CFileInfo::CreateFile(file)); // already a file
-    EXPECT_FALSE(CFileInfo::CreateFile(folder)); // a folder is in the way
+    std::string folder = home.file("work/deep/er"), file = folder + "/a.txt", other = folder + "/b.txt";
+    // Made twice (the second finds it there); a folder in the way of a file.
+    EXPECT_EQ(answers({CFileInfo::CreateSubDir(folder), CFileInfo::CreateSubDir(folder), CFileInfo::isDirectory(folder),
+                       CFileInfo::isFile(folder), CFileInfo::CreateFile(""), CFileInfo::CreateFile(file),
+                       CFileInfo::CreateFile(file), CFileInfo::CreateFile(folder)}),
+              "11100110");
     ASSERT_TRUE(FileSystem::writeFileAtomically(file, "12345"));
     EXPECT_TRUE(CFileInfo::isFile(file));
     EXPECT_EQ(CFileInfo::sizeOfFile(file), 5u);
     EXPECT_EQ(CFileInfo::sizeOfFile(folder + "/missing"), 0u);
-    EXPECT_TRUE(CFileInfo::IsfileExistsAtPath(file, true)); // the flag does not narrow
-    EXPECT_TRUE(CFileInfo::IsfileExistsAtPath(folder, false));
-    EXPECT_FALSE(CFileInfo::IsfileExistsAtPath("", false));
+    // The flag does not narrow the answer to files.
+    EXPECT_EQ(answers({CFileInfo::IsfileExistsAtPath(file, true), CFileInfo::IsfileExistsAtPath(folder, false),
+                       CFileInfo::IsfileExistsAtPath("", false)}),
+              "110");
 
     // A link to a file is neither a file nor a folder: the link is not followed.
     std::string link = folder + "/link";
     ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
     EXPECT_FALSE(CFileInfo::isFile(link) || CFileInfo::isDirectory(link) || CFileInfo::isAliasFile(link));
 
-    std::string other = folder + "/b.txt";
-    EXPECT_FALSE(CFileInfo::renameFile(file, ""));
-    EXPECT_TRUE(CFileInfo::renameFile(file, other));
-    ASSERT_TRUE(CFileInfo::CreateFile(file));
-    EXPECT_FALSE(CFileInfo::renameFile(file, other)); // the target exists
+    // Renamed; then refused onto an existing target.
+    EXPECT_EQ(answers({CFileInfo::renameFile(file, ""), CFileInfo::renameFile(file, other), CFileInfo::CreateFile(file),
+                       CFileInfo::renameFile(file, other)}),
+              "0110");
 
     SystemLog::startCapture();
-    EXPECT_TRUE(CFileInfo::deleteFile(other));
-    EXPECT_FALSE(CFileInfo::deleteFile(other));
+    EXPECT_EQ(answers({CFileInfo::deleteFile(other), CFileInfo::deleteFile(other)}), "10");
     EXPECT_EQ(SystemLog::capturedCount("Error:File not exists"), 1u);
     if (::geteuid() != 0) { // root may delete from a read-only folder
         ASSERT_EQ(::chmod(folder.c_str(), 0555), 0);

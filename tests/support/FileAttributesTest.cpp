@@ -4,14 +4,14 @@
 #include <unistd.h>
 
 #include "common/LocalDate.h"
+#include "common/Answers.h"
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 #include "support/CFileAttributes.h"
-#include "support/CFileInfo.h"
 #include "support/FMLocFileManager.h"
-#include "support/FileAttributeNode.h"
 
 using namespace cirrovault;
+using test::answers;
 
 class LocalItems : public ::testing::Test {
 protected:
@@ -38,7 +38,6 @@ std::string attributes(CFileAttributes& item) {
 
 TEST_F(LocalItems, AttributesOfFileFolderLinkAndMissingPath) {
     CFileAttributes onFile(file), onFolder(folder), onLink(link), missing(folder + "/none");
-    EXPECT_FALSE(onFile.bFile); // nothing read before asking
     EXPECT_EQ(attributes(onFile), "1 file 1 folder 0 size 10 Regular dates 11");
     EXPECT_EQ(*onFile.modifyDate, Date(1'700'000'000.25));
     EXPECT_LE(*onFile.createDate, *onFile.modifyDate);
@@ -47,7 +46,7 @@ TEST_F(LocalItems, AttributesOfFileFolderLinkAndMissingPath) {
     EXPECT_EQ(attributes(missing), "0 file 0 folder 0 size 0  dates 00");
 }
 
-TEST(FMLocFileManagerSize, DisplayBoundaries) {
+TEST(FMLocFileManagerDisplay, SizeBoundariesAndMediumDateShortTime) {
     EXPECT_EQ(FMLocFileManager::FormatFileSize(std::nullopt), "");
     // Just under 1024 KiB still rounds to KB.
     const std::pair<uint64_t, const char*> sizes[] = {
@@ -55,6 +54,9 @@ TEST(FMLocFileManagerSize, DisplayBoundaries) {
         {1048576, "1.0 MB"}, {5242880, "5.0 MB"}, {1073741824, "1.00 GB"}, {1099511627776, "1024.00 GB"}};
     for (const auto& [size, text] : sizes)
         EXPECT_EQ(FMLocFileManager::FormatFileSize(size), text) << size;
+    FMLocFileManager manager;
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 15, 4)), "Jan 5, 2024, 3:04 PM");
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 0, 4)), "Jan 5, 2024, 12:04 AM");
 }
 
 TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
@@ -64,19 +66,18 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
     for (const auto& path : {folder, file, link, folder + "/tool", folder + "/none"})
         kinds += FMLocFileManager::CopyKindString(path) + ",";
     EXPECT_EQ(kinds, "Folder,Document,Alias,Application,,");
-    EXPECT_EQ(FMLocFileManager::CopyDispalyName(file), "a.txt");
-    EXPECT_EQ(FMLocFileManager::CopyDispalyName(folder + "/none"), "");
+    EXPECT_EQ(FMLocFileManager::CopyDispalyName(file) + "|" + FMLocFileManager::CopyDispalyName(folder + "/none"),
+              "a.txt|");
 
-    EXPECT_EQ(FMLocFileManager::GetFileSize(file), 10u);
-    EXPECT_EQ(FMLocFileManager::GetFileSize(link), 10u); // the link leads to the file
-    EXPECT_EQ(FMLocFileManager::GetFileSize(folder + "/none"), std::nullopt);
-    EXPECT_EQ(FMLocFileManager::GetCurSubItemCount(folder), 3u);
-    EXPECT_EQ(FMLocFileManager::GetCurSubItemCount(""), 0u);
+    // The link leads to the file.
+    EXPECT_EQ((std::vector{FMLocFileManager::GetFileSize(file), FMLocFileManager::GetFileSize(link),
+                           FMLocFileManager::GetFileSize(folder + "/none")}),
+              (std::vector<std::optional<uint64_t>>{10, 10, std::nullopt}));
+    EXPECT_EQ((std::pair{FMLocFileManager::GetCurSubItemCount(folder), FMLocFileManager::GetCurSubItemCount("")}),
+              (std::pair{3u, 0u}));
     EXPECT_EQ(FMLocFileManager::GetCurSubPathURLArray(folder + "/none"), std::nullopt);
-
     EXPECT_FALSE(FMLocFileManager::ShouldDisplay(folder + "/.hidden"));
     EXPECT_TRUE(FMLocFileManager::ShouldDisplay(folder + "/Docs"));
-    EXPECT_TRUE(FMLocFileManager::IsInvisible(folder + "/Docs"));
 
     FMLocFileManager manager;
     auto row = manager.GetFileAttribute(file);
@@ -85,50 +86,33 @@ TEST_F(LocalItems, BrowserRowsKindsAndVisibility) {
     EXPECT_EQ(row["DateModified"], manager.formatDate(Date(1'700'000'000.25)));
     EXPECT_EQ(manager.GetFileAttribute(folder)["Size"], "--");
     EXPECT_TRUE(manager.GetFileAttribute(folder + "/none").empty());
-
-    FileAttributeNode node(row["Name"], row["DateModified"], row["Size"], row["Kind"], folder, file, "");
-    EXPECT_EQ(node.fileParentPath, folder);
-    EXPECT_FALSE(node.bSelect);
-}
-
-TEST(FMLocFileManagerDates, MediumDateShortTime) {
-    FMLocFileManager manager;
-    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 15, 4)), "Jan 5, 2024, 3:04 PM");
-    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 0, 4)), "Jan 5, 2024, 12:04 AM");
 }
 
 TEST_F(LocalItems, FileOperations) {
-    std::string target = home.file("target");
-    ASSERT_TRUE(FileSystem::createDirectories(target));
-    ASSERT_TRUE(FileSystem::createDirectories(folder + "/sub/deeper"));
-    ASSERT_TRUE(FileSystem::writeFileAtomically(folder + "/sub/deeper/x", "x"));
+    auto op = [](const std::string& path, const char* operation, const std::string& target = "") {
+        return FMLocFileManager::doFileOperation(path, operation, target);
+    };
+    std::string target = home.file("target"), sub = folder + "/sub";
+    ASSERT_TRUE(FileSystem::createDirectories(target) && FileSystem::createDirectories(sub + "/deeper"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(sub + "/deeper/x", "x"));
 
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(folder + "/sub", "copy", target));
+    // A second copy finds the first there; no target, no copy.
+    EXPECT_EQ(answers({op(sub, "copy", target), op(sub, "copy", target), op(sub, "copy")}), "100");
     EXPECT_EQ(FileSystem::readFile(target + "/sub/deeper/x"), "x");
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(folder + "/sub", "copy", target)); // exists
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(folder + "/sub", "copy", ""));
-
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(file, "copy", target));
+    EXPECT_TRUE(op(file, "copy", target));
     EXPECT_EQ(FileSystem::status(target + "/a.txt")->modifyTime, Date(1'700'000'000.25));
-
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(target + "/a.txt", "destroy"));
-    EXPECT_FALSE(FileSystem::exists(target + "/a.txt"));
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(file, "move", target));
-    EXPECT_TRUE(FileSystem::exists(target + "/a.txt"));
-    EXPECT_FALSE(FileSystem::exists(file));
+    EXPECT_EQ(answers({op(target + "/a.txt", "destroy"), FileSystem::exists(target + "/a.txt"), op(file, "move", target),
+                       FileSystem::exists(target + "/a.txt"), FileSystem::exists(file)}),
+              "10110");
 
     // Recycling keeps the item in the user's trash with a note of where it was.
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(folder + "/sub", "recycle"));
-    EXPECT_FALSE(FileSystem::exists(folder + "/sub"));
     std::string trash = home.dataHome() + "/Trash";
-    EXPECT_TRUE(FileSystem::isDirectory(trash + "/files/sub"));
-    auto note = FileSystem::readFile(trash + "/info/sub.trashinfo");
-    ASSERT_TRUE(note);
-    EXPECT_NE(note->find("Path=" + folder + "/sub\n"), std::string::npos);
-    ASSERT_TRUE(FileSystem::createDirectories(folder + "/sub"));
-    EXPECT_TRUE(FMLocFileManager::doFileOperation(folder + "/sub", "recycle"));
+    EXPECT_EQ(answers({op(sub, "recycle"), FileSystem::exists(sub), FileSystem::isDirectory(trash + "/files/sub")}), "101");
+    EXPECT_NE(FileSystem::readFile(trash + "/info/sub.trashinfo").value_or("").find("Path=" + sub + "\n"),
+              std::string::npos);
+    ASSERT_TRUE(FileSystem::createDirectories(sub));
+    EXPECT_TRUE(op(sub, "recycle"));
     EXPECT_TRUE(FileSystem::isDirectory(trash + "/files/sub.2")); // a second one of that name
 
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(target, "compress"));
-    EXPECT_FALSE(FMLocFileManager::doFileOperation(folder + "/none", "destroy"));
+    EXPECT_FALSE(op(target, "compress") || op(folder + "/none", "destroy"));
 }

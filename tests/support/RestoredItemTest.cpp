@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <string>
+#include <filesystem>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "common/TempHome.h"
 #include "platform/framework/LocalFileSink.h"
@@ -11,21 +9,14 @@
 #include "platform/os/FileSystem.h"
 #include "support/RestoredItem.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 // What a download writes: the stored bytes under the stored time and mode.
-void download(const std::string& path, const std::string& bytes, Date time, uint32_t mode) {
+static void download(const std::string& path, const std::string& bytes, Date time, uint32_t mode) {
     auto sink = LocalFileSink::open(path, time, mode);
     ASSERT_TRUE(sink);
     ASSERT_TRUE(sink->write(bytes.data(), bytes.size()));
     ASSERT_TRUE(sink->finish());
-}
-
-std::string linkTarget(const std::string& path) {
-    char buffer[256] = {};
-    ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer - 1);
-    return n < 0 ? "<not a link>" : std::string(buffer, static_cast<size_t>(n));
 }
 
 TEST(RestoredItem, LinksAndModesComeBackAsTheyWere) {
@@ -47,7 +38,7 @@ TEST(RestoredItem, LinksAndModesComeBackAsTheyWere) {
     for (const char* target : {"tool", "../elsewhere/missing dir/"}) {
         download(home.file("link"), target, when, S_IFLNK | 0777);
         EXPECT_EQ(RestoredItem::finish(home.file("link"), S_IFLNK | 0777, when), "");
-        EXPECT_EQ(linkTarget(home.file("link")), target);
+        EXPECT_EQ(std::filesystem::read_symlink(home.file("link")), target);
         auto status = FileSystem::linkStatus(home.file("link"));
         ASSERT_TRUE(status);
         EXPECT_EQ(status->type, FileType::SymbolicLink);
@@ -66,6 +57,3 @@ TEST(RestoredItem, LinksAndModesComeBackAsTheyWere) {
     EXPECT_NE(RestoredItem::finish(home.file("broken"), S_IFLNK | 0777, when), "");
     EXPECT_TRUE(FileSystem::isRegularFile(home.file("broken")));
 }
-
-} // namespace
-} // namespace cirrovault

@@ -1,29 +1,16 @@
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <gtest/gtest.h>
 
+#include "common/EngineSession.h"
 #include "common/LocalDate.h"
-#include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/LoadString.h"
-#include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "service/CManageTaskList.h"
 #include "ui/CreateViewXibController.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 using test::localDate;
-
-// Wednesday 8 May 2024, 09:30:20.5 local time.
-Date wednesdayMorning() {
-    return localDate(2024, 5, 8, 9, 30, 20.5);
-}
 
 class RecordingStepDelegate : public CreateViewXibControllerDelegate {
 public:
@@ -35,38 +22,30 @@ public:
     bool answer = true;
 };
 
-class CreateTaskWizardTest : public test::SessionFixture {
+class CreateTaskWizardTest : public test::EngineSession {
 protected:
     void SetUp() override {
         Clock::setShared(clock);
-        SessionFixture::SetUp();
-        NimboMessagebox::setPresenter(messages);
+        EngineSession::SetUp();
         controller = std::make_unique<CreateViewXibController>(backend);
         controller->setDelegate(&host);
-        SystemLog::startCapture();
     }
     void TearDown() override {
-        SystemLog::stopCapture();
         controller.reset();
-        NimboMessagebox::setPresenter(nullptr);
-        SessionFixture::TearDown();
-        Clock::setShared(nullptr);
+        EngineSession::TearDown();
     }
 
-    // The string-table keys of the messages shown since the last call.
+    // The string-table keys of the notices shown since the last call.
     std::vector<std::string> shownKeys() {
-        static const char* keys[] = {"EmptyTaskName",    "DescriptionsEmpty", "TaskNameInvaild",
-                                     "IDS_MSGSELFOLDER", "IDS_STRING_EMPTY",  "IDS_MSGDUPNAME"};
         std::vector<std::string> found;
-        for (const auto& shown : messages->shown()) {
-            std::string key = "<" + shown.text + ">";
-            for (const char* candidate : keys)
-                if (shown.text == LoadString::GetValueByKey(candidate, ""))
-                    key = candidate;
-            EXPECT_EQ(shown.style, MessageboxStyle::Notice);
-            found.push_back(key);
+        for (const auto& shown : dialogs_->shown()) {
+            found.push_back("<" + shown.text + ">");
+            for (const char* key : {"EmptyTaskName", "DescriptionsEmpty", "TaskNameInvaild", "IDS_MSGSELFOLDER",
+                                    "IDS_STRING_EMPTY", "IDS_MSGDUPNAME"})
+                if (shown.text == LoadString::GetValueByKey(key, "") && shown.style == MessageboxStyle::Notice)
+                    found.back() = key;
         }
-        messages->clearShown();
+        dialogs_->clearShown();
         return found;
     }
     std::vector<std::string> next(const std::string& name, const std::string& description) {
@@ -87,19 +66,16 @@ protected:
     }
     void addServiceTask(const std::string& name, uint64_t pcID, const std::string& pcName) {
         TaskListEntry task;
-        task.taskID = static_cast<int32_t>(pcID % 1000);
+        task.taskID = static_cast<int32_t>(pcID);
         task.pcID = pcID;
         task.name = task.description = name;
         task.mPCName = pcName;
-        task.taskType = 1;
         task.serverPath = "\\Backup\\" + name;
-        task.mDating = task.mBeginDate = Date::now();
-        task.mEndDate = localDate(2099, 1, 1, 0, 0);
         ASSERT_EQ(CManageTaskList().addOrEditBackupTask(task, "Add", "", "", ""), 0);
     }
 
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(wednesdayMorning());
-    std::shared_ptr<HeadlessMessagebox> messages = std::make_shared<HeadlessMessagebox>();
+    // Wednesday 8 May 2024, 09:30:20.5 local time.
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(localDate(2024, 5, 8, 9, 30, 20.5));
     std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
     RecordingStepDelegate host;
     std::unique_ptr<CreateViewXibController> controller;
@@ -116,16 +92,14 @@ TEST_F(CreateTaskWizardTest, ChecksRefuseInOrderWithTheirKeys) {
     EXPECT_FALSE(proposed.empty());
     EXPECT_EQ(controller->getStep1TaskDescription(), proposed);
 
-    using Keys = std::vector<std::string>;
-    EXPECT_EQ(next("", ""), Keys{"EmptyTaskName"});
-    EXPECT_EQ(next("", "Fine"), Keys{"EmptyTaskName"});
-    EXPECT_EQ(next("   ", "Fine"), Keys{"TaskNameInvaild"}); // blank is not empty
-    EXPECT_EQ(next("Docs", ""), Keys{"DescriptionsEmpty"});
-    EXPECT_EQ(next("Docs", " \t "), Keys{"DescriptionsEmpty"});
-    EXPECT_EQ(next("My.Task", "  "), Keys{"DescriptionsEmpty"}); // description before name
-    EXPECT_EQ(next("My.Task", "Fine"), Keys{"TaskNameInvaild"});
-    EXPECT_EQ(next("a$b", "Fine"), Keys{"TaskNameInvaild"});
-    EXPECT_EQ(next("Docs", "Fine"), Keys{"IDS_MSGSELFOLDER"}); // nothing ticked
+    // A blank name is not empty; the description is checked before the name's letters;
+    // the last: nothing ticked.
+    for (auto [name, description, key] : {std::tuple{"", "", "EmptyTaskName"}, {"", "Fine", "EmptyTaskName"},
+                                          {"   ", "Fine", "TaskNameInvaild"}, {"Docs", "", "DescriptionsEmpty"},
+                                          {"Docs", " \t ", "DescriptionsEmpty"}, {"My.Task", "  ", "DescriptionsEmpty"},
+                                          {"My.Task", "Fine", "TaskNameInvaild"}, {"a$b", "Fine", "TaskNameInvaild"},
+                                          {"Docs", "Fine", "IDS_MSGSELFOLDER"}})
+        EXPECT_EQ(next(name, description), std::vector<std::string>{key}) << name << "|" << description;
 
     // A new task started afresh keeps nothing of the refused attempts.
     ASSERT_TRUE(controller->createTaskName());
@@ -134,7 +108,7 @@ TEST_F(CreateTaskWizardTest, ChecksRefuseInOrderWithTheirKeys) {
     EXPECT_EQ(controller->nTaskStep1ButtonType, 0);
 }
 
-TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactly) {
+TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactlyAndAnUnreadableListStops) {
     addServiceTask("Docs", 11, "this-pc");
     addServiceTask("Photos", 99, "other-pc"); // another computer of the account
     ASSERT_TRUE(controller->createTaskName());
@@ -155,6 +129,14 @@ TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactly) {
     auto task = controller->pBackupManage->GetNewTask();
     ASSERT_TRUE(task && task->localDirList.size() == 1);
     EXPECT_EQ(task->name + " " + task->localDirList[0].path(), "docs " + folder);
+
+    // A list that cannot be read says so, once for the check and once for Next, which stops
+    // there without a duplicate-name message of its own.
+    api().Logoff();
+    EXPECT_EQ(controller->IsCreateTaskValid("Docs"), -1);
+    const std::string unreadable = "<" + CManageTaskList().showManageTaskListResult(1, 1) + ">";
+    EXPECT_EQ(next("Photos", "Mine"), (std::vector<std::string>{unreadable, unreadable}));
+    EXPECT_EQ(host.directions, std::vector<int32_t>{1});
 }
 
 TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheManager) {
@@ -184,20 +166,6 @@ TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheM
     EXPECT_TRUE(SystemLog::capturedContains("Error:backButton: (id)sender,GoToTaskStep2Delegate"));
     EXPECT_TRUE(next("Travel", "Trip").empty());
     EXPECT_TRUE(SystemLog::capturedContains("Error:nextButton: (id)sender, GoToTaskStep2Delegate."));
-}
-
-TEST_F(CreateTaskWizardTest, UnreadableServiceListStopsWithItsOwnMessage) {
-    ASSERT_TRUE(controller->createTaskName());
-    tickNewFolder("Docs");
-    api().Logoff();
-    EXPECT_EQ(controller->IsCreateTaskValid("Docs"), -1);
-    ASSERT_EQ(messages->shown().size(), 1u);
-    EXPECT_EQ(messages->shown()[0].text, CManageTaskList().showManageTaskListResult(1, 1));
-    messages->clearShown();
-
-    // Next stops after that message, without a duplicate-name message of its own.
-    EXPECT_EQ(next("Docs", "Mine").size(), 1u);
-    EXPECT_TRUE(host.directions.empty());
 }
 
 TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleType) {
@@ -230,6 +198,3 @@ TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleType) {
     controller->pStep1View->selectDayIndex(0);
     EXPECT_EQ(controller->getStep1SelectBackupDay(), 1);
 }
-
-} // namespace
-} // namespace cirrovault

