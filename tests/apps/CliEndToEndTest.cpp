@@ -4,6 +4,7 @@
 #include <regex>
 #include <cstdio>
 #include <thread>
+#include <tuple>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -319,15 +320,17 @@ TEST_F(CliEndToEnd, EncryptedTaskComesBackOnANewComputer) {
         home.file("phrase.txt")});
     has(read("new/config/cirrovault/passwords.plist"), {"open sesame"});
 
-    // Moved here, it backs up with the kept phrase; a wrong phrase moves nothing.
+    // Another computer's task runs only once moved here; a wrong phrase moves nothing.
     FileSystem::createDirectories(home.file("new/Documents"));
     write("new/Documents/here.txt", "written on the new computer");
     fails({"task", "migrate", "Vault", "--to", home.file("new")}, 3);
-    has(run({"backup", "Vault"}).err, {"task migrate"});
+    fails({"backup", "Vault"}, 2, "task migrate");
     cli.setEnv("CIRROVAULT_PASSPHRASE=");
-    ok({"task", "migrate", "Vault", "--to", home.file("new")});
+    has(ok({"task", "migrate", "Vault", "--to", home.file("new")}).out, {home.file("new/Documents")});
     ok({"backup", "Vault"});
     ok({"check", "Vault", "--read-data"});
+    ok({"restore", "Vault", "Documents/here.txt", "--to", home.file("back3")});
+    EXPECT_EQ(read("back3/Documents/here.txt"), "written on the new computer");
 }
 
 // The run fails, and the stored copy stays current instead of going to the history alone.
@@ -445,7 +448,7 @@ TEST_F(CliEndToEnd, QuickFolderBackupReusesItsTaskAndScheduledTaskWaits) {
     has(run({"--json", "task", "show", "Weekly"}).out, {"weekly on Saturday at 23:30", "\"lastBackup\":null"});
 }
 
-TEST_F(CliEndToEnd, BadInputIsRefusedAndNothingIsLost) {
+TEST_F(CliEndToEnd, BadInputAndDamagedFilesAreRefusedAndNothingIsLost) {
     ok({"task", "new", "Docs", "--source", home.file("Documents")});
     auto before = storeFiles();
     ASSERT_EQ(before.size(), 2u);
@@ -474,37 +477,26 @@ TEST_F(CliEndToEnd, BadInputIsRefusedAndNothingIsLost) {
     fails({"backup", "Docs"}, 3, "refused");
     cli.setEnv("CIRROVAULT_PASSWORD=correct horse");
 
-    // A damaged options file is reported and left exactly as it was.
-    std::string file = json({"options"}).value("file", "");
-    ASSERT_TRUE(FileSystem::writeFileAtomically(file, "<plist><dict><key>Min"));
-    fails({"options", "ReportWhenError=yes"}, 6, "cannot be read");
-    EXPECT_EQ(FileSystem::readFile(file).value_or(""), "<plist><dict><key>Min");
-
-    EXPECT_EQ(storeFiles(), before);
-    has(run({"--json", "task", "list"}).out, {"\"name\":\"Docs\""});
-}
-
-// Damaged files are reported and left as they are, never replaced by another store,
-// account or identity.
-TEST_F(CliEndToEnd, DamagedLocalFilesNeverSwitchTheData) {
-    ok({"task", "new", "Docs", "--source", home.file("Documents")});
-    const auto files = storeFiles();
+    // Damaged files are reported and left exactly as they were, never replaced by another
+    // store, account or identity.
+    const std::string settings = home.configHome() + "/cirrovault/settings.plist";
+    const std::vector<std::tuple<std::string, std::string, std::vector<std::string>, std::string>> damages = {
+        {json({"options"}).value("file", ""), "<plist><dict><key>Min", {"options", "ReportWhenError=yes"},
+         "cannot be read"},
+        {settings, "<plist><dict><key>ServiceURL", {"--json", "task", "list"}, settings},
+        {settings, std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Quota</key><string>1") +
+                       '\0' + "2</string></dict></plist>", {"--json", "task", "list"}, settings}};
+    for (const auto& [file, damaged, command, says] : damages) {
+        ASSERT_TRUE(FileSystem::writeFileAtomically(file, damaged));
+        fails(command, 6, says);
+        EXPECT_EQ(FileSystem::readFile(file).value_or(""), damaged);
+        ASSERT_TRUE(FileSystem::removeItem(file));
+    }
     auto onlyDocs = [&] {
         auto listed = ok({"--json", "task", "list"}).out;
         EXPECT_TRUE(listed.find("\"name\":\"Docs\"") != std::string::npos && listed.find("Docs-2") == std::string::npos)
             << listed;
     };
-
-    const std::string settings = home.configHome() + "/cirrovault/settings.plist";
-    for (const std::string& damaged :
-         {std::string("<plist><dict><key>ServiceURL"),
-          std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Quota</key><string>1") +
-              '\0' + "2</string></dict></plist>"}) {
-        ASSERT_TRUE(FileSystem::writeFileAtomically(settings, damaged));
-        fails({"--json", "task", "list"}, 6, settings);
-        EXPECT_EQ(FileSystem::readFile(settings).value_or(""), damaged);
-    }
-    ASSERT_TRUE(FileSystem::removeItem(settings));
 
     // The identity comes back from its copy: no task of "another computer", no "Docs-2".
     const std::string identity = home.dataHome() + "/Cirrovault/Cirrovault Online Backup/PCInfo.dat";
@@ -520,7 +512,7 @@ TEST_F(CliEndToEnd, DamagedLocalFilesNeverSwitchTheData) {
         ASSERT_TRUE(FileSystem::writeFileAtomically(db, damaged));
         fails({"--json", "task", "list"}, 6, "cirrovault repair");
         EXPECT_TRUE(FileSystem::readFile(db) == damaged) << "store.db was changed";
-        EXPECT_EQ(storeFiles(), files);
+        EXPECT_EQ(storeFiles(), before);
         ok({"repair"});
         onlyDocs();
     }
@@ -551,25 +543,6 @@ TEST_F(CliEndToEnd, EditedTaskAndDeletedVersionsStaySo) {
     EXPECT_EQ(after.out.find("\"version\":0"), std::string::npos) << after.out;
     ok({"restore", "Papers", "Documents/a.txt", "--version", "1", "--to", home.file("v1")});
     EXPECT_EQ(read("v1/Documents/a.txt"), "second\n");
-}
-
-TEST_F(CliEndToEnd, TaskOfAnotherComputerIsMovedHere) {
-    ok({"task", "new", "Docs", "--source", home.file("Documents")});
-    // This computer gets another identity: the task now belongs to "another" computer.
-    std::string identity = home.dataHome() + "/Cirrovault/Cirrovault Online Backup/PCInfo.dat";
-    std::string plist = FileSystem::readFile(identity).value_or("");
-    auto at = plist.find("<string>", plist.find("PC ID"));
-    ASSERT_NE(at, std::string::npos) << plist;
-    plist.replace(at + 8, plist.find("</string>", at) - at - 8, "4242");
-    ASSERT_TRUE(FileSystem::writeFileAtomically(identity, plist));
-
-    fails({"backup", "Docs"}, 2, "task migrate");
-    FileSystem::createDirectories(home.file("Moved/Documents"));
-    write("Moved/Documents/new.txt", "here now");
-    has(ok({"task", "migrate", "Docs", "--to", home.file("Moved")}).out, {home.file("Moved/Documents")});
-    ok({"backup", "Docs"});
-    ok({"restore", "Docs", "Documents/new.txt", "--to", home.file("back")});
-    EXPECT_EQ(read("back/Documents/new.txt"), "here now");
 }
 
 TEST_F(CliEndToEnd, InterruptedBackupEndsCleanlyAndTheNextRunCompletesIt) {
@@ -867,6 +840,28 @@ TEST_F(CliEndToEnd, MissingSourceFailsTheRunAndStatusSaysSo) {
     ASSERT_EQ(::rename(home.file("Documents").c_str(), home.file("Moved").c_str()), 0);
     fails({"backup", "Documents"}, 1, home.file("Documents"));
     has(ok({"status"}).out, {"failed", "last error: ", home.file("Documents")});
+}
+
+// "f1.txt" beside "f10.txt" … "f19.txt": a whole history checks clean, and a version lost
+// on the store is named with its own file.
+TEST_F(CliEndToEnd, CheckTellsVersionsOfNamesThatRunIntoOneAnotherApart) {
+    FileSystem::createDirectories(home.file("Docs"));
+    for (int change = 0; change < 3; ++change) {
+        for (int i = 1; i <= 20; ++i) {
+            std::string path = home.file("Docs/f" + std::to_string(i) + ".txt");
+            ASSERT_TRUE(FileSystem::writeFileAtomically(path, std::string(i + change * 20, 'x')));
+            ASSERT_TRUE(FileSystem::setModifyTime(path, Date(1'700'000'000.0 + change * 100 + i)));
+        }
+        ok({"backup", home.file("Docs")});
+    }
+    has(ok({"check", "Docs"}).out, {"20 files and 40 older versions checked; 0 problems"});
+    // f1.txt's versions skip the numbers f10.txt … f19.txt would claim: its first is "f1100.txt".
+    auto lost = filesEndingWith(home.dataHome() + "/cirrovault/store", "/f1100.txt");
+    ASSERT_EQ(lost.size(), 1u);
+    ASSERT_TRUE(FileSystem::removeItem(lost[0]));
+    auto gap = fails({"check", "Docs"}, 1);
+    has(gap.out, {"Docs/f1.txt: older version 100 is missing (versions up to 101 are kept)"});
+    EXPECT_EQ(gap.out.find("older version 0 is missing"), std::string::npos) << gap.out;
 }
 
 // Without a terminal: exit 3 after a few attempts, SIGTERM heard within a second, and the
