@@ -2,6 +2,7 @@
 // bytes stored, with faults that must end a run as a named failure in bounded attempts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -27,14 +28,12 @@ namespace {
 
 constexpr double T = 1'650'000'000.0;
 
-// Records the milestones of each run and notes the bytes a finished run resumed.
+// Notes the bytes a finished run resumed; onFile is called before each file's upload.
 class RunObserver : public StowlineDelegate {
 public:
     bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
                              StowlineDelegateType type) override {
         std::lock_guard lock(mutex_);
-        if (type != refreshProgressBarDelegate)
-            types.push_back(type);
         if (type == closeProgressBarViewDelegate && task && task->GetProgress())
             resumedBytes = task->GetProgress()->tempSize();
         if (type == refreshProgressBarDelegate && task && task->bInitUIPrgBar && onFile)
@@ -42,10 +41,8 @@ public:
         return true;
     }
 
-    std::function<void(const std::string&)> onFile; // before each file's upload
-
+    std::function<void(const std::string&)> onFile;
     std::mutex mutex_;
-    std::vector<int> types;
     uint64_t resumedBytes = 0;
 };
 
@@ -83,29 +80,14 @@ protected:
         task_->SetDelegate(&observer_);
     }
     void run() {
-        observer_.types.clear();
         runToEnd(*task_);
         clock_->advance(3600);
     }
     std::string serverOf(const std::string& relative) {
         std::string path = "\\Backups\\Projects\\work\\" + relative;
-        for (auto& c : path)
-            if (c == '/')
-                c = '\\';
+        std::replace(path.begin(), path.end(), '/', '\\');
         return path;
     }
-    // Every file in the tree below folder on the store.
-    std::vector<PathInfo> storedFiles(const std::string& folder) {
-        std::vector<PathInfo> all;
-        std::vector<PathInfo> files;
-        tree().RefreshSvrPath("\\");
-        tree().GetSubList(folder, all, false, true);
-        for (const auto& item : all)
-            if (!item.bFolder)
-                files.push_back(item);
-        return files;
-    }
-
     bool exactTimes() const { return raw_->capabilities().modifyTimePrecision < 1; }
     // The older versions of work/<relative> by number, each with its content.
     std::map<uint64_t, std::string> versionsOf(const std::string& relative) {
@@ -151,7 +133,6 @@ TEST_P(BackupRunThread, FirstRunUploadsTheTreeAnUnchangedRerunNothingAndAChangeI
     run();
 
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_EQ(observer_.types, (std::vector<int>{1, 3, 5, 0, 2}));
     EXPECT_EQ(store_->putCount(), 240);
     for (const auto& rel : relatives) {
         StoreItem item;
@@ -163,8 +144,6 @@ TEST_P(BackupRunThread, FirstRunUploadsTheTreeAnUnchangedRerunNothingAndAChangeI
                   static_cast<int64_t>(status->modifyTime.timeIntervalSince1970()));
     }
     EXPECT_EQ(fetch(serverOf("d5/s3/f9.txt")), "content of d5/s3/f9.txt");
-    EXPECT_EQ(eventsOfTask("Backup started."), 1u);
-    EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
 
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
@@ -177,10 +156,9 @@ TEST_P(BackupRunThread, FirstRunUploadsTheTreeAnUnchangedRerunNothingAndAChangeI
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_EQ(store_->putCount(), 241);
     EXPECT_EQ(fetch(serverOf("d0/s0/f0.txt")), "second words, longer");
-    auto versions = storedFiles(task_->getSvrHistoryFolder(false));
+    auto versions = versionsOf("d0/s0/f0.txt");
     ASSERT_EQ(versions.size(), 1u);
-    EXPECT_NE(versions[0].name.find("f0"), std::string::npos);
-    EXPECT_EQ(versions[0].iSize, std::string("content of d0/s0/f0.txt").size());
+    EXPECT_EQ(versions.begin()->second, "content of d0/s0/f0.txt");
 }
 
 TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
@@ -240,13 +218,14 @@ TEST_P(BackupRunThread, EditsInsideTheTimeWindowAreSent) {
 TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
     std::string path = makeFile("work/doc.txt", "version 1", T - 600);
     makeFile("work/calm.txt", "calm", T - 600);
-    // Saved in two steps: the second lands just after the upload has read the file,
-    // same size and within the time window.
-    int changes = 1;
+    // Rewritten just after each upload has read it, same size and within the time window.
+    int changes = 1, generation = 1;
     store_->afterPut = [&](const std::string& stored, int64_t) {
         if (stored == serverOf("doc.txt") && changes > 0) { // other files go on other threads
             --changes;
-            makeFile("work/doc.txt", "version 2", T - 599);
+            ++generation;
+            makeFile("work/doc.txt", "version " + std::to_string(generation % 10),
+                     T - 601 + generation);
         }
     };
     run();
@@ -258,16 +237,7 @@ TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
 
     // A file that changes at every read: a bounded number of sends, a line in the event
     // log, and a stored copy whose time vouches for nothing, so the next run sends it.
-    int generation = 2;
     changes = 1000;
-    store_->afterPut = [&](const std::string& stored, int64_t) {
-        if (stored == serverOf("doc.txt") && changes > 0) { // other files go on other threads
-            --changes;
-            ++generation;
-            makeFile("work/doc.txt", "version " + std::to_string(generation % 10),
-                     T - 600 + generation);
-        }
-    };
     makeFile("work/doc.txt", "version 0", T - 500);
     puts = store_->putCount();
     run();

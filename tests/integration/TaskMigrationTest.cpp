@@ -1,9 +1,8 @@
-// A task moves to a second computer: that computer (its own data folder, so its own
-// identity) loads the task list, sees the task offered for migration, points it at a
-// copy of the same files under a new local root, and its next run goes on in the same
-// server folder without sending the unchanged files again.
+// A task moves to a second computer (its own data folder, so its own identity): pointed
+// at a copy of the same files, its next run sends none of them again.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,12 +18,6 @@ namespace {
 
 using TaskPtr = std::shared_ptr<CBackupTask>;
 constexpr double kFileTime = 1'600'000'000.0;
-
-// Sends nothing on: runs of tasks outside any manager report here.
-class QuietDelegate : public StowlineDelegate {
-public:
-    bool StowlineDelegateFun(const TaskPtr&, StowlineDelegateType) override { return true; }
-};
 
 class TaskMigrationThread : public test::EngineSession {
 protected:
@@ -47,10 +40,8 @@ protected:
     int run(CBackupManage& manager, const std::string& name) {
         int before = store_->putCount();
         TaskPtr task = manager.GetTaskByName(name);
-        EXPECT_TRUE(task);
-        if (!task)
+        if (!task || !manager.StartBackupByUser(name, false))
             return -1;
-        EXPECT_TRUE(manager.StartBackupByUser(name, false));
         std::shared_ptr<Thread> worker = task->pBackupTaskThread;
         task->checkFinshedBackup();
         worker->join();
@@ -76,9 +67,10 @@ protected:
                        int32_t kind, const std::string& oldRoot, const std::string& newFile) {
         startSecondComputer();
         TaskPtr moving = second_.GetTaskByName(name);
-        EXPECT_TRUE(moving && moving->bMigrateTask);
-        if (!moving)
+        if (!moving || !moving->bMigrateTask) {
+            ADD_FAILURE() << name << " is not offered for migration";
             return moving;
+        }
         EXPECT_FALSE(second_.nowDating(moving)); // never scheduled before it has moved
         second_.GetTaskInformationForRestoreView(name);
         EXPECT_EQ(second_.nOSBackupDataType, kind);
@@ -137,8 +129,8 @@ TEST_F(TaskMigrationThread, TaskOfThisSystemMovesToANewRoot) {
 }
 
 TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
-    // The task as the other system's client left it: its record, with drive-letter
-    // paths, and its files in the task's folder, one sub-folder per source.
+    // The other system's record, with drive-letter paths, and its files in the task's
+    // folder, one sub-folder per source.
     TaskListEntry record;
     record.taskID = 4242;
     record.pcID = 31337;
@@ -154,15 +146,14 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
     ASSERT_EQ(list.addOrEditBackupTask(record, "Add", "0", "Win", "1"), 0);
 
     const std::vector<std::string> files = {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"};
-    writeFiles(home_.file("win"), files);
-    QuietDelegate quiet;
-    auto uploader = std::make_shared<CBackupTask>();
-    uploader->name = "Uploader"; // not on the task list: its record update goes nowhere
-    uploader->serverPath = "\\Backups\\Win";
-    uploader->localDirList = {home_.file("win/Docs"), home_.file("win/Pics")};
-    uploader->SetDelegate(&quiet);
-    runToEnd(*uploader);
-    ASSERT_TRUE(exists("\\Backups\\Win\\Pics\\c.jpg"));
+    for (const char* folder : {"\\Backups", "\\Backups\\Win", "\\Backups\\Win\\Docs",
+                               "\\Backups\\Win\\Docs\\deep", "\\Backups\\Win\\Pics"})
+        ASSERT_EQ(local_->makeFolder(folder, "", ""), ResultCode::Success);
+    for (std::string name : files) {
+        std::string content = "content of " + name;
+        std::replace(name.begin(), name.end(), '/', '\\');
+        putCopy("\\Backups\\Win\\" + name, content, kFileTime);
+    }
 
     moveAndRun("Win", files, 2, "C:\\Users\\bob", "Pics/d.jpg");
 }
