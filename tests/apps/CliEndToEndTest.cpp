@@ -1,10 +1,12 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
-#include <regex>
 #include <cstdio>
+#include <map>
+#include <regex>
 #include <thread>
 #include <tuple>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,10 +20,11 @@
 #include "RunLock.h"
 #include "common/FileModes.h"
 #include "common/LoopbackPort.h"
+#include "common/ScopedEnv.h"
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
-#include "platform/os/Date.h"
 #include "platform/framework/NimboSetting.h"
+#include "platform/framework/PasswordMan.h"
 #include "platform/os/FileSystem.h"
 
 namespace cirrovault::test {
@@ -82,6 +85,49 @@ std::pair<bool, std::string> shell(const std::string& command) {
     while (size_t n = std::fread(buffer, 1, sizeof buffer, pipe))
         output.append(buffer, n);
     return {::pclose(pipe) == 0, output};
+}
+
+// What a tree holds, item by item: type, permission bits, link target, time, bytes.
+std::map<std::string, std::string> inventory(const std::string& top, const std::string& relative = "") {
+    std::map<std::string, std::string> items;
+    auto entries = FileSystem::listDirectoryWithStatus(top + relative);
+    if (!entries)
+        items[relative] = "<unreadable>";
+    for (const auto& entry : entries.value_or(std::vector<FileSystem::Entry>{})) {
+        std::string path = relative + "/" + entry.name, &line = items[path];
+        const FileStatus status = entry.status.value_or(FileStatus{});
+        char time[32], mode[8], target[512] = {};
+        std::snprintf(time, sizeof time, "%.3f", status.modifyTime.timeIntervalSince1970());
+        std::snprintf(mode, sizeof mode, "%04o", status.mode & 07777);
+        if (status.type == FileType::Directory) {
+            line = "folder"; // folders keep no mode or time of their own on the service
+            items.merge(inventory(top, path));
+        } else if (status.type == FileType::SymbolicLink) {
+            ssize_t n = ::readlink((top + path).c_str(), target, sizeof target - 1);
+            line = "link -> " + std::string(target, n < 0 ? 0 : static_cast<size_t>(n)) + " " + time;
+        } else if (status.type == FileType::Other) {
+            line = "special"; // never opened: a FIFO would wait for a writer
+        } else {
+            line = std::string("file ") + mode + " " + time + " " + FileSystem::readFile(top + path).value_or("<unreadable>");
+        }
+    }
+    return items;
+}
+
+// A file with its mode and time, written in place: a 250-byte name has no room for more.
+void place(const std::string& path, const std::string& text, mode_t mode, double time) {
+    FILE* file = std::fopen(path.c_str(), "w");
+    ASSERT_NE(file, nullptr) << path;
+    std::fputs(text.c_str(), file);
+    std::fclose(file);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
+    ASSERT_TRUE(FileSystem::setModifyTime(path, Date(time))) << path;
+}
+
+void placeLink(const std::string& target, const std::string& path, double time) {
+    ASSERT_EQ(::symlink(target.c_str(), path.c_str()), 0) << path;
+    struct timespec times[2] = {{static_cast<time_t>(time), 0}, {static_cast<time_t>(time), 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
 class CliEndToEnd : public ::testing::Test {
@@ -155,6 +201,7 @@ protected:
         return home.file("nowhere");
     }
     void checkNamesDamage(const std::string& storeRoot);
+    void checkHomeComesBackOnANewComputer();
 
     TempHome home;
     CliRunner cli{home.file("scratch")};
@@ -205,6 +252,90 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     ok({"task", "delete", "Docs"});
     has(run({"--json", "task", "list"}).out, {"\"tasks\":[]"});
     EXPECT_TRUE(storeFiles().empty());
+}
+
+// A home folder backed up from one computer and restored on a new one (a second, empty
+// HOME on the same store) comes back as it was: dotfiles, links, modes, times and names
+// the service refuses.
+void CliEndToEnd::checkHomeComesBackOnANewComputer() {
+    // 250 bytes: the stored name and its ".part" must fit the file-system name limit.
+    const std::string longName = std::string(246, 'n') + ".txt";
+    // Encoded, 90 colons take 270 bytes: more than any name may have. It is left out, and said.
+    const std::string tooLong = std::string(90, ':');
+    // The first computer's HOME is the tree itself, so its ~/.cache is the desktop's.
+    const std::string tree = home.file("first/alice"), vault = home.file("first/vault");
+    for (const char* folder : {"/.config/app", "/.ssh", "/bin", "/Notes", "/.cache/thumbnails"})
+        FileSystem::createDirectories(tree + folder);
+    FileSystem::createDirectories(vault);
+    double t = 1'600'000'000;
+    place(tree + "/.bashrc", "export EDITOR=vi\n", 0644, t + 1);
+    place(tree + "/.config/app/settings.ini", "[a]\nb=c\n", 0644, t + 2);
+    place(tree + "/.ssh/id_ed25519", "PRIVATE KEY\n", 0600, t + 3);
+    place(tree + "/bin/tool", "#!/bin/sh\necho hi\n", 0755, t + 4);
+    place(tree + "/Notes/Notes 10:30.txt", "meeting\n", 0640, t + 5);
+    place(tree + "/Notes/what?.txt", "?\n", 0644, t + 6);
+    place(tree + "/Notes/star*.txt", "*\n", 0644, t + 7);
+    place(tree + "/Notes/back\\slash %3A.txt", "\\\n", 0644, t + 8);
+    place(tree + "/Notes/" + longName, "long\n", 0644, t + 9);
+    place(tree + "/Notes/" + tooLong, "cannot go\n", 0644, t + 10);
+    place(tree + "/.cache/thumbnails/x.png", "disposable", 0644, t + 11);
+    placeLink(".bashrc", tree + "/link-to-file", t + 12);
+    placeLink("bin", tree + "/link-to-folder", t + 13);
+    placeLink("/nowhere/at/all", tree + "/dangling", t + 14);
+    ASSERT_EQ(::mkfifo((tree + "/pipe").c_str(), 0600), 0);
+    place(vault + "/diary 10:30.txt", "dear diary\n", 0600, t + 15);
+    placeLink("diary 10:30.txt", vault + "/latest", t + 16);
+    cli.setEnv("HOME=" + tree);
+    cli.setEnv("CIRROVAULT_PASSPHRASE=a long pass phrase");
+
+    // Nothing is left out silently: the one name the service cannot take is named.
+    has(ok({"task", "new", "Home", "--source", tree}).out, {"left out: " + tree + "/Notes/" + tooLong});
+    has(run({"log"}).out, {tooLong});
+    ok({"task", "new", "Secret", "--source", vault, "--encrypt"});
+    // A changed file keeps its older version under its encoded name.
+    place(tree + "/Notes/Notes 10:30.txt", "meeting moved\n", 0640, 1'600'000'100);
+    ok({"backup", "Home"});
+    has(run({"task", "show", "Home"}).out, {tree + "/.cache"});
+
+    // The new computer knows nothing but the account; its pass phrase is in the kept secrets.
+    auto second = another("second");
+    const std::string config = home.file("second/config"), into = home.file("second/home/restored");
+    FileSystem::createDirectories(home.file("second/home"));
+    for (const std::string& entry : {"HOME=" + home.file("second/home"), "XDG_DATA_HOME=" + home.file("second/data"),
+                                     "XDG_CONFIG_HOME=" + config})
+        second->setEnv(entry);
+    has(ok({"--json", "versions", "Home", "alice/Notes/Notes 10:30.txt"}, second.get()).out, {"\"version\":0"});
+    {
+        auto shown = nlohmann::json::parse(run({"--json", "task", "show", "Secret"}, second.get()).out, nullptr, false);
+        ScopedEnv secrets("XDG_CONFIG_HOME", config);
+        EXPECT_TRUE(PasswordMan().SetPassword(shown["task"].value("serverFolder", ""), true, "a long pass phrase"));
+    }
+    ok({"restore", "Home", "--to", into}, second.get());
+    ok({"restore", "Secret", "--to", into}, second.get());
+
+    auto before = inventory(tree);
+    auto after = inventory(into + "/alice");
+    // What the desktop discards, FIFOs and the name no service can hold stay behind.
+    for (const std::string& gone :
+         std::vector<std::string>{"/.cache", "/.cache/thumbnails", "/.cache/thumbnails/x.png", "/pipe", "/Notes/" + tooLong}) {
+        EXPECT_EQ(after.count(gone), 0u) << gone;
+        before.erase(gone);
+    }
+    EXPECT_EQ(after, before);
+    EXPECT_EQ(inventory(into + "/vault"), inventory(vault));
+    EXPECT_EQ(after["/.ssh/id_ed25519"].substr(0, 9), "file 0600");
+}
+
+TEST_F(CliEndToEnd, HomeComesBackAsItWasOnANewComputerFromTheLocalStore) {
+    service = {"--service", "file://" + home.file("store")};
+    checkHomeComesBackOnANewComputer();
+}
+
+TEST_F(CliEndToEnd, HomeComesBackAsItWasOnANewComputerFromApache) {
+    WebDavTestServer server(WebDavTestServer::Kind::Apache, home.file("server"), {{"alice", "correct horse"}});
+    ASSERT_TRUE(server.running());
+    service = {"--service", server.url("{user}/")};
+    checkHomeComesBackOnANewComputer();
 }
 
 // NO_COLOR and TERM=dumb: no escape byte; --json: one document, failures included.
