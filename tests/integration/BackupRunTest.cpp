@@ -434,6 +434,33 @@ TEST_P(BackupRunThread, SlowFailingUploadsStopOnTheClock) {
     EXPECT_EQ(eventsOfTask("Gave up after repeated attempts"), 1u);
 }
 
+// A run is done only once the store made what it sent durable: a sync that fails fails
+// the run, the next run syncs what is still pending, and a run that stored nothing asks
+// for no sync (a failing one does not touch it).
+TEST_P(BackupRunThread, ARunIsDoneOnlyOnceTheStoreMadeItDurable) {
+    if (GetParam().server)
+        GTEST_SKIP() << "the rule is the engine's; one store shows it";
+    using Op = FaultInjectingStore::Operation;
+    makeFile("work/a.txt", "first", T - 600);
+    store_->failOperation(Op::Flush, ResultCode::Failure);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    run(); // nothing new to send, but the first run's file is not durable yet
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_EQ(eventsOfTask("Backup finished successfully."), 0u);
+    store_->clearFaults();
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(eventsOfTask("Backup finished successfully."), 1u);
+
+    store_->failOperation(Op::Flush, ResultCode::Failure);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    makeFile("work/a.txt", "second", T - 60);
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+}
+
 using Server = test::WebDavTestServer::Kind;
 constexpr auto AtRoot = test::WebDavTestServer::Account::AtRoot;
 
