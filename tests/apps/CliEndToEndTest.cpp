@@ -208,7 +208,7 @@ protected:
     std::vector<std::string> service; // "--service URL" for every run; empty: the local store
 };
 
-TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
+TEST_F(CliEndToEnd, TaskLifeFromLogonThroughEditsToDelete) {
     auto logon = ok({"logon"});
     // Kept for later commands, readable by the owner only, and never printed.
     EXPECT_EQ(permissionsOf(home.configHome() + "/cirrovault/passwords.plist"), 0600u);
@@ -249,7 +249,25 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonToDelete) {
     auto log = ok({"log"}).out;
     EXPECT_NE(log.find("Docs: Backup started", log.find("Docs: Backup started") + 1), std::string::npos) << log;
 
-    ok({"task", "delete", "Docs"});
+    // A second change, a second version. The edited task stays so, and a deleted version is gone.
+    write("Documents/a.txt", "third\n");
+    FileSystem::setModifyTime(home.file("Documents/a.txt"), Date::now().addingTimeInterval(120));
+    ok({"backup", "Docs"});
+    ok({"task", "edit", "Docs", "--rename", "Papers", "--schedule", "daily", "--time", "03:15", "--exclude-folder",
+        "letters", "--description", "my papers"});
+    has(ok({"--json", "task", "show", "Papers"}).out,
+        {"\"scheduleText\":\"daily at 03:15\"", "\"excludeFolders\":[\"letters\"]", "\"description\":\"my papers\""});
+    fails({"task", "show", "Docs"}, 2);
+    fails({"task", "edit", "Papers", "--remove-source", home.file("Documents")}, 2, "at least one source");
+    has(run({"--json", "versions", "Papers", "Documents/a.txt"}).out, {"\"version\":0", "\"version\":1"});
+    ok({"versions", "delete", "Papers", "Documents/a.txt", "--version", "0"});
+    fails({"versions", "delete", "Papers", "Documents/a.txt", "--version", "0"}, 2);
+    auto after = run({"--json", "versions", "Papers", "Documents/a.txt"});
+    EXPECT_EQ(after.out.find("\"version\":0"), std::string::npos) << after.out;
+    ok({"restore", "Papers", "Documents/a.txt", "--version", "1", "--to", home.file("v1")});
+    EXPECT_EQ(read("v1/Documents/a.txt"), "second text of a, longer\n");
+
+    ok({"task", "delete", "Papers"});
     has(run({"--json", "task", "list"}).out, {"\"tasks\":[]"});
     EXPECT_TRUE(storeFiles().empty());
 }
@@ -629,31 +647,6 @@ TEST_F(CliEndToEnd, BadInputAndDamagedFilesAreRefusedAndNothingIsLost) {
     }
     ok({"restore", "Docs", "--to", home.file("back")});
     EXPECT_EQ(read("back/Documents/a.txt"), "first text of a\n");
-}
-
-TEST_F(CliEndToEnd, EditedTaskAndDeletedVersionsStaySo) {
-    ok({"task", "new", "Docs", "--source", home.file("Documents")});
-    // Changes are told by the modification time in whole seconds: each one is later.
-    for (int change : {1, 2}) {
-        write("Documents/a.txt", change == 1 ? "second\n" : "third\n");
-        FileSystem::setModifyTime(home.file("Documents/a.txt"), Date::now().addingTimeInterval(60 * change));
-        ok({"backup", "Docs"});
-    }
-
-    ok({"task", "edit", "Docs", "--rename", "Papers", "--schedule", "daily", "--time", "03:15", "--exclude-folder",
-        "letters", "--description", "my papers"});
-    has(ok({"--json", "task", "show", "Papers"}).out,
-        {"\"scheduleText\":\"daily at 03:15\"", "\"excludeFolders\":[\"letters\"]", "\"description\":\"my papers\""});
-    fails({"task", "show", "Docs"}, 2);
-    fails({"task", "edit", "Papers", "--remove-source", home.file("Documents")}, 2, "at least one source");
-
-    has(run({"--json", "versions", "Papers", "Documents/a.txt"}).out, {"\"version\":0", "\"version\":1"});
-    ok({"versions", "delete", "Papers", "Documents/a.txt", "--version", "0"});
-    fails({"versions", "delete", "Papers", "Documents/a.txt", "--version", "0"}, 2);
-    auto after = run({"--json", "versions", "Papers", "Documents/a.txt"});
-    EXPECT_EQ(after.out.find("\"version\":0"), std::string::npos) << after.out;
-    ok({"restore", "Papers", "Documents/a.txt", "--version", "1", "--to", home.file("v1")});
-    EXPECT_EQ(read("v1/Documents/a.txt"), "second\n");
 }
 
 TEST_F(CliEndToEnd, InterruptedBackupEndsCleanlyAndTheNextRunCompletesIt) {
