@@ -256,51 +256,6 @@ TEST_P(BackupRunThread, FileChangedWhileItIsReadIsNotLeftStale) {
     EXPECT_EQ(store_->putCount(), puts);
 }
 
-TEST_P(BackupRunThread, EachFileKeepsItsOwnVersionsOnly) {
-    // Nearly 300 uploads with their version moves: run where the stores differ in how
-    // they keep times (database, properties, metadata document), not on every server.
-    const std::string& kind = GetParam().name;
-    if (kind != "Local" && kind != "Apache" && kind != "LighttpdWithoutProperties")
-        GTEST_SKIP() << "the version rules run on Local, Apache and LighttpdWithoutProperties";
-    // Names that read as one another's versions ("n050" is "n0" + 50 or "n05" + 0),
-    // names without extension, and a sub-folder whose versions must stay untouched.
-    std::vector<std::string> names;
-    for (int i = 0; i < 20; ++i)
-        names.push_back("many/f" + std::to_string(i) + ".txt");
-    for (const char* odd : {"many/n0", "many/n05", "many/n050", "many/n"})
-        names.push_back(odd);
-    auto content = [](const std::string& name, int change) {
-        return name + " change " + std::to_string(change) + std::string(change, '+');
-    };
-    for (int change = 0; change < 3; ++change) {
-        makeFile("work/many/sub/s.txt", content("s", change), T - 90000 + change);
-        run();
-    }
-    ASSERT_EQ(versionsOf("many/sub/s.txt").size(), 2u);
-
-    for (int change = 0; change <= 12; ++change) {
-        for (const auto& name : names)
-            makeFile("work/" + name, content(name, change), T - 80000 + change * 100);
-        run();
-        ASSERT_EQ(task_->mTaskState, CBackupTask::StateSucceeded) << change;
-    }
-    for (const auto& name : names) {
-        auto versions = versionsOf(name);
-        ASSERT_EQ(versions.size(), 9u) << name;
-        // The newest nine older copies, each restorable, each this file's own.
-        std::set<std::string> kept, expected;
-        for (const auto& [number, bytes] : versions)
-            kept.insert(bytes);
-        for (int change = 3; change < 12; ++change)
-            expected.insert(content(name, change));
-        EXPECT_EQ(kept, expected) << name;
-        EXPECT_EQ(fetch(serverOf(name)), content(name, 12));
-    }
-    auto sub = versionsOf("many/sub/s.txt");
-    ASSERT_EQ(sub.size(), 2u);
-    EXPECT_EQ(sub.begin()->second, content("s", 0));
-}
-
 TEST_P(BackupRunThread, WriterRewritingFilesDuringInterruptedRunsLosesNothing) {
     constexpr int kFiles = 12;
     auto name = [](int i) { return "live/f" + std::to_string(i) + ".bin"; };
