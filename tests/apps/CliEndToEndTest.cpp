@@ -751,43 +751,6 @@ TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerReadyAliveAndStopping) {
     close(sock);
 }
 
-// The daemon holds the account only while it runs a task, takes an edited schedule up and
-// runs the task at its new time. A second daemon is refused; SIGTERM frees the account.
-TEST_F(CliEndToEnd, CommandsWorkBesideAnIdleDaemon) {
-    ok({"logon"});
-    ok({"task", "new", "Docs", "--source", home.file("Documents"), "--schedule", "daily", "--time", "03:15"});
-    pid_t daemon = startDaemon();
-    std::string pid = std::to_string(daemon);
-    auto other = another("other");
-    fails({"daemon", "--now"}, 4, pid, other.get());
-    has(run({"--json", "status"}, other.get()).out, {"\"daemonPid\":" + pid});
-    ok({"options", "ReportWhenError=no"}, other.get());
-    // The daemon runs it, and the command follows the run to its end.
-    has(ok({"backup", "Docs"}, other.get()).out, {"queued in the daemon (process " + pid, "Backed up \"Docs\""});
-    EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 5)) << cli.outputSoFar();
-    size_t seen = cli.outputSoFar().size();
-
-    // The next whole minute, with time left to make the change before it comes.
-    if (time(nullptr) % 60 > 45)
-        std::this_thread::sleep_for(std::chrono::seconds(61 - time(nullptr) % 60));
-    time_t next = time(nullptr) + 60;
-    struct tm at{};
-    localtime_r(&next, &at);
-    char hhmm[8];
-    std::snprintf(hhmm, sizeof hhmm, "%02d:%02d", at.tm_hour, at.tm_min);
-    ASSERT_EQ(ok({"task", "edit", "Docs", "--time", hhmm}, other.get()).code, 0);
-
-    EXPECT_TRUE(waitForOutput(cli, "options changed", 20)) << cli.outputSoFar();
-    EXPECT_TRUE(waitForOutput(cli, "task list changed", 20)) << cli.outputSoFar();
-    EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 100, seen)) << cli.outputSoFar();
-
-    kill(daemon, SIGTERM);
-    auto stopped = cli.finish(daemon);
-    EXPECT_EQ(stopped.code, 0) << stopped.err;
-    has(stopped.out, {"started \"Docs\"", "stopped"});
-    ok({"backup", "Docs"}, other.get());
-}
-
 // The control socket is open from the logon on: during the scheduler's start delay a
 // backup is already the daemon's run, not a second process beside it.
 TEST_F(CliEndToEnd, BackupDuringTheDaemonsStartDelayIsTheDaemonsRun) {
@@ -800,29 +763,52 @@ TEST_F(CliEndToEnd, BackupDuringTheDaemonsStartDelayIsTheDaemonsRun) {
     kill(daemon, SIGTERM);
     auto stopped = cli.finish(daemon);
     EXPECT_EQ(stopped.code, 0) << stopped.err;
-    has(stopped.out, {"ended \"Docs\": succeeded"});
+    has(stopped.out, {"started \"Docs\"", "ended \"Docs\": succeeded", "stopped"});
     EXPECT_EQ(stopped.out.find("scheduler running"), std::string::npos) << stopped.out;
+    ok({"backup", "Docs"}); // SIGTERM freed the account
 }
 
-// With the run's own result. A killed daemon's socket is removed, not waited on; an
+// The daemon holds the account only while it runs a task: a command's backup is its run,
+// with the run's own result, and a second daemon is refused. It takes an edited schedule up
+// and runs the task at its new time. A killed daemon's socket is removed, not waited on; an
 // engine that holds the account without answering is refused with exit 4.
-TEST_F(CliEndToEnd, BackupBesideTheDaemonIsTheDaemonsRun) {
+TEST_F(CliEndToEnd, CommandsBesideTheDaemonGoThroughItOrAreRefused) {
     ok({"logon"});
-    ok({"task", "new", "Docs", "--source", home.file("Documents")});
+    ok({"task", "new", "Docs", "--source", home.file("Documents"), "--schedule", "daily", "--time", "03:15"});
     FileSystem::createDirectories(home.file("Gone"));
     write("Gone/g.txt", "soon gone");
     ok({"task", "new", "Gone", "--source", home.file("Gone")});
     ASSERT_TRUE(FileSystem::removeAll(home.file("Gone")));
     pid_t daemon = startDaemon();
+    std::string pid = std::to_string(daemon);
     auto sockets = filesEndingWith(home.file("run"), ".sock");
     ASSERT_EQ(sockets.size(), 1u);
     EXPECT_EQ(permissionsOf(sockets[0]), 0600u);
 
     auto other = another("other");
+    fails({"daemon", "--now"}, 4, pid, other.get());
+    has(run({"--json", "status"}, other.get()).out, {"\"daemonPid\":" + pid});
+    ok({"options", "ReportWhenError=no"}, other.get());
+    // The daemon runs it, and the command follows the run to its end.
+    has(ok({"backup", "Docs"}, other.get()).out, {"queued in the daemon (process " + pid, "Backed up \"Docs\""});
     write("Documents/new.txt", "new since the first run");
     has(ok({"--json", "backup", "Docs"}, other.get()).out, {"\"state\":\"succeeded\"", "\"filesSent\":1,"});
     fails({"backup", "Gone"}, 1, home.file("Gone"), other.get());
     EXPECT_TRUE(waitForOutput(cli, "ended \"Gone\": failed", 5)) << cli.outputSoFar();
+    size_t seen = cli.outputSoFar().size();
+
+    // The next whole minute, with time left to make the change before it comes.
+    if (time(nullptr) % 60 > 45)
+        std::this_thread::sleep_for(std::chrono::seconds(61 - time(nullptr) % 60));
+    time_t next = time(nullptr) + 60;
+    struct tm at{};
+    localtime_r(&next, &at);
+    char hhmm[8];
+    std::snprintf(hhmm, sizeof hhmm, "%02d:%02d", at.tm_hour, at.tm_min);
+    ASSERT_EQ(ok({"task", "edit", "Docs", "--time", hhmm}, other.get()).code, 0);
+    EXPECT_TRUE(waitForOutput(cli, "options changed", 20)) << cli.outputSoFar();
+    EXPECT_TRUE(waitForOutput(cli, "task list changed", 20)) << cli.outputSoFar();
+    EXPECT_TRUE(waitForOutput(cli, "ended \"Docs\": succeeded", 100, seen)) << cli.outputSoFar();
 
     // Ctrl-C on the command stops the daemon's run of it.
     writeBigFiles(home.file("Big"), 3, 99);
