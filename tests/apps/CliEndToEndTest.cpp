@@ -33,7 +33,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Result = CliRunner::Result;
 
-// Every path below folder, folders included, depth first.
 std::vector<std::string> tree(const std::string& folder) {
     std::vector<std::string> found;
     for (const auto& name : FileSystem::listDirectory(folder).value_or(std::vector<std::string>{})) {
@@ -47,7 +46,6 @@ std::vector<std::string> tree(const std::string& folder) {
     return found;
 }
 
-// The files below folder whose name ends with suffix.
 std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
     std::vector<std::string> found;
     for (const auto& path : tree(folder))
@@ -145,13 +143,12 @@ protected:
     }
     std::string read(const std::string& relative) { return FileSystem::readFile(home.file(relative)).value_or("<none>"); }
 
-    // By runner (the test's own command line unless another is named).
+    // On runner, or the test's own command line.
     Result run(std::vector<std::string> args, CliRunner* runner = nullptr) {
         args.insert(args.begin(), service.begin(), service.end());
         args.insert(args.begin(), {"--user", "alice"});
         return (runner ? *runner : cli).run(args);
     }
-    // A run that must succeed.
     Result ok(std::vector<std::string> args, CliRunner* runner = nullptr) {
         auto result = run(std::move(args), runner);
         EXPECT_EQ(result.code, 0) << result.out << result.err;
@@ -272,9 +269,8 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonThroughEditsToDelete) {
     EXPECT_TRUE(storeFiles().empty());
 }
 
-// A home folder backed up from one computer and restored on a new one (a second, empty
-// HOME on the same store) comes back as it was: dotfiles, links, modes, times and names
-// the service refuses.
+// A home folder restored on a new computer (a second, empty HOME on the same store) comes
+// back as it was: dotfiles, links, modes, times and names the service refuses.
 void CliEndToEnd::checkHomeComesBackOnANewComputer() {
     // 250 bytes: the stored name and its ".part" must fit the file-system name limit.
     const std::string longName = std::string(246, 'n') + ".txt";
@@ -432,7 +428,6 @@ TEST_F(CliEndToEnd, EncryptedTaskComesBackOnANewComputer) {
     cli.setEnv("CIRROVAULT_PASSPHRASE=open sesame");
     ok({"task", "new", "Vault", "--source", home.file("Documents"), "--encrypt"});
 
-    // The new computer: the same account, and nothing else of the first.
     cli.setEnv("HOME=" + home.file("new"));
     cli.setEnv("XDG_DATA_HOME=" + home.file("new/data"));
     cli.setEnv("XDG_CONFIG_HOME=" + home.file("new/config"));
@@ -675,8 +670,8 @@ TEST_F(CliEndToEnd, InterruptedRestoreLeavesNoPartialFile) {
               std::vector<std::string>{});
 }
 
-// A manager that refuses leaves the unit written and says what to type. A stand-in
-// systemctl records what it was asked.
+// A stand-in systemctl records what it was asked; when it refuses, the unit stays written
+// and the command says what to type.
 TEST_F(CliEndToEnd, ServiceEnableWritesTheUnitAndAsksTheUserManager) {
     std::string calls = home.file("systemctl-calls");
     FileSystem::createDirectories(home.file("bin"));
@@ -760,10 +755,8 @@ TEST_F(CliEndToEnd, BackupDuringTheDaemonsStartDelayIsTheDaemonsRun) {
     ok({"backup", "Docs"}); // SIGTERM freed the account
 }
 
-// The daemon holds the account only while it runs a task: a command's backup is its run,
-// with the run's own result, and a second daemon is refused. It takes an edited schedule up
-// and runs the task at its new time. A killed daemon's socket is removed, not waited on; an
-// engine that holds the account without answering is refused with exit 4.
+// A command's backup is the daemon's run, with its result; a second daemon, or an engine
+// holding the account without answering, is refused; a killed daemon's socket is removed.
 TEST_F(CliEndToEnd, CommandsBesideTheDaemonGoThroughItOrAreRefused) {
     ok({"logon"});
     ok({"task", "new", "Docs", "--source", home.file("Documents"), "--schedule", "daily", "--time", "03:15"});
@@ -781,7 +774,6 @@ TEST_F(CliEndToEnd, CommandsBesideTheDaemonGoThroughItOrAreRefused) {
     fails({"daemon", "--now"}, 4, pid, other.get());
     has(run({"--json", "status"}, other.get()).out, {"\"daemonPid\":" + pid});
     ok({"options", "ReportWhenError=no"}, other.get());
-    // The daemon runs it, and the command follows the run to its end.
     has(ok({"backup", "Docs"}, other.get()).out, {"queued in the daemon (process " + pid, "Backed up \"Docs\""});
     write("Documents/new.txt", "new since the first run");
     has(ok({"--json", "backup", "Docs"}, other.get()).out, {"\"state\":\"succeeded\"", "\"filesSent\":1,"});

@@ -1,5 +1,5 @@
 // Another computer's task moves here: pointed at a copy of the same files, its next run
-// sends none of them again.
+// sends none of them again. The wait dialog is the headless one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +10,11 @@
 #include "common/EngineSession.h"
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/view/ViewLayout.h"
+#include "platform/view/headless/HeadlessViewBackend.h"
 #include "service/CManageTaskList.h"
+#include "ui/LoopDlgController.h"
 
 using namespace cirrovault;
 
@@ -24,6 +28,11 @@ protected:
     void SetUp() override {
         EngineSession::SetUp();
         Clock::setShared(clock_);
+        LoopDlgController::installFactory(backend_);
+    }
+    void TearDown() override {
+        CLoopItem::setFactory(nullptr);
+        EngineSession::TearDown();
     }
     // One whole run of a task of the manager, as the user starts it; the files stored.
     int run(CBackupManage& manager, const std::string& name) {
@@ -49,11 +58,12 @@ protected:
     }
 
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(kFileTime + 86400));
+    std::shared_ptr<HeadlessViewBackend> backend_ = std::make_shared<HeadlessViewBackend>();
 };
 
 // The other system's record, with drive-letter paths, and its files in the task's folder,
 // one sub-folder per source, under their common parent.
-TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
+TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOffSaysSo) {
     TaskListEntry record;
     record.taskID = 4242;
     record.pcID = 31337;
@@ -110,6 +120,13 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
     ASSERT_TRUE(again.LoadTaskList(reply("")));
     ASSERT_TRUE(again.GetTaskByName("Win"));
     EXPECT_FALSE(again.GetTaskByName("Win")->bMigrateTask);
+
+    // Log-off says so in the wait dialog, ends the session and empties the list.
+    again.logOff(false);
+    EXPECT_TRUE(api().sessionID().empty());
+    EXPECT_TRUE(again.taskList.empty());
+    auto shown = backend_->textsOf(ViewLayout::LoopDialog, ViewOutlet::LogOnStr);
+    EXPECT_NE(std::find(shown.begin(), shown.end(), LoadString::GetValueByKey("IDS_LOGOFFING", "")), shown.end());
 }
 
 } // namespace
