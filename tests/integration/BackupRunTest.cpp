@@ -11,16 +11,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/EngineSession.h"
 #include "common/WebDavTestServer.h"
-#include "engine/task/VersionNames.h"
 #include "platform/store/webdav/WebDavStore.h"
-#include "support/CFileInfo.h"
 
 using namespace cirrovault;
 
@@ -89,28 +86,6 @@ protected:
         return path;
     }
     bool exactTimes() const { return raw_->capabilities().modifyTimePrecision < 1; }
-    // The older versions of work/<relative> by number, each with its content.
-    std::map<uint64_t, std::string> versionsOf(const std::string& relative) {
-        std::string serverFile = serverOf(relative);
-        std::string folder = CFileInfo::getServerParentFolder(serverFile);
-        std::string versions = CFileInfo::serverPathAppend(
-            CFileInfo::serverPathAppend(task_->getSvrHistoryFolder(false), task_->name),
-            folder.substr(task_->serverPath.size() + 1));
-        tree().RefreshSvrPath("\\");
-        std::vector<PathInfo> besides, entries;
-        tree().GetSubList(folder, besides, false, false);
-        tree().GetSubList(versions, entries, false, false);
-        std::vector<std::string> siblings;
-        for (const auto& entry : besides)
-            siblings.push_back(entry.name);
-        std::map<uint64_t, std::string> found;
-        for (const auto& entry : entries)
-            if (auto number = VersionNames::numberOf(entry.name,
-                                                     CFileInfo::GetServerFileName(serverFile),
-                                                     siblings))
-                found[*number] = fetch(entry.path);
-        return found;
-    }
     size_t eventsOfTask(const std::string& text) { return eventsContaining(text, "Projects|"); }
 
     std::unique_ptr<test::WebDavTestServer> server_;
@@ -153,9 +128,12 @@ TEST_P(BackupRunThread, FirstRunUploadsTheTreeAnUnchangedRerunNothingAndAChangeI
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_EQ(store_->putCount(), 241);
     EXPECT_EQ(fetch(serverOf("d0/s0/f0.txt")), "second words, longer");
-    auto versions = versionsOf("d0/s0/f0.txt");
-    ASSERT_EQ(versions.size(), 1u);
-    EXPECT_EQ(versions.begin()->second, "content of d0/s0/f0.txt");
+    std::vector<PathInfo> kept; // below the history folder
+    tree().RefreshSvrPath("\\");
+    tree().GetSubList(task_->getSvrHistoryFolder(false), kept, false, true);
+    std::erase_if(kept, [](const PathInfo& item) { return item.bFolder; });
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(fetch(kept[0].path), "content of d0/s0/f0.txt");
 }
 
 TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
