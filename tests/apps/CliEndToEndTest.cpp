@@ -210,6 +210,7 @@ TEST_F(CliEndToEnd, TaskLifeFromLogonThroughEditsToDelete) {
     // Kept for later commands, readable by the owner only, and never printed.
     EXPECT_EQ(permissionsOf(home.configHome() + "/cirrovault/passwords.plist"), 0600u);
     EXPECT_EQ(logon.out.find("correct horse"), std::string::npos);
+    EXPECT_EQ(logon.err.find("plain HTTP"), std::string::npos); // a local store has no network
 
     auto made = ok({"--json", "task", "new", "Docs", "--source", home.file("Documents"), "--exclude-ext", "*.tmp"});
     has(made.out, {"\"firstRun\":\"succeeded\"", "\"filesSent\":2"});
@@ -861,19 +862,6 @@ TEST_F(CliEndToEnd, AnotherUserReadsNothingWhateverTheUmask) {
     EXPECT_EQ(output, "") << "another user reached these";
 }
 
-TEST_F(CliEndToEnd, PlainWebDavLogonWarnsBeforeSendingThePassword) {
-    EXPECT_EQ(ok({"logon"}).err.find("plain HTTP"), std::string::npos);
-
-    // Nothing listens there, so the logon goes on retrying until it is stopped.
-    std::string url = "webdav://127.0.0.1:" + std::to_string(unusedLoopbackPort()) + "/dav/";
-    pid_t pid = cli.start({"--user", "alice", "--service", url, "logon"});
-    std::string warning = "Warning: " + url + " is plain HTTP";
-    for (int i = 0; i < 100 && read("scratch/run2.err").find(warning) == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    ::kill(pid, SIGTERM);
-    has(cli.finish(pid).err, {warning});
-}
-
 // A private session bus and keyring; the file keeps only the user's name.
 TEST_F(CliEndToEnd, AccountIsKeptInTheDesktopKeyringWhenOneAnswers) {
     if (::access("/usr/bin/dbus-run-session", X_OK) != 0 || ::access("/usr/bin/gnome-keyring-daemon", X_OK) != 0)
@@ -929,7 +917,7 @@ TEST_F(CliEndToEnd, CheckTellsVersionsOfNamesThatRunIntoOneAnotherApart) {
 
 // Without a terminal: exit 3 after a few attempts, SIGTERM heard within a second, and the
 // daemon keeps trying, saying so, until it is stopped.
-TEST_F(CliEndToEnd, UnreachableServiceEndsInSecondsAndSignalsAreHeard) {
+TEST_F(CliEndToEnd, UnreachablePlainHttpServiceWarnsEndsInSecondsAndHearsSignals) {
     const std::string nowhere = "webdav://127.0.0.1:1/";
     auto other = another("daemon");
     pid_t daemon = other->start({"--user", "alice", "--service", nowhere, "daemon", "--now"});
@@ -946,6 +934,14 @@ TEST_F(CliEndToEnd, UnreachableServiceEndsInSecondsAndSignalsAreHeard) {
     pid_t backup = cli.start({"--user", "alice", "--service", nowhere, "backup", "Documents"});
     std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // between the attempts
     stopsAtOnce(cli, backup, 5);
+
+    // A logon there warns before it sends the password, and goes on trying until stopped.
+    pid_t logon = cli.start({"--user", "alice", "--service", nowhere, "logon"});
+    const std::string warning = "Warning: " + nowhere + " is plain HTTP";
+    for (int i = 0; i < 100 && read("scratch/run3.err").find(warning) == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    kill(logon, SIGTERM);
+    has(cli.finish(logon).err, {warning});
 
     waitForOutput(*other, "trying again in 30 seconds", 15);
     has(other->outputSoFar(), {"cannot be reached"});

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -24,8 +23,7 @@ class CliRunner {
 public:
     struct Result {
         int code = -1;
-        std::string out;
-        std::string err;
+        std::string out, err;
     };
 
     explicit CliRunner(std::string scratch) : scratch_(std::move(scratch)) {}
