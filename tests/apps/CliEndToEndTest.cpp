@@ -545,7 +545,7 @@ TEST_F(CliEndToEnd, DamageIsNamedAndAHomeComesBackOnANewComputerOnApache) {
     checkHomeComesBackOnANewComputer();
 }
 
-TEST_F(CliEndToEnd, QuickFolderBackupReusesItsTaskScheduledTaskWaitsAndAMissingSourceFails) {
+TEST_F(CliEndToEnd, QuickFolderBackupsScheduledTaskMissingSourceAndCheckOfCloseNames) {
     has(ok({"backup", home.file("Documents")}).out, {"Making the task \"Documents\""});
     auto second = ok({"backup", home.file("Documents") + "/"});
     EXPECT_EQ(second.out.find("Making the task"), std::string::npos) << second.out;
@@ -559,6 +559,26 @@ TEST_F(CliEndToEnd, QuickFolderBackupReusesItsTaskScheduledTaskWaitsAndAMissingS
     ASSERT_EQ(::rename(home.file("Documents").c_str(), home.file("Moved").c_str()), 0);
     fails({"backup", "Documents"}, 1, home.file("Documents"));
     has(ok({"status"}).out, {"failed", "last error: ", home.file("Documents")});
+
+    // "f1.txt" beside "f10.txt" … "f19.txt": a whole history checks clean, and a version
+    // lost on the store is named with its own file.
+    FileSystem::createDirectories(home.file("Docs"));
+    for (int change = 0; change < 3; ++change) {
+        for (int i = 1; i <= 20; ++i) {
+            std::string path = home.file("Docs/f" + std::to_string(i) + ".txt");
+            ASSERT_TRUE(FileSystem::writeFileAtomically(path, std::string(i + change * 20, 'x')));
+            ASSERT_TRUE(FileSystem::setModifyTime(path, Date(1'700'000'000.0 + change * 100 + i)));
+        }
+        ok({"backup", home.file("Docs")});
+    }
+    has(ok({"check", "Docs"}).out, {"20 files and 40 older versions checked; 0 problems"});
+    // f1.txt's versions skip the numbers f10.txt … f19.txt would claim: its first is "f1100.txt".
+    auto lost = filesEndingWith(home.dataHome() + "/cirrovault/store", "/f1100.txt");
+    ASSERT_EQ(lost.size(), 1u);
+    ASSERT_TRUE(FileSystem::removeItem(lost[0]));
+    auto gap = fails({"check", "Docs"}, 1);
+    has(gap.out, {"Docs/f1.txt: older version 100 is missing (versions up to 101 are kept)"});
+    EXPECT_EQ(gap.out.find("older version 0 is missing"), std::string::npos) << gap.out;
 }
 
 TEST_F(CliEndToEnd, BadInputAndDamagedFilesAreRefusedAndNothingIsLost) {
@@ -891,28 +911,6 @@ TEST_F(CliEndToEnd, AccountIsKeptInTheDesktopKeyringWhenOneAnswers) {
     auto file = FileSystem::readFile(home.configHome() + "/cirrovault/passwords.plist").value_or("");
     has(file, {"alice"});
     EXPECT_EQ(file.find("correct horse"), std::string::npos) << file;
-}
-
-// "f1.txt" beside "f10.txt" … "f19.txt": a whole history checks clean, and a version lost
-// on the store is named with its own file.
-TEST_F(CliEndToEnd, CheckTellsVersionsOfNamesThatRunIntoOneAnotherApart) {
-    FileSystem::createDirectories(home.file("Docs"));
-    for (int change = 0; change < 3; ++change) {
-        for (int i = 1; i <= 20; ++i) {
-            std::string path = home.file("Docs/f" + std::to_string(i) + ".txt");
-            ASSERT_TRUE(FileSystem::writeFileAtomically(path, std::string(i + change * 20, 'x')));
-            ASSERT_TRUE(FileSystem::setModifyTime(path, Date(1'700'000'000.0 + change * 100 + i)));
-        }
-        ok({"backup", home.file("Docs")});
-    }
-    has(ok({"check", "Docs"}).out, {"20 files and 40 older versions checked; 0 problems"});
-    // f1.txt's versions skip the numbers f10.txt … f19.txt would claim: its first is "f1100.txt".
-    auto lost = filesEndingWith(home.dataHome() + "/cirrovault/store", "/f1100.txt");
-    ASSERT_EQ(lost.size(), 1u);
-    ASSERT_TRUE(FileSystem::removeItem(lost[0]));
-    auto gap = fails({"check", "Docs"}, 1);
-    has(gap.out, {"Docs/f1.txt: older version 100 is missing (versions up to 101 are kept)"});
-    EXPECT_EQ(gap.out.find("older version 0 is missing"), std::string::npos) << gap.out;
 }
 
 // Without a terminal: exit 3 after a few attempts, SIGTERM heard within a second, and the
