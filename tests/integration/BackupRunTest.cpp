@@ -136,6 +136,7 @@ TEST_P(BackupRunThread, FirstRunUploadsTheTreeAnUnchangedRerunNothingAndAChangeI
     std::erase_if(kept, [](const PathInfo& item) { return item.bFolder; });
     ASSERT_EQ(kept.size(), 1u);
     EXPECT_EQ(fetch(kept[0].path), "content of d0/s0/f0.txt");
+    EXPECT_FALSE(SystemLog::capturedContains("secret")); // the password never reaches the log
 }
 
 TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
