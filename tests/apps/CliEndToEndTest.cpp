@@ -865,10 +865,9 @@ TEST_F(CliEndToEnd, AnotherUserReadsNothingWhateverTheUmask) {
     EXPECT_EQ(openToOthers(config), std::vector<std::string>{});
     EXPECT_EQ(permissionsOf(data), 0700u);
 
-    std::vector<std::string> paths{data, config};
-    for (const auto& top : {data, config})
-        for (const auto& path : tree(top))
-            paths.push_back(path);
+    std::vector<std::string> paths = tree(data), more = tree(config);
+    paths.insert(paths.end(), more.begin(), more.end());
+    paths.insert(paths.end(), {data, config});
     ASSERT_TRUE(std::find(paths.begin(), paths.end(), config + "/settings.plist") != paths.end());
     ASSERT_TRUE(std::find(paths.begin(), paths.end(), data + "/store/store.db") != paths.end());
     std::string probe = "for p in \"$@\"; do if [ -d \"$p\" ]; then ls \"$p\" >/dev/null 2>&1 && echo \"listed $p\";"

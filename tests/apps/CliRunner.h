@@ -31,10 +31,7 @@ public:
     // Extra "NAME=value" entries for every later run.
     void setEnv(const std::string& entry) { env_.push_back(entry); }
 
-    Result run(const std::vector<std::string>& args) {
-        pid_t pid = start(args);
-        return finish(pid);
-    }
+    Result run(const std::vector<std::string>& args) { return finish(start(args)); }
 
     // Starts without waiting; finish() collects the result.
     pid_t start(const std::vector<std::string>& args) {

@@ -30,7 +30,6 @@ TEST(TaskListRoundTrip, TwoProcessesEditingOneAccountLoseNoPath) {
     const std::string url = "file://" + home.file("service");
     ASSERT_EQ(connect(url), 0);
     TaskListEntry task;
-    task.taskID = 1234;
     task.name = "Shared";
     task.serverPath = "\\Backup\\Shared";
     CManageTaskList client;
@@ -60,8 +59,7 @@ TEST(TaskListRoundTrip, TwoProcessesEditingOneAccountLoseNoPath) {
     bool parentDone = addPaths("/parent/");
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_TRUE(parentDone);
+    EXPECT_TRUE(parentDone && WIFEXITED(status) && WEXITSTATUS(status) == 0) << parentDone << " " << status;
 
     ASSERT_EQ(connect(url), 0);
     auto paths = Functions::GetValueArrayByKey("RETURN_Path", client.getBackupTasks("Shared", "true"));

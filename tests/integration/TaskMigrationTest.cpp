@@ -81,15 +81,12 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOff
         ASSERT_EQ(local_->makeFolder(folder, "", ""), ResultCode::Success);
     // The same files (content and modification time) on the store and under the new root.
     const std::string newRoot = home_.file("moved");
-    auto place = [&](std::string name) {
-        std::string content = "content of " + name;
-        makeFile("moved/" + name, content, kFileTime);
-        std::replace(name.begin(), name.end(), '/', '\\');
-        return std::make_pair("\\Backups\\Win\\" + name, content);
-    };
-    for (const char* name : {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"}) {
-        auto [stored, content] = place(name);
-        putCopy(stored, content, kFileTime);
+    auto place = [&](std::string name) { return makeFile("moved/" + name, "content of " + name, kFileTime); };
+    for (std::string name : {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"}) {
+        place(name);
+        std::string stored = "\\Backups\\Win\\" + name;
+        std::replace(stored.begin(), stored.end(), '/', '\\');
+        putCopy(stored, "content of " + name, kFileTime);
     }
 
     CBackupManage second;
