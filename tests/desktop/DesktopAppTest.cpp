@@ -209,8 +209,8 @@ TEST_F(DesktopAppTest, RowsAreReadInOnePieceWhileARunStarts) {
     start.manager.SetWorkingTask(nullptr);
 }
 
-TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPlace) {
-    makeTask("none"); // backed up at once: "first draft"
+TEST_F(DesktopAppTest, RestoresAnOlderVersionMissingFilesAndAsksForAPassPhraseThatOpens) {
+    makeTask("none", "the right phrase"); // backed up at once: "first draft"
     openWindow();
     FileSystem::writeFileAtomically(source_ + "/letter.txt", "second draft, longer\n");
     ASSERT_TRUE(window_->selectTask("Documents"));
@@ -235,12 +235,7 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
     EXPECT_EQ(content(source_ + "/letter.txt"), "second draft, longer\n");
     EXPECT_EQ(content(source_ + "/note.txt"), "kept as it is\n");
-}
 
-TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFiles) {
-    makeTask("none", "the right phrase");
-    openWindow();
-    RestoreWindow& restore = openRestore();
     // What this computer keeps is wrong now: the dialog asks, and the typed phrase opens.
     cli::RestoreSupport where(session_->host(), session_->manager().GetTaskByName("Documents"));
     ASSERT_TRUE(PasswordMan().SetPassword(where.serverFolder(), true, "a wrong phrase"));
@@ -250,11 +245,12 @@ TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFile
                         type(w, [](GtkWidget* e) { return GTK_IS_PASSWORD_ENTRY(e); }, "the right phrase");
                         press(w, "OK");
                     }}});
-    restore.setDestination(home_.file("restored"));
-    auto outcome = restore.restoreSelected();
+    ASSERT_TRUE(restore.selectVersionRow(1));
+    restore.setDestination(home_.file("asked"));
+    outcome = restore.restoreSelected();
     EXPECT_TRUE(answer.finished());
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
-    EXPECT_EQ(content(home_.file("restored") + "/Documents/letter.txt"), "first draft\n");
+    EXPECT_EQ(content(home_.file("asked") + "/Documents/letter.txt"), "first draft\n");
 }
 
 // Without the daemon's unit the switch runs the scheduler here; off and on again, it is one
