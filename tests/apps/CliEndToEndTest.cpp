@@ -143,7 +143,6 @@ protected:
     }
     std::string read(const std::string& relative) { return FileSystem::readFile(home.file(relative)).value_or("<none>"); }
 
-    // On runner, or the test's own command line.
     Result run(std::vector<std::string> args, CliRunner* runner = nullptr) {
         args.insert(args.begin(), service.begin(), service.end());
         args.insert(args.begin(), {"--user", "alice"});
@@ -638,8 +637,7 @@ TEST_F(CliEndToEnd, BadInputAndDamagedFilesAreRefusedAndNothingIsLost) {
     onlyDocs();
     has(FileSystem::readFile(identity).value_or(""), {"PC ID"});
 
-    // An emptied, then a foreign store.db: refused, the files untouched, until repair
-    // rebuilds the account and its task list from what the store keeps.
+    // An emptied, then a foreign store.db: refused, files untouched, until repair rebuilds it.
     const std::string db = home.dataHome() + "/cirrovault/store/store.db";
     for (const std::string& damaged : {std::string(), std::string(8192, 'x')}) {
         ASSERT_TRUE(FileSystem::writeFileAtomically(db, damaged));
@@ -912,8 +910,7 @@ TEST_F(CliEndToEnd, AccountIsKeptInTheDesktopKeyringWhenOneAnswers) {
     EXPECT_EQ(file.find("correct horse"), std::string::npos) << file;
 }
 
-// Without a terminal: exit 3 after a few attempts, SIGTERM heard within a second, and the
-// daemon keeps trying, saying so, until it is stopped.
+// Without a terminal: exit 3 after a few attempts, SIGTERM heard at once; a daemon keeps trying.
 TEST_F(CliEndToEnd, UnreachablePlainHttpServiceWarnsEndsInSecondsAndHearsSignals) {
     const std::string nowhere = "webdav://127.0.0.1:1/";
     auto other = another("daemon");

@@ -1,5 +1,4 @@
-// The desktop host's windows, driven the way a user drives them, on a real display
-// (Xvfb under ctest). The tests of windows leave a screenshot of what they drove.
+// The desktop host's windows driven as a user does, on a real display (Xvfb under ctest).
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
@@ -253,8 +252,7 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionMissingFilesAndAsksForAPassPhraseTh
     EXPECT_EQ(content(home_.file("asked") + "/Documents/letter.txt"), "first draft\n");
 }
 
-// Without the daemon's unit the switch runs the scheduler here; off and on again, it is one
-// scheduler, not none and not two, and a task queued meanwhile runs once it is on.
+// Without the daemon's unit the switch runs one scheduler here, also off and on again.
 TEST_F(DesktopAppTest, AutomaticBackupsStopAndRestartTheSchedulerHereKeepingWhatIsQueued) {
     if (session_->unitInstalled())
         GTEST_SKIP() << "a daemon unit is installed on this machine";

@@ -1,5 +1,4 @@
-// Whole backup runs against the real local store and real WebDAV servers, down to the
-// bytes stored, with faults that must end a run as a named failure in bounded attempts.
+// Whole backup runs on the local store and real WebDAV servers, down to the bytes stored.
 #include <gtest/gtest.h>
 
 #include <algorithm>

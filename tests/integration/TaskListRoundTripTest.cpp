@@ -1,5 +1,4 @@
-// Two processes add paths to one task of one account at the same time: the store's
-// locking, not a thread's, must keep every path.
+// Two processes editing one task at once: the store's locking must keep every path.
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -61,8 +61,7 @@ protected:
     std::shared_ptr<HeadlessViewBackend> backend_ = std::make_shared<HeadlessViewBackend>();
 };
 
-// The other system's record, with drive-letter paths, and its files in the task's folder,
-// one sub-folder per source, under their common parent.
+// The other system's record has drive-letter paths; its files, one folder per source.
 TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOffSaysSo) {
     TaskListEntry record;
     record.taskID = 4242;
