@@ -1,6 +1,5 @@
 #pragma once
 
-#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -24,8 +23,7 @@ class CliRunner {
 public:
     struct Result {
         int code = -1;
-        std::string out;
-        std::string err;
+        std::string out, err;
     };
 
     explicit CliRunner(std::string scratch) : scratch_(std::move(scratch)) {}
@@ -33,10 +31,7 @@ public:
     // Extra "NAME=value" entries for every later run.
     void setEnv(const std::string& entry) { env_.push_back(entry); }
 
-    Result run(const std::vector<std::string>& args) {
-        pid_t pid = start(args);
-        return finish(pid);
-    }
+    Result run(const std::vector<std::string>& args) { return finish(start(args)); }
 
     // Starts without waiting; finish() collects the result.
     pid_t start(const std::vector<std::string>& args) {

@@ -1,5 +1,4 @@
-// The desktop host's windows, driven the way a user drives them, on a real display
-// (Xvfb under ctest). The tests of windows leave a screenshot of what they drove.
+// The desktop host's windows driven as a user does, on a real display (Xvfb under ctest).
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
@@ -25,15 +24,18 @@ namespace {
 
 using namespace test;
 
-std::string content(const std::string& path) {
-    return FileSystem::readFile(path).value_or("<missing>");
+std::string content(const std::string& path) { return FileSystem::readFile(path).value_or("<missing>"); }
+
+// The window's row of the task shows every part.
+void rowShows(MainWindow& window, std::initializer_list<std::string> parts) {
+    std::string row = window.rowText("Documents");
+    for (const auto& part : parts)
+        EXPECT_NE(row.find(part), std::string::npos) << part << " not in " << row;
 }
 
 class DesktopAppTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run";
-    }
+    static void SetUpTestSuite() { ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run"; }
 
     void SetUp() override {
         source_ = home_.file("Documents");
@@ -50,8 +52,7 @@ protected:
         session_.reset();
     }
 
-    // A task made through the engine; a daily one runs first tomorrow, one without a
-    // schedule at once.
+    // A daily task runs first tomorrow, one without a schedule at once.
     CBackupManage::TaskPtr makeTask(const std::string& schedule, const std::string& passPhrase = "",
                                     const std::string& name = "Documents") {
         cli::TaskInput input;
@@ -158,9 +159,7 @@ TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
     EXPECT_EQ(task->taskType & CBackupTask::ScheduleKindMask, CBackupTask::ScheduleWeekly);
     EXPECT_EQ(Calendar::weekday(task->mDating), day + 1);
     EXPECT_EQ(window_->selectedTask(), "Documents");
-    std::string row = window_->rowText("Documents");
-    EXPECT_NE(row.find(cli::TaskFormat::dateText(task->mDating)), std::string::npos) << row;
-    EXPECT_NE(row.find("never"), std::string::npos) << row; // not backed up yet
+    rowShows(*window_, {cli::TaskFormat::dateText(task->mDating), "never"}); // not backed up yet
     EXPECT_NE(window_->accountText().find("alice"), std::string::npos) << window_->accountText();
     EXPECT_TRUE(screenshot(GTK_WIDGET(window_->window()), "desktop-main-window"));
 
@@ -169,16 +168,14 @@ TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
                                          }}});
     window_->backUpNow();
     EXPECT_TRUE(progress.finished());
-    row = window_->rowText("Documents");
     EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_NE(row.find(cli::TaskFormat::stateName(CBackupTask::StateSucceeded)), std::string::npos)
-        << row;
-    EXPECT_NE(row.find(cli::TaskFormat::dateText(task->mBackupDate)), std::string::npos) << row;
+    rowShows(*window_, {cli::TaskFormat::stateName(CBackupTask::StateSucceeded),
+                        cli::TaskFormat::dateText(task->mBackupDate)});
     EXPECT_TRUE(screenshot(GTK_WIDGET(window_->window()), "desktop-backed-up"));
 }
 
-// A run that starts while the window lays out its rows does not lend them the fields it
-// is writing. The run is started from the list's own signal, at that very moment.
+// A run started from the list's own signal, while the window lays out its rows, does not
+// lend them the fields it is writing.
 TEST_F(DesktopAppTest, RowsAreReadInOnePieceWhileARunStarts) {
     auto task = makeTask("daily");
     openWindow();
@@ -211,8 +208,8 @@ TEST_F(DesktopAppTest, RowsAreReadInOnePieceWhileARunStarts) {
     start.manager.SetWorkingTask(nullptr);
 }
 
-TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPlace) {
-    makeTask("none"); // backed up at once: "first draft"
+TEST_F(DesktopAppTest, RestoresAnOlderVersionMissingFilesAndAsksForAPassPhraseThatOpens) {
+    makeTask("none", "the right phrase"); // backed up at once: "first draft"
     openWindow();
     FileSystem::writeFileAtomically(source_ + "/letter.txt", "second draft, longer\n");
     ASSERT_TRUE(window_->selectTask("Documents"));
@@ -237,12 +234,7 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionToAnotherFolderAndMissingFilesInPla
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
     EXPECT_EQ(content(source_ + "/letter.txt"), "second draft, longer\n");
     EXPECT_EQ(content(source_ + "/note.txt"), "kept as it is\n");
-}
 
-TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFiles) {
-    makeTask("none", "the right phrase");
-    openWindow();
-    RestoreWindow& restore = openRestore();
     // What this computer keeps is wrong now: the dialog asks, and the typed phrase opens.
     cli::RestoreSupport where(session_->host(), session_->manager().GetTaskByName("Documents"));
     ASSERT_TRUE(PasswordMan().SetPassword(where.serverFolder(), true, "a wrong phrase"));
@@ -252,16 +244,15 @@ TEST_F(DesktopAppTest, AsksForTheTasksPassPhraseWhenTheKeptOneDoesNotOpenItsFile
                         type(w, [](GtkWidget* e) { return GTK_IS_PASSWORD_ENTRY(e); }, "the right phrase");
                         press(w, "OK");
                     }}});
-    restore.setDestination(home_.file("restored"));
-    auto outcome = restore.restoreSelected();
+    ASSERT_TRUE(restore.selectVersionRow(1));
+    restore.setDestination(home_.file("asked"));
+    outcome = restore.restoreSelected();
     EXPECT_TRUE(answer.finished());
     EXPECT_EQ(outcome.restored.size(), 1u) << restore.lastSummary();
-    EXPECT_EQ(content(home_.file("restored") + "/Documents/letter.txt"), "first draft\n");
+    EXPECT_EQ(content(home_.file("asked") + "/Documents/letter.txt"), "first draft\n");
 }
 
-// Without the daemon's unit the switch runs the scheduler here; off and on again, it is
-// one scheduler again, not none and not two. A task queued when it goes off stays queued
-// and runs once it is on again.
+// Without the daemon's unit the switch runs one scheduler here, also off and on again.
 TEST_F(DesktopAppTest, AutomaticBackupsStopAndRestartTheSchedulerHereKeepingWhatIsQueued) {
     if (session_->unitInstalled())
         GTEST_SKIP() << "a daemon unit is installed on this machine";
@@ -276,8 +267,7 @@ TEST_F(DesktopAppTest, AutomaticBackupsStopAndRestartTheSchedulerHereKeepingWhat
     ASSERT_TRUE(manager.pScheduleThread);
     EXPECT_FALSE(manager.pScheduleThread->isFinished());
     EXPECT_FALSE(manager.bExit);
-    // The scheduler reads the task list anew between passes: ask for the task by name,
-    // and wait for the end of its run.
+    // The scheduler reads the task list anew between passes: the task is asked for by name.
     EXPECT_TRUE(pumpUntil(
         [&] {
             auto now = manager.GetTaskByName("Documents");

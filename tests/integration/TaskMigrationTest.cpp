@@ -1,9 +1,8 @@
-// A task moves to a second computer: that computer (its own data folder, so its own
-// identity) loads the task list, sees the task offered for migration, points it at a
-// copy of the same files under a new local root, and its next run goes on in the same
-// server folder without sending the unchanged files again.
+// Another computer's task moves here: pointed at a copy of the same files, its next run
+// sends none of them again. The wait dialog is the headless one.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,7 +10,11 @@
 #include "common/EngineSession.h"
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
+#include "platform/view/ViewLayout.h"
+#include "platform/view/headless/HeadlessViewBackend.h"
 #include "service/CManageTaskList.h"
+#include "ui/LoopDlgController.h"
 
 using namespace cirrovault;
 
@@ -20,37 +23,23 @@ namespace {
 using TaskPtr = std::shared_ptr<CBackupTask>;
 constexpr double kFileTime = 1'600'000'000.0;
 
-// Sends nothing on: runs of tasks outside any manager report here.
-class QuietDelegate : public StowlineDelegate {
-public:
-    bool StowlineDelegateFun(const TaskPtr&, StowlineDelegateType) override { return true; }
-};
-
 class TaskMigrationThread : public test::EngineSession {
 protected:
     void SetUp() override {
         EngineSession::SetUp();
         Clock::setShared(clock_);
-        first_.initMyID();
+        LoopDlgController::installFactory(backend_);
     }
-
-    // The same files (content and modification time) under root.
-    void writeFiles(const std::string& root, const std::vector<std::string>& names) {
-        for (const auto& name : names) {
-            std::string path = root + "/" + name;
-            FileSystem::createDirectories(path.substr(0, path.find_last_of('/')));
-            FileSystem::writeFileAtomically(path, "content of " + name);
-            FileSystem::setModifyTime(path, Date(kFileTime));
-        }
+    void TearDown() override {
+        CLoopItem::setFactory(nullptr);
+        EngineSession::TearDown();
     }
     // One whole run of a task of the manager, as the user starts it; the files stored.
     int run(CBackupManage& manager, const std::string& name) {
         int before = store_->putCount();
         TaskPtr task = manager.GetTaskByName(name);
-        EXPECT_TRUE(task);
-        if (!task)
+        if (!task || !manager.StartBackupByUser(name, false))
             return -1;
-        EXPECT_TRUE(manager.StartBackupByUser(name, false));
         std::shared_ptr<Thread> worker = task->pBackupTaskThread;
         task->checkFinshedBackup();
         worker->join();
@@ -59,46 +48,7 @@ protected:
     }
     // One task with its paths, or (as logon asks) every task without them.
     std::string reply(const std::string& name) {
-        CManageTaskList list;
-        return list.getBackupTasks(name, name.empty() ? "false" : "true");
-    }
-    // The second computer: its own data folder and identity, the task list loaded.
-    void startSecondComputer() {
-        secondHome_ = std::make_unique<test::TempHome>();
-        clock_->advance(60); // started later: its identity is drawn from the time
-        second_.initMyID();
-        ASSERT_NE(second_.pcID, first_.pcID);
-        ASSERT_TRUE(second_.LoadTaskList(reply("")));
-    }
-    // The second computer takes the task over under a new root holding the same files,
-    // then runs it twice: nothing is sent again, then only the new file.
-    TaskPtr moveAndRun(const std::string& name, const std::vector<std::string>& files,
-                       int32_t kind, const std::string& oldRoot, const std::string& newFile) {
-        startSecondComputer();
-        TaskPtr moving = second_.GetTaskByName(name);
-        EXPECT_TRUE(moving && moving->bMigrateTask);
-        if (!moving)
-            return moving;
-        EXPECT_FALSE(second_.nowDating(moving)); // never scheduled before it has moved
-        second_.GetTaskInformationForRestoreView(name);
-        EXPECT_EQ(second_.nOSBackupDataType, kind);
-        EXPECT_EQ(second_.taskBackupLogLocalPath, oldRoot);
-
-        const std::string newRoot = secondHome_->file("moved");
-        writeFiles(newRoot, files);
-        EXPECT_TRUE(second_.MigrateTaskToCurrentPC(newRoot, moving, second_.nOSBackupDataType));
-        EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
-        std::string record = reply(name);
-        EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", record), sources(moving));
-        EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", record),
-                  std::vector<std::string>{std::to_string(second_.pcID)});
-
-        EXPECT_EQ(run(second_, name), 0);
-        writeFiles(newRoot, {newFile});
-        EXPECT_EQ(run(second_, name), 1);
-        EXPECT_TRUE(exists("\\Backups\\" + name + "\\" + newFile.substr(0, 4) + "\\" +
-                           newFile.substr(5)));
-        return moving;
+        return CManageTaskList().getBackupTasks(name, name.empty() ? "false" : "true");
     }
     std::vector<std::string> sources(const TaskPtr& task) {
         std::vector<std::string> paths;
@@ -108,37 +58,11 @@ protected:
     }
 
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(kFileTime + 86400));
-    CBackupManage first_;
-    std::unique_ptr<test::TempHome> secondHome_;
-    CBackupManage second_;
+    std::shared_ptr<HeadlessViewBackend> backend_ = std::make_shared<HeadlessViewBackend>();
 };
 
-TEST_F(TaskMigrationThread, TaskOfThisSystemMovesToANewRoot) {
-    const std::vector<std::string> files = {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"};
-    writeFiles(home_.file("old"), files);
-    auto task = std::make_shared<CBackupTask>();
-    task->name = "Home";
-    task->pcID = first_.pcID;
-    task->serverPath = "\\Backups\\Home";
-    task->localDirList = {home_.file("old/Docs"), home_.file("old/Pics")};
-    task->taskType = CBackupTask::ScheduleDaily;
-    task->mDating = clock_->now().addingTimeInterval(86400 * 30);
-    ASSERT_TRUE(first_.AddTask(task));
-    EXPECT_EQ(run(first_, "Home"), 3);
-
-    moveAndRun("Home", files, 3, home_.file("old"), "Docs/new.txt");
-
-    // Loaded afresh, the task is this computer's own.
-    CBackupManage again;
-    again.pcID = second_.pcID;
-    ASSERT_TRUE(again.LoadTaskList(reply("")));
-    ASSERT_TRUE(again.GetTaskByName("Home"));
-    EXPECT_FALSE(again.GetTaskByName("Home")->bMigrateTask);
-}
-
-TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
-    // The task as the other system's client left it: its record, with drive-letter
-    // paths, and its files in the task's folder, one sub-folder per source.
+// The other system's record has drive-letter paths; its files, one folder per source.
+TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOffSaysSo) {
     TaskListEntry record;
     record.taskID = 4242;
     record.pcID = 31337;
@@ -150,21 +74,55 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMoves) {
     record.mBeginDate = clock_->now().addingTimeInterval(-86400);
     record.mEndDate = clock_->now().addingTimeInterval(86400 * 365);
     record.localDirList = {"C:\\Users\\bob\\Docs", "C:\\Users\\bob\\Pics"};
-    CManageTaskList list;
-    ASSERT_EQ(list.addOrEditBackupTask(record, "Add", "0", "Win", "1"), 0);
+    ASSERT_EQ(CManageTaskList().addOrEditBackupTask(record, "Add", "0", "Win", "1"), 0);
+    for (const char* folder : {"\\Backups", "\\Backups\\Win", "\\Backups\\Win\\Docs",
+                               "\\Backups\\Win\\Docs\\deep", "\\Backups\\Win\\Pics"})
+        ASSERT_EQ(local_->makeFolder(folder, "", ""), ResultCode::Success);
+    // The same files (content and modification time) on the store and under the new root.
+    const std::string newRoot = home_.file("moved");
+    auto place = [&](std::string name) { return makeFile("moved/" + name, "content of " + name, kFileTime); };
+    for (std::string name : {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"}) {
+        place(name);
+        std::string stored = "\\Backups\\Win\\" + name;
+        std::replace(stored.begin(), stored.end(), '/', '\\');
+        putCopy(stored, "content of " + name, kFileTime);
+    }
 
-    const std::vector<std::string> files = {"Docs/a.txt", "Docs/deep/b.txt", "Pics/c.jpg"};
-    writeFiles(home_.file("win"), files);
-    QuietDelegate quiet;
-    auto uploader = std::make_shared<CBackupTask>();
-    uploader->name = "Uploader"; // not on the task list: its record update goes nowhere
-    uploader->serverPath = "\\Backups\\Win";
-    uploader->localDirList = {home_.file("win/Docs"), home_.file("win/Pics")};
-    uploader->SetDelegate(&quiet);
-    runToEnd(*uploader);
-    ASSERT_TRUE(exists("\\Backups\\Win\\Pics\\c.jpg"));
+    CBackupManage second;
+    second.initMyID();
+    ASSERT_NE(second.pcID, 31337u);
+    ASSERT_TRUE(second.LoadTaskList(reply("")));
+    TaskPtr moving = second.GetTaskByName("Win");
+    ASSERT_TRUE(moving && moving->bMigrateTask);
+    EXPECT_FALSE(second.nowDating(moving)); // never scheduled before it has moved
+    second.GetTaskInformationForRestoreView("Win");
+    EXPECT_EQ(second.nOSBackupDataType, 2);
+    EXPECT_EQ(second.taskBackupLogLocalPath, "C:\\Users\\bob");
 
-    moveAndRun("Win", files, 2, "C:\\Users\\bob", "Pics/d.jpg");
+    EXPECT_TRUE(second.MigrateTaskToCurrentPC(newRoot, moving, second.nOSBackupDataType));
+    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
+    std::string stored = reply("Win");
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", stored), sources(moving));
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", stored),
+              std::vector<std::string>{std::to_string(second.pcID)});
+    EXPECT_EQ(run(second, "Win"), 0);
+    place("Pics/d.jpg");
+    EXPECT_EQ(run(second, "Win"), 1);
+    EXPECT_TRUE(exists("\\Backups\\Win\\Pics\\d.jpg"));
+
+    // Loaded afresh, the task is this computer's own.
+    CBackupManage again;
+    again.pcID = second.pcID;
+    ASSERT_TRUE(again.LoadTaskList(reply("")));
+    ASSERT_TRUE(again.GetTaskByName("Win"));
+    EXPECT_FALSE(again.GetTaskByName("Win")->bMigrateTask);
+
+    // Log-off says so in the wait dialog, ends the session and empties the list.
+    again.logOff(false);
+    EXPECT_TRUE(api().sessionID().empty());
+    EXPECT_TRUE(again.taskList.empty());
+    auto shown = backend_->textsOf(ViewLayout::LoopDialog, ViewOutlet::LogOnStr);
+    EXPECT_NE(std::find(shown.begin(), shown.end(), LoadString::GetValueByKey("IDS_LOGOFFING", "")), shown.end());
 }
 
 } // namespace
