@@ -253,6 +253,9 @@ def main():
     ap.add_argument("-l", "--layer", default="", help="only this folder of src/, e.g. service")
     ap.add_argument("-b", "--build", default="build", help="a configured build folder")
     ap.add_argument("--own", action="store_true", help="run only the layer's own test program")
+    ap.add_argument("--within", action="append", default=[], metavar="FOLDER",
+                    help="of the same N mutants, run only those under this folder of src/ "
+                         "(repeatable), so that one run can be done in parts")
     ap.add_argument("--list", action="store_true", help="print the mutants and stop")
     ap.add_argument("--build-limit", type=int, default=900, help="seconds a rebuild may take")
     args = ap.parse_args()
@@ -266,6 +269,10 @@ def main():
     sites = all_sites(args.layer.strip("/"))
     chosen = sorted(random.Random(args.seed).sample(sites, min(args.count, len(sites))))
     print(f"mutants: {len(chosen)} of {len(sites)} possible in src/{args.layer}, seed {args.seed}")
+    if args.within:
+        within = tuple("src/" + w.strip("/") + "/" for w in args.within)
+        chosen = [site for site in chosen if site[0].startswith(within)]
+        print(f"mutants: {len(chosen)} of them under {', '.join(within)}")
     if args.list:
         for site in chosen:
             print(describe(*site))
@@ -341,12 +348,13 @@ def main():
 
     judged = tally["killed"] + tally["survived"]
     share = 100.0 * tally["killed"] / judged if judged else 0.0
-    summary = [f"seed {args.seed}, {len(chosen)} mutants of src/{args.layer}:",
+    part = f" (those under {', '.join(args.within)})" if args.within else ""
+    summary = [f"seed {args.seed}, {len(chosen)} of {args.count} mutants of src/{args.layer}{part}:",
                f"killed {tally['killed']} ({timeouts} by time limit), "
                f"survived {tally['survived']}, not compiled {tally['not compiled']}; "
                f"killed share {share:.1f}% of those that compiled"]
     summary += ["survivors:"] + [f"  {s}" for s in survivors] if survivors else []
-    name = args.layer.strip("/").replace("/", "-") or "src"
+    name = "+".join([args.layer.strip("/")] + args.within).replace("/", "-").strip("+") or "src"
     report = build_dir / "mutants" / f"report-{name}-seed{args.seed}-n{args.count}.txt"
     report.write_text("\n".join(summary) + "\n")
     print("\n".join(summary))
