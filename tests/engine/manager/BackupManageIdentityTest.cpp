@@ -37,20 +37,15 @@ TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
     ASSERT_TRUE(bytes);
 
     auto plist = PropertyList::parse(*bytes);
-    ASSERT_TRUE(plist && plist->dict());
-    EXPECT_EQ(plist->dict()->size(), 2u);
-    const PropertyList* id = plist->find("PC ID");
-    ASSERT_TRUE(id && id->isString()); // a decimal text, not a number node
-    EXPECT_EQ(*id->string(), std::to_string(first.pcID));
-    ASSERT_TRUE(plist->find("PC Name") && plist->find("PC Name")->isString());
-    EXPECT_EQ(*plist->find("PC Name")->string(), first.pcName);
+    // The identifier is a decimal text, not a number node.
+    EXPECT_EQ(plist, PropertyList(PlistDict{{"PC ID", PropertyList(std::to_string(first.pcID))},
+                                            {"PC Name", PropertyList(first.pcName)}}));
 
     // Later starts read the same identity and never rewrite the file.
     for (int i = 0; i < 2; ++i) {
         CBackupManage later;
         later.initMyID();
-        EXPECT_EQ(later.pcID, first.pcID);
-        EXPECT_EQ(later.pcName, first.pcName);
+        EXPECT_EQ(std::tie(later.pcID, later.pcName), std::tie(first.pcID, first.pcName));
     }
     EXPECT_EQ(FileSystem::readFile(identityFile()), bytes);
     EXPECT_EQ(SystemLog::capturedCount("No error creating initMyID."), 2u);
@@ -61,9 +56,7 @@ TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
         std::string command = "/usr/bin/plistutil -i '" + identityFile() + "' -o '" + binary +
                               "' -f bin >/dev/null 2>&1";
         ASSERT_EQ(std::system(command.c_str()), 0);
-        auto converted = FileSystem::readFile(binary);
-        ASSERT_TRUE(converted);
-        EXPECT_EQ(PropertyList::parse(*converted), plist);
+        EXPECT_EQ(PropertyList::parse(FileSystem::readFile(binary).value_or("")), plist);
     }
 }
 
@@ -95,28 +88,26 @@ TEST_F(BackupManageIdentity, FileWithoutAGoodIdentityIsReadAsItIsAndLeftAlone) {
         CBackupManage manager;
         manager.pcName = "before";
         manager.initMyID();
-        EXPECT_EQ(manager.pcID, c.id);
-        EXPECT_EQ(manager.pcName, c.name);
+        EXPECT_EQ(std::tie(manager.pcID, manager.pcName), std::tie(c.id, c.name));
         EXPECT_EQ(SystemLog::capturedContains("Error: PCInfo.dat holds no identity"), c.damaged);
         EXPECT_EQ(SystemLog::capturedContains("Error"), c.damaged);
         EXPECT_EQ(FileSystem::readFile(identityFile()), c.content);
     }
 }
 
-// Every task made here names the identity: a damaged file comes back from its copy, and
-// without a good copy the host is told what happened.
+// A damaged file comes back from its copy; without a good copy the host is told.
 TEST_F(BackupManageIdentity, DamagedFileComesBackFromItsCopy) {
     CBackupManage first;
     first.initMyID();
     const uint64_t id = first.pcID;
     const std::string good = FileSystem::readFile(identityFile()).value_or("");
-    EXPECT_TRUE(first.identityProblem.empty());
+    ASSERT_EQ(first.identityProblem, "");
 
     ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "<plist><dict><key>PC"));
     CBackupManage restored;
     restored.initMyID();
     EXPECT_EQ(restored.pcID, id);
-    EXPECT_TRUE(restored.identityProblem.empty());
+    EXPECT_EQ(restored.identityProblem, "");
     EXPECT_EQ(FileSystem::readFile(identityFile()), good);
     EXPECT_EQ(FileSystem::readFile(identityFile() + ".damaged"), "<plist><dict><key>PC");
 
