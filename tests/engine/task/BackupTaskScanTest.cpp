@@ -12,7 +12,6 @@
 #include "platform/framework/LoadString.h"
 #include "platform/framework/SessionFixture.h"
 #include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
 
 using namespace cirrovault;
 
@@ -20,10 +19,8 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
-// Records the task's notices with the progress marks as they were at the time; may
-// cancel the run at the first rescan notice.
-class RecordingDelegate : public StowlineDelegate {
-public:
+// Records the notices with the progress marks of the time; may cancel at a rescan notice.
+struct RecordingDelegate : StowlineDelegate {
     struct Notice {
         StowlineDelegateType type;
         bool rescan;
@@ -84,8 +81,7 @@ protected:
     std::string src_;
 };
 
-// Dotfiles, links (as links) and names with refused characters are kept; FIFOs and a
-// name too long once encoded are not, and the latter is named.
+// Dotfiles, links and refused characters are kept; FIFOs and names too long are not.
 Paths keptByTheWalks(const std::string& src) {
     auto at = [&](const char* relative) { return src + "/" + relative; };
     return {src,           at(".dotdir"),    at(".dotdir/x.txt"),   at(".hidden.txt"),
@@ -97,17 +93,14 @@ Paths keptByTheWalks(const std::string& src) {
 TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
     makeTree();
     ASSERT_TRUE(task_->CalculateBackupSize());
-    // Folders are listed as they come; files only when they must go up. The prefix
-    // memory of the excluded "Library" also covers the files of "Libraryx".
+    // The prefix memory of the excluded "Library" also covers the files of "Libraryx".
     EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
     const uint64_t bytes = 4 + 6 + 2 + 1 + 1 + 1 + 1 + 5; // the link: its target's length
-    EXPECT_EQ(task_->fileTotalSize, bytes);
-    EXPECT_EQ(task_->uiNeedSpace, bytes);
+    EXPECT_EQ(std::pair(task_->fileTotalSize, task_->uiNeedSpace), std::pair(bytes, bytes));
     EXPECT_EQ(task_->scanFilterUserPath, at("sub/cache1"));
     EXPECT_EQ(task_->leftOutPaths, Paths{at("sub/" + std::string(90, ':'))});
 
-    // A task may still leave out every dot-name.
-    task_->taskType |= CBackupTask::SkipHiddenFlag;
+    task_->taskType |= CBackupTask::SkipHiddenFlag; // leaves out every dot-name
     task_->scanFileArray.clear();
     delegate_.notices.clear();
     ASSERT_TRUE(task_->CalculateBackupSize());
@@ -119,8 +112,7 @@ TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
     EXPECT_TRUE(delegate_.notices[0].finished);
     EXPECT_FALSE(task_->bFinishScanForPrgBar);
 
-    // Nothing on the service yet: each missing server folder costs a bounded number of
-    // listings, however many files it would hold.
+    // Each missing server folder costs a bounded number of listings.
     EXPECT_LE(store_->totalLists(), 8);
 }
 
@@ -156,8 +148,7 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
     EXPECT_TRUE(delegate_.notices[2].finished);
     EXPECT_EQ(task_->scanFileArray.size(), 250u);
 
-    // Cancelled at the first notice: the walk ends at its next test, without the
-    // finishing notice.
+    // Cancelled at the first notice: the walk ends, without the finishing notice.
     delegate_.notices.clear();
     delegate_.cancelAtRescan = true;
     task_->scanFileArray.clear();
@@ -171,8 +162,7 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
 }
 
 TEST_F(BackupTaskScan, ItemsInsideExcludedFoldersAreNotCounted) {
-    // "Libraryx" lies under the excluded "Library" prefix: its files are not taken, so
-    // they are no items either. 1 source + "Library" + 98 files = 100: one notice.
+    // The files of "Libraryx" (under the excluded "Library" prefix) are no items.
     file("Library/l.txt", "l");
     for (int i = 0; i < 150; ++i)
         file("Libraryx/f" + std::to_string(1000 + i), "");
@@ -231,23 +221,20 @@ protected:
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
 };
 
-// The run's walk hands "a.tmp" on; the interactive walk leaves it out by itself, and
-// never asks the service.
+// The interactive walk leaves out filtered files by itself and never asks the service.
 TEST_F(BackupTaskScanThread, InteractiveWalkFiltersFilesShowsTotalsAndCancelEmptiesTheList) {
     makeTree();
     auto dialog = installDialog(-1);
     Date before = clock_->now();
     ASSERT_TRUE(task_->StartScanFile());
     EXPECT_EQ(dialog->buttonType_, CLoopItem::ButtonScanFiles);
-    // No window shows figures here, so the scan did not wait for one to come up.
-    EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 0.0);
+    EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 0.0); // no window to wait for
     std::vector<std::string> messages = dialog->messages();
     ASSERT_EQ(messages.size(), 13u); // every listed item below the source
     EXPECT_EQ(messages.back(),
               Functions::FormatSizeToString(21) + "|8|" + at("sub/x?y/d.txt"));
     EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
-    EXPECT_EQ(task_->fileTotalSize, 21u);
-    EXPECT_EQ(task_->uiNeedSpace, 21u);
+    EXPECT_EQ(std::pair(task_->fileTotalSize, task_->uiNeedSpace), std::pair(21ul, 21ul));
     EXPECT_EQ(task_->nScanTotalFiles, 8);
     EXPECT_FALSE(task_->bCancleScanFile);
     EXPECT_EQ(store_->totalLists(), 0);
