@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 
 #include "common/EngineSession.h"
@@ -18,33 +16,18 @@ using namespace cirrovault;
 namespace {
 
 // Holds the run in its closing notice to the host until released.
-class ClosingHost : public StowlineBackupManageDelegate {
-public:
+struct ClosingHost : StowlineBackupManageDelegate {
     bool StowlineBackupManageDelegateFun(CBackupManage*, const std::shared_ptr<CBackupTask>&,
                                          int32_t type) override {
-        if (type != closeProgressBarViewDelegate)
-            return true;
-        std::unique_lock lock(mutex_);
-        closing_ = true;
-        changed_.notify_all();
-        changed_.wait_for(lock, std::chrono::seconds(20), [&] { return released_; });
+        if (type == closeProgressBarViewDelegate) {
+            closing.set_value();
+            released.wait_for(std::chrono::seconds(20));
+        }
         return true;
     }
-    bool waitClosing() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return closing_; });
-    }
-    void release() {
-        std::lock_guard lock(mutex_);
-        released_ = true;
-        changed_.notify_all();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool closing_ = false;
-    bool released_ = false;
+    std::promise<void> closing, release;
+    std::future<void> closed = closing.get_future();
+    std::shared_future<void> released = release.get_future().share();
 };
 
 class BackupManageLogOffThread : public test::EngineSession {};
@@ -56,7 +39,7 @@ TEST_F(BackupManageLogOffThread, LogOffWhileARunIsClosingEndsIt) {
     task->name = "Closing";
     task->serverPath = "\\Backups\\Closing";
     task->localDirList = {home_.file("src")};
-    task->pcID = 7; // a task of this computer, not due: started by the user below
+    task->pcID = 7; // of this computer, not due: the user starts it
     task->taskType = CBackupTask::ScheduleDaily;
     task->mDating = Date::now().addingTimeInterval(86400 * 30);
     ClosingHost host;
@@ -65,13 +48,13 @@ TEST_F(BackupManageLogOffThread, LogOffWhileARunIsClosingEndsIt) {
     manager.SetDelegate(&host);
     ASSERT_TRUE(manager.AddTask(task));
     ASSERT_TRUE(manager.StartBackupByUser(task->name, false));
-    ASSERT_TRUE(host.waitClosing());
+    ASSERT_EQ(host.closed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 
     manager.bLogOff = true;
     auto ended = std::async(std::launch::async, [&] { return manager.endBackpTask(); });
     // Let the log-off reach its wait for the run before the run goes on to the lock.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    host.release();
+    host.release.set_value();
     ASSERT_EQ(ended.wait_for(std::chrono::seconds(20)), std::future_status::ready)
         << "the log-off and the closing run wait for each other";
     EXPECT_EQ(manager.pWorkingTask, nullptr);
