@@ -6,7 +6,6 @@
 #include <functional>
 #include <thread>
 
-#include "common/EngineSession.h"
 #include "common/LocalDate.h"
 #include "engine/manager/ManagerDoubles.h"
 
@@ -19,37 +18,24 @@ using TaskPtr = std::shared_ptr<CBackupTask>;
 constexpr double T = 1'700'000'000.0;
 constexpr uint64_t kPc = 7;
 
-class BackupManageSchedulerThread : public test::EngineSession {
+class BackupManageSchedulerThread : public test::ManagerSession {
 protected:
     void SetUp() override {
-        EngineSession::SetUp();
+        ManagerSession::SetUp();
         clock_->gateWhen(
             [this] { return manager_.pScheduleThread && manager_.pScheduleThread->isCurrent(); });
         Clock::setShared(clock_);
-        manager_.pcID = kPc;
-        manager_.SetDelegate(&host_);
     }
     void TearDown() override {
         if (manager_.pScheduleThread && !manager_.pScheduleThread->isFinished())
             stopScheduler();
-        for (auto& task : manager_.taskList)
-            if (task->pBackupTaskThread)
-                task->pBackupTaskThread->join();
-        EngineSession::TearDown();
+        ManagerSession::TearDown();
     }
 
-    // A task of this computer with two files, daily and due since a minute ago, or none.
+    // A listed task, daily and due since a minute ago, or with no schedule.
     TaskPtr addTask(const std::string& name, int32_t type = CBackupTask::ScheduleDaily) {
-        makeFile(name + "/a.txt", "alpha of " + name);
-        makeFile(name + "/b.txt", "beta of " + name);
-        auto task = std::make_shared<CBackupTask>();
-        task->name = name;
-        task->pcID = kPc;
-        task->serverPath = "\\Backups\\" + name;
-        task->localDirList = {home_.file(name)};
+        TaskPtr task = manager_.taskList.emplace_back(makeTask(name, Date(T - 120)));
         task->taskType = type;
-        task->mDating = Date(T - 120);
-        manager_.taskList.push_back(task);
         return task;
     }
     template <class F> auto locked(F read) {
@@ -101,8 +87,6 @@ protected:
     }
 
     std::shared_ptr<GatedClock> clock_ = std::make_shared<GatedClock>(Date(T));
-    test::HostRecorder host_;
-    CBackupManage manager_;
 };
 
 TEST_F(BackupManageSchedulerThread, DueTasksQueueInOrderAndRunOneAtATime) {

@@ -16,7 +16,6 @@ using namespace cirrovault;
 namespace {
 
 using TaskPtr = std::shared_ptr<CBackupTask>;
-constexpr uint64_t kPc = 7;
 
 // A progress window whose user has pressed Cancel as soon as it came up.
 class CancellingWindow : public ProgressModeHost {
@@ -32,37 +31,17 @@ public:
     Thread* left = nullptr;
 };
 
-class BackupManageTasksThread : public test::EngineSession {
+class BackupManageTasksThread : public test::ManagerSession {
 protected:
     void SetUp() override {
-        EngineSession::SetUp();
+        ManagerSession::SetUp();
         Clock::setShared(clock_);
-        ProgressModeHost::setProvider(nullptr);
-        manager_.pcID = kPc;
-        manager_.SetDelegate(&host_);
-    }
-    void TearDown() override {
-        for (const auto& task : started_)
-            if (auto worker = task->pBackupTaskThread)
-                worker->join();
-        ProgressModeHost::setProvider(nullptr);
-        EngineSession::TearDown();
     }
 
     Date now() const { return clock_->now(); }
 
-    // A daily task of this computer over "src-<name>" with two files, not due for long.
     TaskPtr makeTask(const std::string& name) {
-        makeFile("src-" + name + "/a.txt", "alpha of " + name);
-        makeFile("src-" + name + "/b.txt", "beta of " + name);
-        auto task = std::make_shared<CBackupTask>();
-        task->name = name;
-        task->pcID = kPc;
-        task->serverPath = "\\Backups\\" + name;
-        task->localDirList = {home_.file("src-" + name)};
-        task->taskType = CBackupTask::ScheduleDaily;
-        task->mDating = now().addingTimeInterval(86400 * 30);
-        return task;
+        return ManagerSession::makeTask(name, now().addingTimeInterval(86400 * 30));
     }
     // A task of another computer (or one moving) over the given paths.
     static TaskPtr sourced(const std::string& name, std::vector<std::string> paths,
@@ -96,7 +75,7 @@ protected:
     }
     // A change to a.txt that the next run uploads, keeping the old copy as a version.
     void change(const std::string& name, int round) {
-        makeFile("src-" + name + "/a.txt", "alpha " + std::string(round, '+'),
+        makeFile(name + "/a.txt", "alpha " + std::string(round, '+'),
                  1'600'000'000.0 + 3600 * round);
     }
     StoreItem item(const std::string& path) {
@@ -122,9 +101,6 @@ protected:
 
     std::shared_ptr<ManualClock> clock_ =
         std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
-    test::HostRecorder host_;
-    CBackupManage manager_;
-    std::vector<TaskPtr> started_;
 };
 
 TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
@@ -180,9 +156,9 @@ TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
     EXPECT_TRUE(SystemLog::capturedContains("Error: scan file array is empty"));
     EXPECT_TRUE(manager_.IsCreateingTask()); // the wizard may go on
 
-    makeFile("src-New/a.txt", "alpha");
+    makeFile("New/a.txt", "alpha");
     TaskPtr task = manager_.GetNewTask();
-    manager_.InitLocalFolderlist({home_.file("src-New")});
+    manager_.InitLocalFolderlist({home_.file("New")});
     manager_.SetEndDate(now().addingTimeInterval(-60)); // no run at once
     ASSERT_TRUE(manager_.EndNewTask());
     EXPECT_FALSE(manager_.IsCreateingTask());
@@ -217,7 +193,7 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
     }
     finish(now);
     EXPECT_EQ(now->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_TRUE(exists("\\Backups\\Now\\src-Now\\a.txt"));
+    EXPECT_TRUE(exists("\\Backups\\Now\\Now\\a.txt"));
     EXPECT_EQ(host_.countOf("Now:1"), 1u);
 }
 
@@ -235,7 +211,7 @@ TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesTheFoldersAndRemovesTheR
     EXPECT_FALSE(exists("\\Backups\\Docs") || exists(historyRoot() + "\\Docs"));
     EXPECT_FALSE(listed(docs) || onService("Docs"));
     EXPECT_TRUE(onService("Keep"));
-    EXPECT_TRUE(exists("\\Backups\\Keep\\src-Keep\\b.txt"));
+    EXPECT_TRUE(exists("\\Backups\\Keep\\Keep\\b.txt"));
     EXPECT_EQ(host_.countOf(":6"), 1u);
     EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
 
@@ -263,7 +239,7 @@ TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotRe
     EXPECT_FALSE(manager_.BatchDeleteTask("Docs", true));
     EXPECT_NE(window->entered, nullptr);
     EXPECT_EQ(window->left, window->entered);
-    EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
+    EXPECT_TRUE(exists("\\Backups\\Docs\\Docs\\a.txt"));
     EXPECT_TRUE(listed(docs) && onService("Docs"));
 
     // Keeping the server files, the renaming and the removal still happen.
@@ -277,7 +253,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
     run(docs);
     change("Docs", 1);
     run(docs);
-    const std::vector<std::string> sources = {home_.file("src-Docs")};
+    const std::vector<std::string> sources = {home_.file("Docs")};
 
     docs->name = "Papers";
     docs->backupFileArray = sources;
@@ -297,7 +273,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2); // the versions go on
 
     // Selected versions are deleted for their own task only.
-    const std::string versions = historyRoot() + "\\Papers\\src-Docs";
+    const std::string versions = historyRoot() + "\\Papers\\Docs";
     std::vector<StoreItem> kept;
     ASSERT_EQ(local_->list(versions, kept), ResultCode::Success);
     ASSERT_EQ(kept.size(), 2u);
