@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
 
 #include "common/TempHome.h"
 #include "engine/manager/CBackupManage.h"
 #include "platform/framework/PropertyList.h"
-#include "platform/framework/UserSettingMan.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
 
@@ -125,21 +123,3 @@ TEST_F(BackupManageIdentity, DamagedFileComesBackFromItsCopy) {
     EXPECT_EQ(FileSystem::readFile(identityFile()), "x");
 }
 
-TEST_F(BackupManageIdentity, MainDataFileIsOnlyLookedFor) {
-    CBackupManage manager;
-    std::string folder = home_.dataHome() + "/Cirrovault/Global Data";
-    EXPECT_FALSE(manager.IsServiceMainDataFilePathExisting());
-    ASSERT_TRUE(FileSystem::createDirectories(folder + "/mainData.dat"));
-    EXPECT_FALSE(manager.IsServiceMainDataFilePathExisting()); // a folder is not the file
-    ASSERT_TRUE(FileSystem::removeItem(folder + "/mainData.dat"));
-    ASSERT_TRUE(FileSystem::writeFileAtomically(folder + "/mainData.dat", "opaque"));
-    EXPECT_TRUE(manager.IsServiceMainDataFilePathExisting());
-    EXPECT_EQ(FileSystem::readFile(folder + "/mainData.dat"), "opaque");
-}
-
-TEST_F(BackupManageIdentity, FirstLogonUntilAUserIsStored) {
-    CBackupManage manager;
-    EXPECT_TRUE(manager.ISFirtLogOn());
-    ASSERT_TRUE(UserSettingMan::SetUserInfo("alice", "c-1"));
-    EXPECT_FALSE(manager.ISFirtLogOn());
-}

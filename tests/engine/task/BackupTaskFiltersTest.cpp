@@ -12,20 +12,6 @@ namespace {
 
 using Entries = std::vector<std::string>;
 
-TEST(BackupTaskFilters, PatternsBuiltFromEntries) {
-    EXPECT_EQ(CBackupTask::RegexCombiningStrings("", true), "");
-    EXPECT_EQ(CBackupTask::RegexCombiningStrings("Library", true), "*/Library/*");
-    EXPECT_EQ(CBackupTask::RegexCombiningStrings("cache*", true), "*/cache*");
-    EXPECT_EQ(CBackupTask::RegexCombiningStrings("*.tmp", false), "*/*.tmp");
-    // A leading "*" is never treated specially.
-    EXPECT_EQ(CBackupTask::RegexCombiningStrings("*cache", true), "*/*cache/*");
-    EXPECT_FALSE(CBackupTask::RegexFindLeftCharacterFromStr("*a", "*"));
-    EXPECT_TRUE(CBackupTask::RegexFindRightCharacterFromStr("a*", "*"));
-    EXPECT_FALSE(CBackupTask::RegexFindRightCharacterFromStr("a*b", "*"));
-    EXPECT_FALSE(CBackupTask::RegexFindRightCharacterFromStr("", "*"));
-    EXPECT_FALSE(CBackupTask::RegexFindRightCharacterFromStr("a*", ""));
-}
-
 TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelow) {
     Entries library{"", "Library"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library", library, true));

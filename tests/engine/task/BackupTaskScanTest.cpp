@@ -178,28 +178,21 @@ TEST_F(BackupTaskScan, ItemsInsideExcludedFoldersAreNotCounted) {
 }
 
 // Presses Cancel after a chosen number of messages (never when negative).
-class FakeLoopDialog : public test::LoopDialogStub {
-public:
-    explicit FakeLoopDialog(int cancelAfter) : cancelAfter_(cancelAfter) {}
+struct FakeLoopDialog : test::LoopDialogStub {
+    explicit FakeLoopDialog(int cancelAfter) : cancelAfter(cancelAfter) {}
     bool IsLoopCancel(Thread*) override {
-        std::lock_guard lock(mutex_);
-        return cancelAfter_ >= 0 && static_cast<int>(messages_.size()) >= cancelAfter_;
+        std::lock_guard lock(mutex);
+        return cancelAfter >= 0 && static_cast<int>(messages.size()) >= cancelAfter;
     }
     bool SetScanFileLoopMessage(Thread*, const std::string& size, const std::string& count,
                                 const std::string& path) override {
-        std::lock_guard lock(mutex_);
-        messages_.push_back(size + "|" + count + "|" + path);
+        std::lock_guard lock(mutex);
+        messages.push_back(size + "|" + count + "|" + path);
         return true;
     }
-    std::vector<std::string> messages() {
-        std::lock_guard lock(mutex_);
-        return messages_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> messages_; // guarded by mutex_
-    const int cancelAfter_;
+    const int cancelAfter;
+    std::mutex mutex;
+    std::vector<std::string> messages; // read once the walk has ended
 };
 
 class BackupTaskScanThread : public BackupTaskScan {
@@ -229,9 +222,8 @@ TEST_F(BackupTaskScanThread, InteractiveWalkFiltersFilesShowsTotalsAndCancelEmpt
     ASSERT_TRUE(task_->StartScanFile());
     EXPECT_EQ(dialog->buttonType_, CLoopItem::ButtonScanFiles);
     EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 0.0); // no window to wait for
-    std::vector<std::string> messages = dialog->messages();
-    ASSERT_EQ(messages.size(), 13u); // every listed item below the source
-    EXPECT_EQ(messages.back(),
+    ASSERT_EQ(dialog->messages.size(), 13u); // every listed item below the source
+    EXPECT_EQ(dialog->messages.back(),
               Functions::FormatSizeToString(21) + "|8|" + at("sub/x?y/d.txt"));
     EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
     EXPECT_EQ(std::pair(task_->fileTotalSize, task_->uiNeedSpace), std::pair(21ul, 21ul));
@@ -244,7 +236,7 @@ TEST_F(BackupTaskScanThread, InteractiveWalkFiltersFilesShowsTotalsAndCancelEmpt
     EXPECT_FALSE(task_->StartScanFile());
     EXPECT_TRUE(task_->bCancleScanFile);
     EXPECT_TRUE(task_->scanFileArray.empty());
-    EXPECT_EQ(cancelling->messages().size(), 2u);
+    EXPECT_EQ(cancelling->messages.size(), 2u);
 }
 
 } // namespace

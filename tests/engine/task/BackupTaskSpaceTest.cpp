@@ -134,15 +134,6 @@ TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
     EXPECT_EQ(store_->listCount("\\Backup\\src"), 1);
 }
 
-TEST_F(BackupTaskSpace, NewFolderOnTheServiceIsAskedForOnce) {
-    for (int i = 0; i < 40; ++i)
-        local("fresh/deeper/f" + std::to_string(i), "x", T);
-    for (int i = 0; i < 40; ++i)
-        EXPECT_TRUE(task_->CalculateBackupFileSize(home_.file("src/fresh/deeper/f" + std::to_string(i))));
-    EXPECT_EQ(task_->uiNeedSpace, 40u);
-    EXPECT_LE(store_->totalLists(), 3);
-}
-
 TEST_F(BackupTaskSpace, EncryptedTaskChargesNewFiles128BytesMore) {
     useServerFolder("\\" + LoadString::GetValueByKey("EncryptionFolder", "") + "\\Backup");
     stored("moved.txt", std::string(4 + 128, 'e'), T);
