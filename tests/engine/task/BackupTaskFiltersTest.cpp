@@ -75,11 +75,4 @@ TEST(BackupTaskFilters, OnlyNamesTooLongOnceEncodedAreLeftOut) {
     EXPECT_FALSE(CBackupTask::RegexBackupPathForServer(std::string(90, ':') + "/c"));
 }
 
-TEST(BackupTaskFilters, LocalPathSizeComparesWithTheWholeDisk) {
-    EXPECT_FALSE(CBackupTask::CheckLocalPathSize("", 0));
-    EXPECT_TRUE(CBackupTask::CheckLocalPathSize("/tmp/somewhere", 1));
-    // Too small: the user is told, and giving up (the default without a display) ends it.
-    EXPECT_FALSE(CBackupTask::CheckLocalPathSize("/tmp/somewhere", UINT64_MAX));
-}
-
 } // namespace

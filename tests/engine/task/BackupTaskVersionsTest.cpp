@@ -92,19 +92,6 @@ TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
     EXPECT_EQ(task_->getSvrHistoryFolder(true), "");
 }
 
-TEST_F(BackupTaskVersions, TargetFolderFollowsTheTopSourceName) {
-    task_->localDirList = {"/Users/a/Docs"};
-    EXPECT_EQ(task_->getTargetSvrFolder("/Users/a/Docs/x/y.txt", false), "\\Backup\\Docs\\x");
-    EXPECT_EQ(task_->getTargetSvrFolder("/Users/a/Docs/y.txt", true), "\\Backup\\Docs");
-    EXPECT_EQ(task_->GetTopFolder(), "/Users/a");
-
-    task_->localDirList = {home_.file("src")};
-    makeFile("src/x/y.txt", "y");
-    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x"), false), "\\Backup\\src\\x");
-    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x"), true), "\\Backup\\src"); // parent
-    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x/y.txt"), false), "\\Backup\\src\\x");
-}
-
 TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsAndReusesTheOldestName) {
     task_->uiMaxVersion = 3;
     std::string serverFile = upload("x/a.txt", "one", T);
@@ -220,31 +207,6 @@ TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
     EXPECT_FALSE(VersionNames::numberOf("n05", "n", {}));
     EXPECT_FALSE(VersionNames::numberOf("n", "n", {}));
     EXPECT_FALSE(VersionNames::numberOf("a0.md", "a.txt", {}));
-}
-
-TEST_F(BackupTaskVersions, TaskSizeCountsFolderAndHistory) {
-    task_->uiMaxVersion = 5;
-    upload("a.txt", "12345", T);
-    upload("a.txt", "1234567", T + 10);
-    task_->uiRemoteSize = 999;
-    task_->getTaskSizeFromServer();
-    EXPECT_EQ(task_->uiRemoteSize, 12u);
-
-    task_->serverPath = "\\Nowhere";
-    task_->name = "Other";
-    task_->getTaskSizeFromServer();
-    EXPECT_EQ(task_->uiRemoteSize, 0u);
-}
-
-TEST_F(BackupTaskVersions, CopyBackupFileKeepsItsOwnName) {
-    std::string source = makeFile("in/report.pdf", "pdf", T);
-    FileSystem::createDirectories(home_.file("out"));
-    EXPECT_TRUE(task_->copyBackupFile(source, home_.file("out/other.name"), nullptr));
-    EXPECT_EQ(readFile(home_.file("out/report.pdf")), "pdf");
-    EXPECT_FALSE(FileSystem::exists(home_.file("out/other.name")));
-    EXPECT_EQ(FileSystem::status(home_.file("out/report.pdf"))->modifyTime.timeIntervalSince1970(),
-              T);
-    EXPECT_FALSE(task_->copyBackupFile(home_.file("in/none"), home_.file("out/x"), nullptr));
 }
 
 } // namespace
