@@ -7,8 +7,6 @@
 
 #include "common/TempHome.h"
 #include "engine/manager/CBackupManage.h"
-#include "platform/framework/PasswordMan.h"
-#include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
 
@@ -114,29 +112,6 @@ TEST_F(BackupManageDelegate, WorkingTaskAndErrorListCompareNames) {
         manager.AddErrTask(task);
     EXPECT_EQ(SystemLog::capturedCount("Error:CBackupManage:AddErrTask()"), 1u);
     EXPECT_EQ(manager.errTaskList, (std::vector<TaskPtr>{docs, music}));
-}
-
-TEST_F(BackupManageDelegate, TaskUnderCreation) {
-    CBackupManage manager; // nothing under creation: neutral answers
-    EXPECT_FALSE(manager.IsCreateingTask());
-    EXPECT_EQ(manager.getCreateNewTaskName(), "");
-    EXPECT_EQ(manager.GetType(), 0);
-    EXPECT_TRUE(manager.InitLocalFolderlist({"/a"}));
-    EXPECT_FALSE(manager.hasLocalFolderSel());
-
-    manager.pNewTask = makeTask("Daily");
-    manager.pNewTask->AddSrcPath("/old");
-    EXPECT_TRUE(manager.InitLocalFolderlist({"/home/u/a", "/home/u/b"}));
-    EXPECT_TRUE(manager.hasLocalFolderSel());
-    EXPECT_EQ(manager.pNewTask->localDirList,
-              (std::vector<SourceEntry>{"/home/u/a", "/home/u/b"})); // plain paths
-    manager.setTaskSvrDataFodler("\\Data");
-    EXPECT_EQ(manager.pNewTask->serverPath, "\\Data\\Daily");
-
-    // Without a pass phrase or a folder nothing is kept.
-    manager.SaveEncryKey("", "\\Encrypted");
-    manager.SaveEncryKey("secret", "");
-    EXPECT_FALSE(FileSystem::exists(PasswordMan::PasswordFilePath()));
 }
 
 // Runs end on their own threads while the scheduler and the host ask for the working

@@ -12,6 +12,10 @@ namespace {
 constexpr double T = 1'600'000'000.0;
 constexpr int64_t MB = 1 << 20;
 
+std::string size(int64_t bytes) {
+    return Functions::FormatSizeToString(bytes);
+}
+
 class BackupTaskSpace : public test::EngineSession {
 protected:
     void SetUp() override {
@@ -52,7 +56,14 @@ protected:
         ASSERT_EQ(local_->setQuota(balance.fileSpaceUsed + balance.msgSpaceUsed + bytes),
                   ResultCode::Success);
     }
-    std::vector<HeadlessMessagebox::Shown> prompts() { return dialogs_->shown(); }
+    // The prompts shown since the last call, as "style|text".
+    std::vector<std::string> prompts() {
+        std::vector<std::string> shown;
+        for (const auto& prompt : dialogs_->shown())
+            shown.push_back(std::to_string(prompt.style) + "|" + prompt.text);
+        dialogs_->clearShown();
+        return shown;
+    }
 
     std::shared_ptr<CBackupTask> task_;
 };
@@ -156,28 +167,26 @@ TEST_F(BackupTaskSpace, AccountSpaceCheck) {
     EXPECT_FALSE(task_->CheckAccountSpace(5 * MB));
     EXPECT_EQ(task_->iBackupRet, 0u);
     EXPECT_FALSE(task_->bHaveErr);
-    ASSERT_EQ(prompts().size(), 1u);
-    EXPECT_EQ(prompts()[0].style, 8);
-    dialogs_->clearShown();
+    auto shown = prompts();
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_TRUE(shown[0].starts_with("8|"));
 
     // Needed MB rounded up, free MB rounded down.
     setFree(MB + MB / 2);
     EXPECT_FALSE(task_->CheckAccountSpace(MB + MB / 2 + MB / 4));
-    ASSERT_EQ(prompts().size(), 1u);
-    EXPECT_EQ(prompts()[0].text, LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1));
-    dialogs_->clearShown();
+    shown = prompts();
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_TRUE(shown[0].ends_with("|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1)));
 
     // Nothing left: the other prompt, and declining refuses the run.
     setFree(0);
     EXPECT_FALSE(task_->CheckAccountSpace(1));
     EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::SpaceLimit));
     EXPECT_TRUE(task_->bHaveErr);
-    ASSERT_EQ(prompts().size(), 1u);
-    EXPECT_EQ(prompts()[0].style, 6);
-    EXPECT_EQ(prompts()[0].text, LoadString::Format("NeedMoreBuySpace", 0));
+    EXPECT_EQ(prompts(), std::vector<std::string>{"6|" + LoadString::Format("NeedMoreBuySpace", 0)});
     EXPECT_FALSE(task_->CheckAccountSpace(0));
     EXPECT_EQ(SystemLog::capturedCount("needspace is zero."), 1u);
-    dialogs_->clearShown();
+    prompts();
 
     // Ordering space and retrying reads fresh figures and asks again.
     dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
@@ -202,23 +211,20 @@ TEST_F(BackupTaskSpace, FreeSpaceBeforeARun) {
     // Short of space: going on anyway is the user's choice (the default answer).
     setFree(MB);
     EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(2 * MB, task_.get(), &code));
-    ASSERT_EQ(prompts().size(), 1u);
-    EXPECT_EQ(prompts()[0].text,
-              LoadString::Format("IDS_STRNEEDMORESPACE", "Docs", Functions::FormatSizeToString(2 * MB),
-                                 Functions::FormatSizeToString(MB),
-                                 Functions::FormatSizeToString(2 * MB)));
-    dialogs_->clearShown();
+    auto shown = prompts();
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_TRUE(shown[0].ends_with(
+        "|" + LoadString::Format("IDS_STRNEEDMORESPACE", "Docs", size(2 * MB), size(MB), size(2 * MB))));
 
     // Ordering space, then not trying again, stops the run.
     setFree(0);
     dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
     EXPECT_FALSE(CBackupTask::CheckFreeSpaceFromServer(MB, task_.get(), &code));
-    ASSERT_EQ(prompts().size(), 2u);
-    EXPECT_EQ(prompts()[0].text,
-              LoadString::Format("SubUserHaveBuyStorageSpace", "Docs",
-                                 Functions::FormatSizeToString(MB), Functions::FormatSizeToString(0)));
-    EXPECT_EQ(prompts()[1].text, LoadString::GetValueByKey("IDS_REBACKAGAIN", ""));
-    dialogs_->clearShown();
+    shown = prompts();
+    ASSERT_EQ(shown.size(), 2u);
+    EXPECT_TRUE(shown[0].ends_with(
+        "|" + LoadString::Format("SubUserHaveBuyStorageSpace", "Docs", size(MB), size(0))));
+    EXPECT_TRUE(shown[1].ends_with("|" + LoadString::GetValueByKey("IDS_REBACKAGAIN", "")));
 
     // More used than allowed: the free size shows negative.
     ASSERT_EQ(local_->setQuota(LocalStore::DiskQuota), ResultCode::Success);
@@ -226,9 +232,9 @@ TEST_F(BackupTaskSpace, FreeSpaceBeforeARun) {
     ASSERT_EQ(local_->setQuota(1000), ResultCode::Success);
     ASSERT_LT(freeSpace(), 0);
     EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(10, task_.get(), &code));
-    ASSERT_EQ(prompts().size(), 1u);
-    EXPECT_NE(prompts()[0].text.find("-" + Functions::FormatSizeToString(-freeSpace())),
-              std::string::npos);
+    shown = prompts();
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_NE(shown[0].find("-" + size(-freeSpace())), std::string::npos);
 }
 
 } // namespace
