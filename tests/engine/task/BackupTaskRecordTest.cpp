@@ -61,33 +61,3 @@ TEST_F(BackupTaskRecord, AddedSourcesAreRecordsInOrderWithDuplicates) {
     EXPECT_EQ(task.GetFirstSrcPath(), "");
 }
 
-TEST_F(BackupTaskRecord, PlainPathEntriesAnswerNeutralAndLog) {
-    CBackupTask task;
-    task.localDirList = {"/home/u/Documents", "/home/u/Music"};
-
-    EXPECT_FALSE(task.IsInSourceList("/home/u/Documents") ||
-                 task.IsInBackupList("/home/u/Documents"));
-    EXPECT_EQ(SystemLog::capturedCount("Error: CBackupTask::IsInSourceList()"), 2u);
-    EXPECT_FALSE(task.GetSrcItem("/home/u/Music"));
-    EXPECT_EQ(SystemLog::capturedCount("Error: CBackupTask::GetSrcItem()"), 1u);
-    EXPECT_FALSE(task.IsSameSrcList({SourceInfo::InitSourceInfoWith("/home/u/Documents", 1, true),
-                                     SourceInfo::InitSourceInfoWith("/home/u/Music", 1, true)}));
-    EXPECT_EQ(task.GetFirstSrcPath(), "/home/u/Documents");
-
-    // A record ahead of the plain paths is found before the walk reaches them.
-    SystemLog::startCapture();
-    task.localDirList.insert(task.localDirList.begin(),
-                             SourceInfo::InitSourceInfoWith("/home/u/Pictures", 1, true));
-    EXPECT_TRUE(task.IsInSourceList("/home/u/Pictures"));
-    EXPECT_FALSE(SystemLog::capturedContains("Error"));
-
-    task.localDirList = {std::string()};
-    EXPECT_EQ(task.GetFirstSrcPath(), "");
-
-    // Renames only answer: yes, unless the task is being deleted.
-    task.name = "Work";
-    EXPECT_TRUE(task.RenameTask("Home") && task.RenamePath("/a", "/b"));
-    EXPECT_EQ(task.name, "Work");
-    task.bDeleting = true;
-    EXPECT_FALSE(task.RenamePath("/a", "/b"));
-}

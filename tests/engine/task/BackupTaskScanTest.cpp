@@ -116,25 +116,6 @@ TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
     EXPECT_LE(store_->totalLists(), 8);
 }
 
-TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
-    file("one.txt", "1");
-    makeFile("Library/l.txt", "l");
-    makeFile(".dotsource/k.txt", "kk");
-    task_->filtedPath = {"Library"};
-    task_->localDirList = {at("one.txt"), home_.file("Library"), home_.file(".dotsource"),
-                           home_.file("gone")};
-    // A source is never tested as a system item; a missing one gives nothing.
-    const Paths kept{at("one.txt"), home_.file(".dotsource"), home_.file(".dotsource/k.txt")};
-    ASSERT_TRUE(task_->CalculateBackupSize());
-    EXPECT_EQ(task_->scanFileArray, kept);
-    EXPECT_EQ(task_->scanFilterUserPath, home_.file("Library"));
-
-    task_->scanFileArray.clear();
-    ASSERT_TRUE(task_->StartScanFile());
-    EXPECT_EQ(task_->scanFileArray, kept);
-    EXPECT_EQ(task_->fileTotalSize, 3u);
-}
-
 TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
     for (int i = 0; i < 249; ++i)
         file("f" + std::to_string(1000 + i), "");
