@@ -256,8 +256,7 @@ TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTh
     TaskPtr idle = std::make_shared<CBackupTask>();
     manager_.taskList = {idle};
     manager_.logOff(false);
-    EXPECT_TRUE(manager_.bLogOff);
-    EXPECT_TRUE(manager_.bExit);
+    EXPECT_TRUE(manager_.bLogOff && manager_.bExit);
     EXPECT_EQ(manager_.taskList.size(), 1u);
     EXPECT_EQ(SystemLog::capturedCount("Start to log off."), 0u);
 

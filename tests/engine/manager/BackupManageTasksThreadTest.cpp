@@ -43,7 +43,7 @@ protected:
     TaskPtr makeTask(const std::string& name) {
         return ManagerSession::makeTask(name, now().addingTimeInterval(86400 * 30));
     }
-    // A task of another computer (or one moving) over the given paths.
+    // A task over the given paths, moving here from another computer or not.
     static TaskPtr sourced(const std::string& name, std::vector<std::string> paths,
                            bool migrating) {
         auto task = std::make_shared<CBackupTask>();
