@@ -19,23 +19,19 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
-// Records the notices with the progress marks of the time; may cancel at a rescan notice.
+// Records the notices as "rescan <info>" or "finished" by the progress marks of the
+// time; may cancel at a rescan notice.
 struct RecordingDelegate : StowlineDelegate {
-    struct Notice {
-        StowlineDelegateType type;
-        bool rescan;
-        bool finished;
-        std::string info;
-    };
     bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
-                             StowlineDelegateType type) override {
-        notices.push_back({type, task->bRescanForPrgBar, task->bFinishScanForPrgBar,
-                           task->strRescanInfoForPrgbar.value_or("")});
+                             StowlineDelegateType) override {
+        std::string rescan = "rescan " + task->strRescanInfoForPrgbar.value_or("");
+        notices.push_back(task->bRescanForPrgBar ? rescan
+                          : task->bFinishScanForPrgBar ? "finished" : "other");
         if (cancelAtRescan && task->bRescanForPrgBar)
             task->pPrgBar->setBClickedCancel(true);
         return true;
     }
-    std::vector<Notice> notices;
+    std::vector<std::string> notices;
     bool cancelAtRescan = false;
 };
 
@@ -108,8 +104,7 @@ TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
                             [](const std::string& p) { return p.find("/.") != std::string::npos; }),
               0);
     task_->taskType &= ~CBackupTask::SkipHiddenFlag;
-    ASSERT_EQ(delegate_.notices.size(), 1u);
-    EXPECT_TRUE(delegate_.notices[0].finished);
+    EXPECT_EQ(delegate_.notices, Paths{"finished"});
     EXPECT_FALSE(task_->bFinishScanForPrgBar);
 
     // Each missing server folder costs a bounded number of listings.
@@ -121,12 +116,9 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
         file("f" + std::to_string(1000 + i), "");
     task_->localDirList = {src_};
     ASSERT_TRUE(task_->CalculateBackupSize());
-    ASSERT_EQ(delegate_.notices.size(), 3u);
-    EXPECT_TRUE(delegate_.notices[0].rescan);
-    EXPECT_EQ(delegate_.notices[0].info,
-              LoadString::Format("ReScanFile", src_, 100, 99)); // the source is item 1
-    EXPECT_TRUE(delegate_.notices[1].rescan);
-    EXPECT_TRUE(delegate_.notices[2].finished);
+    EXPECT_EQ(delegate_.notices, (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 99),
+                                        "rescan " + LoadString::Format("ReScanFile", src_, 200, 199),
+                                        "finished"})); // the source is item 1
     EXPECT_EQ(task_->scanFileArray.size(), 250u);
 
     // Cancelled at the first notice: the walk ends, without the finishing notice.
@@ -152,9 +144,8 @@ TEST_F(BackupTaskScan, ItemsInsideExcludedFoldersAreNotCounted) {
     task_->localDirList = {src_, at("Libraryx/f1000")};
     task_->filtedPath = {"Library"};
     ASSERT_TRUE(task_->CalculateBackupSize());
-    ASSERT_EQ(delegate_.notices.size(), 2u);
-    EXPECT_EQ(delegate_.notices[0].info, LoadString::Format("ReScanFile", src_, 100, 98));
-    EXPECT_TRUE(delegate_.notices[1].finished);
+    EXPECT_EQ(delegate_.notices,
+              (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98), "finished"}));
     EXPECT_EQ(task_->nScanTotalFiles, 98);
 }
 
