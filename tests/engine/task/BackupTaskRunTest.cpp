@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <mutex>
+#include <tuple>
 
 #include "common/EngineSession.h"
 #include "platform/framework/NimboSetting.h"
@@ -84,7 +85,8 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     run();
 
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_EQ(task_->iBackupRet + task_->iErrorTimes + task_->scanFileArray.size(), 0u);
+    EXPECT_EQ(std::tuple(task_->iBackupRet, task_->iErrorTimes, task_->scanFileArray.size()),
+              std::tuple(0ul, 0, 0ul));
     EXPECT_EQ(task_->pPrgBar, nullptr);
     EXPECT_EQ(std::fmod(task_->mLastRunDate.timeIntervalSince1970(), 60.0), 0.0);
     EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "alpha");
@@ -211,7 +213,7 @@ TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOn
     std::vector<std::string> expected(21, a);
     expected.insert(expected.end(), {c, a, b});
     EXPECT_EQ(delegate_.working, expected);
-    EXPECT_EQ(task_->iBackupRet + task_->scanFileArray.size(), 0u);
+    EXPECT_EQ(std::pair(task_->iBackupRet, task_->scanFileArray.size()), std::pair(0ul, 0ul));
     EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "A");
     EXPECT_EQ(task_->uiTaskCurrentUploadSize, 3u);
     EXPECT_TRUE(task_->blogModify);

@@ -107,7 +107,7 @@ TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
 
     EXPECT_FALSE(decide("same.txt", "abcd", T));
     EXPECT_FALSE(decide("hour.txt", "abcd", T + 3600));
-    EXPECT_EQ(task_->uiNeedSpace + task_->scanFileArray.size(), 0u);
+    EXPECT_EQ(std::pair(task_->uiNeedSpace, task_->scanFileArray.size()), std::pair(0ul, 0ul));
 
     EXPECT_TRUE(decide("near.txt", "abcd", T + 1.5)); // the local store keeps exact times
     EXPECT_TRUE(decide("grown.txt", "abcdefghij", T + 2)); // charged in full
