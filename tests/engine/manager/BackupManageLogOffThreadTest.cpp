@@ -4,77 +4,50 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 
-#include "common/EngineSession.h"
-#include "engine/manager/CBackupManage.h"
-#include "platform/framework/ProgressModeHost.h"
+#include "engine/manager/ManagerDoubles.h"
 
 using namespace cirrovault;
 
 namespace {
 
 // Holds the run in its closing notice to the host until released.
-class ClosingHost : public StowlineBackupManageDelegate {
-public:
+struct ClosingHost : StowlineBackupManageDelegate {
     bool StowlineBackupManageDelegateFun(CBackupManage*, const std::shared_ptr<CBackupTask>&,
                                          int32_t type) override {
-        if (type != closeProgressBarViewDelegate)
-            return true;
-        std::unique_lock lock(mutex_);
-        closing_ = true;
-        changed_.notify_all();
-        changed_.wait_for(lock, std::chrono::seconds(20), [&] { return released_; });
+        if (type == closeProgressBarViewDelegate) {
+            closing.set_value();
+            released.wait_for(std::chrono::seconds(20));
+        }
         return true;
     }
-    bool waitClosing() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return closing_; });
-    }
-    void release() {
-        std::lock_guard lock(mutex_);
-        released_ = true;
-        changed_.notify_all();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool closing_ = false;
-    bool released_ = false;
+    std::promise<void> closing, release;
+    std::future<void> closed = closing.get_future();
+    std::shared_future<void> released = release.get_future().share();
 };
 
-class BackupManageLogOffThread : public test::EngineSession {};
+class BackupManageLogOffThread : public test::ManagerSession {
+protected:
+    ClosingHost closing_;
+};
 
 TEST_F(BackupManageLogOffThread, LogOffWhileARunIsClosingEndsIt) {
-    ProgressModeHost::setProvider(nullptr);
-    makeFile("src/a.txt", "alpha");
-    auto task = std::make_shared<CBackupTask>();
-    task->name = "Closing";
-    task->serverPath = "\\Backups\\Closing";
-    task->localDirList = {home_.file("src")};
-    task->pcID = 7; // a task of this computer, not due: started by the user below
-    task->taskType = CBackupTask::ScheduleDaily;
-    task->mDating = Date::now().addingTimeInterval(86400 * 30);
-    ClosingHost host;
-    CBackupManage manager;
-    manager.pcID = 7;
-    manager.SetDelegate(&host);
-    ASSERT_TRUE(manager.AddTask(task));
-    ASSERT_TRUE(manager.StartBackupByUser(task->name, false));
-    ASSERT_TRUE(host.waitClosing());
+    auto task = makeTask("Closing", Date::now().addingTimeInterval(86400 * 30)); // not due
+    manager_.SetDelegate(&closing_);
+    ASSERT_TRUE(manager_.AddTask(task));
+    ASSERT_TRUE(manager_.StartBackupByUser(task->name, false));
+    ASSERT_EQ(closing_.closed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 
-    manager.bLogOff = true;
-    auto ended = std::async(std::launch::async, [&] { return manager.endBackpTask(); });
+    manager_.bLogOff = true;
+    auto ended = std::async(std::launch::async, [&] { return manager_.endBackpTask(); });
     // Let the log-off reach its wait for the run before the run goes on to the lock.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    host.release();
+    closing_.release.set_value();
     ASSERT_EQ(ended.wait_for(std::chrono::seconds(20)), std::future_status::ready)
         << "the log-off and the closing run wait for each other";
-    EXPECT_EQ(manager.pWorkingTask, nullptr);
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
     EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_FALSE(task->bLogOff);
 }

@@ -1,6 +1,4 @@
-// Task creation, edit, deletion and versions through the manager, against a real local
-// store: what the service's task list and folders hold afterwards, and the runs that
-// follow.
+// Task creation, edit, deletion and versions through the manager, on a real local store.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,7 +16,6 @@ using namespace cirrovault;
 namespace {
 
 using TaskPtr = std::shared_ptr<CBackupTask>;
-constexpr uint64_t kPc = 7;
 
 // A progress window whose user has pressed Cancel as soon as it came up.
 class CancellingWindow : public ProgressModeHost {
@@ -34,37 +31,26 @@ public:
     Thread* left = nullptr;
 };
 
-class BackupManageTasksThread : public test::EngineSession {
+class BackupManageTasksThread : public test::ManagerSession {
 protected:
     void SetUp() override {
-        EngineSession::SetUp();
+        ManagerSession::SetUp();
         Clock::setShared(clock_);
-        ProgressModeHost::setProvider(nullptr);
-        manager_.pcID = kPc;
-        manager_.SetDelegate(&host_);
-    }
-    void TearDown() override {
-        for (const auto& task : started_)
-            if (auto worker = task->pBackupTaskThread)
-                worker->join();
-        ProgressModeHost::setProvider(nullptr);
-        EngineSession::TearDown();
     }
 
     Date now() const { return clock_->now(); }
 
-    // A daily task of this computer over the local folder "src-<name>" with two files,
-    // not due for a long time.
     TaskPtr makeTask(const std::string& name) {
-        makeFile("src-" + name + "/a.txt", "alpha of " + name);
-        makeFile("src-" + name + "/b.txt", "beta of " + name);
+        return ManagerSession::makeTask(name, now().addingTimeInterval(86400 * 30));
+    }
+    // A task over the given paths, moving here from another computer or not.
+    static TaskPtr sourced(const std::string& name, std::vector<std::string> paths,
+                           bool migrating) {
         auto task = std::make_shared<CBackupTask>();
         task->name = name;
-        task->pcID = kPc;
         task->serverPath = "\\Backups\\" + name;
-        task->localDirList = {home_.file("src-" + name)};
-        task->taskType = CBackupTask::ScheduleDaily;
-        task->mDating = now().addingTimeInterval(86400 * 30);
+        task->bMigrateTask = migrating;
+        task->localDirList.assign(paths.begin(), paths.end());
         return task;
     }
     TaskPtr registered(const std::string& name) {
@@ -87,9 +73,9 @@ protected:
         if (worker)
             worker->join();
     }
-    // A change to a.txt that the next run must upload, keeping the old copy as a version.
+    // A change to a.txt that the next run uploads, keeping the old copy as a version.
     void change(const std::string& name, int round) {
-        makeFile("src-" + name + "/a.txt", "alpha " + std::string(round, '+'),
+        makeFile(name + "/a.txt", "alpha " + std::string(round, '+'),
                  1'600'000'000.0 + 3600 * round);
     }
     StoreItem item(const std::string& path) {
@@ -115,20 +101,15 @@ protected:
 
     std::shared_ptr<ManualClock> clock_ =
         std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
-    test::HostRecorder host_;
-    CBackupManage manager_;
-    std::vector<TaskPtr> started_;
 };
 
 TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
     auto named = [](int n) { return LoadString::Format("IDS_TASKNAMEFOR", n); };
-    auto take = [&](std::initializer_list<int> numbers) {
-        for (int n : numbers)
-            manager_.taskList.push_back(makeTask(named(n)));
-    };
-    take({0, 2});
+    for (int n : {0, 2})
+        manager_.taskList.push_back(makeTask(named(n)));
     EXPECT_EQ(manager_.CreateRandomName(), named(1)); // the gap first
-    take({1, 3, 4});
+    for (int n : {1, 3, 4})
+        manager_.taskList.push_back(makeTask(named(n)));
     EXPECT_EQ(manager_.CreateRandomName(), named(5));
 
     // Without a session the account's figures cannot be had: the user is told.
@@ -141,8 +122,7 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
 
     ASSERT_TRUE(manager_.BeginNewTask());
     TaskPtr first = manager_.GetNewTask();
-    EXPECT_EQ(first->name, named(5));
-    EXPECT_EQ(first->description, named(5));
+    EXPECT_EQ(first->name + "|" + first->description, named(5) + "|" + named(5));
     EXPECT_EQ(first->pcID, kPc);
     ASSERT_TRUE(manager_.BeginNewTask());
     EXPECT_EQ(manager_.GetNewTask(), first);
@@ -176,9 +156,9 @@ TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
     EXPECT_TRUE(SystemLog::capturedContains("Error: scan file array is empty"));
     EXPECT_TRUE(manager_.IsCreateingTask()); // the wizard may go on
 
-    makeFile("src-New/a.txt", "alpha");
+    makeFile("New/a.txt", "alpha");
     TaskPtr task = manager_.GetNewTask();
-    manager_.InitLocalFolderlist({home_.file("src-New")});
+    manager_.InitLocalFolderlist({home_.file("New")});
     manager_.SetEndDate(now().addingTimeInterval(-60)); // no run at once
     ASSERT_TRUE(manager_.EndNewTask());
     EXPECT_FALSE(manager_.IsCreateingTask());
@@ -194,8 +174,7 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
     over->taskType = CBackupTask::ScheduleNone;
     over->mEndDate = now().addingTimeInterval(-1);
     ASSERT_TRUE(manager_.AddTask(over));
-    EXPECT_TRUE(listed(later));
-    EXPECT_TRUE(listed(over));
+    EXPECT_TRUE(listed(later) && listed(over));
     EXPECT_TRUE(manager_.waitingList.empty());
     EXPECT_EQ(manager_.pWorkingTask, nullptr);
 
@@ -210,51 +189,44 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
         EXPECT_EQ(manager_.pWorkingTask, now);
         EXPECT_FALSE(listed(now)); // it runs as the working task, outside the list
         EXPECT_EQ(manager_.waitingList, std::vector<TaskPtr>{now});
-        EXPECT_EQ(manager_.strWorkingFile, "");
-        EXPECT_EQ(manager_.strServerWorkingFile, "");
+        EXPECT_EQ(manager_.strWorkingFile + manager_.strServerWorkingFile, "");
     }
     finish(now);
     EXPECT_EQ(now->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_TRUE(exists("\\Backups\\Now\\src-Now\\a.txt"));
+    EXPECT_TRUE(exists("\\Backups\\Now\\Now\\a.txt"));
     EXPECT_EQ(host_.countOf("Now:1"), 1u);
 }
 
 TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesTheFoldersAndRemovesTheRecord) {
-    TaskPtr docs = registered("Docs");
-    TaskPtr keep = registered("Keep");
-    EXPECT_EQ(run(docs), 2);
-    EXPECT_EQ(run(keep), 2);
-    change("Docs", 1);
-    change("Keep", 1);
-    EXPECT_EQ(run(docs), 1);
-    run(keep);
+    TaskPtr docs = registered("Docs"), keep = registered("Keep");
+    for (const auto& task : {docs, keep}) {
+        EXPECT_EQ(run(task), 2);
+        change(task->name, 1);
+        EXPECT_EQ(run(task), 1);
+    }
     ASSERT_TRUE(exists(historyRoot() + "\\Docs"));
 
     EXPECT_TRUE(manager_.BatchDeleteTask("Docs", true));
     EXPECT_TRUE(docs->bDeleting);
-    EXPECT_FALSE(exists("\\Backups\\Docs"));
-    EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
-    EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(onService("Docs"));
+    EXPECT_FALSE(exists("\\Backups\\Docs") || exists(historyRoot() + "\\Docs"));
+    EXPECT_FALSE(listed(docs) || onService("Docs"));
     EXPECT_TRUE(onService("Keep"));
-    EXPECT_TRUE(exists("\\Backups\\Keep\\src-Keep\\b.txt"));
+    EXPECT_TRUE(exists("\\Backups\\Keep\\Keep\\b.txt"));
     EXPECT_EQ(host_.countOf(":6"), 1u);
     EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
 
-    // Keeping the server files renames both folders: the computer's name, the time and
-    // the task's name joined by dots.
+    // Keeping the server files renames both folders to "<computer>.<time>.<task>".
     EXPECT_TRUE(manager_.BatchDeleteTask("Keep", false));
     const std::string kept = GlobalFunction::getPCName() + ".2011-03-05 14-07-";
     std::vector<StoreItem> backups;
     ASSERT_EQ(local_->list("\\Backups", backups), ResultCode::Success);
     ASSERT_EQ(backups.size(), 1u);
-    EXPECT_EQ(backups[0].name.rfind(kept, 0), 0u) << backups[0].name;
-    EXPECT_EQ(backups[0].name.substr(backups[0].name.size() - 5), ".Keep");
+    EXPECT_TRUE(backups[0].name.starts_with(kept) && backups[0].name.ends_with(".Keep"))
+        << backups[0].name;
     EXPECT_EQ(backups[0].fileCount, 2);
     EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
     EXPECT_FALSE(exists(historyRoot() + "\\Keep"));
-    EXPECT_FALSE(listed(keep));
-    EXPECT_FALSE(onService("Keep"));
+    EXPECT_FALSE(listed(keep) || onService("Keep"));
 }
 
 TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotReach) {
@@ -267,15 +239,13 @@ TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotRe
     EXPECT_FALSE(manager_.BatchDeleteTask("Docs", true));
     EXPECT_NE(window->entered, nullptr);
     EXPECT_EQ(window->left, window->entered);
-    EXPECT_TRUE(exists("\\Backups\\Docs\\src-Docs\\a.txt"));
-    EXPECT_TRUE(listed(docs));
-    EXPECT_TRUE(onService("Docs"));
+    EXPECT_TRUE(exists("\\Backups\\Docs\\Docs\\a.txt"));
+    EXPECT_TRUE(listed(docs) && onService("Docs"));
 
     // Keeping the server files, the renaming and the removal still happen.
     EXPECT_FALSE(manager_.BatchDeleteTask("Docs", false));
     EXPECT_FALSE(exists("\\Backups\\Docs"));
-    EXPECT_FALSE(listed(docs));
-    EXPECT_FALSE(onService("Docs"));
+    EXPECT_FALSE(listed(docs) || onService("Docs"));
 }
 
 TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWhereTheyCanBeDeleted) {
@@ -283,7 +253,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
     run(docs);
     change("Docs", 1);
     run(docs);
-    const std::vector<std::string> sources = {home_.file("src-Docs")};
+    const std::vector<std::string> sources = {home_.file("Docs")};
 
     docs->name = "Papers";
     docs->backupFileArray = sources;
@@ -291,14 +261,11 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
     ASSERT_EQ(manager_.editBackupTask(docs, "Docs"), 0);
     EXPECT_EQ(docs->serverPath, "\\Backups\\Papers");
     EXPECT_EQ(docs->localDirList, std::vector<SourceEntry>(sources.begin(), sources.end()));
-    EXPECT_TRUE(docs->addFileArray.empty());
-    EXPECT_TRUE(docs->backupFileArray.empty());
-    EXPECT_FALSE(exists("\\Backups\\Docs"));
-    EXPECT_FALSE(exists(historyRoot() + "\\Docs"));
+    EXPECT_TRUE(docs->addFileArray.empty() && docs->backupFileArray.empty());
+    EXPECT_FALSE(exists("\\Backups\\Docs") || exists(historyRoot() + "\\Docs"));
     EXPECT_EQ(item("\\Backups\\Papers").fileCount, 2);
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
-    EXPECT_TRUE(onService("Papers"));
-    EXPECT_FALSE(onService("Docs"));
+    EXPECT_TRUE(onService("Papers") && !onService("Docs"));
 
     EXPECT_EQ(run(docs), 0); // nothing changed, nothing sent again
     change("Docs", 2);
@@ -306,7 +273,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 2); // the versions go on
 
     // Selected versions are deleted for their own task only.
-    const std::string versions = historyRoot() + "\\Papers\\src-Docs";
+    const std::string versions = historyRoot() + "\\Papers\\Docs";
     std::vector<StoreItem> kept;
     ASSERT_EQ(local_->list(versions, kept), ResultCode::Success);
     ASSERT_EQ(kept.size(), 2u);
@@ -331,13 +298,9 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
 
 TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
     auto foreign = [&](const std::string& name, std::vector<std::string> paths) {
-        auto task = std::make_shared<CBackupTask>();
-        task->name = name;
+        TaskPtr task = sourced(name, paths, true);
         task->pcID = 99;
-        task->bMigrateTask = true;
         task->mEndDate = now().addingTimeInterval(-1); // no run at once
-        task->serverPath = "\\Backups\\" + name;
-        task->localDirList.assign(paths.begin(), paths.end());
         EXPECT_TRUE(manager_.AddTask(task));
         return task;
     };
@@ -352,8 +315,7 @@ TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
     EXPECT_EQ(newSources(drives), (std::vector<std::string>{"/new/C", "/new/D"}));
     EXPECT_EQ(drives->pcID, kPc);
     EXPECT_EQ(drives->mPCName, GlobalFunction::GetMachineName());
-    EXPECT_TRUE(drives->addFileArray.empty());
-    EXPECT_TRUE(drives->deleteFileArray.empty());
+    EXPECT_TRUE(drives->addFileArray.empty() && drives->deleteFileArray.empty());
 
     TaskPtr one = foreign("One", {"E:\\"});
     EXPECT_TRUE(manager_.MigrateTaskToCurrentPC("/new", one, 1));
@@ -371,28 +333,15 @@ TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
 }
 
 TEST_F(BackupManageTasksThread, RestoreViewContextAndWorkingFiles) {
-    auto task = [&](const std::string& name, std::vector<std::string> paths, bool migrating) {
-        auto made = std::make_shared<CBackupTask>();
-        made->name = name;
-        made->serverPath = "\\Backups\\" + name;
-        made->bMigrateTask = migrating;
-        made->localDirList.assign(paths.begin(), paths.end());
-        manager_.taskList.push_back(made);
-    };
-    task("Drives", {"C:\\", "D:\\"}, true);
-    task("Drive", {"C:\\"}, true);
-    task("Here", {"/home/bob/Docs"}, false);
-    struct Want {
-        const char* name;
-        int32_t kind;
-        const char* local;
-    };
+    manager_.taskList = {sourced("Drives", {"C:\\", "D:\\"}, true),
+                         sourced("Drive", {"C:\\"}, true),
+                         sourced("Here", {"/home/bob/Docs"}, false)};
     // Kinds 2 and 3 are seen in the migration tests.
-    for (Want want : {Want{"Drives", 0, ""}, Want{"Drive", 1, "C:\\"}}) {
-        manager_.GetTaskInformationForRestoreView(want.name);
-        EXPECT_EQ(manager_.nOSBackupDataType, want.kind) << want.name;
-        EXPECT_EQ(manager_.taskBackupLogLocalPath, want.local) << want.name;
-        EXPECT_EQ(manager_.taskServerPath, std::string("\\Backups\\") + want.name);
+    for (auto [name, kind, local] : {std::tuple{"Drives", 0, ""}, std::tuple{"Drive", 1, "C:\\"}}) {
+        manager_.GetTaskInformationForRestoreView(name);
+        EXPECT_EQ(manager_.nOSBackupDataType, kind) << name;
+        EXPECT_EQ(manager_.taskBackupLogLocalPath, local) << name;
+        EXPECT_EQ(manager_.taskServerPath, std::string("\\Backups\\") + name);
         EXPECT_EQ(manager_.taskHistoryPath, historyRoot());
     }
 

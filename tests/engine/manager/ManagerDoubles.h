@@ -8,7 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "common/EngineSession.h"
 #include "engine/manager/CBackupManage.h"
+#include "platform/framework/ProgressModeHost.h"
 #include "platform/os/Clock.h"
 
 namespace cirrovault::test {
@@ -115,6 +117,43 @@ private:
     std::string holdName_;
     bool held_ = false;
     bool released_ = false;
+};
+
+// A manager of computer 7 on a logged-on session, its host recorded, no progress window.
+class ManagerSession : public EngineSession {
+protected:
+    static constexpr uint64_t kPc = 7;
+    void SetUp() override {
+        EngineSession::SetUp();
+        ProgressModeHost::setProvider(nullptr);
+        manager_.pcID = kPc;
+        manager_.SetDelegate(&host_);
+    }
+    void TearDown() override {
+        for (const auto& list : {manager_.taskList, started_})
+            for (const auto& task : list)
+                if (auto worker = task->pBackupTaskThread)
+                    worker->join();
+        ProgressModeHost::setProvider(nullptr);
+        EngineSession::TearDown();
+    }
+    // A daily task of this computer over the folder <name> with two files, due at dating.
+    std::shared_ptr<CBackupTask> makeTask(const std::string& name, Date dating) {
+        makeFile(name + "/a.txt", "alpha of " + name);
+        makeFile(name + "/b.txt", "beta of " + name);
+        auto task = std::make_shared<CBackupTask>();
+        task->name = name;
+        task->pcID = kPc;
+        task->serverPath = "\\Backups\\" + name;
+        task->localDirList = {home_.file(name)};
+        task->taskType = CBackupTask::ScheduleDaily;
+        task->mDating = dating;
+        return task;
+    }
+
+    HostRecorder host_;
+    CBackupManage manager_;
+    std::vector<std::shared_ptr<CBackupTask>> started_; // runs to join at the end
 };
 
 } // namespace cirrovault::test

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <mutex>
+#include <tuple>
 
 #include "common/EngineSession.h"
 #include "platform/framework/NimboSetting.h"
@@ -14,36 +15,25 @@ namespace {
 
 constexpr double T = 1'600'000'000.0;
 
-// Records every notice, and for notice 4 the file the task was working on.
-class RecordingDelegate : public StowlineDelegate {
-public:
+// Records every notice, and for notice 4 the file whose upload begins. Read once the
+// run's threads have ended.
+struct RecordingDelegate : StowlineDelegate {
     bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
                              StowlineDelegateType type) override {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(mutex);
         if (type != refreshProgressBarDelegate)
-            milestones_.push_back(type);
+            milestones.push_back(type);
         else if (task && task->bInitUIPrgBar)
-            working_.push_back(task->strWorkingFile); // a file's upload begins
+            working.push_back(task->strWorkingFile);
         return true;
     }
-    std::vector<int> milestones() const {
-        std::lock_guard lock(mutex_);
-        return milestones_;
-    }
-    std::vector<std::string> working() const {
-        std::lock_guard lock(mutex_);
-        return working_;
-    }
     void clear() {
-        std::lock_guard lock(mutex_);
-        milestones_.clear();
-        working_.clear();
+        milestones.clear();
+        working.clear();
     }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<int> milestones_;
-    std::vector<std::string> working_;
+    std::mutex mutex;
+    std::vector<int> milestones;
+    std::vector<std::string> working;
 };
 
 class BackupTaskRunThread : public test::EngineSession {
@@ -95,21 +85,18 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     run();
 
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_EQ(task_->iBackupRet, 0u);
-    EXPECT_EQ(task_->iErrorTimes, 0);
-    EXPECT_TRUE(task_->scanFileArray.empty());
+    EXPECT_EQ(std::tuple(task_->iBackupRet, task_->iErrorTimes, task_->scanFileArray.size()),
+              std::tuple(0ul, 0, 0ul));
     EXPECT_EQ(task_->pPrgBar, nullptr);
     EXPECT_EQ(std::fmod(task_->mLastRunDate.timeIntervalSince1970(), 60.0), 0.0);
     EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "alpha");
     EXPECT_EQ(fetch("\\Backup\\src\\sub\\b.txt"), "beta");
-    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3, 5, 0, 2}));
     EXPECT_EQ(eventsContaining("Backup started."), 1u);
     EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
-    // Nothing shows figures in a window here, so the run asked for no pause at all.
-    EXPECT_EQ(clock_->now().timeIntervalSince1970(), T + 75.5);
+    EXPECT_EQ(clock_->now().timeIntervalSince1970(), T + 75.5); // no window: no pause
 
-    // A window showing the run's figures keeps them up for two seconds before the
-    // closing notices.
+    // A window showing the run's figures keeps them up two seconds before closing.
     struct FiguresWindow : HeadlessViewBackend {
         bool showsFiguresInWindow() const override { return true; }
     };
@@ -117,25 +104,23 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     ViewBackend::setShared(std::make_shared<FiguresWindow>());
     run();
     ViewBackend::setShared(nullptr);
-    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3, 5, 0, 2}));
     EXPECT_EQ(clock_->now().timeIntervalSince1970(), T + 77.5);
 
     // A run ending for a log-off sends no closing notices.
     delegate_.clear();
     task_->bLogOff = true;
     run();
-    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3}));
+    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3}));
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
 }
 
-// A rerun after a few files changed reads each server folder at most once, however
-// many old copies move into the history folders; nothing is uploaded without a change.
+// A rerun reads each server folder at most once, however many old copies it keeps.
 TEST_F(BackupTaskRunThread, RerunsListEachServerFolderAtMostOnce) {
     for (const char* folder : {"a", "b", "c d"})
         for (int i = 0; i < 10; ++i)
             local(std::string(folder) + "/f" + std::to_string(i) + ".txt", "content", T);
     run();
-    ASSERT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     StoreItem root;
     ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
     ASSERT_EQ(root.fileCount, 30);
@@ -148,7 +133,7 @@ TEST_F(BackupTaskRunThread, RerunsListEachServerFolderAtMostOnce) {
         delegate_.clear();
         run();
         EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
-        EXPECT_EQ(delegate_.working().size(), 2u);
+        EXPECT_EQ(delegate_.working.size(), 2u);
         for (const auto& [folder, count] : store_->listCounts())
             EXPECT_LE(count, 1) << folder;
         EXPECT_EQ(fetch("\\Backup\\src\\b\\f" + std::to_string(pass) + ".txt"),
@@ -162,7 +147,7 @@ TEST_F(BackupTaskRunThread, EmptyServerPathEndsTheRunBeforeItBegins) {
     task_->serverPath = "";
     run();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateRunning);
-    EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1}));
+    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1}));
     EXPECT_EQ(eventsContaining("has no destination folder"), 1u);
     EXPECT_EQ(eventsContaining("Backup started."), 0u);
     EXPECT_TRUE(SystemLog::capturedContains("Docs server path is empty."));
@@ -184,7 +169,7 @@ TEST_F(BackupTaskRunThread, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTi
         EXPECT_EQ(task_->iErrorTimes, n);
         EXPECT_TRUE(task_->bResume);
         EXPECT_DOUBLE_EQ(task_->mResumeDate.timeIntervalSinceDate(clock_->now()), n * 7200.0);
-        EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+        EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3, 5, 0, 2}));
         delegate_.clear();
         clock_->advance(600);
     }
@@ -224,13 +209,11 @@ TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOn
 
     store_->failOperation(Op::Put, ResultCode::Failure, 21);
     walk({a, b, gone, c});
-    // a: 21 failed attempts; b waits a pass, the vanished entry leaves, c goes; the
-    // next pass takes a and b.
+    // a: 21 failed attempts; b waits a pass, gone leaves, c goes; the next pass: a, b.
     std::vector<std::string> expected(21, a);
     expected.insert(expected.end(), {c, a, b});
-    EXPECT_EQ(delegate_.working(), expected);
-    EXPECT_EQ(task_->iBackupRet, 0u);
-    EXPECT_TRUE(task_->scanFileArray.empty());
+    EXPECT_EQ(delegate_.working, expected);
+    EXPECT_EQ(std::pair(task_->iBackupRet, task_->scanFileArray.size()), std::pair(0ul, 0ul));
     EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "A");
     EXPECT_EQ(task_->uiTaskCurrentUploadSize, 3u);
     EXPECT_TRUE(task_->blogModify);
@@ -253,8 +236,7 @@ TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
     EXPECT_EQ(store_->putCount(), 1);
 }
 
-// On a store keeping seconds, a span from the settings widens both windows, for equal
-// sizes only.
+// On a store keeping seconds, the settings' span widens both windows, for equal sizes only.
 TEST_F(BackupTaskRunThread, UploadChangeTestTakesTheSettingsSpanOnCoarseStores) {
     local_->makeFolder("\\Backup", "", "");
     local_->makeFolder("\\Backup\\src", "", "");
@@ -269,9 +251,8 @@ TEST_F(BackupTaskRunThread, UploadChangeTestTakesTheSettingsSpanOnCoarseStores) 
     EXPECT_EQ(fetch("\\Backup\\src\\same.txt"), "abcde");
 }
 
-// Cancel comes from another thread while the worker is inside a transfer. Only a
-// bounded-window schedule then skips ahead 42 hours; daily and weekly schedules step to
-// their next slot instead. Flag bits above the kind must not matter.
+// A cancel during a transfer moves a bounded-window schedule 42 hours on, daily and weekly
+// ones to their next slot; flag bits above the kind do not matter.
 TEST_F(BackupTaskRunThread, CancelDuringTransferEndsTheRunAndMovesTheNextRunByItsKind) {
     local("a.txt", "alpha");
     const Date dating(T + 3600);
@@ -287,14 +268,13 @@ TEST_F(BackupTaskRunThread, CancelDuringTransferEndsTheRunAndMovesTheNextRunByIt
         EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
         EXPECT_EQ(task_->iBackupRet, 6u);
         EXPECT_EQ(task_->iErrorTimes, 0);
-        EXPECT_EQ(delegate_.milestones(), (std::vector<int>{1, 3, 5, 0, 2}));
+        EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3, 5, 0, 2}));
         EXPECT_EQ(task_->GetProgress(), nullptr);
         EXPECT_DOUBLE_EQ(task_->mDating.timeIntervalSinceDate(dating), step);
     }
     EXPECT_EQ(eventsContaining("Backup finished successfully."), 0u);
 
-    // A window run that finishes keeps its date; one cancelled after an error was
-    // noted steps a day like the others.
+    // A window run that finishes keeps its date; cancelled after an error, it steps a day.
     task_->taskType = CBackupTask::ScheduleBetweenDates;
     task_->mDating = dating;
     run();

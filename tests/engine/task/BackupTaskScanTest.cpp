@@ -12,7 +12,6 @@
 #include "platform/framework/LoadString.h"
 #include "platform/framework/SessionFixture.h"
 #include "platform/os/Clock.h"
-#include "platform/os/SystemLog.h"
 
 using namespace cirrovault;
 
@@ -20,25 +19,19 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
-// Records the task's notices with the progress marks as they were at the time; may
-// cancel the run at the first rescan notice.
-class RecordingDelegate : public StowlineDelegate {
-public:
-    struct Notice {
-        StowlineDelegateType type;
-        bool rescan;
-        bool finished;
-        std::string info;
-    };
+// Records the notices as "rescan <info>" or "finished" by the progress marks of the
+// time; may cancel at a rescan notice.
+struct RecordingDelegate : StowlineDelegate {
     bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
-                             StowlineDelegateType type) override {
-        notices.push_back({type, task->bRescanForPrgBar, task->bFinishScanForPrgBar,
-                           task->strRescanInfoForPrgbar.value_or("")});
+                             StowlineDelegateType) override {
+        std::string rescan = "rescan " + task->strRescanInfoForPrgbar.value_or("");
+        notices.push_back(task->bRescanForPrgBar ? rescan
+                          : task->bFinishScanForPrgBar ? "finished" : "other");
         if (cancelAtRescan && task->bRescanForPrgBar)
             task->pPrgBar->setBClickedCancel(true);
         return true;
     }
-    std::vector<Notice> notices;
+    std::vector<std::string> notices;
     bool cancelAtRescan = false;
 };
 
@@ -84,8 +77,7 @@ protected:
     std::string src_;
 };
 
-// Dotfiles, links (as links) and names with refused characters are kept; FIFOs and a
-// name too long once encoded are not, and the latter is named.
+// Dotfiles, links and refused characters are kept; FIFOs and names too long are not.
 Paths keptByTheWalks(const std::string& src) {
     auto at = [&](const char* relative) { return src + "/" + relative; };
     return {src,           at(".dotdir"),    at(".dotdir/x.txt"),   at(".hidden.txt"),
@@ -97,17 +89,14 @@ Paths keptByTheWalks(const std::string& src) {
 TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
     makeTree();
     ASSERT_TRUE(task_->CalculateBackupSize());
-    // Folders are listed as they come; files only when they must go up. The prefix
-    // memory of the excluded "Library" also covers the files of "Libraryx".
+    // The prefix memory of the excluded "Library" also covers the files of "Libraryx".
     EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
     const uint64_t bytes = 4 + 6 + 2 + 1 + 1 + 1 + 1 + 5; // the link: its target's length
-    EXPECT_EQ(task_->fileTotalSize, bytes);
-    EXPECT_EQ(task_->uiNeedSpace, bytes);
+    EXPECT_EQ(std::pair(task_->fileTotalSize, task_->uiNeedSpace), std::pair(bytes, bytes));
     EXPECT_EQ(task_->scanFilterUserPath, at("sub/cache1"));
     EXPECT_EQ(task_->leftOutPaths, Paths{at("sub/" + std::string(90, ':'))});
 
-    // A task may still leave out every dot-name.
-    task_->taskType |= CBackupTask::SkipHiddenFlag;
+    task_->taskType |= CBackupTask::SkipHiddenFlag; // leaves out every dot-name
     task_->scanFileArray.clear();
     delegate_.notices.clear();
     ASSERT_TRUE(task_->CalculateBackupSize());
@@ -115,32 +104,11 @@ TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
                             [](const std::string& p) { return p.find("/.") != std::string::npos; }),
               0);
     task_->taskType &= ~CBackupTask::SkipHiddenFlag;
-    ASSERT_EQ(delegate_.notices.size(), 1u);
-    EXPECT_TRUE(delegate_.notices[0].finished);
+    EXPECT_EQ(delegate_.notices, Paths{"finished"});
     EXPECT_FALSE(task_->bFinishScanForPrgBar);
 
-    // Nothing on the service yet: each missing server folder costs a bounded number of
-    // listings, however many files it would hold.
+    // Each missing server folder costs a bounded number of listings.
     EXPECT_LE(store_->totalLists(), 8);
-}
-
-TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
-    file("one.txt", "1");
-    makeFile("Library/l.txt", "l");
-    makeFile(".dotsource/k.txt", "kk");
-    task_->filtedPath = {"Library"};
-    task_->localDirList = {at("one.txt"), home_.file("Library"), home_.file(".dotsource"),
-                           home_.file("gone")};
-    // A source is never tested as a system item; a missing one gives nothing.
-    const Paths kept{at("one.txt"), home_.file(".dotsource"), home_.file(".dotsource/k.txt")};
-    ASSERT_TRUE(task_->CalculateBackupSize());
-    EXPECT_EQ(task_->scanFileArray, kept);
-    EXPECT_EQ(task_->scanFilterUserPath, home_.file("Library"));
-
-    task_->scanFileArray.clear();
-    ASSERT_TRUE(task_->StartScanFile());
-    EXPECT_EQ(task_->scanFileArray, kept);
-    EXPECT_EQ(task_->fileTotalSize, 3u);
 }
 
 TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
@@ -148,16 +116,12 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
         file("f" + std::to_string(1000 + i), "");
     task_->localDirList = {src_};
     ASSERT_TRUE(task_->CalculateBackupSize());
-    ASSERT_EQ(delegate_.notices.size(), 3u);
-    EXPECT_TRUE(delegate_.notices[0].rescan);
-    EXPECT_EQ(delegate_.notices[0].info,
-              LoadString::Format("ReScanFile", src_, 100, 99)); // the source is item 1
-    EXPECT_TRUE(delegate_.notices[1].rescan);
-    EXPECT_TRUE(delegate_.notices[2].finished);
+    EXPECT_EQ(delegate_.notices, (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 99),
+                                        "rescan " + LoadString::Format("ReScanFile", src_, 200, 199),
+                                        "finished"})); // the source is item 1
     EXPECT_EQ(task_->scanFileArray.size(), 250u);
 
-    // Cancelled at the first notice: the walk ends at its next test, without the
-    // finishing notice.
+    // Cancelled at the first notice: the walk ends, without the finishing notice.
     delegate_.notices.clear();
     delegate_.cancelAtRescan = true;
     task_->scanFileArray.clear();
@@ -171,8 +135,7 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
 }
 
 TEST_F(BackupTaskScan, ItemsInsideExcludedFoldersAreNotCounted) {
-    // "Libraryx" lies under the excluded "Library" prefix: its files are not taken, so
-    // they are no items either. 1 source + "Library" + 98 files = 100: one notice.
+    // The files of "Libraryx" (under the excluded "Library" prefix) are no items.
     file("Library/l.txt", "l");
     for (int i = 0; i < 150; ++i)
         file("Libraryx/f" + std::to_string(1000 + i), "");
@@ -181,35 +144,27 @@ TEST_F(BackupTaskScan, ItemsInsideExcludedFoldersAreNotCounted) {
     task_->localDirList = {src_, at("Libraryx/f1000")};
     task_->filtedPath = {"Library"};
     ASSERT_TRUE(task_->CalculateBackupSize());
-    ASSERT_EQ(delegate_.notices.size(), 2u);
-    EXPECT_EQ(delegate_.notices[0].info, LoadString::Format("ReScanFile", src_, 100, 98));
-    EXPECT_TRUE(delegate_.notices[1].finished);
+    EXPECT_EQ(delegate_.notices,
+              (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98), "finished"}));
     EXPECT_EQ(task_->nScanTotalFiles, 98);
 }
 
 // Presses Cancel after a chosen number of messages (never when negative).
-class FakeLoopDialog : public test::LoopDialogStub {
-public:
-    explicit FakeLoopDialog(int cancelAfter) : cancelAfter_(cancelAfter) {}
+struct FakeLoopDialog : test::LoopDialogStub {
+    explicit FakeLoopDialog(int cancelAfter) : cancelAfter(cancelAfter) {}
     bool IsLoopCancel(Thread*) override {
-        std::lock_guard lock(mutex_);
-        return cancelAfter_ >= 0 && static_cast<int>(messages_.size()) >= cancelAfter_;
+        std::lock_guard lock(mutex);
+        return cancelAfter >= 0 && static_cast<int>(messages.size()) >= cancelAfter;
     }
     bool SetScanFileLoopMessage(Thread*, const std::string& size, const std::string& count,
                                 const std::string& path) override {
-        std::lock_guard lock(mutex_);
-        messages_.push_back(size + "|" + count + "|" + path);
+        std::lock_guard lock(mutex);
+        messages.push_back(size + "|" + count + "|" + path);
         return true;
     }
-    std::vector<std::string> messages() {
-        std::lock_guard lock(mutex_);
-        return messages_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> messages_; // guarded by mutex_
-    const int cancelAfter_;
+    const int cancelAfter;
+    std::mutex mutex;
+    std::vector<std::string> messages; // read once the walk has ended
 };
 
 class BackupTaskScanThread : public BackupTaskScan {
@@ -231,23 +186,19 @@ protected:
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
 };
 
-// The run's walk hands "a.tmp" on; the interactive walk leaves it out by itself, and
-// never asks the service.
+// The interactive walk leaves out filtered files by itself and never asks the service.
 TEST_F(BackupTaskScanThread, InteractiveWalkFiltersFilesShowsTotalsAndCancelEmptiesTheList) {
     makeTree();
     auto dialog = installDialog(-1);
     Date before = clock_->now();
     ASSERT_TRUE(task_->StartScanFile());
     EXPECT_EQ(dialog->buttonType_, CLoopItem::ButtonScanFiles);
-    // No window shows figures here, so the scan did not wait for one to come up.
-    EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 0.0);
-    std::vector<std::string> messages = dialog->messages();
-    ASSERT_EQ(messages.size(), 13u); // every listed item below the source
-    EXPECT_EQ(messages.back(),
+    EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 0.0); // no window to wait for
+    ASSERT_EQ(dialog->messages.size(), 13u); // every listed item below the source
+    EXPECT_EQ(dialog->messages.back(),
               Functions::FormatSizeToString(21) + "|8|" + at("sub/x?y/d.txt"));
     EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
-    EXPECT_EQ(task_->fileTotalSize, 21u);
-    EXPECT_EQ(task_->uiNeedSpace, 21u);
+    EXPECT_EQ(std::pair(task_->fileTotalSize, task_->uiNeedSpace), std::pair(21ul, 21ul));
     EXPECT_EQ(task_->nScanTotalFiles, 8);
     EXPECT_FALSE(task_->bCancleScanFile);
     EXPECT_EQ(store_->totalLists(), 0);
@@ -257,7 +208,7 @@ TEST_F(BackupTaskScanThread, InteractiveWalkFiltersFilesShowsTotalsAndCancelEmpt
     EXPECT_FALSE(task_->StartScanFile());
     EXPECT_TRUE(task_->bCancleScanFile);
     EXPECT_TRUE(task_->scanFileArray.empty());
-    EXPECT_EQ(cancelling->messages().size(), 2u);
+    EXPECT_EQ(cancelling->messages.size(), 2u);
 }
 
 } // namespace

@@ -12,8 +12,7 @@ using namespace cirrovault;
 
 namespace {
 
-// Local time in a zone with daylight saving, so that calendar days and exact offsets
-// can differ. 2026-03-11 is a Wednesday; summer time starts on 2026-03-29.
+// In a zone with summer time (from 2026-03-29); 2026-03-11 is a Wednesday.
 using test::localDate;
 
 class BackupTaskSchedule : public ::testing::Test {
@@ -38,47 +37,40 @@ protected:
 
 TEST_F(BackupTaskSchedule, DailyTimeOfDayMovesToTheFirstSlotNotBeforeThisMinute) {
     task_->taskType = CBackupTask::ScheduleDaily | 0x30; // flag bits must not matter
-    task_->SetSchDating(localDate(2025, 6, 2, 8, 0), true);      // only the time of day counts
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 12, 8, 0));
-
-    task_->SetSchDating(localDate(2025, 6, 2, 10, 15, 7), true);
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 10, 15, 7));
-
-    // The fraction of the current second is kept in "now", so a slot at the very start
-    // of this minute has passed, and the next minute has not.
+    auto next = [&](Date chosen, bool adjust = true) {
+        task_->SetSchDating(chosen, adjust);
+        return task_->mDating;
+    };
+    // Only the time of day counts.
+    EXPECT_EQ(next(localDate(2025, 6, 2, 8, 0)), localDate(2026, 3, 12, 8, 0));
+    EXPECT_EQ(next(localDate(2025, 6, 2, 10, 15, 7)), localDate(2026, 3, 11, 10, 15, 7));
+    // A slot at the start of this minute has passed, and the next minute has not.
     now(localDate(2026, 3, 11, 8, 0, 40.5));
-    task_->SetSchDating(localDate(2026, 3, 11, 8, 0), true);
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 12, 8, 0));
-    task_->SetSchDating(localDate(2026, 3, 11, 8, 1), true);
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 8, 1));
-
+    EXPECT_EQ(next(localDate(2026, 3, 11, 8, 0)), localDate(2026, 3, 12, 8, 0));
+    EXPECT_EQ(next(localDate(2026, 3, 11, 8, 1)), localDate(2026, 3, 11, 8, 1));
     // Without adjustment the date is taken as given.
-    task_->SetSchDating(localDate(2020, 1, 1, 8, 0), false);
-    EXPECT_EQ(task_->mDating, localDate(2020, 1, 1, 8, 0));
+    EXPECT_EQ(next(localDate(2020, 1, 1, 8, 0), false), localDate(2020, 1, 1, 8, 0));
 }
 
 TEST_F(BackupTaskSchedule, WeeklyCountsWeekdaysFromToday) {
     task_->taskType = CBackupTask::ScheduleWeekly;
-    // Monday chosen on a Wednesday: five days ahead.
-    task_->SetSchDating(localDate(2026, 3, 9, 10, 0), true);
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 16, 10, 0));
-    // Today's weekday with a later time: today.
-    task_->SetSchDating(localDate(2026, 3, 4, 11, 0), true);
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 11, 11, 0));
-    // Today's weekday whose time has passed: a week from today.
-    task_->SetSchDating(localDate(2026, 3, 4, 8, 0), true);
-    EXPECT_EQ(task_->mDating, localDate(2026, 3, 18, 8, 0));
-
+    // Monday chosen on a Wednesday; today's weekday later today; today's passed weekday.
+    using P = std::pair<Date, Date>;
+    for (auto [chosen, next] : {P{localDate(2026, 3, 9, 10, 0), localDate(2026, 3, 16, 10, 0)},
+                                P{localDate(2026, 3, 4, 11, 0), localDate(2026, 3, 11, 11, 0)},
+                                P{localDate(2026, 3, 4, 8, 0), localDate(2026, 3, 18, 8, 0)}}) {
+        task_->SetSchDating(chosen, true);
+        EXPECT_EQ(task_->mDating, next);
+    }
     // Begin date on Friday, weekday Thursday: the Thursday lies before the begin date,
-    // so the task goes to today's weekday a week on, not to the next Thursday.
+    // so the task goes to today's weekday a week on.
     task_->mDating = localDate(2026, 3, 5, 8, 0);
     task_->SetBeginDate(localDate(2026, 3, 13, 12, 0));
     EXPECT_EQ(task_->mDating, localDate(2026, 3, 18, 8, 0));
 }
 
 TEST_F(BackupTaskSchedule, BeginDateAndTheBetweenDatesKind) {
-    // A begin date ten days ahead moves a daily task one day on only; the scheduler
-    // itself waits for the begin date.
+    // A begin date ten days ahead moves a daily task one day on only.
     now(localDate(2026, 3, 11, 7, 0));
     task_->taskType = CBackupTask::ScheduleDaily;
     task_->mDating = localDate(2026, 3, 11, 8, 0);
@@ -91,8 +83,8 @@ TEST_F(BackupTaskSchedule, BeginDateAndTheBetweenDatesKind) {
     task_->SetBeginDate(localDate(2026, 1, 1, 0, 0));
     EXPECT_EQ(task_->mDating, localDate(2026, 3, 1, 8, 0));
 
-    // The range's one run already happened after the slot: setting the time keeps it,
-    // a new begin date recomputes it.
+    // The range's one run happened after the slot: setting the time keeps it, a new
+    // begin date recomputes it.
     task_->taskType = CBackupTask::ScheduleBetweenDates;
     task_->mEndDate = localDate(2026, 4, 1, 0, 0);
     task_->mBackupDate = localDate(2026, 3, 10, 8, 30);
@@ -114,8 +106,7 @@ TEST_F(BackupTaskSchedule, NextDatingStepsOneWholePeriodOrCatchesUpFromToday) {
         Date dating, now, next;
     };
     const Case cases[] = {
-        // Within a day of the slot: exactly 86400 s on, even across the change to summer
-        // time (so 09:00 local the next day).
+        // Within a day of the slot: exactly 86400 s on, even into summer time.
         {"within a day", CBackupTask::ScheduleDaily, dstEve, dstEve.addingTimeInterval(86'400),
          localDate(2026, 3, 29, 9, 0)},
         // A missed day or more: tomorrow at the slot's calendar time; day 32 rolls over.

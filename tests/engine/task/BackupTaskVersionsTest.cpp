@@ -30,20 +30,16 @@ protected:
         task_->localDirList = {home_.file("src")};
         ASSERT_EQ(api().AddFolder("\\Backup", "", "", false), ResultCode::Success);
     }
-    // One upload of a local file as the run does it: keep the current copy, then
-    // overwrite it. Answers the server path.
-    std::string upload(const std::string& relative, const std::string& content, double time,
-                       bool keepVersion = true) {
+    // One upload as the run does it: keep the current copy, then overwrite it.
+    std::string upload(const std::string& relative, const std::string& content, double time) {
         std::string local = makeFile("src/" + relative, content, time);
         std::string folder = task_->getTargetSvrFolder(local, true);
-        std::string serverFile =
-            CFileInfo::serverPathAppend(folder, CFileInfo::getMacFileName(local, false));
+        std::string name = CFileInfo::getMacFileName(local, false);
+        std::string serverFile = CFileInfo::serverPathAppend(folder, name);
         EXPECT_TRUE(GlobalFunction::CreateSrvFolder(folder, "", "", nullptr));
         PathInfo info;
-        if (keepVersion && tree().FindPath(serverFile, info, false)) {
-            EXPECT_TRUE(task_->recordCurrent(serverFile, task_->uiMaxVersion,
-                                             CFileInfo::getMacFileName(local, false)));
-        }
+        EXPECT_TRUE(!tree().FindPath(serverFile, info, false) ||
+                    task_->recordCurrent(serverFile, task_->uiMaxVersion, name));
         TransferInfo transfer;
         transfer.setLocFile(local);
         transfer.setSvrFile(serverFile);
@@ -61,9 +57,7 @@ protected:
         return result;
     }
     std::string versionFolder(const std::string& sub) {
-        std::string folder =
-            CFileInfo::serverPathAppend(task_->getSvrHistoryFolder(false), task_->name);
-        return sub.empty() ? folder : CFileInfo::serverPathAppend(folder, sub);
+        return task_->getSvrHistoryFolder(false) + "\\" + task_->name + "\\" + sub;
     }
 
     std::shared_ptr<CBackupTask> task_;
@@ -98,38 +92,22 @@ TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
     EXPECT_EQ(task_->getSvrHistoryFolder(true), "");
 }
 
-TEST_F(BackupTaskVersions, TargetFolderFollowsTheTopSourceName) {
-    task_->localDirList = {"/Users/a/Docs"};
-    EXPECT_EQ(task_->getTargetSvrFolder("/Users/a/Docs/x/y.txt", false), "\\Backup\\Docs\\x");
-    EXPECT_EQ(task_->getTargetSvrFolder("/Users/a/Docs/y.txt", true), "\\Backup\\Docs");
-    EXPECT_EQ(task_->GetTopFolder(), "/Users/a");
-
-    // A real folder: itself without the switch, its parent with it.
-    task_->localDirList = {home_.file("src")};
-    makeFile("src/x/y.txt", "y");
-    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x"), false), "\\Backup\\src\\x");
-    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x"), true), "\\Backup\\src");
-    EXPECT_EQ(task_->getTargetSvrFolder(home_.file("src/x/y.txt"), false), "\\Backup\\src\\x");
-}
-
 TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsAndReusesTheOldestName) {
     task_->uiMaxVersion = 3;
     std::string serverFile = upload("x/a.txt", "one", T);
     upload("x/a.txt", "two", T + 100);
     std::string versions = versionFolder("src\\x");
     EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt"}));
-    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a0.txt")), "one");
-
     upload("x/a.txt", "three", T + 200);
     EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
-    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
+    EXPECT_EQ(fetch(versions + "\\a0.txt") + fetch(versions + "\\a1.txt"), "onetwo");
 
     // Full: the oldest ("one", as a0.txt) goes and its name takes the new version.
     upload("x/a.txt", "four", T + 300);
     EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
-    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a0.txt")), "three");
-    EXPECT_EQ(fetch(CFileInfo::serverPathAppend(versions, "a1.txt")), "two");
-    EXPECT_EQ(fetch(serverFile), "four");
+    EXPECT_EQ(fetch(versions + "\\a0.txt") + fetch(versions + "\\a1.txt") +
+                  fetch(serverFile),
+              "threetwofour");
     EXPECT_EQ(task_->getOldTimeHistoryFile(versions), "a1.txt");
     EXPECT_EQ(names(CFileInfo::getServerParentFolder(serverFile)),
               (std::vector<std::string>{"a.txt"}));
@@ -142,14 +120,13 @@ TEST_F(BackupTaskVersions, NothingKeptBelowTwo) {
     EXPECT_FALSE(task_->recordCurrent("", 5, "b.txt"));
     EXPECT_EQ(names(versionFolder("src")), std::vector<std::string>{});
 
-    // The current copy is gone: the rename fails and is logged; nothing was deleted.
+    // The current copy is gone: the rename fails and is logged.
     EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
     EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
     EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
 }
 
-// "a1.txt" reads as a version of "a.txt": each keeps and drops only its own, and a lower
-// maximum trims a file's own versions at its next change.
+// "a1.txt" reads as a version of "a.txt": each keeps and drops only its own.
 TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
     task_->uiMaxVersion = 3;
     const std::vector<std::string> files{"a.txt", "a1.txt"};
@@ -161,7 +138,7 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
         std::vector<std::string> kept;
         for (const auto& name : names(versions))
             if (VersionNames::numberOf(name, file, files))
-                kept.push_back(fetch(CFileInfo::serverPathAppend(versions, name)));
+                kept.push_back(fetch(versions + "\\" + name));
         std::sort(kept.begin(), kept.end());
         return kept;
     };
@@ -177,9 +154,8 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
     EXPECT_EQ(own("a.txt").size(), 2u);
 }
 
-// A run cut off while it keeps a version (a refused store call stands for the cut) must
-// leave the file's folder as it was or as it should be: a version left there under its
-// version name would come back as a file of its own at the next restore.
+// A keep cut off (a refused move) leaves no version beside the file, where a restore
+// would take it for a file of its own.
 TEST_F(BackupTaskVersions, AnInterruptedKeepLeavesNoVersionBesideTheFile) {
     std::string serverFile = upload("x/a.txt", "one", T);
     for (int32_t passing : {0, 1, 2}) {
@@ -231,31 +207,6 @@ TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
     EXPECT_FALSE(VersionNames::numberOf("n05", "n", {}));
     EXPECT_FALSE(VersionNames::numberOf("n", "n", {}));
     EXPECT_FALSE(VersionNames::numberOf("a0.md", "a.txt", {}));
-}
-
-TEST_F(BackupTaskVersions, TaskSizeCountsFolderAndHistory) {
-    task_->uiMaxVersion = 5;
-    upload("a.txt", "12345", T);
-    upload("a.txt", "1234567", T + 10);
-    task_->uiRemoteSize = 999;
-    task_->getTaskSizeFromServer();
-    EXPECT_EQ(task_->uiRemoteSize, 12u);
-
-    task_->serverPath = "\\Nowhere";
-    task_->name = "Other";
-    task_->getTaskSizeFromServer();
-    EXPECT_EQ(task_->uiRemoteSize, 0u);
-}
-
-TEST_F(BackupTaskVersions, CopyBackupFileKeepsItsOwnName) {
-    std::string source = makeFile("in/report.pdf", "pdf", T);
-    FileSystem::createDirectories(home_.file("out"));
-    EXPECT_TRUE(task_->copyBackupFile(source, home_.file("out/other.name"), nullptr));
-    EXPECT_EQ(readFile(home_.file("out/report.pdf")), "pdf");
-    EXPECT_FALSE(FileSystem::exists(home_.file("out/other.name")));
-    EXPECT_EQ(FileSystem::status(home_.file("out/report.pdf"))->modifyTime.timeIntervalSince1970(),
-              T);
-    EXPECT_FALSE(task_->copyBackupFile(home_.file("in/none"), home_.file("out/x"), nullptr));
 }
 
 } // namespace
