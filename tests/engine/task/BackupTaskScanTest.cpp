@@ -111,6 +111,24 @@ TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
     EXPECT_LE(store_->totalLists(), 8);
 }
 
+// A source is never tested as a system item, an excluded one is left out, and a missing
+// one gives nothing, in both walks.
+TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
+    file("one.txt", "1");
+    makeFile("Library/l.txt", "l");
+    makeFile(".dotsource/k.txt", "kk");
+    task_->filtedPath = {"Library"};
+    task_->localDirList = {at("one.txt"), home_.file("Library"), home_.file(".dotsource"),
+                           home_.file("gone")};
+    const Paths kept{at("one.txt"), home_.file(".dotsource"), home_.file(".dotsource/k.txt")};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(std::pair(task_->scanFileArray, task_->scanFilterUserPath),
+              std::pair(kept, home_.file("Library")));
+    task_->scanFileArray.clear();
+    ASSERT_TRUE(task_->StartScanFile());
+    EXPECT_EQ(std::pair(task_->scanFileArray, task_->fileTotalSize), std::pair(kept, uint64_t{3}));
+}
+
 TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
     for (int i = 0; i < 249; ++i)
         file("f" + std::to_string(1000 + i), "");

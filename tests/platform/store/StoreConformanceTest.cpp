@@ -14,6 +14,7 @@
 #include "common/WebDavTestServer.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/local/LocalStore.h"
 #include "platform/store/webdav/WebDavStore.h"
@@ -121,7 +122,10 @@ TEST_P(StoreConformanceTest, LogonsMakeAccountsAndTaskListWritesCompareVersions)
 
     auto other = env.open();
     StoreSession again;
-    EXPECT_EQ(other->logon("alice", "wrong", again), R::WrongPassword);
+    SystemLog::startCapture();
+    EXPECT_EQ(other->logon("alice", "wr0ng-pw", again), R::WrongPassword);
+    EXPECT_FALSE(SystemLog::capturedContains("wr0ng-pw")); // a refused password is not logged
+    SystemLog::stopCapture();
     EXPECT_TRUE(again.sessionID.empty());
     EXPECT_EQ(statCode(*other, "\\"), R::NotLoggedOn); // a refused logon leaves no session
     EXPECT_EQ(other->logon("", "secret", again), R::EmptyName);
