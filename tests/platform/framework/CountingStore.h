@@ -1,11 +1,5 @@
 #pragma once
 
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "platform/store/FaultInjectingStore.h"
 
 namespace cirrovault::test {

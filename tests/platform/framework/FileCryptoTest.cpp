@@ -1,8 +1,3 @@
-#include <fstream>
-#include <string>
-#include <tuple>
-#include <vector>
-
 #include <gtest/gtest.h>
 #include <sodium.h>
 
@@ -14,17 +9,16 @@
 #include "platform/os/ResultCodes.h"
 #include "platform/os/FileSystem.h"
 
-namespace cirrovault {
+using namespace cirrovault;
+
 namespace {
 
 class FileCryptoTest : public ::testing::Test {
 protected:
     std::string writeFile(const std::string& name, const std::string& content) {
-        std::string path = home_.file(name);
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
+        EXPECT_TRUE(FileSystem::writeFileAtomically(home_.file(name), content));
+        return home_.file(name);
     }
-
     // The whole stored form, read in uneven pieces as a store would.
     static std::string readAll(ByteSource& source, size_t piece = 7777) {
         std::string out;
@@ -38,8 +32,7 @@ protected:
         }
     }
 
-    // The stored form of a local file, bound to name and to the file's time, which is
-    // set to Written first.
+    // The stored form of a local file, bound to name and to Written, the file's time.
     std::string encrypt(const std::string& path, const std::string& phrase,
                         const std::string& name = "Docs\\plain") {
         EXPECT_TRUE(FileSystem::setModifyTime(path, Written));
@@ -48,7 +41,6 @@ protected:
         EXPECT_EQ(code, ResultCode::Success);
         return source ? readAll(*source) : "";
     }
-
     // Feeds stored bytes to a decrypting sink that expects one of names and the time
     // listed; the code it ends with.
     int64_t decrypt(const std::string& stored, const std::string& target,
@@ -57,17 +49,15 @@ protected:
         DecryptingFileSink sink(LocalFileSink::open(target, Date(1'500'000'000)), phrase,
                                 std::move(names), listed);
         misplaced_ = false;
-        for (size_t at = 0; at < stored.size(); at += piece) {
+        for (size_t at = 0; at < stored.size(); at += piece)
             if (!sink.write(stored.data() + at, std::min(piece, stored.size() - at)))
                 return sink.error();
-        }
         bool done = sink.finish();
         misplaced_ = sink.misplaced();
         return done ? ResultCode::Success : sink.error();
     }
 
     size_t entriesInHome() { return FileSystem::listDirectory(home_.path())->size(); }
-
     static constexpr Date Written{1'600'000'000.25};
     test::TempHome home_;
     bool misplaced_ = false;
@@ -87,9 +77,7 @@ TEST_F(FileCryptoTest, RoundTripOfEverySizeIsExactlyOneHundredTwentyEightBytesLo
         std::string path = writeFile("plain", plain);
         std::string stored = encrypt(path, "correct horse");
         ASSERT_EQ(stored.size(), size + 128);
-        if (size >= 64) {
-            EXPECT_EQ(stored.find(plain.substr(0, 64)), std::string::npos);
-        }
+        EXPECT_TRUE(size < 64 || stored.find(plain.substr(0, 64)) == std::string::npos);
         std::string target = home_.file("restored");
         ASSERT_EQ(decrypt(stored, target, "correct horse"), ResultCode::Success);
         EXPECT_EQ(FileSystem::readFile(target), plain);
@@ -100,8 +88,10 @@ TEST_F(FileCryptoTest, RoundTripOfEverySizeIsExactlyOneHundredTwentyEightBytesLo
 TEST_F(FileCryptoTest, SameUnchangedFileGivesTheSameBytesAndSeeksResume) {
     std::string path = writeFile("plain", patterned(200'000));
     int64_t code = 0;
-    auto first = EncryptingFileSource::open(path, "phrase", "p", code);
-    auto second = EncryptingFileSource::open(path, "phrase", "p", code);
+    auto open = [&](const std::string& file, const std::string& phrase) {
+        return EncryptingFileSource::open(file, phrase, "p", code);
+    };
+    auto first = open(path, "phrase"), second = open(path, "phrase");
     ASSERT_TRUE(first && second);
     EXPECT_EQ(first->resumeTag(), second->resumeTag());
     std::string whole = readAll(*first);
@@ -117,24 +107,19 @@ TEST_F(FileCryptoTest, SameUnchangedFileGivesTheSameBytesAndSeeksResume) {
     EXPECT_FALSE(second->seek(200'129));
 
     // Other content, or another pass phrase, is never encrypted with the same stream.
-    std::string other = writeFile("other", patterned(200'000));
-    auto third = EncryptingFileSource::open(other, "phrase", "p", code);
-    ASSERT_TRUE(third);
-    EXPECT_NE(third->resumeTag(), first->resumeTag());
+    auto third = open(writeFile("other", patterned(200'000)), "phrase");
+    auto fourth = open(path, "other phrase");
+    ASSERT_TRUE(third && fourth);
+    EXPECT_TRUE(third->resumeTag() != first->resumeTag() && fourth->resumeTag() != first->resumeTag());
     EXPECT_NE(readAll(*third).substr(64, 64), whole.substr(64, 64));
-    auto fourth = EncryptingFileSource::open(path, "other phrase", "p", code);
-    ASSERT_TRUE(fourth);
-    EXPECT_NE(fourth->resumeTag(), first->resumeTag());
-
-    EXPECT_EQ(EncryptingFileSource::open(home_.file("missing"), "phrase", "p", code), nullptr);
+    EXPECT_EQ(open(home_.file("missing"), "phrase"), nullptr);
     EXPECT_EQ(code, ResultCode::LocalFileError);
 }
 
 TEST_F(FileCryptoTest, WrongPhraseAndDamageAreRefusedWithoutTouchingTheTarget) {
     std::string plain = patterned(100'000);
     std::string stored = encrypt(writeFile("plain", plain), "right");
-    std::string target = home_.file("target");
-    std::ofstream(target) << "earlier version";
+    std::string target = writeFile("target", "earlier version");
     size_t entries = entriesInHome();
 
     auto expectRefused = [&](const std::string& bytes, const std::string& phrase, int64_t code) {
@@ -185,27 +170,22 @@ TEST_F(FileCryptoTest, AFileOpensOnlyUnderTheNameAndTimeItWasEncryptedFor) {
     std::string b = encrypt(writeFile("b", "content of b"), "phrase", "Docs\\b.txt");
     std::string target = home_.file("target");
 
-    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}), ResultCode::Success);
-    EXPECT_EQ(FileSystem::readFile(target), "content of a");
-    // A version is asked for with every name its number could have been put into.
-    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a1.txt", "Docs\\a.txt"}), ResultCode::Success);
-    // The stores round the times they keep: a second either way still opens.
-    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(0.9)),
-              ResultCode::Success);
-    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(-1)),
-              ResultCode::Success);
-
-    // Swapped: b's file under a's name.
-    EXPECT_EQ(decrypt(b, target, "phrase", {"Docs\\a.txt"}), ResultCode::DamagedFile);
-    EXPECT_TRUE(misplaced_);
-    // Put back: an older copy listed with a newer time, or the other way round.
-    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(3600)),
-              ResultCode::DamagedFile);
-    EXPECT_TRUE(misplaced_);
-    EXPECT_EQ(decrypt(a, target, "phrase", {"Docs\\a.txt"}, Written.addingTimeInterval(-2)),
-              ResultCode::DamagedFile);
-    EXPECT_EQ(decrypt(a, target, "phrase", {}), ResultCode::DamagedFile);
-    EXPECT_EQ(FileSystem::readFile(target), "content of a"); // the earlier restore, untouched
+    // The code of opening a stored file as a, listed shift seconds from when it was written,
+    // with "m" when the binding tag told it was made for another name or time.
+    auto asA = [&](const std::string& stored, double shift,
+                   std::vector<std::string> names = {"Docs\\a.txt"}) {
+        int64_t code = decrypt(stored, target, "phrase", names, Written.addingTimeInterval(shift));
+        return std::to_string(code) + (misplaced_ ? "m" : "");
+    };
+    const std::string ok = "0", misplaced = std::to_string(ResultCode::DamagedFile) + "m";
+    // A version is asked for with every name its number could have been put into; the stores
+    // round the times they keep, so a second either way still opens. Swapped (b's file under
+    // a's name) or put back (an older copy listed with a newer time, or the other way round)
+    // it is refused.
+    EXPECT_EQ((std::vector{asA(a, 0), asA(a, 0, {"Docs\\a1.txt", "Docs\\a.txt"}), asA(a, 0.9),
+                           asA(a, -1), asA(b, 0), asA(a, 3600), asA(a, -2), asA(a, 0, {})}),
+              (std::vector{ok, ok, ok, ok, misplaced, misplaced, misplaced, misplaced}));
+    EXPECT_EQ(FileSystem::readFile(target), "content of a"); // the last restore, untouched
 }
 
 TEST_F(FileCryptoTest, FilesWrittenBeforeNamesWereBoundStillOpen) {
@@ -241,4 +221,3 @@ TEST(FileCryptoNames, BoundNameIsThePathBelowTheTaskAndAVersionKeepsItsOriginal)
 }
 
 } // namespace
-} // namespace cirrovault

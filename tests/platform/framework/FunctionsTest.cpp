@@ -3,7 +3,6 @@
 #include <chrono>
 #include <sys/stat.h>
 #include <thread>
-#include <tuple>
 
 #include "common/LocalDate.h"
 #include "common/TempHome.h"

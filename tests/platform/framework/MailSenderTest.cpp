@@ -1,6 +1,3 @@
-#include <string>
-#include <vector>
-
 #include <gtest/gtest.h>
 #include <sodium.h>
 
@@ -13,7 +10,8 @@
 #include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
 
-namespace cirrovault {
+using namespace cirrovault;
+
 namespace {
 
 std::string decodeQuotedPrintable(const std::string& text) {
@@ -144,4 +142,3 @@ TEST(MailSenderTest, UnsentReportsAreKeptInTheOutbox) {
 }
 
 } // namespace
-} // namespace cirrovault

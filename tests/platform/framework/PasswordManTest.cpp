@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <map>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

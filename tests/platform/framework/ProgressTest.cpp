@@ -1,7 +1,4 @@
-#include <atomic>
-#include <memory>
 #include <thread>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -10,7 +7,8 @@
 #include "platform/os/Clock.h"
 #include "platform/os/Semaphore.h"
 
-namespace cirrovault {
+using namespace cirrovault;
+
 namespace {
 
 class CountingDelegate : public TrueProgressDelegate {
@@ -94,4 +92,3 @@ TEST(ProgressThreadTest, CancelConnectionReachesOnlyTheNamedThreadsTransfer) {
 }
 
 } // namespace
-} // namespace cirrovault

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <stdexcept>
 
 #include "common/TempHome.h"
 #include "platform/framework/PropertyList.h"

@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "platform/framework/ServerName.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 TEST(ServerName, RefusedCharactersAreEscapedAndComeBack) {
     EXPECT_EQ(ServerName::encode("Notes 10:30.txt"), "Notes 10%3A30.txt");
@@ -35,5 +32,3 @@ TEST(ServerName, PathsAreCodedNameByName) {
     EXPECT_EQ(ServerName::decodePath(ServerName::encodePath("a/b\\c/d")), "a/b\\c/d");
 }
 
-} // namespace
-} // namespace cirrovault

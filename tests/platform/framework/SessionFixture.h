@@ -1,8 +1,6 @@
 #pragma once
 
 #include <fstream>
-#include <memory>
-#include <string>
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,6 @@
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <map>
 #include <regex>
 
 #include "common/TempHome.h"

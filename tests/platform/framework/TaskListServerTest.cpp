@@ -1,4 +1,3 @@
-#include <map>
 #include <thread>
 
 #include <gtest/gtest.h>

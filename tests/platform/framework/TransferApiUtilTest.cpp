@@ -1,6 +1,5 @@
-#include <filesystem>
-#include <set>
 #include <thread>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -12,9 +11,9 @@
 #include "platform/os/Semaphore.h"
 #include "platform/os/SystemLog.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
+namespace {
 using namespace ResultCode;
 using Codes = std::vector<int64_t>; // the codes of calls made in order, one comparison
 
@@ -32,7 +31,7 @@ protected:
     std::string storedPath(const std::string& relative) {
         return local_->accountFilesFolder() + "/" + relative;
     }
-    std::string pattern(size_t size) {
+    static std::string pattern(size_t size) {
         std::string s(size, '\0');
         for (size_t i = 0; i < size; ++i)
             s[i] = static_cast<char>((i * 7 + i / 1000) & 0xff);
@@ -255,19 +254,14 @@ TEST_F(TransferApiUtilTest, SessionKeepsThePasswordOutOfTheLog) {
     EXPECT_EQ(api().Logon("alice", "not it"), WrongPassword);
     EXPECT_EQ(session(), (Session{"", "", ""}));
     ASSERT_EQ(api().Logon("alice", "secret"), Success);
-    EXPECT_NE(api().sessionID(), "");
-    EXPECT_NE(api().customerID(), "");
-    EXPECT_EQ(std::make_tuple(api().userName(), api().passWord()),
-              std::make_tuple(std::string("alice"), std::string("secret")));
-    EXPECT_TRUE(api().CheckNetwork());
-    EXPECT_EQ(api().GetHttpHost(), "");
+    EXPECT_TRUE(!api().sessionID().empty() && !api().customerID().empty() && api().CheckNetwork());
+    EXPECT_EQ(api().userName() + " " + api().passWord() + api().GetHttpHost(), "alice secret");
     api().Logoff();
-    EXPECT_EQ(api().sessionID() + api().passWord(), "");
+    EXPECT_EQ(session(), (Session{"", "", ""}));
     AccountBalance balance;
     EXPECT_EQ(api().GetAccountBalance(balance), NotLoggedOn);
-    EXPECT_FALSE(SystemLog::capturedContains("not it"));
-    EXPECT_FALSE(SystemLog::capturedContains("secret"));
     SystemLog::stopCapture();
+    EXPECT_FALSE(SystemLog::capturedContains("not it") || SystemLog::capturedContains("secret"));
 
     EXPECT_EQ(api().OpenService("gopher://nowhere"), NoService);
     EXPECT_EQ(api().backend(), store_); // a refused URL leaves the service as it was
@@ -282,15 +276,12 @@ TEST_F(TransferApiUtilTest, SessionKeepsThePasswordOutOfTheLog) {
 }
 
 TEST(TransferApiUtilTextTest, EveryResultCodeHasItsOwnText) {
-    std::set<std::string> texts;
+    std::set<std::string> texts{""};
     for (int64_t code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 24, 73})
         texts.insert(TransferApiUtil::stringWithReturnCode(code));
-    EXPECT_EQ(texts.size(), 21u);
-    EXPECT_FALSE(texts.contains(""));
+    EXPECT_EQ(texts.size(), 22u); // 21 texts, none of them empty
     EXPECT_NE(TransferApiUtil::stringWithReturnCode(999).find("999"), std::string::npos);
 }
-
-class TransferApiUtilThreadTest : public TransferApiUtilTest {};
 
 // Holds the uploading thread at its first report of stored bytes until told to go on.
 class PauseAtFirstReport : public TrueProgressDelegate {
@@ -309,11 +300,12 @@ private:
     std::atomic<bool> first_{true};
 };
 
+class TransferApiUtilThreadTest : public TransferApiUtilTest {};
+
 TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextResumes) {
     folders({"\\Big"});
-    std::string local = home_.file("large.bin");
-    std::ofstream(local).close();
-    std::filesystem::resize_file(local, 64ull * 1024 * 1024);
+    std::string local = makeFile("large.bin", "");
+    ASSERT_EQ(::truncate(local.c_str(), 64ll << 20), 0);
 
     TrueProgressCallback progress;
     PauseAtFirstReport pause(progress);
@@ -325,7 +317,7 @@ TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextRes
     pause.proceed.signal();
     worker.join();
     EXPECT_EQ(code, Cancelled);
-    EXPECT_LT(progress.sentSize(), 64ull * 1024 * 1024);
+    EXPECT_LT(progress.sentSize(), 64ull << 20);
     EXPECT_FALSE(CurlHandleController::shared().CancelConnection(worker.get_id()));
 
     // Cancel through the progress object works the same way.
@@ -336,8 +328,7 @@ TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextRes
     UploadFileInfo second;
     ASSERT_EQ(upload("\\Big\\large.bin", local, &second), Success);
     EXPECT_GT(second.resumedBytes, 0u);
-    EXPECT_EQ(second.resumedBytes + second.uploadedBytes, 64ull * 1024 * 1024);
+    EXPECT_EQ(second.resumedBytes + second.uploadedBytes, 64ull << 20);
 }
 
 } // namespace
-} // namespace cirrovault

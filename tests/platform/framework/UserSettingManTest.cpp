@@ -1,7 +1,4 @@
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <memory>
-#include <tuple>
 
 #include "common/TempHome.h"
 #include "platform/framework/NimboSetting.h"

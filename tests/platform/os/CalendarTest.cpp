@@ -1,6 +1,3 @@
-#include <ctime>
-#include <tuple>
-
 #include <gtest/gtest.h>
 
 #include "platform/os/Calendar.h"

@@ -1,9 +1,6 @@
-#include <atomic>
 #include <chrono>
 #include <csignal>
-#include <mutex>
 #include <spawn.h>
-#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include <sys/stat.h>
 
@@ -11,8 +9,6 @@
 
 using namespace cirrovault;
 using test::TempHome;
-
-namespace {
 
 TEST(SystemItems, ReadsMountPointsFromTheMountTable) {
     std::string text =
@@ -80,4 +76,3 @@ TEST(SystemItems, TheUsersFoldersFollowTheEnvironment) {
     unsetenv("XDG_CACHE_HOME");
 }
 
-} // namespace

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <unistd.h>
@@ -16,8 +15,6 @@
 using namespace cirrovault;
 using test::ScopedEnv;
 using test::TempHome;
-
-namespace {
 
 // A listener that ended leaves a file that refuses; the next listener replaces it.
 TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
@@ -103,4 +100,3 @@ TEST(UserUnits, SystemctlStopsOnTheCancelFlag) {
     press.join();
 }
 
-} // namespace

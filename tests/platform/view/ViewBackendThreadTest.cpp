@@ -1,8 +1,5 @@
 #include <fcntl.h>
-#include <memory>
-#include <optional>
 #include <stdlib.h>
-#include <string>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -16,7 +13,8 @@
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 
-namespace cirrovault {
+using namespace cirrovault;
+
 namespace {
 
 TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreads) {
@@ -216,4 +214,3 @@ TEST(TerminalMessageboxTest, WithoutTerminalAnswersConfiguredDefaults) {
 }
 
 } // namespace
-} // namespace cirrovault

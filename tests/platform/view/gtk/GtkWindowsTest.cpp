@@ -1,10 +1,6 @@
 #include <gtk/gtk.h>
 
-#include <atomic>
 #include <chrono>
-#include <functional>
-#include <memory>
-#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -24,7 +20,8 @@
 // The controllers' windows drawn by GTK: workers drive them from their own threads while
 // a thread runs them modally, and their close button stops the work behind them. Each
 // test saves a screenshot of what it drove.
-namespace cirrovault {
+using namespace cirrovault;
+
 namespace {
 
 using namespace test;
@@ -158,4 +155,3 @@ TEST_F(GtkWindowsTest, ClosingTheRestoreWindowStopsTheRestore) {
 }
 
 } // namespace
-} // namespace cirrovault
