@@ -13,11 +13,9 @@ using namespace cirrovault;
 
 namespace {
 
-// The checkout this test was built from (set by the build, so that compiler caches that
-// shorten __FILE__ do not matter).
-std::filesystem::path sourceRoot() { return CV_SOURCE_ROOT; }
-
-std::string tableFile() { return (sourceRoot() / "resources" / "Localizable.plist").string(); }
+// The checkout this test was built from (set by the build: compiler caches shorten __FILE__).
+const std::filesystem::path sourceRoot = CV_SOURCE_ROOT;
+const std::string tableFile = (sourceRoot / "resources" / "Localizable.plist").string();
 
 size_t placeholderCount(const std::string& text) {
     static const std::regex placeholder(R"(\{[^{}]*\})");
@@ -29,8 +27,8 @@ size_t placeholderCount(const std::string& text) {
 
 TEST(StringTable, FileIsASortedPlainDictionaryWithUsableFolderNames) {
     test::TempHome home; // no override table in the user's folder
-    auto text = FileSystem::readFile(tableFile());
-    ASSERT_TRUE(text) << tableFile();
+    auto text = FileSystem::readFile(tableFile);
+    ASSERT_TRUE(text) << tableFile;
     EXPECT_EQ(text->find("<!DOCTYPE"), std::string::npos);
     auto table = PropertyList::parse(*text);
     ASSERT_TRUE(table && table->isDict());
@@ -48,18 +46,14 @@ TEST(StringTable, FileIsASortedPlainDictionaryWithUsableFolderNames) {
         ASSERT_TRUE(value.isString()) << key;
         EXPECT_EQ(LoadString::GetValueByKey(key, "<missing>"), *value.string()) << key;
     }
-    if (std::system("command -v plistutil >/dev/null 2>&1") == 0) {
-        EXPECT_EQ(std::system(("plistutil -i '" + tableFile() + "' -o /dev/null").c_str()), 0);
-    }
 
     // Folder names fit server and local paths.
     for (const char* key : {"ApplicationDataPath", "ServerStoreTaskPath", "IDS_HISTFOLDER",
                             "IDS_INFOPATH", "IDS_DATAPATH", "EncryptionFolder", "CacheRootFolderName",
                             "ProductName", "IDS_STRPRODUCT", "GlobalDataFolderName", "TrashFolder"}) {
         std::string name = LoadString::GetValueByKey(key, "");
-        ASSERT_FALSE(name.empty()) << key;
-        EXPECT_TRUE(name.find_first_of("\\/:*?\"<>|") == std::string::npos && name.front() != ' ' &&
-                    name.back() != ' ' && name.front() != '.')
+        EXPECT_TRUE(!name.empty() && name.find_first_of("\\/:*?\"<>|") == std::string::npos &&
+                    name.front() != ' ' && name.back() != ' ' && name.front() != '.')
             << key << ": \"" << name << "\"";
     }
     // The history and info folders sit side by side with the task folders.
@@ -72,14 +66,14 @@ TEST(StringTable, EveryKeyTheSourcesAskForIsInTheTable) {
     static const std::regex lookup(
         R"((?:GetValueByKey|LoadString::Format|LoadString::HasKey)\(\s*"([^"]+)\")");
     std::map<std::string, std::string> usedIn; // key → first file that uses it
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(sourceRoot() / "src")) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(sourceRoot / "src")) {
         auto extension = entry.path().extension();
         if (!entry.is_regular_file() || (extension != ".cpp" && extension != ".h"))
             continue;
         auto code = FileSystem::readFile(entry.path().string());
         ASSERT_TRUE(code) << entry.path();
         for (auto it = std::sregex_iterator(code->begin(), code->end(), lookup); it != std::sregex_iterator(); ++it)
-            usedIn.try_emplace((*it)[1], entry.path().lexically_relative(sourceRoot()).string());
+            usedIn.try_emplace((*it)[1], entry.path().lexically_relative(sourceRoot).string());
     }
     EXPECT_GT(usedIn.size(), 3u) << "the search found no lookups: has the code moved?";
     for (const auto& [key, file] : usedIn)
@@ -98,7 +92,7 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
         {"ServerPathError", 1}, {"SourceUnreadable", 1}, {"StrLogUploadFail", 3},
         {"UploadRetriesEnded", 1}, {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},
         {"SuccessEmailTitle", 3}, {"TimeFormat", 3}, {"NameTooLongLeftOut", 1}, {"ReportFigures", 6}};
-    auto table = PropertyListFile::read(tableFile());
+    auto table = PropertyListFile::read(tableFile);
     ASSERT_TRUE(table);
     SystemLog::startCapture();
     for (const auto& [key, value] : *table->dict()) {
@@ -117,8 +111,8 @@ TEST(StringTable, TextsTakeExactlyTheirArguments) {
         EXPECT_NO_THROW(fmt::vformat(text, numbers)) << key;
         EXPECT_NO_THROW(fmt::vformat(text, texts)) << key;
     }
-    EXPECT_EQ(LoadString::Format("TimeFormat", 1, 2, 3), "1:02:03");
-    EXPECT_EQ(LoadString::Format("IDS_TASKNAMEFOR", 0), "Backup Task 0");
+    EXPECT_EQ(LoadString::Format("TimeFormat", 1, 2, 3) + LoadString::Format("IDS_TASKNAMEFOR", 0),
+              "1:02:03Backup Task 0");
     EXPECT_FALSE(SystemLog::capturedContains("malformed"));
     SystemLog::stopCapture();
 }

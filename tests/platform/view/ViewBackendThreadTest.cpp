@@ -100,7 +100,7 @@ struct Pty {
     int master, slave = -1;
 };
 
-TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
+TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
     NoTerminal none;
     TerminalViewBackend backend({none.keys[0], none.out, ViewButton::Cancel});
     EXPECT_FALSE(backend.interactive());
@@ -118,9 +118,17 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
     backend.runModal(window);
     worker.join();
     EXPECT_TRUE(cancelled);
+
+    // A question nobody can answer takes the default set for its style.
+    TerminalMessagebox box(none.keys[0], none.out);
+    box.defaults().setDefaultAnswer(MessageboxStyle::RetryCancel, MessageboxAnswer::Retry);
+    EXPECT_EQ(std::make_pair(box.showMessage("", "Delete it?", MessageboxStyle::YesNo),
+                             box.showMessage("", "Again?", MessageboxStyle::RetryCancel)),
+              std::make_pair(MessageboxAnswer::No, MessageboxAnswer::Retry));
+    EXPECT_EQ(box.chooseFolder("Where?"), "");
     std::string printed = none.printed();
-    EXPECT_NE(printed.find("Signing in...\n"), std::string::npos);
-    EXPECT_NE(printed.find("Trying again in 59 seconds\n"), std::string::npos);
+    for (const char* line : {"Signing in...\n", "Trying again in 59 seconds\n", "Delete it? (answered 4)"})
+        EXPECT_NE(printed.find(line), std::string::npos) << line;
     EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
 }
 
@@ -154,40 +162,27 @@ TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
     EXPECT_FALSE(TerminalConsole::canRedraw(pty.master + 1000)); // not a terminal at all
 }
 
-TEST(TerminalBackendThread, PseudoTerminalKeysPressButtons) {
-    test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
-    Pty pty;
-    int master = pty.master, slave = pty.slave;
-    TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
-    EXPECT_TRUE(backend.interactive());
-    auto window = backend.createWindow(ViewLayout::LoopDialog);
-    window->selectTab(2);
-    window->setAction(ViewButton::Retry, [&] { ::write(master, "c", 1); });
-    window->setAction(ViewButton::Cancel, [&] { backend.abortModal(*window); });
-    window->setAction(ViewEvent::Shown, [&] { ::write(master, "xr", 2); });
-    backend.runModal(window); // r presses Retry, whose action types c: Cancel ends it
-    EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
-    EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
-    EXPECT_NE(pty.drawn().find("[r] Retry"), std::string::npos);
-}
-
-// Cancel's confirmation is asked while the window holds the keys raw: it waits for the
-// answer typed as a line instead of taking the default at once.
-TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
+// Keys typed on a pseudo-terminal press buttons; Cancel's confirmation is asked while the
+// window holds the keys raw, and waits for the answer typed as a line instead of taking
+// the default at once.
+TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForItsAnswer) {
     test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
     Pty pty(O_NONBLOCK); // the typist polls what is drawn
     int master = pty.master, slave = pty.slave;
     TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
+    EXPECT_TRUE(backend.interactive());
     TerminalMessagebox box(slave, slave);
-    auto window = backend.createWindow(ViewLayout::DownloadProgressWindow);
+    auto window = backend.createWindow(ViewLayout::LoopDialog);
+    window->selectTab(2);
     int answer = 0;
+    window->setAction(ViewButton::Retry, [&] { ::write(master, "c", 1); });
     window->setAction(ViewButton::Cancel, [&] {
         answer = box.showMessage("", "Stop restoring?", MessageboxStyle::YesNo);
         backend.abortModal(*window);
     });
-    window->setAction(ViewEvent::Shown, [&] { ::write(master, "c", 1); });
+    window->setAction(ViewEvent::Shown, [&] { ::write(master, "xr", 2); });
+    std::string seen;
     Thread typist([&] {
-        std::string seen;
         char buffer[512];
         for (int i = 0; i < 500 && seen.find("Stop restoring?") == std::string::npos; ++i) {
             ::usleep(10000);
@@ -198,19 +193,11 @@ TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
         ::write(master, "y\n", 2);
     });
     typist.start();
-    backend.runModal(window);
+    backend.runModal(window); // r presses Retry, whose action types c: Cancel asks, y ends it
     typist.join();
-    EXPECT_EQ(answer, MessageboxAnswer::Yes);
-}
-
-TEST(TerminalMessageboxTest, WithoutTerminalAnswersConfiguredDefaults) {
-    NoTerminal none;
-    TerminalMessagebox box(none.keys[0], none.out);
-    box.defaults().setDefaultAnswer(MessageboxStyle::RetryCancel, MessageboxAnswer::Retry);
-    EXPECT_EQ(box.showMessage("", "Delete it?", MessageboxStyle::YesNo), MessageboxAnswer::No);
-    EXPECT_EQ(box.showMessage("", "Again?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
-    EXPECT_EQ(box.chooseFolder("Where?"), "");
-    EXPECT_NE(none.printed().find("Delete it? (answered 4)"), std::string::npos);
+    EXPECT_EQ(std::make_tuple(window->pressCount(ViewButton::Retry), window->pressCount(ViewButton::Cancel), answer),
+              std::make_tuple(1, 1, int{MessageboxAnswer::Yes}));
+    EXPECT_NE(seen.find("[r] Retry"), std::string::npos);
 }
 
 } // namespace
