@@ -68,9 +68,10 @@ using Strings = std::vector<std::string>;
 using Codes = std::vector<int64_t>; // the codes of calls made in order, one comparison
 using namespace ResultCode;
 
-// A request as the client writes it; entries are {path, add?}.
-std::string request(const std::string& name, const std::string& action,
-                    const std::vector<std::pair<std::string, bool>>& entries = {},
+using Entries = std::vector<std::pair<std::string, bool>>; // {path, add?}
+
+// A request as the client writes it.
+std::string request(const std::string& name, const std::string& action, const Entries& entries = {},
                     const std::string& oldName = "", int taskID = 7) {
     std::string text =
         "TaskID=" + std::to_string(taskID) +
@@ -102,15 +103,19 @@ Strings pathsOf(TaskListServer& server, const std::string& name) {
 struct Fixture {
     std::shared_ptr<MemoryTaskListStore> store = std::make_shared<MemoryTaskListStore>();
     TaskListServer server{store, true};
+    int64_t up(const std::string& name, const std::string& action, const Entries& entries = {},
+               const std::string& oldName = "", int taskID = 7) {
+        return server.UploadTaskList(request(name, action, entries, oldName, taskID));
+    }
 };
 
 } // namespace
 
 TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/home/u/Docs", true}})), 0);
-    ASSERT_EQ(f.server.UploadTaskList(request("Mail|x", "Add")), BadRequest);
-    ASSERT_EQ(f.server.UploadTaskList(request("Photos", "Add", {}, "", 9)), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/home/u/Docs", true}}), 0);
+    ASSERT_EQ(f.up("Mail|x", "Add"), BadRequest);
+    ASSERT_EQ(f.up("Photos", "Add", {}, "", 9), 0);
 
     std::string reply;
     ASSERT_EQ(f.server.getTaskList("", "false", reply), 0);
@@ -142,7 +147,7 @@ TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
 
 TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}})), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
     const std::string before = f.store->document();
     const int writes = f.store->writes();
 
@@ -201,27 +206,23 @@ TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
     std::string reply = "stale", names;
     EXPECT_EQ((Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
                      loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
-                     loggedOff.deleteTasks("Docs"), f.server.UploadTaskList(request("", "Add")),
-                     f.server.UploadTaskList(request("Docs", "Edit"))}),
+                     loggedOff.deleteTasks("Docs"), f.up("", "Add"), f.up("Docs", "Edit")}),
               (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound}));
     EXPECT_EQ(reply, "");
     EXPECT_EQ(f.store->writes(), 0);
 
     for (auto name : {"A", "B", "C", "Docs"})
-        ASSERT_EQ(f.server.UploadTaskList(request(name, "Add")), 0);
-    ASSERT_EQ(f.server.UploadTaskList(request("Music", "Add", {}, "", 8)), 0);
+        ASSERT_EQ(f.up(name, "Add"), 0);
+    ASSERT_EQ(f.up("Music", "Add", {}, "", 8), 0);
     // Added twice, renamed onto a taken name, renamed to nothing; deletes of nothing, of
     // one, of several with one already gone.
-    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
-                     f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")),
-                     f.server.UploadTaskList(request("", "Edit", {}, "Docs")),
+    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.up("Music", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
                      f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
                      f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
               (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
     ASSERT_EQ(f.server.getTaskNames("false", names), 0);
     EXPECT_EQ(names, "Docs|Music");
-    EXPECT_EQ(f.server.deleteTasks("Docs|Music"), 0);
-    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
+    ASSERT_EQ(f.server.deleteTasks("Docs|Music") + f.server.getTaskNames("false", names), 0);
     EXPECT_EQ(names, "");
 }
 
@@ -230,8 +231,7 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     std::string reply;
     f.store->setDocument("<plist>not a task list");
     SystemLog::startCapture();
-    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
-                     f.server.getTaskList("", "false", reply), f.server.deleteTasks("Docs")}),
+    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskList("", "false", reply), f.server.deleteTasks("Docs")}),
               (Codes{StorageError, StorageError, StorageError}));
     EXPECT_TRUE(SystemLog::capturedContains("damaged task list document"));
     SystemLog::stopCapture();
@@ -242,18 +242,16 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
         R"(<?xml version="1.0"?><plist version="1.0"><dict><key>FormatVersion</key>)"
         R"(<integer>1</integer><key>Tasks</key><array><string>x</string></array>)"
         R"(</dict></plist>)");
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), StorageError);
+    EXPECT_EQ(f.up("Docs", "Add"), StorageError);
 
     f.store->setDocument("");
     f.store->failReads = true;
-    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
-                     f.server.getTaskNames("true", reply)}),
-              (Codes{StorageError, StorageError}));
+    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskNames("true", reply)}), (Codes{StorageError, StorageError}));
 
     // A NUL byte in a task name is refused before it reaches the parser, which would end
     // the process, and the document stays as it is.
     f.store->failReads = false;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), Success);
+    ASSERT_EQ(f.up("Docs", "Add"), Success);
     std::string withNul = f.store->document();
     ASSERT_NE(withNul.find(">Docs<"), std::string::npos) << withNul;
     withNul.insert(withNul.find(">Docs<") + 3, 1, '\0');
@@ -264,15 +262,11 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
 
 TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}, {"/b", true}})), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}, {"/b", true}}), 0);
     // A rename with paths: removing /a, adding /b again (no duplicate) and /c.
-    ASSERT_EQ(f.server.UploadTaskList(
-                  request("Papers", "Edit", {{"/a", false}, {"/b", true}, {"/c", true}}, "Docs")),
-              0);
+    ASSERT_EQ(f.up("Papers", "Edit", {{"/a", false}, {"/b", true}, {"/c", true}}, "Docs"), 0);
     // The next batch of the same edit still names the old task; it finds the renamed one.
-    ASSERT_EQ(
-        f.server.UploadTaskList(request("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs")),
-        0);
+    ASSERT_EQ(f.up("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs"), 0);
     std::string names, reply;
     ASSERT_EQ(f.server.getTaskNames("true", names), 0);
     ASSERT_EQ(f.server.getTaskList("Papers", "false", reply), 0);
@@ -280,42 +274,35 @@ TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
     EXPECT_EQ(pathsOf(f.server, "Papers"), (Strings{"/b", "/c", "/d"}));
 
     // Another task that merely has the new name is not taken for the old one.
-    EXPECT_EQ(f.server.UploadTaskList(request("Papers", "Edit", {}, "Docs", 99)),
-              OldTaskNotFound);
+    EXPECT_EQ(f.up("Papers", "Edit", {}, "Docs", 99), OldTaskNotFound);
 }
 
 TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles) {
     test::ManualClockScope clock;
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}})), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
     // Another client adds a path between this request's read and its write.
-    f.store->beforeWrite = [&] {
-        TaskListServer other(f.store, true);
-        ASSERT_EQ(other.UploadTaskList(request("Docs", "Edit", {{"/other", true}})), 0);
-    };
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/mine", true}})), 0);
+    f.store->beforeWrite = [&] { ASSERT_EQ(Fixture{f.store}.up("Docs", "Edit", {{"/other", true}}), 0); };
+    ASSERT_EQ(f.up("Docs", "Edit", {{"/mine", true}}), 0);
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/other", "/mine"}));
 
     f.store->alwaysConflict = true;
     SystemLog::startCapture();
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/never", true}})),
-              StorageError);
+    EXPECT_EQ(f.up("Docs", "Edit", {{"/never", true}}), StorageError);
     EXPECT_TRUE(SystemLog::capturedContains("gave up after"));
     SystemLog::stopCapture();
 }
 
 TEST(TaskListServerConcurrency, ThreadsEditingOneTaskLoseNoPath) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 0);
+    ASSERT_EQ(f.up("Docs", "Add"), 0);
     constexpr int kThreads = 4, kPaths = 25;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
-            TaskListServer server(f.store, true);
-            for (int i = 0; i < kPaths; ++i) {
-                std::string path = "/t" + std::to_string(t) + "/" + std::to_string(i);
-                EXPECT_EQ(server.UploadTaskList(request("Docs", "Edit", {{path, true}})), 0);
-            }
+            Fixture client{f.store};
+            for (int i = 0; i < kPaths; ++i)
+                EXPECT_EQ(client.up("Docs", "Edit", {{"/t" + std::to_string(t) + "/" + std::to_string(i), true}}), 0);
         });
     for (auto& thread : threads)
         thread.join();

@@ -25,8 +25,7 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     std::string path = folder + "/a.sock";
 
     UnixSocket::Connect how;
-    EXPECT_FALSE(UnixSocket::connect(path, &how).valid());
-    EXPECT_EQ(how, UnixSocket::Connect::Absent);
+    EXPECT_FALSE(UnixSocket::connect(path, &how).valid() || how != UnixSocket::Connect::Absent);
     {
         UnixSocket listener = UnixSocket::listen(path);
         ASSERT_TRUE(listener.valid());
@@ -38,15 +37,15 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
 
         std::string line;
         EXPECT_EQ(server.readLine(line, 0.05), UnixSocket::Read::Timeout);
-        ASSERT_TRUE(client.sendLine("backup two words\\nand more"));
-        ASSERT_TRUE(client.sendLine(""));
-        ASSERT_EQ(server.readLine(line, 5), UnixSocket::Read::Line);
-        EXPECT_EQ(line, "backup two words\\nand more");
-        ASSERT_EQ(server.readLine(line, 5), UnixSocket::Read::Line);
-        EXPECT_EQ(line, "");
+        // What came after a line waits for the next read.
+        ASSERT_TRUE(client.sendLine("backup two words\\nand more") && client.sendLine(""));
+        auto next = [&](UnixSocket& from) {
+            return from.readLine(line, 5) == UnixSocket::Read::Line ? "[" + line + "]" : "-";
+        };
+        std::string first = next(server);
+        EXPECT_EQ(first + next(server), "[backup two words\\nand more][]");
         ASSERT_TRUE(server.sendLine("pong 1"));
-        ASSERT_EQ(client.readLine(line, 5), UnixSocket::Read::Line);
-        EXPECT_EQ(line, "pong 1");
+        EXPECT_EQ(next(client), "[pong 1]");
 
         // A peer that floods without a line end is cut off, not buffered without end.
         std::string flood(70 * 1024, 'x');
@@ -58,8 +57,7 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
         EXPECT_FALSE(listener.accept(0).valid());
     }
     ASSERT_TRUE(FileSystem::exists(path));
-    EXPECT_FALSE(UnixSocket::connect(path, &how).valid());
-    EXPECT_EQ(how, UnixSocket::Connect::Refused);
+    EXPECT_FALSE(UnixSocket::connect(path, &how).valid() || how != UnixSocket::Connect::Refused);
     UnixSocket again = UnixSocket::listen(path);
     ASSERT_TRUE(again.valid());
     EXPECT_TRUE(UnixSocket::connect(path, &how).valid());
