@@ -10,12 +10,12 @@ using namespace cirrovault;
 
 namespace {
 using Codes = std::vector<int64_t>;
+using namespace ResultCode;
 
 class PathTreeTest : public test::SessionFixture {
 protected:
     void put(const std::string& server, const std::string& content) {
-        ASSERT_EQ(upload(server, makeFile("local/" + std::to_string(++files_), content)),
-                  ResultCode::Success) << server;
+        ASSERT_EQ(upload(server, makeFile("local/" + std::to_string(++files_), content)), Success) << server;
     }
     // What the cache says of each folder equals what the store says now.
     void expectInStep(std::initializer_list<std::string> paths) {
@@ -24,7 +24,7 @@ protected:
             PathInfo cached;
             StoreItem fresh;
             ASSERT_TRUE(tree().FindPath(path, cached, false));
-            ASSERT_EQ(local_->stat(path, fresh), ResultCode::Success);
+            ASSERT_EQ(local_->stat(path, fresh), Success);
             EXPECT_EQ(std::tie(cached.iSize, cached.iFiles, cached.bFolder),
                       std::make_tuple(fresh.size, fresh.isFolder ? fresh.fileCount : 0, fresh.isFolder));
         }
@@ -36,7 +36,7 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
     folders({"\\A", "\\A\\B"});
     for (auto [path, content] : {std::pair{"\\A\\x.txt", "xx"}, {"\\A\\y.txt", "yyy"}, {"\\A\\B\\z.txt", "zzzz"}})
         put(path, content);
-    ASSERT_EQ(tree().RefreshSvrPath("\\"), ResultCode::Success);
+    ASSERT_EQ(tree().RefreshSvrPath("\\"), Success);
     store_->resetCounts();
 
     PathInfo info;
@@ -53,7 +53,7 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
               std::make_tuple(1, 1, 2));
 
     std::vector<PathInfo> all;
-    ASSERT_EQ(tree().GetSubList("\\A", all, false, true), ResultCode::Success);
+    ASSERT_EQ(tree().GetSubList("\\A", all, false, true), Success);
     ASSERT_EQ(all.size(), 4u);
     auto folder = std::find_if(all.begin(), all.end(), [](auto& i) { return i.path == "\\A\\B"; });
     ASSERT_LT(folder + 1, all.end()); // a folder comes right before what it holds
@@ -61,11 +61,11 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
     EXPECT_EQ(store_->totalLists(), 2);
 
     std::vector<PathInfo> top;
-    ASSERT_EQ(tree().GetSubList("\\A", top, false, false), ResultCode::Success);
+    ASSERT_EQ(tree().GetSubList("\\A", top, false, false), Success);
     EXPECT_EQ(top.size(), 3u);
-    EXPECT_NE(tree().GetSubList("\\A\\missing", top, false, false), ResultCode::Success);
+    EXPECT_NE(tree().GetSubList("\\A\\missing", top, false, false), Success);
     EXPECT_TRUE(top.empty());
-    EXPECT_EQ(tree().GetSubList("\\A\\..\\etc", top, false, false), ResultCode::BadPath);
+    EXPECT_EQ(tree().GetSubList("\\A\\..\\etc", top, false, false), BadPath);
     EXPECT_EQ(found({"\\A\\..\\A"}), "-");
 }
 
@@ -82,19 +82,19 @@ TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
     expectInStep({"\\T"});
 
     // The versioning moves: rename in place, then move into the history folder.
-    ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", "a0.txt", "", ""), ResultCode::Success);
+    ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", "a0.txt", "", ""), Success);
     EXPECT_EQ(found({"\\T\\Docs\\a.txt", "\\T\\Docs\\a0.txt"}), "-+");
-    ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\a0.txt"}, "\\H", nullptr, true), ResultCode::Success);
+    ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\a0.txt"}, "\\H", nullptr, true), Success);
     EXPECT_EQ(found({"\\T\\Docs\\a0.txt"}), "-");
     ASSERT_TRUE(tree().FindPath("\\H\\a0.txt", info, false));
     EXPECT_EQ(info.iSize, 25u); // the replaced size, moved along
     expectInStep({"\\T", "\\H"});
 
-    ASSERT_EQ(api().CopyPaths({"\\T\\Docs"}, "\\H", nullptr, false), ResultCode::Success);
+    ASSERT_EQ(api().CopyPaths({"\\T\\Docs"}, "\\H", nullptr, false), Success);
     expectInStep({"\\H"});
-    ASSERT_EQ(api().DeletePaths({"\\T\\Docs\\b.txt"}, nullptr, false), ResultCode::Success);
+    ASSERT_EQ(api().DeletePaths({"\\T\\Docs\\b.txt"}, nullptr, false), Success);
     expectInStep({"\\T", "\\T\\Docs"});
-    ASSERT_EQ(api().EditFolder("\\T\\Docs", "Papers", "", ""), ResultCode::Success);
+    ASSERT_EQ(api().EditFolder("\\T\\Docs", "Papers", "", ""), Success);
     EXPECT_EQ(found({"\\T\\Docs"}), "-");
     expectInStep({"\\T\\Papers"});
     // All of that was followed without listing a folder again.
@@ -105,18 +105,17 @@ TEST_F(PathTreeTest, RefreshForgetsThePathAndBelow) {
     folders({"\\A", "\\A\\B"});
     EXPECT_EQ(found({"\\A\\B\\new"}), "-");
     // Changed behind the cache's back (another computer): not seen until refreshed.
-    ASSERT_EQ(local_->makeFolder("\\A\\B\\new", "", ""), ResultCode::Success);
+    ASSERT_EQ(local_->makeFolder("\\A\\B\\new", "", ""), Success);
     EXPECT_EQ(found({"\\A\\B\\new"}), "-");
-    EXPECT_EQ(tree().RefreshSvrPath("\\A"), ResultCode::Success);
+    EXPECT_EQ(tree().RefreshSvrPath("\\A"), Success);
     EXPECT_EQ(found({"\\A\\B\\new"}), "+");
-    EXPECT_EQ((Codes{tree().RefreshSvrPath("\\A\\gone"), tree().RefreshSvrPath("\\A\\..\\.."),
-                     tree().RefreshSvrPath("\\")}),
-              (Codes{ResultCode::NotFound, ResultCode::BadPath, ResultCode::Success}));
+    EXPECT_EQ((Codes{tree().RefreshSvrPath("\\A\\gone"), tree().RefreshSvrPath("\\A\\..\\.."), tree().RefreshSvrPath("\\")}),
+              (Codes{NotFound, BadPath, Success}));
 
     // Logged off, nothing is answered from what was cached before.
     api().Logoff();
     EXPECT_EQ(found({"\\A"}), "-");
-    EXPECT_EQ(tree().RefreshSvrPath("\\"), ResultCode::NotLoggedOn);
+    EXPECT_EQ(tree().RefreshSvrPath("\\"), NotLoggedOn);
 }
 
 TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
@@ -137,8 +136,8 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
     expectInStep({"\\T\\New"});
 
     // Made behind the cache's back: seen after a refresh of the folder or above it.
-    ASSERT_EQ(local_->makeFolder("\\Gone", "", ""), ResultCode::Success);
-    ASSERT_EQ(local_->makeFolder("\\Gone\\Deep", "", ""), ResultCode::Success);
+    ASSERT_EQ(local_->makeFolder("\\Gone", "", ""), Success);
+    ASSERT_EQ(local_->makeFolder("\\Gone\\Deep", "", ""), Success);
     EXPECT_EQ(found({"\\Gone\\Deep"}), "-");
     tree().RefreshSvrPath("\\Gone\\Deep");
     expectInStep({"\\Gone\\Deep"});
@@ -148,7 +147,7 @@ TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
     folders({"\\T", "\\T\\Docs", "\\H", "\\H\\Task", "\\H\\Task\\Docs"});
     put("\\T\\Docs\\a.txt", std::string(10, 'a'));
     put("\\H\\Task\\Docs\\old0.txt", std::string(4, 'o'));
-    ASSERT_EQ(tree().RefreshSvrPath("\\"), ResultCode::Success);
+    ASSERT_EQ(tree().RefreshSvrPath("\\"), Success);
     ASSERT_EQ(found({"\\T\\Docs\\a.txt", "\\H\\Task"}), "++"); // \H held, \H\Task not
     store_->resetCounts();
 
@@ -156,14 +155,13 @@ TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
     for (int n = 1; n <= 3; ++n) {
         put("\\T\\Docs\\a.txt", std::string(10 + n, 'a'));
         std::string version = "a" + std::to_string(n) + ".txt";
-        ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), ResultCode::Success);
-        ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true),
-                  ResultCode::Success);
+        ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), Success);
+        ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true), Success);
         expectInStep({"\\H", "\\H\\Task", "\\T"});
     }
     // Followed from the figures of the one folder below the held listings.
     EXPECT_EQ(store_->totalLists(), 0);
-    ASSERT_EQ(api().DeletePaths({"\\H\\Task\\Docs\\a2.txt"}, nullptr, false), ResultCode::Success);
+    ASSERT_EQ(api().DeletePaths({"\\H\\Task\\Docs\\a2.txt"}, nullptr, false), Success);
     expectInStep({"\\H"});
 }
 
@@ -229,7 +227,7 @@ TEST_F(PathTreeConcurrencyTest, AListingAheadThatRacedAChangeIsNotKept) {
     auto gated = std::make_shared<GatedStore>(local_);
     gated->gated = "\\Q";
     api().SetBackend(gated);
-    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+    ASSERT_EQ(api().Logon("alice", "secret"), Success);
 
     tree().prefetchFolders({"\\Q"});
     gated->entered.wait(); // the listing ahead has begun, without the new file

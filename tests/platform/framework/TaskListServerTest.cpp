@@ -73,17 +73,13 @@ using Entries = std::vector<std::pair<std::string, bool>>; // {path, add?}
 // A request as the client writes it.
 std::string request(const std::string& name, const std::string& action, const Entries& entries = {},
                     const std::string& oldName = "", int taskID = 7) {
-    std::string text =
-        "TaskID=" + std::to_string(taskID) +
-        "&ComputerID=18446744073709551615&TaskName=" + enc(name) +
-        "&Descr=" + enc("My docs & more") + "&PcName=box&Type=-2147483631" +
-        "&BackupDate=" + enc("2024-03-05 07:08:09") + "&ServerPath=" + enc("\\Backup\\" + name) +
-        "&FilterExts=" + enc("a b") + "|tmp|" +
-        "&FilterPaths=&MaxVersion=10&NextDate=" + enc("2024-03-06 00:00:00") +
-        "&BeginDate=" + enc("2024-02-05 07:08:09") + "&EndDate=" + enc("2099-01-01 00:00:00") +
-        "&ResumeDate=" + enc("1971-01-01 00:00:00") +
-        "&RemoteSize=123&IsResume=1&Upgraded=&OldTaskName=" +
-        enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
+    std::string text = "TaskID=" + std::to_string(taskID) + "&ComputerID=18446744073709551615&TaskName=" +
+                       enc(name) + "&Descr=My%20docs%20%26%20more&PcName=box&Type=-2147483631" +
+                       "&BackupDate=2024-03-05%2007%3A08%3A09&ServerPath=" + enc("\\Backup\\" + name) +
+                       "&FilterExts=a%20b|tmp|&FilterPaths=&MaxVersion=10&NextDate=2024-03-06%2000%3A00%3A00"
+                       "&BeginDate=2024-02-05%2007%3A08%3A09&EndDate=2099-01-01%2000%3A00%3A00"
+                       "&ResumeDate=1971-01-01%2000%3A00%3A00&RemoteSize=123&IsResume=1&Upgraded="
+                       "&OldTaskName=" + enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
     for (size_t i = 0; i < entries.size(); ++i) {
         std::string n = std::to_string(i);
         text += "IsFolder" + n + "=1&Path" + n + "=" + enc(entries[i].first) + "&Serial" + n +

@@ -60,9 +60,8 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
               (Codes{Success, BadPath, NotFound}));
     EXPECT_EQ(texts("\\Jobs"), "Renamed|Tasks");
 
-    ASSERT_EQ(upload("\\Jobs\\a.txt", makeFile("a.txt", "a")), Success);
-    ASSERT_EQ(upload("\\Jobs\\b.txt", makeFile("b.txt", "b")), Success);
     const std::string a = "\\Jobs\\a.txt";
+    ASSERT_EQ(upload(a, makeFile("a.txt", "a")) + upload("\\Jobs\\b.txt", makeFile("b.txt", "b")), Success);
     EXPECT_EQ((Codes{api().EditFile(a, "", "", ""), api().EditFile(a, "b.txt", "", ""),
                      api().EditFile(a, "a.txt", "", ""), api().EditFile(a, "a0.txt", "", "")}),
               (Codes{EmptyName, AlreadyExists, Success, Success}));
@@ -71,8 +70,7 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
 
 TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
     folders({"\\Docs"});
-    std::string content = pattern(3 * 1024 * 1024 + 11);
-    std::string local = makeFile("src/report.pdf", content, 1'600'000'123.5);
+    std::string content = pattern(3 * 1024 * 1024 + 11), local = makeFile("src/report.pdf", content, 1'600'000'123.5);
     TrueProgressCallback progress;
     UploadFileInfo result;
     ASSERT_EQ(upload("\\Docs\\report.pdf", local, &result, "", &progress), Success);
@@ -86,8 +84,7 @@ TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
 
     std::string restored = home_.file("restore/deep/report.pdf"); // folders made as needed
     ASSERT_EQ(download("\\Docs\\report.pdf", restored), Success);
-    EXPECT_TRUE(readFile(restored) == content);
-    EXPECT_EQ(FileSystem::status(restored)->modifyTime, Date(1'600'000'123.5));
+    EXPECT_TRUE(readFile(restored) == content && FileSystem::status(restored)->modifyTime == Date(1'600'000'123.5));
 
     EXPECT_EQ((Codes{download("\\Docs\\none.pdf", home_.file("none.pdf")),
                      download("\\Docs", home_.file("folder")),
@@ -99,8 +96,7 @@ TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
 
 TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
     folders({"\\Up", "\\Encrypted"});
-    std::string content = pattern(2 * 1024 * 1024 + 5);
-    std::string local = makeFile("big.bin", content);
+    std::string content = pattern(2 * 1024 * 1024 + 5), local = makeFile("big.bin", content);
     for (std::string phrase : {"", "pass"}) {
         std::string server = phrase.empty() ? "\\Up\\big.bin" : "\\Encrypted\\big.bin";
         SCOPED_TRACE(server);
@@ -112,8 +108,7 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
         TrueProgressCallback progress;
         UploadFileInfo second;
         ASSERT_EQ(upload(server, local, &second, phrase, &progress), Success);
-        EXPECT_GT(second.resumedBytes, 0u);
-        EXPECT_LT(second.uploadedBytes, stored);
+        EXPECT_TRUE(second.resumedBytes > 0 && second.uploadedBytes < stored);
         EXPECT_EQ(std::make_tuple(second.resumedBytes + second.uploadedBytes, progress.tempSize()),
                   std::make_tuple(stored, second.resumedBytes));
         ASSERT_EQ(download(server, home_.file("back.bin"), phrase), Success);
@@ -123,9 +118,8 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
     // A local file changed since the interruption starts over.
     store_->dropConnectionInNextPut(1000);
     EXPECT_EQ(upload("\\Up\\again.bin", local), Failure);
-    std::string changed = makeFile("big.bin", content.replace(10, 1, "!"));
     UploadFileInfo third;
-    ASSERT_EQ(upload("\\Up\\again.bin", changed, &third), Success);
+    ASSERT_EQ(upload("\\Up\\again.bin", makeFile("big.bin", content.replace(10, 1, "!")), &third), Success);
     EXPECT_EQ(std::make_tuple(third.resumedBytes, third.uploadedBytes),
               std::make_tuple(0u, content.size()));
 }
@@ -156,13 +150,12 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRefuseAWrongPhraseAndTakeTheOneKeptFor
 
 // A version moved into the history stays bound to the name it was encrypted under.
 TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsStillOpen) {
-    folders({"\\Encrypted", "\\Encrypted\\Task", "\\Encrypted\\Task\\Docs", "\\Encrypted\\History",
-             "\\Encrypted\\History\\Task", "\\Encrypted\\History\\Task\\Docs"});
+    for (std::string top : {"\\Encrypted", "\\Encrypted\\History"})
+        folders({top, top + "\\Task", top + "\\Task\\Docs"});
     const std::string a = "\\Encrypted\\Task\\Docs\\a.txt", b = "\\Encrypted\\Task\\Docs\\b.txt";
     ASSERT_EQ(upload(a, makeFile("a.txt", "first a", 1'600'000'000), nullptr, "p"), Success);
     ASSERT_EQ(upload(b, makeFile("b.txt", "only b", 1'600'000'000), nullptr, "p"), Success);
-    const std::string firstA = readFile(storedPath("Encrypted/Task/Docs/a.txt"));
-    const std::string target = home_.file("out/restored.txt");
+    const std::string firstA = readFile(storedPath("Encrypted/Task/Docs/a.txt")), target = home_.file("out/x.txt");
 
     // Stored bytes changed behind the service's back, listed with the given time.
     auto plant = [&](const std::string& name, const std::string& bytes, double time) {
@@ -178,9 +171,8 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
     // The second backup of a moves the first into the history, where it still opens.
     ASSERT_EQ(api().MovePath(a, "\\Encrypted\\History\\Task\\Docs\\a3.txt"), Success);
     ASSERT_EQ(upload(a, makeFile("a.txt", "second a", 1'700'000'000), nullptr, "p"), Success);
-    std::string version = home_.file("version.txt");
-    ASSERT_EQ(download("\\Encrypted\\History\\Task\\Docs\\a3.txt", version, "p"), Success);
-    EXPECT_EQ(readFile(version), "first a");
+    ASSERT_EQ(download("\\Encrypted\\History\\Task\\Docs\\a3.txt", home_.file("version"), "p"), Success);
+    EXPECT_EQ(readFile(home_.file("version")), "first a");
 
     // The first a put back under a, listed with the second's time.
     plant("a.txt", firstA, 1'700'000'000);
@@ -271,20 +263,16 @@ TEST(TransferApiUtilTextTest, EveryResultCodeHasItsOwnText) {
 }
 
 // Holds the uploading thread at its first report of stored bytes until told to go on.
-class PauseAtFirstReport : public TrueProgressDelegate {
-public:
-    explicit PauseAtFirstReport(const TrueProgressCallback& progress) : progress_(progress) {}
+struct PauseAtFirstReport : TrueProgressDelegate {
     void progressChanged() override {
-        if (progress_.sentSize() > 0 && first_.exchange(false)) {
+        if (progress.sentSize() > 0 && first.exchange(false)) {
             reached.signal();
             proceed.wait();
         }
     }
+    TrueProgressCallback progress;
     Semaphore reached, proceed;
-
-private:
-    const TrueProgressCallback& progress_;
-    std::atomic<bool> first_{true};
+    std::atomic<bool> first{true};
 };
 
 class TransferApiUtilThreadTest : public TransferApiUtilTest {};
@@ -294,17 +282,16 @@ TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextRes
     std::string local = makeFile("large.bin", "");
     ASSERT_EQ(::truncate(local.c_str(), 64ll << 20), 0);
 
-    TrueProgressCallback progress;
-    PauseAtFirstReport pause(progress);
-    progress.SetDelegate(&pause);
+    PauseAtFirstReport pause;
+    pause.progress.SetDelegate(&pause);
     int64_t code = -1;
-    std::thread worker([&] { code = upload("\\Big\\large.bin", local, nullptr, "", &progress); });
+    std::thread worker([&] { code = upload("\\Big\\large.bin", local, nullptr, "", &pause.progress); });
     pause.reached.wait();
     EXPECT_TRUE(CurlHandleController::shared().CancelConnection(worker.get_id()));
     pause.proceed.signal();
     worker.join();
     EXPECT_EQ(code, Cancelled);
-    EXPECT_LT(progress.sentSize(), 64ull << 20);
+    EXPECT_LT(pause.progress.sentSize(), 64ull << 20);
     EXPECT_FALSE(CurlHandleController::shared().CancelConnection(worker.get_id()));
 
     // Cancel through the progress object works the same way.
@@ -314,8 +301,7 @@ TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextRes
 
     UploadFileInfo second;
     ASSERT_EQ(upload("\\Big\\large.bin", local, &second), Success);
-    EXPECT_GT(second.resumedBytes, 0u);
-    EXPECT_EQ(second.resumedBytes + second.uploadedBytes, 64ull << 20);
+    EXPECT_TRUE(second.resumedBytes > 0 && second.resumedBytes + second.uploadedBytes == 64ull << 20);
 }
 
 } // namespace

@@ -36,9 +36,8 @@ TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreads) {
     });
     backend.runModal(outer);
     other.join();
-    EXPECT_EQ(seenInner, inner);
-    EXPECT_EQ(seenOuter, outer);
-    EXPECT_EQ(backend.modalWindow(), nullptr);
+    EXPECT_EQ(std::make_tuple(seenInner, seenOuter, backend.modalWindow()),
+              std::make_tuple(inner, outer, std::shared_ptr<ViewWindow>()));
     // A closed window never runs modally, and no one waits for it.
     backend.runModal(outer);
     EXPECT_FALSE(backend.waitUntilModal(*outer));
@@ -53,19 +52,17 @@ TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
     other->setText(ViewOutlet::LogOnStr, "a"); // another layout does not count
     window->setText(ViewOutlet::LogOnStr, "a");
     EXPECT_EQ(window->pressCount(ViewButton::Cancel), 0);
-    window->setText(ViewOutlet::LogOnStr, "b");
-    window->setText(ViewOutlet::LogOnStr, "c");
-    window->setText(ViewOutlet::RetryLogonStr, "in 31");
-    window->setText(ViewOutlet::RetryLogonStr, "in 30");
-    window->setText(ViewOutlet::RetryLogonStr, "in 30");
-    EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
-    EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
+    for (const char* text : {"b", "c"})
+        window->setText(ViewOutlet::LogOnStr, text);
+    for (const char* text : {"in 31", "in 30", "in 30"})
+        window->setText(ViewOutlet::RetryLogonStr, text);
+    EXPECT_EQ(std::make_pair(window->pressCount(ViewButton::Cancel), window->pressCount(ViewButton::Retry)),
+              std::make_pair(1, 1));
     EXPECT_EQ(backend.textsOf(ViewLayout::LoopDialog, ViewOutlet::LogOnStr),
               (std::vector<std::string>{"a", "b", "c"}));
 }
 
-// Stands in for a terminal that is not there: keys from a pipe nobody writes to, and
-// output to a file, as when stderr is redirected.
+// No terminal: keys from a pipe nobody writes to, output to a file (stderr redirected).
 struct NoTerminal {
     NoTerminal() { EXPECT_EQ(::pipe(keys), 0); }
     ~NoTerminal() {
@@ -81,9 +78,7 @@ struct NoTerminal {
 // A pseudo-terminal: the program's side (slave) and the user's (master).
 struct Pty {
     explicit Pty(int flags = 0) : master(::posix_openpt(O_RDWR | O_NOCTTY | flags)) {
-        EXPECT_GE(master, 0);
-        EXPECT_EQ(::grantpt(master), 0);
-        EXPECT_EQ(::unlockpt(master), 0);
+        EXPECT_TRUE(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0);
         slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
         EXPECT_GE(slave, 0);
     }
@@ -144,9 +139,9 @@ TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
     for (const Case& c : {Case{"xterm", std::nullopt, true}, Case{"xterm", "", true}, Case{"dumb", std::nullopt, false},
                           Case{std::nullopt, std::nullopt, false}, Case{"xterm", "1", false}}) {
         test::ScopedEnv term("TERM", c.term), color("NO_COLOR", c.noColor);
-        EXPECT_EQ(TerminalConsole::canRedraw(slave), c.redraw) << c.term.value_or("(unset)");
         TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
-        EXPECT_EQ(backend.interactive(), c.redraw);
+        EXPECT_TRUE(TerminalConsole::canRedraw(slave) == c.redraw && backend.interactive() == c.redraw)
+            << c.term.value_or("(unset)");
         if (c.redraw)
             continue;
         auto window = backend.createWindow(ViewLayout::ProgressWindow);
@@ -156,8 +151,7 @@ TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
         });
         backend.runModal(window);
         std::string shown = pty.drawn();
-        EXPECT_NE(shown.find("Backing up"), std::string::npos);
-        EXPECT_EQ(shown.find('\033'), std::string::npos) << shown;
+        EXPECT_TRUE(shown.find("Backing up") != shown.npos && shown.find('\033') == shown.npos) << shown;
     }
     EXPECT_FALSE(TerminalConsole::canRedraw(pty.master + 1000)); // not a terminal at all
 }
