@@ -4,8 +4,7 @@
 
 namespace cirrovault::test {
 
-// Passes everything to another backend and counts the listings per folder, so tests
-// can see how often the path cache really asks the service.
+// Counts the listings per folder: how often the path cache really asks the service.
 class CountingStore : public FaultInjectingStore {
 public:
     using FaultInjectingStore::FaultInjectingStore;

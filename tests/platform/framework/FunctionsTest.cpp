@@ -121,8 +121,7 @@ TEST(FunctionsWeb, OpensAddressesThroughTheOpener) {
     for (int i = 0; i < 1000 && !FileSystem::exists(seen); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(FileSystem::readFile(seen), url);
-    // A page of the service needs its web host, which the local store has not; nor does an
-    // opener that is not there open anything.
+    // A service page needs a web host (the local store has none); a missing opener opens nothing.
     EXPECT_FALSE(Functions::OpenURLLink("/Secure/Deposit.aspx", true) || Functions::OpenURLLink("", false));
     UrlOpener::setOpenerProgram(home.file("no-such-opener"));
     EXPECT_FALSE(Functions::OpenURLLink(url, false));

@@ -70,8 +70,7 @@ TEST(Messagebox, FailingPresenterIsLoggedAndAnswersTheDefault) {
     EXPECT_NE(NimboMessagebox::presenter(), nullptr); // the built-in one is back
 }
 
-// Worker threads ask while the host swaps presenters: every box is answered and
-// recorded by exactly one presenter.
+// Boxes asked while presenters swap: each answered and recorded by exactly one.
 TEST(MessageboxConcurrency, BoxesFromManyThreadsWhilePresentersChange) {
     auto first = std::make_shared<HeadlessMessagebox>(), second = std::make_shared<HeadlessMessagebox>();
     for (auto& box : {first, second})

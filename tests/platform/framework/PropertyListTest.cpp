@@ -62,7 +62,6 @@ namespace {
 
 // A binary property list of one dictionary {key: value}, from the encoded objects.
 std::string binaryDict(const std::string& key, const std::string& value) {
-    // Dictionary of one entry (key object 1, value object 2), then the offsets of the three.
     std::string out = std::string("bplist00") + "\xD1\x01\x02" + key + value;
     out += {'\x08', '\x0B', static_cast<char>(11 + key.size())};
     std::string trailer(6, '\0');
@@ -92,8 +91,7 @@ std::string xmlDict(const std::string& inner) {
 
 } // namespace
 
-// The library cuts texts at a NUL (so that two keys could become one) and keeps dates in
-// 32 bits: such input is refused with its reason, in both forms read.
+// The library cuts texts at a NUL (two keys could become one) and keeps dates in 32 bits.
 TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
     // The hand-made binary form is sound: the same shapes without the fault parse.
     auto fine = PropertyList::parse(binaryDict(ascii("k"), ascii("v")));

@@ -14,8 +14,7 @@
 
 namespace cirrovault::test {
 
-// A logged-on service session over a real local store in a temporary home, reached
-// through a CountingStore.
+// A logged-on service session over a real local store in a temporary home, counting lists.
 class SessionFixture : public ::testing::Test {
 protected:
     void SetUp() override {

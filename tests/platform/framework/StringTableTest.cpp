@@ -58,7 +58,6 @@ TEST(StringTable, FileIsASortedPlainDictionaryWithUsableFolderNames) {
     }
     // The history and info folders sit side by side with the task folders.
     EXPECT_NE(LoadString::GetValueByKey("IDS_HISTFOLDER"), LoadString::GetValueByKey("IDS_INFOPATH"));
-    EXPECT_EQ(LoadString::GetValueByKey("DepositURL"), "/Secure/Deposit.aspx");
 }
 
 TEST(StringTable, EveryKeyTheSourcesAskForIsInTheTable) {

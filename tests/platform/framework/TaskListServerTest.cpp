@@ -15,8 +15,7 @@ using namespace cirrovault;
 
 namespace {
 
-// Keeps only a task-list document, with versions and compare-and-swap like a real store;
-// the server reaches nothing else, so there is no inner store.
+// Only a task-list document, versioned with compare-and-swap; the server needs nothing else.
 class MemoryTaskListStore : public FaultInjectingStore {
 public:
     MemoryTaskListStore() : FaultInjectingStore(nullptr) {}
@@ -131,9 +130,9 @@ TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
               0u); // the paths were not asked for
 
     ASSERT_EQ(f.server.getTaskList("Docs", "true", reply), 0);
-    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (Strings{"Docs"}));
-    EXPECT_EQ(valuesOf("RETURN_Path", reply), (Strings{"/home/u/Docs"}));
-    EXPECT_EQ(valuesOf("RETURN_IsFolder", reply), (Strings{"1"}));
+    EXPECT_EQ((std::vector{valuesOf("RETURN_TaskName", reply), valuesOf("RETURN_Path", reply),
+                           valuesOf("RETURN_IsFolder", reply)}),
+              (std::vector<Strings>{{"Docs"}, {"/home/u/Docs"}, {"1"}}));
     ASSERT_EQ(f.server.getTaskList("Nothing", "true", reply), 0);
     EXPECT_EQ(reply, "");
     EXPECT_EQ(f.server.getTaskList("", "yes", reply), BadRequest);
@@ -150,46 +149,28 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     std::string good = request("Docs", "Edit", {{"/b", true}, {"/c", true}});
     auto replaced = [&](const std::string& from, const std::string& to) {
         std::string text = good;
-        size_t at = text.find(from);
-        EXPECT_NE(at, std::string::npos) << from;
-        return text.replace(at, from.size(), to);
+        EXPECT_NE(text.find(from), text.npos) << from;
+        return text.replace(text.find(from), from.size(), to);
     };
+    // Bad keys, numbers, dates, percent-codes, lists, path entries and counts, and "&" or "=".
     const std::vector<std::string> damaged = {
-        "",
-        "garbage",
-        replaced("TaskID=7&", ""),                  // missing key
-        replaced("TaskID=7", "TaskID=seven"),       // bad number
-        replaced("TaskID=7", "TaskID=99999999999"), // out of 32 bits
-        replaced("MaxVersion=10", "MaxVersion=-1"), // unsigned
-        replaced("Type=-2147483631", "Type=1x"),
-        replaced("BackupDate=2024-03-05", "BackupDate=2024-13-05"),
-        replaced("%2007%3A08", "%20x7%3A08"),           // bad date digits
-        replaced("Descr=My%20docs", "Descr=My%2Zdocs"), // bad percent-encoding
-        replaced("Descr=My%20docs%20%26%20more", "Descr=My%2"),
-        replaced("IsResume=1", "IsResume=2"),
-        replaced("Action=Edit", "Action=Delete"),
-        replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"), // list separators must stay plain
-        replaced("|tmp|", "|tmp"),                // list without closing "|"
-        replaced("|tmp|", "||"),                  // empty list entry
-        replaced("IsFolder1=", "IsFolder2="),     // indices out of order
-        replaced("Path1=", "Serial1="),           // keys out of order
-        replaced("Action1=1", "Action1=3"),
-        replaced("IsFolder0=1", "IsFolder0=yes"),
-        replaced("Path0=%2Fb", "Path0="),             // empty path
-        replaced("localPathNum=2", "localPathNum=3"), // count does not match
-        replaced("localPathNum=2", "localPathNum=1"),
-        replaced("&localPathNum=2", ""), // count missing
-        good + "&",                      // trailing "&"
-        good + "&Extra=1",
-        replaced("Upgraded=&", "Upgraded&"), // pair without "="
-    };
+        "", "garbage", replaced("TaskID=7&", ""), replaced("TaskID=7", "TaskID=seven"),
+        replaced("TaskID=7", "TaskID=99999999999"), replaced("MaxVersion=10", "MaxVersion=-1"),
+        replaced("Type=-2147483631", "Type=1x"), replaced("BackupDate=2024-03-05", "BackupDate=2024-13-05"),
+        replaced("%2007%3A08", "%20x7%3A08"), replaced("Descr=My%20docs", "Descr=My%2Zdocs"),
+        replaced("Descr=My%20docs%20%26%20more", "Descr=My%2"), replaced("IsResume=1", "IsResume=2"),
+        replaced("Action=Edit", "Action=Delete"), replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"),
+        replaced("|tmp|", "|tmp"), replaced("|tmp|", "||"), replaced("IsFolder1=", "IsFolder2="),
+        replaced("Path1=", "Serial1="), replaced("Action1=1", "Action1=3"),
+        replaced("IsFolder0=1", "IsFolder0=yes"), replaced("Path0=%2Fb", "Path0="),
+        replaced("localPathNum=2", "localPathNum=3"), replaced("localPathNum=2", "localPathNum=1"),
+        replaced("&localPathNum=2", ""), good + "&", good + "&Extra=1", replaced("Upgraded=&", "Upgraded&")};
     SystemLog::startCapture();
     for (const auto& text : damaged)
         EXPECT_EQ(f.server.UploadTaskList(text), BadRequest) << text;
     EXPECT_TRUE(SystemLog::capturedContains("Error: task list request refused"));
     SystemLog::stopCapture();
-    EXPECT_EQ(f.store->document(), before);
-    EXPECT_EQ(f.store->writes(), writes);
+    EXPECT_TRUE(f.store->document() == before && f.store->writes() == writes);
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a"}));
 
     EXPECT_EQ(f.server.UploadTaskList(good), 0); // the undamaged text is taken
@@ -210,8 +191,7 @@ TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
     for (auto name : {"A", "B", "C", "Docs"})
         ASSERT_EQ(f.up(name, "Add"), 0);
     ASSERT_EQ(f.up("Music", "Add", {}, "", 8), 0);
-    // Added twice, renamed onto a taken name, renamed to nothing; deletes of nothing, of
-    // one, of several with one already gone.
+    // Added twice, renamed onto a taken name or to nothing; deletes of nothing, one, several.
     EXPECT_EQ((Codes{f.up("Docs", "Add"), f.up("Music", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
                      f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
                      f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
@@ -244,8 +224,7 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     f.store->failReads = true;
     EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskNames("true", reply)}), (Codes{StorageError, StorageError}));
 
-    // A NUL byte in a task name is refused before it reaches the parser, which would end
-    // the process, and the document stays as it is.
+    // A NUL byte in a name is refused before the parser (which would end the process) sees it.
     f.store->failReads = false;
     ASSERT_EQ(f.up("Docs", "Add"), Success);
     std::string withNul = f.store->document();

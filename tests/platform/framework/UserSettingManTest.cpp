@@ -37,8 +37,7 @@ TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
     EXPECT_TRUE(UserSettingMan::ClearUserInfo()); // nothing to clear is no failure
 }
 
-// A damaged settings file is named for the host and never replaced by a fresh one, which
-// would silently point the commands at another store.
+// Never replaced by a fresh one, which would silently point the commands at another store.
 TEST(UserSettingMan, DamagedSettingsAreNamedAndNeverWrittenOver) {
     test::TempHome home;
     ASSERT_TRUE(NimboSetting::SetSettingValueForKey("ServiceURL", "file:///srv/store"));

@@ -63,8 +63,7 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     EXPECT_TRUE(UnixSocket::connect(path, &how).valid());
 }
 
-// Without XDG_RUNTIME_DIR the sockets go to a folder of our own under /tmp, closed to
-// others even when it was found open.
+// Without XDG_RUNTIME_DIR: our own folder under /tmp, closed even when it was found open.
 TEST(UnixSocket, RuntimeFolderWithoutXdgIsOursAndClosed) {
     ScopedEnv runtime("XDG_RUNTIME_DIR", std::nullopt);
     std::string expected = "/tmp/cirrovault-" + std::to_string(getuid());
@@ -79,8 +78,7 @@ TEST(UnixSocket, RuntimeFolderWithoutXdgIsOursAndClosed) {
         FileSystem::removeItem(expected);
 }
 
-// A systemctl that hangs ends as soon as the caller's cancel flag turns true, long before
-// its own time limit (which is past the test's, so a wait that ignored the flag fails).
+// Its own time limit is past the test's: a wait that ignored the cancel flag fails.
 TEST(UserUnits, SystemctlStopsOnTheCancelFlag) {
     TempHome home;
     std::string bin = home.file("bin");
