@@ -17,8 +17,6 @@
 #define CV_TEST_SD_BUS 1
 #endif
 
-extern char** environ;
-
 namespace cirrovault::test {
 namespace {
 
@@ -58,9 +56,8 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0)
         GTEST_SKIP() << "no dbus-daemon for a private session bus";
     TempHome home;
-    std::string socket = home.file("bus");
+    std::string socket = home.file("bus"), listen = "--address=unix:path=" + socket;
     ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + socket);
-    std::string listen = "--address=unix:path=" + socket;
     const char* argv[] = {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile",
                           listen.c_str(), nullptr};
     pid_t daemon = 0;
@@ -82,11 +79,9 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
                                      "org.freedesktop.Notifications", NotificationsTable, &shown) >= 0 &&
             sd_bus_request_name(bus, "org.freedesktop.Notifications", 0) >= 0) {
             serving = true;
-            while (!stop) {
-                if (sd_bus_process(bus, nullptr) > 0)
-                    continue;
-                sd_bus_wait(bus, 100'000);
-            }
+            while (!stop)
+                if (sd_bus_process(bus, nullptr) <= 0)
+                    sd_bus_wait(bus, 100'000);
         }
         sd_bus_slot_unref(slot);
         sd_bus_flush_close_unref(bus);
