@@ -29,22 +29,23 @@ TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
     NimboMessagebox::setPresenter(headless);
     bool box = false;
     EXPECT_EQ(run("notice", MessageboxStyle::Notice), 0);
-    EXPECT_NE(run("try again?", MessageboxStyle::TryAgainOrGiveUp), MessageboxAnswer::TryAgain);
-    EXPECT_NE(run("sure?", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
-    EXPECT_NE(run("retry?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
-    EXPECT_NE(NimboMessagebox::runStorageOrderDialog("", "full", box, 1), MessageboxAnswer::OrderSpace);
+    EXPECT_TRUE(run("try again?", MessageboxStyle::TryAgainOrGiveUp) != MessageboxAnswer::TryAgain &&
+                run("sure?", MessageboxStyle::YesNo) != MessageboxAnswer::Yes &&
+                run("retry?", MessageboxStyle::RetryCancel) != MessageboxAnswer::Retry &&
+                NimboMessagebox::runStorageOrderDialog("", "full", box, 1) != MessageboxAnswer::OrderSpace);
     EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "");
     headless->clearShown();
 
-    headless->queueAnswer(MessageboxAnswer::Retry);
-    headless->queueAnswer(MessageboxAnswer::OrderSpace);
+    for (int answer : {MessageboxAnswer::Retry, MessageboxAnswer::OrderSpace})
+        headless->queueAnswer(answer);
     headless->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
     headless->setFolderPanelPath("/chosen");
-    EXPECT_EQ(run("first", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
     box = true;
-    EXPECT_EQ(NimboMessagebox::runStorageOrderDialog("T", "second", box, 3), MessageboxAnswer::OrderSpace);
-    EXPECT_EQ(run("third", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
-    EXPECT_EQ(run("fourth", MessageboxStyle::RetryCancel), MessageboxAnswer::Cancel);
+    EXPECT_EQ((std::vector{run("first", MessageboxStyle::RetryCancel),
+                           NimboMessagebox::runStorageOrderDialog("T", "second", box, 3),
+                           run("third", MessageboxStyle::YesNo), run("fourth", MessageboxStyle::RetryCancel)}),
+              (std::vector{MessageboxAnswer::Retry, MessageboxAnswer::OrderSpace, MessageboxAnswer::Yes,
+                           MessageboxAnswer::Cancel}));
     EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "/chosen");
 
     auto shown = headless->shown();
