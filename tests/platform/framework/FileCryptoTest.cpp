@@ -79,7 +79,8 @@ TEST_F(FileCryptoTest, RoundTripOfEverySizeIsExactlyOneHundredTwentyEightBytesLo
         ASSERT_EQ(stored.size(), size + 128);
         EXPECT_TRUE(size < 64 || stored.find(plain.substr(0, 64)) == std::string::npos);
         ASSERT_EQ(decrypt(stored, target, "correct horse"), ResultCode::Success);
-        EXPECT_EQ(std::make_pair(FileSystem::readFile(target).value_or(""), FileSystem::status(target)->modifyTime),
+        EXPECT_EQ(std::make_pair(FileSystem::readFile(target).value_or(""),
+                                 FileSystem::status(target)->modifyTime),
                   std::make_pair(plain, Date(1'500'000'000)));
     }
 }
@@ -96,16 +97,18 @@ TEST_F(FileCryptoTest, SameUnchangedFileGivesTheSameBytesAndSeeksResume) {
     std::string whole = readAll(*first);
     ASSERT_EQ(whole.size(), 200'128u);
     // A resume in the header, the body (on and off a block edge) or the trailer goes on exactly.
-    for (uint64_t offset : {0ull, 10ull, 64ull, 64ull + 64 * 100, 64ull + 12345, 200'070ull,
-                            200'127ull, 200'128ull})
-        EXPECT_TRUE(second->seek(offset) && readAll(*second, 4096) == whole.substr(offset)) << offset;
+    for (uint64_t offset :
+         {0ull, 10ull, 64ull, 64ull + 64 * 100, 64ull + 12345, 200'070ull, 200'127ull, 200'128ull})
+        EXPECT_TRUE(second->seek(offset) && readAll(*second, 4096) == whole.substr(offset))
+            << offset;
     EXPECT_FALSE(second->seek(200'129));
 
     // Other content, or another pass phrase, is never encrypted with the same stream.
     auto third = open(writeFile("other", patterned(200'000)), "phrase");
     auto fourth = open(path, "other phrase");
     ASSERT_TRUE(third && fourth);
-    EXPECT_TRUE(third->resumeTag() != first->resumeTag() && fourth->resumeTag() != first->resumeTag());
+    EXPECT_TRUE(third->resumeTag() != first->resumeTag() &&
+                fourth->resumeTag() != first->resumeTag());
     EXPECT_NE(readAll(*third).substr(64, 64), whole.substr(64, 64));
     EXPECT_EQ(open(home_.file("missing"), "phrase"), nullptr);
     EXPECT_EQ(code, ResultCode::LocalFileError);
@@ -131,7 +134,8 @@ TEST_F(FileCryptoTest, WrongPhraseAndDamageAreRefusedWithoutTouchingTheTarget) {
         EXPECT_EQ(misplaced_, at >= stored.size() - 32); // the binding tag itself
     }
     // Cut short, longer, or never encrypted at all.
-    for (const std::string& bytes : {stored.substr(0, stored.size() - 1), stored.substr(0, 100), stored + "x", plain})
+    for (const std::string& bytes :
+         {stored.substr(0, stored.size() - 1), stored.substr(0, 100), stored + "x", plain})
         expectRefused(bytes, "right", ResultCode::DamagedFile);
 }
 

@@ -37,8 +37,10 @@ TEST(FunctionsDates, RoundTripsInRequestReplyAndTwelveHourFormats) {
     EXPECT_EQ(toDate("03/05/2024 1:05:00 PM", format), localDate(2024, 3, 5, 13, 5, 0));
 
     // "mm" is minutes: the month of such a text is lost and the later minute field wins.
-    EXPECT_EQ(toDate("03/15/2024 02:30:00", "mm/dd/yyyy hh:mm:ss"), localDate(2024, 1, 15, 2, 30, 0));
-    EXPECT_EQ(toText(localDate(2024, 3, 5, 14, 7, 0), "mm/dd/yyyy hh:mm:ss"), "07/05/2024 02:07:00");
+    EXPECT_EQ(toDate("03/15/2024 02:30:00", "mm/dd/yyyy hh:mm:ss"),
+              localDate(2024, 1, 15, 2, 30, 0));
+    EXPECT_EQ(toText(localDate(2024, 3, 5, 14, 7, 0), "mm/dd/yyyy hh:mm:ss"),
+              "07/05/2024 02:07:00");
 }
 
 TEST(FunctionsDates, ParsingAcceptsShortFieldsAndRefusesNonsense) {
@@ -63,7 +65,9 @@ TEST(FunctionsDates, ParsingAcceptsShortFieldsAndRefusesNonsense) {
 
 TEST(FunctionsDates, ComponentsByUnitAndWeekday) {
     using Fields = std::tuple<int, int, int, int, int, double>;
-    auto fields = [](const DateComponents& c) { return Fields{c.year, c.month, c.day, c.hour, c.minute, c.second}; };
+    auto fields = [](const DateComponents& c) {
+        return Fields{c.year, c.month, c.day, c.hour, c.minute, c.second};
+    };
     Date date = localDate(2024, 2, 1, 10, 30, 15.5);
     DateComponents none; // what a unit not asked for keeps
     EXPECT_EQ(fields(Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 224)),
@@ -71,7 +75,8 @@ TEST(FunctionsDates, ComponentsByUnitAndWeekday) {
     EXPECT_EQ(fields(Functions::GetDateComponentsFromNSDateAndNSCalendar(date, 156)),
               (Fields{2024, 2, 1, 0, none.minute, 15.5}));
     // A Thursday and a Sunday; Sunday is 1.
-    EXPECT_EQ(std::make_pair(Functions::getDayOfWeekly(date), Functions::getDayOfWeekly(localDate(2024, 2, 4, 0, 0, 0))),
+    EXPECT_EQ(std::make_pair(Functions::getDayOfWeekly(date),
+                             Functions::getDayOfWeekly(localDate(2024, 2, 4, 0, 0, 0))),
               std::make_pair(5, 1));
 }
 
@@ -86,7 +91,8 @@ TEST(FunctionsText, SizesAndReplyValuesByExactKey) {
                         "RETURN_TaskName=c%26d&noequals&RETURN_TaskName=&";
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_TaskName", reply), (Values{"a b", "c&d", ""}));
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_TaskName", "").size() +
-                  Functions::GetValueArrayByKey("Missing", reply).size(), 0u);
+                  Functions::GetValueArrayByKey("Missing", reply).size(),
+              0u);
     EXPECT_EQ(Functions::GetValueArrayByKey("K", "K=1=2"), (Values{"1=2"}));
 }
 
@@ -94,7 +100,8 @@ TEST(FunctionsText, EncryptedPathsByFirstComponent) {
     test::TempHome home;
     std::string folder = LoadString::GetValueByKey("EncryptionFolder");
     ASSERT_FALSE(folder.empty());
-    EXPECT_TRUE(Functions::IsEncryptPath("\\" + folder + "\\History\\x") && Functions::IsEncryptPath(folder));
+    EXPECT_TRUE(Functions::IsEncryptPath("\\" + folder + "\\History\\x") &&
+                Functions::IsEncryptPath(folder));
     for (const std::string& other : {"\\" + folder + "X\\y", "\\Backup\\" + folder, std::string()})
         EXPECT_FALSE(Functions::IsEncryptPath(other)) << other;
 
@@ -122,7 +129,8 @@ TEST(FunctionsWeb, OpensAddressesThroughTheOpener) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(FileSystem::readFile(seen), url);
     // A service page needs a web host (the local store has none); a missing opener opens nothing.
-    EXPECT_FALSE(Functions::OpenURLLink("/Secure/Deposit.aspx", true) || Functions::OpenURLLink("", false));
+    EXPECT_FALSE(Functions::OpenURLLink("/Secure/Deposit.aspx", true) ||
+                 Functions::OpenURLLink("", false));
     UrlOpener::setOpenerProgram(home.file("no-such-opener"));
     EXPECT_FALSE(Functions::OpenURLLink(url, false));
     UrlOpener::setOpenerProgram("");

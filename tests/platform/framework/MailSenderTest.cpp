@@ -39,7 +39,8 @@ TEST(MailSenderTest, BodyIsQuotedPrintableWithinLineLimits) {
                        "ends in spaces  \ttab\t\nequals = sign\rUmlaut \xC3\xBC and \xE2\x82\xAC\n";
     std::string encoded = MailSender::quotedPrintable(body);
     for (const std::string& line : linesOf(encoded)) {
-        EXPECT_TRUE(line.size() <= 76 && line.front() != '.' && line.back() != ' ' && line.back() != '\t')
+        EXPECT_TRUE(line.size() <= 76 && line.front() != '.' && line.back() != ' ' &&
+                    line.back() != '\t')
             << line;
         for (unsigned char c : line)
             EXPECT_TRUE((c >= 32 && c < 127) || c == '\t') << line;
@@ -81,8 +82,9 @@ TEST(MailSenderTest, RecipientsAndMessageLayout) {
     for (const char* refused : {"", "nobody", "a@x.org\r\nRCPT TO:<b@y.org>", "<a@x.org>"})
         EXPECT_TRUE(MailSender::splitRecipients(refused).empty()) << refused;
 
-    std::vector<std::string> lines = linesOf(MailSender::composeMessage(
-        "me@host", {"a@x.org", "b@y.org"}, "Report", "Line 1\nLine 2", Date(1'700'000'000), "<id@host>"));
+    std::vector<std::string> lines =
+        linesOf(MailSender::composeMessage("me@host", {"a@x.org", "b@y.org"}, "Report",
+                                           "Line 1\nLine 2", Date(1'700'000'000), "<id@host>"));
     ASSERT_EQ(lines.size(), 11u);
     EXPECT_TRUE(lines[0].rfind("Date: ", 0) == 0 && lines[0].find(" 2023 ") != std::string::npos);
     EXPECT_EQ(std::vector(lines.begin() + 1, lines.end()),
@@ -106,7 +108,8 @@ TEST(MailSenderTest, UnsentReportsAreKeptInTheOutbox) {
     ASSERT_EQ(kept.size(), 2u);
     for (const auto& name : kept) {
         EXPECT_EQ(name.substr(name.size() - 4), ".eml");
-        EXPECT_NE(FileSystem::readFile(outbox + "/" + name)->find("To: a@x.org\r\n"), std::string::npos);
+        EXPECT_NE(FileSystem::readFile(outbox + "/" + name)->find("To: a@x.org\r\n"),
+                  std::string::npos);
     }
 
     // A server that cannot be reached: kept too, and the failure is logged.

@@ -29,10 +29,11 @@ TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
     NimboMessagebox::setPresenter(headless);
     bool box = false;
     EXPECT_EQ(run("notice", MessageboxStyle::Notice), 0);
-    EXPECT_TRUE(run("try again?", MessageboxStyle::TryAgainOrGiveUp) != MessageboxAnswer::TryAgain &&
-                run("sure?", MessageboxStyle::YesNo) != MessageboxAnswer::Yes &&
-                run("retry?", MessageboxStyle::RetryCancel) != MessageboxAnswer::Retry &&
-                NimboMessagebox::runStorageOrderDialog("", "full", box, 1) != MessageboxAnswer::OrderSpace);
+    EXPECT_TRUE(
+        run("try again?", MessageboxStyle::TryAgainOrGiveUp) != MessageboxAnswer::TryAgain &&
+        run("sure?", MessageboxStyle::YesNo) != MessageboxAnswer::Yes &&
+        run("retry?", MessageboxStyle::RetryCancel) != MessageboxAnswer::Retry &&
+        NimboMessagebox::runStorageOrderDialog("", "full", box, 1) != MessageboxAnswer::OrderSpace);
     EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "");
     headless->clearShown();
 
@@ -43,9 +44,10 @@ TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
     box = true;
     EXPECT_EQ((std::vector{run("first", MessageboxStyle::RetryCancel),
                            NimboMessagebox::runStorageOrderDialog("T", "second", box, 3),
-                           run("third", MessageboxStyle::YesNo), run("fourth", MessageboxStyle::RetryCancel)}),
-              (std::vector{MessageboxAnswer::Retry, MessageboxAnswer::OrderSpace, MessageboxAnswer::Yes,
-                           MessageboxAnswer::Cancel}));
+                           run("third", MessageboxStyle::YesNo),
+                           run("fourth", MessageboxStyle::RetryCancel)}),
+              (std::vector{MessageboxAnswer::Retry, MessageboxAnswer::OrderSpace,
+                           MessageboxAnswer::Yes, MessageboxAnswer::Cancel}));
     EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "/chosen");
 
     auto shown = headless->shown();
@@ -62,7 +64,8 @@ TEST(Messagebox, FailingPresenterIsLoggedAndAnswersTheDefault) {
     NimboMessagebox::setPresenter(std::make_shared<ThrowingPresenter>());
     SystemLog::startCapture();
     bool box = false;
-    EXPECT_EQ(std::make_pair(run("x", MessageboxStyle::YesNo), NimboMessagebox::runStorageOrderDialog("", "x", box, 0)),
+    EXPECT_EQ(std::make_pair(run("x", MessageboxStyle::YesNo),
+                             NimboMessagebox::runStorageOrderDialog("", "x", box, 0)),
               std::make_pair(HeadlessMessagebox::defaultAnswerForStyle(2), 0));
     EXPECT_EQ(NimboMessagebox::runFolderPanel("x"), "");
     EXPECT_EQ(SystemLog::capturedCount("Error: NimboMessagebox::runModal"), 1u);

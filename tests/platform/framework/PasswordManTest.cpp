@@ -24,7 +24,8 @@ TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFile) {
     ASSERT_TRUE(writer.SetPassword("\\Encrypted\\Docs", true, "correct horse"));
     ASSERT_TRUE(writer.SetPassword("\\Encrypted\\Docs\\Deep", false, "battery staple"));
     ASSERT_TRUE(writer.SetAccount("alice", "s3cret|pw"));
-    EXPECT_FALSE(writer.SetPassword("", true, "x") || writer.SetPassword("\\Encrypted\\Other", true, ""));
+    EXPECT_FALSE(writer.SetPassword("", true, "x") ||
+                 writer.SetPassword("\\Encrypted\\Other", true, ""));
 
     std::string file = home.configHome() + "/cirrovault/passwords.plist";
     EXPECT_EQ(PasswordMan::PasswordFilePath(), file);
@@ -58,7 +59,8 @@ TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFile) {
 
     SystemLog::stopCapture();
     for (const std::string& line : SystemLog::captured())
-        EXPECT_TRUE(line.find("correct horse") == line.npos && line.find("s3cret") == line.npos) << line;
+        EXPECT_TRUE(line.find("correct horse") == line.npos && line.find("s3cret") == line.npos)
+            << line;
 }
 
 TEST(PasswordMan, DamagedOrOpenStoreIsRepairedWithoutLosingIt) {
@@ -110,5 +112,6 @@ TEST(PasswordMan, SecretsOfAnUnreachableKeyringAreMissingNotGuessed) {
     // Secrets passed through this process: it cannot be dumped or read by another.
     rlimit core{1, 1};
     ::getrlimit(RLIMIT_CORE, &core);
-    EXPECT_EQ(std::make_pair(::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), core.rlim_cur), std::make_pair(0, rlim_t{0}));
+    EXPECT_EQ(std::make_pair(::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), core.rlim_cur),
+              std::make_pair(0, rlim_t{0}));
 }

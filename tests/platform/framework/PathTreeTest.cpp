@@ -15,7 +15,8 @@ using namespace ResultCode;
 class PathTreeTest : public test::SessionFixture {
 protected:
     void put(const std::string& server, const std::string& content) {
-        ASSERT_EQ(upload(server, makeFile("local/" + std::to_string(++files_), content)), Success) << server;
+        ASSERT_EQ(upload(server, makeFile("local/" + std::to_string(++files_), content)), Success)
+            << server;
     }
     // What the cache says of each folder equals what the store says now.
     void expectInStep(std::initializer_list<std::string> paths) {
@@ -34,7 +35,8 @@ protected:
 
 TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
     folders({"\\A", "\\A\\B"});
-    for (auto [path, content] : {std::pair{"\\A\\x.txt", "xx"}, {"\\A\\y.txt", "yyy"}, {"\\A\\B\\z.txt", "zzzz"}})
+    for (auto [path, content] :
+         {std::pair{"\\A\\x.txt", "xx"}, {"\\A\\y.txt", "yyy"}, {"\\A\\B\\z.txt", "zzzz"}})
         put(path, content);
     ASSERT_EQ(tree().RefreshSvrPath("\\"), Success);
     store_->resetCounts();
@@ -49,7 +51,8 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
     EXPECT_EQ(std::tie(info.bFolder, info.iSize, info.iFiles), std::make_tuple(true, 9u, 3));
     EXPECT_EQ(found({"\\A\\none", "\\A\\B\\z.txt"}), "-+");
     // The root was read by the refresh.
-    EXPECT_EQ(std::make_tuple(store_->listCount("\\A"), store_->listCount("\\A\\B"), store_->totalLists()),
+    EXPECT_EQ(std::make_tuple(store_->listCount("\\A"), store_->listCount("\\A\\B"),
+                              store_->totalLists()),
               std::make_tuple(1, 1, 2));
 
     std::vector<PathInfo> all;
@@ -109,7 +112,8 @@ TEST_F(PathTreeTest, RefreshForgetsThePathAndBelow) {
     EXPECT_EQ(found({"\\A\\B\\new"}), "-");
     EXPECT_EQ(tree().RefreshSvrPath("\\A"), Success);
     EXPECT_EQ(found({"\\A\\B\\new"}), "+");
-    EXPECT_EQ((Codes{tree().RefreshSvrPath("\\A\\gone"), tree().RefreshSvrPath("\\A\\..\\.."), tree().RefreshSvrPath("\\")}),
+    EXPECT_EQ((Codes{tree().RefreshSvrPath("\\A\\gone"), tree().RefreshSvrPath("\\A\\..\\.."),
+                     tree().RefreshSvrPath("\\")}),
               (Codes{NotFound, BadPath, Success}));
 
     // Logged off, nothing is answered from what was cached before.
@@ -125,9 +129,11 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
     // A first backup asks for every new file of a folder that is not there yet.
     for (char i : std::string("01234"))
         EXPECT_EQ(found({"\\T\\New\\f" + std::string(1, i), "\\T\\New\\Deep\\g" + std::string(1, i),
-                         "\\Gone\\Deep\\h" + std::string(1, i)}), "---");
+                         "\\Gone\\Deep\\h" + std::string(1, i)}),
+                  "---");
     // \T\New was asked for once; the root's listing already tells \Gone is absent.
-    EXPECT_EQ(std::make_pair(store_->totalLists(), store_->listCount("\\T\\New")), std::make_pair(1, 1));
+    EXPECT_EQ(std::make_pair(store_->totalLists(), store_->listCount("\\T\\New")),
+              std::make_pair(1, 1));
 
     // Made through the session: what lies below is asked for again, and found.
     folders({"\\T\\New"});
@@ -156,7 +162,8 @@ TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
         put("\\T\\Docs\\a.txt", std::string(10 + n, 'a'));
         std::string version = "a" + std::to_string(n) + ".txt";
         ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), Success);
-        ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true), Success);
+        ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true),
+                  Success);
         expectInStep({"\\H", "\\H\\Task", "\\T"});
     }
     // Followed from the figures of the one folder below the held listings.

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/ManualClockScope.h"
 #include "platform/framework/CurlHandleController.h"
 #include "platform/framework/TrueProgressCallback.h"
-#include "common/ManualClockScope.h"
 #include "platform/os/Semaphore.h"
 
 using namespace cirrovault;
@@ -33,15 +33,17 @@ TEST_F(ProgressTest, ResumedBytesCountForPercentButNotForSpeed) {
     p.setThisSize(1000);
     p.setTempSize(200);
     p.setSentSize(200); // found already stored: nothing moved yet
-    EXPECT_EQ(std::make_tuple(p.percent(), p.speed(), p.secondsLeft()), std::make_tuple(60.0, 0.0, -1.0));
+    EXPECT_EQ(std::make_tuple(p.percent(), p.speed(), p.secondsLeft()),
+              std::make_tuple(60.0, 0.0, -1.0));
 
     clock_->advance(10); // the time before the first byte moves is not counted
     p.setSentSize(400);
     clock_->advance(2);
     p.setSentSize(600);
     // 400 bytes in 2 s; all figures exact in binary.
-    EXPECT_EQ(std::make_tuple(p.speed(), p.secondsLeft(), p.percent(), p.bytesDone(), delegate.calls),
-              std::make_tuple(200.0, 2.0, 80.0, uint64_t{1600}, 3));
+    EXPECT_EQ(
+        std::make_tuple(p.speed(), p.secondsLeft(), p.percent(), p.bytesDone(), delegate.calls),
+        std::make_tuple(200.0, 2.0, 80.0, uint64_t{1600}, 3));
 
     // Going back (the next attempt starts over) adds nothing to the speed.
     p.setSentSize(0);

@@ -24,9 +24,10 @@ TEST(PropertyList, RoundTripKeepsEveryKindAndDamagedInputGivesNothing) {
     EXPECT_EQ(p.toXml().rfind("<?xml", 0), 0u);
     std::string truncated = p.toXml();
     truncated.resize(truncated.size() / 2);
-    for (const std::string& damaged : {std::string(), std::string("hello"), truncated,
-                                       std::string("<?xml version=\"1.0\"?><plist><dict><key>a</key>"),
-                                       std::string("bplist00\x01\x02")})
+    for (const std::string& damaged :
+         {std::string(), std::string("hello"), truncated,
+          std::string("<?xml version=\"1.0\"?><plist><dict><key>a</key>"),
+          std::string("bplist00\x01\x02")})
         EXPECT_FALSE(PropertyList::parse(damaged)) << damaged;
 }
 
@@ -123,7 +124,8 @@ TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
         std::string error;
         EXPECT_FALSE(PropertyList::parse(c.bytes, &error)) << c.reason;
         EXPECT_TRUE(error.find(c.reason) != std::string::npos &&
-                    SystemLog::capturedContains("property list refused")) << error;
+                    SystemLog::capturedContains("property list refused"))
+            << error;
         SystemLog::stopCapture();
     }
     // A NUL-like reference that is not one, and dates at the edges, still read.

@@ -30,4 +30,3 @@ TEST(ServerName, PathsAreCodedNameByName) {
     EXPECT_EQ(ServerName::decodePath("Docs\\10%3A30\\a%3F.txt"), "Docs/10:30/a?.txt");
     EXPECT_EQ(ServerName::decodePath(ServerName::encodePath("a/b\\c/d")), "a/b\\c/d");
 }
-

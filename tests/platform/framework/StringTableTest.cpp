@@ -18,7 +18,8 @@ const std::string tableFile = (sourceRoot / "resources" / "Localizable.plist").s
 
 size_t placeholderCount(const std::string& text) {
     static const std::regex placeholder(R"(\{[^{}]*\})");
-    return std::distance(std::sregex_iterator(text.begin(), text.end(), placeholder), std::sregex_iterator());
+    return std::distance(std::sregex_iterator(text.begin(), text.end(), placeholder),
+                         std::sregex_iterator());
 }
 } // namespace
 
@@ -32,7 +33,8 @@ TEST(StringTable, FileIsASortedPlainDictionaryOfUsableFolderNamesAndTexts) {
     // Keys in the order the file writes them: sorted and unique, so merges stay easy.
     static const std::regex keyLine(R"(<key>([^<]*)</key>)");
     std::vector<std::string> keys;
-    for (auto it = std::sregex_iterator(text.begin(), text.end(), keyLine); it != std::sregex_iterator(); ++it)
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), keyLine);
+         it != std::sregex_iterator(); ++it)
         keys.push_back((*it)[1]);
     EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
     EXPECT_EQ(std::adjacent_find(keys.begin(), keys.end()), keys.end()) << "a key is written twice";
@@ -53,21 +55,40 @@ TEST(StringTable, FileIsASortedPlainDictionaryOfUsableFolderNamesAndTexts) {
             << key << ": \"" << name << "\"";
     }
     // The history and info folders sit side by side with the task folders.
-    EXPECT_NE(LoadString::GetValueByKey("IDS_HISTFOLDER"), LoadString::GetValueByKey("IDS_INFOPATH"));
+    EXPECT_NE(LoadString::GetValueByKey("IDS_HISTFOLDER"),
+              LoadString::GetValueByKey("IDS_INFOPATH"));
 
     // Texts the engine formats, with the number of arguments it passes, in order.
-    const std::map<std::string, size_t> formatted = {
-        {"FailEmailTitle", 3}, {"FalilEmailBoty", 4}, {"FileChangedWhileRead", 1},
-        {"IDS_NEEDMOREBUYSPACE", 3}, {"IDS_STRFAILCONTRYTIME", 2}, {"IDS_STRMINUTES", 1},
-        {"IDS_STRNEEDMORESPACE", 4}, {"IDS_STRRATE", 1}, {"IDS_STRSECONDS", 1},
-        {"IDS_TASKNAMEFOR", 1}, {"IdentityDamaged", 1}, {"NeedMoreBuySpace", 1},
-        {"OrvoSubItemLimitation", 2}, {"ReScanFile", 3}, {"RestoreNoSpace", 4},
-        {"ServerPathError", 1}, {"SourceUnreadable", 1}, {"StrLogUploadFail", 3},
-        {"UploadRetriesEnded", 1}, {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},
-        {"SuccessEmailTitle", 3}, {"TimeFormat", 3}, {"NameTooLongLeftOut", 1}, {"ReportFigures", 6}};
+    const std::map<std::string, size_t> formatted = {{"FailEmailTitle", 3},
+                                                     {"FalilEmailBoty", 4},
+                                                     {"FileChangedWhileRead", 1},
+                                                     {"IDS_NEEDMOREBUYSPACE", 3},
+                                                     {"IDS_STRFAILCONTRYTIME", 2},
+                                                     {"IDS_STRMINUTES", 1},
+                                                     {"IDS_STRNEEDMORESPACE", 4},
+                                                     {"IDS_STRRATE", 1},
+                                                     {"IDS_STRSECONDS", 1},
+                                                     {"IDS_TASKNAMEFOR", 1},
+                                                     {"IdentityDamaged", 1},
+                                                     {"NeedMoreBuySpace", 1},
+                                                     {"OrvoSubItemLimitation", 2},
+                                                     {"ReScanFile", 3},
+                                                     {"RestoreNoSpace", 4},
+                                                     {"ServerPathError", 1},
+                                                     {"SourceUnreadable", 1},
+                                                     {"StrLogUploadFail", 3},
+                                                     {"UploadRetriesEnded", 1},
+                                                     {"SubUserHaveBuyStorageSpace", 3},
+                                                     {"SuccessEmailBoby", 3},
+                                                     {"SuccessEmailTitle", 3},
+                                                     {"TimeFormat", 3},
+                                                     {"NameTooLongLeftOut", 1},
+                                                     {"ReportFigures", 6}};
     SystemLog::startCapture();
     for (const auto& [key, value] : *table->dict())
-        EXPECT_EQ(placeholderCount(*value.string()), formatted.contains(key) ? formatted.at(key) : 0) << key;
+        EXPECT_EQ(placeholderCount(*value.string()),
+                  formatted.contains(key) ? formatted.at(key) : 0)
+            << key;
     // Numbers and texts both fit every placeholder.
     for (const auto& [key, count] : formatted) {
         fmt::dynamic_format_arg_store<fmt::format_context> numbers, texts;
@@ -76,7 +97,10 @@ TEST(StringTable, FileIsASortedPlainDictionaryOfUsableFolderNamesAndTexts) {
             texts.push_back(std::string("x"));
         }
         std::string text = LoadString::GetValueByKey(key, "");
-        EXPECT_NO_THROW({ fmt::vformat(text, numbers); fmt::vformat(text, texts); }) << key;
+        EXPECT_NO_THROW({
+            fmt::vformat(text, numbers);
+            fmt::vformat(text, texts);
+        }) << key;
     }
     EXPECT_EQ(LoadString::Format("TimeFormat", 1, 2, 3) + LoadString::Format("IDS_TASKNAMEFOR", 0),
               "1:02:03Backup Task 0");
@@ -95,7 +119,8 @@ TEST(StringTable, EveryKeyTheSourcesAskForIsInTheTable) {
             continue;
         auto code = FileSystem::readFile(entry.path().string());
         ASSERT_TRUE(code) << entry.path();
-        for (auto it = std::sregex_iterator(code->begin(), code->end(), lookup); it != std::sregex_iterator(); ++it)
+        for (auto it = std::sregex_iterator(code->begin(), code->end(), lookup);
+             it != std::sregex_iterator(); ++it)
             usedIn.try_emplace((*it)[1], entry.path().lexically_relative(sourceRoot).string());
     }
     EXPECT_GT(usedIn.size(), 3u) << "the search found no lookups: has the code moved?";

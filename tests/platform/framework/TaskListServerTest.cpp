@@ -6,9 +6,9 @@
 
 #include "platform/framework/Functions.h"
 #include "platform/framework/TaskListServer.h"
-#include "platform/os/UrlCoding.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/store/FaultInjectingStore.h"
 
 using namespace cirrovault;
@@ -72,13 +72,16 @@ using Entries = std::vector<std::pair<std::string, bool>>; // {path, add?}
 // A request as the client writes it.
 std::string request(const std::string& name, const std::string& action, const Entries& entries = {},
                     const std::string& oldName = "", int taskID = 7) {
-    std::string text = "TaskID=" + std::to_string(taskID) + "&ComputerID=18446744073709551615&TaskName=" +
-                       enc(name) + "&Descr=My%20docs%20%26%20more&PcName=box&Type=-2147483631" +
-                       "&BackupDate=2024-03-05%2007%3A08%3A09&ServerPath=" + enc("\\Backup\\" + name) +
-                       "&FilterExts=a%20b|tmp|&FilterPaths=&MaxVersion=10&NextDate=2024-03-06%2000%3A00%3A00"
-                       "&BeginDate=2024-02-05%2007%3A08%3A09&EndDate=2099-01-01%2000%3A00%3A00"
-                       "&ResumeDate=1971-01-01%2000%3A00%3A00&RemoteSize=123&IsResume=1&Upgraded="
-                       "&OldTaskName=" + enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
+    std::string text =
+        "TaskID=" + std::to_string(taskID) +
+        "&ComputerID=18446744073709551615&TaskName=" + enc(name) +
+        "&Descr=My%20docs%20%26%20more&PcName=box&Type=-2147483631" +
+        "&BackupDate=2024-03-05%2007%3A08%3A09&ServerPath=" + enc("\\Backup\\" + name) +
+        "&FilterExts=a%20b|tmp|&FilterPaths=&MaxVersion=10&NextDate=2024-03-06%2000%3A00%3A00"
+        "&BeginDate=2024-02-05%2007%3A08%3A09&EndDate=2099-01-01%2000%3A00%3A00"
+        "&ResumeDate=1971-01-01%2000%3A00%3A00&RemoteSize=123&IsResume=1&Upgraded="
+        "&OldTaskName=" +
+        enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
     for (size_t i = 0; i < entries.size(); ++i) {
         std::string n = std::to_string(i);
         text += "IsFolder" + n + "=1&Path" + n + "=" + enc(entries[i].first) + "&Serial" + n +
@@ -154,17 +157,33 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     };
     // Bad keys, numbers, dates, percent-codes, lists, path entries and counts, and "&" or "=".
     const std::vector<std::string> damaged = {
-        "", "garbage", replaced("TaskID=7&", ""), replaced("TaskID=7", "TaskID=seven"),
-        replaced("TaskID=7", "TaskID=99999999999"), replaced("MaxVersion=10", "MaxVersion=-1"),
-        replaced("Type=-2147483631", "Type=1x"), replaced("BackupDate=2024-03-05", "BackupDate=2024-13-05"),
-        replaced("%2007%3A08", "%20x7%3A08"), replaced("Descr=My%20docs", "Descr=My%2Zdocs"),
-        replaced("Descr=My%20docs%20%26%20more", "Descr=My%2"), replaced("IsResume=1", "IsResume=2"),
-        replaced("Action=Edit", "Action=Delete"), replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"),
-        replaced("|tmp|", "|tmp"), replaced("|tmp|", "||"), replaced("IsFolder1=", "IsFolder2="),
-        replaced("Path1=", "Serial1="), replaced("Action1=1", "Action1=3"),
-        replaced("IsFolder0=1", "IsFolder0=yes"), replaced("Path0=%2Fb", "Path0="),
-        replaced("localPathNum=2", "localPathNum=3"), replaced("localPathNum=2", "localPathNum=1"),
-        replaced("&localPathNum=2", ""), good + "&", good + "&Extra=1", replaced("Upgraded=&", "Upgraded&")};
+        "",
+        "garbage",
+        replaced("TaskID=7&", ""),
+        replaced("TaskID=7", "TaskID=seven"),
+        replaced("TaskID=7", "TaskID=99999999999"),
+        replaced("MaxVersion=10", "MaxVersion=-1"),
+        replaced("Type=-2147483631", "Type=1x"),
+        replaced("BackupDate=2024-03-05", "BackupDate=2024-13-05"),
+        replaced("%2007%3A08", "%20x7%3A08"),
+        replaced("Descr=My%20docs", "Descr=My%2Zdocs"),
+        replaced("Descr=My%20docs%20%26%20more", "Descr=My%2"),
+        replaced("IsResume=1", "IsResume=2"),
+        replaced("Action=Edit", "Action=Delete"),
+        replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"),
+        replaced("|tmp|", "|tmp"),
+        replaced("|tmp|", "||"),
+        replaced("IsFolder1=", "IsFolder2="),
+        replaced("Path1=", "Serial1="),
+        replaced("Action1=1", "Action1=3"),
+        replaced("IsFolder0=1", "IsFolder0=yes"),
+        replaced("Path0=%2Fb", "Path0="),
+        replaced("localPathNum=2", "localPathNum=3"),
+        replaced("localPathNum=2", "localPathNum=1"),
+        replaced("&localPathNum=2", ""),
+        good + "&",
+        good + "&Extra=1",
+        replaced("Upgraded=&", "Upgraded&")};
     SystemLog::startCapture();
     for (const auto& text : damaged)
         EXPECT_EQ(f.server.UploadTaskList(text), BadRequest) << text;
@@ -181,10 +200,11 @@ TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
     Fixture f;
     TaskListServer loggedOff(f.store, false);
     std::string reply = "stale", names;
-    EXPECT_EQ((Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
-                     loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
-                     loggedOff.deleteTasks("Docs"), f.up("", "Add"), f.up("Docs", "Edit")}),
-              (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound}));
+    EXPECT_EQ(
+        (Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
+               loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
+               loggedOff.deleteTasks("Docs"), f.up("", "Add"), f.up("Docs", "Edit")}),
+        (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound}));
     EXPECT_EQ(reply, "");
     EXPECT_EQ(f.store->writes(), 0);
 
@@ -192,10 +212,11 @@ TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
         ASSERT_EQ(f.up(name, "Add"), 0);
     ASSERT_EQ(f.up("Music", "Add", {}, "", 8), 0);
     // Added twice, renamed onto a taken name or to nothing; deletes of nothing, one, several.
-    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.up("Music", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
-                     f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
-                     f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
-              (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
+    EXPECT_EQ(
+        (Codes{f.up("Docs", "Add"), f.up("Music", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
+               f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
+               f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
+        (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
     ASSERT_EQ(f.server.getTaskNames("false", names), 0);
     EXPECT_EQ(names, "Docs|Music");
     ASSERT_EQ(f.server.deleteTasks("Docs|Music") + f.server.getTaskNames("false", names), 0);
@@ -207,7 +228,8 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     std::string reply;
     f.store->setDocument("<plist>not a task list");
     SystemLog::startCapture();
-    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskList("", "false", reply), f.server.deleteTasks("Docs")}),
+    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskList("", "false", reply),
+                     f.server.deleteTasks("Docs")}),
               (Codes{StorageError, StorageError, StorageError}));
     EXPECT_TRUE(SystemLog::capturedContains("damaged task list document"));
     SystemLog::stopCapture();
@@ -222,7 +244,8 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
 
     f.store->setDocument("");
     f.store->failReads = true;
-    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskNames("true", reply)}), (Codes{StorageError, StorageError}));
+    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskNames("true", reply)}),
+              (Codes{StorageError, StorageError}));
 
     // A NUL byte in a name is refused before the parser (which would end the process) sees it.
     f.store->failReads = false;
@@ -257,7 +280,9 @@ TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles
     Fixture f;
     ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
     // Another client adds a path between this request's read and its write.
-    f.store->beforeWrite = [&] { ASSERT_EQ(Fixture{f.store}.up("Docs", "Edit", {{"/other", true}}), 0); };
+    f.store->beforeWrite = [&] {
+        ASSERT_EQ(Fixture{f.store}.up("Docs", "Edit", {{"/other", true}}), 0);
+    };
     ASSERT_EQ(f.up("Docs", "Edit", {{"/mine", true}}), 0);
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/other", "/mine"}));
 
@@ -277,7 +302,9 @@ TEST(TaskListServerConcurrency, ThreadsEditingOneTaskLoseNoPath) {
         threads.emplace_back([&, t] {
             Fixture client{f.store};
             for (int i = 0; i < kPaths; ++i)
-                EXPECT_EQ(client.up("Docs", "Edit", {{"/t" + std::to_string(t) + "/" + std::to_string(i), true}}), 0);
+                EXPECT_EQ(client.up("Docs", "Edit",
+                                    {{"/t" + std::to_string(t) + "/" + std::to_string(i), true}}),
+                          0);
         });
     for (auto& thread : threads)
         thread.join();

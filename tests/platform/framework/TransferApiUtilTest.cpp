@@ -53,13 +53,15 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
     // Empty texts keep what the folder had; given ones replace it.
     ASSERT_EQ(api().EditFolder("\\Tasks", "Jobs", "", ""), Success);
     EXPECT_EQ(texts("\\Jobs") + texts("\\Tasks"), "All my tasks|Tasks-");
-    EXPECT_EQ((Codes{api().EditFolder("\\Jobs", "", "Renamed", ""), api().EditFolder("\\Jobs", "a\\b", "", ""),
+    EXPECT_EQ((Codes{api().EditFolder("\\Jobs", "", "Renamed", ""),
+                     api().EditFolder("\\Jobs", "a\\b", "", ""),
                      api().EditFolder("\\Missing", "x", "", "")}),
               (Codes{Success, BadPath, NotFound}));
     EXPECT_EQ(texts("\\Jobs"), "Renamed|Tasks");
 
     const std::string a = "\\Jobs\\a.txt";
-    ASSERT_EQ(upload(a, makeFile("a.txt", "a")) + upload("\\Jobs\\b.txt", makeFile("b.txt", "b")), Success);
+    ASSERT_EQ(upload(a, makeFile("a.txt", "a")) + upload("\\Jobs\\b.txt", makeFile("b.txt", "b")),
+              Success);
     EXPECT_EQ((Codes{api().EditFile(a, "", "", ""), api().EditFile(a, "b.txt", "", ""),
                      api().EditFile(a, "a.txt", "", ""), api().EditFile(a, "a0.txt", "", "")}),
               (Codes{EmptyName, AlreadyExists, Success, Success}));
@@ -68,7 +70,8 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
 
 TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
     folders({"\\Docs"});
-    std::string content = pattern(3 * 1024 * 1024 + 11), local = makeFile("src/report.pdf", content, 1'600'000'123.5);
+    std::string content = pattern(3 * 1024 * 1024 + 11);
+    std::string local = makeFile("src/report.pdf", content, 1'600'000'123.5);
     TrueProgressCallback progress;
     UploadFileInfo result;
     ASSERT_EQ(upload("\\Docs\\report.pdf", local, &result, "", &progress), Success);
@@ -78,7 +81,8 @@ TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
 
     std::string restored = home_.file("restore/deep/report.pdf"); // folders made as needed
     ASSERT_EQ(download("\\Docs\\report.pdf", restored), Success);
-    EXPECT_TRUE(readFile(restored) == content && FileSystem::status(restored)->modifyTime == Date(1'600'000'123.5));
+    EXPECT_TRUE(readFile(restored) == content &&
+                FileSystem::status(restored)->modifyTime == Date(1'600'000'123.5));
 
     EXPECT_EQ((Codes{download("\\Docs\\none.pdf", home_.file("none.pdf")),
                      download("\\Docs", home_.file("folder")),
@@ -113,7 +117,8 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
     store_->dropConnectionInNextPut(1000);
     EXPECT_EQ(upload("\\Up\\again.bin", local), Failure);
     UploadFileInfo third;
-    ASSERT_EQ(upload("\\Up\\again.bin", makeFile("big.bin", content.replace(10, 1, "!")), &third), Success);
+    ASSERT_EQ(upload("\\Up\\again.bin", makeFile("big.bin", content.replace(10, 1, "!")), &third),
+              Success);
     EXPECT_EQ(std::make_tuple(third.resumedBytes, third.uploadedBytes),
               std::make_tuple(0u, content.size()));
 }
@@ -126,7 +131,8 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRefuseAWrongPhraseAndTakeTheOneKeptFor
     ASSERT_EQ(upload(secret, local, &result, "my phrase"), Success);
     PathInfo info;
     ASSERT_TRUE(tree().FindPath(secret, info, false));
-    EXPECT_EQ(std::make_tuple(result.storedSize, info.iSize, readFile(storedPath("Encrypted/secret.txt")).size()),
+    EXPECT_EQ(std::make_tuple(result.storedSize, info.iSize,
+                              readFile(storedPath("Encrypted/secret.txt")).size()),
               std::make_tuple(content.size() + 128, content.size() + 128, content.size() + 128));
     EXPECT_EQ((Codes{download(secret, refused, "not my phrase"), download(secret, refused, ""),
                      upload("\\Encrypted\\other.txt", local, nullptr, "")}),
@@ -149,7 +155,8 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
     const std::string a = "\\Encrypted\\Task\\Docs\\a.txt", b = "\\Encrypted\\Task\\Docs\\b.txt";
     ASSERT_EQ(upload(a, makeFile("a.txt", "first a", 1'600'000'000), nullptr, "p"), Success);
     ASSERT_EQ(upload(b, makeFile("b.txt", "only b", 1'600'000'000), nullptr, "p"), Success);
-    const std::string firstA = readFile(storedPath("Encrypted/Task/Docs/a.txt")), target = home_.file("out/x.txt");
+    const std::string firstA = readFile(storedPath("Encrypted/Task/Docs/a.txt"));
+    const std::string target = home_.file("out/x.txt");
 
     // Stored bytes changed behind the service's back, listed with the given time.
     auto plant = [&](const std::string& name, const std::string& bytes, double time) {
@@ -160,12 +167,14 @@ TEST_F(TransferApiUtilTest, EncryptedFilesSwappedOrPutBackAreRefusedAndVersionsS
     SystemLog::startCapture();
     plant("b.txt", firstA, 1'600'000'000);
     EXPECT_EQ(download(b, target, "p"), DamagedFile);
-    EXPECT_TRUE(SystemLog::capturedContains("\"" + b + "\" holds an intact encrypted file made for another name"));
+    EXPECT_TRUE(SystemLog::capturedContains(
+        "\"" + b + "\" holds an intact encrypted file made for another name"));
 
     // The second backup of a moves the first into the history, where it still opens.
     ASSERT_EQ(api().MovePath(a, "\\Encrypted\\History\\Task\\Docs\\a3.txt"), Success);
     ASSERT_EQ(upload(a, makeFile("a.txt", "second a", 1'700'000'000), nullptr, "p"), Success);
-    ASSERT_EQ(download("\\Encrypted\\History\\Task\\Docs\\a3.txt", home_.file("version"), "p"), Success);
+    ASSERT_EQ(download("\\Encrypted\\History\\Task\\Docs\\a3.txt", home_.file("version"), "p"),
+              Success);
     EXPECT_EQ(readFile(home_.file("version")), "first a");
 
     // The first a put back under a, listed with the second's time.
@@ -204,7 +213,9 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
 
     // A path already gone counts as deleted; a bad one fails without stopping the rest.
     OperationProgress deleting;
-    EXPECT_EQ(api().DeletePaths({"\\Copies\\a", "\\Copies\\gone", "\\..", "\\Copies\\b"}, &deleting, false), BadPath);
+    EXPECT_EQ(api().DeletePaths({"\\Copies\\a", "\\Copies\\gone", "\\..", "\\Copies\\b"}, &deleting,
+                                false),
+              BadPath);
     EXPECT_EQ(deleting.doneItems(), 4);
     EXPECT_EQ(found({"\\Copies\\a", "\\Copies\\b"}), "--");
     EXPECT_FALSE(FileSystem::exists(storedPath("Copies/b")));
@@ -276,7 +287,8 @@ TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextRes
     PauseAtFirstReport pause;
     pause.progress.SetDelegate(&pause);
     int64_t code = -1;
-    std::thread worker([&] { code = upload("\\Big\\large.bin", local, nullptr, "", &pause.progress); });
+    std::thread worker(
+        [&] { code = upload("\\Big\\large.bin", local, nullptr, "", &pause.progress); });
     pause.reached.wait();
     EXPECT_TRUE(CurlHandleController::shared().CancelConnection(worker.get_id()));
     pause.proceed.signal();
@@ -292,7 +304,8 @@ TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextRes
 
     UploadFileInfo second;
     ASSERT_EQ(upload("\\Big\\large.bin", local, &second), Success);
-    EXPECT_TRUE(second.resumedBytes > 0 && second.resumedBytes + second.uploadedBytes == 64ull << 20);
+    EXPECT_TRUE(second.resumedBytes > 0 && second.resumedBytes + second.uploadedBytes == 64ull
+                                                                                             << 20);
 }
 
 } // namespace

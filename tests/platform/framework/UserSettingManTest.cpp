@@ -30,7 +30,8 @@ TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
     ASSERT_TRUE(UserSettingMan::SetUserInfo("bob", ""));
     info = UserSettingMan::GetUserInfo();
     ASSERT_TRUE(info);
-    EXPECT_EQ(std::tie(info->userName, info->lastLogonDate), std::make_tuple("bob", scope.clock->now()));
+    EXPECT_EQ(std::tie(info->userName, info->lastLogonDate),
+              std::make_tuple("bob", scope.clock->now()));
 
     EXPECT_TRUE(UserSettingMan::ClearUserInfo());
     EXPECT_FALSE(UserSettingMan::GetUserInfo());

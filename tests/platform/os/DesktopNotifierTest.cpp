@@ -61,7 +61,8 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     const char* argv[] = {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile",
                           listen.c_str(), nullptr};
     pid_t daemon = 0;
-    ASSERT_EQ(::posix_spawn(&daemon, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+    ASSERT_EQ(::posix_spawn(&daemon, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ),
+              0);
     for (int i = 0; i < 100 && !FileSystem::exists(socket); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
 

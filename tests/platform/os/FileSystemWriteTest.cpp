@@ -50,7 +50,8 @@ TEST(FileSystemWrite, FoldersGetExactlyTheirModeWhateverTheUmask) {
     // A folder that was there is left alone.
     EXPECT_EQ((std::vector{permissionsOf(home.file("a")), permissionsOf(home.file("a/b")),
                            permissionsOf(home.file("a/b/c")), permissionsOf(home.file("a/db")),
-                           permissionsOf(home.file("a/b/shared")), permissionsOf(home.file("a/b/shared/x"))}),
+                           permissionsOf(home.file("a/b/shared")),
+                           permissionsOf(home.file("a/b/shared/x"))}),
               (std::vector<uint32_t>{0700, 0700, 0700, 0600, 0755, 0755}));
 
     ASSERT_TRUE(FileSystem::writeFileAtomically(home.file("a/file"), "x"));

@@ -16,9 +16,11 @@ TEST(SystemItems, ReadsMountPointsFromTheMountTable) {
         "40 22 8:17 / /media/u/My\\040Disk rw shared:9 - vfat /dev/sdb1 rw\n"
         "41 22 0:5 / /proc rw - proc proc rw\n"
         "broken line\n";
-    EXPECT_EQ(SystemItems::parseMountInfo(text), (std::vector<std::string>{"/", "/media/u/My Disk", "/proc"}));
+    EXPECT_EQ(SystemItems::parseMountInfo(text),
+              (std::vector<std::string>{"/", "/media/u/My Disk", "/proc"}));
     SystemItems live; // its table always has the root
-    EXPECT_NE(std::find(live.mountPoints().begin(), live.mountPoints().end(), "/"), live.mountPoints().end());
+    EXPECT_NE(std::find(live.mountPoints().begin(), live.mountPoints().end(), "/"),
+              live.mountPoints().end());
 }
 
 TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
@@ -32,7 +34,8 @@ TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
     for (const char* left : {"/home/u/.cache", "/home/u/.local/share/Trash", "/dev", "/proc",
                              "/home/u/lost+found", "/lost+found"})
         EXPECT_TRUE(items.isExcluded(left, S_IFDIR)) << left;
-    EXPECT_TRUE(items.isExcluded("/home/u/app.sock", S_IFSOCK) && items.isExcluded("/home/u/pipe", S_IFIFO));
+    EXPECT_TRUE(items.isExcluded("/home/u/app.sock", S_IFSOCK) &&
+                items.isExcluded("/home/u/pipe", S_IFIFO));
     EXPECT_FALSE(items.isExcluded("/home/u/link", S_IFLNK));
 
     // Another disk is kept whole but for the desktop's Trash at its top.
@@ -47,9 +50,10 @@ TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
                         "/media/u/Disk/.Trash", "/media/u/Disk/sub/.Trash-1000"}),
               "--++-");
     EXPECT_FALSE(SystemItems::isOnMountedVolumes("/mntx/a"));
-    EXPECT_EQ((std::vector{items.volumeOf("/media/u/Disk/a/b"), items.volumeOf("/media/u/Diskette/a"),
-                           items.volumeOf("/home/u"), items.volumeOf("/run/media/u/Stick")}),
-              (std::vector<std::string>{"/media/u/Disk", "/", "/", "/run/media/u/Stick"}));
+    EXPECT_EQ(
+        (std::vector{items.volumeOf("/media/u/Disk/a/b"), items.volumeOf("/media/u/Diskette/a"),
+                     items.volumeOf("/home/u"), items.volumeOf("/run/media/u/Stick")}),
+        (std::vector<std::string>{"/media/u/Disk", "/", "/", "/run/media/u/Stick"}));
 
     // A task that asks for it leaves out every dot-name, as before.
     items.setSkipHidden(true);
@@ -62,8 +66,9 @@ TEST(SystemItems, TheUsersFoldersFollowTheEnvironment) {
     SystemItems items({"/"});
     SystemItems live;
     // The local store's folder and our settings are left out too.
-    for (const std::string& left : {home.file("cache"), home.dataHome() + "/Trash",
-                                    home.dataHome() + "/cirrovault", home.configHome() + "/cirrovault"})
+    for (const std::string& left :
+         {home.file("cache"), home.dataHome() + "/Trash", home.dataHome() + "/cirrovault",
+          home.configHome() + "/cirrovault"})
         EXPECT_TRUE(live.isExcluded(left)) << left;
     EXPECT_FALSE(live.isExcluded(home.file(".cache")));
     EXPECT_FALSE(items.isExcluded(home.file("cache"))); // given folders only
@@ -71,4 +76,3 @@ TEST(SystemItems, TheUsersFoldersFollowTheEnvironment) {
     EXPECT_NE(std::find(lines.begin(), lines.end(), home.file("cache")), lines.end());
     unsetenv("XDG_CACHE_HOME");
 }
-

@@ -95,4 +95,3 @@ TEST(UserUnits, SystemctlStopsOnTheCancelFlag) {
     EXPECT_FALSE(UserUnits::systemctl({"daemon-reload"}, 1000));
     press.join();
 }
-

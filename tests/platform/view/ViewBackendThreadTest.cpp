@@ -56,7 +56,8 @@ TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
         window->setText(ViewOutlet::LogOnStr, text);
     for (const char* text : {"in 31", "in 30", "in 30"})
         window->setText(ViewOutlet::RetryLogonStr, text);
-    EXPECT_EQ(std::make_pair(window->pressCount(ViewButton::Cancel), window->pressCount(ViewButton::Retry)),
+    EXPECT_EQ(std::make_pair(window->pressCount(ViewButton::Cancel),
+                             window->pressCount(ViewButton::Retry)),
               std::make_pair(1, 1));
     EXPECT_EQ(backend.textsOf(ViewLayout::LoopDialog, ViewOutlet::LogOnStr),
               (std::vector<std::string>{"a", "b", "c"}));
@@ -116,7 +117,8 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
               std::make_pair(MessageboxAnswer::No, MessageboxAnswer::Retry));
     EXPECT_EQ(box.chooseFolder("Where?"), "");
     std::string printed = none.printed();
-    for (const char* line : {"Signing in...\n", "Trying again in 59 seconds\n", "Delete it? (answered 4)"})
+    for (const char* line :
+         {"Signing in...\n", "Trying again in 59 seconds\n", "Delete it? (answered 4)"})
         EXPECT_NE(printed.find(line), std::string::npos) << line;
     EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
 }
@@ -129,11 +131,13 @@ TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
         std::optional<std::string> term, noColor;
         bool redraw;
     };
-    for (const Case& c : {Case{"xterm", std::nullopt, true}, Case{"xterm", "", true}, Case{"dumb", std::nullopt, false},
+    for (const Case& c : {Case{"xterm", std::nullopt, true}, Case{"xterm", "", true},
+                          Case{"dumb", std::nullopt, false},
                           Case{std::nullopt, std::nullopt, false}, Case{"xterm", "1", false}}) {
         test::ScopedEnv term("TERM", c.term), color("NO_COLOR", c.noColor);
         TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
-        EXPECT_TRUE(TerminalConsole::canRedraw(slave) == c.redraw && backend.interactive() == c.redraw)
+        EXPECT_TRUE(TerminalConsole::canRedraw(slave) == c.redraw &&
+                    backend.interactive() == c.redraw)
             << c.term.value_or("(unset)");
     }
     EXPECT_FALSE(TerminalConsole::canRedraw(pty.master + 1000)); // not a terminal at all
@@ -170,7 +174,8 @@ TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForIt
     typist.start();
     backend.runModal(window); // r presses Retry, whose action types c: Cancel asks, y ends it
     typist.join();
-    EXPECT_EQ(std::make_tuple(window->pressCount(ViewButton::Retry), window->pressCount(ViewButton::Cancel), answer),
+    EXPECT_EQ(std::make_tuple(window->pressCount(ViewButton::Retry),
+                              window->pressCount(ViewButton::Cancel), answer),
               std::make_tuple(1, 1, int{MessageboxAnswer::Yes}));
     EXPECT_NE(seen.find("[r] Retry"), std::string::npos);
 }

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include "common/GtkDrive.h"
+#include "common/ManualClockScope.h"
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/SessionFixture.h"
-#include "common/ManualClockScope.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
 #include "platform/view/ViewLayout.h"
