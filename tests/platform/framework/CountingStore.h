@@ -1,10 +1,18 @@
 #pragma once
 
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
 #include "platform/store/FaultInjectingStore.h"
 
 namespace cirrovault::test {
 
-// Counts the listings per folder: how often the path cache really asks the service.
+// Passes everything to another backend and counts the listings per folder, so tests
+// can see how often the path cache really asks the service.
 class CountingStore : public FaultInjectingStore {
 public:
     using FaultInjectingStore::FaultInjectingStore;
@@ -16,15 +24,32 @@ public:
         }
         return FaultInjectingStore::list(folder, items);
     }
-    int listCount(const std::string& folder) const {
-        std::lock_guard lock(mutex_);
-        auto it = lists_.find(folder);
-        return it == lists_.end() ? 0 : it->second;
+    // Called after every put with its path and result: a test that changes a local file
+    // just after it was read. Set it before the puts start.
+    std::function<void(const std::string&, int64_t)> afterPut;
+    int64_t put(const std::string& path, ByteSource& source, Date modifyTime,
+                TransferObserver* observer) override {
+        int64_t code = FaultInjectingStore::put(path, source, modifyTime, observer);
+        if (afterPut)
+            afterPut(path, code);
+        return code;
     }
-    int totalLists() const {
+    // Claims this time precision for the store behind (a coarse store over the local one).
+    void claimTimePrecision(double seconds) { precision_ = seconds; }
+    StoreCapabilities capabilities() const override {
+        StoreCapabilities caps = FaultInjectingStore::capabilities();
+        if (precision_ > 0)
+            caps.modifyTimePrecision = precision_;
+        return caps;
+    }
+    std::map<std::string, int> listCounts() const {
         std::lock_guard lock(mutex_);
+        return lists_;
+    }
+    int listCount(const std::string& folder) const { return listCounts()[folder]; }
+    int totalLists() const {
         int total = 0;
-        for (const auto& [folder, count] : lists_)
+        for (const auto& [folder, count] : listCounts())
             total += count;
         return total;
     }
@@ -36,6 +61,7 @@ public:
 private:
     mutable std::mutex mutex_;
     std::map<std::string, int> lists_; // guarded by mutex_
+    double precision_ = 0;             // 0: the inner store's own
 };
 
 } // namespace cirrovault::test
