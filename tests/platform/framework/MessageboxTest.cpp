@@ -1,10 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <memory>
-#include <stdexcept>
 #include <thread>
-#include <tuple>
 
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/NimboMessagebox.h"
@@ -18,15 +14,13 @@ int run(const std::string& text, int style) {
     return box.InitWithMessage("Title", text, style).runModal();
 }
 
-class ThrowingPresenter : public NimboMessagebox::Presenter {
-public:
-    int showMessage(const std::string&, const std::string&, int) override {
-        throw std::runtime_error("no display");
-    }
+struct ThrowingPresenter : NimboMessagebox::Presenter {
+    static std::runtime_error noDisplay() { return std::runtime_error("no display"); }
+    int showMessage(const std::string&, const std::string&, int) override { throw noDisplay(); }
     int showStorageOrder(const std::string&, const std::string&, bool&, int) override {
-        throw std::runtime_error("no display");
+        throw noDisplay();
     }
-    std::string chooseFolder(const std::string&) override { throw std::runtime_error("no display"); }
+    std::string chooseFolder(const std::string&) override { throw noDisplay(); }
 };
 } // namespace
 
@@ -35,23 +29,25 @@ TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
     NimboMessagebox::setPresenter(headless);
     bool box = false;
     EXPECT_EQ(run("notice", MessageboxStyle::Notice), 0);
-    EXPECT_NE(run("try again?", MessageboxStyle::TryAgainOrGiveUp), MessageboxAnswer::TryAgain);
-    EXPECT_NE(run("sure?", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
-    EXPECT_NE(run("retry?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
-    EXPECT_NE(NimboMessagebox::runStorageOrderDialog("", "full", box, 1), MessageboxAnswer::OrderSpace);
+    EXPECT_TRUE(
+        run("try again?", MessageboxStyle::TryAgainOrGiveUp) != MessageboxAnswer::TryAgain &&
+        run("sure?", MessageboxStyle::YesNo) != MessageboxAnswer::Yes &&
+        run("retry?", MessageboxStyle::RetryCancel) != MessageboxAnswer::Retry &&
+        NimboMessagebox::runStorageOrderDialog("", "full", box, 1) != MessageboxAnswer::OrderSpace);
     EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "");
     headless->clearShown();
-    EXPECT_TRUE(headless->shown().empty());
 
-    headless->queueAnswer(MessageboxAnswer::Retry);
-    headless->queueAnswer(MessageboxAnswer::OrderSpace);
+    for (int answer : {MessageboxAnswer::Retry, MessageboxAnswer::OrderSpace})
+        headless->queueAnswer(answer);
     headless->setDefaultAnswer(MessageboxStyle::YesNo, MessageboxAnswer::Yes);
     headless->setFolderPanelPath("/chosen");
-    EXPECT_EQ(run("first", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
     box = true;
-    EXPECT_EQ(NimboMessagebox::runStorageOrderDialog("T", "second", box, 3), MessageboxAnswer::OrderSpace);
-    EXPECT_EQ(run("third", MessageboxStyle::YesNo), MessageboxAnswer::Yes);
-    EXPECT_EQ(run("fourth", MessageboxStyle::RetryCancel), MessageboxAnswer::Cancel);
+    EXPECT_EQ((std::vector{run("first", MessageboxStyle::RetryCancel),
+                           NimboMessagebox::runStorageOrderDialog("T", "second", box, 3),
+                           run("third", MessageboxStyle::YesNo),
+                           run("fourth", MessageboxStyle::RetryCancel)}),
+              (std::vector{MessageboxAnswer::Retry, MessageboxAnswer::OrderSpace,
+                           MessageboxAnswer::Yes, MessageboxAnswer::Cancel}));
     EXPECT_EQ(NimboMessagebox::runFolderPanel("Pick"), "/chosen");
 
     auto shown = headless->shown();
@@ -67,9 +63,10 @@ TEST(Messagebox, HeadlessAnswersScriptThenDefaultsThatNeverAgree) {
 TEST(Messagebox, FailingPresenterIsLoggedAndAnswersTheDefault) {
     NimboMessagebox::setPresenter(std::make_shared<ThrowingPresenter>());
     SystemLog::startCapture();
-    EXPECT_EQ(run("x", MessageboxStyle::YesNo), HeadlessMessagebox::defaultAnswerForStyle(2));
     bool box = false;
-    EXPECT_EQ(NimboMessagebox::runStorageOrderDialog("", "x", box, 0), 0);
+    EXPECT_EQ(std::make_pair(run("x", MessageboxStyle::YesNo),
+                             NimboMessagebox::runStorageOrderDialog("", "x", box, 0)),
+              std::make_pair(HeadlessMessagebox::defaultAnswerForStyle(2), 0));
     EXPECT_EQ(NimboMessagebox::runFolderPanel("x"), "");
     EXPECT_EQ(SystemLog::capturedCount("Error: NimboMessagebox::runModal"), 1u);
     SystemLog::stopCapture();
@@ -77,8 +74,7 @@ TEST(Messagebox, FailingPresenterIsLoggedAndAnswersTheDefault) {
     EXPECT_NE(NimboMessagebox::presenter(), nullptr); // the built-in one is back
 }
 
-// Worker threads ask while the host swaps presenters: every box is answered and
-// recorded by exactly one presenter.
+// Boxes asked while presenters swap: each answered and recorded by exactly one.
 TEST(MessageboxConcurrency, BoxesFromManyThreadsWhilePresentersChange) {
     auto first = std::make_shared<HeadlessMessagebox>(), second = std::make_shared<HeadlessMessagebox>();
     for (auto& box : {first, second})

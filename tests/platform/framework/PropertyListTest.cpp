@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <stdexcept>
 
 #include "common/TempHome.h"
 #include "platform/framework/PropertyList.h"
@@ -11,7 +10,7 @@
 
 using namespace cirrovault;
 
-TEST(PropertyList, RoundTripKeepsEveryKind) {
+TEST(PropertyList, RoundTripKeepsEveryKindAndDamagedInputGivesNothing) {
     PlistDict inner{{"n", PropertyList(int64_t{-5})}, {"flag", PropertyList(true)}};
     PlistDict root{{"text", PropertyList("a<b>&\"c\" é")},
                    {"big", PropertyList(int64_t{1} << 40)},
@@ -22,16 +21,14 @@ TEST(PropertyList, RoundTripKeepsEveryKind) {
     auto back = PropertyList::parse(p.toXml());
     ASSERT_TRUE(back);
     EXPECT_EQ(*back, p);
-    EXPECT_NE(p.toXml().find("<?xml"), std::string::npos);
-}
-
-TEST(PropertyList, DamagedInputGivesNothing) {
-    for (const char* damaged : {"", "hello", "<?xml version=\"1.0\"?><plist><dict><key>a</key>",
-                                "bplist00\x01\x02"})
-        EXPECT_FALSE(PropertyList::parse(damaged)) << damaged;
-    std::string truncated = PropertyList(PlistDict{{"PC Name", PropertyList("x")}}).toXml();
+    EXPECT_EQ(p.toXml().rfind("<?xml", 0), 0u);
+    std::string truncated = p.toXml();
     truncated.resize(truncated.size() / 2);
-    EXPECT_FALSE(PropertyList::parse(truncated));
+    for (const std::string& damaged :
+         {std::string(), std::string("hello"), truncated,
+          std::string("<?xml version=\"1.0\"?><plist><dict><key>a</key>"),
+          std::string("bplist00\x01\x02")})
+        EXPECT_FALSE(PropertyList::parse(damaged)) << damaged;
 }
 
 TEST(PropertyList, FileWriteIsWholeReadableAndOnlyFaithful) {
@@ -40,10 +37,6 @@ TEST(PropertyList, FileWriteIsWholeReadableAndOnlyFaithful) {
     SystemLog::startCapture();
     EXPECT_FALSE(PropertyListFile::read(path)); // missing: nothing, no complaint
     EXPECT_FALSE(SystemLog::capturedContains("not a property list"));
-    ASSERT_TRUE(PropertyListFile::write(path, PropertyList(PlistDict{{"k", PropertyList("v")}})));
-    auto read = PropertyListFile::read(path);
-    ASSERT_TRUE(read);
-    EXPECT_EQ(*read->find("k")->string(), "v");
     ASSERT_TRUE(FileSystem::writeFileAtomically(path, "garbage"));
     EXPECT_FALSE(PropertyListFile::read(path));
     EXPECT_TRUE(SystemLog::capturedContains("not a property list"));
@@ -68,29 +61,16 @@ TEST(PropertyList, FileWriteIsWholeReadableAndOnlyFaithful) {
 
 namespace {
 
-// A binary property list of one dictionary {key: value}, from the encoded key and value
-// objects (marker byte first).
+// A binary property list of one dictionary {key: value}, from the encoded objects.
 std::string binaryDict(const std::string& key, const std::string& value) {
-    std::string out = "bplist00";
-    std::string offsets;
-    offsets += static_cast<char>(out.size());
-    out += "\xD1\x01\x02"; // dictionary of one entry: key object 1, value object 2
-    offsets += static_cast<char>(out.size());
-    out += key;
-    offsets += static_cast<char>(out.size());
-    out += value;
-    size_t tableAt = out.size();
-    out += offsets;
+    std::string out = std::string("bplist00") + "\xD1\x01\x02" + key + value;
+    out += {'\x08', '\x0B', static_cast<char>(11 + key.size())};
     std::string trailer(6, '\0');
-    trailer += '\x01'; // offset width
-    trailer += '\x01'; // object reference width
-    auto be64 = [](uint64_t v) {
-        std::string bytes(8, '\0');
-        for (int i = 7; i >= 0; --i, v >>= 8)
-            bytes[i] = static_cast<char>(v & 0xFF);
-        return bytes;
-    };
-    return out + trailer + be64(3) + be64(0) + be64(tableAt);
+    trailer += "\x01\x01"; // offset and object reference widths
+    for (uint64_t v : {uint64_t{3}, uint64_t{0}, uint64_t{out.size() - 3}}) // objects, top, table
+        for (int shift = 56; shift >= 0; shift -= 8)
+            trailer += static_cast<char>((v >> shift) & 0xFF);
+    return out + trailer;
 }
 
 std::string ascii(const std::string& text) {
@@ -112,8 +92,7 @@ std::string xmlDict(const std::string& inner) {
 
 } // namespace
 
-// The library cuts texts at a NUL (so that two keys could become one) and keeps dates in
-// 32 bits: such input is refused with its reason, in both forms read.
+// The library cuts texts at a NUL (two keys could become one) and keeps dates in 32 bits.
 TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
     // The hand-made binary form is sound: the same shapes without the fault parse.
     auto fine = PropertyList::parse(binaryDict(ascii("k"), ascii("v")));
@@ -121,7 +100,7 @@ TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
     EXPECT_EQ(*fine->find("k")->string(), "v");
     auto dated = PropertyList::parse(binaryDict(ascii("d"), binaryDate(86400.0)));
     ASSERT_TRUE(dated);
-    EXPECT_EQ(std::get<Date>(dated->find("d")->value()).timeIntervalSince1970(), 978307200.0 + 86400);
+    EXPECT_EQ(std::get<Date>(dated->find("d")->value()), Date(978307200.0 + 86400));
 
     const std::string nulUtf16 = std::string("\x62\x00\x61\x00\x00", 5); // "a\0" in UTF-16
     struct Case {
@@ -144,8 +123,9 @@ TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
         SystemLog::startCapture();
         std::string error;
         EXPECT_FALSE(PropertyList::parse(c.bytes, &error)) << c.reason;
-        EXPECT_NE(error.find(c.reason), std::string::npos) << error;
-        EXPECT_TRUE(SystemLog::capturedContains("property list refused")) << c.reason;
+        EXPECT_TRUE(error.find(c.reason) != std::string::npos &&
+                    SystemLog::capturedContains("property list refused"))
+            << error;
         SystemLog::stopCapture();
     }
     // A NUL-like reference that is not one, and dates at the edges, still read.
@@ -162,8 +142,4 @@ TEST(PropertyList, HugeRealsAreNoIntegers) {
         EXPECT_FALSE(PropertyList(huge).asInteger()) << huge;
     EXPECT_TRUE(SystemLog::capturedContains("out of the integer range"));
     SystemLog::stopCapture();
-    // Read from a file too: a real where an integer is expected.
-    auto read = PropertyList::parse(xmlDict("<key>n</key><real>1e300</real>"));
-    ASSERT_TRUE(read);
-    EXPECT_FALSE(read->find("n")->asInteger());
 }

@@ -1,18 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "platform/framework/ServerName.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 TEST(ServerName, RefusedCharactersAreEscapedAndComeBack) {
     EXPECT_EQ(ServerName::encode("Notes 10:30.txt"), "Notes 10%3A30.txt");
     EXPECT_EQ(ServerName::encode("a\\b*c?d\"e<f>g|h{i}"),
               "a%5Cb%2Ac%3Fd%22e%3Cf%3Eg%7Ch%7Bi%7D");
-    // Names without refused characters are stored exactly as they are, "%" included,
-    // so what earlier runs stored keeps its name.
+    // Names without refused characters, "%" included, are kept as earlier runs stored them.
     for (const char* plain : {"report.pdf", "100%.txt", "%20 and %zz", "é ü 漢字", "%", "%3"})
         EXPECT_EQ(ServerName::encode(plain), plain) << plain;
 
@@ -34,6 +30,3 @@ TEST(ServerName, PathsAreCodedNameByName) {
     EXPECT_EQ(ServerName::decodePath("Docs\\10%3A30\\a%3F.txt"), "Docs/10:30/a?.txt");
     EXPECT_EQ(ServerName::decodePath(ServerName::encodePath("a/b\\c/d")), "a/b\\c/d");
 }
-
-} // namespace
-} // namespace cirrovault

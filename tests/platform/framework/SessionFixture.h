@@ -1,25 +1,20 @@
 #pragma once
 
 #include <fstream>
-#include <memory>
-#include <string>
 
 #include <gtest/gtest.h>
 
 #include "common/TempHome.h"
+#include "platform/framework/CountingStore.h"
 #include "platform/framework/PathTreeController.h"
-#include "platform/os/ResultCodes.h"
 #include "platform/framework/TransferApiUtil.h"
 #include "platform/os/FileSystem.h"
+#include "platform/os/ResultCodes.h"
 #include "platform/store/local/LocalStore.h"
-#include "platform/framework/CountingStore.h"
-#include "platform/framework/TransferInfo.h"
-#include "platform/framework/UploadFileInfo.h"
 
 namespace cirrovault::test {
 
-// A logged-on service session over a real local store in a temporary home, reached
-// through a CountingStore.
+// A logged-on service session over a real local store in a temporary home, counting lists.
 class SessionFixture : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -39,10 +34,9 @@ protected:
     std::string makeFile(const std::string& name, const std::string& content,
                          double modifyTime = 1'600'000'000.25) {
         std::string path = home_.file(name);
-        auto slash = path.find_last_of('/');
-        FileSystem::createDirectories(path.substr(0, slash));
+        FileSystem::createDirectories(path.substr(0, path.find_last_of('/')));
         std::ofstream(path, std::ios::binary) << content;
-        FileSystem::setModifyTime(path, Date(modifyTime));
+        EXPECT_TRUE(FileSystem::setModifyTime(path, Date(modifyTime)));
         return path;
     }
     int64_t upload(const std::string& server, const std::string& local,

@@ -1,62 +1,54 @@
-#include <map>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "common/ManualClockScope.h"
+
 #include "platform/framework/Functions.h"
-#include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
-#include "platform/os/UrlCoding.h"
-#include "platform/os/Clock.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
+#include "platform/os/UrlCoding.h"
 #include "platform/store/FaultInjectingStore.h"
 
 using namespace cirrovault;
 
 namespace {
 
-// Keeps only a task-list document, with versions and compare-and-swap like a real store;
-// the server reaches nothing else, so there is no inner store.
+// Only a task-list document, versioned with compare-and-swap; the server needs nothing else.
 class MemoryTaskListStore : public FaultInjectingStore {
 public:
     MemoryTaskListStore() : FaultInjectingStore(nullptr) {}
     std::function<void()> beforeWrite; // runs once, before the next write; set while idle
-    bool failReads = false;
-    bool alwaysConflict = false;
+    bool failReads = false, alwaysConflict = false;
 
     std::string document() {
         std::lock_guard lock(mutex_);
         return document_;
+    }
+    int writes() {
+        std::lock_guard lock(mutex_);
+        return writes_;
     }
     void setDocument(const std::string& text) {
         std::lock_guard lock(mutex_);
         document_ = text;
         version_ = "v" + std::to_string(++writes_);
     }
-    int writes() {
-        std::lock_guard lock(mutex_);
-        return writes_;
-    }
-
     int64_t readTaskList(std::string& document, std::string& version) override {
         std::lock_guard lock(mutex_);
-        if (failReads)
-            return ResultCode::Failure;
         document = document_;
         version = version_;
-        return ResultCode::Success;
+        return failReads ? ResultCode::Failure : ResultCode::Success;
     }
     int64_t writeTaskList(const std::string& document,
                           const std::string& expectedVersion) override {
-        std::function<void()> hook;
-        {
-            std::lock_guard lock(mutex_);
-            hook = std::exchange(beforeWrite, nullptr);
-        }
-        if (hook)
+        std::unique_lock lock(mutex_);
+        if (auto hook = std::exchange(beforeWrite, nullptr)) {
+            lock.unlock();
             hook();
-        std::lock_guard lock(mutex_);
+            lock.lock();
+        }
         if (alwaysConflict || expectedVersion != version_)
             return ResultCode::Conflict;
         document_ = document;
@@ -66,9 +58,8 @@ public:
 
 private:
     std::mutex mutex_;
-    std::string document_; // guarded by mutex_
-    std::string version_;  // guarded by mutex_
-    int writes_ = 0;       // guarded by mutex_
+    std::string document_, version_; // guarded by mutex_
+    int writes_ = 0;                 // guarded by mutex_
 };
 
 const auto enc = UrlCoding::encode;
@@ -76,20 +67,20 @@ using Strings = std::vector<std::string>;
 using Codes = std::vector<int64_t>; // the codes of calls made in order, one comparison
 using namespace ResultCode;
 
-// A request as the client writes it; entries are {path, add?}.
-std::string request(const std::string& name, const std::string& action,
-                    const std::vector<std::pair<std::string, bool>>& entries = {},
+using Entries = std::vector<std::pair<std::string, bool>>; // {path, add?}
+
+// A request as the client writes it.
+std::string request(const std::string& name, const std::string& action, const Entries& entries = {},
                     const std::string& oldName = "", int taskID = 7) {
     std::string text =
         "TaskID=" + std::to_string(taskID) +
         "&ComputerID=18446744073709551615&TaskName=" + enc(name) +
-        "&Descr=" + enc("My docs & more") + "&PcName=box&Type=-2147483631" +
-        "&BackupDate=" + enc("2024-03-05 07:08:09") + "&ServerPath=" + enc("\\Backup\\" + name) +
-        "&FilterExts=" + enc("a b") + "|tmp|" +
-        "&FilterPaths=&MaxVersion=10&NextDate=" + enc("2024-03-06 00:00:00") +
-        "&BeginDate=" + enc("2024-02-05 07:08:09") + "&EndDate=" + enc("2099-01-01 00:00:00") +
-        "&ResumeDate=" + enc("1971-01-01 00:00:00") +
-        "&RemoteSize=123&IsResume=1&Upgraded=&OldTaskName=" +
+        "&Descr=My%20docs%20%26%20more&PcName=box&Type=-2147483631" +
+        "&BackupDate=2024-03-05%2007%3A08%3A09&ServerPath=" + enc("\\Backup\\" + name) +
+        "&FilterExts=a%20b|tmp|&FilterPaths=&MaxVersion=10&NextDate=2024-03-06%2000%3A00%3A00"
+        "&BeginDate=2024-02-05%2007%3A08%3A09&EndDate=2099-01-01%2000%3A00%3A00"
+        "&ResumeDate=1971-01-01%2000%3A00%3A00&RemoteSize=123&IsResume=1&Upgraded="
+        "&OldTaskName=" +
         enc(oldName.empty() ? name : oldName) + "&Action=" + action + "&";
     for (size_t i = 0; i < entries.size(); ++i) {
         std::string n = std::to_string(i);
@@ -110,15 +101,19 @@ Strings pathsOf(TaskListServer& server, const std::string& name) {
 struct Fixture {
     std::shared_ptr<MemoryTaskListStore> store = std::make_shared<MemoryTaskListStore>();
     TaskListServer server{store, true};
+    int64_t up(const std::string& name, const std::string& action, const Entries& entries = {},
+               const std::string& oldName = "", int taskID = 7) {
+        return server.UploadTaskList(request(name, action, entries, oldName, taskID));
+    }
 };
 
 } // namespace
 
 TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/home/u/Docs", true}})), 0);
-    ASSERT_EQ(f.server.UploadTaskList(request("Mail|x", "Add")), BadRequest);
-    ASSERT_EQ(f.server.UploadTaskList(request("Photos", "Add", {}, "", 9)), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/home/u/Docs", true}}), 0);
+    ASSERT_EQ(f.up("Mail|x", "Add"), BadRequest);
+    ASSERT_EQ(f.up("Photos", "Add", {}, "", 9), 0);
 
     std::string reply;
     ASSERT_EQ(f.server.getTaskList("", "false", reply), 0);
@@ -138,9 +133,9 @@ TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
               0u); // the paths were not asked for
 
     ASSERT_EQ(f.server.getTaskList("Docs", "true", reply), 0);
-    EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (Strings{"Docs"}));
-    EXPECT_EQ(valuesOf("RETURN_Path", reply), (Strings{"/home/u/Docs"}));
-    EXPECT_EQ(valuesOf("RETURN_IsFolder", reply), (Strings{"1"}));
+    EXPECT_EQ((std::vector{valuesOf("RETURN_TaskName", reply), valuesOf("RETURN_Path", reply),
+                           valuesOf("RETURN_IsFolder", reply)}),
+              (std::vector<Strings>{{"Docs"}, {"/home/u/Docs"}, {"1"}}));
     ASSERT_EQ(f.server.getTaskList("Nothing", "true", reply), 0);
     EXPECT_EQ(reply, "");
     EXPECT_EQ(f.server.getTaskList("", "yes", reply), BadRequest);
@@ -150,16 +145,15 @@ TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
 
 TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}})), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
     const std::string before = f.store->document();
     const int writes = f.store->writes();
 
     std::string good = request("Docs", "Edit", {{"/b", true}, {"/c", true}});
     auto replaced = [&](const std::string& from, const std::string& to) {
         std::string text = good;
-        size_t at = text.find(from);
-        EXPECT_NE(at, std::string::npos) << from;
-        return text.replace(at, from.size(), to);
+        EXPECT_NE(text.find(from), text.npos) << from;
+        return text.replace(text.find(from), from.size(), to);
     };
     const std::vector<std::string> damaged = {
         "",
@@ -195,8 +189,7 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
         EXPECT_EQ(f.server.UploadTaskList(text), BadRequest) << text;
     EXPECT_TRUE(SystemLog::capturedContains("Error: task list request refused"));
     SystemLog::stopCapture();
-    EXPECT_EQ(f.store->document(), before);
-    EXPECT_EQ(f.store->writes(), writes);
+    EXPECT_TRUE(f.store->document() == before && f.store->writes() == writes);
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a"}));
 
     EXPECT_EQ(f.server.UploadTaskList(good), 0); // the undamaged text is taken
@@ -207,29 +200,26 @@ TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
     Fixture f;
     TaskListServer loggedOff(f.store, false);
     std::string reply = "stale", names;
-    EXPECT_EQ((Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
-                     loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
-                     loggedOff.deleteTasks("Docs"), f.server.UploadTaskList(request("", "Add")),
-                     f.server.UploadTaskList(request("Docs", "Edit"))}),
-              (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound}));
+    EXPECT_EQ(
+        (Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
+               loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
+               loggedOff.deleteTasks("Docs"), f.up("", "Add"), f.up("Docs", "Edit")}),
+        (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound}));
     EXPECT_EQ(reply, "");
     EXPECT_EQ(f.store->writes(), 0);
 
     for (auto name : {"A", "B", "C", "Docs"})
-        ASSERT_EQ(f.server.UploadTaskList(request(name, "Add")), 0);
-    ASSERT_EQ(f.server.UploadTaskList(request("Music", "Add", {}, "", 8)), 0);
-    // Added twice, renamed onto a taken name, renamed to nothing; deletes of nothing, of
-    // one, of several with one already gone.
-    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
-                     f.server.UploadTaskList(request("Music", "Edit", {}, "Docs")),
-                     f.server.UploadTaskList(request("", "Edit", {}, "Docs")),
-                     f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
-                     f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
-              (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
+        ASSERT_EQ(f.up(name, "Add"), 0);
+    ASSERT_EQ(f.up("Music", "Add", {}, "", 8), 0);
+    // Added twice, renamed onto a taken name or to nothing; deletes of nothing, one, several.
+    EXPECT_EQ(
+        (Codes{f.up("Docs", "Add"), f.up("Music", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
+               f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
+               f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
+        (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
     ASSERT_EQ(f.server.getTaskNames("false", names), 0);
     EXPECT_EQ(names, "Docs|Music");
-    EXPECT_EQ(f.server.deleteTasks("Docs|Music"), 0);
-    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
+    ASSERT_EQ(f.server.deleteTasks("Docs|Music") + f.server.getTaskNames("false", names), 0);
     EXPECT_EQ(names, "");
 }
 
@@ -238,8 +228,8 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     std::string reply;
     f.store->setDocument("<plist>not a task list");
     SystemLog::startCapture();
-    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
-                     f.server.getTaskList("", "false", reply), f.server.deleteTasks("Docs")}),
+    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskList("", "false", reply),
+                     f.server.deleteTasks("Docs")}),
               (Codes{StorageError, StorageError, StorageError}));
     EXPECT_TRUE(SystemLog::capturedContains("damaged task list document"));
     SystemLog::stopCapture();
@@ -250,18 +240,16 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
         R"(<?xml version="1.0"?><plist version="1.0"><dict><key>FormatVersion</key>)"
         R"(<integer>1</integer><key>Tasks</key><array><string>x</string></array>)"
         R"(</dict></plist>)");
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Add")), StorageError);
+    EXPECT_EQ(f.up("Docs", "Add"), StorageError);
 
     f.store->setDocument("");
     f.store->failReads = true;
-    EXPECT_EQ((Codes{f.server.UploadTaskList(request("Docs", "Add")),
-                     f.server.getTaskNames("true", reply)}),
+    EXPECT_EQ((Codes{f.up("Docs", "Add"), f.server.getTaskNames("true", reply)}),
               (Codes{StorageError, StorageError}));
 
-    // A NUL byte in a task name is refused before it reaches the parser, which would end
-    // the process, and the document stays as it is.
+    // A NUL byte in a name is refused before the parser (which would end the process) sees it.
     f.store->failReads = false;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), Success);
+    ASSERT_EQ(f.up("Docs", "Add"), Success);
     std::string withNul = f.store->document();
     ASSERT_NE(withNul.find(">Docs<"), std::string::npos) << withNul;
     withNul.insert(withNul.find(">Docs<") + 3, 1, '\0');
@@ -272,15 +260,11 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
 
 TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}, {"/b", true}})), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}, {"/b", true}}), 0);
     // A rename with paths: removing /a, adding /b again (no duplicate) and /c.
-    ASSERT_EQ(f.server.UploadTaskList(
-                  request("Papers", "Edit", {{"/a", false}, {"/b", true}, {"/c", true}}, "Docs")),
-              0);
+    ASSERT_EQ(f.up("Papers", "Edit", {{"/a", false}, {"/b", true}, {"/c", true}}, "Docs"), 0);
     // The next batch of the same edit still names the old task; it finds the renamed one.
-    ASSERT_EQ(
-        f.server.UploadTaskList(request("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs")),
-        0);
+    ASSERT_EQ(f.up("Papers", "Edit", {{"/d", true}, {"/zz", false}}, "Docs"), 0);
     std::string names, reply;
     ASSERT_EQ(f.server.getTaskNames("true", names), 0);
     ASSERT_EQ(f.server.getTaskList("Papers", "false", reply), 0);
@@ -288,51 +272,39 @@ TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
     EXPECT_EQ(pathsOf(f.server, "Papers"), (Strings{"/b", "/c", "/d"}));
 
     // Another task that merely has the new name is not taken for the old one.
-    EXPECT_EQ(f.server.UploadTaskList(request("Papers", "Edit", {}, "Docs", 99)),
-              OldTaskNotFound);
-
-    auto document = TaskListDocument::parse(f.store->document());
-    ASSERT_TRUE(document);
-    ASSERT_EQ(document->tasks.size(), 1u);
-    EXPECT_EQ(document->tasks[0].computerID, UINT64_MAX);
-    EXPECT_EQ(TaskListDocument::parse(document->serialize()), document);
+    EXPECT_EQ(f.up("Papers", "Edit", {}, "Docs", 99), OldTaskNotFound);
 }
 
 TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles) {
-    struct ClockGuard { // back-off pauses pass on a manual clock
-        ClockGuard() { Clock::setShared(std::make_shared<ManualClock>()); }
-        ~ClockGuard() { Clock::setShared(nullptr); }
-    } clock;
+    test::ManualClockScope clock;
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add", {{"/a", true}})), 0);
+    ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
     // Another client adds a path between this request's read and its write.
     f.store->beforeWrite = [&] {
-        TaskListServer other(f.store, true);
-        ASSERT_EQ(other.UploadTaskList(request("Docs", "Edit", {{"/other", true}})), 0);
+        ASSERT_EQ(Fixture{f.store}.up("Docs", "Edit", {{"/other", true}}), 0);
     };
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/mine", true}})), 0);
+    ASSERT_EQ(f.up("Docs", "Edit", {{"/mine", true}}), 0);
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/other", "/mine"}));
 
     f.store->alwaysConflict = true;
     SystemLog::startCapture();
-    EXPECT_EQ(f.server.UploadTaskList(request("Docs", "Edit", {{"/never", true}})),
-              StorageError);
+    EXPECT_EQ(f.up("Docs", "Edit", {{"/never", true}}), StorageError);
     EXPECT_TRUE(SystemLog::capturedContains("gave up after"));
     SystemLog::stopCapture();
 }
 
 TEST(TaskListServerConcurrency, ThreadsEditingOneTaskLoseNoPath) {
     Fixture f;
-    ASSERT_EQ(f.server.UploadTaskList(request("Docs", "Add")), 0);
+    ASSERT_EQ(f.up("Docs", "Add"), 0);
     constexpr int kThreads = 4, kPaths = 25;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
-            TaskListServer server(f.store, true);
-            for (int i = 0; i < kPaths; ++i) {
-                std::string path = "/t" + std::to_string(t) + "/" + std::to_string(i);
-                EXPECT_EQ(server.UploadTaskList(request("Docs", "Edit", {{path, true}})), 0);
-            }
+            Fixture client{f.store};
+            for (int i = 0; i < kPaths; ++i)
+                EXPECT_EQ(client.up("Docs", "Edit",
+                                    {{"/t" + std::to_string(t) + "/" + std::to_string(i), true}}),
+                          0);
         });
     for (auto& thread : threads)
         thread.join();

@@ -1,9 +1,6 @@
-#include <atomic>
 #include <chrono>
 #include <csignal>
-#include <mutex>
 #include <spawn.h>
-#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -20,43 +17,32 @@
 #define CV_TEST_SD_BUS 1
 #endif
 
-extern char** environ;
-
 namespace cirrovault::test {
 namespace {
 
 #ifdef CV_TEST_SD_BUS
 
-// What a notification service on the bus was asked to show.
+// What a notification service on the bus was asked to show: the last summary and body,
+// and the urgency of each notification, one digit each. Read after its thread ended.
 struct Shown {
-    std::mutex mutex;
-    std::string summary, body;
-    std::string urgencies; // one digit a notification, in order
+    std::string summary, body, urgencies;
 };
 
 int onNotify(sd_bus_message* m, void* data, sd_bus_error*) {
     auto* shown = static_cast<Shown*>(data);
-    const char *app, *icon, *summary, *body;
+    const char *app, *icon, *summary, *body, *key;
     uint32_t replaces;
     if (sd_bus_message_read(m, "susss", &app, &replaces, &icon, &summary, &body) < 0 ||
         sd_bus_message_skip(m, "as") < 0 || sd_bus_message_enter_container(m, 'a', "{sv}") < 0)
         return -EINVAL;
     uint8_t urgency = 255;
     while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
-        const char* key;
         sd_bus_message_read(m, "s", &key);
-        if (std::string(key) == "urgency")
-            sd_bus_message_read(m, "v", "y", &urgency);
-        else
-            sd_bus_message_skip(m, "v");
+        std::string(key) == "urgency" ? sd_bus_message_read(m, "v", "y", &urgency)
+                                      : sd_bus_message_skip(m, "v");
         sd_bus_message_exit_container(m);
     }
-    {
-        std::lock_guard lock(shown->mutex);
-        shown->summary = summary;
-        shown->body = body;
-        shown->urgencies += std::to_string(urgency);
-    }
+    *shown = {summary, body, shown->urgencies + std::to_string(urgency)};
     return sd_bus_reply_method_return(m, "u", uint32_t{7});
 }
 
@@ -70,14 +56,13 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0)
         GTEST_SKIP() << "no dbus-daemon for a private session bus";
     TempHome home;
-    std::string socket = home.file("bus");
+    std::string socket = home.file("bus"), listen = "--address=unix:path=" + socket;
     ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + socket);
-    std::string listen = "--address=unix:path=" + socket;
     const char* argv[] = {"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile",
                           listen.c_str(), nullptr};
     pid_t daemon = 0;
-    ASSERT_EQ(::posix_spawn(&daemon, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ), 0);
-    // Waits for the bus to come up, not for any schedule.
+    ASSERT_EQ(::posix_spawn(&daemon, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ),
+              0);
     for (int i = 0; i < 100 && !FileSystem::exists(socket); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
 
@@ -95,16 +80,14 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
                                      "org.freedesktop.Notifications", NotificationsTable, &shown) >= 0 &&
             sd_bus_request_name(bus, "org.freedesktop.Notifications", 0) >= 0) {
             serving = true;
-            while (!stop) {
-                if (sd_bus_process(bus, nullptr) > 0)
-                    continue;
-                sd_bus_wait(bus, 100'000);
-            }
+            while (!stop)
+                if (sd_bus_process(bus, nullptr) <= 0)
+                    sd_bus_wait(bus, 100'000);
         }
         sd_bus_slot_unref(slot);
         sd_bus_flush_close_unref(bus);
     });
-    for (int i = 0; i < 100 && !serving; ++i)
+    for (int i = 0; i < 100 && !serving; ++i) // waits for the bus and the service to come up
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_TRUE(serving);
 
@@ -112,7 +95,7 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     EXPECT_TRUE(DesktopNotifier::notify("Backup finished: \"Docs\"", "Sent: 2 KB", false));
     stop = true;
     service.join();
-    // The failure critical, the finish normal. The service thread has ended: no lock needed.
+    // The failure critical, the finish normal.
     EXPECT_EQ(std::tie(shown.summary, shown.body, shown.urgencies),
               std::make_tuple("Backup finished: \"Docs\"", "Sent: 2 KB", "21"));
     ::kill(daemon, SIGTERM);

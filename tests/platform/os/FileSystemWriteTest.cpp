@@ -1,46 +1,39 @@
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <string>
 #include <thread>
-#include <vector>
+#include <unistd.h>
 
 #include "common/FileModes.h"
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 
 using namespace cirrovault;
-
-// Only the file written is left: a temporary left behind shows up here.
-const std::vector<std::string> OnlyData = {"data.plist"};
+using test::permissionsOf;
 
 TEST(FileSystemWrite, AtomicWritesReplaceWholeAndLeaveNoTemporary) {
     test::TempHome home;
-    const std::string folder = home.file("w");
+    const std::string folder = home.file("w"), path = folder + "/data.plist";
     ASSERT_TRUE(FileSystem::createDirectories(folder));
-    const std::string path = folder + "/data.plist";
+    // Only the file written is left: a temporary left behind shows up in the listing.
+    const std::vector<std::string> onlyData = {"data.plist"};
 
     ASSERT_TRUE(FileSystem::writeFileAtomically(path, "first, and longer"));
     ASSERT_TRUE(FileSystem::writeFileAtomically(path, "second"));
     EXPECT_EQ(FileSystem::readFile(path), "second");
-
     const std::string secret = folder + "/secret.plist";
     ASSERT_TRUE(FileSystem::writePrivateFileAtomically(secret, "phrase"));
     EXPECT_EQ(FileSystem::readFile(secret), "phrase");
-    EXPECT_EQ(FileSystem::status(secret)->mode & 0777, 0600u);
+    EXPECT_EQ(permissionsOf(secret), 0600u);
     FileSystem::removeItem(secret);
-    EXPECT_EQ(FileSystem::listDirectory(folder), OnlyData);
+    EXPECT_EQ(FileSystem::listDirectory(folder), onlyData);
 
     // A folder in the way: the rename fails and the temporary is removed again.
-    const std::string blocked = folder + "/blocked";
-    ASSERT_TRUE(FileSystem::createDirectories(blocked + "/inside"));
-    EXPECT_FALSE(FileSystem::writeFileAtomically(blocked, "x"));
-    EXPECT_FALSE(FileSystem::writePrivateFileAtomically(blocked, "x"));
-    FileSystem::removeAll(blocked);
-    EXPECT_EQ(FileSystem::listDirectory(folder), OnlyData);
-    EXPECT_FALSE(FileSystem::writeFileAtomically(folder + "/missing/file", "x"));
+    ASSERT_TRUE(FileSystem::createDirectories(folder + "/blocked/inside"));
+    EXPECT_FALSE(FileSystem::writeFileAtomically(folder + "/blocked", "x") ||
+                 FileSystem::writePrivateFileAtomically(folder + "/blocked", "x") ||
+                 FileSystem::writeFileAtomically(folder + "/missing/file", "x"));
+    FileSystem::removeAll(folder + "/blocked");
+    EXPECT_EQ(FileSystem::listDirectory(folder), onlyData);
 }
 
 TEST(FileSystemWrite, FoldersGetExactlyTheirModeWhateverTheUmask) {
@@ -50,23 +43,23 @@ TEST(FileSystemWrite, FoldersGetExactlyTheirModeWhateverTheUmask) {
         ASSERT_TRUE(FileSystem::createDirectories(home.file("a/b/c")));
         ASSERT_TRUE(FileSystem::createEmptyFile(home.file("a/db"), 0600));
     }
-    for (const char* folder : {"a", "a/b", "a/b/c"})
-        EXPECT_EQ(test::permissionsOf(home.file(folder)), 0700u) << folder;
-    EXPECT_EQ(test::permissionsOf(home.file("a/db")), 0600u);
     {
         test::UmaskScope closed(077); // nor take away what a caller asked for
         ASSERT_TRUE(FileSystem::createDirectories(home.file("a/b/shared/x/"), 0755));
     }
-    EXPECT_EQ(test::permissionsOf(home.file("a/b/shared")), 0755u);
-    EXPECT_EQ(test::permissionsOf(home.file("a/b/shared/x")), 0755u);
-    EXPECT_EQ(test::permissionsOf(home.file("a/b")), 0700u) << "a folder that was there is left alone";
+    // A folder that was there is left alone.
+    EXPECT_EQ((std::vector{permissionsOf(home.file("a")), permissionsOf(home.file("a/b")),
+                           permissionsOf(home.file("a/b/c")), permissionsOf(home.file("a/db")),
+                           permissionsOf(home.file("a/b/shared")),
+                           permissionsOf(home.file("a/b/shared/x"))}),
+              (std::vector<uint32_t>{0700, 0700, 0700, 0600, 0755, 0755}));
 
     ASSERT_TRUE(FileSystem::writeFileAtomically(home.file("a/file"), "x"));
     EXPECT_FALSE(FileSystem::createDirectories(home.file("a/file/sub")));
     // A link is refused rather than followed to what it names.
     ASSERT_EQ(::symlink(home.file("a/file").c_str(), home.file("a/link").c_str()), 0);
     EXPECT_FALSE(FileSystem::setPermissions(home.file("a/link"), 0777));
-    EXPECT_EQ(test::permissionsOf(home.file("a/file")), 0644u);
+    EXPECT_EQ(permissionsOf(home.file("a/file")), 0644u);
 }
 
 TEST(FileSystemWriteThread, WriteAllGoesOnPastShortWritesAndReportsFailure) {
@@ -85,7 +78,6 @@ TEST(FileSystemWriteThread, WriteAllGoesOnPastShortWritesAndReportsFailure) {
     reader.join();
     ::close(fds[0]);
     EXPECT_EQ(received.size(), data.size());
-
     EXPECT_FALSE(FileSystem::writeAll(-1, "x", 1));
     EXPECT_EQ(errno, EBADF);
 }

@@ -1,39 +1,30 @@
-#include <memory>
-
 #include <gtest/gtest.h>
 
-#include "platform/os/Clock.h"
+#include "common/ManualClockScope.h"
 #include "platform/os/TokenBucket.h"
 
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
 
 TEST(TokenBucket, PacesTakersWithoutHoardingAndStopsWaitingWhenAsked) {
-    auto clock = std::make_shared<ManualClock>();
-    Clock::setShared(clock);
-    auto since = [&](Date start) { return clock->now().timeIntervalSinceDate(start); };
-    {
-        TokenBucket bucket(1000);
-        Date start = clock->now();
-        EXPECT_TRUE(bucket.take(1000, nullptr)); // one second's allowance at once
-        EXPECT_EQ(since(start), 0.0);
-        EXPECT_TRUE(bucket.take(3000, nullptr));
-        EXPECT_NEAR(since(start), 3.0, 0.11);
+    test::ManualClockScope scope;
+    auto& clock = *scope.clock;
+    Date start = clock.now();
+    auto since = [&] { return clock.now().timeIntervalSinceDate(start); };
+    TokenBucket bucket(1000);
+    EXPECT_TRUE(bucket.take(1000, nullptr)); // one second's allowance at once
+    EXPECT_EQ(since(), 0.0);
+    EXPECT_TRUE(bucket.take(3000, nullptr));
+    EXPECT_NEAR(since(), 3.0, 0.11);
 
-        // An idle hour buys one second, not an hour's burst.
-        clock->advance(3600);
-        start = clock->now();
-        EXPECT_TRUE(bucket.take(2000, nullptr));
-        EXPECT_NEAR(since(start), 1.0, 0.11);
+    // An idle hour buys one second, not an hour's burst.
+    clock.advance(3600);
+    start = clock.now();
+    EXPECT_TRUE(bucket.take(2000, nullptr));
+    EXPECT_NEAR(since(), 1.0, 0.11);
 
-        // A wait told to stop ends within a slice, long before its bytes are paid for.
-        int asked = 0;
-        start = clock->now();
-        EXPECT_FALSE(bucket.take(10000, [&] { return ++asked < 3; }));
-        EXPECT_LE(since(start), 0.3);
-    }
-    Clock::setShared(nullptr);
+    // A wait told to stop ends within a slice, long before its bytes are paid for.
+    int asked = 0;
+    start = clock.now();
+    EXPECT_FALSE(bucket.take(10000, [&] { return ++asked < 3; }));
+    EXPECT_LE(since(), 0.3);
 }
-
-} // namespace
-} // namespace cirrovault

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <unistd.h>
@@ -17,8 +16,6 @@ using namespace cirrovault;
 using test::ScopedEnv;
 using test::TempHome;
 
-namespace {
-
 // A listener that ended leaves a file that refuses; the next listener replaces it.
 TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     TempHome home;
@@ -28,8 +25,7 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     std::string path = folder + "/a.sock";
 
     UnixSocket::Connect how;
-    EXPECT_FALSE(UnixSocket::connect(path, &how).valid());
-    EXPECT_EQ(how, UnixSocket::Connect::Absent);
+    EXPECT_FALSE(UnixSocket::connect(path, &how).valid() || how != UnixSocket::Connect::Absent);
     {
         UnixSocket listener = UnixSocket::listen(path);
         ASSERT_TRUE(listener.valid());
@@ -41,15 +37,15 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
 
         std::string line;
         EXPECT_EQ(server.readLine(line, 0.05), UnixSocket::Read::Timeout);
-        ASSERT_TRUE(client.sendLine("backup two words\\nand more"));
-        ASSERT_TRUE(client.sendLine(""));
-        ASSERT_EQ(server.readLine(line, 5), UnixSocket::Read::Line);
-        EXPECT_EQ(line, "backup two words\\nand more");
-        ASSERT_EQ(server.readLine(line, 5), UnixSocket::Read::Line);
-        EXPECT_EQ(line, "");
+        // What came after a line waits for the next read.
+        ASSERT_TRUE(client.sendLine("backup two words\\nand more") && client.sendLine(""));
+        auto next = [&](UnixSocket& from) {
+            return from.readLine(line, 5) == UnixSocket::Read::Line ? "[" + line + "]" : "-";
+        };
+        std::string first = next(server);
+        EXPECT_EQ(first + next(server), "[backup two words\\nand more][]");
         ASSERT_TRUE(server.sendLine("pong 1"));
-        ASSERT_EQ(client.readLine(line, 5), UnixSocket::Read::Line);
-        EXPECT_EQ(line, "pong 1");
+        EXPECT_EQ(next(client), "[pong 1]");
 
         // A peer that floods without a line end is cut off, not buffered without end.
         std::string flood(70 * 1024, 'x');
@@ -61,15 +57,13 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
         EXPECT_FALSE(listener.accept(0).valid());
     }
     ASSERT_TRUE(FileSystem::exists(path));
-    EXPECT_FALSE(UnixSocket::connect(path, &how).valid());
-    EXPECT_EQ(how, UnixSocket::Connect::Refused);
+    EXPECT_FALSE(UnixSocket::connect(path, &how).valid() || how != UnixSocket::Connect::Refused);
     UnixSocket again = UnixSocket::listen(path);
     ASSERT_TRUE(again.valid());
     EXPECT_TRUE(UnixSocket::connect(path, &how).valid());
 }
 
-// Without XDG_RUNTIME_DIR the sockets go to a folder of our own under /tmp, closed to
-// others even when it was found open.
+// Without XDG_RUNTIME_DIR: our own folder under /tmp, closed even when it was found open.
 TEST(UnixSocket, RuntimeFolderWithoutXdgIsOursAndClosed) {
     ScopedEnv runtime("XDG_RUNTIME_DIR", std::nullopt);
     std::string expected = "/tmp/cirrovault-" + std::to_string(getuid());
@@ -84,8 +78,7 @@ TEST(UnixSocket, RuntimeFolderWithoutXdgIsOursAndClosed) {
         FileSystem::removeItem(expected);
 }
 
-// A systemctl that hangs ends as soon as the caller's cancel flag turns true, long before
-// its own time limit (which is past the test's, so a wait that ignored the flag fails).
+// Its own time limit is past the test's: a wait that ignored the cancel flag fails.
 TEST(UserUnits, SystemctlStopsOnTheCancelFlag) {
     TempHome home;
     std::string bin = home.file("bin");
@@ -102,5 +95,3 @@ TEST(UserUnits, SystemctlStopsOnTheCancelFlag) {
     EXPECT_FALSE(UserUnits::systemctl({"daemon-reload"}, 1000));
     press.join();
 }
-
-} // namespace

@@ -1,8 +1,5 @@
 #include <fcntl.h>
-#include <memory>
-#include <optional>
 #include <stdlib.h>
-#include <string>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -16,7 +13,8 @@
 #include "common/TempHome.h"
 #include "platform/os/FileSystem.h"
 
-namespace cirrovault {
+using namespace cirrovault;
+
 namespace {
 
 TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreads) {
@@ -38,9 +36,8 @@ TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreads) {
     });
     backend.runModal(outer);
     other.join();
-    EXPECT_EQ(seenInner, inner);
-    EXPECT_EQ(seenOuter, outer);
-    EXPECT_EQ(backend.modalWindow(), nullptr);
+    EXPECT_EQ(std::make_tuple(seenInner, seenOuter, backend.modalWindow()),
+              std::make_tuple(inner, outer, std::shared_ptr<ViewWindow>()));
     // A closed window never runs modally, and no one waits for it.
     backend.runModal(outer);
     EXPECT_FALSE(backend.waitUntilModal(*outer));
@@ -55,19 +52,18 @@ TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
     other->setText(ViewOutlet::LogOnStr, "a"); // another layout does not count
     window->setText(ViewOutlet::LogOnStr, "a");
     EXPECT_EQ(window->pressCount(ViewButton::Cancel), 0);
-    window->setText(ViewOutlet::LogOnStr, "b");
-    window->setText(ViewOutlet::LogOnStr, "c");
-    window->setText(ViewOutlet::RetryLogonStr, "in 31");
-    window->setText(ViewOutlet::RetryLogonStr, "in 30");
-    window->setText(ViewOutlet::RetryLogonStr, "in 30");
-    EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
-    EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
+    for (const char* text : {"b", "c"})
+        window->setText(ViewOutlet::LogOnStr, text);
+    for (const char* text : {"in 31", "in 30", "in 30"})
+        window->setText(ViewOutlet::RetryLogonStr, text);
+    EXPECT_EQ(std::make_pair(window->pressCount(ViewButton::Cancel),
+                             window->pressCount(ViewButton::Retry)),
+              std::make_pair(1, 1));
     EXPECT_EQ(backend.textsOf(ViewLayout::LoopDialog, ViewOutlet::LogOnStr),
               (std::vector<std::string>{"a", "b", "c"}));
 }
 
-// Stands in for a terminal that is not there: keys from a pipe nobody writes to, and
-// output to a file, as when stderr is redirected.
+// No terminal: keys from a pipe nobody writes to, output to a file (stderr redirected).
 struct NoTerminal {
     NoTerminal() { EXPECT_EQ(::pipe(keys), 0); }
     ~NoTerminal() {
@@ -83,9 +79,7 @@ struct NoTerminal {
 // A pseudo-terminal: the program's side (slave) and the user's (master).
 struct Pty {
     explicit Pty(int flags = 0) : master(::posix_openpt(O_RDWR | O_NOCTTY | flags)) {
-        EXPECT_GE(master, 0);
-        EXPECT_EQ(::grantpt(master), 0);
-        EXPECT_EQ(::unlockpt(master), 0);
+        EXPECT_TRUE(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0);
         slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
         EXPECT_GE(slave, 0);
     }
@@ -93,16 +87,10 @@ struct Pty {
         ::close(slave);
         ::close(master);
     }
-    std::string drawn() {
-        char buffer[4096];
-        ssize_t n = ::read(master, buffer, sizeof buffer);
-        EXPECT_GT(n, 0);
-        return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
-    }
     int master, slave = -1;
 };
 
-TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
+TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
     NoTerminal none;
     TerminalViewBackend backend({none.keys[0], none.out, ViewButton::Cancel});
     EXPECT_FALSE(backend.interactive());
@@ -120,76 +108,60 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersRetryPage) {
     backend.runModal(window);
     worker.join();
     EXPECT_TRUE(cancelled);
+
+    // A question nobody can answer takes the default set for its style.
+    TerminalMessagebox box(none.keys[0], none.out);
+    box.defaults().setDefaultAnswer(MessageboxStyle::RetryCancel, MessageboxAnswer::Retry);
+    EXPECT_EQ(std::make_pair(box.showMessage("", "Delete it?", MessageboxStyle::YesNo),
+                             box.showMessage("", "Again?", MessageboxStyle::RetryCancel)),
+              std::make_pair(MessageboxAnswer::No, MessageboxAnswer::Retry));
+    EXPECT_EQ(box.chooseFolder("Where?"), "");
     std::string printed = none.printed();
-    EXPECT_NE(printed.find("Signing in...\n"), std::string::npos);
-    EXPECT_NE(printed.find("Trying again in 59 seconds\n"), std::string::npos);
+    for (const char* line :
+         {"Signing in...\n", "Trying again in 59 seconds\n", "Delete it? (answered 4)"})
+        EXPECT_NE(printed.find(line), std::string::npos) << line;
     EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
 }
 
-// A terminal that must not be redrawn (TERM=dumb, or the user's NO_COLOR) gets the plain
-// lines of a log: no cursor moves, no hidden cursor.
+// TERM=dumb or the user's NO_COLOR: plain lines, as without a terminal.
 TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
-    Pty pty(O_NONBLOCK);
+    Pty pty;
     int slave = pty.slave;
     struct Case {
         std::optional<std::string> term, noColor;
         bool redraw;
     };
-    for (const Case& c : {Case{"xterm", std::nullopt, true}, Case{"xterm", "", true}, Case{"dumb", std::nullopt, false},
+    for (const Case& c : {Case{"xterm", std::nullopt, true}, Case{"xterm", "", true},
+                          Case{"dumb", std::nullopt, false},
                           Case{std::nullopt, std::nullopt, false}, Case{"xterm", "1", false}}) {
         test::ScopedEnv term("TERM", c.term), color("NO_COLOR", c.noColor);
-        EXPECT_EQ(TerminalConsole::canRedraw(slave), c.redraw) << c.term.value_or("(unset)");
         TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
-        EXPECT_EQ(backend.interactive(), c.redraw);
-        if (c.redraw)
-            continue;
-        auto window = backend.createWindow(ViewLayout::ProgressWindow);
-        window->setAction(ViewEvent::Shown, [&] {
-            window->setText(ViewOutlet::Message, "Backing up");
-            backend.abortModal(*window);
-        });
-        backend.runModal(window);
-        std::string shown = pty.drawn();
-        EXPECT_NE(shown.find("Backing up"), std::string::npos);
-        EXPECT_EQ(shown.find('\033'), std::string::npos) << shown;
+        EXPECT_TRUE(TerminalConsole::canRedraw(slave) == c.redraw &&
+                    backend.interactive() == c.redraw)
+            << c.term.value_or("(unset)");
     }
     EXPECT_FALSE(TerminalConsole::canRedraw(pty.master + 1000)); // not a terminal at all
 }
 
-TEST(TerminalBackendThread, PseudoTerminalKeysPressButtons) {
-    test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
-    Pty pty;
-    int master = pty.master, slave = pty.slave;
-    TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
-    EXPECT_TRUE(backend.interactive());
-    auto window = backend.createWindow(ViewLayout::LoopDialog);
-    window->selectTab(2);
-    window->setAction(ViewButton::Retry, [&] { ::write(master, "c", 1); });
-    window->setAction(ViewButton::Cancel, [&] { backend.abortModal(*window); });
-    window->setAction(ViewEvent::Shown, [&] { ::write(master, "xr", 2); });
-    backend.runModal(window); // r presses Retry, whose action types c: Cancel ends it
-    EXPECT_EQ(window->pressCount(ViewButton::Retry), 1);
-    EXPECT_EQ(window->pressCount(ViewButton::Cancel), 1);
-    EXPECT_NE(pty.drawn().find("[r] Retry"), std::string::npos);
-}
-
-// Cancel's confirmation is asked while the window holds the keys raw: it waits for the
-// answer typed as a line instead of taking the default at once.
-TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
+// Cancel's confirmation, asked while the window holds the keys raw, waits for a typed line.
+TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForItsAnswer) {
     test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
     Pty pty(O_NONBLOCK); // the typist polls what is drawn
     int master = pty.master, slave = pty.slave;
     TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
+    EXPECT_TRUE(backend.interactive());
     TerminalMessagebox box(slave, slave);
-    auto window = backend.createWindow(ViewLayout::DownloadProgressWindow);
+    auto window = backend.createWindow(ViewLayout::LoopDialog);
+    window->selectTab(2);
     int answer = 0;
+    window->setAction(ViewButton::Retry, [&] { ::write(master, "c", 1); });
     window->setAction(ViewButton::Cancel, [&] {
         answer = box.showMessage("", "Stop restoring?", MessageboxStyle::YesNo);
         backend.abortModal(*window);
     });
-    window->setAction(ViewEvent::Shown, [&] { ::write(master, "c", 1); });
+    window->setAction(ViewEvent::Shown, [&] { ::write(master, "xr", 2); });
+    std::string seen;
     Thread typist([&] {
-        std::string seen;
         char buffer[512];
         for (int i = 0; i < 500 && seen.find("Stop restoring?") == std::string::npos; ++i) {
             ::usleep(10000);
@@ -200,20 +172,12 @@ TEST(TerminalBackendThread, QuestionFromAWindowWaitsForTheTypedAnswer) {
         ::write(master, "y\n", 2);
     });
     typist.start();
-    backend.runModal(window);
+    backend.runModal(window); // r presses Retry, whose action types c: Cancel asks, y ends it
     typist.join();
-    EXPECT_EQ(answer, MessageboxAnswer::Yes);
-}
-
-TEST(TerminalMessageboxTest, WithoutTerminalAnswersConfiguredDefaults) {
-    NoTerminal none;
-    TerminalMessagebox box(none.keys[0], none.out);
-    box.defaults().setDefaultAnswer(MessageboxStyle::RetryCancel, MessageboxAnswer::Retry);
-    EXPECT_EQ(box.showMessage("", "Delete it?", MessageboxStyle::YesNo), MessageboxAnswer::No);
-    EXPECT_EQ(box.showMessage("", "Again?", MessageboxStyle::RetryCancel), MessageboxAnswer::Retry);
-    EXPECT_EQ(box.chooseFolder("Where?"), "");
-    EXPECT_NE(none.printed().find("Delete it? (answered 4)"), std::string::npos);
+    EXPECT_EQ(std::make_tuple(window->pressCount(ViewButton::Retry),
+                              window->pressCount(ViewButton::Cancel), answer),
+              std::make_tuple(1, 1, int{MessageboxAnswer::Yes}));
+    EXPECT_NE(seen.find("[r] Retry"), std::string::npos);
 }
 
 } // namespace
-} // namespace cirrovault

@@ -1,18 +1,14 @@
 #include <gtk/gtk.h>
 
-#include <atomic>
 #include <chrono>
-#include <functional>
-#include <memory>
-#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "common/GtkDrive.h"
+#include "common/ManualClockScope.h"
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/SessionFixture.h"
-#include "platform/os/Clock.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
 #include "platform/view/ViewLayout.h"
@@ -21,22 +17,18 @@
 #include "ui/LoopDlgController.h"
 #include "ui/ProgressBarController.h"
 
-// The controllers' windows drawn by GTK: workers drive them from their own threads while
-// a thread runs them modally, and their close button stops the work behind them. Each
+// The controllers' windows drawn by GTK, driven by workers from their own threads; each
 // test saves a screenshot of what it drove.
-namespace cirrovault {
-namespace {
+using namespace cirrovault;
+using namespace cirrovault::test;
 
-using namespace test;
+namespace {
 
 // From a worker: polls until the condition holds, at most ten seconds.
 bool polled(const std::function<bool()>& done) {
-    for (int i = 0; i < 2000; ++i) {
-        if (done())
-            return true;
+    for (int i = 0; i < 2000 && !done(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
+    return done();
 }
 
 class GtkWindowsTest : public test::SessionFixture {
@@ -53,7 +45,6 @@ protected:
     void TearDown() override {
         NimboMessagebox::setPresenter(nullptr);
         SystemLog::setVerbose(false);
-        Clock::setShared(nullptr);
         backend.reset();
         SessionFixture::TearDown();
     }
@@ -62,37 +53,12 @@ protected:
     std::shared_ptr<GtkViewBackend> backend;
 };
 
-// A window run modally off the main thread is still drawn, by the main loop.
-TEST_F(GtkWindowsTest, WindowRunFromAnotherThreadIsDrawnByTheMainLoop) {
-    ProgressBarController controller(backend);
-    Thread* self = nullptr;
-    std::atomic<bool> seen{false};
-    std::atomic<bool> ended{false};
-    Thread worker([&] {
-        controller.SetProgressMessage(self, "Deleting the task's server files");
-        polled([&] { return seen.load(); });
-        controller.LeaveProgressModel(self);
-    });
-    self = &worker;
-    Thread host([&] {
-        controller.EnterProgressMode(&worker);
-        ended = true;
-    });
-    Script look(nullptr,
-                {{showing("Deleting the task's server files"), [&](GtkWidget*) { seen = true; }}});
-    host.start();
-    EXPECT_TRUE(pumpUntil([&] { return ended.load(); }, 30));
-    host.join();
-    worker.join();
-    EXPECT_TRUE(seen);
-}
-
-// The window's close button stops the work behind it, and the worker still ends the
-// loop; the same for the wait dialog.
+// Run off the main thread, a window is drawn by the main loop; its close button stops the
+// work behind it, which still ends the loop. The same for the wait dialog.
 TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
     ProgressBarController controller(backend);
     Thread* self = nullptr;
-    bool cancelled = false;
+    std::atomic<bool> cancelled{false}, ended{false};
     Thread worker([&] {
         controller.SetProgressMessage(self, "Deleting the task's server files");
         polled([&] { return controller.IsCancelProgressModel(self); });
@@ -100,11 +66,17 @@ TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
         controller.LeaveProgressModel(self);
     });
     self = &worker;
-    Script close(nullptr, {{named(ViewOutlet::TimeLeft), [](GtkWidget* w) {
+    Thread host([&] {
+        controller.EnterProgressMode(&worker);
+        ended = true;
+    });
+    Script close(nullptr, {{showing("Deleting the task's server files"), [](GtkWidget* w) {
                                 EXPECT_TRUE(screenshot(w, "close-button-cancels"));
                                 gtk_window_close(GTK_WINDOW(w)); // the title bar's close button
                             }}});
-    controller.EnterProgressMode(&worker);
+    host.start();
+    EXPECT_TRUE(pumpUntil([&] { return ended.load(); }, 30));
+    host.join();
     worker.join();
     EXPECT_TRUE(cancelled);
 
@@ -126,11 +98,9 @@ TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
     EXPECT_TRUE(loopCancelled);
 }
 
-// Its figures are drawn for the screenshot; the close button, once the stop is
-// confirmed, stops the restore.
+// Its figures are drawn for the screenshot; the close button, once confirmed, stops it.
 TEST_F(GtkWindowsTest, ClosingTheRestoreWindowStopsTheRestore) {
-    auto clock = std::make_shared<ManualClock>();
-    Clock::setShared(clock);
+    ManualClockScope clock;
     messages->queueAnswer(MessageboxAnswer::Yes); // "stop the restore?"
     CDownloadFileController controller(backend);
     Thread* self = nullptr;
@@ -142,7 +112,7 @@ TEST_F(GtkWindowsTest, ClosingTheRestoreWindowStopsTheRestore) {
         auto progress = controller.pDownloadProgBar;
         progress->setTotalSize(1000);
         progress->setSentSize(100);
-        clock->advance(10);
+        clock.clock->advance(10);
         progress->setSentSize(300);
         stopped = polled([&] { return controller.IsCancelDownload(self); });
         controller.LeaveProgressModel(self);
@@ -158,4 +128,3 @@ TEST_F(GtkWindowsTest, ClosingTheRestoreWindowStopsTheRestore) {
 }
 
 } // namespace
-} // namespace cirrovault
