@@ -314,4 +314,33 @@ TEST_F(BackupManageLogonThread, RefreshKeepsUnchangedTasksAndFollowsTheService) 
     EXPECT_TRUE(SystemLog::capturedContains("Error:refreshTaskListForRemoteDeleteTask. Get result: "));
 }
 
+// A reload (another process changed the list) takes the service's records but keeps what
+// only this process knows: a task that ran this slot must not run again, nor a failed one
+// look clean. A run under way defers it.
+TEST_F(BackupManageLogonThread, ReloadKeepsStateLastRunAndErrorsOfEachTask) {
+    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+    manager_.pcID = 7;
+    registerTask("A", 7);
+    TaskPtr b = registerTask("B", 7);
+    ASSERT_TRUE(manager_.LoadTaskList(CManageTaskList().getBackupTasks("", "false")));
+    TaskPtr oldA = manager_.GetTaskByName("A"), oldB = manager_.GetTaskByName("B");
+    oldA->mLastRunDate = Date(1'700'000'000.0);
+    oldA->bHaveErr = true;
+    oldB->setTaskState(CBackupTask::StateWaiting);
+    manager_.waitingList = {oldB};
+    b->description = "edited elsewhere";
+    ASSERT_TRUE(b->uploadTaskList("Edit", "B"));
+
+    manager_.SetWorkingTask(oldA);
+    EXPECT_FALSE(manager_.reloadTaskList());
+    manager_.SetWorkingTask(nullptr);
+    ASSERT_TRUE(manager_.reloadTaskList());
+    TaskPtr newA = manager_.GetTaskByName("A"), newB = manager_.GetTaskByName("B");
+    ASSERT_TRUE(newA && newB && newA != oldA && newB != oldB);
+    EXPECT_EQ(std::tuple(newA->mLastRunDate, newA->bHaveErr.load(), newB->description, newB->mTaskState.load()),
+              std::tuple(Date(1'700'000'000.0), true, std::string("edited elsewhere"),
+                         int{CBackupTask::StateWaiting}));
+    EXPECT_EQ(manager_.waitingList, std::vector<TaskPtr>{newB});
+}
+
 } // namespace
