@@ -402,6 +402,17 @@ int64_t WebDavStore::readTaskList(std::string& document, std::string& version) {
         HttpResponse response;
         if (int64_t rc = send(account, request, response); rc != ResultCode::Success)
             return rc;
+        if (response.status != 200) {
+            // While a writer moves the new document over the old one, some servers answer
+            // 404 or 403: ask again under the writers' lock, which that move holds.
+            std::string token;
+            if (lockTaskList(account, token) == ResultCode::Success) {
+                int64_t rc = send(account, request, response);
+                unlockTaskList(account, token);
+                if (rc != ResultCode::Success)
+                    return rc;
+            }
+        }
         if (response.status == 404)
             return ResultCode::Success;
         if (response.status != 200)
