@@ -324,15 +324,16 @@ def main():
                         verdict = "not compiled"
                         break
                     report = guard.note_dir / "tests.json"
-                    code, seconds = guard.run([str(build_dir / "tests" / program),
-                                               f"--gtest_output=json:{report}"],
-                                              limits[program], build_dir / "tests")
+                    code, _ = guard.run([str(build_dir / "tests" / program),
+                                         f"--gtest_output=json:{report}"],
+                                        limits[program], build_dir / "tests")
                     failed = failed_tests(report)
                     if code != 0:
                         verdict = "killed"
                         by = f" by {program}" + (" (time limit)" if code is None else "")
-                        # which tests caught it: a trim must leave one of them
-                        by += f" [{', '.join(failed[:4])}{' ...' if len(failed) > 4 else ''}]" if failed else ""
+                        if failed:  # which tests caught it: a trim must leave one of them
+                            more = " ..." if len(failed) > 4 else ""
+                            by += f" [{', '.join(failed[:4])}{more}]"
                         timeouts += code is None
                         break
             finally:

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "common/Answers.h"
+#include "common/ManualClockScope.h"
 #include "common/TempHome.h"
 #include "platform/framework/HeadlessMessagebox.h"
 #include "platform/framework/TransferApiUtil.h"
@@ -54,13 +55,13 @@ TEST(GlobalFunctionNames, MachineNameIsCutAtTheFirstDot) {
 
 // Two computers or two tasks set up within the same second must still differ.
 TEST(GlobalFunctionRandom, IdentitiesDifferWithinTheSameSecond) {
-    auto clock = std::make_shared<ManualClock>(Date(1'000'000.25));
-    Clock::setShared(clock);
     std::set<int> seen;
-    for (int i = 0; i < 64; ++i)
-        for (int id : {GlobalFunction::getRandom(), GlobalFunction::getTaskIDRandom()})
-            EXPECT_GT(*seen.insert(id).first, 0);
-    Clock::setShared(nullptr);
+    {
+        test::ManualClockScope scope(Date(1'000'000.25));
+        for (int i = 0; i < 64; ++i)
+            for (int id : {GlobalFunction::getRandom(), GlobalFunction::getTaskIDRandom()})
+                EXPECT_GT(*seen.insert(id).first, 0);
+    }
     EXPECT_GT(seen.size(), 120u);
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/ManualClockScope.h"
 #include "common/TempHome.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/os/Clock.h"
@@ -26,9 +27,9 @@ private:
 
 TEST(ThrottledStore, UploadsKeepToTheLimitAndACancelEndsTheWait) {
     TempHome home;
-    auto clock = std::make_shared<ManualClock>();
-    Clock::setShared(clock);
     {
+        test::ManualClockScope scope;
+        auto clock = scope.clock;
         auto local = std::make_shared<LocalStore>(home.file("store"));
         ThrottledStore store(local, 10000);
         StoreSession session;
@@ -50,7 +51,6 @@ TEST(ThrottledStore, UploadsKeepToTheLimitAndACancelEndsTheWait) {
         EXPECT_EQ(store.put("\\big", big, Date(1'600'000'000.0), &observer), ResultCode::Cancelled);
         EXPECT_LT(clock->now().timeIntervalSinceDate(start), 2.5);
     }
-    Clock::setShared(nullptr);
 
     // Only a limit puts the pacing in between: the store stays itself otherwise.
     std::string url = "file://" + home.file("store");
