@@ -256,6 +256,10 @@ def main():
     ap.add_argument("--within", action="append", default=[], metavar="FOLDER",
                     help="of the same N mutants, run only those under this folder of src/ "
                          "(repeatable), so that one run can be done in parts")
+    ap.add_argument("--recheck", metavar="LOG",
+                    help="of the same N mutants, run only those an earlier run's printed log "
+                         "says were killed: after a trim of the tests, a mutant that survived "
+                         "before cannot be killed now, so the killed share is judged faster")
     ap.add_argument("--list", action="store_true", help="print the mutants and stop")
     ap.add_argument("--build-limit", type=int, default=900, help="seconds a rebuild may take")
     args = ap.parse_args()
@@ -273,6 +277,11 @@ def main():
         within = tuple("src/" + w.strip("/") + "/" for w in args.within)
         chosen = [site for site in chosen if site[0].startswith(within)]
         print(f"mutants: {len(chosen)} of them under {', '.join(within)}")
+    if args.recheck:
+        killed = set(re.findall(r"^\[\d+/\d+\] killed[^\n]*?: (src/\S+: \w+: `.*`)$",
+                                Path(args.recheck).read_text(), re.M))
+        chosen = [site for site in chosen if describe(*site) in killed]
+        print(f"mutants: {len(chosen)} of them killed in {args.recheck}")
     if args.list:
         for site in chosen:
             print(describe(*site))
