@@ -1,11 +1,7 @@
-#include <thread>
-
 #include <gtest/gtest.h>
 
 #include "common/ManualClockScope.h"
-#include "platform/framework/CurlHandleController.h"
 #include "platform/framework/TrueProgressCallback.h"
-#include "platform/os/Semaphore.h"
 
 using namespace cirrovault;
 
@@ -61,27 +57,6 @@ TEST_F(ProgressTest, SingleTransferWithoutRunTotalsShowsTheFile) {
     p.setSentSize(100);
     EXPECT_EQ(std::make_tuple(p.percent(), p.speed(), p.secondsLeft()),
               std::make_tuple(25.0, 25.0, 12.0)); // exact in binary
-}
-
-TEST(ProgressThreadTest, CancelConnectionReachesOnlyTheNamedThreadsTransfer) {
-    CurlHandleController& controller = CurlHandleController::shared();
-    Semaphore started, cancelled;
-    std::shared_ptr<std::atomic<bool>> flag, mine = controller.beginTransfer();
-    std::thread worker([&] {
-        flag = controller.beginTransfer();
-        started.signal();
-        cancelled.wait();
-        controller.endTransfer();
-    });
-    started.wait();
-    EXPECT_FALSE(*flag);
-    EXPECT_TRUE(controller.CancelConnection(worker.get_id()) && *flag && !*mine);
-    cancelled.signal();
-    worker.join();
-    // Ended transfers and threads without one are not reached.
-    EXPECT_FALSE(controller.CancelConnection(worker.get_id()));
-    controller.endTransfer();
-    EXPECT_FALSE(controller.CancelConnection(std::this_thread::get_id()));
 }
 
 } // namespace

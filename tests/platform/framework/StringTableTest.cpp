@@ -59,31 +59,16 @@ TEST(StringTable, FileIsASortedPlainDictionaryOfUsableFolderNamesAndTexts) {
               LoadString::GetValueByKey("IDS_INFOPATH"));
 
     // Texts the engine formats, with the number of arguments it passes, in order.
-    const std::map<std::string, size_t> formatted = {{"FailEmailTitle", 3},
-                                                     {"FalilEmailBoty", 4},
-                                                     {"FileChangedWhileRead", 1},
-                                                     {"IDS_NEEDMOREBUYSPACE", 3},
-                                                     {"IDS_STRFAILCONTRYTIME", 2},
-                                                     {"IDS_STRMINUTES", 1},
-                                                     {"IDS_STRNEEDMORESPACE", 4},
-                                                     {"IDS_STRRATE", 1},
-                                                     {"IDS_STRSECONDS", 1},
-                                                     {"IDS_TASKNAMEFOR", 1},
-                                                     {"IdentityDamaged", 1},
-                                                     {"NeedMoreBuySpace", 1},
-                                                     {"OrvoSubItemLimitation", 2},
-                                                     {"ReScanFile", 3},
-                                                     {"RestoreNoSpace", 4},
-                                                     {"ServerPathError", 1},
-                                                     {"SourceUnreadable", 1},
-                                                     {"StrLogUploadFail", 3},
-                                                     {"UploadRetriesEnded", 1},
-                                                     {"SubUserHaveBuyStorageSpace", 3},
-                                                     {"SuccessEmailBoby", 3},
-                                                     {"SuccessEmailTitle", 3},
-                                                     {"TimeFormat", 3},
-                                                     {"NameTooLongLeftOut", 1},
-                                                     {"ReportFigures", 6}};
+    const std::map<std::string, size_t> formatted = {
+        {"FailEmailTitle", 3}, {"FalilEmailBoty", 4}, {"FileChangedWhileRead", 1},
+        {"IDS_NEEDMOREBUYSPACE", 3}, {"IDS_STRFAILCONTRYTIME", 2}, {"IDS_STRMINUTES", 1},
+        {"IDS_STRNEEDMORESPACE", 4}, {"IDS_STRRATE", 1}, {"IDS_STRSECONDS", 1},
+        {"IDS_TASKNAMEFOR", 1}, {"IdentityDamaged", 1}, {"NeedMoreBuySpace", 1},
+        {"OrvoSubItemLimitation", 2}, {"ReScanFile", 3}, {"RestoreNoSpace", 4},
+        {"ServerPathError", 1}, {"SourceUnreadable", 1}, {"StrLogUploadFail", 3},
+        {"UploadRetriesEnded", 1}, {"SubUserHaveBuyStorageSpace", 3}, {"SuccessEmailBoby", 3},
+        {"SuccessEmailTitle", 3}, {"TimeFormat", 3}, {"NameTooLongLeftOut", 1},
+        {"ReportFigures", 6}};
     SystemLog::startCapture();
     for (const auto& [key, value] : *table->dict())
         EXPECT_EQ(placeholderCount(*value.string()),

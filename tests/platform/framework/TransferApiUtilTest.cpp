@@ -287,15 +287,20 @@ TEST_F(TransferApiUtilThreadTest, CancelConnectionStopsALargeUploadAndTheNextRes
     PauseAtFirstReport pause;
     pause.progress.SetDelegate(&pause);
     int64_t code = -1;
+    CurlHandleController& controller = CurlHandleController::shared();
+    auto mine = controller.beginTransfer(); // another thread's transfer is not reached
     std::thread worker(
         [&] { code = upload("\\Big\\large.bin", local, nullptr, "", &pause.progress); });
     pause.reached.wait();
-    EXPECT_TRUE(CurlHandleController::shared().CancelConnection(worker.get_id()));
+    EXPECT_TRUE(controller.CancelConnection(worker.get_id()) && !*mine);
     pause.proceed.signal();
     worker.join();
     EXPECT_EQ(code, Cancelled);
     EXPECT_LT(pause.progress.sentSize(), 64ull << 20);
-    EXPECT_FALSE(CurlHandleController::shared().CancelConnection(worker.get_id()));
+    // Ended transfers and threads without one are not reached.
+    EXPECT_FALSE(controller.CancelConnection(worker.get_id()));
+    controller.endTransfer();
+    EXPECT_FALSE(controller.CancelConnection(std::this_thread::get_id()));
 
     // Cancel through the progress object works the same way.
     TrueProgressCallback cancelled;
