@@ -72,26 +72,29 @@ TEST_F(PathTreeTest, EachFolderIsListedOnceThenAnsweredFromMemory) {
     EXPECT_EQ(found({"\\A\\..\\A"}), "-");
 }
 
-TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
-    folders({"\\T", "\\T\\Docs", "\\H"});
+TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStepListedOrNot) {
+    folders({"\\T", "\\T\\Docs", "\\H", "\\H\\Old"});
+    put("\\H\\Old\\old0.txt", "oooo");
+    ASSERT_EQ(tree().RefreshSvrPath("\\"), Success);
     PathInfo info;
-    ASSERT_EQ(found({"\\T\\Docs\\a.txt", "\\H\\x", "\\T\\Docs", "\\T"}), "--++");
-    store_->resetCounts();
+    ASSERT_EQ(found({"\\T\\Docs\\a.txt", "\\H\\x", "\\T\\Docs", "\\T", "\\H\\Old"}), "--+++");
+    store_->resetCounts(); // \H held, \H\Old not
 
     put("\\T\\Docs\\a.txt", std::string(10, 'a'));
     put("\\T\\Docs\\b.txt", std::string(5, 'b'));
     expectInStep({"\\T", "\\T\\Docs"});
-    put("\\T\\Docs\\a.txt", std::string(25, 'a')); // replaced: size changes, count not
-    expectInStep({"\\T"});
-
-    // The versioning moves: rename in place, then move into the history folder.
-    ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", "a0.txt", "", ""), Success);
-    EXPECT_EQ(found({"\\T\\Docs\\a.txt", "\\T\\Docs\\a0.txt"}), "-+");
-    ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\a0.txt"}, "\\H", nullptr, true), Success);
-    EXPECT_EQ(found({"\\T\\Docs\\a0.txt"}), "-");
-    ASSERT_TRUE(tree().FindPath("\\H\\a0.txt", info, false));
-    EXPECT_EQ(info.iSize, 25u); // the replaced size, moved along
-    expectInStep({"\\T", "\\H"});
+    // The versioning moves, each into the history folder whose listing is not held: rename in
+    // place, then move (the replaced size goes along).
+    for (int n = 1; n <= 2; ++n) {
+        put("\\T\\Docs\\a.txt", std::string(20 + n, 'a')); // replaced: size changes, count not
+        expectInStep({"\\T"});
+        std::string version = "a" + std::to_string(n) + ".txt";
+        ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), Success);
+        EXPECT_EQ(found({"\\T\\Docs\\a.txt", "\\T\\Docs\\" + version}), "-+");
+        ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Old", nullptr, true), Success);
+        EXPECT_EQ(found({"\\T\\Docs\\" + version}), "-");
+        expectInStep({"\\T", "\\H", "\\H\\Old"});
+    }
 
     ASSERT_EQ(api().CopyPaths({"\\T\\Docs"}, "\\H", nullptr, false), Success);
     expectInStep({"\\H"});
@@ -102,24 +105,10 @@ TEST_F(PathTreeTest, ChangesThroughTheSessionKeepFolderFiguresInStep) {
     expectInStep({"\\T\\Papers"});
     // All of that was followed without listing a folder again.
     EXPECT_EQ(store_->totalLists(), 0);
-}
-
-TEST_F(PathTreeTest, RefreshForgetsThePathAndBelow) {
-    folders({"\\A", "\\A\\B"});
-    EXPECT_EQ(found({"\\A\\B\\new"}), "-");
-    // Changed behind the cache's back (another computer): not seen until refreshed.
-    ASSERT_EQ(local_->makeFolder("\\A\\B\\new", "", ""), Success);
-    EXPECT_EQ(found({"\\A\\B\\new"}), "-");
-    EXPECT_EQ(tree().RefreshSvrPath("\\A"), Success);
-    EXPECT_EQ(found({"\\A\\B\\new"}), "+");
-    EXPECT_EQ((Codes{tree().RefreshSvrPath("\\A\\gone"), tree().RefreshSvrPath("\\A\\..\\.."),
-                     tree().RefreshSvrPath("\\")}),
-              (Codes{NotFound, BadPath, Success}));
-
-    // Logged off, nothing is answered from what was cached before.
-    api().Logoff();
-    EXPECT_EQ(found({"\\A"}), "-");
-    EXPECT_EQ(tree().RefreshSvrPath("\\"), NotLoggedOn);
+    ASSERT_EQ(api().DeletePaths({"\\H\\Old\\a1.txt"}, nullptr, false), Success);
+    expectInStep({"\\H", "\\H\\Old"});
+    ASSERT_TRUE(tree().FindPath("\\H\\Old\\a2.txt", info, false));
+    EXPECT_EQ(info.iSize, 22u);
 }
 
 TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
@@ -141,35 +130,20 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
     EXPECT_EQ(found({"\\T\\New\\f1", "\\T\\New\\Deep\\g1"}), "+-");
     expectInStep({"\\T\\New"});
 
-    // Made behind the cache's back: seen after a refresh of the folder or above it.
-    ASSERT_EQ(local_->makeFolder("\\Gone", "", ""), Success);
-    ASSERT_EQ(local_->makeFolder("\\Gone\\Deep", "", ""), Success);
-    EXPECT_EQ(found({"\\Gone\\Deep"}), "-");
-    tree().RefreshSvrPath("\\Gone\\Deep");
-    expectInStep({"\\Gone\\Deep"});
-}
+    // Made behind the cache's back (another computer): seen after a refresh of the folder or
+    // above it, which forgets what lies below.
+    for (const char* path : {"\\Gone", "\\Gone\\Deep", "\\T\\New\\Deep"})
+        ASSERT_EQ(local_->makeFolder(path, "", ""), Success);
+    EXPECT_EQ(found({"\\Gone\\Deep", "\\T\\New\\Deep"}), "--");
+    EXPECT_EQ((Codes{tree().RefreshSvrPath("\\T\\gone"), tree().RefreshSvrPath("\\T\\..\\.."),
+                     tree().RefreshSvrPath("\\Gone\\Deep"), tree().RefreshSvrPath("\\T")}),
+              (Codes{NotFound, BadPath, Success, Success}));
+    expectInStep({"\\Gone\\Deep", "\\T\\New\\Deep"});
 
-TEST_F(PathTreeTest, AMoveIntoAFolderNotListedKeepsTheListingsAbove) {
-    folders({"\\T", "\\T\\Docs", "\\H", "\\H\\Task", "\\H\\Task\\Docs"});
-    put("\\T\\Docs\\a.txt", std::string(10, 'a'));
-    put("\\H\\Task\\Docs\\old0.txt", std::string(4, 'o'));
-    ASSERT_EQ(tree().RefreshSvrPath("\\"), Success);
-    ASSERT_EQ(found({"\\T\\Docs\\a.txt", "\\H\\Task"}), "++"); // \H held, \H\Task not
-    store_->resetCounts();
-
-    // The versioning move lands in a folder whose listing is not held.
-    for (int n = 1; n <= 3; ++n) {
-        put("\\T\\Docs\\a.txt", std::string(10 + n, 'a'));
-        std::string version = "a" + std::to_string(n) + ".txt";
-        ASSERT_EQ(api().EditFile("\\T\\Docs\\a.txt", version, "", ""), Success);
-        ASSERT_EQ(api().CopyPaths({"\\T\\Docs\\" + version}, "\\H\\Task\\Docs", nullptr, true),
-                  Success);
-        expectInStep({"\\H", "\\H\\Task", "\\T"});
-    }
-    // Followed from the figures of the one folder below the held listings.
-    EXPECT_EQ(store_->totalLists(), 0);
-    ASSERT_EQ(api().DeletePaths({"\\H\\Task\\Docs\\a2.txt"}, nullptr, false), Success);
-    expectInStep({"\\H"});
+    // Logged off, nothing is answered from what was cached before.
+    api().Logoff();
+    EXPECT_EQ(found({"\\T"}), "-");
+    EXPECT_EQ(tree().RefreshSvrPath("\\"), NotLoggedOn);
 }
 
 class PathTreeConcurrencyTest : public PathTreeTest {};
