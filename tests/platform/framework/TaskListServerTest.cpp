@@ -16,50 +16,40 @@ using namespace cirrovault;
 namespace {
 
 // Only a task-list document, versioned with compare-and-swap; the server needs nothing else.
+// The public members are read and set only while no request runs.
 class MemoryTaskListStore : public FaultInjectingStore {
 public:
     MemoryTaskListStore() : FaultInjectingStore(nullptr) {}
-    std::function<void()> beforeWrite; // runs once, before the next write; set while idle
+    std::function<void()> beforeWrite; // runs once, before the next write
     bool failReads = false, alwaysConflict = false;
+    std::string document, version;
+    int writes = 0;
 
-    std::string document() {
-        std::lock_guard lock(mutex_);
-        return document_;
-    }
-    int writes() {
-        std::lock_guard lock(mutex_);
-        return writes_;
-    }
     void setDocument(const std::string& text) {
-        std::lock_guard lock(mutex_);
-        document_ = text;
-        version_ = "v" + std::to_string(++writes_);
+        document = text;
+        version = "v" + std::to_string(++writes);
     }
-    int64_t readTaskList(std::string& document, std::string& version) override {
+    int64_t readTaskList(std::string& text, std::string& read) override {
         std::lock_guard lock(mutex_);
-        document = document_;
-        version = version_;
+        text = document;
+        read = version;
         return failReads ? ResultCode::Failure : ResultCode::Success;
     }
-    int64_t writeTaskList(const std::string& document,
-                          const std::string& expectedVersion) override {
+    int64_t writeTaskList(const std::string& text, const std::string& expectedVersion) override {
         std::unique_lock lock(mutex_);
         if (auto hook = std::exchange(beforeWrite, nullptr)) {
             lock.unlock();
             hook();
             lock.lock();
         }
-        if (alwaysConflict || expectedVersion != version_)
+        if (alwaysConflict || expectedVersion != version)
             return ResultCode::Conflict;
-        document_ = document;
-        version_ = "v" + std::to_string(++writes_);
+        setDocument(text);
         return ResultCode::Success;
     }
 
 private:
     std::mutex mutex_;
-    std::string document_, version_; // guarded by mutex_
-    int writes_ = 0;                 // guarded by mutex_
 };
 
 const auto enc = UrlCoding::encode;
@@ -109,13 +99,22 @@ struct Fixture {
 
 } // namespace
 
-TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
+TEST(TaskListServer, AddListNamesAndDeleteAnswerEveryReplyKeyAndResultCode) {
     Fixture f;
+    TaskListServer loggedOff(f.store, false);
+    std::string reply = "stale", names;
+    EXPECT_EQ(
+        (Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
+               loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
+               loggedOff.deleteTasks("Docs"), f.up("", "Add"), f.up("Docs", "Edit"),
+               f.up("Mail|x", "Add")}),
+        (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound,
+               BadRequest}));
+    EXPECT_EQ(reply, "");
+    EXPECT_EQ(f.store->writes, 0);
     ASSERT_EQ(f.up("Docs", "Add", {{"/home/u/Docs", true}}), 0);
-    ASSERT_EQ(f.up("Mail|x", "Add"), BadRequest);
     ASSERT_EQ(f.up("Photos", "Add", {}, "", 9), 0);
 
-    std::string reply;
     ASSERT_EQ(f.server.getTaskList("", "false", reply), 0);
     EXPECT_EQ(valuesOf("RETURN_TaskName", reply), (Strings{"Docs", "Photos"}));
     EXPECT_EQ(valuesOf("RETURN_TaskID", reply), (Strings{"7", "9"}));
@@ -141,13 +140,26 @@ TEST(TaskListServer, AddListAndNamesAnswerEveryReplyKey) {
     EXPECT_EQ(f.server.getTaskList("", "yes", reply), BadRequest);
     ASSERT_EQ(f.server.getTaskNames("true", reply), 0);
     EXPECT_EQ(reply, "Docs|Photos");
+
+    for (auto name : {"A", "B", "C"})
+        ASSERT_EQ(f.up(name, "Add"), 0);
+    // Added twice, renamed onto a taken name or to nothing; deletes of nothing, one, several.
+    EXPECT_EQ(
+        (Codes{f.up("Docs", "Add"), f.up("Photos", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
+               f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
+               f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
+        (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
+    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
+    EXPECT_EQ(names, "Docs|Photos");
+    ASSERT_EQ(f.server.deleteTasks("Docs|Photos") + f.server.getTaskNames("false", names), 0);
+    EXPECT_EQ(names, "");
 }
 
 TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
     Fixture f;
     ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
-    const std::string before = f.store->document();
-    const int writes = f.store->writes();
+    const std::string before = f.store->document;
+    const int writes = f.store->writes;
 
     std::string good = request("Docs", "Edit", {{"/b", true}, {"/c", true}});
     auto replaced = [&](const std::string& from, const std::string& to) {
@@ -189,38 +201,11 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
         EXPECT_EQ(f.server.UploadTaskList(text), BadRequest) << text;
     EXPECT_TRUE(SystemLog::capturedContains("Error: task list request refused"));
     SystemLog::stopCapture();
-    EXPECT_TRUE(f.store->document() == before && f.store->writes() == writes);
+    EXPECT_TRUE(f.store->document == before && f.store->writes == writes);
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a"}));
 
     EXPECT_EQ(f.server.UploadTaskList(good), 0); // the undamaged text is taken
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/b", "/c"}));
-}
-
-TEST(TaskListServer, ResultCodesOfAddEditAndDelete) {
-    Fixture f;
-    TaskListServer loggedOff(f.store, false);
-    std::string reply = "stale", names;
-    EXPECT_EQ(
-        (Codes{loggedOff.UploadTaskList(request("Docs", "Add")),
-               loggedOff.getTaskList("", "false", reply), loggedOff.getTaskNames("true", names),
-               loggedOff.deleteTasks("Docs"), f.up("", "Add"), f.up("Docs", "Edit")}),
-        (Codes{NotLoggedOn, NotLoggedOn, NotLoggedOn, NotLoggedOn, EmptyName, OldTaskNotFound}));
-    EXPECT_EQ(reply, "");
-    EXPECT_EQ(f.store->writes(), 0);
-
-    for (auto name : {"A", "B", "C", "Docs"})
-        ASSERT_EQ(f.up(name, "Add"), 0);
-    ASSERT_EQ(f.up("Music", "Add", {}, "", 8), 0);
-    // Added twice, renamed onto a taken name or to nothing; deletes of nothing, one, several.
-    EXPECT_EQ(
-        (Codes{f.up("Docs", "Add"), f.up("Music", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
-               f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
-               f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
-        (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
-    ASSERT_EQ(f.server.getTaskNames("false", names), 0);
-    EXPECT_EQ(names, "Docs|Music");
-    ASSERT_EQ(f.server.deleteTasks("Docs|Music") + f.server.getTaskNames("false", names), 0);
-    EXPECT_EQ(names, "");
 }
 
 TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten) {
@@ -233,7 +218,7 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
               (Codes{StorageError, StorageError, StorageError}));
     EXPECT_TRUE(SystemLog::capturedContains("damaged task list document"));
     SystemLog::stopCapture();
-    EXPECT_EQ(f.store->document(), "<plist>not a task list");
+    EXPECT_EQ(f.store->document, "<plist>not a task list");
 
     // A property list of another shape is just as foreign.
     f.store->setDocument(
@@ -250,12 +235,12 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     // A NUL byte in a name is refused before the parser (which would end the process) sees it.
     f.store->failReads = false;
     ASSERT_EQ(f.up("Docs", "Add"), Success);
-    std::string withNul = f.store->document();
+    std::string withNul = f.store->document;
     ASSERT_NE(withNul.find(">Docs<"), std::string::npos) << withNul;
     withNul.insert(withNul.find(">Docs<") + 3, 1, '\0');
     f.store->setDocument(withNul);
     EXPECT_EQ(f.server.getTaskList("", "false", reply), StorageError);
-    EXPECT_EQ(f.store->document(), withNul);
+    EXPECT_EQ(f.store->document, withNul);
 }
 
 TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
