@@ -4,7 +4,7 @@
 
 using namespace cirrovault;
 
-TEST(ServerName, RefusedCharactersAreEscapedAndComeBack) {
+TEST(ServerName, RefusedCharactersAreEscapedAndComeBackNameByNameInPaths) {
     EXPECT_EQ(ServerName::encode("Notes 10:30.txt"), "Notes 10%3A30.txt");
     EXPECT_EQ(ServerName::encode("a\\b*c?d\"e<f>g|h{i}"),
               "a%5Cb%2Ac%3Fd%22e%3Cf%3Eg%7Ch%7Bi%7D");
@@ -22,9 +22,7 @@ TEST(ServerName, RefusedCharactersAreEscapedAndComeBack) {
     EXPECT_EQ(ServerName::encode("%3A"), "%253A");
     // Lower-case hex is never written, so never read as an escape.
     EXPECT_EQ(ServerName::decode("a%3ab"), "a%3ab");
-}
 
-TEST(ServerName, PathsAreCodedNameByName) {
     EXPECT_EQ(ServerName::encodePath("Docs/10:30/a?.txt"), "Docs\\10%3A30\\a%3F.txt");
     EXPECT_EQ(ServerName::encodePath("/Docs/back\\slash"), "\\Docs\\back%5Cslash");
     EXPECT_EQ(ServerName::decodePath("Docs\\10%3A30\\a%3F.txt"), "Docs/10:30/a?.txt");

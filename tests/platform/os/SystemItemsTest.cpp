@@ -10,19 +10,6 @@
 using namespace cirrovault;
 using test::TempHome;
 
-TEST(SystemItems, ReadsMountPointsFromTheMountTable) {
-    std::string text =
-        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-        "40 22 8:17 / /media/u/My\\040Disk rw shared:9 - vfat /dev/sdb1 rw\n"
-        "41 22 0:5 / /proc rw - proc proc rw\n"
-        "broken line\n";
-    EXPECT_EQ(SystemItems::parseMountInfo(text),
-              (std::vector<std::string>{"/", "/media/u/My Disk", "/proc"}));
-    SystemItems live; // its table always has the root
-    EXPECT_NE(std::find(live.mountPoints().begin(), live.mountPoints().end(), "/"),
-              live.mountPoints().end());
-}
-
 TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
     SystemItems items({"/", "/media/u/Disk", "/mnt/backup", "/home", "/run/media/u/Stick"},
                       {"/home/u/.cache", "/home/u/.local/share/Trash"});
@@ -60,11 +47,20 @@ TEST(SystemItems, DotfilesAreKeptAndWhatTheDesktopDiscardsIsLeftOut) {
     EXPECT_EQ(excluded({"/home/u/.bashrc", "/media/u/Disk/.hidden", "/home/u/visible.txt"}), "++-");
 }
 
-TEST(SystemItems, TheUsersFoldersFollowTheEnvironment) {
+TEST(SystemItems, MountPointsFromTheMountTableAndTheUsersFoldersFromTheEnvironment) {
+    std::string text = "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+                       "40 22 8:17 / /media/u/My\\040Disk rw shared:9 - vfat /dev/sdb1 rw\n"
+                       "41 22 0:5 / /proc rw - proc proc rw\n"
+                       "broken line\n";
+    EXPECT_EQ(SystemItems::parseMountInfo(text),
+              (std::vector<std::string>{"/", "/media/u/My Disk", "/proc"}));
+
     TempHome home;
     setenv("XDG_CACHE_HOME", home.file("cache").c_str(), 1);
     SystemItems items({"/"});
-    SystemItems live;
+    SystemItems live; // its table always has the root
+    EXPECT_NE(std::find(live.mountPoints().begin(), live.mountPoints().end(), "/"),
+              live.mountPoints().end());
     // The local store's folder and our settings are left out too.
     for (const std::string& left :
          {home.file("cache"), home.dataHome() + "/Trash", home.dataHome() + "/cirrovault",

@@ -123,10 +123,11 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
     EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
 }
 
-// TERM=dumb or the user's NO_COLOR: plain lines, as without a terminal.
-TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
-    Pty pty;
-    int slave = pty.slave;
+// Cancel's confirmation, asked while the window holds the keys raw, waits for a typed line.
+// TERM=dumb or the user's NO_COLOR get plain lines, as without a terminal.
+TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForItsAnswerUnlessDumb) {
+    Pty pty(O_NONBLOCK); // the typist polls what is drawn
+    int master = pty.master, slave = pty.slave;
     struct Case {
         std::optional<std::string> term, noColor;
         bool redraw;
@@ -141,13 +142,8 @@ TEST(TerminalBackendThread, DumbTerminalOrNoColorGetsPlainLines) {
             << c.term.value_or("(unset)");
     }
     EXPECT_FALSE(TerminalConsole::canRedraw(pty.master + 1000)); // not a terminal at all
-}
 
-// Cancel's confirmation, asked while the window holds the keys raw, waits for a typed line.
-TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForItsAnswer) {
     test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
-    Pty pty(O_NONBLOCK); // the typist polls what is drawn
-    int master = pty.master, slave = pty.slave;
     TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
     EXPECT_TRUE(backend.interactive());
     TerminalMessagebox box(slave, slave);
