@@ -8,7 +8,9 @@
 
 using namespace cirrovault;
 
-TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
+// Damaged settings are never replaced by fresh ones, which would silently point the commands
+// at another store.
+TEST(UserSettingMan, NothingUntilALogonIsRecordedAndDamagedSettingsAreNamedAndNeverWrittenOver) {
     test::TempHome home;
     test::ManualClockScope scope(Date(1714568709.0));
     EXPECT_FALSE(UserSettingMan::SetUserInfo("", "c1"));
@@ -36,11 +38,7 @@ TEST(UserSettingMan, NothingUntilALogonIsRecorded) {
     EXPECT_TRUE(UserSettingMan::ClearUserInfo());
     EXPECT_FALSE(UserSettingMan::GetUserInfo());
     EXPECT_TRUE(UserSettingMan::ClearUserInfo()); // nothing to clear is no failure
-}
 
-// Never replaced by a fresh one, which would silently point the commands at another store.
-TEST(UserSettingMan, DamagedSettingsAreNamedAndNeverWrittenOver) {
-    test::TempHome home;
     ASSERT_TRUE(NimboSetting::SetSettingValueForKey("ServiceURL", "file:///srv/store"));
     EXPECT_EQ(NimboSetting::DamagedSettingsFile(), "");
 
