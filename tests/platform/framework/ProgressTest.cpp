@@ -12,13 +12,9 @@ struct CountingDelegate : TrueProgressDelegate {
     int calls = 0;
 };
 
-class ProgressTest : public ::testing::Test {
-protected:
-    test::ManualClockScope scope_;
-    ManualClock* clock_ = scope_.clock.get();
-};
-
-TEST_F(ProgressTest, ResumedBytesCountForPercentButNotForSpeed) {
+TEST(ProgressTest, ResumedBytesCountForPercentButNotForSpeedAndASingleTransferShowsTheFile) {
+    test::ManualClockScope scope;
+    ManualClock* clock = scope.clock.get();
     TrueProgressCallback p;
     CountingDelegate delegate;
     p.SetDelegate(&delegate);
@@ -32,9 +28,9 @@ TEST_F(ProgressTest, ResumedBytesCountForPercentButNotForSpeed) {
     EXPECT_EQ(std::make_tuple(p.percent(), p.speed(), p.secondsLeft()),
               std::make_tuple(60.0, 0.0, -1.0));
 
-    clock_->advance(10); // the time before the first byte moves is not counted
+    clock->advance(10); // the time before the first byte moves is not counted
     p.setSentSize(400);
-    clock_->advance(2);
+    clock->advance(2);
     p.setSentSize(600);
     // 400 bytes in 2 s; all figures exact in binary.
     EXPECT_EQ(
@@ -46,16 +42,15 @@ TEST_F(ProgressTest, ResumedBytesCountForPercentButNotForSpeed) {
     EXPECT_DOUBLE_EQ(p.speed(), 200.0);
     p.setSentSize(5000);
     EXPECT_EQ(std::make_pair(p.percent(), p.secondsLeft()), std::make_pair(100.0, 0.0));
-}
 
-TEST_F(ProgressTest, SingleTransferWithoutRunTotalsShowsTheFile) {
-    TrueProgressCallback p;
-    EXPECT_EQ(p.percent(), 0);
-    p.setThisSize(400);
-    p.startTiming();
-    clock_->advance(4);
-    p.setSentSize(100);
-    EXPECT_EQ(std::make_tuple(p.percent(), p.speed(), p.secondsLeft()),
+    // A single transfer without run totals shows the file.
+    TrueProgressCallback single;
+    EXPECT_EQ(single.percent(), 0);
+    single.setThisSize(400);
+    single.startTiming();
+    clock->advance(4);
+    single.setSentSize(100);
+    EXPECT_EQ(std::make_tuple(single.percent(), single.speed(), single.secondsLeft()),
               std::make_tuple(25.0, 25.0, 12.0)); // exact in binary
 }
 
