@@ -34,23 +34,6 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-TEST(MailSenderTest, BodyIsQuotedPrintableWithinLineLimits) {
-    std::string body = "Plain line\n" + std::string(200, 'x') + "\r\n.starts with a dot\n"
-                       "ends in spaces  \ttab\t\nequals = sign\rUmlaut \xC3\xBC and \xE2\x82\xAC\n";
-    std::string encoded = MailSender::quotedPrintable(body);
-    for (const std::string& line : linesOf(encoded)) {
-        EXPECT_TRUE(line.size() <= 76 && line.front() != '.' && line.back() != ' ' &&
-                    line.back() != '\t')
-            << line;
-        for (unsigned char c : line)
-            EXPECT_TRUE((c >= 32 && c < 127) || c == '\t') << line;
-    }
-    std::string expected = "Plain line\r\n" + std::string(200, 'x') + "\r\n.starts with a dot\r\n"
-                           "ends in spaces  \ttab\t\r\nequals = sign\r\nUmlaut \xC3\xBC and "
-                           "\xE2\x82\xAC\r\n";
-    EXPECT_EQ(decodeQuotedPrintable(encoded), expected);
-}
-
 TEST(MailSenderTest, HeaderTextIsOneLineAndNonAsciiBecomesEncodedWords) {
     EXPECT_EQ(MailSender::encodeHeaderText("Backup done"), "Backup done");
     EXPECT_EQ(MailSender::encodeHeaderText("a\r\nBcc: x@y.z"), "a  Bcc: x@y.z");
@@ -76,7 +59,7 @@ TEST(MailSenderTest, HeaderTextIsOneLineAndNonAsciiBecomesEncodedWords) {
     EXPECT_EQ(decoded, subject);
 }
 
-TEST(MailSenderTest, RecipientsAndMessageLayout) {
+TEST(MailSenderTest, RecipientsMessageLayoutAndABodyQuotedPrintableWithinLineLimits) {
     EXPECT_EQ(MailSender::splitRecipients("a@x.org, b@y.org;c@z.org"),
               (std::vector<std::string>{"a@x.org", "b@y.org", "c@z.org"}));
     for (const char* refused : {"", "nobody", "a@x.org\r\nRCPT TO:<b@y.org>", "<a@x.org>"})
@@ -93,6 +76,21 @@ TEST(MailSenderTest, RecipientsAndMessageLayout) {
                                         "Content-Type: text/plain; charset=UTF-8",
                                         "Content-Transfer-Encoding: quoted-printable", "", "Line 1",
                                         "Line 2"}));
+
+    std::string body = "Plain line\n" + std::string(200, 'x') + "\r\n.starts with a dot\n"
+                       "ends in spaces  \ttab\t\nequals = sign\rUmlaut \xC3\xBC and \xE2\x82\xAC\n";
+    std::string encoded = MailSender::quotedPrintable(body);
+    for (const std::string& line : linesOf(encoded)) {
+        EXPECT_TRUE(line.size() <= 76 && line.front() != '.' && line.back() != ' ' &&
+                    line.back() != '\t')
+            << line;
+        for (unsigned char c : line)
+            EXPECT_TRUE((c >= 32 && c < 127) || c == '\t') << line;
+    }
+    std::string expected = "Plain line\r\n" + std::string(200, 'x') + "\r\n.starts with a dot\r\n"
+                           "ends in spaces  \ttab\t\r\nequals = sign\r\nUmlaut \xC3\xBC and "
+                           "\xE2\x82\xAC\r\n";
+    EXPECT_EQ(decodeQuotedPrintable(encoded), expected);
 }
 
 TEST(MailSenderTest, UnsentReportsAreKeptInTheOutbox) {

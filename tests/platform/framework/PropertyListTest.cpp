@@ -10,7 +10,7 @@
 
 using namespace cirrovault;
 
-TEST(PropertyList, RoundTripKeepsEveryKindAndDamagedInputGivesNothing) {
+TEST(PropertyList, RoundTripKeepsEveryKindDamagedInputGivesNothingAndHugeRealsAreNoIntegers) {
     PlistDict inner{{"n", PropertyList(int64_t{-5})}, {"flag", PropertyList(true)}};
     PlistDict root{{"text", PropertyList("a<b>&\"c\" é")},
                    {"big", PropertyList(int64_t{1} << 40)},
@@ -29,6 +29,16 @@ TEST(PropertyList, RoundTripKeepsEveryKindAndDamagedInputGivesNothing) {
           std::string("<?xml version=\"1.0\"?><plist><dict><key>a</key>"),
           std::string("bplist00\x01\x02")})
         EXPECT_FALSE(PropertyList::parse(damaged)) << damaged;
+
+    // Reals are cut toward zero; those out of the integer range are no integer.
+    EXPECT_EQ(PropertyList(2.9).asInteger(), 2);
+    EXPECT_EQ(PropertyList(-2.9).asInteger(), -2);
+    EXPECT_EQ(PropertyList(-9223372036854775808.0).asInteger(), INT64_MIN);
+    SystemLog::startCapture();
+    for (double huge : {1e300, 9223372036854775808.0, -1e19, std::nan(""), HUGE_VAL})
+        EXPECT_FALSE(PropertyList(huge).asInteger()) << huge;
+    EXPECT_TRUE(SystemLog::capturedContains("out of the integer range"));
+    SystemLog::stopCapture();
 }
 
 TEST(PropertyList, FileWriteIsWholeReadableAndOnlyFaithful) {
@@ -131,15 +141,4 @@ TEST(PropertyList, NulCharactersAndOutOfRangeDatesAreRefused) {
     // A NUL-like reference that is not one, and dates at the edges, still read.
     EXPECT_TRUE(PropertyList::parse(xmlDict("<key>a</key><string>&#10;&#x30;</string>")));
     EXPECT_TRUE(PropertyList::parse(xmlDict("<key>d</key><date>2068-12-31T00:00:00Z</date>")));
-}
-
-TEST(PropertyList, HugeRealsAreNoIntegers) {
-    EXPECT_EQ(PropertyList(2.9).asInteger(), 2);
-    EXPECT_EQ(PropertyList(-2.9).asInteger(), -2);
-    EXPECT_EQ(PropertyList(-9223372036854775808.0).asInteger(), INT64_MIN);
-    SystemLog::startCapture();
-    for (double huge : {1e300, 9223372036854775808.0, -1e19, std::nan(""), HUGE_VAL})
-        EXPECT_FALSE(PropertyList(huge).asInteger()) << huge;
-    EXPECT_TRUE(SystemLog::capturedContains("out of the integer range"));
-    SystemLog::stopCapture();
 }
