@@ -17,7 +17,7 @@ using namespace cirrovault;
 
 namespace {
 
-TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreads) {
+TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreadsAndScriptedPressesFireOnce) {
     HeadlessViewBackend backend;
     auto outer = backend.createWindow(ViewLayout::ProgressWindow);
     auto inner = backend.createWindow(ViewLayout::LoopDialog);
@@ -41,15 +41,13 @@ TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreads) {
     // A closed window never runs modally, and no one waits for it.
     backend.runModal(outer);
     EXPECT_FALSE(backend.waitUntilModal(*outer));
-}
 
-TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
-    HeadlessViewBackend backend;
+    // Scripted presses fire once, on their condition.
     backend.pressAfterTexts(ViewLayout::LoopDialog, ViewOutlet::LogOnStr, 2, ViewButton::Cancel);
     backend.pressWhenText(ViewLayout::LoopDialog, ViewOutlet::RetryLogonStr, "30", ViewButton::Retry);
     auto window = backend.createWindow(ViewLayout::LoopDialog);
-    auto other = backend.createWindow(ViewLayout::ProgressWindow);
-    other->setText(ViewOutlet::LogOnStr, "a"); // another layout does not count
+    auto progress = backend.createWindow(ViewLayout::ProgressWindow);
+    progress->setText(ViewOutlet::LogOnStr, "a"); // another layout does not count
     window->setText(ViewOutlet::LogOnStr, "a");
     EXPECT_EQ(window->pressCount(ViewButton::Cancel), 0);
     for (const char* text : {"b", "c"})
@@ -64,35 +62,11 @@ TEST(ViewBackendThread, ScriptedPressesFireOnceOnTheirCondition) {
 }
 
 // No terminal: keys from a pipe nobody writes to, output to a file (stderr redirected).
-struct NoTerminal {
-    NoTerminal() { EXPECT_EQ(::pipe(keys), 0); }
-    ~NoTerminal() {
-        for (int fd : {keys[0], keys[1], out})
-            ::close(fd);
-    }
-    std::string printed() { return FileSystem::readFile(home.file("log")).value_or(""); }
-    test::TempHome home;
-    int keys[2] = {-1, -1};
-    int out = ::open(home.file("log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-};
-
-// A pseudo-terminal: the program's side (slave) and the user's (master).
-struct Pty {
-    explicit Pty(int flags = 0) : master(::posix_openpt(O_RDWR | O_NOCTTY | flags)) {
-        EXPECT_TRUE(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0);
-        slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
-        EXPECT_GE(slave, 0);
-    }
-    ~Pty() {
-        ::close(slave);
-        ::close(master);
-    }
-    int master, slave = -1;
-};
-
 TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
-    NoTerminal none;
-    TerminalViewBackend backend({none.keys[0], none.out, ViewButton::Cancel});
+    test::TempHome home;
+    int keys[2] = {-1, -1}, out = ::open(home.file("log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::pipe(keys), 0);
+    TerminalViewBackend backend({keys[0], out, ViewButton::Cancel});
     EXPECT_FALSE(backend.interactive());
     auto window = backend.createWindow(ViewLayout::LoopDialog);
     bool cancelled = false;
@@ -110,24 +84,30 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
     EXPECT_TRUE(cancelled);
 
     // A question nobody can answer takes the default set for its style.
-    TerminalMessagebox box(none.keys[0], none.out);
+    TerminalMessagebox box(keys[0], out);
     box.defaults().setDefaultAnswer(MessageboxStyle::RetryCancel, MessageboxAnswer::Retry);
     EXPECT_EQ(std::make_pair(box.showMessage("", "Delete it?", MessageboxStyle::YesNo),
                              box.showMessage("", "Again?", MessageboxStyle::RetryCancel)),
               std::make_pair(MessageboxAnswer::No, MessageboxAnswer::Retry));
     EXPECT_EQ(box.chooseFolder("Where?"), "");
-    std::string printed = none.printed();
+    std::string printed = FileSystem::readFile(home.file("log")).value_or("");
     for (const char* line :
          {"Signing in...\n", "Trying again in 59 seconds\n", "Delete it? (answered 4)"})
         EXPECT_NE(printed.find(line), std::string::npos) << line;
     EXPECT_EQ(printed.find('\033'), std::string::npos); // no drawing codes in a log
+    for (int fd : {keys[0], keys[1], out})
+        ::close(fd);
 }
 
 // Cancel's confirmation, asked while the window holds the keys raw, waits for a typed line.
 // TERM=dumb or the user's NO_COLOR get plain lines, as without a terminal.
 TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForItsAnswerUnlessDumb) {
-    Pty pty(O_NONBLOCK); // the typist polls what is drawn
-    int master = pty.master, slave = pty.slave;
+    // A pseudo-terminal: the program's side (slave) and the user's (master), which the typist
+    // polls for what is drawn.
+    int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+    ASSERT_TRUE(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0);
+    int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
     struct Case {
         std::optional<std::string> term, noColor;
         bool redraw;
@@ -141,7 +121,7 @@ TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForIt
                     backend.interactive() == c.redraw)
             << c.term.value_or("(unset)");
     }
-    EXPECT_FALSE(TerminalConsole::canRedraw(pty.master + 1000)); // not a terminal at all
+    EXPECT_FALSE(TerminalConsole::canRedraw(master + 1000)); // not a terminal at all
 
     test::ScopedEnv term("TERM", "xterm"), color("NO_COLOR", std::nullopt);
     TerminalViewBackend backend({slave, slave, ViewButton::Cancel});
@@ -174,6 +154,8 @@ TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForIt
                               window->pressCount(ViewButton::Cancel), answer),
               std::make_tuple(1, 1, int{MessageboxAnswer::Yes}));
     EXPECT_NE(seen.find("[r] Retry"), std::string::npos);
+    ::close(slave);
+    ::close(master);
 }
 
 } // namespace
