@@ -10,7 +10,7 @@
 using namespace cirrovault;
 using test::permissionsOf;
 
-TEST(FileSystemWrite, AtomicWritesReplaceWholeAndLeaveNoTemporary) {
+TEST(FileSystemWrite, AtomicWritesReplaceWholeLeaveNoTemporaryAndFoldersGetExactlyTheirMode) {
     test::TempHome home;
     const std::string folder = home.file("w"), path = folder + "/data.plist";
     ASSERT_TRUE(FileSystem::createDirectories(folder));
@@ -34,10 +34,7 @@ TEST(FileSystemWrite, AtomicWritesReplaceWholeAndLeaveNoTemporary) {
                  FileSystem::writeFileAtomically(folder + "/missing/file", "x"));
     FileSystem::removeAll(folder + "/blocked");
     EXPECT_EQ(FileSystem::listDirectory(folder), onlyData);
-}
 
-TEST(FileSystemWrite, FoldersGetExactlyTheirModeWhateverTheUmask) {
-    test::TempHome home;
     {
         test::UmaskScope open(0); // must not let other users into a new folder
         ASSERT_TRUE(FileSystem::createDirectories(home.file("a/b/c")));
