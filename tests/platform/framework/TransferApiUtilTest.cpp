@@ -68,33 +68,10 @@ TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
     EXPECT_EQ(readFile(storedPath("Jobs/a0.txt")), "a");
 }
 
-TEST_F(TransferApiUtilTest, UploadAndDownloadKeepBytesAndModificationTimes) {
-    folders({"\\Docs"});
-    std::string content = pattern(3 * 1024 * 1024 + 11);
-    std::string local = makeFile("src/report.pdf", content, 1'600'000'123.5);
-    TrueProgressCallback progress;
-    UploadFileInfo result;
-    ASSERT_EQ(upload("\\Docs\\report.pdf", local, &result, "", &progress), Success);
-    EXPECT_EQ(std::make_tuple(result.storedSize, result.uploadedBytes, result.resumedBytes,
-                              progress.thisSize(), progress.sentSize()),
-              std::make_tuple(content.size(), content.size(), 0u, content.size(), content.size()));
-
-    std::string restored = home_.file("restore/deep/report.pdf"); // folders made as needed
-    ASSERT_EQ(download("\\Docs\\report.pdf", restored), Success);
-    EXPECT_TRUE(readFile(restored) == content &&
-                FileSystem::status(restored)->modifyTime == Date(1'600'000'123.5));
-
-    EXPECT_EQ((Codes{download("\\Docs\\none.pdf", home_.file("none.pdf")),
-                     download("\\Docs", home_.file("folder")),
-                     upload("\\Docs\\x", home_.file("no-such-file")),
-                     upload("\\Docs\\..\\..\\x", local), upload("\\Missing\\x", local)}),
-              (Codes{NotFound, BadRequest, LocalFileError, BadPath, NotFound}));
-    EXPECT_FALSE(FileSystem::exists(home_.file("none.pdf")));
-}
-
-TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
+TEST_F(TransferApiUtilTest, UploadsKeepBytesAndTimesAndInterruptedOnesResumeFromTheirPart) {
     folders({"\\Up", "\\Encrypted"});
-    std::string content = pattern(2 * 1024 * 1024 + 5), local = makeFile("big.bin", content);
+    std::string content = pattern(2 * 1024 * 1024 + 5);
+    std::string local = makeFile("big.bin", content, 1'600'000'123.5);
     for (std::string phrase : {"", "pass"}) {
         std::string server = phrase.empty() ? "\\Up\\big.bin" : "\\Encrypted\\big.bin";
         SCOPED_TRACE(server);
@@ -109,18 +86,30 @@ TEST_F(TransferApiUtilTest, InterruptedUploadsResumeFromTheirPart) {
         EXPECT_TRUE(second.resumedBytes > 0 && second.uploadedBytes < stored);
         EXPECT_EQ(std::make_tuple(second.resumedBytes + second.uploadedBytes, progress.tempSize()),
                   std::make_tuple(stored, second.resumedBytes));
-        ASSERT_EQ(download(server, home_.file("back.bin"), phrase), Success);
-        EXPECT_TRUE(readFile(home_.file("back.bin")) == content);
+        std::string back = home_.file("restore/deep/" + phrase + "back.bin"); // folders made
+        ASSERT_EQ(download(server, back, phrase), Success);
+        EXPECT_TRUE(readFile(back) == content &&
+                    FileSystem::status(back)->modifyTime == Date(1'600'000'123.5));
     }
 
     // A local file changed since the interruption starts over.
     store_->dropConnectionInNextPut(1000);
     EXPECT_EQ(upload("\\Up\\again.bin", local), Failure);
+    TrueProgressCallback progress;
     UploadFileInfo third;
-    ASSERT_EQ(upload("\\Up\\again.bin", makeFile("big.bin", content.replace(10, 1, "!")), &third),
+    ASSERT_EQ(upload("\\Up\\again.bin", makeFile("big.bin", content.replace(10, 1, "!")), &third,
+                     "", &progress),
               Success);
-    EXPECT_EQ(std::make_tuple(third.resumedBytes, third.uploadedBytes),
-              std::make_tuple(0u, content.size()));
+    EXPECT_EQ(std::make_tuple(third.storedSize, third.uploadedBytes, third.resumedBytes,
+                              progress.thisSize(), progress.sentSize()),
+              std::make_tuple(content.size(), content.size(), 0u, content.size(), content.size()));
+
+    EXPECT_EQ((Codes{download("\\Up\\none.bin", home_.file("none.bin")),
+                     download("\\Up", home_.file("folder")),
+                     upload("\\Up\\x", home_.file("no-such-file")),
+                     upload("\\Up\\..\\..\\x", local), upload("\\Missing\\x", local)}),
+              (Codes{NotFound, BadRequest, LocalFileError, BadPath, NotFound}));
+    EXPECT_FALSE(FileSystem::exists(home_.file("none.bin")));
 }
 
 // A version moved into the history stays bound to the name it was encrypted under.
