@@ -155,7 +155,7 @@ TEST(TaskListServer, AddListNamesAndDeleteAnswerEveryReplyKeyAndResultCode) {
     EXPECT_EQ(names, "");
 }
 
-TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
+TEST(TaskListServer, DamagedRequestsAreRefusedAndADamagedStoreIsAStorageErrorNotOverwritten) {
     Fixture f;
     ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
     const std::string before = f.store->document;
@@ -193,10 +193,7 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndChangeNothing) {
 
     EXPECT_EQ(f.server.UploadTaskList(good), 0); // the undamaged text is taken
     EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/b", "/c"}));
-}
 
-TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten) {
-    Fixture f;
     std::string reply;
     f.store->setDocument("<plist>not a task list");
     SystemLog::startCapture();
@@ -221,8 +218,7 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
 
     // A NUL byte in a name is refused before the parser (which would end the process) sees it.
     f.store->failReads = false;
-    ASSERT_EQ(f.up("Docs", "Add"), Success);
-    std::string withNul = f.store->document;
+    std::string withNul = before;
     ASSERT_NE(withNul.find(">Docs<"), std::string::npos) << withNul;
     withNul.insert(withNul.find(">Docs<") + 3, 1, '\0');
     f.store->setDocument(withNul);
@@ -230,7 +226,8 @@ TEST(TaskListServer, DamagedOrUnreadableStoreIsAStorageErrorAndIsNotOverwritten)
     EXPECT_EQ(f.store->document, withNul);
 }
 
-TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
+TEST(TaskListServer, EditRenamesAddsOrRemovesPathsAndReappliesOnTheNewerListUntilItGivesUp) {
+    test::ManualClockScope clock;
     Fixture f;
     ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}, {"/b", true}}), 0);
     // A rename with paths: removing /a, adding /b again (no duplicate) and /c.
@@ -245,22 +242,17 @@ TEST(TaskListServer, EditRenamesReplacesHeaderAndAddsOrRemovesPaths) {
 
     // Another task that merely has the new name is not taken for the old one.
     EXPECT_EQ(f.up("Papers", "Edit", {}, "Docs", 99), OldTaskNotFound);
-}
 
-TEST(TaskListServer, ConflictReappliesOnTheNewerListAndGivesUpWhenItNeverSettles) {
-    test::ManualClockScope clock;
-    Fixture f;
-    ASSERT_EQ(f.up("Docs", "Add", {{"/a", true}}), 0);
     // Another client adds a path between this request's read and its write.
     f.store->beforeWrite = [&] {
-        ASSERT_EQ(Fixture{f.store}.up("Docs", "Edit", {{"/other", true}}), 0);
+        ASSERT_EQ(Fixture{f.store}.up("Papers", "Edit", {{"/other", true}}), 0);
     };
-    ASSERT_EQ(f.up("Docs", "Edit", {{"/mine", true}}), 0);
-    EXPECT_EQ(pathsOf(f.server, "Docs"), (Strings{"/a", "/other", "/mine"}));
+    ASSERT_EQ(f.up("Papers", "Edit", {{"/mine", true}}), 0);
+    EXPECT_EQ(pathsOf(f.server, "Papers"), (Strings{"/b", "/c", "/d", "/other", "/mine"}));
 
     f.store->alwaysConflict = true;
     SystemLog::startCapture();
-    EXPECT_EQ(f.up("Docs", "Edit", {{"/never", true}}), StorageError);
+    EXPECT_EQ(f.up("Papers", "Edit", {{"/never", true}}), StorageError);
     EXPECT_TRUE(SystemLog::capturedContains("gave up after"));
     SystemLog::stopCapture();
 }
