@@ -23,7 +23,7 @@ size_t placeholderCount(const std::string& text) {
 }
 } // namespace
 
-TEST(StringTable, FileIsASortedPlainDictionaryOfUsableFolderNamesAndTexts) {
+TEST(StringTable, FileIsASortedPlainDictionaryOfUsableFolderNamesAndEveryTextTheSourcesAskFor) {
     test::TempHome home; // no override table in the user's folder
     auto text = FileSystem::readFile(tableFile).value_or("");
     EXPECT_EQ(text.find("<!DOCTYPE"), std::string::npos);
@@ -91,10 +91,8 @@ TEST(StringTable, FileIsASortedPlainDictionaryOfUsableFolderNamesAndTexts) {
               "1:02:03Backup Task 0");
     EXPECT_FALSE(SystemLog::capturedContains("malformed"));
     SystemLog::stopCapture();
-}
 
-TEST(StringTable, EveryKeyTheSourcesAskForIsInTheTable) {
-    test::TempHome home;
+    // Every key the sources ask for is in the table.
     static const std::regex lookup(
         R"((?:GetValueByKey|LoadString::Format|LoadString::HasKey)\(\s*"([^"]+)\")");
     std::map<std::string, std::string> usedIn; // key → first file that uses it

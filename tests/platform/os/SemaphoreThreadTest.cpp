@@ -6,7 +6,7 @@
 
 using namespace cirrovault;
 
-TEST(SemaphoreThread, SignalBeforeWaitIsKeptOnceAndAThreadRunsOnlyWhenStarted) {
+TEST(SemaphoreThread, SignalBeforeWaitIsKeptOnceThreadsRunOnlyWhenStartedAndNoWakeUpIsLost) {
     Semaphore done;
     done.signal();
     done.signal(); // the maximum is 1
@@ -32,10 +32,9 @@ TEST(SemaphoreThread, SignalBeforeWaitIsKeptOnceAndAThreadRunsOnlyWhenStarted) {
     thrower.join(); // logged, not fatal
     EXPECT_TRUE(SystemLog::capturedContains("boom"));
     SystemLog::stopCapture();
-}
 
-// Each producer waits for its turn, so every signal is consumed before the next.
-TEST(SemaphoreThread, ManyProducersOneConsumerLoseNoWakeUp) {
+    // A producer and a consumer taking turns lose no wake-up: each signal is consumed before
+    // the next.
     Semaphore turn, item;
     std::atomic<int> consumed{0};
     constexpr int kRounds = 200;
