@@ -44,30 +44,6 @@ protected:
     }
 };
 
-TEST_F(TransferApiUtilTest, FoldersCarryDescriptionsAndRenamesKeepThem) {
-    auto add = [](const std::string& path) { return api().AddFolder(path, "", "", false); };
-    EXPECT_EQ((Codes{api().AddFolder("\\Tasks", "All my tasks", "Tasks", false), add("\\Tasks"),
-                     add("\\No\\Parent"), add("\\Tasks\\..\\..\\x")}),
-              (Codes{Success, AlreadyExists, NotFound, BadPath}));
-    EXPECT_EQ(texts("\\Tasks"), "All my tasks|Tasks");
-    // Empty texts keep what the folder had; given ones replace it.
-    ASSERT_EQ(api().EditFolder("\\Tasks", "Jobs", "", ""), Success);
-    EXPECT_EQ(texts("\\Jobs") + texts("\\Tasks"), "All my tasks|Tasks-");
-    EXPECT_EQ((Codes{api().EditFolder("\\Jobs", "", "Renamed", ""),
-                     api().EditFolder("\\Jobs", "a\\b", "", ""),
-                     api().EditFolder("\\Missing", "x", "", "")}),
-              (Codes{Success, BadPath, NotFound}));
-    EXPECT_EQ(texts("\\Jobs"), "Renamed|Tasks");
-
-    const std::string a = "\\Jobs\\a.txt";
-    ASSERT_EQ(upload(a, makeFile("a.txt", "a")) + upload("\\Jobs\\b.txt", makeFile("b.txt", "b")),
-              Success);
-    EXPECT_EQ((Codes{api().EditFile(a, "", "", ""), api().EditFile(a, "b.txt", "", ""),
-                     api().EditFile(a, "a.txt", "", ""), api().EditFile(a, "a0.txt", "", "")}),
-              (Codes{EmptyName, AlreadyExists, Success, Success}));
-    EXPECT_EQ(readFile(storedPath("Jobs/a0.txt")), "a");
-}
-
 TEST_F(TransferApiUtilTest, UploadsKeepBytesAndTimesAndInterruptedOnesResumeFromTheirPart) {
     folders({"\\Up", "\\Encrypted"});
     std::string content = pattern(2 * 1024 * 1024 + 5);
@@ -165,10 +141,29 @@ TEST_F(TransferApiUtilTest, EncryptedFilesRefuseAWrongPhraseOrAnotherNameAndTake
     SystemLog::stopCapture();
 }
 
-TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
-    folders({"\\Task", "\\History", "\\Copies"});
+TEST_F(TransferApiUtilTest, FoldersKeepTheirTextsAndCopyMoveAndDeleteCountTheirItems) {
+    auto add = [](const std::string& path) { return api().AddFolder(path, "", "", false); };
+    EXPECT_EQ((Codes{api().AddFolder("\\Tasks", "All my tasks", "Tasks", false), add("\\Tasks"),
+                     add("\\No\\Parent"), add("\\Tasks\\..\\..\\x")}),
+              (Codes{Success, AlreadyExists, NotFound, BadPath}));
+    EXPECT_EQ(texts("\\Tasks"), "All my tasks|Tasks");
+    // Empty texts keep what the folder had; given ones replace it.
+    ASSERT_EQ(api().EditFolder("\\Tasks", "Task", "", ""), Success);
+    EXPECT_EQ(texts("\\Task") + texts("\\Tasks"), "All my tasks|Tasks-");
+    EXPECT_EQ((Codes{api().EditFolder("\\Task", "", "Renamed", ""),
+                     api().EditFolder("\\Task", "a\\b", "", ""),
+                     api().EditFolder("\\Missing", "x", "", "")}),
+              (Codes{Success, BadPath, NotFound}));
+    EXPECT_EQ(texts("\\Task"), "Renamed|Tasks");
+
+    folders({"\\History", "\\Copies"});
     for (const char* name : {"a", "b", "c"})
         ASSERT_EQ(upload(std::string("\\Task\\") + name, makeFile(name, name)), Success);
+    const std::string c = "\\Task\\c";
+    EXPECT_EQ((Codes{api().EditFile(c, "", "", ""), api().EditFile(c, "b", "", ""),
+                     api().EditFile(c, "c", "", ""), api().EditFile(c, "c0", "", "")}),
+              (Codes{EmptyName, AlreadyExists, Success, Success}));
+    EXPECT_EQ(readFile(storedPath("Task/c0")), "c");
 
     OperationProgress progress;
     ASSERT_EQ(api().CopyPaths({"\\Task\\a", "\\Task\\b"}, "\\Copies", &progress, false), Success);
@@ -179,16 +174,16 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
     // A name already there is not overwritten; the other paths still go.
     OperationProgress cancelled;
     cancelled.setCancelled(true);
-    EXPECT_EQ((Codes{api().CopyPaths({"\\Copies\\a", "\\Task\\c"}, "\\History", nullptr, true),
+    EXPECT_EQ((Codes{api().CopyPaths({"\\Copies\\a", "\\Task\\c0"}, "\\History", nullptr, true),
                      api().DeletePaths({"\\Copies\\a"}, &cancelled, false)}),
               (Codes{AlreadyExists, Cancelled}));
-    EXPECT_EQ(found({"\\History\\c", "\\Copies\\a"}), "++");
+    EXPECT_EQ(found({"\\History\\c0", "\\Copies\\a"}), "++");
 
     // One item to another folder under another name; never over a name already there.
     ASSERT_EQ(api().MovePath("\\Copies\\b", "\\History\\b0"), Success);
     EXPECT_EQ(found({"\\Copies\\b", "\\History\\b0"}), "-+");
     auto move = [](const std::string& to) { return api().MovePath("\\History\\b0", to); };
-    EXPECT_EQ((Codes{move("\\History\\c"), move("\\..\\b0"), move("\\Copies\\b")}),
+    EXPECT_EQ((Codes{move("\\History\\c0"), move("\\..\\b0"), move("\\Copies\\b")}),
               (Codes{AlreadyExists, BadPath, Success}));
 
     // A path already gone counts as deleted; a bad one fails without stopping the rest.
@@ -205,7 +200,7 @@ TEST_F(TransferApiUtilTest, CopyMoveAndDeleteCountTheirItems) {
                      api().DeletePaths({"\\History\\a", "\\Task\\a"}, nullptr, true),
                      api().DeletePaths({"\\History"}, nullptr, false)}),
               (Codes{Success, Success, Success}));
-    EXPECT_EQ(found({"\\Trash\\a", "\\Trash\\a (2)", "\\History\\c"}), "++-");
+    EXPECT_EQ(found({"\\Trash\\a", "\\Trash\\a (2)", "\\History\\c0"}), "++-");
 }
 
 TEST_F(TransferApiUtilTest, SessionKeepsThePasswordOutOfTheLog) {
