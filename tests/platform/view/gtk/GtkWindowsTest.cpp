@@ -54,8 +54,9 @@ protected:
 };
 
 // Run off the main thread, a window is drawn by the main loop; its close button stops the
-// work behind it, which still ends the loop. The same for the wait dialog.
-TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
+// work behind it, which still ends the loop. The same for the wait dialog, and for the restore
+// window once the close is confirmed, its figures drawn for the screenshot.
+TEST_F(GtkWindowsTest, ClosingARunsOrTheRestoreWindowStopsTheWorkBehindIt) {
     ProgressBarController controller(backend);
     Thread* self = nullptr;
     std::atomic<bool> cancelled{false}, ended{false};
@@ -96,34 +97,31 @@ TEST_F(GtkWindowsTest, ClosingARunsWindowStopsTheWorkBehindIt) {
     EXPECT_TRUE(loop.EnterLoopMode(&waiting, CLoopItem::ButtonCancel));
     waiting.join();
     EXPECT_TRUE(loopCancelled);
-}
 
-// Its figures are drawn for the screenshot; the close button, once confirmed, stops it.
-TEST_F(GtkWindowsTest, ClosingTheRestoreWindowStopsTheRestore) {
     ManualClockScope clock;
     messages->queueAnswer(MessageboxAnswer::Yes); // "stop the restore?"
-    CDownloadFileController controller(backend);
-    Thread* self = nullptr;
+    CDownloadFileController restore(backend);
+    Thread* restoreSelf = nullptr;
     bool stopped = false;
-    Thread worker([&] {
-        controller.iTotalSize = 1000;
-        controller.setStrDownPath(home_.file("restored"));
-        controller.setStrRestoringFile("Documents/letters/2024-05.odt (version of 3 May)");
-        auto progress = controller.pDownloadProgBar;
+    Thread restoring([&] {
+        restore.iTotalSize = 1000;
+        restore.setStrDownPath(home_.file("restored"));
+        restore.setStrRestoringFile("Documents/letters/2024-05.odt (version of 3 May)");
+        auto progress = restore.pDownloadProgBar;
         progress->setTotalSize(1000);
         progress->setSentSize(100);
         clock.clock->advance(10);
         progress->setSentSize(300);
-        stopped = polled([&] { return controller.IsCancelDownload(self); });
-        controller.LeaveProgressModel(self);
+        stopped = polled([&] { return restore.IsCancelDownload(restoreSelf); });
+        restore.LeaveProgressModel(restoreSelf);
     });
-    self = &worker;
-    Script close(nullptr, {{showing("0:00:23"), [](GtkWidget* w) { // once its figures are drawn
-                                EXPECT_TRUE(screenshot(w, "restore-progress"));
-                                gtk_window_close(GTK_WINDOW(w));
-                            }}});
-    controller.EnterProgressMode(&worker);
-    worker.join();
+    restoreSelf = &restoring;
+    Script closeRestore(nullptr, {{showing("0:00:23"), [](GtkWidget* w) {
+                                       EXPECT_TRUE(screenshot(w, "restore-progress"));
+                                       gtk_window_close(GTK_WINDOW(w));
+                                   }}});
+    restore.EnterProgressMode(&restoring);
+    restoring.join();
     EXPECT_TRUE(stopped);
 }
 
