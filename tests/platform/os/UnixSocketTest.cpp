@@ -17,7 +17,7 @@ using test::ScopedEnv;
 using test::TempHome;
 
 // A listener that ended leaves a file that refuses; the next listener replaces it.
-TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
+TEST(UnixSocket, LinesBothWaysAFileLeftBehindRefusesAndTheRuntimeFolderIsOurs) {
     TempHome home;
     std::string folder = UnixSocket::runtimeFolder();
     ASSERT_EQ(folder, home.file("run/cirrovault"));
@@ -61,10 +61,8 @@ TEST(UnixSocket, LinesBothWaysAndAFileLeftBehindRefuses) {
     UnixSocket again = UnixSocket::listen(path);
     ASSERT_TRUE(again.valid());
     EXPECT_TRUE(UnixSocket::connect(path, &how).valid());
-}
 
-// Without XDG_RUNTIME_DIR: our own folder under /tmp, closed even when it was found open.
-TEST(UnixSocket, RuntimeFolderWithoutXdgIsOursAndClosed) {
+    // Without XDG_RUNTIME_DIR: our own folder under /tmp, closed even when it was found open.
     ScopedEnv runtime("XDG_RUNTIME_DIR", std::nullopt);
     std::string expected = "/tmp/cirrovault-" + std::to_string(getuid());
     bool existed = FileSystem::exists(expected);

@@ -15,8 +15,6 @@
 
 using namespace cirrovault;
 
-namespace {
-
 TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreadsAndScriptedPressesFireOnce) {
     HeadlessViewBackend backend;
     auto outer = backend.createWindow(ViewLayout::ProgressWindow);
@@ -157,5 +155,3 @@ TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForIt
     ::close(slave);
     ::close(master);
 }
-
-} // namespace
