@@ -24,7 +24,7 @@ struct ThrowingPresenter : NimboMessagebox::Presenter {
 };
 } // namespace
 
-TEST(Messagebox, HeadlessAnswersScriptThenDefaultsAndAFailingPresenterIsLoggedAndAnswersTheDefault) {
+TEST(Messagebox, HeadlessAnswersScriptThenDefaultsAndAFailingPresenterIsLoggedAndDefaults) {
     auto headless = std::make_shared<HeadlessMessagebox>();
     NimboMessagebox::setPresenter(headless);
     bool box = false;

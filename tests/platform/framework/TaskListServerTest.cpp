@@ -145,8 +145,8 @@ TEST(TaskListServer, AddListNamesAndDeleteAnswerEveryReplyKeyAndResultCode) {
         ASSERT_EQ(f.up(name, "Add"), 0);
     // Added twice, renamed onto a taken name or to nothing; deletes of nothing, one, several.
     EXPECT_EQ(
-        (Codes{f.up("Docs", "Add"), f.up("Photos", "Edit", {}, "Docs"), f.up("", "Edit", {}, "Docs"),
-               f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
+        (Codes{f.up("Docs", "Add"), f.up("Photos", "Edit", {}, "Docs"),
+               f.up("", "Edit", {}, "Docs"), f.server.deleteTasks(""), f.server.deleteTasks("||"), f.server.deleteTasks("B"),
                f.server.deleteTasks("A|Gone|C|"), f.server.deleteTasks("Gone")}),
         (Codes{6, 6, EmptyName, EmptyName, EmptyName, 0, 0, 0}));
     ASSERT_EQ(f.server.getTaskNames("false", names), 0);
@@ -176,7 +176,8 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndADamagedStoreIsAStorageErrorNot
         replaced("Descr=My%20docs%20%26%20more", "Descr=My%2"),
         replaced("IsResume=1", "IsResume=2"), replaced("Action=Edit", "Action=Delete"),
         // List separators stay plain; a list ends in "|" and has no empty entry.
-        replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"), replaced("|tmp|", "|tmp"), replaced("|tmp|", "||"),
+        replaced("a%20b|tmp|", "a%20b%7Ctmp%7C"), replaced("|tmp|", "|tmp"),
+        replaced("|tmp|", "||"),
         // Path entries out of order, with bad values, or counted wrong.
         replaced("IsFolder1=", "IsFolder2="), replaced("Path1=", "Serial1="),
         replaced("Action1=1", "Action1=3"), replaced("IsFolder0=1", "IsFolder0=yes"),

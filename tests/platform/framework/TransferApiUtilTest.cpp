@@ -89,7 +89,7 @@ TEST_F(TransferApiUtilTest, UploadsKeepBytesAndTimesAndInterruptedOnesResumeFrom
 }
 
 // A version moved into the history stays bound to the name it was encrypted under.
-TEST_F(TransferApiUtilTest, EncryptedFilesRefuseAWrongPhraseOrAnotherNameAndTakeTheOneKeptForTheTask) {
+TEST_F(TransferApiUtilTest, EncryptedFilesRefuseAWrongPhraseOrNameAndTakeTheOneKeptForTheTask) {
     for (std::string top : {"\\Encrypted", "\\Encrypted\\History"})
         folders({top, top + "\\Task", top + "\\Task\\Docs"});
     const std::string a = "\\Encrypted\\Task\\Docs\\a.txt", b = "\\Encrypted\\Task\\Docs\\b.txt";

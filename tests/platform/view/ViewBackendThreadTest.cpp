@@ -62,7 +62,8 @@ TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreadsAndScriptedPressesFi
 // No terminal: keys from a pipe nobody writes to, output to a file (stderr redirected).
 TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
     test::TempHome home;
-    int keys[2] = {-1, -1}, out = ::open(home.file("log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    int keys[2] = {-1, -1};
+    int out = ::open(home.file("log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(::pipe(keys), 0);
     TerminalViewBackend backend({keys[0], out, ViewButton::Cancel});
     EXPECT_FALSE(backend.interactive());
