@@ -89,27 +89,35 @@ protected:
     std::shared_ptr<GatedClock> clock_ = std::make_shared<GatedClock>(Date(T));
 };
 
-TEST_F(BackupManageSchedulerThread, DueTasksQueueInOrderAndRunOneAtATime) {
-    TaskPtr a = addTask("A"), b = addTask("B");
-
-    host_.holdUploadOf("A");
+// The reload flag keeps the passes going but queues and starts nothing; then due tasks
+// queue in list order behind the queued one and run one at a time.
+TEST_F(BackupManageSchedulerThread, ReloadFlagHoldsTheQueueThenDueTasksQueueInOrderAndRunOneAtATime) {
+    TaskPtr a = addTask("A"), b = addTask("B"), c = addTask("C", 0);
+    EXPECT_TRUE(manager_.AddTaskToWaitList(c, false));
+    manager_.bRefreshTaskListFlag = true;
+    host_.holdUploadOf("C");
     startScheduler();
     pass();
-    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "A:1"}));
-    host_.waitHeld();
-    pass(); // while A runs, passes leave the queue alone
     pass();
-    EXPECT_EQ(lists(), "A | B");
-    host_.release();
+    EXPECT_TRUE(host_.events().empty());
+    EXPECT_EQ(lists(), " | C");
 
-    host_.waitFor("A:2");
+    manager_.bRefreshTaskListFlag = false;
     pass();
-    host_.waitFor("B:2");
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "C:1"}));
+    host_.waitHeld();
+    pass(); // while C runs, passes leave the queue alone
     pass();
-    pass(); // A is queued once only: its next slot is tomorrow
-    EXPECT_EQ(host_.events(),
-              (std::vector<std::string>{"A:7", "B:7", "A:1", "A:5", "A:2", "B:1", "B:5", "B:2"}));
-    for (const auto& task : {a, b}) {
+    EXPECT_EQ(lists(), "C | A B");
+    host_.release();
+    for (const char* name : {"C", "A", "B"}) {
+        host_.waitFor(std::string(name) + ":2");
+        pass();
+    }
+    pass(); // each is queued once only: its next slot is tomorrow
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "C:1", "C:5", "C:2", "A:1",
+                                                        "A:5", "A:2", "B:1", "B:5", "B:2"}));
+    for (const auto& task : {a, b, c}) {
         EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << task->name;
         EXPECT_TRUE(exists("\\Backups\\" + task->name + "\\" + task->name + "\\b.txt"));
     }
@@ -117,25 +125,10 @@ TEST_F(BackupManageSchedulerThread, DueTasksQueueInOrderAndRunOneAtATime) {
 }
 
 // A queued task whose deletion began while it waited must not hold the running place.
-TEST_F(BackupManageSchedulerThread, ARunThatNeverStartedDoesNotBlockTheQueue) {
-    TaskPtr gone = addTask("Gone", 0), next = addTask("Next", 0);
-    startScheduler();
-    locked([&] {
-        manager_.AddTaskToWaitList(gone, false);
-        manager_.AddTaskToWaitList(next, false);
-        return gone->bDeleting = true;
-    });
-    pass(); // starts Gone, whose run ends at once
-    pass(); // frees the place and starts Next
-    host_.waitFor("Next:2");
-    EXPECT_EQ(host_.countOf("Gone:2"), 0u);
-    EXPECT_TRUE(SystemLog::capturedContains("The working task ended without its closing notice."));
-    EXPECT_TRUE(exists("\\Backups\\Next\\Next\\a.txt"));
-    stopScheduler();
-}
-
-TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOnTheRun) {
-    TaskPtr a = addTask("A", 0), b = addTask("B", 0); // only the user starts them
+TEST_F(BackupManageSchedulerThread,
+       UserStartQueuesWhileBusyStopAndPauseActOnTheRunAndARunThatNeverStartedDoesNotBlock) {
+    // only the user starts them
+    TaskPtr a = addTask("A", 0), gone = addTask("Gone", 0), b = addTask("B", 0);
     startScheduler();
 
     host_.holdUploadOf("A");
@@ -146,9 +139,13 @@ TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOn
     EXPECT_FALSE(manager_.StartBackupByUser("B", true));
     EXPECT_TRUE(
         SystemLog::capturedContains("Cannot start the task as there are other task running"));
+    locked([&] {
+        manager_.AddTaskToWaitList(gone, false);
+        return gone->bDeleting = true;
+    });
     EXPECT_TRUE(manager_.StartBackupByUser("B", false));
     EXPECT_FALSE(manager_.StartBackupByUser("B", false));
-    EXPECT_EQ(lists(), "A | B");
+    EXPECT_EQ(lists(), "A | Gone B");
     EXPECT_EQ(b->mTaskState, CBackupTask::StateWaiting);
 
     manager_.pauseUpload("A", true);
@@ -159,15 +156,18 @@ TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOn
     EXPECT_EQ(b->GetProgress(), nullptr);
 
     pass();
-    EXPECT_EQ(lists(), "A | B");
+    EXPECT_EQ(lists(), "A | Gone B");
 
     whileHeld(a, [&] { EXPECT_TRUE(manager_.stopBackupTask("A")); });
     EXPECT_EQ(a->mTaskState, CBackupTask::StateCancelled);
     EXPECT_FALSE(exists("\\Backups\\A\\A\\b.txt"));
     host_.waitFor("A:2");
 
-    pass(); // the queued task starts once nothing runs
+    pass(); // starts Gone, whose run ends at once
+    pass(); // frees the place and starts B
     host_.waitFor("B:2");
+    EXPECT_EQ(host_.countOf("Gone:2"), 0u);
+    EXPECT_TRUE(SystemLog::capturedContains("The working task ended without its closing notice."));
     EXPECT_EQ(b->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_TRUE(exists("\\Backups\\B\\B\\b.txt"));
 }
@@ -197,26 +197,6 @@ TEST_F(BackupManageSchedulerThread, EndingTheRunAndUnqueueingLeaveNothingBehind)
             others.push_back(e);
     EXPECT_EQ(others, (std::vector<std::string>{"A:7", "B:7", "A:1"}));
     EXPECT_EQ(lists(), " |");
-}
-
-TEST_F(BackupManageSchedulerThread, ReloadFlagKeepsPassesGoingButQueuesAndStartsNothing) {
-    TaskPtr a = addTask("A"), b = addTask("B", 0);
-    EXPECT_TRUE(manager_.AddTaskToWaitList(b, false));
-
-    manager_.bRefreshTaskListFlag = true;
-    startScheduler();
-    pass();
-    pass();
-    EXPECT_TRUE(host_.events().empty());
-    EXPECT_EQ(lists(), " | B");
-
-    manager_.bRefreshTaskListFlag = false;
-    pass(); // A joins the queue behind B; B, at its head, starts
-    host_.waitFor("B:2");
-    pass();
-    host_.waitFor("A:2");
-    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:1", "B:5", "B:2", "A:1", "A:5",
-                                                        "A:2"}));
 }
 
 // While the host (the daemon) may not run, due and user-started tasks wait in order.
@@ -389,19 +369,16 @@ TEST_F(BackupManageDue, ScheduleRules) {
     EXPECT_TRUE(dueAt(once, test::localDate(2024, 3, 6, 10, 0)));
     once->mBackupDate = test::localDate(2024, 3, 5, 9, 30); // the range's run happened
     EXPECT_FALSE(dueAt(once, test::localDate(2024, 3, 8, 10, 0)));
-}
 
-TEST_F(BackupManageDue, SlotIsDueWithinItsOwnMinuteEvenAtTheDaysEnd) {
-    auto weekly = daily("Late"); // Tuesdays at 23:59
-    weekly->taskType = CBackupTask::ScheduleWeekly;
-    weekly->mDating = test::localDate(2024, 3, 5, 23, 59);
-    EXPECT_TRUE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 59, 0).addingTimeInterval(0.25)));
-    EXPECT_TRUE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 59, 30).addingTimeInterval(0.5)));
-    EXPECT_FALSE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 58, 59).addingTimeInterval(0.5)));
-    EXPECT_FALSE(dueAt(weekly, test::localDate(2024, 3, 6, 0, 0, 30))); // Wednesday
-
-    auto task = daily();
-    EXPECT_TRUE(dueAt(task, test::localDate(2024, 3, 5, 9, 0, 40).addingTimeInterval(0.1)));
+    // A slot is due within its own minute, even at the day's end.
+    auto late = daily("Late"); // Tuesdays at 23:59
+    late->taskType = CBackupTask::ScheduleWeekly;
+    late->mDating = test::localDate(2024, 3, 5, 23, 59);
+    EXPECT_TRUE(dueAt(late, test::localDate(2024, 3, 5, 23, 59, 0).addingTimeInterval(0.25)));
+    EXPECT_TRUE(dueAt(late, test::localDate(2024, 3, 5, 23, 59, 30).addingTimeInterval(0.5)));
+    EXPECT_FALSE(dueAt(late, test::localDate(2024, 3, 5, 23, 58, 59).addingTimeInterval(0.5)));
+    EXPECT_FALSE(dueAt(late, test::localDate(2024, 3, 6, 0, 0, 30))); // Wednesday
+    EXPECT_TRUE(dueAt(daily(), test::localDate(2024, 3, 5, 9, 0, 40).addingTimeInterval(0.1)));
 }
 
 TEST_F(BackupManageDue, WaitingListKeepsOneEntryPerName) {
