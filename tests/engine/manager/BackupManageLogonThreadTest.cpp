@@ -270,7 +270,10 @@ TEST_F(BackupManageLogonThread, LoadTaskListReadsEveryColumnOfAReply) {
     EXPECT_EQ(manager_.taskList.size(), 1u);
 }
 
-TEST_F(BackupManageLogonThread, RefreshKeepsUnchangedTasksAndFollowsTheService) {
+// A reload (another process changed the list) takes the service's records but keeps what
+// only this process knows: a task that ran this slot must not run again, nor a failed one
+// look clean. A run under way defers it.
+TEST_F(BackupManageLogonThread, RefreshFollowsTheServiceAndReloadKeepsStateLastRunAndErrors) {
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
     manager_.pcID = 7;
     TaskPtr a = registerTask("A", 7);
@@ -297,14 +300,31 @@ TEST_F(BackupManageLogonThread, RefreshKeepsUnchangedTasksAndFollowsTheService) 
     std::sort(after.begin(), after.end());
     EXPECT_EQ(after, (std::vector<std::string>{"A", "B", "D"}));
     EXPECT_EQ(manager_.GetTaskByName("A"), loadedA);
-    TaskPtr newB = manager_.GetTaskByName("B");
-    EXPECT_NE(newB, loadedB);
-    EXPECT_EQ(newB->mBackupDate, b->mBackupDate);
+    TaskPtr oldB = manager_.GetTaskByName("B");
+    EXPECT_NE(oldB, loadedB);
+    EXPECT_EQ(oldB->mBackupDate, b->mBackupDate);
     EXPECT_EQ(SystemLog::capturedCount("refresh task for stop tasks."), 1u);
 
     // Nothing changed since: no change reported, the same objects stay.
     EXPECT_FALSE(manager_.refreshTaskList());
-    EXPECT_EQ(manager_.GetTaskByName("B"), newB);
+    EXPECT_EQ(manager_.GetTaskByName("B"), oldB);
+
+    loadedA->mLastRunDate = Date(1'700'000'000.0);
+    loadedA->bHaveErr = true;
+    oldB->setTaskState(CBackupTask::StateWaiting);
+    manager_.waitingList = {oldB};
+    b->description = "edited elsewhere";
+    ASSERT_TRUE(b->uploadTaskList("Edit", "B"));
+    manager_.SetWorkingTask(loadedA);
+    EXPECT_FALSE(manager_.reloadTaskList());
+    manager_.SetWorkingTask(nullptr);
+    ASSERT_TRUE(manager_.reloadTaskList());
+    TaskPtr newA = manager_.GetTaskByName("A"), newB = manager_.GetTaskByName("B");
+    ASSERT_TRUE(newA && newB && newA != loadedA && newB != oldB);
+    EXPECT_EQ(std::tuple(newA->mLastRunDate, newA->bHaveErr.load(), newB->description, newB->mTaskState.load()),
+              std::tuple(Date(1'700'000'000.0), true, std::string("edited elsewhere"),
+                         int{CBackupTask::StateWaiting}));
+    EXPECT_EQ(manager_.waitingList, std::vector<TaskPtr>{newB});
 
     // The service's list cannot be read: nothing changes.
     store_->failOperation(Op::ReadTaskList, ResultCode::Failure);
@@ -312,35 +332,6 @@ TEST_F(BackupManageLogonThread, RefreshKeepsUnchangedTasksAndFollowsTheService) 
     EXPECT_EQ(manager_.taskList.size(), 3u);
     EXPECT_FALSE(manager_.refreshTaskListForRemoteDeleteTask());
     EXPECT_TRUE(SystemLog::capturedContains("Error:refreshTaskListForRemoteDeleteTask. Get result: "));
-}
-
-// A reload (another process changed the list) takes the service's records but keeps what
-// only this process knows: a task that ran this slot must not run again, nor a failed one
-// look clean. A run under way defers it.
-TEST_F(BackupManageLogonThread, ReloadKeepsStateLastRunAndErrorsOfEachTask) {
-    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
-    manager_.pcID = 7;
-    registerTask("A", 7);
-    TaskPtr b = registerTask("B", 7);
-    ASSERT_TRUE(manager_.LoadTaskList(CManageTaskList().getBackupTasks("", "false")));
-    TaskPtr oldA = manager_.GetTaskByName("A"), oldB = manager_.GetTaskByName("B");
-    oldA->mLastRunDate = Date(1'700'000'000.0);
-    oldA->bHaveErr = true;
-    oldB->setTaskState(CBackupTask::StateWaiting);
-    manager_.waitingList = {oldB};
-    b->description = "edited elsewhere";
-    ASSERT_TRUE(b->uploadTaskList("Edit", "B"));
-
-    manager_.SetWorkingTask(oldA);
-    EXPECT_FALSE(manager_.reloadTaskList());
-    manager_.SetWorkingTask(nullptr);
-    ASSERT_TRUE(manager_.reloadTaskList());
-    TaskPtr newA = manager_.GetTaskByName("A"), newB = manager_.GetTaskByName("B");
-    ASSERT_TRUE(newA && newB && newA != oldA && newB != oldB);
-    EXPECT_EQ(std::tuple(newA->mLastRunDate, newA->bHaveErr.load(), newB->description, newB->mTaskState.load()),
-              std::tuple(Date(1'700'000'000.0), true, std::string("edited elsewhere"),
-                         int{CBackupTask::StateWaiting}));
-    EXPECT_EQ(manager_.waitingList, std::vector<TaskPtr>{newB});
 }
 
 } // namespace
