@@ -167,17 +167,59 @@ TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
     EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle);
 }
 
-TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
-    TaskPtr later = makeTask("Later");
-    ASSERT_TRUE(manager_.AddTask(later));
+// Deletion removes or renames a task's folders and removes its record; cancelled, it keeps
+// what it did not reach. A task added starts at once only when its time has come.
+TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesUnlessCancelledAndAddTaskStartsOnlyWhenDue) {
+    TaskPtr docs = registered("Docs"), keep = registered("Keep"); // due in a month
+    EXPECT_TRUE(manager_.waitingList.empty());
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
+    for (const auto& task : {docs, keep}) {
+        EXPECT_EQ(run(task), 2);
+        change(task->name, 1);
+        EXPECT_EQ(run(task), 1);
+    }
+    ASSERT_TRUE(exists(historyRoot() + "\\Docs"));
+
+    // Cancelled before the service deleted anything: folders, record and task stay.
+    auto window = std::make_shared<CancellingWindow>();
+    ProgressModeHost::setProvider([window] { return window; });
+    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", true));
+    EXPECT_NE(window->entered, nullptr);
+    EXPECT_EQ(window->left, window->entered);
+    EXPECT_TRUE(exists("\\Backups\\Docs\\Docs\\a.txt"));
+    EXPECT_TRUE(listed(docs) && onService("Docs"));
+
+    ProgressModeHost::setProvider(nullptr);
+    EXPECT_TRUE(manager_.BatchDeleteTask("Docs", true));
+    EXPECT_TRUE(docs->bDeleting);
+    EXPECT_FALSE(exists("\\Backups\\Docs") || exists(historyRoot() + "\\Docs"));
+    EXPECT_FALSE(listed(docs) || onService("Docs"));
+    EXPECT_TRUE(onService("Keep"));
+    EXPECT_TRUE(exists("\\Backups\\Keep\\Keep\\b.txt"));
+    EXPECT_EQ(host_.countOf(":6"), 2u);
+    EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
+
+    // Keeping the server files renames both folders to "<computer>.<time>.<task>", and
+    // a cancel does not stop the renaming and the removal.
+    ProgressModeHost::setProvider([window] { return window; });
+    EXPECT_FALSE(manager_.BatchDeleteTask("Keep", false));
+    ProgressModeHost::setProvider(nullptr);
+    const std::string kept = GlobalFunction::getPCName() + ".2011-03-05 14-07-";
+    std::vector<StoreItem> backups;
+    ASSERT_EQ(local_->list("\\Backups", backups), ResultCode::Success);
+    ASSERT_EQ(backups.size(), 1u);
+    EXPECT_TRUE(backups[0].name.starts_with(kept) && backups[0].name.ends_with(".Keep"))
+        << backups[0].name;
+    EXPECT_EQ(backups[0].fileCount, 2);
+    EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
+    EXPECT_FALSE(exists(historyRoot() + "\\Keep"));
+    EXPECT_FALSE(listed(keep) || onService("Keep"));
+
     TaskPtr over = makeTask("Over");
     over->taskType = CBackupTask::ScheduleNone;
     over->mEndDate = now().addingTimeInterval(-1);
     ASSERT_TRUE(manager_.AddTask(over));
-    EXPECT_TRUE(listed(later) && listed(over));
-    EXPECT_TRUE(manager_.waitingList.empty());
-    EXPECT_EQ(manager_.pWorkingTask, nullptr);
-
+    EXPECT_TRUE(listed(over) && manager_.waitingList.empty());
     manager_.SetRestoreWorkingFile(std::string("/x"), std::string("\\x"));
     TaskPtr now = makeTask("Now");
     now->taskType = CBackupTask::ScheduleNone;
@@ -195,57 +237,6 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
     EXPECT_EQ(now->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_TRUE(exists("\\Backups\\Now\\Now\\a.txt"));
     EXPECT_EQ(host_.countOf("Now:1"), 1u);
-}
-
-TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesTheFoldersAndRemovesTheRecord) {
-    TaskPtr docs = registered("Docs"), keep = registered("Keep");
-    for (const auto& task : {docs, keep}) {
-        EXPECT_EQ(run(task), 2);
-        change(task->name, 1);
-        EXPECT_EQ(run(task), 1);
-    }
-    ASSERT_TRUE(exists(historyRoot() + "\\Docs"));
-
-    EXPECT_TRUE(manager_.BatchDeleteTask("Docs", true));
-    EXPECT_TRUE(docs->bDeleting);
-    EXPECT_FALSE(exists("\\Backups\\Docs") || exists(historyRoot() + "\\Docs"));
-    EXPECT_FALSE(listed(docs) || onService("Docs"));
-    EXPECT_TRUE(onService("Keep"));
-    EXPECT_TRUE(exists("\\Backups\\Keep\\Keep\\b.txt"));
-    EXPECT_EQ(host_.countOf(":6"), 1u);
-    EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
-
-    // Keeping the server files renames both folders to "<computer>.<time>.<task>".
-    EXPECT_TRUE(manager_.BatchDeleteTask("Keep", false));
-    const std::string kept = GlobalFunction::getPCName() + ".2011-03-05 14-07-";
-    std::vector<StoreItem> backups;
-    ASSERT_EQ(local_->list("\\Backups", backups), ResultCode::Success);
-    ASSERT_EQ(backups.size(), 1u);
-    EXPECT_TRUE(backups[0].name.starts_with(kept) && backups[0].name.ends_with(".Keep"))
-        << backups[0].name;
-    EXPECT_EQ(backups[0].fileCount, 2);
-    EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
-    EXPECT_FALSE(exists(historyRoot() + "\\Keep"));
-    EXPECT_FALSE(listed(keep) || onService("Keep"));
-}
-
-TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotReach) {
-    auto window = std::make_shared<CancellingWindow>();
-    ProgressModeHost::setProvider([window] { return window; });
-    TaskPtr docs = registered("Docs");
-    run(docs);
-
-    // Cancelled before the service deleted anything: folders, record and task stay.
-    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", true));
-    EXPECT_NE(window->entered, nullptr);
-    EXPECT_EQ(window->left, window->entered);
-    EXPECT_TRUE(exists("\\Backups\\Docs\\Docs\\a.txt"));
-    EXPECT_TRUE(listed(docs) && onService("Docs"));
-
-    // Keeping the server files, the renaming and the removal still happen.
-    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", false));
-    EXPECT_FALSE(exists("\\Backups\\Docs"));
-    EXPECT_FALSE(listed(docs) || onService("Docs"));
 }
 
 TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWhereTheyCanBeDeleted) {
