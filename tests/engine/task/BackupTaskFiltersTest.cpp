@@ -12,7 +12,7 @@ namespace {
 
 using Entries = std::vector<std::string>;
 
-TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelow) {
+TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelowFileEntriesTheWholeName) {
     Entries library{"", "Library"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library", library, true));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a/b/library", library, true)); // case ignored
@@ -35,9 +35,8 @@ TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelow) {
     EXPECT_FALSE(CBackupTask::RegexFun("/x/v", oneChar, true));
 
     EXPECT_FALSE(CBackupTask::RegexFun("/x/anything", Entries{}, true));
-}
 
-TEST(BackupTaskFilters, FileEntriesMatchTheWholeName) {
+    // File entries match the whole name.
     Entries tmp{"*.TMP", "Thumbs.db"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a.tmp", tmp, false));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/deep/er/A.Tmp", tmp, false));
