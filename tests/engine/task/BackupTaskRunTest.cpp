@@ -77,24 +77,28 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinish) {
-    local("a.txt", "alpha");
-    local("sub/b.txt", "beta");
+// A run sends its notices in order and logs its start and finish; a rerun reads each server
+// folder at most once, however many old copies it keeps.
+TEST_F(BackupTaskRunThread, RunSendsNoticesInOrderAndRerunsListEachServerFolderAtMostOnce) {
+    for (const char* folder : {"a", "b", "c d"})
+        for (int i = 0; i < 10; ++i)
+            local(std::string(folder) + "/f" + std::to_string(i) + ".txt", "content", T);
     task_->mLastRunDate = Date(0);
     clock_->set(Date(T + 75.5)); // 1:15.5 into a minute of the epoch's whole minutes
     run();
-
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_EQ(std::tuple(task_->iBackupRet, task_->iErrorTimes, task_->scanFileArray.size()),
               std::tuple(0ul, 0, 0ul));
     EXPECT_EQ(task_->pPrgBar, nullptr);
     EXPECT_EQ(std::fmod(task_->mLastRunDate.timeIntervalSince1970(), 60.0), 0.0);
-    EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "alpha");
-    EXPECT_EQ(fetch("\\Backup\\src\\sub\\b.txt"), "beta");
+    EXPECT_EQ(fetch("\\Backup\\src\\c d\\f9.txt"), "content");
     EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3, 5, 0, 2}));
     EXPECT_EQ(eventsContaining("Backup started."), 1u);
     EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
     EXPECT_EQ(clock_->now().timeIntervalSince1970(), T + 75.5); // no window: no pause
+    StoreItem root;
+    ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
+    ASSERT_EQ(root.fileCount, 30);
 
     // A window showing the run's figures keeps them up two seconds before closing.
     struct FiguresWindow : HeadlessViewBackend {
@@ -113,17 +117,7 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     run();
     EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3}));
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
-}
-
-// A rerun reads each server folder at most once, however many old copies it keeps.
-TEST_F(BackupTaskRunThread, RerunsListEachServerFolderAtMostOnce) {
-    for (const char* folder : {"a", "b", "c d"})
-        for (int i = 0; i < 10; ++i)
-            local(std::string(folder) + "/f" + std::to_string(i) + ".txt", "content", T);
-    run();
-    StoreItem root;
-    ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
-    ASSERT_EQ(root.fileCount, 30);
+    task_->bLogOff = false;
 
     for (int pass = 1; pass <= 2; ++pass) {
         SCOPED_TRACE(pass);
@@ -201,7 +195,7 @@ TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
     store_->clearFaults();
 }
 
-TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOnePass) {
+TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresSkipsTheNextEntryForOnePassAndEndsOnAFatalCodeOrCancel) {
     std::string a = local("a.txt", "A");
     std::string b = local("b.txt", "B");
     std::string c = local("c.txt", "C");
@@ -217,15 +211,13 @@ TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOn
     EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "A");
     EXPECT_EQ(task_->uiTaskCurrentUploadSize, 3u);
     EXPECT_TRUE(task_->blogModify);
-}
 
-TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
-    std::string a = local("a.txt", "A");
-    std::string b = local("b.txt", "B");
+    // A fatal code or a cancel ends the walk.
+    const int puts = store_->putCount();
     store_->failOperation(Op::Put, ResultCode::SubItemLimit, 1);
-    walk({a, b});
+    walk({local("d.txt", "D"), local("e.txt", "E")});
     EXPECT_EQ(task_->iBackupRet, 73u);
-    EXPECT_EQ(store_->putCount(), 1);
+    EXPECT_EQ(store_->putCount(), puts + 1);
     EXPECT_EQ(task_->scanFileArray.size(), 2u);
 
     task_->pPrgBar = std::make_shared<TrueProgressCallback>();
@@ -233,7 +225,7 @@ TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
     task_->iBackupRet = 0;
     task_->BeginUploadingData();
     EXPECT_EQ(task_->iBackupRet, 6u);
-    EXPECT_EQ(store_->putCount(), 1);
+    EXPECT_EQ(store_->putCount(), puts + 1);
 }
 
 // On a store keeping seconds, the settings' span widens both windows, for equal sizes only.
