@@ -99,7 +99,7 @@ TEST(BackupTaskChangeRule, ExactStoresTrustTheTimeCoarseOnesForgiveEqualSizesOnl
     EXPECT_FALSE(current(4, T + 1, 4, 1, 0));
 }
 
-TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
+TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreResumedUploadsAndEncryptedExtra) {
     for (const char* name : {"same.txt", "near.txt", "hour.txt", "grown.txt"})
         stored(name, "1234", T);
     stored("resume.txt.part", "12345", T); // an interrupted upload
@@ -140,13 +140,12 @@ TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
     EXPECT_FALSE(task_->CalculateBackupFileSize(home_.file("src/missing.txt")));
 
     EXPECT_EQ(store_->listCount("\\Backup\\src"), 1);
-}
 
-TEST_F(BackupTaskSpace, EncryptedTaskChargesNewFiles128BytesMore) {
+    // An encrypted task charges new files 128 bytes more.
     useServerFolder("\\" + LoadString::GetValueByKey("EncryptionFolder", "") + "\\Backup");
+    task_->uiNeedSpace = task_->fileTotalSize = 0;
     stored("moved.txt", std::string(4 + 128, 'e'), T);
     stored("changed.txt", std::string(4 + 128, 'e'), T);
-
     EXPECT_FALSE(decide("moved.txt", "abcd", T + 3600));
     EXPECT_TRUE(decide("changed.txt", "abcd", T + 60));
     EXPECT_EQ(task_->uiNeedSpace, 4u);

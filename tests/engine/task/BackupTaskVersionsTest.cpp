@@ -113,19 +113,6 @@ TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsAndReusesTheOldestName)
               (std::vector<std::string>{"a.txt"}));
 }
 
-TEST_F(BackupTaskVersions, NothingKeptBelowTwo) {
-    std::string serverFile = upload("b.txt", "b1", T);
-    for (uint64_t max : {0, 1})
-        EXPECT_FALSE(task_->recordCurrent(serverFile, max, "b.txt"));
-    EXPECT_FALSE(task_->recordCurrent("", 5, "b.txt"));
-    EXPECT_EQ(names(versionFolder("src")), std::vector<std::string>{});
-
-    // The current copy is gone: the rename fails and is logged.
-    EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
-    EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
-    EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
-}
-
 // "a1.txt" reads as a version of "a.txt": each keeps and drops only its own.
 TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
     task_->uiMaxVersion = 3;
@@ -154,10 +141,18 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
     EXPECT_EQ(own("a.txt").size(), 2u);
 }
 
-// A keep cut off (a refused move) leaves no version beside the file, where a restore
-// would take it for a file of its own.
-TEST_F(BackupTaskVersions, AnInterruptedKeepLeavesNoVersionBesideTheFile) {
+// Nothing is kept below two versions or of a missing copy; a keep cut off (a refused move)
+// leaves no version beside the file, where a restore would take it for a file of its own.
+TEST_F(BackupTaskVersions, NothingKeptBelowTwoAndAnInterruptedKeepLeavesNoVersionBesideTheFile) {
     std::string serverFile = upload("x/a.txt", "one", T);
+    for (uint64_t max : {0, 1})
+        EXPECT_FALSE(task_->recordCurrent(serverFile, max, "a.txt"));
+    EXPECT_FALSE(task_->recordCurrent("", 5, "a.txt"));
+    EXPECT_EQ(names(versionFolder("src\\x")), std::vector<std::string>{});
+    EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
+    EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
+    EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
+
     for (int32_t passing : {0, 1, 2}) {
         store_->failOperation(FaultInjectingStore::Operation::Move, ResultCode::Failure, 1,
                               passing);
