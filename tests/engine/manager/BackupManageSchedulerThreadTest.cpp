@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "common/LocalDate.h"
@@ -269,6 +271,46 @@ TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTh
     EXPECT_EQ(clock_->now(), before); // no window shows figures, so no pause for one
 }
 
+// Logging off while a run is closing: the run may already be past its test of the log-off
+// flag and on its way to the manager's lock, so the log-off must not hold that lock while
+// it waits for the run. ClosingHost holds the run in its closing notice until released.
+struct ClosingHost : StowlineBackupManageDelegate {
+    bool StowlineBackupManageDelegateFun(CBackupManage*, const std::shared_ptr<CBackupTask>&,
+                                         int32_t type) override {
+        if (type == closeProgressBarViewDelegate) {
+            closing.set_value();
+            released.wait_for(std::chrono::seconds(20));
+        }
+        return true;
+    }
+    std::promise<void> closing, release;
+    std::future<void> closed = closing.get_future();
+    std::shared_future<void> released = release.get_future().share();
+};
+
+using BackupManageLogOffThread = test::ManagerSession;
+
+TEST_F(BackupManageLogOffThread, LogOffWhileARunIsClosingEndsIt) {
+    ClosingHost closing_;
+    auto task = makeTask("Closing", Date::now().addingTimeInterval(86400 * 30)); // not due
+    manager_.SetDelegate(&closing_);
+    ASSERT_TRUE(manager_.AddTask(task));
+    ASSERT_TRUE(manager_.StartBackupByUser(task->name, false));
+    ASSERT_EQ(closing_.closed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+
+    manager_.bLogOff = true;
+    auto ended = std::async(std::launch::async, [&] { return manager_.endBackpTask(); });
+    // Let the log-off reach its wait for the run before the run goes on to the lock.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    closing_.release.set_value();
+    ASSERT_EQ(ended.wait_for(std::chrono::seconds(20)), std::future_status::ready)
+        << "the log-off and the closing run wait for each other";
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
+    EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_FALSE(task->bLogOff);
+    manager_.SetDelegate(&host_); // closing_ goes before the fixture
+}
+
 // ---- The due test and the waiting list, without the thread ----
 
 class BackupManageDue : public ::testing::Test {
@@ -305,7 +347,7 @@ protected:
     CBackupManage manager_;
 };
 
-TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDue) {
+TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDueByTheScheduleRules) {
     EXPECT_TRUE(manager_.nowDating(daily()));
     EXPECT_FALSE(manager_.nowDating(nullptr));
     for (auto unfree : std::vector<std::function<void(CBackupTask&)>>{
@@ -324,9 +366,8 @@ TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDue) {
 
     manager_.bLogOff = true;
     EXPECT_FALSE(manager_.nowDating(daily()));
-}
+    manager_.bLogOff = false;
 
-TEST_F(BackupManageDue, ScheduleRules) {
     const Date slot = test::localDate(2024, 3, 5, 9, 0);
     auto task = daily();
     EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 9, 0, 40))); // still the slot's minute

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
+#include <future>
 #include <mutex>
 #include <tuple>
 
 #include "common/EngineSession.h"
+#include "engine/task/UploadPool.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 
@@ -137,16 +140,6 @@ TEST_F(BackupTaskRunThread, RunSendsNoticesInOrderAndRerunsListEachServerFolderA
     }
 }
 
-TEST_F(BackupTaskRunThread, EmptyServerPathEndsTheRunBeforeItBegins) {
-    task_->serverPath = "";
-    run();
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateRunning);
-    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1}));
-    EXPECT_EQ(eventsContaining("has no destination folder"), 1u);
-    EXPECT_EQ(eventsContaining("Backup started."), 0u);
-    EXPECT_TRUE(SystemLog::capturedContains("Docs server path is empty."));
-}
-
 TEST_F(BackupTaskRunThread, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTime) {
     local("a.txt", "alpha");
     local("b.txt", "beta");
@@ -176,7 +169,7 @@ TEST_F(BackupTaskRunThread, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTi
     EXPECT_FALSE(task_->bResume);
 }
 
-TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
+TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnlyAndNoFolderEndsTheRun) {
     local("a.txt", "alpha");
     store_->failOperation(Op::MakeFolder, ResultCode::Failure, 1);
     run();
@@ -193,6 +186,16 @@ TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
     run();
     EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::StorageError));
     store_->clearFaults();
+
+    // No server folder at all: the run ends before it begins.
+    task_->serverPath = "";
+    delegate_.clear();
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateRunning);
+    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1}));
+    EXPECT_EQ(eventsContaining("has no destination folder"), 1u);
+    EXPECT_EQ(eventsContaining("Backup started."), 3u); // the three earlier runs only
+    EXPECT_TRUE(SystemLog::capturedContains("Other server path is empty."));
 }
 
 TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresSkipsTheNextEntryForOnePassAndEndsOnAFatalCodeOrCancel) {
@@ -279,6 +282,48 @@ TEST_F(BackupTaskRunThread, CancelDuringTransferEndsTheRunAndMovesTheNextRunByIt
     task_->FinishBackup();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
     EXPECT_DOUBLE_EQ(task_->mDating.timeIntervalSinceDate(dating), 86'400.0);
+}
+
+// A job that ends only once released, so the test decides the order of the ends.
+struct GatedJob : UploadPool::Job {
+    explicit GatedJob(int id) : id(id) {}
+    void run() override {
+        started.set_value();
+        released.wait();
+        ran = true;
+    }
+    const int id;
+    std::promise<void> started, release;
+    std::shared_future<void> hasStarted = started.get_future().share();
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> ran{false};
+};
+
+TEST(UploadPoolTest, JobsRunSideBySideAndAreTakenBackInTheOrderGiven) {
+    UploadPool pool(2);
+    auto first = std::make_shared<GatedJob>(1);
+    auto second = std::make_shared<GatedJob>(2);
+    auto third = std::make_shared<GatedJob>(3);
+    pool.submit(first);
+    pool.submit(second);
+    first->hasStarted.wait();
+    second->hasStarted.wait(); // both threads busy at once
+    pool.submit(third);     // waits for a thread: the queue has room for it
+
+    second->release.set_value();
+    third->hasStarted.wait();
+    third->release.set_value();
+    // The later jobs have ended, but the first comes back first.
+    EXPECT_EQ(pool.takeFinished(false), nullptr);
+    first->release.set_value();
+    for (int id : {1, 2, 3}) {
+        auto job = std::static_pointer_cast<GatedJob>(pool.takeFinished(true));
+        ASSERT_NE(job, nullptr);
+        EXPECT_EQ(job->id, id);
+        EXPECT_TRUE(job->ran);
+    }
+    EXPECT_EQ(pool.takeFinished(true), nullptr);
+    EXPECT_TRUE(pool.empty());
 }
 
 } // namespace
