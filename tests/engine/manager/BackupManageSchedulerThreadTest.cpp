@@ -91,10 +91,19 @@ protected:
     std::shared_ptr<GatedClock> clock_ = std::make_shared<GatedClock>(Date(T));
 };
 
-// The reload flag keeps the passes going but queues and starts nothing; then due tasks
-// queue in list order behind the queued one and run one at a time.
-TEST_F(BackupManageSchedulerThread, ReloadFlagHoldsTheQueueThenDueTasksQueueInOrderAndRunOneAtATime) {
-    TaskPtr a = addTask("A"), b = addTask("B"), c = addTask("C", 0);
+// The reload flag keeps the passes going but queues and starts nothing; while the host
+// (the daemon) may not run, due and user-started tasks wait in order behind the queued one;
+// then they run one at a time.
+TEST_F(BackupManageSchedulerThread, ReloadFlagAndHooksHoldRunsBackThenDueTasksRunInOrderOneAtATime) {
+    struct Hooks : SchedulerHooks {
+        std::atomic<bool> open{false};
+        std::atomic<int> asked{0}, ended{0}, passes{0};
+        bool mayStartRun(const std::string&) override { return ++asked, open.load(); }
+        void runEnded() override { ++ended; }
+        void betweenPasses() override { ++passes; }
+    } hooks;
+    manager_.schedulerHooks = &hooks;
+    TaskPtr a = addTask("A"), b = addTask("B"), c = addTask("C", 0), d = addTask("D", 0);
     EXPECT_TRUE(manager_.AddTaskToWaitList(c, false));
     manager_.bRefreshTaskListFlag = true;
     host_.holdUploadOf("C");
@@ -106,24 +115,36 @@ TEST_F(BackupManageSchedulerThread, ReloadFlagHoldsTheQueueThenDueTasksQueueInOr
 
     manager_.bRefreshTaskListFlag = false;
     pass();
-    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "C:1"}));
+    pass();
+    EXPECT_TRUE(manager_.StartBackupByUser("D", false)); // queued, not refused
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7"}));
+    EXPECT_EQ(lists(), " | C A B D");
+    EXPECT_GE(hooks.asked.load(), 3);
+    EXPECT_GE(hooks.passes.load(), 4);
+
+    hooks.open = true;
+    pass();
     host_.waitHeld();
     pass(); // while C runs, passes leave the queue alone
     pass();
-    EXPECT_EQ(lists(), "C | A B");
+    EXPECT_EQ(lists(), "C | A B D");
     host_.release();
-    for (const char* name : {"C", "A", "B"}) {
+    for (const char* name : {"C", "A", "B", "D"}) {
         host_.waitFor(std::string(name) + ":2");
         pass();
     }
     pass(); // each is queued once only: its next slot is tomorrow
-    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "C:1", "C:5", "C:2", "A:1",
-                                                        "A:5", "A:2", "B:1", "B:5", "B:2"}));
-    for (const auto& task : {a, b, c}) {
+    EXPECT_EQ(host_.events(),
+              (std::vector<std::string>{"A:7", "B:7", "C:1", "C:5", "C:2", "A:1", "A:5", "A:2", "B:1",
+                                        "B:5", "B:2", "D:1", "D:5", "D:2"}));
+    EXPECT_EQ(hooks.ended.load(), 4);
+    for (const auto& task : {a, b, c, d}) {
         EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << task->name;
         EXPECT_TRUE(exists("\\Backups\\" + task->name + "\\" + task->name + "\\b.txt"));
     }
     EXPECT_EQ(lists(), " |");
+    stopScheduler();
+    manager_.schedulerHooks = nullptr;
 }
 
 // A queued task whose deletion began while it waited must not hold the running place.
@@ -199,38 +220,6 @@ TEST_F(BackupManageSchedulerThread, EndingTheRunAndUnqueueingLeaveNothingBehind)
             others.push_back(e);
     EXPECT_EQ(others, (std::vector<std::string>{"A:7", "B:7", "A:1"}));
     EXPECT_EQ(lists(), " |");
-}
-
-// While the host (the daemon) may not run, due and user-started tasks wait in order.
-TEST_F(BackupManageSchedulerThread, HooksHoldRunsBackUntilTheHostMayRun) {
-    struct Hooks : SchedulerHooks {
-        std::atomic<bool> open{false};
-        std::atomic<int> asked{0}, ended{0}, passes{0};
-        bool mayStartRun(const std::string&) override { return ++asked, open.load(); }
-        void runEnded() override { ++ended; }
-        void betweenPasses() override { ++passes; }
-    } hooks;
-    manager_.schedulerHooks = &hooks;
-    TaskPtr a = addTask("A"), b = addTask("B", 0);
-    startScheduler();
-    pass();
-    pass();
-    EXPECT_TRUE(manager_.StartBackupByUser("B", false)); // queued behind A, not refused
-    EXPECT_EQ(lists(), " | A B");
-    EXPECT_GE(hooks.asked.load(), 3);
-    EXPECT_GE(hooks.passes.load(), 2);
-
-    hooks.open = true;
-    pass();
-    host_.waitFor("A:2");
-    pass();
-    host_.waitFor("B:2");
-    pass();
-    EXPECT_EQ(hooks.ended.load(), 2);
-    EXPECT_EQ(a->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_EQ(b->mTaskState, CBackupTask::StateSucceeded);
-    stopScheduler();
-    manager_.schedulerHooks = nullptr;
 }
 
 TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTheLists) {
