@@ -103,7 +103,7 @@ protected:
         std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
 };
 
-TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
+TEST_F(BackupManageTasksThread, NewTaskNamesSettersEndNewTaskAndRefusedRegistration) {
     auto named = [](int n) { return LoadString::Format("IDS_TASKNAMEFOR", n); };
     for (int n : {0, 2})
         manager_.taskList.push_back(makeTask(named(n)));
@@ -129,6 +129,23 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
 
     EXPECT_TRUE(manager_.SetMaxVersions(3));
     EXPECT_EQ(first->uiMaxVersion, 10u); // the limit comes from the service's task list
+
+    // Ending the wizard scans the sources and registers the task, or keeps it back.
+    manager_.InitLocalFolderlist({home_.file("missing")});
+    manager_.SetServerFolder("\\Backups\\New");
+    EXPECT_FALSE(manager_.EndNewTask());
+    EXPECT_TRUE(SystemLog::capturedContains("Error: scan file array is empty"));
+    EXPECT_TRUE(manager_.IsCreateingTask()); // the wizard may go on
+    makeFile("New/a.txt", "alpha");
+    manager_.InitLocalFolderlist({home_.file("New")});
+    manager_.SetEndDate(now().addingTimeInterval(-60)); // no run at once
+    ASSERT_TRUE(manager_.EndNewTask());
+    EXPECT_FALSE(manager_.IsCreateingTask());
+    EXPECT_EQ(manager_.GetTaskByName(first->name), first);
+    EXPECT_TRUE(onService(first->name));
+    EXPECT_EQ(first->mTaskState, CBackupTask::StateIdle);
+
+    ASSERT_TRUE(manager_.BeginNewTask());
     manager_.CancelNewTask();
     EXPECT_FALSE(manager_.SetMaxVersions(3));
     manager_.setType(1);
@@ -146,25 +163,6 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
     ASSERT_EQ(dialogs_->shown().size(), 1u);
     EXPECT_EQ(dialogs_->shown()[0].text, "Not logon.");
     EXPECT_EQ(manager_.taskList, std::vector<TaskPtr>{original});
-}
-
-TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
-    ASSERT_TRUE(manager_.BeginNewTask());
-    manager_.InitLocalFolderlist({home_.file("missing")});
-    manager_.SetServerFolder("\\Backups\\New");
-    EXPECT_FALSE(manager_.EndNewTask());
-    EXPECT_TRUE(SystemLog::capturedContains("Error: scan file array is empty"));
-    EXPECT_TRUE(manager_.IsCreateingTask()); // the wizard may go on
-
-    makeFile("New/a.txt", "alpha");
-    TaskPtr task = manager_.GetNewTask();
-    manager_.InitLocalFolderlist({home_.file("New")});
-    manager_.SetEndDate(now().addingTimeInterval(-60)); // no run at once
-    ASSERT_TRUE(manager_.EndNewTask());
-    EXPECT_FALSE(manager_.IsCreateingTask());
-    EXPECT_EQ(manager_.GetTaskByName(task->name), task);
-    EXPECT_TRUE(onService(task->name));
-    EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle);
 }
 
 // Deletion removes or renames a task's folders and removes its record; cancelled, it keeps
@@ -287,7 +285,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
 }
 
-TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
+TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesRefusedMigrationAndRestoreViewContext) {
     auto foreign = [&](const std::string& name, std::vector<std::string> paths) {
         TaskPtr task = sourced(name, paths, true);
         task->pcID = 99;
@@ -321,9 +319,7 @@ TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
     EXPECT_TRUE(unknown->sourceInfoArray.empty());
     EXPECT_EQ(dialogs_->shown().size(), 1u);
     EXPECT_FALSE(manager_.MigrateTaskToCurrentPC("/new", nullptr, 3));
-}
 
-TEST_F(BackupManageTasksThread, RestoreViewContextAndWorkingFiles) {
     manager_.taskList = {sourced("Drives", {"C:\\", "D:\\"}, true),
                          sourced("Drive", {"C:\\"}, true),
                          sourced("Here", {"/home/bob/Docs"}, false)};
