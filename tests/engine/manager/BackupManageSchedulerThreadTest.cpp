@@ -336,7 +336,7 @@ protected:
     CBackupManage manager_;
 };
 
-TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDueByTheScheduleRules) {
+TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDueByTheRulesAndQueuedOncePerName) {
     EXPECT_TRUE(manager_.nowDating(daily()));
     EXPECT_FALSE(manager_.nowDating(nullptr));
     for (auto unfree : std::vector<std::function<void(CBackupTask&)>>{
@@ -409,9 +409,8 @@ TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDueByTheScheduleRules) {
     EXPECT_FALSE(dueAt(late, test::localDate(2024, 3, 5, 23, 58, 59).addingTimeInterval(0.5)));
     EXPECT_FALSE(dueAt(late, test::localDate(2024, 3, 6, 0, 0, 30))); // Wednesday
     EXPECT_TRUE(dueAt(daily(), test::localDate(2024, 3, 5, 9, 0, 40).addingTimeInterval(0.1)));
-}
 
-TEST_F(BackupManageDue, WaitingListKeepsOneEntryPerName) {
+    // The waiting list keeps one entry per name.
     auto first = daily("Same");
     auto twin = daily("Same");
     EXPECT_TRUE(manager_.AddTaskToWaitList(first, false));

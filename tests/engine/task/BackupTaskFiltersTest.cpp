@@ -15,7 +15,7 @@ namespace {
 
 using Entries = std::vector<std::string>;
 
-TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelowFileEntriesTheWholeName) {
+TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndBelowFileEntriesTheWholeNameInAnyCase) {
     Entries library{"", "Library"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library", library, true));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a/b/library", library, true)); // case ignored
@@ -47,9 +47,8 @@ TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelowFileEntriesThe
     EXPECT_FALSE(CBackupTask::RegexFun("/home/u/a.tmp.txt", tmp, false));
     EXPECT_FALSE(CBackupTask::RegexFun("/home/u/xThumbs.db", tmp, false));
     EXPECT_FALSE(CBackupTask::RegexFun("a.tmp", tmp, false)); // no folder before it
-}
 
-TEST(BackupTaskFilters, CaseIsIgnoredInEveryScript) {
+    // Case is ignored in every script.
     Entries folders{"Кэш", "ΣΟΦΙΑ", "Ärger"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/кэш", folders, true));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/σοφια", folders, true));
