@@ -28,8 +28,6 @@ protected:
 
 } // namespace
 
-// Made once and read back unchanged; a damaged file comes back from its copy, and without
-// a good copy the host is told.
 TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchangedAndDamagedFileComesBackFromItsCopy) {
     CBackupManage first;
     first.initMyID();

@@ -165,8 +165,6 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersEndNewTaskAndRefusedRegistrat
     EXPECT_EQ(manager_.taskList, std::vector<TaskPtr>{original});
 }
 
-// Deletion removes or renames a task's folders and removes its record; cancelled, it keeps
-// what it did not reach. A task added starts at once only when its time has come.
 TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesUnlessCancelledAndAddTaskStartsOnlyWhenDue) {
     TaskPtr docs = registered("Docs"), keep = registered("Keep"); // due in a month
     EXPECT_TRUE(manager_.waitingList.empty());

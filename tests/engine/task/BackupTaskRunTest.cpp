@@ -80,8 +80,6 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-// A run sends its notices in order and logs its start and finish; a rerun reads each server
-// folder at most once, however many old copies it keeps.
 TEST_F(BackupTaskRunThread, RunSendsNoticesInOrderAndRerunsListEachServerFolderAtMostOnce) {
     for (const char* folder : {"a", "b", "c d"})
         for (int i = 0; i < 10; ++i)

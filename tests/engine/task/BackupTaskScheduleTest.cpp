@@ -35,8 +35,6 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-// Daily: the time of day moves to the first slot not before this minute; weekly: weekdays
-// count from today; then begin dates, and the between-dates kind.
 TEST_F(BackupTaskSchedule, SetTimeAndBeginDateByKind) {
     task_->taskType = CBackupTask::ScheduleDaily | 0x30; // flag bits must not matter
     auto next = [&](Date chosen, bool adjust = true) {

@@ -92,8 +92,7 @@ TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
     EXPECT_EQ(task_->getSvrHistoryFolder(true), "");
 }
 
-// At most max - 1 versions, the oldest name reused. "a1.txt" reads as a version of "a.txt":
-// each file keeps and drops only its own.
+// "a1.txt" reads as a version of "a.txt": each file keeps and drops only its own.
 TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsReusingTheOldestNameEachOnlyItsOwn) {
     task_->uiMaxVersion = 3;
     const std::vector<std::string> files{"a.txt", "a1.txt"};
