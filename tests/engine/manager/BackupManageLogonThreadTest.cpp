@@ -290,7 +290,8 @@ TEST_F(BackupManageLogonThread, RefreshFollowsTheServiceAndReloadKeepsStateLastR
     EXPECT_FALSE(manager_.refreshTaskList());
     EXPECT_EQ(manager_.taskList.size(), 3u);
     EXPECT_FALSE(manager_.refreshTaskListForRemoteDeleteTask());
-    EXPECT_TRUE(SystemLog::capturedContains("Error:refreshTaskListForRemoteDeleteTask. Get result: "));
+    EXPECT_TRUE(
+        SystemLog::capturedContains("Error:refreshTaskListForRemoteDeleteTask. Get result: "));
 }
 
 } // namespace

@@ -94,7 +94,8 @@ protected:
 // The reload flag keeps the passes going but queues and starts nothing; while the host
 // (the daemon) may not run, due and user-started tasks wait in order behind the queued one;
 // then they run one at a time.
-TEST_F(BackupManageSchedulerThread, ReloadFlagAndHooksHoldRunsBackThenDueTasksRunInOrderOneAtATime) {
+TEST_F(BackupManageSchedulerThread,
+       ReloadFlagAndHooksHoldRunsBackThenDueTasksRunInOrderOneAtATime) {
     struct Hooks : SchedulerHooks {
         std::atomic<bool> open{false};
         std::atomic<int> asked{0}, ended{0}, passes{0};
@@ -135,8 +136,8 @@ TEST_F(BackupManageSchedulerThread, ReloadFlagAndHooksHoldRunsBackThenDueTasksRu
     }
     pass(); // each is queued once only: its next slot is tomorrow
     EXPECT_EQ(host_.events(),
-              (std::vector<std::string>{"A:7", "B:7", "C:1", "C:5", "C:2", "A:1", "A:5", "A:2", "B:1",
-                                        "B:5", "B:2", "D:1", "D:5", "D:2"}));
+              (std::vector<std::string>{"A:7", "B:7", "C:1", "C:5", "C:2", "A:1", "A:5", "A:2",
+                                        "B:1", "B:5", "B:2", "D:1", "D:5", "D:2"}));
     EXPECT_EQ(hooks.ended.load(), 4);
     for (const auto& task : {a, b, c, d}) {
         EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << task->name;

@@ -165,7 +165,8 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersEndNewTaskAndRefusedRegistrat
     EXPECT_EQ(manager_.taskList, std::vector<TaskPtr>{original});
 }
 
-TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesUnlessCancelledAndAddTaskStartsOnlyWhenDue) {
+TEST_F(BackupManageTasksThread,
+       DeletionRemovesOrRenamesUnlessCancelledAndAddTaskStartsOnlyWhenDue) {
     TaskPtr docs = registered("Docs"), keep = registered("Keep"); // due in a month
     EXPECT_TRUE(manager_.waitingList.empty());
     EXPECT_EQ(manager_.pWorkingTask, nullptr);

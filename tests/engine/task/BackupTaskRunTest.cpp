@@ -196,7 +196,8 @@ TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnlyAndN
     EXPECT_TRUE(SystemLog::capturedContains("Other server path is empty."));
 }
 
-TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresSkipsTheNextEntryForOnePassAndEndsOnAFatalCodeOrCancel) {
+TEST_F(BackupTaskRunThread,
+       WalkRetriesOrdinaryFailuresSkipsTheNextEntryForOnePassAndEndsOnAFatalCodeOrCancel) {
     std::string a = local("a.txt", "A");
     std::string b = local("b.txt", "B");
     std::string c = local("c.txt", "C");
@@ -306,7 +307,7 @@ TEST(UploadPoolTest, JobsRunSideBySideAndAreTakenBackInTheOrderGiven) {
     pool.submit(second);
     first->hasStarted.wait();
     second->hasStarted.wait(); // both threads busy at once
-    pool.submit(third);     // waits for a thread: the queue has room for it
+    pool.submit(third);        // waits for a thread: the queue has room for it
 
     second->release.set_value();
     third->hasStarted.wait();

@@ -129,7 +129,8 @@ TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
     EXPECT_EQ(std::pair(task_->scanFileArray, task_->fileTotalSize), std::pair(kept, uint64_t{3}));
 }
 
-TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsStopsOnCancelAndCountsNothingInExcludedFolders) {
+TEST_F(BackupTaskScan,
+       RunWalkReportsEveryHundredItemsStopsOnCancelAndCountsNothingInExcludedFolders) {
     for (int i = 0; i < 249; ++i)
         file("f" + std::to_string(1000 + i), "");
     task_->localDirList = {src_};
@@ -161,9 +162,9 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsStopsOnCancelAndCountsNoth
     delegate_.notices.clear();
     delegate_.cancelAtRescan = false;
     ASSERT_TRUE(task_->CalculateBackupSize());
-    EXPECT_EQ(delegate_.notices, (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98),
-                                        "rescan " + LoadString::Format("ReScanFile", src_, 200, 198),
-                                        "finished"}));
+    EXPECT_EQ(delegate_.notices,
+              (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98),
+                     "rescan " + LoadString::Format("ReScanFile", src_, 200, 198), "finished"}));
     EXPECT_EQ(task_->nScanTotalFiles, 249);
 }
 

@@ -162,14 +162,14 @@ TEST_F(BackupTaskSpace, AccountSpaceCheck) {
     // Exactly enough is not enough. Declining with some space left ends quietly.
     EXPECT_FALSE(task_->CheckAccountSpace(5 * MB));
     EXPECT_EQ(std::pair(task_->iBackupRet, task_->bHaveErr.load()), std::pair(0ul, false));
-    EXPECT_EQ(prompts(),
-              std::vector<std::string>{"8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 5, 5)});
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 5, 5)});
 
     // Needed MB rounded up, free MB rounded down.
     setFree(MB + MB / 2);
     EXPECT_FALSE(task_->CheckAccountSpace(MB + MB / 2 + MB / 4));
-    EXPECT_EQ(prompts(),
-              std::vector<std::string>{"8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1)});
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1)});
 
     // Nothing left: the other prompt, and declining refuses the run.
     setFree(0);
@@ -204,18 +204,18 @@ TEST_F(BackupTaskSpace, FreeSpaceBeforeARun) {
     // Short of space: going on anyway is the user's choice (the default answer).
     setFree(MB);
     EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(2 * MB, task_.get(), &code));
-    EXPECT_EQ(prompts(), std::vector<std::string>{"8|" + LoadString::Format("IDS_STRNEEDMORESPACE", "Docs",
-                                                                            size(2 * MB), size(MB),
-                                                                            size(2 * MB))});
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_STRNEEDMORESPACE", "Docs", size(2 * MB),
+                                                       size(MB), size(2 * MB))});
 
     // Ordering space, then not trying again, stops the run.
     setFree(0);
     dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
     EXPECT_FALSE(CBackupTask::CheckFreeSpaceFromServer(MB, task_.get(), &code));
     EXPECT_EQ(prompts(),
-              (std::vector<std::string>{
-                  "8|" + LoadString::Format("SubUserHaveBuyStorageSpace", "Docs", size(MB), size(0)),
-                  "3|" + LoadString::GetValueByKey("IDS_REBACKAGAIN", "")}));
+              (std::vector<std::string>{"8|" + LoadString::Format("SubUserHaveBuyStorageSpace",
+                                                                  "Docs", size(MB), size(0)),
+                                        "3|" + LoadString::GetValueByKey("IDS_REBACKAGAIN", "")}));
 
     // More used than allowed: the free size shows negative.
     ASSERT_EQ(local_->setQuota(LocalStore::DiskQuota), ResultCode::Success);

@@ -115,7 +115,7 @@ TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsReusingTheOldestNameEac
     for (const auto& name : names(versions))
         all.push_back(name + "=" + fetch(versions + "\\" + name));
     EXPECT_EQ(all, (std::vector<std::string>{"a0.txt=a.txt #2", "a10.txt=a1.txt #2",
-                                              "a11.txt=a1.txt #3", "a2.txt=a.txt #3"}));
+                                             "a11.txt=a1.txt #3", "a2.txt=a.txt #3"}));
     EXPECT_EQ(task_->getOldTimeHistoryFile(versions), "a0.txt");
     EXPECT_EQ(names("\\Backup\\src\\x"), files);
 
