@@ -44,11 +44,28 @@ protected:
 
 } // namespace
 
-TEST_F(BackupManageDelegate, HostHearsBeginEndProgressAndCloseAndRefusalsOnlyLog) {
+TEST_F(BackupManageDelegate, FinishClearsOnlyTheWorkingTaskAndHostHearsTheRestAndRefusalsOnlyLog) {
     CBackupManage manager;
     RecordingHost host(false);
     manager.SetDelegate(&host);
     auto task = makeTask("Docs");
+    manager.SetWorkingTask(task);
+    manager.StowlineDelegateFun(makeTask("Music"), finishedTaskDelegate);
+    EXPECT_EQ(manager.pWorkingTask, task);
+    EXPECT_TRUE(manager.errTaskList.empty());
+    // Tasks are told apart by name: a reloaded copy of the working task ends it.
+    auto copy = makeTask("Docs");
+    copy->bHaveErr = true;
+    manager.StowlineDelegateFun(copy, finishedTaskDelegate);
+    EXPECT_EQ(manager.pWorkingTask, nullptr);
+    EXPECT_EQ(manager.errTaskList, std::vector<TaskPtr>{copy});
+    EXPECT_EQ(SystemLog::capturedCount("Set working task nil"), 2u);
+    // A null task counts as working, so its end clears whatever runs.
+    manager.SetWorkingTask(task);
+    manager.StowlineDelegateFun(nullptr, finishedTaskDelegate);
+    EXPECT_EQ(manager.pWorkingTask, nullptr);
+    EXPECT_TRUE(host.calls.empty());
+
     manager.SetWorkingTask(task);
     auto sendAll = [&] {
         SystemLog::startCapture();
@@ -71,29 +88,6 @@ TEST_F(BackupManageDelegate, HostHearsBeginEndProgressAndCloseAndRefusalsOnlyLog
         sendAll();
         EXPECT_FALSE(SystemLog::capturedContains("Error"));
     }
-}
-
-TEST_F(BackupManageDelegate, FinishedEventClearsOnlyTheWorkingTask) {
-    CBackupManage manager;
-    auto working = makeTask("Docs");
-    manager.SetWorkingTask(working);
-
-    manager.StowlineDelegateFun(makeTask("Music"), finishedTaskDelegate);
-    EXPECT_EQ(manager.pWorkingTask, working);
-    EXPECT_TRUE(manager.errTaskList.empty());
-
-    // Tasks are told apart by name: a reloaded copy of the working task ends it.
-    auto copy = makeTask("Docs");
-    copy->bHaveErr = true;
-    manager.StowlineDelegateFun(copy, finishedTaskDelegate);
-    EXPECT_EQ(manager.pWorkingTask, nullptr);
-    EXPECT_EQ(manager.errTaskList, std::vector<TaskPtr>{copy});
-    EXPECT_EQ(SystemLog::capturedCount("Set working task nil"), 2u);
-
-    // A null task counts as working, so its end clears whatever runs.
-    manager.SetWorkingTask(working);
-    manager.StowlineDelegateFun(nullptr, finishedTaskDelegate);
-    EXPECT_EQ(manager.pWorkingTask, nullptr);
 }
 
 // Runs end on their own threads while the scheduler and the host ask for the working

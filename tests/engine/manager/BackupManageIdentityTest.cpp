@@ -28,10 +28,11 @@ protected:
 
 } // namespace
 
-TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
+TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchangedAndDamagedFileComesBackFromItsCopy) {
     CBackupManage first;
     first.initMyID();
     EXPECT_TRUE(SystemLog::capturedContains("No error saving pcINFO data."));
+    EXPECT_EQ(first.identityProblem, "");
     auto bytes = FileSystem::readFile(identityFile());
     ASSERT_TRUE(bytes);
 
@@ -57,6 +58,27 @@ TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchanged) {
         ASSERT_EQ(std::system(command.c_str()), 0);
         EXPECT_EQ(PropertyList::parse(FileSystem::readFile(binary).value_or("")), plist);
     }
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "<plist><dict><key>PC"));
+    CBackupManage restored;
+    restored.initMyID();
+    EXPECT_EQ(restored.pcID, first.pcID);
+    EXPECT_EQ(restored.identityProblem, "");
+    EXPECT_EQ(FileSystem::readFile(identityFile()), bytes);
+    EXPECT_EQ(FileSystem::readFile(identityFile() + ".damaged"), "<plist><dict><key>PC");
+
+    ASSERT_TRUE(FileSystem::removeItem(identityFile())); // a lost file too
+    CBackupManage lost;
+    lost.initMyID();
+    EXPECT_EQ(lost.pcID, first.pcID);
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "x"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(productFolder() + "/PCInfo.copy", "y"));
+    CBackupManage neither;
+    neither.initMyID();
+    EXPECT_EQ(neither.pcID, 0u);
+    EXPECT_NE(neither.identityProblem.find("task migrate"), std::string::npos);
+    EXPECT_EQ(FileSystem::readFile(identityFile()), "x");
 }
 
 TEST_F(BackupManageIdentity, FileWithoutAGoodIdentityIsReadAsItIsAndLeftAlone) {
@@ -87,34 +109,3 @@ TEST_F(BackupManageIdentity, FileWithoutAGoodIdentityIsReadAsItIsAndLeftAlone) {
         EXPECT_EQ(FileSystem::readFile(identityFile()), content);
     }
 }
-
-// A damaged file comes back from its copy; without a good copy the host is told.
-TEST_F(BackupManageIdentity, DamagedFileComesBackFromItsCopy) {
-    CBackupManage first;
-    first.initMyID();
-    const uint64_t id = first.pcID;
-    const std::string good = FileSystem::readFile(identityFile()).value_or("");
-    ASSERT_EQ(first.identityProblem, "");
-
-    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "<plist><dict><key>PC"));
-    CBackupManage restored;
-    restored.initMyID();
-    EXPECT_EQ(restored.pcID, id);
-    EXPECT_EQ(restored.identityProblem, "");
-    EXPECT_EQ(FileSystem::readFile(identityFile()), good);
-    EXPECT_EQ(FileSystem::readFile(identityFile() + ".damaged"), "<plist><dict><key>PC");
-
-    ASSERT_TRUE(FileSystem::removeItem(identityFile())); // a lost file too
-    CBackupManage lost;
-    lost.initMyID();
-    EXPECT_EQ(lost.pcID, id);
-
-    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "x"));
-    ASSERT_TRUE(FileSystem::writeFileAtomically(productFolder() + "/PCInfo.copy", "y"));
-    CBackupManage neither;
-    neither.initMyID();
-    EXPECT_EQ(neither.pcID, 0u);
-    EXPECT_NE(neither.identityProblem.find("task migrate"), std::string::npos);
-    EXPECT_EQ(FileSystem::readFile(identityFile()), "x");
-}
-

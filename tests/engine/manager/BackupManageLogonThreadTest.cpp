@@ -95,16 +95,6 @@ std::vector<std::string> attemptsAndCountDownTo(int seconds) {
     return events;
 }
 
-// A task-list reply with one row per entry of rows: key -> values in row order.
-std::string reply(const std::vector<std::pair<std::string, std::vector<std::string>>>& columns) {
-    std::string out;
-    size_t rows = columns.front().second.size();
-    for (size_t row = 0; row < rows; ++row)
-        for (const auto& [key, values] : columns)
-            out += (out.empty() ? "" : "&") + key + "=" + TransferApiUtil::EncodeURL(values[row]);
-    return out;
-}
-
 class BackupManageLogonThread : public test::EngineSession {
 protected:
     void SetUp() override {
@@ -218,67 +208,39 @@ TEST_F(BackupManageLogonThread, UnansweredLogonLoadsTheServiceListOrReportsFailu
 
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 0);
     EXPECT_EQ(names(manager_.taskList), (std::vector<std::string>{"Docs", "Elsewhere"}));
+    EXPECT_TRUE(manager_.taskList[1]->bMigrateTask && !manager_.taskList[0]->bMigrateTask);
 }
 
-TEST_F(BackupManageLogonThread, LoadTaskListReadsEveryColumnOfAReply) {
-    manager_.pcID = 7;
-    const std::string encrypted = "\\" + text("EncryptionFolder") + "\\Secret";
-    std::string twoTasks = reply({
-        {"RETURN_TaskID", {"12", "13"}},
-        {"RETURN_TaskName", {"Photos", "Secret"}},
-        {"RETURN_Descr", {"my photos", "keys"}},
-        {"RETURN_PcName", {"desk", "laptop"}},
-        {"RETURN_Type", {"2", "17"}},
-        {"RETURN_BackupDate", {"03/05/2024 14:30:15", "12/31/2023 23:59:59"}},
-        {"RETURN_ServerPath", {"\\Backups\\Photos", encrypted}},
-        {"RETURN_FilterExts", {"*.tmp|*.bak", ""}},
-        {"RETURN_FilterPaths", {"/home/a/cache", ""}},
-        {"ETURN_MaxVersion", {"5", "12345678901"}},
-        {"RETURN_NextDate", {"03/12/2024 09:00:00", "01/01/2024 08:00:00"}},
-        {"RETURN_BeginDate", {"01/01/2024 00:00:00", "01/01/2023 00:00:00"}},
-        {"RETURN_EndDate", {"01/01/2099 00:00:00", "01/01/2099 00:00:00"}},
-        {"RETURN_ResumeDate", {"03/05/2024 16:30:15", "01/01/1971 00:00:00"}},
-        {"RETURN_IsResume", {"1", "0"}},
-        {"RETURN_PcID", {"7", "8"}},
-    });
-    EXPECT_TRUE(manager_.LoadTaskList(twoTasks));
-    ASSERT_EQ(manager_.taskList.size(), 2u);
-    const TaskPtr& photos = manager_.taskList[0];
-    EXPECT_EQ(test::recordOf(*photos), "12|Photos|my photos|desk|2|\\Backups\\Photos|enc false|"
-                                       "*.tmp,*.bak|/home/a/cache|max 5|resume true|pc 7|"
-                                       "migrate false|state 0");
-    EXPECT_EQ((std::vector<Date>{photos->mBackupDate, photos->mDating, photos->mBeginDate,
-                                 photos->mEndDate, photos->mResumeDate}),
-              (std::vector<Date>{localDate(2024, 3, 5, 14, 30, 15), localDate(2024, 3, 12, 9, 0),
-                                 localDate(2024, 1, 1, 0, 0), localDate(2099, 1, 1, 0, 0),
-                                 localDate(2024, 3, 5, 16, 30, 15)}));
-    // All type bits, not only the schedule kind; another computer's task is moving.
-    EXPECT_EQ(test::recordOf(*manager_.taskList[1]),
-              "13|Secret|keys|laptop|17|" + encrypted +
-                  "|enc true|||max 12345678901|resume false|pc 8|migrate true|state 0");
-
-    // The maximum-version column is read only under its one spelling.
-    manager_.taskList.clear();
-    EXPECT_TRUE(manager_.LoadTaskList(reply({{"RETURN_TaskID", {"1"}},
-                                             {"RETURN_TaskName", {"Music"}},
-                                             {"RETURN_MaxVersion", {"9"}},
-                                             {"RETURN_PcID", {"7"}}})));
-    ASSERT_EQ(manager_.taskList.size(), 1u);
-    EXPECT_EQ(manager_.taskList[0]->uiMaxVersion, 0u);
-
-    EXPECT_FALSE(manager_.LoadTaskList(""));
-    EXPECT_EQ(manager_.taskList.size(), 1u);
-}
-
-TEST_F(BackupManageLogonThread, RefreshKeepsUnchangedTasksAndFollowsTheService) {
+// A reload (another process changed the list) takes the service's records but keeps what
+// only this process knows: a task that ran this slot must not run again, nor a failed one
+// look clean. A run under way defers it.
+TEST_F(BackupManageLogonThread, RefreshFollowsTheServiceAndReloadKeepsStateLastRunAndErrors) {
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
     manager_.pcID = 7;
     TaskPtr a = registerTask("A", 7);
+    // Every column is read back as it was sent: all type bits, lists, big numbers, dates.
+    a->description = "my photos";
+    a->mPCName = "desk";
+    a->taskType = 17;
+    a->filterExt = {"*.tmp", "*.bak"};
+    a->filtedPath = {"/home/a/cache"};
+    a->uiMaxVersion = 12345678901;
+    a->bResume = true;
+    const std::vector<Date> dates{localDate(2024, 3, 12, 9, 0), localDate(2024, 1, 1, 0, 0),
+                                  localDate(2099, 1, 1, 0, 0), localDate(2024, 3, 5, 16, 30, 15)};
+    std::tie(a->mDating, a->mBeginDate, a->mEndDate, a->mResumeDate) =
+        std::tie(dates[0], dates[1], dates[2], dates[3]);
+    ASSERT_TRUE(a->uploadTaskList("Edit", "A"));
     TaskPtr b = registerTask("B", 7);
     registerTask("C", 7);
     CManageTaskList client;
     ASSERT_TRUE(manager_.LoadTaskList(client.getBackupTasks("", "false")));
     TaskPtr loadedA = manager_.GetTaskByName("A");
+    a->taskID = loadedA->taskID;
+    EXPECT_EQ(test::recordOf(*loadedA), test::recordOf(*a));
+    EXPECT_EQ((std::vector<Date>{loadedA->mDating, loadedA->mBeginDate, loadedA->mEndDate,
+                                 loadedA->mResumeDate, loadedA->mBackupDate}),
+              (std::vector<Date>{dates[0], dates[1], dates[2], dates[3], a->mBackupDate}));
     TaskPtr loadedB = manager_.GetTaskByName("B");
     loadedB->mTaskState = CBackupTask::StateWaiting;
     manager_.waitingList = {loadedB};
@@ -297,50 +259,39 @@ TEST_F(BackupManageLogonThread, RefreshKeepsUnchangedTasksAndFollowsTheService) 
     std::sort(after.begin(), after.end());
     EXPECT_EQ(after, (std::vector<std::string>{"A", "B", "D"}));
     EXPECT_EQ(manager_.GetTaskByName("A"), loadedA);
-    TaskPtr newB = manager_.GetTaskByName("B");
-    EXPECT_NE(newB, loadedB);
-    EXPECT_EQ(newB->mBackupDate, b->mBackupDate);
+    TaskPtr oldB = manager_.GetTaskByName("B");
+    EXPECT_NE(oldB, loadedB);
+    EXPECT_EQ(oldB->mBackupDate, b->mBackupDate);
     EXPECT_EQ(SystemLog::capturedCount("refresh task for stop tasks."), 1u);
 
     // Nothing changed since: no change reported, the same objects stay.
     EXPECT_FALSE(manager_.refreshTaskList());
-    EXPECT_EQ(manager_.GetTaskByName("B"), newB);
+    EXPECT_EQ(manager_.GetTaskByName("B"), oldB);
+
+    loadedA->mLastRunDate = Date(1'700'000'000.0);
+    loadedA->bHaveErr = true;
+    oldB->setTaskState(CBackupTask::StateWaiting);
+    manager_.waitingList = {oldB};
+    b->description = "edited elsewhere";
+    ASSERT_TRUE(b->uploadTaskList("Edit", "B"));
+    manager_.SetWorkingTask(loadedA);
+    EXPECT_FALSE(manager_.reloadTaskList());
+    manager_.SetWorkingTask(nullptr);
+    ASSERT_TRUE(manager_.reloadTaskList());
+    TaskPtr newA = manager_.GetTaskByName("A"), newB = manager_.GetTaskByName("B");
+    ASSERT_TRUE(newA && newB && newA != loadedA && newB != oldB);
+    EXPECT_EQ(std::tuple(newA->mLastRunDate, newA->bHaveErr.load(), newB->description, newB->mTaskState.load()),
+              std::tuple(Date(1'700'000'000.0), true, std::string("edited elsewhere"),
+                         int{CBackupTask::StateWaiting}));
+    EXPECT_EQ(manager_.waitingList, std::vector<TaskPtr>{newB});
 
     // The service's list cannot be read: nothing changes.
     store_->failOperation(Op::ReadTaskList, ResultCode::Failure);
     EXPECT_FALSE(manager_.refreshTaskList());
     EXPECT_EQ(manager_.taskList.size(), 3u);
     EXPECT_FALSE(manager_.refreshTaskListForRemoteDeleteTask());
-    EXPECT_TRUE(SystemLog::capturedContains("Error:refreshTaskListForRemoteDeleteTask. Get result: "));
-}
-
-// A reload (another process changed the list) takes the service's records but keeps what
-// only this process knows: a task that ran this slot must not run again, nor a failed one
-// look clean. A run under way defers it.
-TEST_F(BackupManageLogonThread, ReloadKeepsStateLastRunAndErrorsOfEachTask) {
-    ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
-    manager_.pcID = 7;
-    registerTask("A", 7);
-    TaskPtr b = registerTask("B", 7);
-    ASSERT_TRUE(manager_.LoadTaskList(CManageTaskList().getBackupTasks("", "false")));
-    TaskPtr oldA = manager_.GetTaskByName("A"), oldB = manager_.GetTaskByName("B");
-    oldA->mLastRunDate = Date(1'700'000'000.0);
-    oldA->bHaveErr = true;
-    oldB->setTaskState(CBackupTask::StateWaiting);
-    manager_.waitingList = {oldB};
-    b->description = "edited elsewhere";
-    ASSERT_TRUE(b->uploadTaskList("Edit", "B"));
-
-    manager_.SetWorkingTask(oldA);
-    EXPECT_FALSE(manager_.reloadTaskList());
-    manager_.SetWorkingTask(nullptr);
-    ASSERT_TRUE(manager_.reloadTaskList());
-    TaskPtr newA = manager_.GetTaskByName("A"), newB = manager_.GetTaskByName("B");
-    ASSERT_TRUE(newA && newB && newA != oldA && newB != oldB);
-    EXPECT_EQ(std::tuple(newA->mLastRunDate, newA->bHaveErr.load(), newB->description, newB->mTaskState.load()),
-              std::tuple(Date(1'700'000'000.0), true, std::string("edited elsewhere"),
-                         int{CBackupTask::StateWaiting}));
-    EXPECT_EQ(manager_.waitingList, std::vector<TaskPtr>{newB});
+    EXPECT_TRUE(
+        SystemLog::capturedContains("Error:refreshTaskListForRemoteDeleteTask. Get result: "));
 }
 
 } // namespace

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "common/LocalDate.h"
@@ -89,53 +91,68 @@ protected:
     std::shared_ptr<GatedClock> clock_ = std::make_shared<GatedClock>(Date(T));
 };
 
-TEST_F(BackupManageSchedulerThread, DueTasksQueueInOrderAndRunOneAtATime) {
-    TaskPtr a = addTask("A"), b = addTask("B");
-
-    host_.holdUploadOf("A");
+// The reload flag keeps the passes going but queues and starts nothing; while the host
+// (the daemon) may not run, due and user-started tasks wait in order behind the queued one;
+// then they run one at a time.
+TEST_F(BackupManageSchedulerThread,
+       ReloadFlagAndHooksHoldRunsBackThenDueTasksRunInOrderOneAtATime) {
+    struct Hooks : SchedulerHooks {
+        std::atomic<bool> open{false};
+        std::atomic<int> asked{0}, ended{0}, passes{0};
+        bool mayStartRun(const std::string&) override { return ++asked, open.load(); }
+        void runEnded() override { ++ended; }
+        void betweenPasses() override { ++passes; }
+    } hooks;
+    manager_.schedulerHooks = &hooks;
+    TaskPtr a = addTask("A"), b = addTask("B"), c = addTask("C", 0), d = addTask("D", 0);
+    EXPECT_TRUE(manager_.AddTaskToWaitList(c, false));
+    manager_.bRefreshTaskListFlag = true;
+    host_.holdUploadOf("C");
     startScheduler();
     pass();
-    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7", "A:1"}));
-    host_.waitHeld();
-    pass(); // while A runs, passes leave the queue alone
     pass();
-    EXPECT_EQ(lists(), "A | B");
-    host_.release();
+    EXPECT_TRUE(host_.events().empty());
+    EXPECT_EQ(lists(), " | C");
 
-    host_.waitFor("A:2");
+    manager_.bRefreshTaskListFlag = false;
     pass();
-    host_.waitFor("B:2");
     pass();
-    pass(); // A is queued once only: its next slot is tomorrow
+    EXPECT_TRUE(manager_.StartBackupByUser("D", false)); // queued, not refused
+    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:7"}));
+    EXPECT_EQ(lists(), " | C A B D");
+    EXPECT_GE(hooks.asked.load(), 3);
+    EXPECT_GE(hooks.passes.load(), 4);
+
+    hooks.open = true;
+    pass();
+    host_.waitHeld();
+    pass(); // while C runs, passes leave the queue alone
+    pass();
+    EXPECT_EQ(lists(), "C | A B D");
+    host_.release();
+    for (const char* name : {"C", "A", "B", "D"}) {
+        host_.waitFor(std::string(name) + ":2");
+        pass();
+    }
+    pass(); // each is queued once only: its next slot is tomorrow
     EXPECT_EQ(host_.events(),
-              (std::vector<std::string>{"A:7", "B:7", "A:1", "A:5", "A:2", "B:1", "B:5", "B:2"}));
-    for (const auto& task : {a, b}) {
+              (std::vector<std::string>{"A:7", "B:7", "C:1", "C:5", "C:2", "A:1", "A:5", "A:2",
+                                        "B:1", "B:5", "B:2", "D:1", "D:5", "D:2"}));
+    EXPECT_EQ(hooks.ended.load(), 4);
+    for (const auto& task : {a, b, c, d}) {
         EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << task->name;
         EXPECT_TRUE(exists("\\Backups\\" + task->name + "\\" + task->name + "\\b.txt"));
     }
     EXPECT_EQ(lists(), " |");
+    stopScheduler();
+    manager_.schedulerHooks = nullptr;
 }
 
 // A queued task whose deletion began while it waited must not hold the running place.
-TEST_F(BackupManageSchedulerThread, ARunThatNeverStartedDoesNotBlockTheQueue) {
-    TaskPtr gone = addTask("Gone", 0), next = addTask("Next", 0);
-    startScheduler();
-    locked([&] {
-        manager_.AddTaskToWaitList(gone, false);
-        manager_.AddTaskToWaitList(next, false);
-        return gone->bDeleting = true;
-    });
-    pass(); // starts Gone, whose run ends at once
-    pass(); // frees the place and starts Next
-    host_.waitFor("Next:2");
-    EXPECT_EQ(host_.countOf("Gone:2"), 0u);
-    EXPECT_TRUE(SystemLog::capturedContains("The working task ended without its closing notice."));
-    EXPECT_TRUE(exists("\\Backups\\Next\\Next\\a.txt"));
-    stopScheduler();
-}
-
-TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOnTheRun) {
-    TaskPtr a = addTask("A", 0), b = addTask("B", 0); // only the user starts them
+TEST_F(BackupManageSchedulerThread,
+       UserStartQueuesWhileBusyStopAndPauseActOnTheRunAndARunThatNeverStartedDoesNotBlock) {
+    // only the user starts them
+    TaskPtr a = addTask("A", 0), gone = addTask("Gone", 0), b = addTask("B", 0);
     startScheduler();
 
     host_.holdUploadOf("A");
@@ -146,9 +163,13 @@ TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOn
     EXPECT_FALSE(manager_.StartBackupByUser("B", true));
     EXPECT_TRUE(
         SystemLog::capturedContains("Cannot start the task as there are other task running"));
+    locked([&] {
+        manager_.AddTaskToWaitList(gone, false);
+        return gone->bDeleting = true;
+    });
     EXPECT_TRUE(manager_.StartBackupByUser("B", false));
     EXPECT_FALSE(manager_.StartBackupByUser("B", false));
-    EXPECT_EQ(lists(), "A | B");
+    EXPECT_EQ(lists(), "A | Gone B");
     EXPECT_EQ(b->mTaskState, CBackupTask::StateWaiting);
 
     manager_.pauseUpload("A", true);
@@ -159,15 +180,18 @@ TEST_F(BackupManageSchedulerThread, UserStartQueuesWhileBusyAndStopAndPauseActOn
     EXPECT_EQ(b->GetProgress(), nullptr);
 
     pass();
-    EXPECT_EQ(lists(), "A | B");
+    EXPECT_EQ(lists(), "A | Gone B");
 
     whileHeld(a, [&] { EXPECT_TRUE(manager_.stopBackupTask("A")); });
     EXPECT_EQ(a->mTaskState, CBackupTask::StateCancelled);
     EXPECT_FALSE(exists("\\Backups\\A\\A\\b.txt"));
     host_.waitFor("A:2");
 
-    pass(); // the queued task starts once nothing runs
+    pass(); // starts Gone, whose run ends at once
+    pass(); // frees the place and starts B
     host_.waitFor("B:2");
+    EXPECT_EQ(host_.countOf("Gone:2"), 0u);
+    EXPECT_TRUE(SystemLog::capturedContains("The working task ended without its closing notice."));
     EXPECT_EQ(b->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_TRUE(exists("\\Backups\\B\\B\\b.txt"));
 }
@@ -197,58 +221,6 @@ TEST_F(BackupManageSchedulerThread, EndingTheRunAndUnqueueingLeaveNothingBehind)
             others.push_back(e);
     EXPECT_EQ(others, (std::vector<std::string>{"A:7", "B:7", "A:1"}));
     EXPECT_EQ(lists(), " |");
-}
-
-TEST_F(BackupManageSchedulerThread, ReloadFlagKeepsPassesGoingButQueuesAndStartsNothing) {
-    TaskPtr a = addTask("A"), b = addTask("B", 0);
-    EXPECT_TRUE(manager_.AddTaskToWaitList(b, false));
-
-    manager_.bRefreshTaskListFlag = true;
-    startScheduler();
-    pass();
-    pass();
-    EXPECT_TRUE(host_.events().empty());
-    EXPECT_EQ(lists(), " | B");
-
-    manager_.bRefreshTaskListFlag = false;
-    pass(); // A joins the queue behind B; B, at its head, starts
-    host_.waitFor("B:2");
-    pass();
-    host_.waitFor("A:2");
-    EXPECT_EQ(host_.events(), (std::vector<std::string>{"A:7", "B:1", "B:5", "B:2", "A:1", "A:5",
-                                                        "A:2"}));
-}
-
-// While the host (the daemon) may not run, due and user-started tasks wait in order.
-TEST_F(BackupManageSchedulerThread, HooksHoldRunsBackUntilTheHostMayRun) {
-    struct Hooks : SchedulerHooks {
-        std::atomic<bool> open{false};
-        std::atomic<int> asked{0}, ended{0}, passes{0};
-        bool mayStartRun(const std::string&) override { return ++asked, open.load(); }
-        void runEnded() override { ++ended; }
-        void betweenPasses() override { ++passes; }
-    } hooks;
-    manager_.schedulerHooks = &hooks;
-    TaskPtr a = addTask("A"), b = addTask("B", 0);
-    startScheduler();
-    pass();
-    pass();
-    EXPECT_TRUE(manager_.StartBackupByUser("B", false)); // queued behind A, not refused
-    EXPECT_EQ(lists(), " | A B");
-    EXPECT_GE(hooks.asked.load(), 3);
-    EXPECT_GE(hooks.passes.load(), 2);
-
-    hooks.open = true;
-    pass();
-    host_.waitFor("A:2");
-    pass();
-    host_.waitFor("B:2");
-    pass();
-    EXPECT_EQ(hooks.ended.load(), 2);
-    EXPECT_EQ(a->mTaskState, CBackupTask::StateSucceeded);
-    EXPECT_EQ(b->mTaskState, CBackupTask::StateSucceeded);
-    stopScheduler();
-    manager_.schedulerHooks = nullptr;
 }
 
 TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTheLists) {
@@ -289,6 +261,46 @@ TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTh
     EXPECT_EQ(clock_->now(), before); // no window shows figures, so no pause for one
 }
 
+// Logging off while a run is closing: the run may already be past its test of the log-off
+// flag and on its way to the manager's lock, so the log-off must not hold that lock while
+// it waits for the run. ClosingHost holds the run in its closing notice until released.
+struct ClosingHost : StowlineBackupManageDelegate {
+    bool StowlineBackupManageDelegateFun(CBackupManage*, const std::shared_ptr<CBackupTask>&,
+                                         int32_t type) override {
+        if (type == closeProgressBarViewDelegate) {
+            closing.set_value();
+            released.wait_for(std::chrono::seconds(20));
+        }
+        return true;
+    }
+    std::promise<void> closing, release;
+    std::future<void> closed = closing.get_future();
+    std::shared_future<void> released = release.get_future().share();
+};
+
+using BackupManageLogOffThread = test::ManagerSession;
+
+TEST_F(BackupManageLogOffThread, LogOffWhileARunIsClosingEndsIt) {
+    ClosingHost closing_;
+    auto task = makeTask("Closing", Date::now().addingTimeInterval(86400 * 30)); // not due
+    manager_.SetDelegate(&closing_);
+    ASSERT_TRUE(manager_.AddTask(task));
+    ASSERT_TRUE(manager_.StartBackupByUser(task->name, false));
+    ASSERT_EQ(closing_.closed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+
+    manager_.bLogOff = true;
+    auto ended = std::async(std::launch::async, [&] { return manager_.endBackpTask(); });
+    // Let the log-off reach its wait for the run before the run goes on to the lock.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    closing_.release.set_value();
+    ASSERT_EQ(ended.wait_for(std::chrono::seconds(20)), std::future_status::ready)
+        << "the log-off and the closing run wait for each other";
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
+    EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_FALSE(task->bLogOff);
+    manager_.SetDelegate(&host_); // closing_ goes before the fixture
+}
+
 // ---- The due test and the waiting list, without the thread ----
 
 class BackupManageDue : public ::testing::Test {
@@ -325,7 +337,7 @@ protected:
     CBackupManage manager_;
 };
 
-TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDue) {
+TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDueByTheRulesAndQueuedOncePerName) {
     EXPECT_TRUE(manager_.nowDating(daily()));
     EXPECT_FALSE(manager_.nowDating(nullptr));
     for (auto unfree : std::vector<std::function<void(CBackupTask&)>>{
@@ -344,9 +356,8 @@ TEST_F(BackupManageDue, OnlyThisComputersFreeTasksAreDue) {
 
     manager_.bLogOff = true;
     EXPECT_FALSE(manager_.nowDating(daily()));
-}
+    manager_.bLogOff = false;
 
-TEST_F(BackupManageDue, ScheduleRules) {
     const Date slot = test::localDate(2024, 3, 5, 9, 0);
     auto task = daily();
     EXPECT_FALSE(dueAt(task, test::localDate(2024, 3, 5, 9, 0, 40))); // still the slot's minute
@@ -389,22 +400,18 @@ TEST_F(BackupManageDue, ScheduleRules) {
     EXPECT_TRUE(dueAt(once, test::localDate(2024, 3, 6, 10, 0)));
     once->mBackupDate = test::localDate(2024, 3, 5, 9, 30); // the range's run happened
     EXPECT_FALSE(dueAt(once, test::localDate(2024, 3, 8, 10, 0)));
-}
 
-TEST_F(BackupManageDue, SlotIsDueWithinItsOwnMinuteEvenAtTheDaysEnd) {
-    auto weekly = daily("Late"); // Tuesdays at 23:59
-    weekly->taskType = CBackupTask::ScheduleWeekly;
-    weekly->mDating = test::localDate(2024, 3, 5, 23, 59);
-    EXPECT_TRUE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 59, 0).addingTimeInterval(0.25)));
-    EXPECT_TRUE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 59, 30).addingTimeInterval(0.5)));
-    EXPECT_FALSE(dueAt(weekly, test::localDate(2024, 3, 5, 23, 58, 59).addingTimeInterval(0.5)));
-    EXPECT_FALSE(dueAt(weekly, test::localDate(2024, 3, 6, 0, 0, 30))); // Wednesday
+    // A slot is due within its own minute, even at the day's end.
+    auto late = daily("Late"); // Tuesdays at 23:59
+    late->taskType = CBackupTask::ScheduleWeekly;
+    late->mDating = test::localDate(2024, 3, 5, 23, 59);
+    EXPECT_TRUE(dueAt(late, test::localDate(2024, 3, 5, 23, 59, 0).addingTimeInterval(0.25)));
+    EXPECT_TRUE(dueAt(late, test::localDate(2024, 3, 5, 23, 59, 30).addingTimeInterval(0.5)));
+    EXPECT_FALSE(dueAt(late, test::localDate(2024, 3, 5, 23, 58, 59).addingTimeInterval(0.5)));
+    EXPECT_FALSE(dueAt(late, test::localDate(2024, 3, 6, 0, 0, 30))); // Wednesday
+    EXPECT_TRUE(dueAt(daily(), test::localDate(2024, 3, 5, 9, 0, 40).addingTimeInterval(0.1)));
 
-    auto task = daily();
-    EXPECT_TRUE(dueAt(task, test::localDate(2024, 3, 5, 9, 0, 40).addingTimeInterval(0.1)));
-}
-
-TEST_F(BackupManageDue, WaitingListKeepsOneEntryPerName) {
+    // The waiting list keeps one entry per name.
     auto first = daily("Same");
     auto twin = daily("Same");
     EXPECT_TRUE(manager_.AddTaskToWaitList(first, false));

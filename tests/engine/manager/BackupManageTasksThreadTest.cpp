@@ -103,7 +103,7 @@ protected:
         std::make_shared<ManualClock>(test::localDate(2011, 3, 5, 14, 7, 9));
 };
 
-TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
+TEST_F(BackupManageTasksThread, NewTaskNamesSettersEndNewTaskAndRefusedRegistration) {
     auto named = [](int n) { return LoadString::Format("IDS_TASKNAMEFOR", n); };
     for (int n : {0, 2})
         manager_.taskList.push_back(makeTask(named(n)));
@@ -129,6 +129,23 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
 
     EXPECT_TRUE(manager_.SetMaxVersions(3));
     EXPECT_EQ(first->uiMaxVersion, 10u); // the limit comes from the service's task list
+
+    // Ending the wizard scans the sources and registers the task, or keeps it back.
+    manager_.InitLocalFolderlist({home_.file("missing")});
+    manager_.SetServerFolder("\\Backups\\New");
+    EXPECT_FALSE(manager_.EndNewTask());
+    EXPECT_TRUE(SystemLog::capturedContains("Error: scan file array is empty"));
+    EXPECT_TRUE(manager_.IsCreateingTask()); // the wizard may go on
+    makeFile("New/a.txt", "alpha");
+    manager_.InitLocalFolderlist({home_.file("New")});
+    manager_.SetEndDate(now().addingTimeInterval(-60)); // no run at once
+    ASSERT_TRUE(manager_.EndNewTask());
+    EXPECT_FALSE(manager_.IsCreateingTask());
+    EXPECT_EQ(manager_.GetTaskByName(first->name), first);
+    EXPECT_TRUE(onService(first->name));
+    EXPECT_EQ(first->mTaskState, CBackupTask::StateIdle);
+
+    ASSERT_TRUE(manager_.BeginNewTask());
     manager_.CancelNewTask();
     EXPECT_FALSE(manager_.SetMaxVersions(3));
     manager_.setType(1);
@@ -148,36 +165,58 @@ TEST_F(BackupManageTasksThread, NewTaskNamesSettersAndRefusedRegistration) {
     EXPECT_EQ(manager_.taskList, std::vector<TaskPtr>{original});
 }
 
-TEST_F(BackupManageTasksThread, EndNewTaskScansAndRegistersOrKeepsTheTaskBack) {
-    ASSERT_TRUE(manager_.BeginNewTask());
-    manager_.InitLocalFolderlist({home_.file("missing")});
-    manager_.SetServerFolder("\\Backups\\New");
-    EXPECT_FALSE(manager_.EndNewTask());
-    EXPECT_TRUE(SystemLog::capturedContains("Error: scan file array is empty"));
-    EXPECT_TRUE(manager_.IsCreateingTask()); // the wizard may go on
+TEST_F(BackupManageTasksThread,
+       DeletionRemovesOrRenamesUnlessCancelledAndAddTaskStartsOnlyWhenDue) {
+    TaskPtr docs = registered("Docs"), keep = registered("Keep"); // due in a month
+    EXPECT_TRUE(manager_.waitingList.empty());
+    EXPECT_EQ(manager_.pWorkingTask, nullptr);
+    for (const auto& task : {docs, keep}) {
+        EXPECT_EQ(run(task), 2);
+        change(task->name, 1);
+        EXPECT_EQ(run(task), 1);
+    }
+    ASSERT_TRUE(exists(historyRoot() + "\\Docs"));
 
-    makeFile("New/a.txt", "alpha");
-    TaskPtr task = manager_.GetNewTask();
-    manager_.InitLocalFolderlist({home_.file("New")});
-    manager_.SetEndDate(now().addingTimeInterval(-60)); // no run at once
-    ASSERT_TRUE(manager_.EndNewTask());
-    EXPECT_FALSE(manager_.IsCreateingTask());
-    EXPECT_EQ(manager_.GetTaskByName(task->name), task);
-    EXPECT_TRUE(onService(task->name));
-    EXPECT_EQ(task->mTaskState, CBackupTask::StateIdle);
-}
+    // Cancelled before the service deleted anything: folders, record and task stay.
+    auto window = std::make_shared<CancellingWindow>();
+    ProgressModeHost::setProvider([window] { return window; });
+    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", true));
+    EXPECT_NE(window->entered, nullptr);
+    EXPECT_EQ(window->left, window->entered);
+    EXPECT_TRUE(exists("\\Backups\\Docs\\Docs\\a.txt"));
+    EXPECT_TRUE(listed(docs) && onService("Docs"));
 
-TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
-    TaskPtr later = makeTask("Later");
-    ASSERT_TRUE(manager_.AddTask(later));
+    ProgressModeHost::setProvider(nullptr);
+    EXPECT_TRUE(manager_.BatchDeleteTask("Docs", true));
+    EXPECT_TRUE(docs->bDeleting);
+    EXPECT_FALSE(exists("\\Backups\\Docs") || exists(historyRoot() + "\\Docs"));
+    EXPECT_FALSE(listed(docs) || onService("Docs"));
+    EXPECT_TRUE(onService("Keep"));
+    EXPECT_TRUE(exists("\\Backups\\Keep\\Keep\\b.txt"));
+    EXPECT_EQ(host_.countOf(":6"), 2u);
+    EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
+
+    // Keeping the server files renames both folders to "<computer>.<time>.<task>", and
+    // a cancel does not stop the renaming and the removal.
+    ProgressModeHost::setProvider([window] { return window; });
+    EXPECT_FALSE(manager_.BatchDeleteTask("Keep", false));
+    ProgressModeHost::setProvider(nullptr);
+    const std::string kept = GlobalFunction::getPCName() + ".2011-03-05 14-07-";
+    std::vector<StoreItem> backups;
+    ASSERT_EQ(local_->list("\\Backups", backups), ResultCode::Success);
+    ASSERT_EQ(backups.size(), 1u);
+    EXPECT_TRUE(backups[0].name.starts_with(kept) && backups[0].name.ends_with(".Keep"))
+        << backups[0].name;
+    EXPECT_EQ(backups[0].fileCount, 2);
+    EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
+    EXPECT_FALSE(exists(historyRoot() + "\\Keep"));
+    EXPECT_FALSE(listed(keep) || onService("Keep"));
+
     TaskPtr over = makeTask("Over");
     over->taskType = CBackupTask::ScheduleNone;
     over->mEndDate = now().addingTimeInterval(-1);
     ASSERT_TRUE(manager_.AddTask(over));
-    EXPECT_TRUE(listed(later) && listed(over));
-    EXPECT_TRUE(manager_.waitingList.empty());
-    EXPECT_EQ(manager_.pWorkingTask, nullptr);
-
+    EXPECT_TRUE(listed(over) && manager_.waitingList.empty());
     manager_.SetRestoreWorkingFile(std::string("/x"), std::string("\\x"));
     TaskPtr now = makeTask("Now");
     now->taskType = CBackupTask::ScheduleNone;
@@ -195,57 +234,6 @@ TEST_F(BackupManageTasksThread, AddTaskStartsAtOnceOnlyWhenItsTimeHasCome) {
     EXPECT_EQ(now->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_TRUE(exists("\\Backups\\Now\\Now\\a.txt"));
     EXPECT_EQ(host_.countOf("Now:1"), 1u);
-}
-
-TEST_F(BackupManageTasksThread, DeletionRemovesOrRenamesTheFoldersAndRemovesTheRecord) {
-    TaskPtr docs = registered("Docs"), keep = registered("Keep");
-    for (const auto& task : {docs, keep}) {
-        EXPECT_EQ(run(task), 2);
-        change(task->name, 1);
-        EXPECT_EQ(run(task), 1);
-    }
-    ASSERT_TRUE(exists(historyRoot() + "\\Docs"));
-
-    EXPECT_TRUE(manager_.BatchDeleteTask("Docs", true));
-    EXPECT_TRUE(docs->bDeleting);
-    EXPECT_FALSE(exists("\\Backups\\Docs") || exists(historyRoot() + "\\Docs"));
-    EXPECT_FALSE(listed(docs) || onService("Docs"));
-    EXPECT_TRUE(onService("Keep"));
-    EXPECT_TRUE(exists("\\Backups\\Keep\\Keep\\b.txt"));
-    EXPECT_EQ(host_.countOf(":6"), 1u);
-    EXPECT_TRUE(SystemLog::capturedContains("Successful manage delete task Delegate."));
-
-    // Keeping the server files renames both folders to "<computer>.<time>.<task>".
-    EXPECT_TRUE(manager_.BatchDeleteTask("Keep", false));
-    const std::string kept = GlobalFunction::getPCName() + ".2011-03-05 14-07-";
-    std::vector<StoreItem> backups;
-    ASSERT_EQ(local_->list("\\Backups", backups), ResultCode::Success);
-    ASSERT_EQ(backups.size(), 1u);
-    EXPECT_TRUE(backups[0].name.starts_with(kept) && backups[0].name.ends_with(".Keep"))
-        << backups[0].name;
-    EXPECT_EQ(backups[0].fileCount, 2);
-    EXPECT_EQ(item(historyRoot() + "\\" + backups[0].name).fileCount, 1); // the version
-    EXPECT_FALSE(exists(historyRoot() + "\\Keep"));
-    EXPECT_FALSE(listed(keep) || onService("Keep"));
-}
-
-TEST_F(BackupManageTasksThread, CancelledDeletionAnswersNoAndKeepsWhatItDidNotReach) {
-    auto window = std::make_shared<CancellingWindow>();
-    ProgressModeHost::setProvider([window] { return window; });
-    TaskPtr docs = registered("Docs");
-    run(docs);
-
-    // Cancelled before the service deleted anything: folders, record and task stay.
-    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", true));
-    EXPECT_NE(window->entered, nullptr);
-    EXPECT_EQ(window->left, window->entered);
-    EXPECT_TRUE(exists("\\Backups\\Docs\\Docs\\a.txt"));
-    EXPECT_TRUE(listed(docs) && onService("Docs"));
-
-    // Keeping the server files, the renaming and the removal still happen.
-    EXPECT_FALSE(manager_.BatchDeleteTask("Docs", false));
-    EXPECT_FALSE(exists("\\Backups\\Docs"));
-    EXPECT_FALSE(listed(docs) || onService("Docs"));
 }
 
 TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWhereTheyCanBeDeleted) {
@@ -296,7 +284,7 @@ TEST_F(BackupManageTasksThread, RenameKeepsBackupsAndVersionsUnderTheNewNameWher
     EXPECT_EQ(item(historyRoot() + "\\Papers").fileCount, 1);
 }
 
-TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
+TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesRefusedMigrationAndRestoreViewContext) {
     auto foreign = [&](const std::string& name, std::vector<std::string> paths) {
         TaskPtr task = sourced(name, paths, true);
         task->pcID = 99;
@@ -330,9 +318,7 @@ TEST_F(BackupManageTasksThread, MigrationOfDriveSourcesAndRefusedMigration) {
     EXPECT_TRUE(unknown->sourceInfoArray.empty());
     EXPECT_EQ(dialogs_->shown().size(), 1u);
     EXPECT_FALSE(manager_.MigrateTaskToCurrentPC("/new", nullptr, 3));
-}
 
-TEST_F(BackupManageTasksThread, RestoreViewContextAndWorkingFiles) {
     manager_.taskList = {sourced("Drives", {"C:\\", "D:\\"}, true),
                          sourced("Drive", {"C:\\"}, true),
                          sourced("Here", {"/home/bob/Docs"}, false)};

@@ -4,7 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "common/TempHome.h"
 #include "engine/task/CBackupTask.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/SystemLog.h"
 
 using namespace cirrovault;
 
@@ -12,7 +15,7 @@ namespace {
 
 using Entries = std::vector<std::string>;
 
-TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelow) {
+TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndBelowFileEntriesTheWholeNameInAnyCase) {
     Entries library{"", "Library"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/Library", library, true));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a/b/library", library, true)); // case ignored
@@ -35,9 +38,8 @@ TEST(BackupTaskFilters, FolderEntriesMatchAnyDepthAndWhatLiesBelow) {
     EXPECT_FALSE(CBackupTask::RegexFun("/x/v", oneChar, true));
 
     EXPECT_FALSE(CBackupTask::RegexFun("/x/anything", Entries{}, true));
-}
 
-TEST(BackupTaskFilters, FileEntriesMatchTheWholeName) {
+    // File entries match the whole name.
     Entries tmp{"*.TMP", "Thumbs.db"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/a.tmp", tmp, false));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/deep/er/A.Tmp", tmp, false));
@@ -45,9 +47,8 @@ TEST(BackupTaskFilters, FileEntriesMatchTheWholeName) {
     EXPECT_FALSE(CBackupTask::RegexFun("/home/u/a.tmp.txt", tmp, false));
     EXPECT_FALSE(CBackupTask::RegexFun("/home/u/xThumbs.db", tmp, false));
     EXPECT_FALSE(CBackupTask::RegexFun("a.tmp", tmp, false)); // no folder before it
-}
 
-TEST(BackupTaskFilters, CaseIsIgnoredInEveryScript) {
+    // Case is ignored in every script.
     Entries folders{"Кэш", "ΣΟΦΙΑ", "Ärger"};
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/кэш", folders, true));
     EXPECT_TRUE(CBackupTask::RegexFun("/home/u/σοφια", folders, true));
@@ -69,6 +70,55 @@ TEST(BackupTaskFilters, OnlyNamesTooLongOnceEncodedAreLeftOut) {
     EXPECT_TRUE(CBackupTask::RegexBackupPathForServer(tooLong));
     // The first component of a relative path is skipped like the root.
     EXPECT_FALSE(CBackupTask::RegexBackupPathForServer(std::string(90, ':') + "/c"));
+}
+
+struct BackupTaskRecord : ::testing::Test {
+    void SetUp() override { SystemLog::startCapture(); }
+    void TearDown() override { SystemLog::stopCapture(); }
+    test::TempHome home_;
+};
+
+TEST_F(BackupTaskRecord, AddedSourcesAreRecordsInOrderWithDuplicates) {
+    CBackupTask task;
+    std::string folder = home_.file("photos");
+    std::string file = home_.file("notes.txt");
+    ASSERT_TRUE(FileSystem::createDirectories(folder));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(file, "x"));
+    std::string later = home_.file("later");
+
+    // "later" is added once while missing and once after it became a folder.
+    task.AddSrcPathList({folder, file, home_.file("missing"), later});
+    ASSERT_TRUE(FileSystem::createDirectories(later));
+    task.AddSrcPath(later);
+
+    ASSERT_EQ(task.localDirList.size(), 5u);
+    EXPECT_EQ(task.localDirList[0].record(), SourceInfo::InitSourceInfoWith(folder, 1, true));
+    EXPECT_EQ(task.localDirList[1].record(), SourceInfo::InitSourceInfoWith(file, 1, false));
+    EXPECT_FALSE(task.localDirList[2].record().m_bFolder);
+    EXPECT_TRUE(task.IsInSourceList(later) && task.IsInBackupList(file));
+    // Exact and case-sensitive.
+    EXPECT_FALSE(task.IsInSourceList(folder + "/") || task.IsInSourceList(home_.file("PHOTOS")));
+    auto item = task.GetSrcItem(later);
+    ASSERT_TRUE(item);
+    EXPECT_FALSE(item->m_bFolder); // the first of the two entries
+    EXPECT_FALSE(task.GetSrcItem("/nowhere"));
+
+    // Even an identical list counts as different.
+    std::vector<SourceInfo> same;
+    for (const auto& entry : task.localDirList)
+        same.push_back(entry.record());
+    EXPECT_FALSE(task.IsSameSrcList(same) || task.IsSameSrcList({}));
+
+    // A record is not a path: the first-path lookup gives "" and says why.
+    EXPECT_EQ(task.GetFirstSrcPath(), "");
+    EXPECT_TRUE(SystemLog::capturedContains("Error: CBackupTask::GetFirstSrcPath"));
+
+    task.ReplaceLocalList({file});
+    ASSERT_EQ(task.localDirList.size(), 1u);
+    EXPECT_EQ(task.localDirList[0].record().m_strPath, file);
+    task.ClearSrcList();
+    EXPECT_TRUE(task.localDirList.empty());
+    EXPECT_EQ(task.GetFirstSrcPath(), "");
 }
 
 } // namespace

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
+#include <future>
 #include <mutex>
 #include <tuple>
 
 #include "common/EngineSession.h"
+#include "engine/task/UploadPool.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
 
@@ -77,24 +80,26 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinish) {
-    local("a.txt", "alpha");
-    local("sub/b.txt", "beta");
+TEST_F(BackupTaskRunThread, RunSendsNoticesInOrderAndRerunsListEachServerFolderAtMostOnce) {
+    for (const char* folder : {"a", "b", "c d"})
+        for (int i = 0; i < 10; ++i)
+            local(std::string(folder) + "/f" + std::to_string(i) + ".txt", "content", T);
     task_->mLastRunDate = Date(0);
     clock_->set(Date(T + 75.5)); // 1:15.5 into a minute of the epoch's whole minutes
     run();
-
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_EQ(std::tuple(task_->iBackupRet, task_->iErrorTimes, task_->scanFileArray.size()),
               std::tuple(0ul, 0, 0ul));
     EXPECT_EQ(task_->pPrgBar, nullptr);
     EXPECT_EQ(std::fmod(task_->mLastRunDate.timeIntervalSince1970(), 60.0), 0.0);
-    EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "alpha");
-    EXPECT_EQ(fetch("\\Backup\\src\\sub\\b.txt"), "beta");
+    EXPECT_EQ(fetch("\\Backup\\src\\c d\\f9.txt"), "content");
     EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3, 5, 0, 2}));
     EXPECT_EQ(eventsContaining("Backup started."), 1u);
     EXPECT_EQ(eventsContaining("Backup finished successfully."), 1u);
     EXPECT_EQ(clock_->now().timeIntervalSince1970(), T + 75.5); // no window: no pause
+    StoreItem root;
+    ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
+    ASSERT_EQ(root.fileCount, 30);
 
     // A window showing the run's figures keeps them up two seconds before closing.
     struct FiguresWindow : HeadlessViewBackend {
@@ -113,17 +118,7 @@ TEST_F(BackupTaskRunThread, SuccessfulRunSendsNoticesInOrderAndLogsStartAndFinis
     run();
     EXPECT_EQ(delegate_.milestones, (std::vector<int>{1, 3}));
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
-}
-
-// A rerun reads each server folder at most once, however many old copies it keeps.
-TEST_F(BackupTaskRunThread, RerunsListEachServerFolderAtMostOnce) {
-    for (const char* folder : {"a", "b", "c d"})
-        for (int i = 0; i < 10; ++i)
-            local(std::string(folder) + "/f" + std::to_string(i) + ".txt", "content", T);
-    run();
-    StoreItem root;
-    ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
-    ASSERT_EQ(root.fileCount, 30);
+    task_->bLogOff = false;
 
     for (int pass = 1; pass <= 2; ++pass) {
         SCOPED_TRACE(pass);
@@ -141,16 +136,6 @@ TEST_F(BackupTaskRunThread, RerunsListEachServerFolderAtMostOnce) {
         ASSERT_EQ(local_->stat("\\", root), ResultCode::Success);
         EXPECT_EQ(root.fileCount, 30 + 2 * pass); // the old copies are kept as versions
     }
-}
-
-TEST_F(BackupTaskRunThread, EmptyServerPathEndsTheRunBeforeItBegins) {
-    task_->serverPath = "";
-    run();
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateRunning);
-    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1}));
-    EXPECT_EQ(eventsContaining("has no destination folder"), 1u);
-    EXPECT_EQ(eventsContaining("Backup started."), 0u);
-    EXPECT_TRUE(SystemLog::capturedContains("Docs server path is empty."));
 }
 
 TEST_F(BackupTaskRunThread, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTime) {
@@ -182,7 +167,7 @@ TEST_F(BackupTaskRunThread, ConsecutiveFailuresPushTheRetryTwoHoursFurtherEachTi
     EXPECT_FALSE(task_->bResume);
 }
 
-TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
+TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnlyAndNoFolderEndsTheRun) {
     local("a.txt", "alpha");
     store_->failOperation(Op::MakeFolder, ResultCode::Failure, 1);
     run();
@@ -199,9 +184,20 @@ TEST_F(BackupTaskRunThread, FolderCreationIsRetriedOnceOnOrdinaryFailureOnly) {
     run();
     EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::StorageError));
     store_->clearFaults();
+
+    // No server folder at all: the run ends before it begins.
+    task_->serverPath = "";
+    delegate_.clear();
+    run();
+    EXPECT_EQ(task_->mTaskState, CBackupTask::StateRunning);
+    EXPECT_EQ(delegate_.milestones, (std::vector<int>{1}));
+    EXPECT_EQ(eventsContaining("has no destination folder"), 1u);
+    EXPECT_EQ(eventsContaining("Backup started."), 3u); // the three earlier runs only
+    EXPECT_TRUE(SystemLog::capturedContains("Other server path is empty."));
 }
 
-TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOnePass) {
+TEST_F(BackupTaskRunThread,
+       WalkRetriesOrdinaryFailuresSkipsTheNextEntryForOnePassAndEndsOnAFatalCodeOrCancel) {
     std::string a = local("a.txt", "A");
     std::string b = local("b.txt", "B");
     std::string c = local("c.txt", "C");
@@ -217,15 +213,13 @@ TEST_F(BackupTaskRunThread, WalkRetriesOrdinaryFailuresAndSkipsTheNextEntryForOn
     EXPECT_EQ(fetch("\\Backup\\src\\a.txt"), "A");
     EXPECT_EQ(task_->uiTaskCurrentUploadSize, 3u);
     EXPECT_TRUE(task_->blogModify);
-}
 
-TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
-    std::string a = local("a.txt", "A");
-    std::string b = local("b.txt", "B");
+    // A fatal code or a cancel ends the walk.
+    const int puts = store_->putCount();
     store_->failOperation(Op::Put, ResultCode::SubItemLimit, 1);
-    walk({a, b});
+    walk({local("d.txt", "D"), local("e.txt", "E")});
     EXPECT_EQ(task_->iBackupRet, 73u);
-    EXPECT_EQ(store_->putCount(), 1);
+    EXPECT_EQ(store_->putCount(), puts + 1);
     EXPECT_EQ(task_->scanFileArray.size(), 2u);
 
     task_->pPrgBar = std::make_shared<TrueProgressCallback>();
@@ -233,7 +227,7 @@ TEST_F(BackupTaskRunThread, FatalCodeOrCancelEndsTheWalk) {
     task_->iBackupRet = 0;
     task_->BeginUploadingData();
     EXPECT_EQ(task_->iBackupRet, 6u);
-    EXPECT_EQ(store_->putCount(), 1);
+    EXPECT_EQ(store_->putCount(), puts + 1);
 }
 
 // On a store keeping seconds, the settings' span widens both windows, for equal sizes only.
@@ -287,6 +281,48 @@ TEST_F(BackupTaskRunThread, CancelDuringTransferEndsTheRunAndMovesTheNextRunByIt
     task_->FinishBackup();
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
     EXPECT_DOUBLE_EQ(task_->mDating.timeIntervalSinceDate(dating), 86'400.0);
+}
+
+// A job that ends only once released, so the test decides the order of the ends.
+struct GatedJob : UploadPool::Job {
+    explicit GatedJob(int id) : id(id) {}
+    void run() override {
+        started.set_value();
+        released.wait();
+        ran = true;
+    }
+    const int id;
+    std::promise<void> started, release;
+    std::shared_future<void> hasStarted = started.get_future().share();
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> ran{false};
+};
+
+TEST(UploadPoolTest, JobsRunSideBySideAndAreTakenBackInTheOrderGiven) {
+    UploadPool pool(2);
+    auto first = std::make_shared<GatedJob>(1);
+    auto second = std::make_shared<GatedJob>(2);
+    auto third = std::make_shared<GatedJob>(3);
+    pool.submit(first);
+    pool.submit(second);
+    first->hasStarted.wait();
+    second->hasStarted.wait(); // both threads busy at once
+    pool.submit(third);        // waits for a thread: the queue has room for it
+
+    second->release.set_value();
+    third->hasStarted.wait();
+    third->release.set_value();
+    // The later jobs have ended, but the first comes back first.
+    EXPECT_EQ(pool.takeFinished(false), nullptr);
+    first->release.set_value();
+    for (int id : {1, 2, 3}) {
+        auto job = std::static_pointer_cast<GatedJob>(pool.takeFinished(true));
+        ASSERT_NE(job, nullptr);
+        EXPECT_EQ(job->id, id);
+        EXPECT_TRUE(job->ran);
+    }
+    EXPECT_EQ(pool.takeFinished(true), nullptr);
+    EXPECT_TRUE(pool.empty());
 }
 
 } // namespace

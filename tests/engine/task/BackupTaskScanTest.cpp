@@ -129,7 +129,8 @@ TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
     EXPECT_EQ(std::pair(task_->scanFileArray, task_->fileTotalSize), std::pair(kept, uint64_t{3}));
 }
 
-TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
+TEST_F(BackupTaskScan,
+       RunWalkReportsEveryHundredItemsStopsOnCancelAndCountsNothingInExcludedFolders) {
     for (int i = 0; i < 249; ++i)
         file("f" + std::to_string(1000 + i), "");
     task_->localDirList = {src_};
@@ -150,21 +151,21 @@ TEST_F(BackupTaskScan, RunWalkReportsEveryHundredItemsAndStopsOnCancel) {
     task_->pPrgBar->setBClickedCancel(false);
     task_->pPrgBar->setCancelled(true);
     EXPECT_FALSE(task_->CalculateBackupSize());
-}
 
-TEST_F(BackupTaskScan, ItemsInsideExcludedFoldersAreNotCounted) {
     // The files of "Libraryx" (under the excluded "Library" prefix) are no items.
     file("Library/l.txt", "l");
     for (int i = 0; i < 150; ++i)
         file("Libraryx/f" + std::to_string(1000 + i), "");
-    for (int i = 0; i < 98; ++i)
-        file("f" + std::to_string(1000 + i), "");
     task_->localDirList = {src_, at("Libraryx/f1000")};
     task_->filtedPath = {"Library"};
+    task_->pPrgBar = std::make_shared<TrueProgressCallback>();
+    delegate_.notices.clear();
+    delegate_.cancelAtRescan = false;
     ASSERT_TRUE(task_->CalculateBackupSize());
     EXPECT_EQ(delegate_.notices,
-              (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98), "finished"}));
-    EXPECT_EQ(task_->nScanTotalFiles, 98);
+              (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98),
+                     "rescan " + LoadString::Format("ReScanFile", src_, 200, 198), "finished"}));
+    EXPECT_EQ(task_->nScanTotalFiles, 249);
 }
 
 // Presses Cancel after a chosen number of messages (never when negative).

@@ -35,7 +35,7 @@ protected:
     std::shared_ptr<CBackupTask> task_;
 };
 
-TEST_F(BackupTaskSchedule, DailyTimeOfDayMovesToTheFirstSlotNotBeforeThisMinute) {
+TEST_F(BackupTaskSchedule, SetTimeAndBeginDateByKind) {
     task_->taskType = CBackupTask::ScheduleDaily | 0x30; // flag bits must not matter
     auto next = [&](Date chosen, bool adjust = true) {
         task_->SetSchDating(chosen, adjust);
@@ -50,9 +50,9 @@ TEST_F(BackupTaskSchedule, DailyTimeOfDayMovesToTheFirstSlotNotBeforeThisMinute)
     EXPECT_EQ(next(localDate(2026, 3, 11, 8, 1)), localDate(2026, 3, 11, 8, 1));
     // Without adjustment the date is taken as given.
     EXPECT_EQ(next(localDate(2020, 1, 1, 8, 0), false), localDate(2020, 1, 1, 8, 0));
-}
 
-TEST_F(BackupTaskSchedule, WeeklyCountsWeekdaysFromToday) {
+    // Weekly counts weekdays from today.
+    now(localDate(2026, 3, 11, 9, 30));
     task_->taskType = CBackupTask::ScheduleWeekly;
     // Monday chosen on a Wednesday; today's weekday later today; today's passed weekday.
     using P = std::pair<Date, Date>;
@@ -67,9 +67,7 @@ TEST_F(BackupTaskSchedule, WeeklyCountsWeekdaysFromToday) {
     task_->mDating = localDate(2026, 3, 5, 8, 0);
     task_->SetBeginDate(localDate(2026, 3, 13, 12, 0));
     EXPECT_EQ(task_->mDating, localDate(2026, 3, 18, 8, 0));
-}
 
-TEST_F(BackupTaskSchedule, BeginDateAndTheBetweenDatesKind) {
     // A begin date ten days ahead moves a daily task one day on only.
     now(localDate(2026, 3, 11, 7, 0));
     task_->taskType = CBackupTask::ScheduleDaily;

@@ -99,7 +99,7 @@ TEST(BackupTaskChangeRule, ExactStoresTrustTheTimeCoarseOnesForgiveEqualSizesOnl
     EXPECT_FALSE(current(4, T + 1, 4, 1, 0));
 }
 
-TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
+TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreResumedUploadsAndEncryptedExtra) {
     for (const char* name : {"same.txt", "near.txt", "hour.txt", "grown.txt"})
         stored(name, "1234", T);
     stored("resume.txt.part", "12345", T); // an interrupted upload
@@ -140,13 +140,12 @@ TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreAndResumedUploads) {
     EXPECT_FALSE(task_->CalculateBackupFileSize(home_.file("src/missing.txt")));
 
     EXPECT_EQ(store_->listCount("\\Backup\\src"), 1);
-}
 
-TEST_F(BackupTaskSpace, EncryptedTaskChargesNewFiles128BytesMore) {
+    // An encrypted task charges new files 128 bytes more.
     useServerFolder("\\" + LoadString::GetValueByKey("EncryptionFolder", "") + "\\Backup");
+    task_->uiNeedSpace = task_->fileTotalSize = 0;
     stored("moved.txt", std::string(4 + 128, 'e'), T);
     stored("changed.txt", std::string(4 + 128, 'e'), T);
-
     EXPECT_FALSE(decide("moved.txt", "abcd", T + 3600));
     EXPECT_TRUE(decide("changed.txt", "abcd", T + 60));
     EXPECT_EQ(task_->uiNeedSpace, 4u);
@@ -162,24 +161,21 @@ TEST_F(BackupTaskSpace, AccountSpaceCheck) {
 
     // Exactly enough is not enough. Declining with some space left ends quietly.
     EXPECT_FALSE(task_->CheckAccountSpace(5 * MB));
-    EXPECT_EQ(task_->iBackupRet, 0u);
-    EXPECT_FALSE(task_->bHaveErr);
-    auto shown = prompts();
-    ASSERT_EQ(shown.size(), 1u);
-    EXPECT_TRUE(shown[0].starts_with("8|"));
+    EXPECT_EQ(std::pair(task_->iBackupRet, task_->bHaveErr.load()), std::pair(0ul, false));
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 5, 5)});
 
     // Needed MB rounded up, free MB rounded down.
     setFree(MB + MB / 2);
     EXPECT_FALSE(task_->CheckAccountSpace(MB + MB / 2 + MB / 4));
-    shown = prompts();
-    ASSERT_EQ(shown.size(), 1u);
-    EXPECT_TRUE(shown[0].ends_with("|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1)));
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1)});
 
     // Nothing left: the other prompt, and declining refuses the run.
     setFree(0);
     EXPECT_FALSE(task_->CheckAccountSpace(1));
-    EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::SpaceLimit));
-    EXPECT_TRUE(task_->bHaveErr);
+    EXPECT_EQ(std::pair(task_->iBackupRet, task_->bHaveErr.load()),
+              std::pair(static_cast<uint64_t>(ResultCode::SpaceLimit), true));
     EXPECT_EQ(prompts(), std::vector<std::string>{"6|" + LoadString::Format("NeedMoreBuySpace", 0)});
     EXPECT_FALSE(task_->CheckAccountSpace(0));
     EXPECT_EQ(SystemLog::capturedCount("needspace is zero."), 1u);
@@ -208,20 +204,18 @@ TEST_F(BackupTaskSpace, FreeSpaceBeforeARun) {
     // Short of space: going on anyway is the user's choice (the default answer).
     setFree(MB);
     EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(2 * MB, task_.get(), &code));
-    auto shown = prompts();
-    ASSERT_EQ(shown.size(), 1u);
-    EXPECT_TRUE(shown[0].ends_with(
-        "|" + LoadString::Format("IDS_STRNEEDMORESPACE", "Docs", size(2 * MB), size(MB), size(2 * MB))));
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_STRNEEDMORESPACE", "Docs", size(2 * MB),
+                                                       size(MB), size(2 * MB))});
 
     // Ordering space, then not trying again, stops the run.
     setFree(0);
     dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
     EXPECT_FALSE(CBackupTask::CheckFreeSpaceFromServer(MB, task_.get(), &code));
-    shown = prompts();
-    ASSERT_EQ(shown.size(), 2u);
-    EXPECT_TRUE(shown[0].ends_with(
-        "|" + LoadString::Format("SubUserHaveBuyStorageSpace", "Docs", size(MB), size(0))));
-    EXPECT_TRUE(shown[1].ends_with("|" + LoadString::GetValueByKey("IDS_REBACKAGAIN", "")));
+    EXPECT_EQ(prompts(),
+              (std::vector<std::string>{"8|" + LoadString::Format("SubUserHaveBuyStorageSpace",
+                                                                  "Docs", size(MB), size(0)),
+                                        "3|" + LoadString::GetValueByKey("IDS_REBACKAGAIN", "")}));
 
     // More used than allowed: the free size shows negative.
     ASSERT_EQ(local_->setQuota(LocalStore::DiskQuota), ResultCode::Success);
@@ -229,9 +223,7 @@ TEST_F(BackupTaskSpace, FreeSpaceBeforeARun) {
     ASSERT_EQ(local_->setQuota(1000), ResultCode::Success);
     ASSERT_LT(freeSpace(), 0);
     EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(10, task_.get(), &code));
-    shown = prompts();
-    ASSERT_EQ(shown.size(), 1u);
-    EXPECT_NE(shown[0].find("-" + size(-freeSpace())), std::string::npos);
+    EXPECT_NE(prompts().at(0).find("-" + size(-freeSpace())), std::string::npos);
 }
 
 } // namespace

@@ -92,42 +92,8 @@ TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
     EXPECT_EQ(task_->getSvrHistoryFolder(true), "");
 }
 
-TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsAndReusesTheOldestName) {
-    task_->uiMaxVersion = 3;
-    std::string serverFile = upload("x/a.txt", "one", T);
-    upload("x/a.txt", "two", T + 100);
-    std::string versions = versionFolder("src\\x");
-    EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt"}));
-    upload("x/a.txt", "three", T + 200);
-    EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
-    EXPECT_EQ(fetch(versions + "\\a0.txt") + fetch(versions + "\\a1.txt"), "onetwo");
-
-    // Full: the oldest ("one", as a0.txt) goes and its name takes the new version.
-    upload("x/a.txt", "four", T + 300);
-    EXPECT_EQ(names(versions), (std::vector<std::string>{"a0.txt", "a1.txt"}));
-    EXPECT_EQ(fetch(versions + "\\a0.txt") + fetch(versions + "\\a1.txt") +
-                  fetch(serverFile),
-              "threetwofour");
-    EXPECT_EQ(task_->getOldTimeHistoryFile(versions), "a1.txt");
-    EXPECT_EQ(names(CFileInfo::getServerParentFolder(serverFile)),
-              (std::vector<std::string>{"a.txt"}));
-}
-
-TEST_F(BackupTaskVersions, NothingKeptBelowTwo) {
-    std::string serverFile = upload("b.txt", "b1", T);
-    for (uint64_t max : {0, 1})
-        EXPECT_FALSE(task_->recordCurrent(serverFile, max, "b.txt"));
-    EXPECT_FALSE(task_->recordCurrent("", 5, "b.txt"));
-    EXPECT_EQ(names(versionFolder("src")), std::vector<std::string>{});
-
-    // The current copy is gone: the rename fails and is logged.
-    EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
-    EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
-    EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
-}
-
-// "a1.txt" reads as a version of "a.txt": each keeps and drops only its own.
-TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
+// "a1.txt" reads as a version of "a.txt": each file keeps and drops only its own.
+TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsReusingTheOldestNameEachOnlyItsOwn) {
     task_->uiMaxVersion = 3;
     const std::vector<std::string> files{"a.txt", "a1.txt"};
     for (int change = 0; change < 5; ++change)
@@ -142,11 +108,16 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
         std::sort(kept.begin(), kept.end());
         return kept;
     };
-    for (const auto& file : files) {
-        EXPECT_EQ(own(file), (std::vector<std::string>{file + " #2", file + " #3"})) << file;
+    for (const auto& file : files)
         EXPECT_EQ(fetch("\\Backup\\src\\x\\" + file), file + " #4");
-    }
-    EXPECT_EQ(names(versions).size(), 4u); // every entry belongs to one file
+    // Full, the oldest went and its name took the newer version; each kept only its own.
+    std::vector<std::string> all;
+    for (const auto& name : names(versions))
+        all.push_back(name + "=" + fetch(versions + "\\" + name));
+    EXPECT_EQ(all, (std::vector<std::string>{"a0.txt=a.txt #2", "a10.txt=a1.txt #2",
+                                             "a11.txt=a1.txt #3", "a2.txt=a.txt #3"}));
+    EXPECT_EQ(task_->getOldTimeHistoryFile(versions), "a0.txt");
+    EXPECT_EQ(names("\\Backup\\src\\x"), files);
 
     task_->uiMaxVersion = 2;
     upload("x/a1.txt", "a1.txt #5", T + 20);
@@ -154,10 +125,18 @@ TEST_F(BackupTaskVersions, EachFileCountsAndDropsOnlyItsOwnVersions) {
     EXPECT_EQ(own("a.txt").size(), 2u);
 }
 
-// A keep cut off (a refused move) leaves no version beside the file, where a restore
-// would take it for a file of its own.
-TEST_F(BackupTaskVersions, AnInterruptedKeepLeavesNoVersionBesideTheFile) {
+// Nothing is kept below two versions or of a missing copy; a keep cut off (a refused move)
+// leaves no version beside the file, where a restore would take it for a file of its own.
+TEST_F(BackupTaskVersions, NothingKeptBelowTwoAndAnInterruptedKeepLeavesNoVersionBesideTheFile) {
     std::string serverFile = upload("x/a.txt", "one", T);
+    for (uint64_t max : {0, 1})
+        EXPECT_FALSE(task_->recordCurrent(serverFile, max, "a.txt"));
+    EXPECT_FALSE(task_->recordCurrent("", 5, "a.txt"));
+    EXPECT_EQ(names(versionFolder("src\\x")), std::vector<std::string>{});
+    EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
+    EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
+    EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
+
     for (int32_t passing : {0, 1, 2}) {
         store_->failOperation(FaultInjectingStore::Operation::Move, ResultCode::Failure, 1,
                               passing);
