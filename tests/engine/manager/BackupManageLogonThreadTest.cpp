@@ -226,6 +226,8 @@ TEST_F(BackupManageLogonThread, RefreshFollowsTheServiceAndReloadKeepsStateLastR
     a->filtedPath = {"/home/a/cache"};
     a->uiMaxVersion = 12345678901;
     a->bResume = true;
+    a->serverPath = "\\" + text("EncryptionFolder") + "\\A"; // read back as encrypted
+    a->bEncryMode = true;
     const std::vector<Date> dates{localDate(2024, 3, 12, 9, 0), localDate(2024, 1, 1, 0, 0),
                                   localDate(2099, 1, 1, 0, 0), localDate(2024, 3, 5, 16, 30, 15)};
     std::tie(a->mDating, a->mBeginDate, a->mEndDate, a->mResumeDate) =
