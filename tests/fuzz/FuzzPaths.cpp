@@ -1,14 +1,11 @@
 // Server paths (every path a server or the task list hands us goes through StorePath),
 // the reply and date helpers of Functions, and the names encrypted files are bound to.
 // Input: fields separated by TAB; the first byte's low bits choose the date pattern.
-#include <cstdint>
 
 #include "FuzzInput.h"
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/Functions.h"
 #include "platform/store/StorePath.h"
-
-using namespace cirrovault;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string input = fuzz::text(data, size);

@@ -1,7 +1,6 @@
 // The task-list document kept in the store, and the request texts the task-list
 // service reads. Input: document, a NUL byte, a request (an add/edit request or, after
 // a second NUL, the names to delete).
-#include <cstdint>
 #include <memory>
 
 #include "FuzzInput.h"
@@ -9,8 +8,6 @@
 #include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
 #include "platform/store/StoreBackend.h"
-
-using namespace cirrovault;
 
 namespace {
 
