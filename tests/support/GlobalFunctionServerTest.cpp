@@ -12,22 +12,12 @@ using namespace cirrovault;
 
 class GlobalFunctionServer : public test::SessionFixture {};
 
-TEST_F(GlobalFunctionServer, CreateSrvFolderMakesMissingParentsAndReportsTheCode) {
-    int64_t code = -1;
-    EXPECT_TRUE(GlobalFunction::CreateSrvFolder("\\A\\B\\C", "desc", "cap", &code));
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(found({"\\A", "\\A\\B\\C"}), "++");
-    code = -1;
-    EXPECT_TRUE(GlobalFunction::CreateSrvHistoryFolder("\\A\\B\\C", "", "", &code)); // already there
-    EXPECT_EQ(code, 0);
-    EXPECT_TRUE(GlobalFunction::CreateSrvFolder("\\A\\D", "", "", nullptr));
+TEST_F(GlobalFunctionServer, CodesAboveNineCountAsSuccessAndOnlyARefusedReLogonFails) {
+    EXPECT_EQ(GlobalFunction::MySimpleLogon("alice", "wrong"), ResultCode::WrongPassword);
+    EXPECT_EQ(GlobalFunction::MySimpleLogon("alice", "secret"), ResultCode::Success);
+    EXPECT_TRUE(GlobalFunction::reLogon(false));
+    EXPECT_FALSE(api().sessionID().empty());
 
-    api().Logoff();
-    EXPECT_FALSE(GlobalFunction::CreateSrvFolder("\\E", "", "", &code));
-    EXPECT_EQ(found({"\\E"}), "-");
-}
-
-TEST_F(GlobalFunctionServer, CodesAboveNineCountAsSuccessAndNotLoggedOnRetriesOnce) {
     auto faults = std::make_shared<FaultInjectingStore>(api().backend());
     api().SetBackend(faults);
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
@@ -43,9 +33,32 @@ TEST_F(GlobalFunctionServer, CodesAboveNineCountAsSuccessAndNotLoggedOnRetriesOn
         EXPECT_EQ(code, answer);
     }
     EXPECT_EQ(found({"\\F" + std::to_string(ResultCode::NotLoggedOn)}), "+");
+
+    // A failure, or a password changed on the service since the logon, is a refusal.
+    for (int64_t refusal : {ResultCode::Failure, ResultCode::WrongPassword}) {
+        ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
+        faults->failOperation(FaultInjectingStore::Operation::Logon, refusal, 1);
+        EXPECT_FALSE(GlobalFunction::reLogon(true));
+    }
+    // Other codes leave it to the next call.
+    faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::NoService, 1);
+    EXPECT_TRUE(GlobalFunction::reLogon(true));
+
+    // Nobody has logged on: nothing to do.
+    TransferApiUtil::releaseTransferApiUtil();
+    EXPECT_TRUE(GlobalFunction::reLogon(true));
 }
 
-TEST_F(GlobalFunctionServer, AppFoldersAreTheAccountsOnceLoggedOn) {
+TEST_F(GlobalFunctionServer, SrvFoldersComeWithTheirParentsAndAppFoldersAreTheAccounts) {
+    int64_t code = -1;
+    EXPECT_TRUE(GlobalFunction::CreateSrvFolder("\\A\\B\\C", "desc", "cap", &code));
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(found({"\\A", "\\A\\B\\C"}), "++");
+    code = -1;
+    EXPECT_TRUE(GlobalFunction::CreateSrvHistoryFolder("\\A\\B\\C", "", "", &code)); // already there
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE(GlobalFunction::CreateSrvFolder("\\A\\D", "", "", nullptr));
+
     EXPECT_EQ(GlobalFunction::GetOBCurrentAppPath(), CFileInfo::getProductFolderPath() + "/" + api().customerID());
     EXPECT_TRUE(GlobalFunction::openURL()); // the local store has no web pages, still true
     std::string expected = CFileInfo::serverPathAppend(
@@ -57,6 +70,8 @@ TEST_F(GlobalFunctionServer, AppFoldersAreTheAccountsOnceLoggedOn) {
     EXPECT_EQ(GlobalFunction::getSvrAppFolder("Task1", "my task"), expected);
     api().Logoff();
     EXPECT_EQ(GlobalFunction::getSvrAppFolder("Task2", "x"), "");
+    EXPECT_FALSE(GlobalFunction::CreateSrvFolder("\\E", "", "", &code));
+    EXPECT_EQ(found({"\\E"}), "-");
 }
 
 TEST_F(GlobalFunctionServer, LocalFileComparedWithItsServerCopy) {
@@ -72,27 +87,4 @@ TEST_F(GlobalFunctionServer, LocalFileComparedWithItsServerCopy) {
     }
     EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\none.txt", local), 2);
     EXPECT_EQ(GlobalFunction::ISserverLocalSameFile("\\F\\a.txt", home_.file("gone.txt")), 6);
-}
-
-TEST_F(GlobalFunctionServer, LogonAndReLogon) {
-    EXPECT_EQ(GlobalFunction::MySimpleLogon("alice", "wrong"), ResultCode::WrongPassword);
-    EXPECT_EQ(GlobalFunction::MySimpleLogon("alice", "secret"), ResultCode::Success);
-    EXPECT_TRUE(GlobalFunction::reLogon(false));
-    EXPECT_FALSE(api().sessionID().empty());
-
-    auto faults = std::make_shared<FaultInjectingStore>(api().backend());
-    api().SetBackend(faults);
-    // A failure, or a password changed on the service since the logon, is a refusal.
-    for (int64_t refusal : {ResultCode::Failure, ResultCode::WrongPassword}) {
-        ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
-        faults->failOperation(FaultInjectingStore::Operation::Logon, refusal, 1);
-        EXPECT_FALSE(GlobalFunction::reLogon(true));
-    }
-    // Other codes leave it to the next call.
-    faults->failOperation(FaultInjectingStore::Operation::Logon, ResultCode::NoService, 1);
-    EXPECT_TRUE(GlobalFunction::reLogon(true));
-
-    // Nobody has logged on: nothing to do.
-    TransferApiUtil::releaseTransferApiUtil();
-    EXPECT_TRUE(GlobalFunction::reLogon(true));
 }

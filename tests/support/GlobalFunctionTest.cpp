@@ -48,13 +48,10 @@ TEST(GlobalFunctionText, SizesListsAndStrings) {
         EXPECT_FALSE(GlobalFunction::ValidNameFmt(bad)) << bad;
 }
 
-TEST(GlobalFunctionNames, MachineNameIsCutAtTheFirstDot) {
+// Two computers or two tasks set up within the same second must still differ.
+TEST(GlobalFunctionIdentity, MachineNameIsCutAtTheFirstDotAndRandomIDsDifferWithinASecond) {
     std::string host = Host::name();
     EXPECT_EQ(GlobalFunction::GetMachineName(), host.substr(0, host.find('.')));
-}
-
-// Two computers or two tasks set up within the same second must still differ.
-TEST(GlobalFunctionRandom, IdentitiesDifferWithinTheSameSecond) {
     std::set<int> seen;
     {
         test::ManualClockScope scope(Date(1'000'000.25));
@@ -106,37 +103,32 @@ protected:
     std::shared_ptr<HeadlessMessagebox> presenter = std::make_shared<HeadlessMessagebox>();
 };
 
-TEST_F(GlobalFunctionDialogs, MessageBoxWithoutTitleAndTheFolderPanel) {
+TEST_F(GlobalFunctionDialogs, MessageBoxWithoutTitleFolderPanelAndSpaceLimitAnswers) {
     presenter->queueAnswer(MessageboxAnswer::Yes);
     EXPECT_EQ(GlobalFunction::MessageBox("Cancel the backup?", MessageboxStyle::YesNo), 3);
     EXPECT_EQ(GlobalFunction::MessageBox("Again?", MessageboxStyle::YesNo), MessageboxAnswer::No);
     EXPECT_EQ(GlobalFunction::openFolderPanel(), "");
     presenter->setFolderPanelPath("/restore/here");
     EXPECT_EQ(GlobalFunction::openFolderPanel(), "/restore/here");
-    auto shown = presenter->shown();
-    ASSERT_EQ(shown.size(), 4u);
-    EXPECT_EQ(shown[0].title + "|" + shown[0].text + "|" + std::to_string(shown[0].style), "|Cancel the backup?|2");
-    EXPECT_EQ(shown[2].title, LoadString::GetValueByKey("RestoreViewTitle"));
-}
 
-TEST_F(GlobalFunctionDialogs, SpaceLimitRetryOnlyOnRetry) {
+    // Only Retry retries; the headless default is Cancel.
     presenter->queueAnswer(MessageboxAnswer::Retry);
     EXPECT_TRUE(GlobalFunction::SpaceLimitRetry("Full"));
-    EXPECT_FALSE(GlobalFunction::SpaceLimitRetry("Full")); // headless default: cancel
+    EXPECT_FALSE(GlobalFunction::SpaceLimitRetry("Full"));
     presenter->queueAnswer(MessageboxAnswer::Yes);
     EXPECT_FALSE(GlobalFunction::SpaceLimitRetry("Full"));
-    EXPECT_EQ(presenter->shown().at(0).style, MessageboxStyle::RetryCancel);
-}
 
-TEST_F(GlobalFunctionDialogs, SpaceLimitAlterBuildsItsMessageAndOrdersOnSeven) {
     EXPECT_FALSE(GlobalFunction::SpaceLimitAlter(1, ""));
     presenter->queueAnswer(MessageboxAnswer::OrderSpace);
     EXPECT_TRUE(GlobalFunction::SpaceLimitAlter(4, "Buy more?"));
     auto shown = presenter->shown();
-    ASSERT_EQ(shown.size(), 2u);
-    EXPECT_EQ(shown[0].kind, HeadlessMessagebox::Kind::StorageOrder);
-    EXPECT_FALSE(shown[0].checkBox);
-    EXPECT_EQ(shown[0].text + "|" + std::to_string(shown[0].style),
+    ASSERT_EQ(shown.size(), 9u);
+    EXPECT_EQ(shown[0].title + "|" + shown[0].text + "|" + std::to_string(shown[0].style), "|Cancel the backup?|2");
+    EXPECT_EQ(shown[2].title, LoadString::GetValueByKey("RestoreViewTitle"));
+    EXPECT_EQ(shown[4].style, MessageboxStyle::RetryCancel);
+    EXPECT_EQ(shown[7].kind, HeadlessMessagebox::Kind::StorageOrder);
+    EXPECT_FALSE(shown[7].checkBox);
+    EXPECT_EQ(shown[7].text + "|" + std::to_string(shown[7].style),
               LoadString::GetValueByKey("IDS_STRREACHLIMIT") + " " + LoadString::GetValueByKey("IDS_ORDERSPACE") + "|1");
-    EXPECT_EQ(shown[1].text + "|" + std::to_string(shown[1].style), "Buy more?|4");
+    EXPECT_EQ(shown[8].text + "|" + std::to_string(shown[8].style), "Buy more?|4");
 }
