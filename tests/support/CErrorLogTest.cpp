@@ -31,7 +31,7 @@ protected:
     test::TempHome home;
 };
 
-TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMark) {
+TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMarkAndEscapingRoundTrips) {
     auto clock = std::make_shared<ManualClock>(Date(1714568709.0));
     Clock::setShared(clock);
     std::string time = Functions::stringTransFromedDate(clock->now(), "yyyy-MM-dd HH:mm:ss");
@@ -47,9 +47,7 @@ TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMark) {
               kMark + "Docs|1804289383|Upload failed: 100%25 of a%7cb|" + time + "|Error\n" +
                   "Docs|-7|Backup started.|" + time + "|Information\n" + "Docs|0||" + time +
                   "|Warning\n" + "Docs|3|odd kind|" + time + "|\n");
-}
 
-TEST_F(CErrorLogTest, EscapingRoundTripsEveryMessage) {
     EXPECT_EQ(CErrorLog::EncodeEventMsg("%7c%25"), "%257c%2525");
     EXPECT_EQ(CErrorLog::DecodeEventMsg("a%7Cb%41%7c%25"), "a%7Cb%41|%"); // only two sequences
     EXPECT_EQ(CErrorLog::EncodeEventMsg(std::nullopt), std::nullopt);
@@ -61,25 +59,19 @@ TEST_F(CErrorLogTest, EscapingRoundTripsEveryMessage) {
         EXPECT_EQ(CErrorLog::DecodeEventMsg(CErrorLog::EncodeEventMsg(message)), message) << message;
 }
 
-TEST_F(CErrorLogTest, ListShowsOnlyTheFileThisProcessWrote) {
+TEST_F(CErrorLogTest, ListShowsOnlyTheFileThisProcessWroteAndClearStartsAFreshOne) {
     ASSERT_TRUE(FileSystem::createDirectories(home.dataHome() + "/Cirrovault/Cirrovault Online Backup"));
     ASSERT_TRUE(FileSystem::writeFileAtomically(logFile(), kMark + "Old|1|earlier run|t|Error\n"));
     // Nothing is listed before the first record of a process.
     EXPECT_EQ(CErrorLog::GetErrorList(), std::vector<std::string>{});
-
-    ASSERT_TRUE(CErrorLog::recordError("New", 2, "now", 0));
+    ASSERT_TRUE(CErrorLog::recordError("A", 1, "first", 0));
     auto after = CErrorLog::GetErrorList();
-    ASSERT_TRUE(after);
-    ASSERT_EQ(after->size(), 4u);
+    ASSERT_TRUE(after && after->size() == 4u);
     (*after)[2].resize(10);
-    EXPECT_EQ(*after, (std::vector<std::string>{"4.500000", "Old|1|earlier run|t|Error", "New|2|now|", ""}));
-
+    EXPECT_EQ(*after, (std::vector<std::string>{"4.500000", "Old|1|earlier run|t|Error", "A|1|first|", ""}));
     CErrorLog::releaseErrorLogClass(); // a fresh instance has forgotten the path
     EXPECT_EQ(CErrorLog::GetErrorList(), std::vector<std::string>{});
-}
 
-TEST_F(CErrorLogTest, ClearDeletesAndTheNextRecordStartsAFreshFile) {
-    ASSERT_TRUE(CErrorLog::recordError("A", 1, "first", 0));
     ASSERT_TRUE(CErrorLog::recordError("A", 1, "second", 0));
     EXPECT_TRUE(CErrorLog::clearAllEventLog());
     EXPECT_FALSE(FileSystem::exists(logFile()));
