@@ -28,7 +28,7 @@ protected:
     test::TempHome home;
 };
 
-TEST_F(OptionsManTest, DefaultsSettersAndLoadingBeforeSaving) {
+TEST_F(OptionsManTest, DefaultsSettersLoadingBeforeSavingAndAFileRoundTripKeepingTypesAndUnknownKeys) {
     EXPECT_EQ(options(), kDefaults);
     OptionsMan::LoadPublicOptions(); // no file: nothing changes
     EXPECT_EQ(options(), kDefaults);
@@ -50,9 +50,7 @@ TEST_F(OptionsManTest, DefaultsSettersAndLoadingBeforeSaving) {
 
     OptionsMan::clearnOptionsManClass();
     EXPECT_EQ(options(), kDefaults);
-}
 
-TEST_F(OptionsManTest, FileRoundTripKeepsTypesAndUnknownKeys) {
     OptionsMan::SetIntervalMinutes(4000000000u);
     OptionsMan::SetReportWhenFinish(true);
     OptionsMan::setReportEmail("me@example.com");

@@ -139,12 +139,26 @@ TEST_F(CreateTaskWizardTest, NamesTakenOnTheServiceAreRefusedExactlyAndAnUnreada
     EXPECT_EQ(host.directions, std::vector<int32_t>{1});
 }
 
-TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheManager) {
+TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleTypeAndTheAcceptedStepHandsTrimmedValuesToTheManager) {
     ASSERT_TRUE(controller->createTaskName());
     tickNewFolder("Travel");
-    // Weekly on Monday at 10:00, chosen on a Wednesday.
-    controller->pStep1View->setBackupDate(localDate(2024, 5, 8, 10, 0));
-    controller->pStep1View->selectDayIndex(1);
+    // The proposed time: the current whole minute plus half an hour, on a Wednesday.
+    controller->initBackupDate();
+    const Date picked = controller->pStep1View->backupDate();
+    EXPECT_EQ(picked, localDate(2024, 5, 8, 10, 0, 0));
+    // Weekly: Tuesday is 6 days ahead, Wednesday 0, Monday 5, plus a week. Date-range and
+    // daily tasks: one day on, whatever the weekday list says.
+    for (auto [type, day, days, weekly] : {std::tuple{2, 2, 13, true}, {2, 3, 7, true}, {2, 1, 12, true},
+                                           {3, 5, 1, false}, {1, 1, 1, false}}) {
+        controller->setBackupTypeMode(type);
+        controller->pStep1View->selectDayIndex(day);
+        EXPECT_EQ(controller->getStep1Dating(), picked.addingTimeInterval(days * 86400)) << type << " " << day;
+        EXPECT_EQ(controller->pStep1View->isDaysPopupEnabled(), weekly);
+    }
+    EXPECT_EQ(controller->pStep1View->schTime, picked.addingTimeInterval(86400));
+    EXPECT_EQ(controller->getStep1SelectBackupDay(), 5);
+
+    // Weekly on Monday at 10:00, chosen in the window.
     controller->pStep1View->selectTypeTag(2);
     controller->pStep1View->window()->press(ViewOutlet::BackupTypeMatrixRadio);
     EXPECT_TRUE(controller->pStep1View->isDaysPopupEnabled());
@@ -166,31 +180,7 @@ TEST_F(CreateTaskWizardTest, AcceptedStepHandsTrimmedValuesTypeAndFirstRunToTheM
     EXPECT_TRUE(SystemLog::capturedContains("Error:backButton: (id)sender,GoToTaskStep2Delegate"));
     EXPECT_TRUE(next("Travel", "Trip").empty());
     EXPECT_TRUE(SystemLog::capturedContains("Error:nextButton: (id)sender, GoToTaskStep2Delegate."));
-}
 
-TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleType) {
-    // The proposed time: the current whole minute plus half an hour.
-    controller->initBackupDate();
-    const Date picked = controller->pStep1View->backupDate();
-    EXPECT_EQ(picked, localDate(2024, 5, 8, 10, 0, 0));
-
-    auto first = [&](int32_t type, int dayIndex) {
-        controller->setBackupTypeMode(type);
-        controller->pStep1View->selectDayIndex(dayIndex);
-        return controller->getStep1Dating();
-    };
-    // Daily and date-range tasks: one day on, whatever the weekday list says.
-    for (auto [type, day] : {std::pair{1, 1}, std::pair{3, 5}}) {
-        EXPECT_EQ(first(type, day), picked.addingTimeInterval(86400));
-        EXPECT_FALSE(controller->pStep1View->isDaysPopupEnabled());
-    }
-    // Weekly, today Wednesday: Monday is 5 days ahead, Tuesday 6, Wednesday 0, plus a week.
-    EXPECT_EQ(first(2, 1), picked.addingTimeInterval(5 * 86400 + 604800));
-    EXPECT_TRUE(controller->pStep1View->isDaysPopupEnabled());
-    EXPECT_EQ(controller->getStep1SelectBackupDay(), 5);
-    EXPECT_EQ(first(2, 2), picked.addingTimeInterval(6 * 86400 + 604800));
-    EXPECT_EQ(first(2, 3), picked.addingTimeInterval(604800));
-    EXPECT_EQ(controller->pStep1View->schTime, picked.addingTimeInterval(604800));
     // Saturday from a Saturday, and Sunday from a Saturday.
     clock->set(localDate(2024, 5, 11, 23, 59, 59));
     controller->pStep1View->selectDayIndex(6);
