@@ -103,9 +103,10 @@ TEST_F(ProgressThreadTest, CancelOrCloseEndsTheLoopAndReachesTheWorker) {
     }
 }
 
-TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel) {
-    boxes->queueAnswer(MessageboxAnswer::No);  // first Cancel: the user changes their mind
+TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancelOrClose) {
+    boxes->queueAnswer(MessageboxAnswer::No); // first Cancel: the user changes their mind
     boxes->queueAnswer(MessageboxAnswer::Yes); // second Cancel: stop
+    boxes->queueAnswer(MessageboxAnswer::Yes); // then the close button: asks, closes the window
     CDownloadFileController controller(backend);
     Thread* worker = nullptr;
     EXPECT_TRUE(underModalLoop([&](Thread* t) { return controller.EnterProgressMode(t); }, [&](Thread* self) {
@@ -121,20 +122,23 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
         EXPECT_FALSE(controller.IsCancelDownload(self));
         controller.view()->window()->press(ViewButton::Cancel);
         EXPECT_TRUE(controller.IsCancelDownload(self));
+        controller.view()->window()->press(ViewButton::Close);
+        EXPECT_EQ(controller.view()->nType, 2);
         controller.LeaveProgressModel(self);
     }));
 
     EXPECT_TRUE(controller.pDownloadProgBar->IsClickedCancel());
-    EXPECT_EQ(controller.view()->nType, 1);
+    EXPECT_EQ(controller.view()->nType, 1); // the worker's leave comes last
     EXPECT_EQ(controller.pDownloadThread, worker);
     auto window = controller.view()->window();
     EXPECT_EQ(window->text(ViewOutlet::TimeLeft) + " " + window->text(ViewOutlet::TransferRate) + " " +
                   window->text(ViewOutlet::DownPath),
               "0:00:23 30 B/s /home/u/restore");
     EXPECT_DOUBLE_EQ(window->value(ViewOutlet::FilePrgBar), 30.0);
-    ASSERT_EQ(boxes->shown().size(), 2u);
+    ASSERT_EQ(boxes->shown().size(), 3u);
     EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("IDS_STRCANCELCONFIRM"));
     EXPECT_EQ(boxes->shown()[0].style, MessageboxStyle::YesNo);
+    EXPECT_EQ(boxes->shown()[2].text, LoadString::GetValueByKey("closeDownloadFileView"));
 
     // One view per controller; a null thread changes nothing.
     EXPECT_TRUE(controller.EnterProgressMode(worker));
@@ -149,21 +153,6 @@ TEST_F(ProgressThreadTest, RestoreShowsRateAndTimeLeftAndStopsOnConfirmedCancel)
     controller.iHasDownloadSize = 100;
     controller.refreshPrgbarDelegate();
     EXPECT_DOUBLE_EQ(window->value(ViewOutlet::FilePrgBar), 33.0); // whole percents
-}
-
-TEST_F(ProgressThreadTest, ClosingTheRestoreWindowAsksThenStops) {
-    boxes->queueAnswer(MessageboxAnswer::Yes);
-    CDownloadFileController controller(backend);
-    backend->pressOnShow(ViewLayout::DownloadProgressWindow, ViewButton::Close);
-    underModalLoop([&](Thread* t) { return controller.EnterProgressMode(t); }, [&](Thread* self) {
-        while (!controller.IsCancelDownload(self)) {
-        }
-        EXPECT_TRUE(controller.pDownloadProgBar->IsClickedCancel());
-        controller.LeaveProgressModel(self);
-    });
-    EXPECT_EQ(controller.view()->nType, 1); // the worker's leave comes last
-    ASSERT_EQ(boxes->shown().size(), 1u);
-    EXPECT_EQ(boxes->shown()[0].text, LoadString::GetValueByKey("closeDownloadFileView"));
 }
 
 // The installed window starts the deletion's worker, and the worker closes it at its end.
