@@ -1,6 +1,11 @@
+#include <fstream>
+
 #include <gtest/gtest.h>
 
+#include "common/ManualClockScope.h"
 #include "common/ModalWorker.h"
+#include "common/TempHome.h"
+#include "engine/task/CBackupTask.h"
 #include "platform/framework/CurlHandleController.h"
 #include "platform/os/SystemLog.h"
 #include "platform/view/ViewLayout.h"
@@ -15,7 +20,10 @@ using Texts = std::vector<std::string>;
 class LoopDialogThreadTest : public ::testing::Test {
 protected:
     void SetUp() override { SystemLog::startCapture(); }
-    void TearDown() override { SystemLog::stopCapture(); }
+    void TearDown() override {
+        SystemLog::stopCapture();
+        CLoopItem::setFactory(nullptr);
+    }
 
     Texts texts(const char* outlet) const { return backend->textsOf(ViewLayout::LoopDialog, outlet); }
     // The dialog's modal loop on the given page, with work as its worker.
@@ -126,4 +134,30 @@ TEST_F(LoopDialogThreadTest, ScanPageFramesFrameworkEntryPointsAndNullThreads) {
     }));
     EXPECT_TRUE(cancelled);
     EXPECT_FALSE(loop.EnterLoopMode(nullptr, CLoopItem::ButtonCancel));
+}
+
+TEST_F(LoopDialogThreadTest, InteractiveScanPageShowsTotalsAndCancelEmptiesTheList) {
+    test::TempHome home;
+    test::ManualClockScope clock; // the scan gives the dialog time to come up: here none
+    for (int f = 0; f < 150; ++f) {
+        std::string folder = home.file("src/d" + std::to_string(f % 3));
+        FileSystem::createDirectories(folder);
+        std::ofstream(folder + "/f" + std::to_string(f) + ".txt") << "data " << f;
+    }
+    CBackupTask task;
+    task.localDirList = {home.file("src")};
+    // The totals the scan page showed, on a fresh dialog that presses Cancel after cancelAfter.
+    auto scan = [&](bool expected, size_t cancelAfter) {
+        auto backend = std::make_shared<HeadlessViewBackend>();
+        LoopDlgController::installFactory(backend);
+        backend->pressAfterTexts(ViewLayout::LoopDialog, ViewOutlet::TotalFilesCount, cancelAfter, ViewButton::Cancel);
+        EXPECT_EQ(task.StartScanFile(), expected);
+        EXPECT_EQ(backend->pressesOf(ViewLayout::LoopDialog, ViewButton::Cancel), expected ? 0u : 1u);
+        return backend->textsOf(ViewLayout::LoopDialog, ViewOutlet::TotalFilesCount);
+    };
+    auto totals = scan(true, 1000);
+    ASSERT_FALSE(totals.empty());
+    EXPECT_EQ(totals.back(), "150");
+    EXPECT_LT(scan(false, 20).size(), 150u); // stopped well before the end
+    EXPECT_TRUE(task.scanFileArray.empty());
 }
