@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/ManualClockScope.h"
 #include "common/ModalWorker.h"
 #include "common/TempHome.h"
 #include "engine/manager/CBackupManage.h"
@@ -10,7 +11,6 @@
 #include "platform/framework/LoadString.h"
 #include "platform/framework/ProgressModeHost.h"
 #include "platform/framework/TransferApiUtil.h"
-#include "platform/os/Clock.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/os/Thread.h"
 #include "platform/view/ViewLayout.h"
@@ -34,17 +34,12 @@ bool eventually(Shown shown) {
 
 class ProgressThreadTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        Clock::setShared(clock);
-        NimboMessagebox::setPresenter(boxes);
-    }
-    void TearDown() override {
-        Clock::setShared(nullptr);
-        NimboMessagebox::setPresenter(nullptr);
-    }
+    void SetUp() override { NimboMessagebox::setPresenter(boxes); }
+    void TearDown() override { NimboMessagebox::setPresenter(nullptr); }
 
     test::TempHome home;
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    test::ManualClockScope clockScope;
+    std::shared_ptr<ManualClock> clock = clockScope.clock;
     std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
     std::shared_ptr<HeadlessMessagebox> boxes = std::make_shared<HeadlessMessagebox>();
 };
