@@ -6,11 +6,11 @@
 #include <sstream>
 #include <vector>
 
+#include "common/ManualClockScope.h"
 #include "common/TempHome.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/PropertyList.h"
 #include "platform/framework/TransferApiUtil.h"
-#include "platform/os/Clock.h"
 #include "platform/os/FileSystem.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/os/SystemLog.h"
@@ -55,19 +55,15 @@ static const std::string kMark = "4.500000\n";
 class CErrorLogTest : public ::testing::Test {
 protected:
     void SetUp() override { CErrorLog::releaseErrorLogClass(); }
-    void TearDown() override {
-        CErrorLog::releaseErrorLogClass();
-        Clock::setShared(nullptr);
-    }
+    void TearDown() override { CErrorLog::releaseErrorLogClass(); }
     std::string logFile() const { return home.dataHome() + "/Cirrovault/Cirrovault Online Backup/errlog.log"; }
 
     test::TempHome home;
 };
 
 TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMarkAndEscapingRoundTrips) {
-    auto clock = std::make_shared<ManualClock>(Date(1714568709.0));
-    Clock::setShared(clock);
-    std::string time = Functions::stringTransFromedDate(clock->now(), "yyyy-MM-dd HH:mm:ss");
+    test::ManualClockScope clock(Date(1714568709.0));
+    std::string time = Functions::stringTransFromedDate(clock.clock->now(), "yyyy-MM-dd HH:mm:ss");
 
     EXPECT_EQ(CErrorLog::GetEventLogFilePath(), logFile());
     EXPECT_FALSE(FileSystem::exists(logFile())) << "asking for the path creates nothing";
@@ -128,22 +124,6 @@ TEST_F(CErrorLogTest, ListShowsOnlyTheFileThisProcessWroteAndClearStartsAFreshOn
     SystemLog::stopCapture();
 }
 
-TEST_F(CErrorLogTest, EachAccountHasItsOwnLog) {
-    {
-        AccountSession session("cust-7");
-        std::string accountLog = home.dataHome() + "/Cirrovault/Cirrovault Online Backup/cust-7/errlog.log";
-        EXPECT_EQ(CErrorLog::GetEventLogFilePath(), accountLog);
-        ASSERT_TRUE(CErrorLog::recordError("A", 1, "mine", 0));
-        EXPECT_TRUE(FileSystem::isRegularFile(accountLog));
-    }
-    {
-        AccountSession strange("..");
-        EXPECT_EQ(CErrorLog::GetEventLogFilePath(), "");
-        EXPECT_FALSE(CErrorLog::recordError("A", 1, "nowhere", 0));
-    }
-    EXPECT_FALSE(FileSystem::exists(logFile()));
-}
-
 TEST_F(CErrorLogTest, EightWritersLeaveWholeRecordsUnderOneMark) {
     constexpr int kThreads = 8;
     constexpr int kRecords = 1000;
@@ -177,7 +157,10 @@ TEST_F(CErrorLogTest, EightWritersLeaveWholeRecordsUnderOneMark) {
 class OptionsManTest : public ::testing::Test {
 protected:
     void SetUp() override { OptionsMan::clearnOptionsManClass(); }
-    void TearDown() override { OptionsMan::clearnOptionsManClass(); }
+    void TearDown() override {
+        OptionsMan::clearnOptionsManClass();
+        CErrorLog::releaseErrorLogClass();
+    }
 
     std::string publicFile() const { return home.dataHome() + "/Cirrovault/Options/OnlineBackup/Options.plist"; }
 
@@ -277,7 +260,7 @@ TEST_F(OptionsManTest, DamagedFileGivesDefaultsAndStoresNothing) {
     EXPECT_TRUE(OptionsMan::IsReportWhenError());
 }
 
-TEST_F(OptionsManTest, AccountFileIsSeparateFromThePublicFile) {
+TEST_F(OptionsManTest, AccountOptionsAndEventLogAreSeparateFromThePublicOnes) {
     EXPECT_EQ(OptionsMan::getOptionsFile(), OptionsMan::getPublicOptionsFile());
     EXPECT_EQ(OptionsMan::getPublicOptionsFile(), publicFile());
     EXPECT_TRUE(FileSystem::isDirectory(home.dataHome() + "/Cirrovault/Options/OnlineBackup"));
@@ -288,6 +271,10 @@ TEST_F(OptionsManTest, AccountFileIsSeparateFromThePublicFile) {
         AccountSession session("cust-42");
         std::string accountFile = home.dataHome() + "/Cirrovault/Options/OnlineBackup/cust-42/Options.plist";
         EXPECT_EQ(OptionsMan::getOptionsFile(), accountFile);
+        std::string accountLog = home.dataHome() + "/Cirrovault/Cirrovault Online Backup/cust-42/errlog.log";
+        EXPECT_EQ(CErrorLog::GetEventLogFilePath(), accountLog);
+        ASSERT_TRUE(CErrorLog::recordError("A", 1, "mine", 0));
+        EXPECT_TRUE(FileSystem::isRegularFile(accountLog));
 
         OptionsMan::clearnOptionsManClass();
         OptionsMan::SetIntervalMinutes(15);
@@ -301,13 +288,16 @@ TEST_F(OptionsManTest, AccountFileIsSeparateFromThePublicFile) {
             loaded += (load(), std::to_string(OptionsMan::intervalMinutes())) + " ";
         EXPECT_EQ(loaded, "15 30 15 ");
     }
-    {
-        AccountSession strange("../escape");
+    for (const char* strange : {"..", "../escape"}) {
+        AccountSession session(strange);
         SystemLog::startCapture();
         EXPECT_EQ(OptionsMan::getOptionsFile(), "");
         OptionsMan::SaveOptions(); // refused, not written outside the options folder
         EXPECT_TRUE(SystemLog::capturedContains("Error: the customer ID cannot name an options folder"));
         SystemLog::stopCapture();
-        EXPECT_FALSE(FileSystem::exists(home.dataHome() + "/Cirrovault/Options/escape"));
+        EXPECT_EQ(CErrorLog::GetEventLogFilePath(), "");
+        EXPECT_FALSE(CErrorLog::recordError("A", 1, "nowhere", 0));
     }
+    EXPECT_FALSE(FileSystem::exists(home.dataHome() + "/Cirrovault/Options/escape"));
+    EXPECT_FALSE(FileSystem::exists(home.dataHome() + "/Cirrovault/Cirrovault Online Backup/errlog.log"));
 }
