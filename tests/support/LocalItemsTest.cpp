@@ -36,7 +36,7 @@ std::function<std::optional<std::string>(const std::string&)> split(
 
 } // namespace
 
-TEST(CFileInfoServerPaths, ParentNameJoinAndConversions) {
+TEST(CFileInfoPaths, ServerAndLocalParentsNamesJoinsConversionsAndTrims) {
     expectRows(CFileInfo::getServerParentFolder,
                {{"\\A", ""}, {"A", ""}, {"", ""}, {"C:\\Docs", "C:"}, {"\\Backup\\Docs\\a.txt", "\\Backup\\Docs"}});
     // With no "\" at all the name is the whole text.
@@ -57,9 +57,7 @@ TEST(CFileInfoServerPaths, ParentNameJoinAndConversions) {
                }),
                {{"\\a\\b.txt|txt", "yes"}, {"\\a\\b.txt|TXT", "no"}, {"\\a\\b.txt|.txt", "no"}, {"\\a.d\\b|d", "no"},
                 {"\\a\\b.|", "no"}, {"|txt", "no"}, {"\\a\\b.tar.gz|gz", "yes"}});
-}
 
-TEST(CFileInfoLocalPaths, ParentSubFolderJoinNamesAndTrims) {
     expectRows(CFileInfo::getMacParentFolder, {{"/A", "/"}, {"A", ""}, {"/a/b/", "/a/b"}, {"/a/b", "/a"}});
     expectRows(split(CFileInfo::getMacSubFolder),
                {{"/Users/a/Docs|/", "Users/a/Docs"}, {"/Users/a/Docs|/Users", "a/Docs"}, {"|/Users", ""}});
@@ -161,20 +159,7 @@ std::string attributes(CFileAttributes& item) {
            std::to_string(item.modifyDate.has_value()) + std::to_string(item.createDate.has_value());
 }
 
-TEST(FMLocFileManagerDisplay, SizeBoundariesAndMediumDateShortTime) {
-    EXPECT_EQ(FMLocFileManager::FormatFileSize(std::nullopt), "");
-    // Just under 1024 KiB still rounds to KB.
-    const std::pair<uint64_t, const char*> sizes[] = {
-        {0, ""}, {1, "1 bytes"}, {1023, "1023 bytes"}, {1024, "1 KB"}, {1536, "2 KB"}, {1048575, "1024 KB"},
-        {1048576, "1.0 MB"}, {5242880, "5.0 MB"}, {1073741824, "1.00 GB"}, {1099511627776, "1024.00 GB"}};
-    for (const auto& [size, text] : sizes)
-        EXPECT_EQ(FMLocFileManager::FormatFileSize(size), text) << size;
-    FMLocFileManager manager;
-    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 15, 4)), "Jan 5, 2024, 3:04 PM");
-    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 0, 4)), "Jan 5, 2024, 12:04 AM");
-}
-
-TEST_F(LocalItems, AttributesKindsAndBrowserRowsOfFileFolderLinkAndMissingPath) {
+TEST_F(LocalItems, AttributesKindsAndBrowserRowsWithSizeBoundariesAndMediumDateShortTime) {
     CFileAttributes onFile(file), onFolder(folder), onLink(link), missing(folder + "/none");
     EXPECT_EQ(attributes(onFile), "1 file 1 folder 0 size 10 Regular dates 11");
     EXPECT_EQ(*onFile.modifyDate, Date(1'700'000'000.25));
@@ -208,6 +193,15 @@ TEST_F(LocalItems, AttributesKindsAndBrowserRowsOfFileFolderLinkAndMissingPath) 
               "a.txt|" + file + "|Document|Regular|10 bytes");
     EXPECT_EQ(row["DateModified"], manager.formatDate(Date(1'700'000'000.25)));
     EXPECT_EQ(manager.GetFileAttribute(folder)["Size"], "--");
+    EXPECT_EQ(FMLocFileManager::FormatFileSize(std::nullopt), "");
+    // Just under 1024 KiB still rounds to KB.
+    const std::pair<uint64_t, const char*> sizes[] = {
+        {0, ""}, {1, "1 bytes"}, {1023, "1023 bytes"}, {1024, "1 KB"}, {1536, "2 KB"}, {1048575, "1024 KB"},
+        {1048576, "1.0 MB"}, {5242880, "5.0 MB"}, {1073741824, "1.00 GB"}, {1099511627776, "1024.00 GB"}};
+    for (const auto& [size, text] : sizes)
+        EXPECT_EQ(FMLocFileManager::FormatFileSize(size), text) << size;
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 15, 4)), "Jan 5, 2024, 3:04 PM");
+    EXPECT_EQ(manager.formatDate(test::localDate(2024, 1, 5, 0, 4)), "Jan 5, 2024, 12:04 AM");
     EXPECT_TRUE(manager.GetFileAttribute(folder + "/none").empty());
 }
 
