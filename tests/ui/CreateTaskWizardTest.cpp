@@ -315,7 +315,7 @@ TEST_F(FilePathBrowserTest, RowsHideDotItemsListFoldersFirstAndAnUnreadableFolde
     EXPECT_EQ(browser.getNeedBackupFilePath(), std::vector<std::string>{root + "/a.txt"});
 }
 
-TEST(ImageAndTextCellTest, RowsFitTheirWidthWithoutSplittingCharacters) {
+TEST(TerminalBrowserRows, FitTheirWidthWithoutSplittingCharactersAndScrollToTheHighlightedRow) {
     FileAttributeNode node("Überweisungen und Kontoauszüge der letzten zwanzig Jahre", "Jan 5, 2024, 3:04 PM",
                            "--", "Folder", "/home/u", "/home/u/x", "");
     std::string row = ImageAndTextCell::drawRow(node, 78);
@@ -325,9 +325,8 @@ TEST(ImageAndTextCellTest, RowsFitTheirWidthWithoutSplittingCharacters) {
     EXPECT_EQ(ImageAndTextCell::fit("ab", 4, true), "ab  ");
     node.bSelect = true;
     EXPECT_EQ(ImageAndTextCell::drawRow(node, 20), "[x] D Überweisungen~");
-}
 
-TEST(TerminalBrowserRenderTest, ListScrollsToKeepTheHighlightedRowInView) {
+    // The terminal's list scrolls to keep the highlighted row in view.
     ViewWindow window(ViewLayout::FilePathBrowser);
     std::vector<std::string> rows;
     for (int i = 0; i < 40; ++i)
