@@ -61,8 +61,20 @@ TEST(GlobalFunctionText, SizesListsStringsMachineNameAndIDsThatDifferWithinASeco
     EXPECT_GT(seen.size(), 120u);
 }
 
-TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
+// Without a logged-on session: local files and dialogs.
+class GlobalFunctionLoggedOff : public ::testing::Test {
+protected:
+    void SetUp() override {
+        TransferApiUtil::releaseTransferApiUtil();
+        NimboMessagebox::setPresenter(presenter);
+    }
+    void TearDown() override { NimboMessagebox::setPresenter(nullptr); }
+
     test::TempHome home;
+    std::shared_ptr<HeadlessMessagebox> presenter = std::make_shared<HeadlessMessagebox>();
+};
+
+TEST_F(GlobalFunctionLoggedOff, FileExistenceListingItemInfoAndTheProductFolder) {
     std::string folder = home.file("f");
     ASSERT_TRUE(CFileInfo::CreateSubDir(folder));
     ASSERT_TRUE(CFileInfo::CreateFile(folder + "/a.txt"));
@@ -83,26 +95,12 @@ TEST(GlobalFunctionFiles, ExistenceListingAndItemInfo) {
     EXPECT_EQ(std::to_string(info.flags) + " " + info.fileType + " " + info.extension, "16 Regular txt");
     EXPECT_EQ(GlobalFunction::getItemInfo(16, folder + "/none").fileType, "");
 
-    // Without a logon: the product folder, not made.
-    TransferApiUtil::releaseTransferApiUtil();
+    // The product folder, not made.
     EXPECT_EQ(GlobalFunction::GetOBCurrentAppPath(), CFileInfo::getProductFolderPath());
     EXPECT_FALSE(FileSystem::exists(CFileInfo::getProductFolderPath()));
 }
 
-// Dialogs without a logged-on session.
-class GlobalFunctionDialogs : public ::testing::Test {
-protected:
-    void SetUp() override {
-        TransferApiUtil::releaseTransferApiUtil();
-        NimboMessagebox::setPresenter(presenter);
-    }
-    void TearDown() override { NimboMessagebox::setPresenter(nullptr); }
-
-    test::TempHome home;
-    std::shared_ptr<HeadlessMessagebox> presenter = std::make_shared<HeadlessMessagebox>();
-};
-
-TEST_F(GlobalFunctionDialogs, MessageBoxWithoutTitleFolderPanelAndSpaceLimitAnswers) {
+TEST_F(GlobalFunctionLoggedOff, MessageBoxWithoutTitleFolderPanelAndSpaceLimitAnswers) {
     presenter->queueAnswer(MessageboxAnswer::Yes);
     EXPECT_EQ(GlobalFunction::MessageBox("Cancel the backup?", MessageboxStyle::YesNo), 3);
     EXPECT_EQ(GlobalFunction::MessageBox("Again?", MessageboxStyle::YesNo), MessageboxAnswer::No);

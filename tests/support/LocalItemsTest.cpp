@@ -73,29 +73,7 @@ TEST(CFileInfoPaths, ServerAndLocalParentsNamesJoinsConversionsAndTrims) {
     expectRows(CFileInfo::pathTrim, {{" \t/a b\t ", "/a b"}, {"\n/a\n", "\n/a\n"}, {" \t ", ""}});
 }
 
-TEST(CFileInfoFolders, ApplicationFoldersFollowTheStringTable) {
-    test::TempHome home;
-    EXPECT_EQ(CFileInfo::getCurrentUserApplicationPath(), home.dataHome());
-    std::string product = CFileInfo::getProductFolderPath();
-    EXPECT_EQ(product, home.dataHome() + "/Cirrovault/Cirrovault Online Backup");
-
-    // The temp folder is made, the returned path below it is not.
-    EXPECT_EQ(CFileInfo::getTempPath("\\Backup\\Docs", true), product + "/Temp/Backup/Docs");
-    EXPECT_TRUE(FileSystem::isDirectory(product + "/Temp") && !FileSystem::exists(product + "/Temp/Backup"));
-
-    std::string data = CFileInfo::getDataFolderPath();
-    EXPECT_EQ(answers({CFileInfo::CreateInAppDatePath(""), FileSystem::isDirectory(data),
-                       CFileInfo::CreateInAppDatePath("acct/logs"), FileSystem::isDirectory(data + "/acct/logs"),
-                       CFileInfo::CreateInAppDatePath("acct/logs")}), // already there
-              "11111");
-
-    // A file where the product folder should be blocks the temp folder.
-    ASSERT_TRUE(FileSystem::removeAll(product));
-    ASSERT_TRUE(FileSystem::createEmptyFile(product));
-    EXPECT_EQ(CFileInfo::getTempPath("\\a", false), "");
-}
-
-TEST(CFileInfoFiles, CreateQueryRenameAndDelete) {
+TEST(CFileInfoFiles, CreateQueryRenameAndDeleteAndApplicationFoldersFollowTheStringTable) {
     test::TempHome home;
     std::string folder = home.file("work/deep/er"), file = folder + "/a.txt", other = folder + "/b.txt";
     // Made twice (the second finds it there); a folder in the way of a file.
@@ -134,6 +112,25 @@ TEST(CFileInfoFiles, CreateQueryRenameAndDelete) {
     EXPECT_TRUE(CFileInfo::deleteFile(home.file("work"))); // a folder with its contents
     EXPECT_FALSE(FileSystem::exists(home.file("work")));
     SystemLog::stopCapture();
+
+    EXPECT_EQ(CFileInfo::getCurrentUserApplicationPath(), home.dataHome());
+    std::string product = CFileInfo::getProductFolderPath();
+    EXPECT_EQ(product, home.dataHome() + "/Cirrovault/Cirrovault Online Backup");
+
+    // The temp folder is made, the returned path below it is not.
+    EXPECT_EQ(CFileInfo::getTempPath("\\Backup\\Docs", true), product + "/Temp/Backup/Docs");
+    EXPECT_TRUE(FileSystem::isDirectory(product + "/Temp") && !FileSystem::exists(product + "/Temp/Backup"));
+
+    std::string data = CFileInfo::getDataFolderPath();
+    EXPECT_EQ(answers({CFileInfo::CreateInAppDatePath(""), FileSystem::isDirectory(data),
+                       CFileInfo::CreateInAppDatePath("acct/logs"), FileSystem::isDirectory(data + "/acct/logs"),
+                       CFileInfo::CreateInAppDatePath("acct/logs")}), // already there
+              "11111");
+
+    // A file where the product folder should be blocks the temp folder.
+    ASSERT_TRUE(FileSystem::removeAll(product));
+    ASSERT_TRUE(FileSystem::createEmptyFile(product));
+    EXPECT_EQ(CFileInfo::getTempPath("\\a", false), "");
 }
 
 class LocalItems : public ::testing::Test {
