@@ -52,16 +52,30 @@ public:
 
 static const std::string kMark = "4.500000\n";
 
-class CErrorLogTest : public ::testing::Test {
+// The event log and the options, each a file per account beside a public one.
+class EventLogAndOptions : public ::testing::Test {
 protected:
-    void SetUp() override { CErrorLog::releaseErrorLogClass(); }
-    void TearDown() override { CErrorLog::releaseErrorLogClass(); }
+    void SetUp() override {
+        CErrorLog::releaseErrorLogClass();
+        OptionsMan::clearnOptionsManClass();
+    }
+    void TearDown() override { SetUp(); }
+
     std::string logFile() const { return home.dataHome() + "/Cirrovault/Cirrovault Online Backup/errlog.log"; }
+    std::string publicFile() const { return home.dataHome() + "/Cirrovault/Options/OnlineBackup/Options.plist"; }
+    // Every option in one line: minutes, then the flags, then the report address.
+    static std::string options() {
+        return std::to_string(OptionsMan::intervalMinutes()) + " " +
+               std::to_string(OptionsMan::IsAutoStartScheduleAfterMinutes()) + std::to_string(OptionsMan::IsAutoRun()) +
+               std::to_string(OptionsMan::IsUseSSL()) + std::to_string(OptionsMan::IsReportWhenError()) +
+               std::to_string(OptionsMan::IsReportWhenFinish()) + " " + OptionsMan::reportEmail();
+    }
+    static constexpr const char* kDefaults = "1 10000 ";
 
     test::TempHome home;
 };
 
-TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMarkAndEscapingRoundTrips) {
+TEST_F(EventLogAndOptions, EventLogRecordsAreWrittenByteExactUnderOneMarkAndEscapingRoundTrips) {
     test::ManualClockScope clock(Date(1714568709.0));
     std::string time = Functions::stringTransFromedDate(clock.clock->now(), "yyyy-MM-dd HH:mm:ss");
 
@@ -88,7 +102,7 @@ TEST_F(CErrorLogTest, RecordsAreWrittenByteExactUnderOneMarkAndEscapingRoundTrip
         EXPECT_EQ(CErrorLog::DecodeEventMsg(CErrorLog::EncodeEventMsg(message)), message) << message;
 }
 
-TEST_F(CErrorLogTest, ListShowsOnlyTheFileThisProcessWroteAndClearStartsAFreshOne) {
+TEST_F(EventLogAndOptions, EventLogListShowsOnlyTheFileThisProcessWroteAndClearStartsAFreshOne) {
     ASSERT_TRUE(FileSystem::createDirectories(home.dataHome() + "/Cirrovault/Cirrovault Online Backup"));
     ASSERT_TRUE(FileSystem::writeFileAtomically(logFile(), kMark + "Old|1|earlier run|t|Error\n"));
     // Nothing is listed before the first record of a process.
@@ -124,7 +138,7 @@ TEST_F(CErrorLogTest, ListShowsOnlyTheFileThisProcessWroteAndClearStartsAFreshOn
     SystemLog::stopCapture();
 }
 
-TEST_F(CErrorLogTest, EightWritersLeaveWholeRecordsUnderOneMark) {
+TEST_F(EventLogAndOptions, EightEventLogWritersLeaveWholeRecordsUnderOneMark) {
     constexpr int kThreads = 8;
     constexpr int kRecords = 1000;
     std::vector<std::unique_ptr<Thread>> writers;
@@ -154,29 +168,7 @@ TEST_F(CErrorLogTest, EightWritersLeaveWholeRecordsUnderOneMark) {
                                           {4, kRecords}, {5, kRecords}, {6, kRecords}, {7, kRecords}}));
 }
 
-class OptionsManTest : public ::testing::Test {
-protected:
-    void SetUp() override { OptionsMan::clearnOptionsManClass(); }
-    void TearDown() override {
-        OptionsMan::clearnOptionsManClass();
-        CErrorLog::releaseErrorLogClass();
-    }
-
-    std::string publicFile() const { return home.dataHome() + "/Cirrovault/Options/OnlineBackup/Options.plist"; }
-
-    // Every option in one line: minutes, then the flags, then the report address.
-    static std::string options() {
-        return std::to_string(OptionsMan::intervalMinutes()) + " " +
-               std::to_string(OptionsMan::IsAutoStartScheduleAfterMinutes()) + std::to_string(OptionsMan::IsAutoRun()) +
-               std::to_string(OptionsMan::IsUseSSL()) + std::to_string(OptionsMan::IsReportWhenError()) +
-               std::to_string(OptionsMan::IsReportWhenFinish()) + " " + OptionsMan::reportEmail();
-    }
-    static constexpr const char* kDefaults = "1 10000 ";
-
-    test::TempHome home;
-};
-
-TEST_F(OptionsManTest, DefaultsSettersLoadingBeforeSavingAndAFileRoundTripKeepingTypesAndUnknownKeys) {
+TEST_F(EventLogAndOptions, OptionDefaultsSettersLoadingBeforeSavingAndAFileRoundTripKeepingTypesAndUnknownKeys) {
     EXPECT_EQ(options(), kDefaults);
     OptionsMan::LoadPublicOptions(); // no file: nothing changes
     EXPECT_EQ(options(), kDefaults);
@@ -227,7 +219,7 @@ TEST_F(OptionsManTest, DefaultsSettersLoadingBeforeSavingAndAFileRoundTripKeepin
     EXPECT_EQ(std::get<bool>(again->find("SystemOptions")->find("UseSSL")->value()), true);
 }
 
-TEST_F(OptionsManTest, DamagedFileGivesDefaultsAndStoresNothing) {
+TEST_F(EventLogAndOptions, DamagedOptionsFileGivesDefaultsAndStoresNothing) {
     std::string good =
         PropertyList(PlistDict{{"MyOptions", PropertyList(PlistDict{{"Minutes", PropertyList(9)}})}}).toXml();
     const std::string damaged[] = {
@@ -260,7 +252,7 @@ TEST_F(OptionsManTest, DamagedFileGivesDefaultsAndStoresNothing) {
     EXPECT_TRUE(OptionsMan::IsReportWhenError());
 }
 
-TEST_F(OptionsManTest, AccountOptionsAndEventLogAreSeparateFromThePublicOnes) {
+TEST_F(EventLogAndOptions, AccountOptionsAndEventLogAreSeparateFromThePublicOnes) {
     EXPECT_EQ(OptionsMan::getOptionsFile(), OptionsMan::getPublicOptionsFile());
     EXPECT_EQ(OptionsMan::getPublicOptionsFile(), publicFile());
     EXPECT_TRUE(FileSystem::isDirectory(home.dataHome() + "/Cirrovault/Options/OnlineBackup"));
