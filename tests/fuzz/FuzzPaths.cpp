@@ -8,8 +8,7 @@
 #include "platform/store/StorePath.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string input = fuzz::text(data, size);
-    auto parts = fuzz::fields(input, '\t', 4);
+    auto parts = fuzz::fields(fuzz::text(data, size), '\t', 4);
     const std::string& path = parts[0];
     const std::string& other = parts.size() > 1 ? parts[1] : parts[0];
 

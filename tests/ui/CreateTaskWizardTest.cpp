@@ -87,7 +87,6 @@ protected:
         ASSERT_EQ(CManageTaskList().addOrEditBackupTask(task, "Add", "", "", ""), 0);
     }
 
-    // Wednesday 8 May 2024, 09:30:20.5 local time.
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(localDate(2024, 5, 8, 9, 30, 20.5));
     std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
     RecordingStepDelegate host;

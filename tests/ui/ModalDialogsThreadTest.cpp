@@ -87,15 +87,13 @@ TEST_F(LoopDialogThreadTest, RetryDuringCountdownIsClearedAndBackToMessagePage) 
         loop.SetLoopType(self, CLoopItem::ButtonRetryCancel);
         auto info = loop.getLoopThreadInfo(self);
         EXPECT_EQ(info->pDlg->GetSelectedTabViewIndex(), 2);
-        for (int count = 59; count >= 0 && !loop.IsLoopCancel(self); --count) {
-            loop.SetLoopMessage(self, "again in " + std::to_string(count));
-            if (loop.IsLoopRetry(self)) {
-                retriedAt = count;
-                loop.SetLoopMessage(self, "signing in again");
-                loop.SetLoopType(self, CLoopItem::ButtonCancel);
+        for (retriedAt = 59; retriedAt >= 0 && !loop.IsLoopCancel(self); --retriedAt) {
+            loop.SetLoopMessage(self, "again in " + std::to_string(retriedAt));
+            if (loop.IsLoopRetry(self))
                 break;
-            }
         }
+        loop.SetLoopMessage(self, "signing in again");
+        loop.SetLoopType(self, CLoopItem::ButtonCancel);
         loop.SetRetry(self, false);
         EXPECT_FALSE(loop.IsLoopRetry(self));
         EXPECT_EQ(info->pDlg->GetSelectedTabViewIndex(), 0);
@@ -169,15 +167,6 @@ TEST_F(LoopDialogThreadTest, InteractiveScanPageShowsTotalsAndCancelEmptiesTheLi
     EXPECT_TRUE(task.scanFileArray.empty());
 }
 
-// Waits (in short real steps) for the window's refresh thread to show what is asked: a
-// refresh that began before the last change may show it late.
-template <class Shown>
-bool eventually(Shown shown) {
-    for (int i = 0; i < 5000 && !shown(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return shown();
-}
-
 class ProgressThreadTest : public ::testing::Test {
 protected:
     void SetUp() override { NimboMessagebox::setPresenter(boxes); }
@@ -207,10 +196,14 @@ TEST_F(ProgressThreadTest, WindowFollowsProgressObjectUntilWorkerLeaves) {
         info->setSentSize(100); // the first byte starts the clock
         clock->advance(10);
         info->setSentSize(300); // 30 bytes a second: 700 bytes take 23 seconds
-        EXPECT_TRUE(eventually([&] {
+        // The window's refresh thread may show a change late: wait for it in short real steps.
+        auto shown = [&] {
             return window->text(ViewOutlet::Left) == "6" && window->text(ViewOutlet::TimeLeft) == "0:00:23" &&
                    window->value(ViewOutlet::Bar) == 30.0;
-        }));
+        };
+        for (int i = 0; i < 5000 && !shown(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(shown());
         EXPECT_FALSE(controller.IsCancelProgressModel(self));
         controller.SetProgressMessage(self, "");
         controller.SetProgressMessage(self, "Deleting");
