@@ -25,8 +25,7 @@ namespace {
 
 // Logs the shared session on for the life of the object, over a local store that answers a
 // chosen customer ID, even one no store would make: for code that keeps per-account files.
-class AccountSession {
-public:
+struct AccountSession {
     explicit AccountSession(std::string customerID) {
         struct ChosenCustomerStore : LocalStore {
             ChosenCustomerStore(std::string id)
@@ -52,7 +51,6 @@ public:
 
 static const std::string kMark = "4.500000\n";
 
-// The event log and the options, each a file per account beside a public one.
 class EventLogAndOptions : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -18,7 +18,6 @@
 #include "support/GlobalFunction.h"
 
 using namespace cirrovault;
-using test::answers;
 
 TEST(GlobalFunctionText, SizesListsStringsMachineNameAndIDsThatDifferWithinASecond) {
     // Half rounds up; 1024 is still KB, k = 1025 moves on.
@@ -39,7 +38,7 @@ TEST(GlobalFunctionText, SizesListsStringsMachineNameAndIDsThatDifferWithinASeco
 
     EXPECT_EQ(GlobalFunction::stringByTrimmingLeadingWhitespace(" \t a b "), "a b ");
     EXPECT_EQ(GlobalFunction::stringByTrimmingLeadingWhitespace(" \t "), "");
-    EXPECT_EQ(answers({GlobalFunction::IsWindowsBackupTask(""), GlobalFunction::IsWindowsBackupTask("C:\\Docs"),
+    EXPECT_EQ(test::answers({GlobalFunction::IsWindowsBackupTask(""), GlobalFunction::IsWindowsBackupTask("C:\\Docs"),
                        GlobalFunction::IsWindowsBackupTask("/home/a")}), "110");
     EXPECT_EQ(GlobalFunction::GetWinDriveName("D:\\x") + GlobalFunction::GetWinDriveName(""), "D");
     // The month lands in the minutes and is then overwritten: January, as it always was.

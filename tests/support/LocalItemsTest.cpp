@@ -73,8 +73,22 @@ TEST(CFileInfoPaths, ServerAndLocalParentsNamesJoinsConversionsAndTrims) {
     expectRows(CFileInfo::pathTrim, {{" \t/a b\t ", "/a b"}, {"\n/a\n", "\n/a\n"}, {" \t ", ""}});
 }
 
-TEST(CFileInfoFiles, CreateQueryRenameAndDeleteAndApplicationFoldersFollowTheStringTable) {
+class LocalItems : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(FileSystem::createDirectories(folder));
+        ASSERT_TRUE(FileSystem::writeFileAtomically(file, "0123456789"));
+        ASSERT_TRUE(FileSystem::setModifyTime(file, Date(1'700'000'000.25)));
+        ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
+    }
+
     test::TempHome home;
+    std::string folder = home.file("items");
+    std::string file = folder + "/a.txt";
+    std::string link = folder + "/link";
+};
+
+TEST_F(LocalItems, CFileInfoCreatesQueriesRenamesAndDeletesAndApplicationFoldersFollowTheStringTable) {
     std::string folder = home.file("work/deep/er"), file = folder + "/a.txt", other = folder + "/b.txt";
     // Made twice (the second finds it there); a folder in the way of a file.
     EXPECT_EQ(answers({CFileInfo::CreateSubDir(folder), CFileInfo::CreateSubDir(folder), CFileInfo::isDirectory(folder),
@@ -133,20 +147,6 @@ TEST(CFileInfoFiles, CreateQueryRenameAndDeleteAndApplicationFoldersFollowTheStr
     EXPECT_EQ(CFileInfo::getTempPath("\\a", false), "");
 }
 
-class LocalItems : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(FileSystem::createDirectories(folder));
-        ASSERT_TRUE(FileSystem::writeFileAtomically(file, "0123456789"));
-        ASSERT_TRUE(FileSystem::setModifyTime(file, Date(1'700'000'000.25)));
-        ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
-    }
-
-    test::TempHome home;
-    std::string folder = home.file("items");
-    std::string file = folder + "/a.txt";
-    std::string link = folder + "/link";
-};
 
 // What getFileAttibutes answered and read, in one line.
 std::string attributes(CFileAttributes& item) {
@@ -239,8 +239,7 @@ static void download(const std::string& path, const std::string& bytes, Date tim
     ASSERT_TRUE(sink->finish());
 }
 
-TEST(RestoredItem, LinksAndModesComeBackAsTheyWere) {
-    test::TempHome home;
+TEST_F(LocalItems, RestoredLinksAndModesComeBackAsTheyWere) {
     const Date when(1'600'000'000.25);
 
     // A private file is private from its first byte on, and stays so.

@@ -23,7 +23,6 @@
 
 using namespace cirrovault;
 
-using test::localDate;
 
 class RecordingStepDelegate : public CreateViewXibControllerDelegate {
 public:
@@ -87,7 +86,7 @@ protected:
         ASSERT_EQ(CManageTaskList().addOrEditBackupTask(task, "Add", "", "", ""), 0);
     }
 
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(localDate(2024, 5, 8, 9, 30, 20.5));
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(test::localDate(2024, 5, 8, 9, 30, 20.5));
     std::shared_ptr<HeadlessViewBackend> backend = std::make_shared<HeadlessViewBackend>();
     RecordingStepDelegate host;
     std::unique_ptr<CreateViewXibController> controller;
@@ -154,7 +153,7 @@ TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleTypeAndTheAcceptedStepHandsT
     // The proposed time: the current whole minute plus half an hour, on a Wednesday.
     controller->initBackupDate();
     const Date picked = controller->pStep1View->backupDate();
-    EXPECT_EQ(picked, localDate(2024, 5, 8, 10, 0, 0));
+    EXPECT_EQ(picked, test::localDate(2024, 5, 8, 10, 0, 0));
     // Weekly: Tuesday is 6 days ahead, Wednesday 0, Monday 5, plus a week. Date-range and
     // daily tasks: one day on, whatever the weekday list says.
     for (auto [type, day, days, weekly] : {std::tuple{2, 2, 13, true}, {2, 3, 7, true}, {2, 1, 12, true},
@@ -179,7 +178,7 @@ TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleTypeAndTheAcceptedStepHandsT
     ASSERT_TRUE(task);
     EXPECT_EQ(task->name + "|" + task->description + "|" + std::to_string(task->taskType & 15), "Travel|Trip photos |2");
     // The manager's schedule rules bring the proposal to the next Monday at 10:00.
-    EXPECT_EQ(task->mDating, localDate(2024, 5, 13, 10, 0));
+    EXPECT_EQ(task->mDating, test::localDate(2024, 5, 13, 10, 0));
 
     // Back goes the other way through the same delegate; a refusing host is logged.
     host.answer = false;
@@ -191,7 +190,7 @@ TEST_F(CreateTaskWizardTest, FirstRunForEachScheduleTypeAndTheAcceptedStepHandsT
     EXPECT_TRUE(SystemLog::capturedContains("Error:nextButton: (id)sender, GoToTaskStep2Delegate."));
 
     // Saturday from a Saturday, and Sunday from a Saturday.
-    clock->set(localDate(2024, 5, 11, 23, 59, 59));
+    clock->set(test::localDate(2024, 5, 11, 23, 59, 59));
     controller->pStep1View->selectDayIndex(6);
     EXPECT_EQ(controller->getStep1SelectBackupDay(), 0);
     controller->pStep1View->selectDayIndex(0);

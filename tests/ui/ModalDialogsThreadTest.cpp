@@ -38,7 +38,6 @@ protected:
     }
 
     Texts texts(const char* outlet) const { return backend->textsOf(ViewLayout::LoopDialog, outlet); }
-    // The dialog's modal loop on the given page, with work as its worker.
     template <class Work>
     bool underDialog(int buttonType, Work work) {
         return underModalLoop([&](Thread* worker) { return loop.EnterLoopMode(worker, buttonType); }, work);
