@@ -13,8 +13,7 @@ namespace {
 
 // A store that holds only a task-list document, with a version for compare-and-swap. The
 // service touches nothing else, so the local store beneath is never opened.
-class DocumentOnlyStore : public LocalStore {
-public:
+struct DocumentOnlyStore : LocalStore {
     DocumentOnlyStore() : LocalStore("/nonexistent") {}
     std::string document;
     int writes = 0;

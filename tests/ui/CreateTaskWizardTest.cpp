@@ -24,8 +24,7 @@
 using namespace cirrovault;
 
 
-class RecordingStepDelegate : public CreateViewXibControllerDelegate {
-public:
+struct RecordingStepDelegate : CreateViewXibControllerDelegate {
     bool GoToTaskStep2Delegate(CreateViewXibController& controller) override {
         directions.push_back(controller.nTaskStep1ButtonType);
         return answer;
