@@ -88,7 +88,8 @@ protected:
     std::string link = folder + "/link";
 };
 
-TEST_F(LocalItems, CFileInfoCreatesQueriesRenamesAndDeletesAndApplicationFoldersFollowTheStringTable) {
+TEST(CFileInfoFiles, CreateQueryRenameAndDeleteAndApplicationFoldersFollowTheStringTable) {
+    test::TempHome home;
     std::string folder = home.file("work/deep/er"), file = folder + "/a.txt", other = folder + "/b.txt";
     // Made twice (the second finds it there); a folder in the way of a file.
     EXPECT_EQ(answers({CFileInfo::CreateSubDir(folder), CFileInfo::CreateSubDir(folder), CFileInfo::isDirectory(folder),
