@@ -1,7 +1,6 @@
 // An encrypted file as a hostile store may serve it. Input: one byte giving the size of
 // the pieces it arrives in, then the stored bytes. Whatever they are, the sink either
 // restores a file that passed every check or leaves nothing at all behind.
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 
@@ -9,8 +8,6 @@
 #include "platform/framework/DecryptingFileSink.h"
 #include "platform/framework/LocalFileSink.h"
 #include "platform/os/ResultCodes.h"
-
-using namespace cirrovault;
 
 static std::string folder;
 

@@ -1,13 +1,10 @@
 // The task's exclusion filters, which arrive with the task list from the store: a path,
 // then one filter a line. The first byte says whether the filters name folders.
-#include <cstdint>
 
 #include "FuzzInput.h"
 #include "engine/task/CBackupTask.h"
 #include "platform/os/SystemItems.h"
 #include "support/GlobalFunction.h"
-
-using namespace cirrovault;
 
 // The filters' file also asks the user about disk space; here nobody answers.
 int GlobalFunction::MessageBox(const std::string&, int) {

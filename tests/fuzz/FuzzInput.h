@@ -41,3 +41,6 @@ inline std::vector<std::string> fields(std::string_view input, char separator,
 }
 
 } // namespace cirrovault::fuzz
+
+// Only harnesses include this header, and each of them works in the project's names.
+using namespace cirrovault;

@@ -1,11 +1,8 @@
 // The per-folder metadata document a WebDAV folder holds, which anyone with write
 // access to the server can edit.
-#include <cstdint>
 
 #include "FuzzInput.h"
 #include "platform/store/webdav/WebDavMetaDocument.h"
-
-using namespace cirrovault;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto entries = WebDavMetaDocument::parse(fuzz::text(data, size));

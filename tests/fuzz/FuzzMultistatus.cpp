@@ -1,10 +1,7 @@
 // A WebDAV server's 207 reply, with the date, status-line and href helpers it feeds.
-#include <cstdint>
 
 #include "FuzzInput.h"
 #include "platform/store/webdav/WebDavMultistatus.h"
-
-using namespace cirrovault;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string body = fuzz::text(data, size);

@@ -1,18 +1,14 @@
 // Server paths (every path a server or the task list hands us goes through StorePath),
 // the reply and date helpers of Functions, and the names encrypted files are bound to.
 // Input: fields separated by TAB; the first byte's low bits choose the date pattern.
-#include <cstdint>
 
 #include "FuzzInput.h"
 #include "platform/framework/FileCrypto.h"
 #include "platform/framework/Functions.h"
 #include "platform/store/StorePath.h"
 
-using namespace cirrovault;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string input = fuzz::text(data, size);
-    auto parts = fuzz::fields(input, '\t', 4);
+    auto parts = fuzz::fields(fuzz::text(data, size), '\t', 4);
     const std::string& path = parts[0];
     const std::string& other = parts.size() > 1 ? parts[1] : parts[0];
 

@@ -1,11 +1,8 @@
 // Property lists, XML and binary: settings, passwords and the task list are kept in
 // them, and a damaged or planted one must be refused, not crash the program.
-#include <cstdint>
 
 #include "FuzzInput.h"
 #include "platform/framework/PropertyList.h"
-
-using namespace cirrovault;
 
 namespace {
 

@@ -1,23 +1,20 @@
 // The task-list document kept in the store, and the request texts the task-list
 // service reads. Input: document, a NUL byte, a request (an add/edit request or, after
 // a second NUL, the names to delete).
-#include <cstdint>
 #include <memory>
 
 #include "FuzzInput.h"
 #include "platform/os/ResultCodes.h"
 #include "platform/framework/TaskListDocument.h"
 #include "platform/framework/TaskListServer.h"
-#include "platform/store/StoreBackend.h"
-
-using namespace cirrovault;
+#include "platform/store/local/LocalStore.h"
 
 namespace {
 
-// A store that holds only a task-list document, with a version for compare-and-swap.
-class DocumentOnlyStore : public StoreBackend {
-public:
-    using S = const std::string&;
+// A store that holds only a task-list document, with a version for compare-and-swap. The
+// service touches nothing else, so the local store beneath is never opened.
+struct DocumentOnlyStore : LocalStore {
+    DocumentOnlyStore() : LocalStore("/nonexistent") {}
     std::string document;
     int writes = 0;
 
@@ -26,28 +23,13 @@ public:
         version = std::to_string(writes);
         return ResultCode::Success;
     }
-    int64_t writeTaskList(S text, S expected) override {
+    int64_t writeTaskList(const std::string& text, const std::string& expected) override {
         if (expected != std::to_string(writes))
             return ResultCode::Conflict;
         document = text;
         ++writes;
         return ResultCode::Success;
     }
-    StoreCapabilities capabilities() const override { return {}; }
-    std::string describe() const override { return "fuzz"; }
-    int64_t logon(S, S, StoreSession&) override { return 0; }
-    void logoff() override {}
-    int64_t stat(S, StoreItem&) override { return ResultCode::NotFound; }
-    int64_t list(S, std::vector<StoreItem>&) override { return ResultCode::NotFound; }
-    int64_t makeFolder(S, S, S) override { return ResultCode::Failure; }
-    int64_t setFolderInfo(S, S, S) override { return ResultCode::Failure; }
-    int64_t put(S, ByteSource&, Date, TransferObserver*) override { return ResultCode::Failure; }
-    int64_t get(S, ByteSink&, TransferObserver*) override { return ResultCode::Failure; }
-    int64_t move(S, S) override { return ResultCode::Failure; }
-    int64_t copy(S, S) override { return ResultCode::Failure; }
-    int64_t remove(S) override { return ResultCode::Failure; }
-    int64_t quota(StoreQuota&) override { return ResultCode::Failure; }
-    int64_t flush() override { return 0; }
 };
 
 } // namespace
