@@ -122,10 +122,20 @@ TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmp
     EXPECT_EQ(client.addOrEditBackupTask(filtered, "Edit", "", "Unknown", ""), ResultCode::OldTaskNotFound);
 }
 
-TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
+TEST_F(CManageTaskListTest, NamesListsDeletesAndARenameOnlyEditMovesTheRecordAndBothFolders) {
+    ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.nType, 3);
+    EXPECT_EQ(client.strTaskNames + "|" + client.getBackupTasks("", "false"), "|");
+    EXPECT_EQ(client.taskNamesArray, (Strings{""}));
+    EXPECT_EQ(client.iResult, 0);
+
     TaskListEntry task = makeTask("Old");
     task.localDirList = {"/data/one"};
     ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+    for (auto name : {"A", "C"}) {
+        TaskListEntry other = makeTask(name);
+        ASSERT_EQ(client.addOrEditBackupTask(other, "Add", "", "", ""), 0);
+    }
     for (auto folder : {"\\Backup", "\\Backup\\Old", "\\History", "\\History\\Old"})
         ASSERT_EQ(api().AddFolder(folder, "", "", false), 0) << folder;
 
@@ -146,6 +156,10 @@ TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
               (Strings{"\\Backup\\New", "\\History\\New"}));
 
     ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.strTaskNames, "New|A|C");
+    EXPECT_EQ(client.deleteTasks(""), ResultCode::EmptyName);
+    EXPECT_EQ(client.deleteTasks("A|C"), 0);
+    ASSERT_EQ(client.getTaskNames("true"), 0);
     EXPECT_EQ(client.taskNamesArray, (Strings{"New"}));
     EXPECT_EQ(storedPaths("New"), (Strings{"/data/one"}));
 
@@ -156,6 +170,13 @@ TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
     EXPECT_EQ(askedEncrypted.size(), 1u);
     EXPECT_EQ(task.serverPath, "\\Backup\\New");
     EXPECT_EQ(storedPaths("New"), (Strings{"/data/one", "/data/two"}));
+
+    api().Logoff();
+    EXPECT_EQ(client.getBackupTasks("", "false"), "");
+    EXPECT_EQ((std::vector<int64_t>{client.iResult, client.getTaskNames("true"),
+                                    client.addOrEditBackupTask(task, "Add", "", "", ""),
+                                    client.deleteTasks("New")}),
+              std::vector<int64_t>(4, ResultCode::NotLoggedOn));
 }
 
 TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero) {
@@ -217,34 +238,6 @@ TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsTheTaskListGaveThem) {
     EXPECT_EQ(client.localFile({"/p", "/q"}, "1", "H&", 3),
               "H&IsFolder3=0&Path3=%2Fp&Serial3=&Action3=1&IsFolder4=0&Path4=%2Fq&Serial4=&Action4=1&");
     EXPECT_EQ(client.localFile({"/p"}, "0", "", 3), "IsFolder0=0&Path0=%2Fp&Serial0=&Action0=0&");
-}
-
-TEST_F(CManageTaskListTest, NamesListsAndDeletes) {
-    ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.nType, 3);
-    EXPECT_EQ(client.strTaskNames + "|" + client.getBackupTasks("", "false"), "|");
-    EXPECT_EQ(client.taskNamesArray, (Strings{""}));
-    EXPECT_EQ(client.iResult, 0);
-
-    for (auto name : {"A", "B", "C"}) {
-        TaskListEntry task = makeTask(name);
-        ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
-    }
-    ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.strTaskNames, "A|B|C");
-    EXPECT_EQ(client.taskNamesArray, (Strings{"A", "B", "C"}));
-    EXPECT_EQ(client.deleteTasks(""), ResultCode::EmptyName);
-    EXPECT_EQ(client.deleteTasks("A|C"), 0);
-    ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.taskNamesArray, (Strings{"B"}));
-
-    api().Logoff();
-    EXPECT_EQ(client.getBackupTasks("", "false"), "");
-    TaskListEntry task = makeTask("D");
-    EXPECT_EQ((std::vector<int64_t>{client.iResult, client.getTaskNames("true"),
-                                    client.addOrEditBackupTask(task, "Add", "", "", ""),
-                                    client.deleteTasks("B")}),
-              std::vector<int64_t>(4, ResultCode::NotLoggedOn));
 }
 
 TEST(CManageTaskList, ResultMessagesByListType) {
