@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 #include <future>
 #include <map>
@@ -15,6 +16,7 @@
 #include "platform/os/SystemLog.h"
 #include "platform/store/StoreFactory.h"
 #include "platform/store/StoreTestSupport.h"
+#include "platform/store/local/LocalFolderTotals.h"
 #include "platform/store/local/LocalStore.h"
 
 namespace cirrovault::test {
@@ -51,21 +53,6 @@ Names names(StoreBackend& store, const std::string& folder) {
 }
 
 } // namespace
-
-TEST_F(LocalStoreTest, BackupIsPlainFilesUnderTheAccountFolder) {
-    EXPECT_TRUE(std::regex_match(session.customerID, std::regex("c[0-9a-f]{12}")));
-    EXPECT_TRUE(std::regex_match(session.sessionID, std::regex("[0-9a-f]{32}")));
-    EXPECT_TRUE(FileSystem::isRegularFile(home.file("store/store.db")));
-    EXPECT_EQ(store.accountFilesFolder(), filesFolder());
-
-    ASSERT_EQ(store.makeFolder("\\Docs", "d", "D"), R::Success);
-    ASSERT_EQ(putText(store, "\\Docs\\a b.txt", "plain bytes", Date(1'650'000'000.25)), R::Success);
-    const std::string local = filesFolder() + "/Docs/a b.txt";
-    EXPECT_EQ(FileSystem::readFile(local).value_or(""), "plain bytes");
-    EXPECT_NEAR(FileSystem::linkStatus(local).value_or(FileStatus{}).modifyTime.timeIntervalSince1970(),
-                1'650'000'000.25, 1e-6);
-    EXPECT_EQ(FileSystem::listDirectory(filesFolder() + "/Docs")->size(), 1u); // no .part left
-}
 
 TEST_F(LocalStoreTest, OnlyUnfinishedUploadsAreHidden) {
     ASSERT_EQ(store.makeFolder("\\F", "", ""), R::Success);
@@ -142,7 +129,6 @@ TEST_F(LocalStoreTest, ListingsHoldTheirOwnRecordsOnlyAndMovesCarryThem) {
     EXPECT_EQ(records("\\a\\b"), (Records{{"c", "a\\b\\c"}, {"y", "100700"}}));
     EXPECT_EQ(records("\\a\\b\\c"), (Records{{"w", "100604"}}));
     EXPECT_EQ(records("\\a b"), (Records{{"u", "100644"}}));
-    EXPECT_EQ(itemAt(store, "\\a\\b\\y").mode, 0100700u);
 
     ASSERT_EQ(store.move("\\a", "\\Z"), R::Success);
     EXPECT_EQ(records("\\"), (Records{{"Z", "a"}, {"a b", "a b"}, {"a]", "a]"}, {"a[", "a["}, {"aB", "aB"}}));
@@ -185,12 +171,20 @@ class LocalStoreModesTest : public LocalStoreTest {
     UmaskScope open_{0};
 };
 
-TEST_F(LocalStoreModesTest, NothingIsOpenToOthersWhateverTheUmask) {
+TEST_F(LocalStoreModesTest, BackupIsPlainFilesUnderTheAccountFolderNothingOpenToOthers) {
+    EXPECT_TRUE(std::regex_match(session.customerID, std::regex("c[0-9a-f]{12}")));
+    EXPECT_TRUE(std::regex_match(session.sessionID, std::regex("[0-9a-f]{32}")));
+    EXPECT_EQ(store.accountFilesFolder(), filesFolder());
     ASSERT_EQ(store.makeFolder("\\Docs", "d", "D"), R::Success);
-    ASSERT_EQ(putText(store, "\\Docs\\a.txt", "private bytes"), R::Success);
+    ASSERT_EQ(putText(store, "\\Docs\\a b.txt", "plain bytes", Date(1'650'000'000.25)), R::Success);
     ASSERT_EQ(store.copy("\\Docs", "\\Copy"), R::Success);
     EXPECT_EQ(store.flush(), R::Success);
-    ASSERT_TRUE(FileSystem::isRegularFile(filesFolder() + "/Copy/a.txt"));
+    const std::string local = filesFolder() + "/Docs/a b.txt";
+    EXPECT_EQ(FileSystem::readFile(local).value_or(""), "plain bytes");
+    EXPECT_NEAR(FileSystem::linkStatus(local).value_or(FileStatus{}).modifyTime.timeIntervalSince1970(),
+                1'650'000'000.25, 1e-6);
+    EXPECT_EQ(FileSystem::listDirectory(filesFolder() + "/Docs").value_or(Names{}), Names{"a b.txt"});
+    ASSERT_TRUE(FileSystem::isRegularFile(filesFolder() + "/Copy/a b.txt"));
     EXPECT_EQ(openToOthers(home.file("store")), Names{});
 
     // As an earlier version left it: closed again at the next logon.
@@ -366,5 +360,53 @@ TEST_F(LocalStoreTest, FolderFiguresFollowChangesFromAnotherStoreObject) {
     EXPECT_EQ(itemAt(store, "\\A").size, 10u);
     EXPECT_EQ(figuresOf(store, "\\"), "17/3");
 }
+
+namespace {
+
+std::vector<std::string> keptPaths(LocalFolderTotals& totals) {
+    std::vector<std::pair<std::string, std::string>> changed;
+    std::vector<std::string> gone;
+    totals.takeChanges(changed, gone);
+    std::vector<std::string> paths;
+    for (const auto& [path, record] : changed)
+        paths.push_back(path);
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+// Figures read while folders still changed are read again when a session ends.
+TEST(LocalFolderTotalsTest, FreshReadingsAreSettledAtTheEndOfASession) {
+    TempHome home;
+    const std::string top = home.file("top");
+    ASSERT_TRUE(FileSystem::createDirectories(top + "/inner"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(top + "/inner/a", "12345"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(top + "/b", "xy"));
+
+    LocalFolderTotals totals;
+    LocalFolderTotals::Totals figures = totals.of(top, "\\top", {});
+    EXPECT_EQ(figures.bytes, 7u);
+    EXPECT_EQ(figures.files, 2);
+    EXPECT_TRUE(keptPaths(totals).empty()); // just written: not to be trusted yet
+
+    totals.settle(); // still too fresh: nothing to keep
+    EXPECT_TRUE(keptPaths(totals).empty());
+
+    const Date past = Date::now().addingTimeInterval(-60);
+    ASSERT_TRUE(FileSystem::setModifyTime(top, past));
+    ASSERT_TRUE(FileSystem::setModifyTime(top + "/inner", past));
+    totals.settle();
+    EXPECT_EQ(keptPaths(totals), (std::vector<std::string>{top, top + "/inner"}));
+
+    // A folder that went before the end of the session is dropped, not kept.
+    ASSERT_TRUE(FileSystem::writeFileAtomically(top + "/inner/c", "c"));
+    totals.forget(top + "/inner");
+    totals.of(top, "\\top", {});
+    ASSERT_TRUE(FileSystem::removeAll(top + "/inner"));
+    totals.settle();
+    EXPECT_TRUE(keptPaths(totals).empty());
+    EXPECT_EQ(totals.of(top, "\\top", {}).bytes, 2u);
+}
+
+} // namespace
 
 } // namespace cirrovault::test
