@@ -29,7 +29,7 @@ using FaultInjectingStoreThreadTest = FaultInjectingStoreTest;
 
 } // namespace
 
-TEST_F(FaultInjectingStoreTest, ChosenOperationsFailAsOftenAsOrderedAndVanishedFilesAreNotFound) {
+TEST_F(FaultInjectingStoreTest, ChosenOperationsFailAsOrderedVanishedFilesAreNotFoundDroppedPutsResume) {
     store.failPutWithSpaceLimit(2);
     EXPECT_EQ(putText(store, "\\a", "a"), R::Success);
     EXPECT_EQ(putText(store, "\\b", "b"), R::SpaceLimit);
@@ -58,9 +58,8 @@ TEST_F(FaultInjectingStoreTest, ChosenOperationsFailAsOftenAsOrderedAndVanishedF
     EXPECT_EQ(listed(store, "\\").size(), 3u);
     store.clearFaults();
     EXPECT_EQ(statCode(store, "\\a"), R::Success);
-}
 
-TEST_F(FaultInjectingStoreTest, DroppedConnectionLeavesAResumablePart) {
+    // A dropped connection leaves a part the next put resumes from.
     const std::string data = patternBytes(4 * 1024 * 1024 + 5);
     const uint64_t cut = 1536 * 1024;
     store.dropConnectionInNextPut(cut);
