@@ -27,17 +27,12 @@ namespace {
 
 class LocalStoreTest : public testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(store.logon("alice", "pw", session), R::Success); }
+    void SetUp() override { ASSERT_EQ(store.logon("alice", "secret", session), R::Success); }
     std::string filesFolder() const {
         return home.file("store/accounts/" + session.customerID + "/files");
     }
     // Another store object on the same folder, logged on as the same user.
-    std::unique_ptr<LocalStore> another() {
-        auto other = std::make_unique<LocalStore>(home.file("store"));
-        StoreSession s;
-        EXPECT_EQ(other->logon("alice", "pw", s), R::Success);
-        return other;
-    }
+    auto another() { return loggedOn(std::make_unique<LocalStore>(home.file("store"))); }
 
     TempHome home;
     LocalStore store{home.file("store")};

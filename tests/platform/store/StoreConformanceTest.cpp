@@ -13,7 +13,6 @@
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
 #include "platform/framework/NimboSetting.h"
-#include "platform/os/FileSystem.h"
 #include "platform/os/SystemLog.h"
 #include "platform/store/StoreTestSupport.h"
 #include "platform/store/local/LocalStore.h"
@@ -78,12 +77,7 @@ const auto Kinds = testing::Values(
 class StoreConformanceTest : public testing::TestWithParam<StoreKind> {
 protected:
     void SetUp() override { ASSERT_EQ(store->logon("alice", "secret", session), R::Success); }
-    std::shared_ptr<StoreBackend> connect() {
-        auto connection = env.open();
-        StoreSession s;
-        EXPECT_EQ(connection->logon("alice", "secret", s), R::Success);
-        return connection;
-    }
+    std::shared_ptr<StoreBackend> connect() { return loggedOn(env.open()); }
 
     StoreEnvironment env{GetParam()};
     std::shared_ptr<StoreBackend> store = env.open(); // logged on as "alice"

@@ -121,6 +121,13 @@ inline std::vector<StoreItem> listed(StoreBackend& store, const std::string& fol
     return items;
 }
 
+// The store, logged on as "alice".
+template <class Pointer> Pointer loggedOn(Pointer store) {
+    StoreSession session;
+    EXPECT_EQ(store->logon("alice", "secret", session), ResultCode::Success);
+    return store;
+}
+
 inline int64_t statCode(StoreBackend& store, const std::string& path) {
     StoreItem item;
     return store.stat(path, item);

@@ -40,10 +40,7 @@ private:
 
 std::unique_ptr<WebDavStore> loggedOn(const MisbehavingDavServer& server, HttpTimeouts timeouts = {}) {
     WebDavCapabilityProbe::forgetAll();
-    auto store = std::make_unique<WebDavStore>(server.url(), timeouts);
-    StoreSession session;
-    EXPECT_EQ(store->logon("alice", "secret", session), R::Success);
-    return store;
+    return test::loggedOn(std::make_unique<WebDavStore>(server.url(), timeouts));
 }
 
 // Lets a request reach the server and hang there; answers when it did.

@@ -54,10 +54,7 @@ private:
 };
 
 std::unique_ptr<WebDavStore> loggedOn(const WebDavTestServer& server) {
-    auto store = std::make_unique<WebDavStore>(server.url("{user}/"));
-    StoreSession session;
-    EXPECT_EQ(store->logon("alice", "secret", session), R::Success);
-    return store;
+    return test::loggedOn(std::make_unique<WebDavStore>(server.url("{user}/")));
 }
 
 } // namespace

@@ -90,12 +90,7 @@ TEST(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOurCo
     TempHome home;
     WebDavTestServer server(WebDavTestServer::Kind::LighttpdWithoutProperties, home.file("server"),
                             {{"alice", "secret"}});
-    auto logon = [&] {
-        auto store = std::make_unique<WebDavStore>(server.url("{user}/"));
-        StoreSession session;
-        EXPECT_EQ(store->logon("alice", "secret", session), R::Success);
-        return store;
-    };
+    auto logon = [&] { return loggedOn(std::make_unique<WebDavStore>(server.url("{user}/"))); };
     auto timeOf = [](StoreBackend& store, const std::string& path) {
         return itemAt(store, path).modifyTime.timeIntervalSince1970();
     };
