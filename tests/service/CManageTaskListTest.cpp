@@ -179,38 +179,7 @@ TEST_F(CManageTaskListTest, NamesListsDeletesAndARenameOnlyEditMovesTheRecordAnd
               std::vector<int64_t>(4, ResultCode::NotLoggedOn));
 }
 
-TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero) {
-    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("UploadLocalPathCount", "no"));
-    TaskListEntry task = makeTask("Big");
-    for (int i = 0; i < 250; ++i)
-        task.localDirList.push_back("/src/" + std::to_string(i));
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
-
-    ASSERT_EQ(sent.size(), 3u);
-    for (size_t r = 0; r < 3; ++r) { // indexed from 0, the last one IsFolder99 (or 49)
-        std::string last = r < 2 ? "99" : "49", count = r < 2 ? "100" : "50";
-        EXPECT_THAT(sent[r], ContainsRegex(std::string("&Action=") + (r ? "Edit" : "Add") +
-                                           "&IsFolder0=0&Path0=%2Fsrc%2F" + std::to_string(r * 100) +
-                                           "&.*&IsFolder" + last + "=0&[^I]*&localPathNum=" + count + "$"));
-    }
-    EXPECT_EQ(storedPaths("Big"), task.localDirList);
-
-    // Removals come first and share the count with additions: two full requests, one empty.
-    sent.clear();
-    task.deleteFileArray.assign(task.localDirList.begin(), task.localDirList.begin() + 150);
-    for (int i = 0; i < 50; ++i)
-        task.addFileArray.push_back("/new/" + std::to_string(i));
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Big", ""), 0);
-    ASSERT_EQ(sent.size(), 3u);
-    EXPECT_THAT(sent[1],
-                HasSubstr("&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
-    EXPECT_THAT(sent[2], EndsWith("&Action=Edit&localPathNum=0"));
-    Strings stored(task.localDirList.begin() + 150, task.localDirList.end());
-    stored.insert(stored.end(), task.addFileArray.begin(), task.addFileArray.end());
-    EXPECT_EQ(storedPaths("Big"), stored);
-}
-
-TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsTheTaskListGaveThem) {
+TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsGivenAndAnySettingTextSendsBatchesOfAHundred) {
     TaskListEntry task = makeTask("Moved");
     task.localDirList = {"C:\\Data", "C:\\Mail"};
     ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
@@ -238,6 +207,37 @@ TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsTheTaskListGaveThem) {
     EXPECT_EQ(client.localFile({"/p", "/q"}, "1", "H&", 3),
               "H&IsFolder3=0&Path3=%2Fp&Serial3=&Action3=1&IsFolder4=0&Path4=%2Fq&Serial4=&Action4=1&");
     EXPECT_EQ(client.localFile({"/p"}, "0", "", 3), "IsFolder0=0&Path0=%2Fp&Serial0=&Action0=0&");
+
+    // Any setting text sends batches of a hundred.
+    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("UploadLocalPathCount", "no"));
+    sent.clear();
+    task = makeTask("Big");
+    for (int i = 0; i < 250; ++i)
+        task.localDirList.push_back("/src/" + std::to_string(i));
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+
+    ASSERT_EQ(sent.size(), 3u);
+    for (size_t r = 0; r < 3; ++r) { // indexed from 0, the last one IsFolder99 (or 49)
+        std::string last = r < 2 ? "99" : "49", count = r < 2 ? "100" : "50";
+        EXPECT_THAT(sent[r], ContainsRegex(std::string("&Action=") + (r ? "Edit" : "Add") +
+                                           "&IsFolder0=0&Path0=%2Fsrc%2F" + std::to_string(r * 100) +
+                                           "&.*&IsFolder" + last + "=0&[^I]*&localPathNum=" + count + "$"));
+    }
+    EXPECT_EQ(storedPaths("Big"), task.localDirList);
+
+    // Removals come first and share the count with additions: two full requests, one empty.
+    sent.clear();
+    task.deleteFileArray.assign(task.localDirList.begin(), task.localDirList.begin() + 150);
+    for (int i = 0; i < 50; ++i)
+        task.addFileArray.push_back("/new/" + std::to_string(i));
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Big", ""), 0);
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_THAT(sent[1],
+                HasSubstr("&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
+    EXPECT_THAT(sent[2], EndsWith("&Action=Edit&localPathNum=0"));
+    Strings stored(task.localDirList.begin() + 150, task.localDirList.end());
+    stored.insert(stored.end(), task.addFileArray.begin(), task.addFileArray.end());
+    EXPECT_EQ(storedPaths("Big"), stored);
 }
 
 TEST(CManageTaskList, ResultMessagesByListType) {
