@@ -60,7 +60,6 @@ protected:
         return Functions::GetValueArrayByKey("RETURN_Path", reply);
     }
 
-    // Those of paths the service has.
     Strings onService(const Strings& paths) {
         Strings found;
         for (const auto& path : paths)

@@ -223,10 +223,7 @@ TEST(LocalStoreDamageTest, UnreadableOrLostRecordsAreRefusedAndRepairedFromTheAc
 
     std::vector<std::string> report;
     int asked = 0;
-    auto password = [&]() -> std::optional<std::string> {
-        ++asked;
-        return "new pw";
-    };
+    auto password = [&]() -> std::optional<std::string> { ++asked; return "new pw"; };
     EXPECT_EQ(LocalStore::repair(folder, "bob", password, report), R::Success);
     EXPECT_EQ(asked, 1);
     LocalStore store(folder);

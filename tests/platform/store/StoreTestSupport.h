@@ -44,11 +44,9 @@ public:
     uint64_t bytesRead() const { return bytesRead_; }
 
 private:
-    std::string data_;
-    std::string tag_;
+    std::string data_, tag_;
     uint32_t mode_;
-    uint64_t position_ = 0;
-    uint64_t bytesRead_ = 0;
+    uint64_t position_ = 0, bytesRead_ = 0;
     std::optional<uint64_t> failAt_;
 };
 
@@ -75,8 +73,7 @@ public:
 
     std::atomic<bool> stop{false};
     std::atomic<uint64_t> lastDone{0};
-    uint64_t lastTotal = 0;
-    uint64_t resumed = 0;
+    uint64_t lastTotal = 0, resumed = 0;
 
 private:
     uint64_t stopAfter_;
@@ -121,7 +118,6 @@ inline std::vector<StoreItem> listed(StoreBackend& store, const std::string& fol
     return items;
 }
 
-// The store, logged on as "alice".
 template <class Pointer> Pointer loggedOn(Pointer store) {
     StoreSession session;
     EXPECT_EQ(store->logon("alice", "secret", session), ResultCode::Success);

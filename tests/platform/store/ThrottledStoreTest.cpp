@@ -14,7 +14,6 @@
 namespace cirrovault::test {
 namespace {
 
-// Stops the transfer once the clock has passed a given time.
 class StopAtTime : public TransferObserver {
 public:
     explicit StopAtTime(Date at) : at_(at) {}
@@ -40,9 +39,7 @@ TEST(ThrottledStore, UploadsKeepToTheLimitAndACancelEndsTheWait) {
         ASSERT_EQ(store.put("\\small", small, Date(1'600'000'000.0), nullptr), ResultCode::Success);
         // One second's allowance, then 40 000 bytes at 10 000 a second.
         EXPECT_NEAR(clock->now().timeIntervalSinceDate(start), 4.0, 0.2);
-        StoreItem item;
-        ASSERT_EQ(local->stat("\\small", item), ResultCode::Success);
-        EXPECT_EQ(item.size, 50000u);
+        EXPECT_EQ(itemAt(*local, "\\small").size, 50000u);
 
         // A file in parts would take two minutes; the cancel after two seconds is heard.
         start = clock->now();

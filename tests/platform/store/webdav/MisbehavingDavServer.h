@@ -90,7 +90,6 @@ private:
                   "</prop><status>HTTP/1.1 200 OK</status></propstat></response></multistatus>");
     }
 
-    // One connection, its requests one after another.
     void handle(int fd) {
         std::string buffer;
         for (;;) {
@@ -153,8 +152,7 @@ private:
     }
 
     Fault fault_;
-    int listener_ = -1;
-    int port_ = 0;
+    int listener_ = -1, port_ = 0;
     std::atomic<bool> stop_{false};
     std::thread thread_;
     mutable std::mutex mutex_;
