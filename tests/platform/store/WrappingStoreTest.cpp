@@ -104,8 +104,6 @@ TEST_F(FaultInjectingStoreThreadTest, HungPutEndsWhenItsObserverCancelsOrGoesOnW
     }
 }
 
-namespace {
-
 class StopAtTime : public TransferObserver {
 public:
     explicit StopAtTime(Date at) : at_(at) {}
@@ -146,7 +144,5 @@ TEST(ThrottledStore, UploadsKeepToTheLimitAndACancelEndsTheWait) {
     EXPECT_TRUE(std::dynamic_pointer_cast<LocalStore>(StoreFactory::makeBackend(url)));
     EXPECT_TRUE(std::dynamic_pointer_cast<ThrottledStore>(StoreFactory::makeBackend(url, {}, 1024)));
 }
-
-} // namespace
 
 } // namespace cirrovault::test
