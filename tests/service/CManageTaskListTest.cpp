@@ -75,7 +75,13 @@ protected:
 
 } // namespace
 
-TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmptyOne) {
+TEST_F(CManageTaskListTest, NewTaskSendsOnePathPerRequestNamesListDeletesAndARenameMovesBothFolders) {
+    ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.nType, 3);
+    EXPECT_EQ(client.strTaskNames + "|" + client.getBackupTasks("", "false"), "|");
+    EXPECT_EQ(client.taskNamesArray, (Strings{""}));
+    EXPECT_EQ(client.iResult, 0);
+
     std::string folderA = home.file("A b"), folderB = home.file("B"), file = home.file("c.txt");
     ASSERT_TRUE(FileSystem::createDirectories(folderA) && FileSystem::createDirectories(folderB));
     ASSERT_TRUE(FileSystem::writeFileAtomically(file, "x"));
@@ -119,23 +125,11 @@ TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmp
     EXPECT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", ""), ResultCode::EmptyName);
     filtered.name = "Unknown";
     EXPECT_EQ(client.addOrEditBackupTask(filtered, "Edit", "", "Unknown", ""), ResultCode::OldTaskNotFound);
-}
 
-TEST_F(CManageTaskListTest, NamesListsDeletesAndARenameOnlyEditMovesTheRecordAndBothFolders) {
-    ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.nType, 3);
-    EXPECT_EQ(client.strTaskNames + "|" + client.getBackupTasks("", "false"), "|");
-    EXPECT_EQ(client.taskNamesArray, (Strings{""}));
-    EXPECT_EQ(client.iResult, 0);
-
-    TaskListEntry task = makeTask("Old");
-    task.localDirList = {"/data/one"};
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
-    for (auto name : {"A", "C"}) {
-        TaskListEntry other = makeTask(name);
-        ASSERT_EQ(client.addOrEditBackupTask(other, "Add", "", "", ""), 0);
-    }
-    for (auto folder : {"\\Backup", "\\Backup\\Old", "\\History", "\\History\\Old"})
+    // A rename-only edit moves the record and both folders.
+    TaskListEntry other = makeTask("C");
+    ASSERT_EQ(client.addOrEditBackupTask(other, "Add", "", "", ""), 0);
+    for (auto folder : {"\\Backup", "\\Backup\\My Docs", "\\History", "\\History\\My Docs"})
         ASSERT_EQ(api().AddFolder(folder, "", "", false), 0) << folder;
 
     std::vector<bool> askedEncrypted;
@@ -145,22 +139,22 @@ TEST_F(CManageTaskListTest, NamesListsDeletesAndARenameOnlyEditMovesTheRecordAnd
     };
     task.name = "New";
     sent.clear();
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Old", ""), 0);
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "My Docs", ""), 0);
 
     EXPECT_THAT(sent, ElementsAre(ContainsRegex("&TaskName=New&.*&ServerPath=%5CBackup%5CNew&.*"
-                                                "&OldTaskName=Old&Action=Edit&localPathNum=0$")));
+                                                "&OldTaskName=My%20Docs&Action=Edit&localPathNum=0$")));
     EXPECT_EQ(task.serverPath, "\\Backup\\New");
     EXPECT_EQ(askedEncrypted, (std::vector<bool>{false}));
-    EXPECT_EQ(onService({"\\Backup\\New", "\\Backup\\Old", "\\History\\New", "\\History\\Old"}),
+    EXPECT_EQ(onService({"\\Backup\\New", "\\Backup\\My Docs", "\\History\\New", "\\History\\My Docs"}),
               (Strings{"\\Backup\\New", "\\History\\New"}));
 
     ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.strTaskNames, "New|A|C");
+    EXPECT_EQ(client.strTaskNames, "New|Filtered|C");
     EXPECT_EQ(client.deleteTasks(""), ResultCode::EmptyName);
-    EXPECT_EQ(client.deleteTasks("A|C"), 0);
+    EXPECT_EQ(client.deleteTasks("Filtered|C"), 0);
     ASSERT_EQ(client.getTaskNames("true"), 0);
     EXPECT_EQ(client.taskNamesArray, (Strings{"New"}));
-    EXPECT_EQ(storedPaths("New"), (Strings{"/data/one"}));
+    EXPECT_EQ(storedPaths("New"), (Strings{folderA, file, folderB}));
 
     // A plain edit under the same name keeps the folders where they are.
     sent.clear();
@@ -168,7 +162,7 @@ TEST_F(CManageTaskListTest, NamesListsDeletesAndARenameOnlyEditMovesTheRecordAnd
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "New", ""), 0);
     EXPECT_EQ(askedEncrypted.size(), 1u);
     EXPECT_EQ(task.serverPath, "\\Backup\\New");
-    EXPECT_EQ(storedPaths("New"), (Strings{"/data/one", "/data/two"}));
+    EXPECT_EQ(storedPaths("New"), (Strings{folderA, file, folderB, "/data/two"}));
 
     api().Logoff();
     EXPECT_EQ(client.getBackupTasks("", "false"), "");
