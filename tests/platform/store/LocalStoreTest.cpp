@@ -262,8 +262,11 @@ private:
 
 using LocalStoreThreadTest = LocalStoreTest;
 
-TEST_F(LocalStoreThreadTest, OnlyOneUploadWritesAFileAtATime) {
+// While one upload holds a file no other writes it, and uploads of other files go on through
+// the same store at once: small ones the unnamed-file way, large ones a part file.
+TEST_F(LocalStoreThreadTest, OnlyOneUploadWritesAFileWhileSeveralGoOnThroughOneStore) {
     auto second = another();
+    ASSERT_EQ(store.makeFolder("\\d", "", ""), R::Success);
     const std::string data = patternBytes(3 * 1024 * 1024);
     GateObserver gate;
     int64_t firstResult = -1;
@@ -273,15 +276,7 @@ TEST_F(LocalStoreThreadTest, OnlyOneUploadWritesAFileAtATime) {
     });
     gate.reached.get_future().wait();
     EXPECT_EQ(putText(*second, "\\f", "other"), R::Conflict);
-    gate.release.set_value();
-    writer.join();
-    EXPECT_EQ(firstResult, R::Success);
-    EXPECT_EQ(storedContent(*second, "\\f"), data);
-}
 
-// Small files take the unnamed-file way, large ones a part file; each keeps bytes and mode.
-TEST_F(LocalStoreThreadTest, SeveralUploadsAtOnceThroughOneStore) {
-    ASSERT_EQ(store.makeFolder("\\d", "", ""), R::Success);
     constexpr int Threads = 4, Files = 12;
     auto pathOf = [](int thread, int i) {
         return "\\d\\" + std::string(i % 2 ? "f" : "g") + std::to_string(thread * 100 + i);
@@ -301,8 +296,12 @@ TEST_F(LocalStoreThreadTest, SeveralUploadsAtOnceThroughOneStore) {
                 failures += i % 5 == 0 && store.quota(quota) != R::Success;
             }
         });
+    gate.release.set_value();
+    writer.join();
     for (auto& worker : workers)
         worker.join();
+    EXPECT_EQ(firstResult, R::Success);
+    EXPECT_EQ(storedContent(*second, "\\f"), data);
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(names(store, "\\d").size(), static_cast<size_t>(Threads * Files));
     for (int t = 0; t < Threads; ++t)

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -206,16 +207,10 @@ Clock::time_point reached(const MisbehavingDavServer& server, const std::string&
 
 // A part that cannot become the file goes; a short one never takes the file's name.
 TEST(WebDavFaultThreadTest, FailedUploadsAnswerTheirCodesAndNeverReplaceTheFile) {
-    struct Case {
-        Fault fault;
-        int64_t expected;
-        bool moved, partRemoved;
-    };
+    using Case = std::tuple<Fault, int64_t, bool, bool>;
     for (auto [fault, expected, moved, partRemoved] :
-         {Case{Fault::DropMidBody, R::Failure, false, false},
-          Case{Fault::Answer500, R::Failure, false, false},
-          Case{Fault::Answer507, R::SpaceLimit, false, false},
-          Case{Fault::KeepHalf, R::Failure, false, true},
+         {Case{Fault::DropMidBody, R::Failure, false, false}, Case{Fault::Answer500, R::Failure, false, false},
+          Case{Fault::Answer507, R::SpaceLimit, false, false}, Case{Fault::KeepHalf, R::Failure, false, true},
           Case{Fault::RefuseMove, R::Forbidden, true, true}}) {
         SCOPED_TRACE(static_cast<int>(fault));
         MisbehavingDavServer server(fault);

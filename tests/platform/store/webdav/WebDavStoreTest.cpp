@@ -40,8 +40,7 @@ private:
     // Index just past the fence's line, which is logged just after its answer.
     size_t fence() {
         const std::string name = "fence-" + std::to_string(++fences_);
-        StoreItem item;
-        EXPECT_EQ(store_.stat("\\" + name, item), R::NotFound);
+        EXPECT_EQ(statCode(store_, "\\" + name), R::NotFound);
         for (int i = 0; i < 3000; ++i) { // lighttpd writes its log a few seconds late under load
             auto lines = *server_.requests();
             for (size_t at = lines.size(); at-- > 0;)
