@@ -78,21 +78,16 @@ TEST_F(LocalStoreTest, OnlyUnfinishedUploadsAreHidden) {
 }
 
 TEST_F(LocalStoreTest, QuotaDefaultsToTheDiskAndCanBeSet) {
-    auto maxSpace = [](StoreBackend& s) {
-        StoreQuota quota;
-        EXPECT_EQ(s.quota(quota), R::Success);
-        return quota.maxSpace;
-    };
     // The disk is shared with others; its free space only roughly stays still.
-    EXPECT_NEAR(static_cast<double>(maxSpace(store)),
+    EXPECT_NEAR(static_cast<double>(quotaOf(store).maxSpace),
                 static_cast<double>(FileSystem::availableSpace(filesFolder()).value_or(0)), 512e6);
 
     ASSERT_EQ(store.setQuota(100), R::Success);
-    EXPECT_EQ(maxSpace(store), 100);
-    EXPECT_EQ(maxSpace(*another()), 100); // the account's, not the object's
+    EXPECT_EQ(quotaOf(store).maxSpace, 100);
+    EXPECT_EQ(quotaOf(*another()).maxSpace, 100); // the account's, not the object's
     EXPECT_EQ(store.setQuota(-7), R::BadRequest);
     ASSERT_EQ(store.setQuota(LocalStore::DiskQuota), R::Success);
-    EXPECT_GT(maxSpace(store), 100);
+    EXPECT_GT(quotaOf(store).maxSpace, 100);
     store.logoff();
     EXPECT_EQ(store.setQuota(5), R::NotLoggedOn);
 }

@@ -259,9 +259,7 @@ TEST_P(StoreConformanceTest, FoldersKeepDescriptionsAndMovesAndCopiesCarryThemWi
     auto countedAfresh = [&](const char* after) {
         auto figures = [](StoreBackend& s) {
             std::string listed = snapshot(s, "\\", false);
-            StoreQuota quota;
-            s.quota(quota);
-            return listed + "used " + std::to_string(quota.usedSpace) + ", root " + figuresOf(s, "\\");
+            return listed + "used " + std::to_string(quotaOf(s).usedSpace) + ", root " + figuresOf(s, "\\");
         };
         EXPECT_EQ(figures(*store), figures(*connect())) << "after: " << after;
     };
@@ -374,22 +372,17 @@ TEST_P(StoreConformanceTest, FoldersKeepDescriptionsAndMovesAndCopiesCarryThemWi
 }
 
 TEST_P(StoreConformanceTest, QuotaFollowsUsageAndLimitsPuts) {
-    auto quota = [&] {
-        StoreQuota q;
-        EXPECT_EQ(store->quota(q), R::Success);
-        return q;
-    };
-    EXPECT_EQ(quota().usedSpace, 0);
-    EXPECT_GT(quota().maxSpace, 0);
+    EXPECT_EQ(quotaOf(*store).usedSpace, 0);
+    EXPECT_GT(quotaOf(*store).maxSpace, 0);
     ASSERT_EQ(putText(*store, "\\a", std::string(1000, 'a')), R::Success);
-    EXPECT_EQ(quota().usedSpace, 1000);
+    EXPECT_EQ(quotaOf(*store).usedSpace, 1000);
     ASSERT_EQ(store->copy("\\a", "\\b"), R::Success);
-    EXPECT_EQ(quota().usedSpace, 2000);
+    EXPECT_EQ(quotaOf(*store).usedSpace, 2000);
     ASSERT_EQ(store->remove("\\b"), R::Success);
-    EXPECT_EQ(quota().usedSpace, 1000);
+    EXPECT_EQ(quotaOf(*store).usedSpace, 1000);
 
     ASSERT_NO_FATAL_FAILURE(env.limitQuota(*store, 2500));
-    EXPECT_EQ(quota().maxSpace, 2500);
+    EXPECT_EQ(quotaOf(*store).maxSpace, 2500);
     EXPECT_EQ(putText(*store, "\\b", std::string(1000, 'b')), R::Success);
     EXPECT_EQ(putText(*store, "\\c", std::string(1000, 'c')), R::SpaceLimit);
     EXPECT_EQ(statCode(*store, "\\c"), R::NotFound);

@@ -124,6 +124,13 @@ template <class Pointer> Pointer loggedOn(Pointer store) {
     return store;
 }
 
+// The store's quota, which must be answered.
+inline StoreQuota quotaOf(StoreBackend& store) {
+    StoreQuota quota;
+    EXPECT_EQ(store.quota(quota), ResultCode::Success);
+    return quota;
+}
+
 inline int64_t statCode(StoreBackend& store, const std::string& path) {
     StoreItem item;
     return store.stat(path, item);
