@@ -285,7 +285,6 @@ TEST(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOurCo
     ASSERT_EQ(first->makeFolder("\\Docs", "documents", "Docs"), R::Success);
     ASSERT_EQ(putText(*first, "\\Docs\\a.txt", "alpha", when), R::Success);
     ASSERT_EQ(putText(*first, "\\Docs\\b.txt", "bravo", when), R::Success);
-    EXPECT_EQ(timeOf(*first, "\\Docs\\a.txt"), seconds); // held in memory
 
     // Another process sees the server's own time until the changes are written.
     auto second = logon();
