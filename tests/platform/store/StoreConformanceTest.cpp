@@ -219,22 +219,22 @@ TEST_P(StoreConformanceTest, PutAndGetKeepBytesAndTimeFailedPutsKeepTheOldCopyAn
     if (!store->capabilities().resumableUpload)
         return;
     ASSERT_EQ(store->makeFolder("\\R", "", ""), R::Success);
-    const std::string again = "\\R\\f.bin", longest = "\\R" + LongestName;
+    const std::string file = "\\R\\f.bin", longest = "\\R" + LongestName;
     auto interrupt = [&](const std::string& path, const std::string& content, const char* tag) {
         MemorySource source(content, tag);
         StopObserver stopEarly(2 * 1024 * 1024);
         EXPECT_EQ(store->put(path, source, Date(1'600'000'000.0), &stopEarly), R::Cancelled);
     };
-    interrupt(again, data, "tag-A");
+    interrupt(file, data, "tag-A");
     interrupt(longest, data, "tag-A"); // its part's name is shortened
-    EXPECT_EQ(statCode(*store, again), R::NotFound);
-    EXPECT_EQ(statCode(*store, again + ".part"), R::NotFound); // the part is not a file
+    EXPECT_EQ(statCode(*store, file), R::NotFound);
+    EXPECT_EQ(statCode(*store, file + ".part"), R::NotFound); // the part is not a file
     EXPECT_TRUE(listed(*store, "\\R").empty());
     EXPECT_EQ(figuresOf(*store, "\\R"), "0/0");
 
     // Another connection, the same unchanged local file: continues where it stopped.
     auto later = connect();
-    for (const std::string& path : {again, longest}) {
+    for (const std::string& path : {file, longest}) {
         MemorySource same(data, "tag-A");
         StopObserver observer;
         ASSERT_EQ(later->put(path, same, Date(1'600'000'000.0), &observer), R::Success);
