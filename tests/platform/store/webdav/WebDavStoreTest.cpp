@@ -21,6 +21,7 @@ namespace {
 
 namespace R = ResultCode;
 using Totals = WebDavFolderTotals::Totals;
+using Kind = WebDavTestServer::Kind;
 
 // The requests an action cost, as the server logged them, between looks at paths never there.
 class RequestCounter {
@@ -65,8 +66,7 @@ std::unique_ptr<WebDavStore> loggedOn(const WebDavTestServer& server) {
 
 TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
     TempHome home;
-    WebDavTestServer server(WebDavTestServer::Kind::Apache, home.file("server"),
-                            {{"alice", "secret"}});
+    WebDavTestServer server(Kind::Apache, home.file("server"), {{"alice", "secret"}});
     // Three folders of two leaves each, a four-byte file in every leaf.
     const std::vector<std::string> folders = {
         "\\T",          "\\T\\A0",        "\\T\\A0\\B0", "\\T\\A0\\B1", "\\T\\A1",
@@ -124,8 +124,7 @@ TEST(WebDavFolderFiguresTest, AFolderIsWalkedOnceThenEachListingIsOneRequest) {
 // Without properties one metadata write serves many files, whether put at once or not.
 TEST(WebDavFolderFiguresTest, NewFilesWithoutPropertiesCostFourRequestsEachAtOnceOrNot) {
     TempHome home;
-    WebDavTestServer server(WebDavTestServer::Kind::LighttpdWithoutProperties,
-                            home.file("server"), {{"alice", "secret"}});
+    WebDavTestServer server(Kind::LighttpdWithoutProperties, home.file("server"), {{"alice", "secret"}});
     auto own = loggedOn(server);
     WebDavStore& store = *own;
     ASSERT_EQ(store.makeFolder("\\S", "", ""), R::Success);
@@ -272,8 +271,7 @@ TEST(WebDavMetaDocumentTest, AnyNameSurvivesAndDamagedLinesAreSkipped) {
 
 TEST(WebDavMetaStoreTest, TimesReachOtherProcessesOnlyOnceWrittenAndOnlyForOurCopy) {
     TempHome home;
-    WebDavTestServer server(WebDavTestServer::Kind::LighttpdWithoutProperties, home.file("server"),
-                            {{"alice", "secret"}});
+    WebDavTestServer server(Kind::LighttpdWithoutProperties, home.file("server"), {{"alice", "secret"}});
     auto logon = [&] { return loggedOn(std::make_unique<WebDavStore>(server.url("{user}/"))); };
     auto timeOf = [](StoreBackend& store, const std::string& path) {
         return itemAt(store, path).modifyTime.timeIntervalSince1970();
