@@ -48,33 +48,56 @@ Names names(StoreBackend& store, const std::string& folder) {
 
 } // namespace
 
-TEST_F(LocalStoreTest, OnlyUnfinishedUploadsAreHidden) {
-    ASSERT_EQ(store.makeFolder("\\F", "", ""), R::Success);
+// Unfinished uploads and links planted in the account are neither listed nor counted; links are
+// never followed, and what they point at stays as it was.
+TEST_F(LocalStoreTest, OnlyUnfinishedUploadsAreHiddenAndLinksPlantedInTheAccountAreNotFollowed) {
+    ASSERT_EQ(store.makeFolder("\\T", "", ""), R::Success);
     const std::string data = patternBytes(3 * 1024 * 1024);
     MemorySource source(data, "t");
     StopObserver stop(1);
-    ASSERT_EQ(store.put("\\F\\x", source, Date(), &stop), R::Cancelled);
-    EXPECT_TRUE(FileSystem::isRegularFile(filesFolder() + "/F/x.part"));
+    ASSERT_EQ(store.put("\\T\\x", source, Date(), &stop), R::Cancelled);
+    EXPECT_TRUE(FileSystem::isRegularFile(filesFolder() + "/T/x.part"));
+    const std::string outside = home.file("outside");
+    ASSERT_TRUE(FileSystem::createDirectories(outside));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(outside + "/secret.txt", "secret"));
+    ASSERT_EQ(::symlink(outside.c_str(), (filesFolder() + "/T/door").c_str()), 0);
+    ASSERT_EQ(::symlink((outside + "/secret.txt").c_str(), (filesFolder() + "/T/secret.txt").c_str()), 0);
+
+    std::vector<StoreItem> items;
+    MemorySink sink;
+    EXPECT_EQ((std::vector<int64_t>{
+                  statCode(store, "\\T\\door"), statCode(store, "\\T\\door\\secret.txt"),
+                  store.list("\\T\\door", items), store.get("\\T\\door\\secret.txt", sink, nullptr),
+                  store.get("\\T\\secret.txt", sink, nullptr), putText(store, "\\T\\door\\new.txt", "evil"),
+                  putText(store, "\\T\\secret.txt", "evil"), store.makeFolder("\\T\\door\\sub", "", ""),
+                  store.remove("\\T\\door\\secret.txt"), store.copy("\\T\\door", "\\T\\stolen"),
+                  store.move("\\T\\door\\secret.txt", "\\T\\stolen")}),
+              std::vector<int64_t>(11, R::BadPath));
+    EXPECT_TRUE(sink.data.empty());
+    EXPECT_EQ(names(store, "\\"), Names{"T"});
 
     // A user's own file ending in ".part" is ordinary, and keeps "y" from having a part.
-    ASSERT_EQ(putText(store, "\\F\\y.part", "mine"), R::Success);
-    EXPECT_EQ(names(store, "\\F"), Names{"y.part"});
-    EXPECT_EQ(figuresOf(store, "\\F"), "4/1");
-    EXPECT_EQ(store.remove("\\F\\x.part"), R::NotFound);
-    EXPECT_EQ(putText(store, "\\F\\y", "why"), R::AlreadyExists);
-    EXPECT_EQ(storedContent(store, "\\F\\y.part"), "mine");
+    ASSERT_EQ(putText(store, "\\T\\y.part", "mine"), R::Success);
+    EXPECT_EQ(names(store, "\\T"), Names{"y.part"});
+    EXPECT_EQ(figuresOf(store, "\\T"), "4/1");
+    EXPECT_EQ(store.remove("\\T\\x.part"), R::NotFound);
+    EXPECT_EQ(putText(store, "\\T\\y", "why"), R::AlreadyExists);
+    EXPECT_EQ(storedContent(store, "\\T\\y.part"), "mine");
 
-    // Copies of the folder leave the unfinished upload behind; moves take it along.
-    ASSERT_EQ(store.copy("\\F", "\\G"), R::Success);
-    EXPECT_FALSE(FileSystem::exists(filesFolder() + "/G/x.part"));
-    EXPECT_EQ(names(store, "\\G"), Names{"y.part"});
-    ASSERT_EQ(store.move("\\F", "\\H"), R::Success);
+    // Copies of the folder leave the unfinished upload and the links behind; moves take the
+    // upload along, and removing the folder leaves what the links point at alone.
+    ASSERT_EQ(store.copy("\\T", "\\G"), R::Success);
+    EXPECT_EQ(FileSystem::listDirectory(filesFolder() + "/G").value_or(Names{}), Names{"y.part"});
+    ASSERT_EQ(store.move("\\T", "\\H"), R::Success);
     EXPECT_EQ(names(store, "\\H"), Names{"y.part"});
     MemorySource resumed(data, "t");
     StopObserver observer;
     ASSERT_EQ(store.put("\\H\\x", resumed, Date(), &observer), R::Success);
     EXPECT_GT(observer.resumed, 0u);
     EXPECT_EQ(storedContent(store, "\\H\\x"), data);
+    EXPECT_EQ(store.remove("\\H"), R::Success);
+    EXPECT_EQ(FileSystem::readFile(outside + "/secret.txt").value_or(""), "secret");
+    EXPECT_EQ(FileSystem::listDirectory(outside).value_or(Names{}), Names{"secret.txt"});
 }
 
 TEST_F(LocalStoreTest, QuotaDefaultsToTheDiskAndCanBeSet) {
@@ -122,36 +145,6 @@ TEST_F(LocalStoreTest, ListingsHoldTheirOwnRecordsOnlyAndMovesCarryThem) {
     EXPECT_EQ(records("\\"), (Records{{"Z", "a"}, {"a b", "a b"}, {"a]", "a]"}, {"a[", "a["}, {"aB", "aB"}}));
     EXPECT_EQ(records("\\Z"), a);
     EXPECT_EQ(records("\\Z\\b"), (Records{{"c", "a\\b\\c"}, {"y", "100700"}}));
-}
-
-TEST_F(LocalStoreTest, LinksPlantedInTheAccountAreNotFollowed) {
-    const std::string outside = home.file("outside");
-    ASSERT_TRUE(FileSystem::createDirectories(outside));
-    ASSERT_TRUE(FileSystem::writeFileAtomically(outside + "/secret.txt", "secret"));
-    ASSERT_EQ(store.makeFolder("\\T", "", ""), R::Success);
-    ASSERT_EQ(::symlink(outside.c_str(), (filesFolder() + "/T/door").c_str()), 0);
-    ASSERT_EQ(::symlink((outside + "/secret.txt").c_str(), (filesFolder() + "/T/secret.txt").c_str()), 0);
-
-    std::vector<StoreItem> items;
-    MemorySink sink;
-    EXPECT_EQ((std::vector<int64_t>{
-                  statCode(store, "\\T\\door"), statCode(store, "\\T\\door\\secret.txt"),
-                  store.list("\\T\\door", items), store.get("\\T\\door\\secret.txt", sink, nullptr),
-                  store.get("\\T\\secret.txt", sink, nullptr), putText(store, "\\T\\door\\new.txt", "evil"),
-                  putText(store, "\\T\\secret.txt", "evil"), store.makeFolder("\\T\\door\\sub", "", ""),
-                  store.remove("\\T\\door\\secret.txt"), store.copy("\\T\\door", "\\T\\stolen"),
-                  store.move("\\T\\door\\secret.txt", "\\T\\stolen")}),
-              std::vector<int64_t>(11, R::BadPath));
-    EXPECT_TRUE(sink.data.empty());
-
-    // Not listed, not counted; copying or removing their folder leaves their targets alone.
-    EXPECT_EQ(names(store, "\\"), Names{"T"});
-    EXPECT_EQ(figuresOf(store, "\\T"), "0/0");
-    EXPECT_TRUE(listed(store, "\\T").empty());
-    EXPECT_EQ(store.copy("\\T", "\\U"), R::Success);
-    EXPECT_EQ(store.remove("\\T"), R::Success);
-    EXPECT_EQ(FileSystem::readFile(outside + "/secret.txt").value_or(""), "secret");
-    EXPECT_EQ(FileSystem::listDirectory(outside).value_or(Names{}), Names{"secret.txt"});
 }
 
 // Nothing of the store is open to others, whatever the umask (set before the logon).
