@@ -60,7 +60,6 @@ protected:
         return Functions::GetValueArrayByKey("RETURN_Path", reply);
     }
 
-    // Those of paths the service has.
     Strings onService(const Strings& paths) {
         Strings found;
         for (const auto& path : paths)
@@ -76,7 +75,13 @@ protected:
 
 } // namespace
 
-TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmptyOne) {
+TEST_F(CManageTaskListTest, NewTaskSendsOnePathPerRequestNamesListDeletesAndARenameMovesBothFolders) {
+    ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.nType, 3);
+    EXPECT_EQ(client.strTaskNames + "|" + client.getBackupTasks("", "false"), "|");
+    EXPECT_EQ(client.taskNamesArray, (Strings{""}));
+    EXPECT_EQ(client.iResult, 0);
+
     std::string folderA = home.file("A b"), folderB = home.file("B"), file = home.file("c.txt");
     ASSERT_TRUE(FileSystem::createDirectories(folderA) && FileSystem::createDirectories(folderB));
     ASSERT_TRUE(FileSystem::writeFileAtomically(file, "x"));
@@ -120,13 +125,11 @@ TEST_F(CManageTaskListTest, NewTaskWithoutSettingSendsOnePathPerRequestThenAnEmp
     EXPECT_EQ(client.addOrEditBackupTask(filtered, "Add", "", "", ""), ResultCode::EmptyName);
     filtered.name = "Unknown";
     EXPECT_EQ(client.addOrEditBackupTask(filtered, "Edit", "", "Unknown", ""), ResultCode::OldTaskNotFound);
-}
 
-TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
-    TaskListEntry task = makeTask("Old");
-    task.localDirList = {"/data/one"};
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
-    for (auto folder : {"\\Backup", "\\Backup\\Old", "\\History", "\\History\\Old"})
+    // A rename-only edit moves the record and both folders.
+    TaskListEntry other = makeTask("C");
+    ASSERT_EQ(client.addOrEditBackupTask(other, "Add", "", "", ""), 0);
+    for (auto folder : {"\\Backup", "\\Backup\\My Docs", "\\History", "\\History\\My Docs"})
         ASSERT_EQ(api().AddFolder(folder, "", "", false), 0) << folder;
 
     std::vector<bool> askedEncrypted;
@@ -136,18 +139,22 @@ TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
     };
     task.name = "New";
     sent.clear();
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Old", ""), 0);
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "My Docs", ""), 0);
 
     EXPECT_THAT(sent, ElementsAre(ContainsRegex("&TaskName=New&.*&ServerPath=%5CBackup%5CNew&.*"
-                                                "&OldTaskName=Old&Action=Edit&localPathNum=0$")));
+                                                "&OldTaskName=My%20Docs&Action=Edit&localPathNum=0$")));
     EXPECT_EQ(task.serverPath, "\\Backup\\New");
     EXPECT_EQ(askedEncrypted, (std::vector<bool>{false}));
-    EXPECT_EQ(onService({"\\Backup\\New", "\\Backup\\Old", "\\History\\New", "\\History\\Old"}),
+    EXPECT_EQ(onService({"\\Backup\\New", "\\Backup\\My Docs", "\\History\\New", "\\History\\My Docs"}),
               (Strings{"\\Backup\\New", "\\History\\New"}));
 
     ASSERT_EQ(client.getTaskNames("true"), 0);
+    EXPECT_EQ(client.strTaskNames, "New|Filtered|C");
+    EXPECT_EQ(client.deleteTasks(""), ResultCode::EmptyName);
+    EXPECT_EQ(client.deleteTasks("Filtered|C"), 0);
+    ASSERT_EQ(client.getTaskNames("true"), 0);
     EXPECT_EQ(client.taskNamesArray, (Strings{"New"}));
-    EXPECT_EQ(storedPaths("New"), (Strings{"/data/one"}));
+    EXPECT_EQ(storedPaths("New"), (Strings{folderA, file, folderB}));
 
     // A plain edit under the same name keeps the folders where they are.
     sent.clear();
@@ -155,41 +162,17 @@ TEST_F(CManageTaskListTest, RenameOnlyEditMovesTheRecordAndBothFolders) {
     ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "New", ""), 0);
     EXPECT_EQ(askedEncrypted.size(), 1u);
     EXPECT_EQ(task.serverPath, "\\Backup\\New");
-    EXPECT_EQ(storedPaths("New"), (Strings{"/data/one", "/data/two"}));
+    EXPECT_EQ(storedPaths("New"), (Strings{folderA, file, folderB, "/data/two"}));
+
+    api().Logoff();
+    EXPECT_EQ(client.getBackupTasks("", "false"), "");
+    EXPECT_EQ((std::vector<int64_t>{client.iResult, client.getTaskNames("true"),
+                                    client.addOrEditBackupTask(task, "Add", "", "", ""),
+                                    client.deleteTasks("New")}),
+              std::vector<int64_t>(4, ResultCode::NotLoggedOn));
 }
 
-TEST_F(CManageTaskListTest, AnySettingTextSendsBatchesOfAHundredIndexedFromZero) {
-    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("UploadLocalPathCount", "no"));
-    TaskListEntry task = makeTask("Big");
-    for (int i = 0; i < 250; ++i)
-        task.localDirList.push_back("/src/" + std::to_string(i));
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
-
-    ASSERT_EQ(sent.size(), 3u);
-    for (size_t r = 0; r < 3; ++r) { // indexed from 0, the last one IsFolder99 (or 49)
-        std::string last = r < 2 ? "99" : "49", count = r < 2 ? "100" : "50";
-        EXPECT_THAT(sent[r], ContainsRegex(std::string("&Action=") + (r ? "Edit" : "Add") +
-                                           "&IsFolder0=0&Path0=%2Fsrc%2F" + std::to_string(r * 100) +
-                                           "&.*&IsFolder" + last + "=0&[^I]*&localPathNum=" + count + "$"));
-    }
-    EXPECT_EQ(storedPaths("Big"), task.localDirList);
-
-    // Removals come first and share the count with additions: two full requests, one empty.
-    sent.clear();
-    task.deleteFileArray.assign(task.localDirList.begin(), task.localDirList.begin() + 150);
-    for (int i = 0; i < 50; ++i)
-        task.addFileArray.push_back("/new/" + std::to_string(i));
-    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Big", ""), 0);
-    ASSERT_EQ(sent.size(), 3u);
-    EXPECT_THAT(sent[1],
-                HasSubstr("&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
-    EXPECT_THAT(sent[2], EndsWith("&Action=Edit&localPathNum=0"));
-    Strings stored(task.localDirList.begin() + 150, task.localDirList.end());
-    stored.insert(stored.end(), task.addFileArray.begin(), task.addFileArray.end());
-    EXPECT_EQ(storedPaths("Big"), stored);
-}
-
-TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsTheTaskListGaveThem) {
+TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsGivenAndAnySettingTextSendsBatchesOfAHundred) {
     TaskListEntry task = makeTask("Moved");
     task.localDirList = {"C:\\Data", "C:\\Mail"};
     ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
@@ -217,34 +200,37 @@ TEST_F(CManageTaskListTest, MigrationSendsTheOldSourcesAsTheTaskListGaveThem) {
     EXPECT_EQ(client.localFile({"/p", "/q"}, "1", "H&", 3),
               "H&IsFolder3=0&Path3=%2Fp&Serial3=&Action3=1&IsFolder4=0&Path4=%2Fq&Serial4=&Action4=1&");
     EXPECT_EQ(client.localFile({"/p"}, "0", "", 3), "IsFolder0=0&Path0=%2Fp&Serial0=&Action0=0&");
-}
 
-TEST_F(CManageTaskListTest, NamesListsAndDeletes) {
-    ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.nType, 3);
-    EXPECT_EQ(client.strTaskNames + "|" + client.getBackupTasks("", "false"), "|");
-    EXPECT_EQ(client.taskNamesArray, (Strings{""}));
-    EXPECT_EQ(client.iResult, 0);
+    // Any setting text sends batches of a hundred.
+    ASSERT_TRUE(NimboSetting::SetSettingValueForKey("UploadLocalPathCount", "no"));
+    sent.clear();
+    task = makeTask("Big");
+    for (int i = 0; i < 250; ++i)
+        task.localDirList.push_back("/src/" + std::to_string(i));
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
 
-    for (auto name : {"A", "B", "C"}) {
-        TaskListEntry task = makeTask(name);
-        ASSERT_EQ(client.addOrEditBackupTask(task, "Add", "", "", ""), 0);
+    ASSERT_EQ(sent.size(), 3u);
+    for (size_t r = 0; r < 3; ++r) { // indexed from 0, the last one IsFolder99 (or 49)
+        std::string last = r < 2 ? "99" : "49", count = r < 2 ? "100" : "50";
+        EXPECT_THAT(sent[r], ContainsRegex(std::string("&Action=") + (r ? "Edit" : "Add") +
+                                           "&IsFolder0=0&Path0=%2Fsrc%2F" + std::to_string(r * 100) +
+                                           "&.*&IsFolder" + last + "=0&[^I]*&localPathNum=" + count + "$"));
     }
-    ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.strTaskNames, "A|B|C");
-    EXPECT_EQ(client.taskNamesArray, (Strings{"A", "B", "C"}));
-    EXPECT_EQ(client.deleteTasks(""), ResultCode::EmptyName);
-    EXPECT_EQ(client.deleteTasks("A|C"), 0);
-    ASSERT_EQ(client.getTaskNames("true"), 0);
-    EXPECT_EQ(client.taskNamesArray, (Strings{"B"}));
+    EXPECT_EQ(storedPaths("Big"), task.localDirList);
 
-    api().Logoff();
-    EXPECT_EQ(client.getBackupTasks("", "false"), "");
-    TaskListEntry task = makeTask("D");
-    EXPECT_EQ((std::vector<int64_t>{client.iResult, client.getTaskNames("true"),
-                                    client.addOrEditBackupTask(task, "Add", "", "", ""),
-                                    client.deleteTasks("B")}),
-              std::vector<int64_t>(4, ResultCode::NotLoggedOn));
+    // Removals come first and share the count with additions: two full requests, one empty.
+    sent.clear();
+    task.deleteFileArray.assign(task.localDirList.begin(), task.localDirList.begin() + 150);
+    for (int i = 0; i < 50; ++i)
+        task.addFileArray.push_back("/new/" + std::to_string(i));
+    ASSERT_EQ(client.addOrEditBackupTask(task, "Edit", "", "Big", ""), 0);
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_THAT(sent[1],
+                HasSubstr("&Path49=%2Fsrc%2F149&Serial49=&Action49=0&IsFolder50=0&Path50=%2Fnew%2F0&"));
+    EXPECT_THAT(sent[2], EndsWith("&Action=Edit&localPathNum=0"));
+    Strings stored(task.localDirList.begin() + 150, task.localDirList.end());
+    stored.insert(stored.end(), task.addFileArray.begin(), task.addFileArray.end());
+    EXPECT_EQ(storedPaths("Big"), stored);
 }
 
 TEST(CManageTaskList, ResultMessagesByListType) {

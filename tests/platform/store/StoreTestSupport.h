@@ -44,11 +44,9 @@ public:
     uint64_t bytesRead() const { return bytesRead_; }
 
 private:
-    std::string data_;
-    std::string tag_;
+    std::string data_, tag_;
     uint32_t mode_;
-    uint64_t position_ = 0;
-    uint64_t bytesRead_ = 0;
+    uint64_t position_ = 0, bytesRead_ = 0;
     std::optional<uint64_t> failAt_;
 };
 
@@ -75,8 +73,7 @@ public:
 
     std::atomic<bool> stop{false};
     std::atomic<uint64_t> lastDone{0};
-    uint64_t lastTotal = 0;
-    uint64_t resumed = 0;
+    uint64_t lastTotal = 0, resumed = 0;
 
 private:
     uint64_t stopAfter_;
@@ -119,6 +116,19 @@ inline std::vector<StoreItem> listed(StoreBackend& store, const std::string& fol
     EXPECT_EQ(store.list(folder, items), ResultCode::Success) << folder;
     std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.name < b.name; });
     return items;
+}
+
+template <class Pointer> Pointer loggedOn(Pointer store) {
+    StoreSession session;
+    EXPECT_EQ(store->logon("alice", "secret", session), ResultCode::Success);
+    return store;
+}
+
+// The store's quota, which must be answered.
+inline StoreQuota quotaOf(StoreBackend& store) {
+    StoreQuota quota;
+    EXPECT_EQ(store.quota(quota), ResultCode::Success);
+    return quota;
 }
 
 inline int64_t statCode(StoreBackend& store, const std::string& path) {
