@@ -748,7 +748,7 @@ TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerItsStateAndABackupDuringItsStart
 
 // A command's backup is the daemon's run, with its result; a second daemon, or an engine
 // holding the account without answering, is refused; a killed daemon's socket is removed.
-TEST_F(CliEndToEnd, CommandsBesideTheDaemonGoThroughItOrAreRefused) {
+TEST_F(CliEndToEnd, CommandsBesideTheDaemonGoThroughItOrAreRefusedByItsLock) {
     ok({"logon"});
     ok({"task", "new", "Docs", "--source", home.file("Documents"), "--schedule", "daily", "--time", "03:15"});
     FileSystem::createDirectories(home.file("Gone"));
@@ -815,6 +815,19 @@ TEST_F(CliEndToEnd, CommandsBesideTheDaemonGoThroughItOrAreRefused) {
     auto runLock = cli::RunLock::acquire(folder, &holder);
     ASSERT_TRUE(daemonLock && runLock);
     fails({"backup", "Docs"}, 4, std::to_string(getpid()), other.get());
+    // One holder at a time even within a process, named to the refused; released with it.
+    EXPECT_EQ(cli::RunLock::holder(folder), getpid());
+    EXPECT_FALSE(cli::RunLock::acquire(folder, &holder));
+    EXPECT_EQ(holder, getpid());
+    runLock.reset();
+    EXPECT_FALSE(cli::RunLock::holder(folder));
+    // A link planted in the released lock's place is not followed.
+    write("victim.txt", "precious");
+    FileSystem::removeItem(cli::RunLock::lockFilePath(folder));
+    ASSERT_EQ(::symlink(home.file("victim.txt").c_str(), cli::RunLock::lockFilePath(folder).c_str()), 0);
+    EXPECT_FALSE(cli::RunLock::acquire(folder, &holder));
+    EXPECT_FALSE(cli::RunLock::holder(folder));
+    EXPECT_EQ(read("victim.txt"), "precious");
 }
 
 // A private session bus and keyring; the file keeps only the user's name.

@@ -47,10 +47,6 @@ protected:
         session_ = std::make_unique<DesktopSession>(options, nullptr);
         ASSERT_TRUE(session_->logon(nullptr));
     }
-    void TearDown() override {
-        window_.reset();
-        session_.reset();
-    }
 
     // A daily task runs first tomorrow, one without a schedule at once.
     CBackupManage::TaskPtr makeTask(const std::string& schedule, const std::string& passPhrase = "",
@@ -71,13 +67,6 @@ protected:
         window_ = std::make_unique<MainWindow>(*session_, nullptr);
         gtk_window_present(window_->window());
         window_->refreshTasks();
-    }
-    // The restore window of the task Documents, on its one file.
-    RestoreWindow& openRestore() {
-        EXPECT_TRUE(window_->selectTask("Documents"));
-        window_->openRestore();
-        EXPECT_TRUE(window_->restoreWindow()->selectFile("Documents/letter.txt"));
-        return *window_->restoreWindow();
     }
 
     test::TempHome home_;
@@ -215,7 +204,9 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionMissingFilesAndAsksForAPassPhraseTh
     ASSERT_TRUE(window_->selectTask("Documents"));
     window_->backUpNow(); // keeps "first draft" as an older version
 
-    RestoreWindow& restore = openRestore();
+    window_->openRestore();
+    RestoreWindow& restore = *window_->restoreWindow();
+    EXPECT_TRUE(restore.selectFile("Documents/letter.txt"));
     auto rows = restore.versionRows();
     ASSERT_EQ(rows.size(), 2u); // current, then the older one
     ASSERT_TRUE(restore.selectVersionRow(1));
