@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <tuple>
 
 #include "Json.h"
 #include "TaskFormat.h"
@@ -20,12 +21,11 @@ TEST(CliDates, DatesAndTimesAreCheckedNotRolledOver) {
     EXPECT_EQ(shown("2024-03-01", true), "2024-3-1 23:59");
     for (const char* bad : {"2023-02-29", "2024-13-01", "2024-04-31", "2024-1-1", "2024-01-01 24:00", "tomorrow", ""})
         EXPECT_FALSE(TaskFormat::parseDate(bad, false)) << bad;
-    EXPECT_EQ(TaskFormat::parseTime("02:30"), 150);
-    EXPECT_EQ(TaskFormat::parseTime("9:05"), 545);
+    EXPECT_EQ(std::tuple(TaskFormat::parseTime("02:30"), TaskFormat::parseTime("9:05"), TaskFormat::parseWeekday("Sat"),
+                         TaskFormat::parseWeekday("sunday")),
+              std::tuple(150, 545, 7, 1));
     for (const char* bad : {"24:00", "12:60", "1230", "12:3", ""})
         EXPECT_FALSE(TaskFormat::parseTime(bad)) << bad;
-    EXPECT_EQ(TaskFormat::parseWeekday("Sat"), 7);
-    EXPECT_EQ(TaskFormat::parseWeekday("sunday"), 1);
     EXPECT_FALSE(TaskFormat::parseWeekday("s") || TaskFormat::parseWeekday("funday"));
     EXPECT_EQ(TaskFormat::dateText(Date(0)), "never");
 }

@@ -38,7 +38,6 @@ protected:
     static void SetUpTestSuite() { ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run"; }
 
     void SetUp() override {
-        source_ = home_.file("Documents");
         FileSystem::createDirectories(source_);
         FileSystem::writeFileAtomically(source_ + "/letter.txt", "first draft\n");
         cli::GlobalOptions options;
@@ -70,7 +69,7 @@ protected:
     }
 
     test::TempHome home_;
-    std::string source_;
+    std::string source_ = home_.file("Documents");
     std::unique_ptr<DesktopSession> session_;
     std::unique_ptr<MainWindow> window_;
 };
