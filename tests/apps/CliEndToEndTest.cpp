@@ -2,6 +2,7 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
+#include <fstream>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -92,10 +93,7 @@ std::map<std::string, std::string> inventory(const std::string& top, const std::
 
 // A file with its mode and time, written in place: a 250-byte name has no room for more.
 void place(const std::string& path, const std::string& text, mode_t mode, double time) {
-    FILE* file = std::fopen(path.c_str(), "w");
-    ASSERT_NE(file, nullptr) << path;
-    std::fputs(text.c_str(), file);
-    std::fclose(file);
+    std::ofstream(path) << text;
     ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
     ASSERT_TRUE(FileSystem::setModifyTime(path, Date(time))) << path;
 }
