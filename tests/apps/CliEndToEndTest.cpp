@@ -22,7 +22,6 @@
 #include "CliRunner.h"
 #include "RunLock.h"
 #include "common/FileModes.h"
-#include "common/LoopbackPort.h"
 #include "common/TempHome.h"
 #include "common/WebDavTestServer.h"
 #include "platform/os/FileSystem.h"

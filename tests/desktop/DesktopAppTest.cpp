@@ -84,25 +84,19 @@ TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
     auto box = [](const char* key) { return showing(LoadString::GetValueByKey(key)); };
     const std::string ok = LoadString::GetValueByKey("IDS_OK", "OK");
     int day = (Calendar::weekday(Clock::shared().now()) + 1) % 7; // two days ahead; 0 is Sunday
+    auto name = [](const char* text) {
+        return [text](GtkWidget* w) { type(w, named(ViewOutlet::TaskName), text); press(w, ViewButton::Next); };
+    };
+    auto shotThen = [](const char* shot, std::string button) {
+        return [=](GtkWidget* w) { EXPECT_TRUE(screenshot(w, shot)); press(w, button); };
+    };
     Script script(
         window_->window(),
         {
             {browser, [](GtkWidget* w) { press(w, ViewButton::Done); }}, // nothing ticked yet
-            {step1,
-             [](GtkWidget* w) {
-                 type(w, named(ViewOutlet::TaskName), "");
-                 press(w, ViewButton::Next);
-             }},
-            {box("EmptyTaskName"),
-             [&](GtkWidget* w) {
-                 EXPECT_TRUE(screenshot(w, "wizard-refused"));
-                 press(w, ok);
-             }},
-            {step1,
-             [](GtkWidget* w) { // still there; the leading space is not kept
-                 type(w, named(ViewOutlet::TaskName), " Documents");
-                 press(w, ViewButton::Next);
-             }},
+            {step1, name("")},
+            {box("EmptyTaskName"), shotThen("wizard-refused", ok)},
+            {step1, name(" Documents")}, // still there; the leading space is not kept
             {box("IDS_MSGSELFOLDER"), [&](GtkWidget* w) { press(w, ok); }},
             {step1, [](GtkWidget* w) { press(w, ViewButton::Back); }},
             {browser,
@@ -132,11 +126,7 @@ TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
                  EXPECT_TRUE(screenshot(w, "wizard-step1"));
                  press(w, ViewButton::Next);
              }},
-            {showing("Make the task"),
-             [](GtkWidget* w) {
-                 EXPECT_TRUE(screenshot(w, "wizard-schedule"));
-                 press(w, "Make the task");
-             }},
+            {showing("Make the task"), shotThen("wizard-schedule", "Make the task")},
         });
     window_->newTask();
     EXPECT_TRUE(script.finished()) << "stopped before step " << script.stepsDone() + 1;
