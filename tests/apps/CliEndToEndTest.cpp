@@ -152,23 +152,12 @@ protected:
         return daemon;
     }
 
-    // The task's files as the store keeps them, as "path=size".
-    std::vector<std::string> storeFiles(const std::string& root = "", const std::string& marker = "/files/") {
+    // The task's files as the local store keeps them, as "path=size".
+    std::vector<std::string> storeFiles() {
         std::vector<std::string> found;
-        for (const auto& path : filesBelow(root.empty() ? home.dataHome() + "/cirrovault/store" : root, marker))
+        for (const auto& path : filesBelow(home.dataHome() + "/cirrovault/store", "/files/"))
             found.push_back(path + "=" + std::to_string(FileSystem::status(path)->size));
         return found;
-    }
-    // The stored copy of a source file (or, with older, an older version), by its path's end.
-    std::string stored(const std::string& end, const std::string& root = "", const std::string& marker = "/files/",
-                       bool older = false) {
-        for (const auto& entry : storeFiles(root, marker)) {
-            std::string path = entry.substr(0, entry.rfind('='));
-            if (path.ends_with(end) && (path.find("/History/") != std::string::npos) == older)
-                return path;
-        }
-        ADD_FAILURE() << end << " is not in the store";
-        return home.file("nowhere");
     }
     void checkNamesDamage(const std::string& storeRoot);
     void checkHomeComesBackOnANewComputer();
@@ -451,10 +440,16 @@ void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
     ok({"restore", "Vault", "Documents/notes/n.txt", "--to", home.file("kept")});
     EXPECT_EQ(read("kept/Documents/notes/n.txt"), "third");
 
-    std::string a = stored("/Documents/a.txt", storeRoot, "/Vault/");
-    std::string b = stored("/Documents/letters/b.txt", storeRoot, "/Vault/");
-    std::string n0 = stored("/notes/n0.txt", storeRoot, "/Vault/", true);
-    std::string n = stored("/notes/n.txt", storeRoot, "/Vault/");
+    // The stored copy of a source file (or an older version), by its path's end.
+    auto stored = [&](const std::string& end, bool older = false) {
+        for (const auto& path : filesBelow(storeRoot, "/Vault/"))
+            if (path.ends_with(end) && (path.find("/History/") != std::string::npos) == older)
+                return path;
+        ADD_FAILURE() << end << " is not in the store";
+        return home.file("nowhere");
+    };
+    std::string a = stored("/Documents/a.txt"), b = stored("/Documents/letters/b.txt");
+    std::string n0 = stored("/notes/n0.txt", true), n = stored("/notes/n.txt");
     std::string bytes = FileSystem::readFile(a).value_or("");
     Date listed = FileSystem::status(n)->modifyTime;
     ASSERT_TRUE(FileSystem::writeFileAtomically(n, bytes));

@@ -78,6 +78,11 @@ protected:
         runToEnd(*task_);
         clock_->advance(3600);
     }
+    // One run; the state it ended in.
+    int32_t ranTo() {
+        run();
+        return task_->mTaskState;
+    }
     // One run; the puts it made.
     int sent() {
         const int before = store_->putCount();
@@ -179,8 +184,7 @@ TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
     StoreItem item;
     EXPECT_NE(raw_->stat(serverOf("big.bin"), item), ResultCode::Success);
 
-    run();
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(ranTo(), CBackupTask::StateSucceeded);
     // A server that cannot continue a part gets the file again whole.
     EXPECT_EQ(observer_.resumedBytes, raw_->capabilities().resumableUpload ? kept : 0u);
     EXPECT_TRUE(fetch(serverOf("big.bin")) == big);
@@ -219,8 +223,7 @@ TEST_P(BackupRunThread, FilesRewrittenDuringRunsOrWhileReadAreNeitherLostNorLeft
     stop = true;
     writer.join();
 
-    run(); // the quiet run
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(ranTo(), CBackupTask::StateSucceeded); // the quiet run
     for (int i = 0; i < kFiles; ++i)
         EXPECT_TRUE(fetch(serverOf(name(i))) == readFile(home_.file("work/" + name(i))))
             << name(i);
@@ -267,8 +270,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAfterBoundedRetriesAndNoCo
     // A source that is gone fails the run by name; the other source is still backed up.
     const std::string gone = home_.file("gone");
     task_->localDirList = {home_.file("work"), gone};
-    run();
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_EQ(ranTo(), CBackupTask::StateFailed);
     EXPECT_NE(task_->strErrLog.value_or("").find(gone), std::string::npos);
     EXPECT_EQ(eventsOfTask(gone), 1u);
     EXPECT_EQ(eventsOfTask("Backup finished successfully."), 0u);
@@ -307,8 +309,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAfterBoundedRetriesAndNoCo
     // The account fills up after one file: the run ends failed, and every stored copy
     // whose time says current holds exactly the local bytes.
     store_->failPutWithSpaceLimit(2);
-    run();
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+    EXPECT_EQ(ranTo(), CBackupTask::StateFailed);
     EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::SpaceLimit));
     auto storedMatchesWhenCurrent = [&](bool allCurrent) {
         for (const auto& n : names) {
@@ -322,8 +323,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAfterBoundedRetriesAndNoCo
         }
     };
     storedMatchesWhenCurrent(false);
-    run();
-    EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(ranTo(), CBackupTask::StateSucceeded);
     storedMatchesWhenCurrent(true);
 
     if (!GetParam().server) {
@@ -333,21 +333,17 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAfterBoundedRetriesAndNoCo
         const size_t done = eventsOfTask("Backup finished successfully.");
         makeFile("work/a.txt", "fourth", T - 30);
         store_->failOperation(Op::Flush, ResultCode::Failure);
-        run();
-        EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
-        run(); // nothing new to send, but the last run's file is not durable yet
-        EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+        EXPECT_EQ(ranTo(), CBackupTask::StateFailed);
+        // Nothing new to send, but the last run's file is not durable yet.
+        EXPECT_EQ(ranTo(), CBackupTask::StateFailed);
         EXPECT_EQ(eventsOfTask("Backup finished successfully."), done);
         store_->clearFaults();
-        run();
-        EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+        EXPECT_EQ(ranTo(), CBackupTask::StateSucceeded);
         EXPECT_EQ(eventsOfTask("Backup finished successfully."), done + 1);
         store_->failOperation(Op::Flush, ResultCode::Failure);
-        run();
-        EXPECT_EQ(task_->mTaskState, CBackupTask::StateSucceeded);
+        EXPECT_EQ(ranTo(), CBackupTask::StateSucceeded);
         makeFile("work/a.txt", "fifth", T - 20);
-        run();
-        EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
+        EXPECT_EQ(ranTo(), CBackupTask::StateFailed);
         store_->clearFaults();
     }
 
