@@ -170,14 +170,13 @@ TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
         if (code != ResultCode::Success && std::exchange(armed, false))
             store_->hangNextPut();
     };
-    task_->StartBackup(false);
-    std::shared_ptr<Thread> worker = task_->pBackupTaskThread;
-    store_->waitUntilHanging();
-    task_->CancelBackup();
-    task_->checkFinshedBackup();
-    worker->join();
+    std::thread canceller([&] {
+        store_->waitUntilHanging();
+        task_->CancelBackup();
+    });
+    run();
+    canceller.join();
     store_->afterPut = nullptr;
-    clock_->advance(3600);
 
     EXPECT_EQ(task_->mTaskState, CBackupTask::StateCancelled);
     EXPECT_EQ(task_->iBackupRet, 6u);
