@@ -35,19 +35,6 @@ protected:
         CLoopItem::setFactory(nullptr);
         EngineSession::TearDown();
     }
-    // One whole run of a task of the manager, as the user starts it; the files stored.
-    int run(CBackupManage& manager, const std::string& name) {
-        int before = store_->putCount();
-        TaskPtr task = manager.GetTaskByName(name);
-        if (!task || !manager.StartBackupByUser(name, false))
-            return -1;
-        std::shared_ptr<Thread> worker = task->pBackupTaskThread;
-        task->checkFinshedBackup();
-        worker->join();
-        EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << name;
-        return store_->putCount() - before;
-    }
-
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(kFileTime + 86400));
     std::shared_ptr<HeadlessViewBackend> backend_ = std::make_shared<HeadlessViewBackend>();
 };
@@ -97,9 +84,12 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOff
               (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", stored),
               std::vector<std::string>{std::to_string(second.pcID)});
-    EXPECT_EQ(run(second, "Win"), 0);
+    runToEnd(*moving);
+    EXPECT_EQ(store_->putCount(), 0);
     place("Pics/d.jpg");
-    EXPECT_EQ(run(second, "Win"), 1);
+    runToEnd(*moving);
+    EXPECT_EQ(moving->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(store_->putCount(), 1);
     EXPECT_TRUE(exists("\\Backups\\Win\\Pics\\d.jpg"));
 
     // Log-off says so in the wait dialog, ends the session and empties the list.
