@@ -54,12 +54,9 @@ protected:
             std::system("/usr/bin/python3 -c 'import aiosmtpd' 2>/dev/null") != 0)
             GTEST_SKIP() << "no SMTP server to test with: install python3-aiosmtpd";
         TransferApiUtil::releaseTransferApiUtil();
-        std::vector<std::string> args = {Python, "-c", Server, std::to_string(port_), authLog_, maildir_};
-        std::vector<char*> argv;
-        for (auto& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        ASSERT_EQ(::posix_spawn(&server_, Python, nullptr, nullptr, argv.data(), environ), 0);
+        std::string port = std::to_string(port_);
+        const char* argv[] = {Python, "-c", Server, port.c_str(), authLog_.c_str(), maildir_.c_str(), nullptr};
+        ASSERT_EQ(::posix_spawn(&server_, Python, nullptr, nullptr, const_cast<char* const*>(argv), environ), 0);
         // Waits for the server process to come up, not for any schedule.
         for (int i = 0; i < 200 && !test::acceptsOnLoopback(port_); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
