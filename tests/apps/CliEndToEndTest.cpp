@@ -107,7 +107,6 @@ class CliEndToEnd : public ::testing::Test {
 protected:
     void SetUp() override {
         cli.setEnv("CIRROVAULT_PASSWORD=correct horse");
-        FileSystem::createDirectories(home.file("scratch"));
         FileSystem::createDirectories(home.file("Documents/letters"));
         write("Documents/a.txt", "first text of a\n");
         write("Documents/letters/b.txt", std::string(200000, 'b'));
@@ -141,7 +140,6 @@ protected:
     }
     // A second command line on the same account, with its own output files.
     std::unique_ptr<CliRunner> another(const std::string& name) {
-        FileSystem::createDirectories(home.file("scratch/" + name));
         auto other = std::make_unique<CliRunner>(home.file("scratch/" + name));
         other->setEnv("CIRROVAULT_PASSWORD=correct horse");
         return other;
@@ -386,9 +384,7 @@ TEST_F(CliEndToEnd, SettingsExclusionsAndUploadLimitThenEveryCommandInPlainTextA
         SCOPED_TRACE(testing::PrintToString(command));
         auto human = run(command);
         EXPECT_EQ((human.out + human.err).find('\033'), std::string::npos) << human.out << human.err;
-        std::vector<std::string> args = command;
-        args.insert(args.begin(), "--json");
-        auto scripted = run(args);
+        auto scripted = run([&] { auto args = command; args.insert(args.begin(), "--json"); return args; }());
         EXPECT_EQ((scripted.out + scripted.err).find('\033'), std::string::npos);
         nlohmann::json doc = nlohmann::json::parse(scripted.out, nullptr, false);
         ASSERT_FALSE(doc.is_discarded()) << "printed: " << scripted.out;

@@ -26,7 +26,7 @@ public:
         std::string out, err;
     };
 
-    explicit CliRunner(std::string scratch) : scratch_(std::move(scratch)) {}
+    explicit CliRunner(std::string scratch) : scratch_(std::move(scratch)) { FileSystem::createDirectories(scratch_); }
 
     // Extra "NAME=value" entries for every later run.
     void setEnv(const std::string& entry) { env_.push_back(entry); }

@@ -25,24 +25,6 @@ namespace {
 
 constexpr double T = 1'650'000'000.0;
 
-// Notes the bytes a finished run resumed; onFile is called before each file's upload.
-class RunObserver : public StowlineDelegate {
-public:
-    bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
-                             StowlineDelegateType type) override {
-        std::lock_guard lock(mutex_);
-        if (type == closeProgressBarViewDelegate && task && task->GetProgress())
-            resumedBytes = task->GetProgress()->tempSize();
-        if (type == refreshProgressBarDelegate && task && task->bInitUIPrgBar && onFile)
-            onFile(task->strWorkingFile);
-        return true;
-    }
-
-    std::function<void(const std::string&)> onFile;
-    std::mutex mutex_;
-    uint64_t resumedBytes = 0;
-};
-
 // The store a run goes to: the local one, or a WebDAV server started for the test.
 struct RunStore {
     std::string name;
@@ -52,8 +34,19 @@ struct RunStore {
 
 void PrintTo(const RunStore& store, std::ostream* os) { *os << store.name; }
 
-class BackupRunThread : public test::EngineSession, public testing::WithParamInterface<RunStore> {
+// As the task's delegate: notes the bytes a finished run resumed, calls onFile_ before uploads.
+class BackupRunThread : public test::EngineSession, public testing::WithParamInterface<RunStore>,
+                        public StowlineDelegate {
 protected:
+    bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
+                             StowlineDelegateType type) override {
+        std::lock_guard lock(mutex_);
+        if (type == closeProgressBarViewDelegate && task && task->GetProgress())
+            resumedBytes_ = task->GetProgress()->tempSize();
+        if (type == refreshProgressBarDelegate && task && task->bInitUIPrgBar && onFile_)
+            onFile_(task->strWorkingFile);
+        return true;
+    }
     void SetUp() override {
         EngineSession::SetUp();
         raw_ = local_;
@@ -72,7 +65,7 @@ protected:
         task_->name = "Projects";
         task_->serverPath = "\\Backups\\Projects";
         task_->localDirList = {home_.file("work")};
-        task_->SetDelegate(&observer_);
+        task_->SetDelegate(this);
     }
     void run() {
         runToEnd(*task_);
@@ -100,7 +93,9 @@ protected:
     std::unique_ptr<test::WebDavTestServer> server_;
     std::shared_ptr<StoreBackend> raw_; // the store behind the counting one
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(T));
-    RunObserver observer_;
+    std::function<void(const std::string&)> onFile_;
+    std::mutex mutex_;
+    uint64_t resumedBytes_ = 0;
     std::shared_ptr<CBackupTask> task_;
 };
 
@@ -109,8 +104,7 @@ TEST_P(BackupRunThread, FirstRunUploadsTheTreeAnUnchangedRerunNothingAndAChangeI
     for (int d = 0; d < 6; ++d)
         for (int s = 0; s < 4; ++s)
             for (int f = 0; f < 10; ++f) {
-                std::string rel = "d" + std::to_string(d) + "/s" + std::to_string(s) + "/f" +
-                                  std::to_string(f) + ".txt";
+                std::string rel = fmt::format("d{}/s{}/f{}.txt", d, s, f);
                 relatives[rel] = T - 86400 + d * 100 + f + 0.5;
                 makeFile("work/" + rel, "content of " + rel, relatives[rel]);
             }
@@ -185,7 +179,7 @@ TEST_P(BackupRunThread, CancelledLargeFileResumesFromItsPartNextRun) {
 
     EXPECT_EQ(ranTo(), CBackupTask::StateSucceeded);
     // A server that cannot continue a part gets the file again whole.
-    EXPECT_EQ(observer_.resumedBytes, raw_->capabilities().resumableUpload ? kept : 0u);
+    EXPECT_EQ(resumedBytes_, raw_->capabilities().resumableUpload ? kept : 0u);
     EXPECT_TRUE(fetch(serverOf("big.bin")) == big);
 }
 
@@ -289,11 +283,11 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAfterBoundedRetriesAndNoCo
     if (!GetParam().server) { // the bounds are the engine's; one store shows them
         // Each failing attempt takes a minute: a file stops after five minutes of tries,
         // not after 21 attempts, and the run after three passes without progress.
-        observer_.onFile = [&](const std::string&) { clock_->advance(60); };
+        onFile_ = [&](const std::string&) { clock_->advance(60); };
         store_->failOperation(Op::Put, ResultCode::Failure);
         EXPECT_LE(sent(), 4 * 2 * 5);
         store_->clearFaults();
-        observer_.onFile = nullptr;
+        onFile_ = nullptr;
         EXPECT_EQ(task_->mTaskState, CBackupTask::StateFailed);
         EXPECT_EQ(eventsOfTask("Gave up after repeated attempts"), 2u);
     }
@@ -351,7 +345,7 @@ TEST_P(BackupRunThread, FaultsEndTheRunAsANamedFailureAfterBoundedRetriesAndNoCo
     // The server stops in the middle of a run: a failure, ended within seconds.
     for (const auto& n : names)
         makeFile("work/" + n, "third, longer still " + n, T - 60);
-    observer_.onFile = [&](const std::string& file) {
+    onFile_ = [&](const std::string& file) {
         if (file.ends_with("b.txt"))
             server_->stop();
     };
