@@ -667,11 +667,8 @@ TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerItsStateAndABackupDuringItsStart
     cli.setEnv("WATCHDOG_USEC=400000");
     std::string heard; // every notice so far, one a line
     auto hear = [&](const std::string& what, int times) {
-        auto count = [&] {
-            int n = 0;
-            for (size_t at = heard.find(what); at != std::string::npos; at = heard.find(what, at + 1))
-                ++n;
-            return n;
+        auto count = [&, notice = std::regex(what)] {
+            return std::distance(std::sregex_iterator(heard.begin(), heard.end(), notice), std::sregex_iterator());
         };
         auto deadline = Clock::now() + std::chrono::seconds(20);
         for (char buffer[256]; count() < times && Clock::now() < deadline;)
