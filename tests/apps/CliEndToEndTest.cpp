@@ -107,12 +107,12 @@ class CliEndToEnd : public ::testing::Test {
 protected:
     void SetUp() override {
         cli.setEnv("CIRROVAULT_PASSWORD=correct horse");
-        FileSystem::createDirectories(home.file("Documents/letters"));
         write("Documents/a.txt", "first text of a\n");
         write("Documents/letters/b.txt", std::string(200000, 'b'));
     }
 
     void write(const std::string& relative, const std::string& content) {
+        FileSystem::createDirectories(home.file(relative).substr(0, home.file(relative).rfind('/')));
         ASSERT_TRUE(FileSystem::writeFileAtomically(home.file(relative), content));
     }
     std::string read(const std::string& relative) { return FileSystem::readFile(home.file(relative)).value_or("<none>"); }
@@ -307,7 +307,6 @@ void CliEndToEnd::checkHomeComesBackOnANewComputer() {
     ok({"restore", "Secret", "--to", home.file("second/again"), "--keep-passphrase", "--passphrase-file", phrase},
        second.get());
     has(read(kept), {"a long pass phrase"});
-    FileSystem::createDirectories(newHome + "/vault");
     write("second/home/vault/here.txt", "written on the new computer");
     fails({"task", "migrate", "Secret", "--to", newHome}, 3, "", second.get());
     fails({"backup", "Secret"}, 2, "task migrate", second.get());
@@ -403,7 +402,6 @@ TEST_F(CliEndToEnd, SettingsExclusionsAndUploadLimitThenEveryCommandInPlainTextA
 // the store's files.
 void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
     cli.setEnv("CIRROVAULT_PASSPHRASE=open sesame");
-    FileSystem::createDirectories(home.file("Documents/notes"));
     auto edit = [&](const std::string& text, double age) {
         write("Documents/notes/n.txt", text);
         FileSystem::setModifyTime(home.file("Documents/notes/n.txt"), Date::now().addingTimeInterval(-age));
@@ -423,8 +421,7 @@ void CliEndToEnd::checkNamesDamage(const std::string& storeRoot) {
 
     has(ok({"check", "Vault", "--read-data", "--compare"}).out, {"3 files and 2 older versions checked"});
     write("Documents/letters/c.txt", "not backed up yet");
-    auto newer = fails({"check", "Vault", "--compare"}, 1);
-    has(newer.out, {"Vault: Documents/letters/c.txt: not stored as it is in the source"});
+    has(fails({"check", "Vault", "--compare"}, 1).out, {"Vault: Documents/letters/c.txt: not stored as it is in the source"});
 
     // Without its phrase the run fails, and the stored copy stays current instead of going to
     // the history alone.
@@ -623,7 +620,6 @@ TEST_F(CliEndToEnd, InterruptedBackupIsCompletedByTheNextRunAndAnInterruptedRest
 // and the command says what to type.
 TEST_F(CliEndToEnd, ServiceEnableWritesTheUnitAndAsksTheUserManager) {
     std::string calls = home.file("systemctl-calls");
-    FileSystem::createDirectories(home.file("bin"));
     write("bin/systemctl", "#!/bin/sh\necho \"$*\" >> " + calls + "\nexit ${FAKE_SYSTEMCTL_EXIT:-0}\n");
     chmod(home.file("bin/systemctl").c_str(), 0755);
     cli.setEnv("PATH=" + home.file("bin") + ":/usr/bin:/bin");
@@ -659,8 +655,7 @@ TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerItsStateAndABackupDuringItsStart
     ASSERT_EQ(ok({"task", "new", "Docs", "--source", home.file("Documents")}).code, 0);
     std::string path = home.file("notify");
     int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
+    sockaddr_un addr{AF_UNIX, {}};
     std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
     ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     cli.setEnv("NOTIFY_SOCKET=" + path);
@@ -703,7 +698,6 @@ TEST_F(CliEndToEnd, DaemonTellsTheServiceManagerItsStateAndABackupDuringItsStart
 TEST_F(CliEndToEnd, CommandsBesideTheDaemonGoThroughItOrAreRefusedByItsLock) {
     ok({"logon"});
     ok({"task", "new", "Docs", "--source", home.file("Documents"), "--schedule", "daily", "--time", "03:15"});
-    FileSystem::createDirectories(home.file("Gone"));
     write("Gone/g.txt", "soon gone");
     ok({"task", "new", "Gone", "--source", home.file("Gone")});
     ASSERT_TRUE(FileSystem::removeAll(home.file("Gone")));

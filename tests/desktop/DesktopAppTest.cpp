@@ -79,8 +79,7 @@ protected:
 // is made, listed, and backs up under its progress window.
 TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
     openWindow();
-    auto step1 = named(ViewOutlet::TaskName);
-    auto browser = named(ViewOutlet::Rows);
+    auto step1 = named(ViewOutlet::TaskName), browser = named(ViewOutlet::Rows);
     auto box = [](const char* key) { return showing(LoadString::GetValueByKey(key)); };
     const std::string ok = LoadString::GetValueByKey("IDS_OK", "OK");
     int day = (Calendar::weekday(Clock::shared().now()) + 1) % 7; // two days ahead; 0 is Sunday

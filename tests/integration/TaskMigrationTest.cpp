@@ -21,16 +21,10 @@ using namespace cirrovault;
 
 namespace {
 
-using TaskPtr = std::shared_ptr<CBackupTask>;
 constexpr double kFileTime = 1'600'000'000.0;
 
 class TaskMigrationThread : public test::EngineSession {
 protected:
-    void SetUp() override {
-        EngineSession::SetUp();
-        Clock::setShared(clock_);
-        LoopDlgController::installFactory(backend_);
-    }
     void TearDown() override {
         CLoopItem::setFactory(nullptr);
         EngineSession::TearDown();
@@ -41,6 +35,8 @@ protected:
 
 // The other system's record has drive-letter paths; its files, one folder per source.
 TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOffSaysSo) {
+    Clock::setShared(clock_);
+    LoopDlgController::installFactory(backend_);
     TaskListEntry record;
     record.taskID = 4242;
     record.pcID = 31337;
@@ -70,7 +66,7 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOff
     second.initMyID();
     ASSERT_NE(second.pcID, 31337u);
     ASSERT_TRUE(second.LoadTaskList(CManageTaskList().getBackupTasks("", "false"))); // as logon asks
-    TaskPtr moving = second.GetTaskByName("Win");
+    auto moving = second.GetTaskByName("Win");
     ASSERT_TRUE(moving && moving->bMigrateTask);
     EXPECT_FALSE(second.nowDating(moving)); // never scheduled before it has moved
     second.GetTaskInformationForRestoreView("Win");
