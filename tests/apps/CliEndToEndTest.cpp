@@ -2,9 +2,9 @@
 #include <chrono>
 #include <csignal>
 #include <ctime>
-#include <fstream>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <regex>
 #include <thread>
