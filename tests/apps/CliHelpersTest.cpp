@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <tuple>
 
 #include "Json.h"
-#include "RunLock.h"
 #include "TaskFormat.h"
 #include "common/TempHome.h"
 #include "platform/os/Calendar.h"
-#include "platform/os/FileSystem.h"
 
 namespace cirrovault::cli {
 namespace {
@@ -23,39 +21,13 @@ TEST(CliDates, DatesAndTimesAreCheckedNotRolledOver) {
     EXPECT_EQ(shown("2024-03-01", true), "2024-3-1 23:59");
     for (const char* bad : {"2023-02-29", "2024-13-01", "2024-04-31", "2024-1-1", "2024-01-01 24:00", "tomorrow", ""})
         EXPECT_FALSE(TaskFormat::parseDate(bad, false)) << bad;
-    EXPECT_EQ(TaskFormat::parseTime("02:30"), 150);
-    EXPECT_EQ(TaskFormat::parseTime("9:05"), 545);
+    EXPECT_EQ(std::tuple(TaskFormat::parseTime("02:30"), TaskFormat::parseTime("9:05"), TaskFormat::parseWeekday("Sat"),
+                         TaskFormat::parseWeekday("sunday")),
+              std::tuple(150, 545, 7, 1));
     for (const char* bad : {"24:00", "12:60", "1230", "12:3", ""})
         EXPECT_FALSE(TaskFormat::parseTime(bad)) << bad;
-    EXPECT_EQ(TaskFormat::parseWeekday("Sat"), 7);
-    EXPECT_EQ(TaskFormat::parseWeekday("sunday"), 1);
     EXPECT_FALSE(TaskFormat::parseWeekday("s") || TaskFormat::parseWeekday("funday"));
     EXPECT_EQ(TaskFormat::dateText(Date(0)), "never");
-}
-
-// One holder at a time, released with it; a link planted in its place is not followed.
-TEST(CliRunLock, OneHolderAtATimeAndAPlantedLinkIsNotFollowed) {
-    test::TempHome home;
-    std::string folder = home.file("account");
-    EXPECT_FALSE(RunLock::holder(folder));
-    pid_t holder = -1;
-    auto first = RunLock::acquire(folder, &holder);
-    ASSERT_TRUE(first);
-    EXPECT_EQ(RunLock::holder(folder), getpid());
-    // A second open of the file is refused even in the same process, and names the owner.
-    EXPECT_FALSE(RunLock::acquire(folder, &holder));
-    EXPECT_EQ(holder, getpid());
-    first.reset();
-    EXPECT_FALSE(RunLock::holder(folder));
-    EXPECT_TRUE(RunLock::acquire(folder, &holder));
-
-    std::string victim = home.file("victim.txt");
-    ASSERT_TRUE(FileSystem::writeFileAtomically(victim, "precious"));
-    FileSystem::removeItem(RunLock::lockFilePath(folder)); // a released lock may leave its file
-    ASSERT_EQ(::symlink(victim.c_str(), RunLock::lockFilePath(folder).c_str()), 0);
-    EXPECT_FALSE(RunLock::acquire(folder, &holder));
-    EXPECT_FALSE(RunLock::holder(folder));
-    EXPECT_EQ(FileSystem::readFile(victim), "precious");
 }
 
 TEST(CliJson, TextIsEscapedAndKeysKeepTheirOrder) {

@@ -26,62 +26,47 @@ public:
         std::string out, err;
     };
 
-    explicit CliRunner(std::string scratch) : scratch_(std::move(scratch)) {}
+    explicit CliRunner(std::string scratch) : scratch_(std::move(scratch)) { FileSystem::createDirectories(scratch_); }
 
     // Extra "NAME=value" entries for every later run.
     void setEnv(const std::string& entry) { env_.push_back(entry); }
 
     Result run(const std::vector<std::string>& args) { return finish(start(args)); }
 
-    // Starts without waiting; finish() collects the result.
+    // Starts without waiting; finish() collects the result. Output goes to runN.out and .err.
     pid_t start(const std::vector<std::string>& args) {
-        ++runs_;
-        std::string out = outPath(), err = errPath();
+        output_ = scratch_ + "/run" + std::to_string(++runs_);
         pid_t pid = fork();
         if (pid == 0) {
-            int in = open("/dev/null", O_RDONLY);
-            int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(in, 0);
-            dup2(o, 1);
-            dup2(e, 2);
+            dup2(open("/dev/null", O_RDONLY), 0);
+            dup2(open((output_ + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+            dup2(open((output_ + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
             for (const auto& entry : env_)
                 putenv(const_cast<char*>(entry.c_str()));
-            std::vector<char*> argv;
-            std::string binary = CIRROVAULT_BINARY;
-            argv.push_back(binary.data());
-            std::vector<std::string> copy = args;
-            for (auto& a : copy)
-                argv.push_back(a.data());
+            std::vector<char*> argv = {const_cast<char*>(CIRROVAULT_BINARY)};
+            for (const auto& a : args)
+                argv.push_back(const_cast<char*>(a.c_str()));
             argv.push_back(nullptr);
-            execv(binary.c_str(), argv.data());
+            execv(CIRROVAULT_BINARY, argv.data());
             _exit(127);
         }
-        pending_ = {out, err};
         return pid;
     }
 
     Result finish(pid_t pid) {
-        Result result;
         int status = 0;
         waitpid(pid, &status, 0);
-        result.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        result.out = FileSystem::readFile(pending_.first).value_or("");
-        result.err = FileSystem::readFile(pending_.second).value_or("");
-        return result;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), outputSoFar(),
+                FileSystem::readFile(output_ + ".err").value_or("")};
     }
 
     // What a started process has printed so far.
-    std::string outputSoFar() const { return FileSystem::readFile(pending_.first).value_or(""); }
+    std::string outputSoFar() const { return FileSystem::readFile(output_ + ".out").value_or(""); }
 
 private:
-    std::string outPath() const { return scratch_ + "/run" + std::to_string(runs_) + ".out"; }
-    std::string errPath() const { return scratch_ + "/run" + std::to_string(runs_) + ".err"; }
-
-    std::string scratch_;
+    std::string scratch_, output_;
     std::vector<std::string> env_;
     int runs_ = 0;
-    std::pair<std::string, std::string> pending_;
 };
 
 } // namespace cirrovault::test

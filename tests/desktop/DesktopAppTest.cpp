@@ -38,7 +38,6 @@ protected:
     static void SetUpTestSuite() { ASSERT_TRUE(gtk_init_check()) << "no display: run under xvfb-run"; }
 
     void SetUp() override {
-        source_ = home_.file("Documents");
         FileSystem::createDirectories(source_);
         FileSystem::writeFileAtomically(source_ + "/letter.txt", "first draft\n");
         cli::GlobalOptions options;
@@ -46,10 +45,6 @@ protected:
         options.password = "correct horse";
         session_ = std::make_unique<DesktopSession>(options, nullptr);
         ASSERT_TRUE(session_->logon(nullptr));
-    }
-    void TearDown() override {
-        window_.reset();
-        session_.reset();
     }
 
     // A daily task runs first tomorrow, one without a schedule at once.
@@ -72,16 +67,9 @@ protected:
         gtk_window_present(window_->window());
         window_->refreshTasks();
     }
-    // The restore window of the task Documents, on its one file.
-    RestoreWindow& openRestore() {
-        EXPECT_TRUE(window_->selectTask("Documents"));
-        window_->openRestore();
-        EXPECT_TRUE(window_->restoreWindow()->selectFile("Documents/letter.txt"));
-        return *window_->restoreWindow();
-    }
 
     test::TempHome home_;
-    std::string source_;
+    std::string source_ = home_.file("Documents");
     std::unique_ptr<DesktopSession> session_;
     std::unique_ptr<MainWindow> window_;
 };
@@ -91,30 +79,23 @@ protected:
 // is made, listed, and backs up under its progress window.
 TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
     openWindow();
-    auto step1 = named(ViewOutlet::TaskName);
-    auto browser = named(ViewOutlet::Rows);
+    auto step1 = named(ViewOutlet::TaskName), browser = named(ViewOutlet::Rows);
     auto box = [](const char* key) { return showing(LoadString::GetValueByKey(key)); };
     const std::string ok = LoadString::GetValueByKey("IDS_OK", "OK");
     int day = (Calendar::weekday(Clock::shared().now()) + 1) % 7; // two days ahead; 0 is Sunday
+    auto name = [](const char* text) {
+        return [text](GtkWidget* w) { type(w, named(ViewOutlet::TaskName), text); press(w, ViewButton::Next); };
+    };
+    auto shotThen = [](const char* shot, std::string button) {
+        return [=](GtkWidget* w) { EXPECT_TRUE(screenshot(w, shot)); press(w, button); };
+    };
     Script script(
         window_->window(),
         {
             {browser, [](GtkWidget* w) { press(w, ViewButton::Done); }}, // nothing ticked yet
-            {step1,
-             [](GtkWidget* w) {
-                 type(w, named(ViewOutlet::TaskName), "");
-                 press(w, ViewButton::Next);
-             }},
-            {box("EmptyTaskName"),
-             [&](GtkWidget* w) {
-                 EXPECT_TRUE(screenshot(w, "wizard-refused"));
-                 press(w, ok);
-             }},
-            {step1,
-             [](GtkWidget* w) { // still there; the leading space is not kept
-                 type(w, named(ViewOutlet::TaskName), " Documents");
-                 press(w, ViewButton::Next);
-             }},
+            {step1, name("")},
+            {box("EmptyTaskName"), shotThen("wizard-refused", ok)},
+            {step1, name(" Documents")}, // still there; the leading space is not kept
             {box("IDS_MSGSELFOLDER"), [&](GtkWidget* w) { press(w, ok); }},
             {step1, [](GtkWidget* w) { press(w, ViewButton::Back); }},
             {browser,
@@ -144,11 +125,7 @@ TEST_F(DesktopAppTest, MakesAWeeklyTaskThroughTheWizardAndBacksItUp) {
                  EXPECT_TRUE(screenshot(w, "wizard-step1"));
                  press(w, ViewButton::Next);
              }},
-            {showing("Make the task"),
-             [](GtkWidget* w) {
-                 EXPECT_TRUE(screenshot(w, "wizard-schedule"));
-                 press(w, "Make the task");
-             }},
+            {showing("Make the task"), shotThen("wizard-schedule", "Make the task")},
         });
     window_->newTask();
     EXPECT_TRUE(script.finished()) << "stopped before step " << script.stepsDone() + 1;
@@ -215,7 +192,9 @@ TEST_F(DesktopAppTest, RestoresAnOlderVersionMissingFilesAndAsksForAPassPhraseTh
     ASSERT_TRUE(window_->selectTask("Documents"));
     window_->backUpNow(); // keeps "first draft" as an older version
 
-    RestoreWindow& restore = openRestore();
+    window_->openRestore();
+    RestoreWindow& restore = *window_->restoreWindow();
+    EXPECT_TRUE(restore.selectFile("Documents/letter.txt"));
     auto rows = restore.versionRows();
     ASSERT_EQ(rows.size(), 2u); // current, then the older one
     ASSERT_TRUE(restore.selectVersionRow(1));

@@ -1,5 +1,6 @@
 // Another computer's task moves here: pointed at a copy of the same files, its next run
-// sends none of them again. The wait dialog is the headless one.
+// sends none of them again, and its record names this computer (a later logon loads it as
+// this computer's own). The wait dialog is the headless one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,49 +21,22 @@ using namespace cirrovault;
 
 namespace {
 
-using TaskPtr = std::shared_ptr<CBackupTask>;
 constexpr double kFileTime = 1'600'000'000.0;
 
 class TaskMigrationThread : public test::EngineSession {
 protected:
-    void SetUp() override {
-        EngineSession::SetUp();
-        Clock::setShared(clock_);
-        LoopDlgController::installFactory(backend_);
-    }
     void TearDown() override {
         CLoopItem::setFactory(nullptr);
         EngineSession::TearDown();
     }
-    // One whole run of a task of the manager, as the user starts it; the files stored.
-    int run(CBackupManage& manager, const std::string& name) {
-        int before = store_->putCount();
-        TaskPtr task = manager.GetTaskByName(name);
-        if (!task || !manager.StartBackupByUser(name, false))
-            return -1;
-        std::shared_ptr<Thread> worker = task->pBackupTaskThread;
-        task->checkFinshedBackup();
-        worker->join();
-        EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded) << name;
-        return store_->putCount() - before;
-    }
-    // One task with its paths, or (as logon asks) every task without them.
-    std::string reply(const std::string& name) {
-        return CManageTaskList().getBackupTasks(name, name.empty() ? "false" : "true");
-    }
-    std::vector<std::string> sources(const TaskPtr& task) {
-        std::vector<std::string> paths;
-        for (const auto& entry : task->localDirList)
-            paths.push_back(entry.isRecord() ? entry.record().m_strPath : entry.path());
-        return paths;
-    }
-
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(kFileTime + 86400));
     std::shared_ptr<HeadlessViewBackend> backend_ = std::make_shared<HeadlessViewBackend>();
 };
 
 // The other system's record has drive-letter paths; its files, one folder per source.
 TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOffSaysSo) {
+    Clock::setShared(clock_);
+    LoopDlgController::installFactory(backend_);
     TaskListEntry record;
     record.taskID = 4242;
     record.pcID = 31337;
@@ -91,8 +65,8 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOff
     CBackupManage second;
     second.initMyID();
     ASSERT_NE(second.pcID, 31337u);
-    ASSERT_TRUE(second.LoadTaskList(reply("")));
-    TaskPtr moving = second.GetTaskByName("Win");
+    ASSERT_TRUE(second.LoadTaskList(CManageTaskList().getBackupTasks("", "false"))); // as logon asks
+    auto moving = second.GetTaskByName("Win");
     ASSERT_TRUE(moving && moving->bMigrateTask);
     EXPECT_FALSE(second.nowDating(moving)); // never scheduled before it has moved
     second.GetTaskInformationForRestoreView("Win");
@@ -100,27 +74,24 @@ TEST_F(TaskMigrationThread, TaskOfTheOtherSystemWithACommonParentMovesThenLogOff
     EXPECT_EQ(second.taskBackupLogLocalPath, "C:\\Users\\bob");
 
     EXPECT_TRUE(second.MigrateTaskToCurrentPC(newRoot, moving, second.nOSBackupDataType));
-    EXPECT_EQ(sources(moving), (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
-    std::string stored = reply("Win");
-    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", stored), sources(moving));
+    // The runs below send from the new root: nothing of the same files, one new file.
+    std::string stored = CManageTaskList().getBackupTasks("Win", "true");
+    EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_Path", stored),
+              (std::vector<std::string>{newRoot + "/Docs", newRoot + "/Pics"}));
     EXPECT_EQ(Functions::GetValueArrayByKey("RETURN_PcID", stored),
               std::vector<std::string>{std::to_string(second.pcID)});
-    EXPECT_EQ(run(second, "Win"), 0);
+    runToEnd(*moving);
+    EXPECT_EQ(store_->putCount(), 0);
     place("Pics/d.jpg");
-    EXPECT_EQ(run(second, "Win"), 1);
+    runToEnd(*moving);
+    EXPECT_EQ(moving->mTaskState, CBackupTask::StateSucceeded);
+    EXPECT_EQ(store_->putCount(), 1);
     EXPECT_TRUE(exists("\\Backups\\Win\\Pics\\d.jpg"));
 
-    // Loaded afresh, the task is this computer's own.
-    CBackupManage again;
-    again.pcID = second.pcID;
-    ASSERT_TRUE(again.LoadTaskList(reply("")));
-    ASSERT_TRUE(again.GetTaskByName("Win"));
-    EXPECT_FALSE(again.GetTaskByName("Win")->bMigrateTask);
-
     // Log-off says so in the wait dialog, ends the session and empties the list.
-    again.logOff(false);
+    second.logOff(false);
     EXPECT_TRUE(api().sessionID().empty());
-    EXPECT_TRUE(again.taskList.empty());
+    EXPECT_TRUE(second.taskList.empty());
     auto shown = backend_->textsOf(ViewLayout::LoopDialog, ViewOutlet::LogOnStr);
     EXPECT_NE(std::find(shown.begin(), shown.end(), LoadString::GetValueByKey("IDS_LOGOFFING", "")), shown.end());
 }
