@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <future>
@@ -8,8 +9,15 @@
 
 #include "common/EngineSession.h"
 #include "engine/task/UploadPool.h"
+#include "engine/task/VersionNames.h"
+#include "platform/framework/AccountBalance.h"
+#include "platform/framework/Functions.h"
+#include "platform/framework/LoadString.h"
 #include "platform/framework/NimboSetting.h"
+#include "platform/framework/UploadFileInfo.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
+#include "support/CFileInfo.h"
+#include "support/GlobalFunction.h"
 
 using namespace cirrovault;
 using Op = FaultInjectingStore::Operation;
@@ -17,6 +25,14 @@ using Op = FaultInjectingStore::Operation;
 namespace {
 
 constexpr double T = 1'600'000'000.0;
+constexpr int64_t MB = 1 << 20;
+
+std::string size(int64_t bytes) {
+    return Functions::FormatSizeToString(bytes);
+}
+std::string text(const char* key) {
+    return LoadString::GetValueByKey(key, "");
+}
 
 // Records every notice, and for notice 4 the file whose upload begins. Read once the
 // run's threads have ended.
@@ -75,10 +91,93 @@ protected:
         task_->checkFinshedBackup();
         worker->join();
     }
+    // serverFolder, holding "\src", made on the store for the task.
+    void useServerFolder(const std::string& serverFolder) {
+        task_->serverPath = serverFolder;
+        for (size_t at = 1; at <= serverFolder.size(); ++at) {
+            if (at == serverFolder.size() || serverFolder[at] == '\\')
+                local_->makeFolder(serverFolder.substr(0, at), "", "");
+        }
+        local_->makeFolder(serverFolder + "\\src", "", "");
+        tree().RefreshSvrPath("\\");
+        store_->resetCounts();
+    }
+    void stored(const std::string& name, const std::string& content, double time) {
+        putCopy(task_->serverPath + "\\src\\" + name, content, time);
+    }
+    bool decide(const std::string& name, const std::string& content, double time) {
+        return task_->CalculateBackupFileSize(local(name, content, time));
+    }
+    int64_t freeSpace() {
+        AccountBalance balance;
+        EXPECT_EQ(api().GetAccountBalance(balance), ResultCode::Success);
+        return balance.maxSpace - balance.fileSpaceUsed - balance.msgSpaceUsed;
+    }
+    void setFree(int64_t bytes) {
+        AccountBalance balance;
+        ASSERT_EQ(api().GetAccountBalance(balance), ResultCode::Success);
+        ASSERT_EQ(local_->setQuota(balance.fileSpaceUsed + balance.msgSpaceUsed + bytes),
+                  ResultCode::Success);
+    }
+    // The prompts shown since the last call, as "style|text".
+    std::vector<std::string> prompts() {
+        std::vector<std::string> shown;
+        for (const auto& prompt : dialogs_->shown())
+            shown.push_back(std::to_string(prompt.style) + "|" + prompt.text);
+        dialogs_->clearShown();
+        return shown;
+    }
+    // One upload as the run does it: keep the current copy, then overwrite it.
+    std::string upload(const std::string& relative, const std::string& content, double time) {
+        std::string local = makeFile("src/" + relative, content, time);
+        std::string folder = task_->getTargetSvrFolder(local, true);
+        std::string name = CFileInfo::getMacFileName(local, false);
+        std::string serverFile = CFileInfo::serverPathAppend(folder, name);
+        EXPECT_TRUE(GlobalFunction::CreateSrvFolder(folder, "", "", nullptr));
+        PathInfo info;
+        EXPECT_TRUE(!tree().FindPath(serverFile, info, false) ||
+                    task_->recordCurrent(serverFile, task_->uiMaxVersion, name));
+        TransferInfo transfer;
+        transfer.setLocFile(local);
+        transfer.setSvrFile(serverFile);
+        UploadFileInfo uploaded;
+        EXPECT_EQ(api().UploadFile(transfer, uploaded), ResultCode::Success);
+        return serverFile;
+    }
+    std::vector<std::string> names(const std::string& folder) {
+        std::vector<PathInfo> entries;
+        tree().GetSubList(folder, entries, false, false);
+        std::vector<std::string> result;
+        for (const auto& entry : entries)
+            result.push_back(entry.name);
+        std::sort(result.begin(), result.end());
+        return result;
+    }
+    std::string versionFolder(const std::string& sub) {
+        return task_->getSvrHistoryFolder(false) + "\\" + task_->name + "\\" + sub;
+    }
+
     std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>(Date(T));
     RecordingDelegate delegate_;
     std::shared_ptr<CBackupTask> task_;
 };
+
+class BackupTaskSpace : public BackupTaskRunThread {
+protected:
+    void SetUp() override {
+        BackupTaskRunThread::SetUp();
+        useServerFolder("\\Backup");
+    }
+};
+
+class BackupTaskVersions : public BackupTaskRunThread {
+protected:
+    void SetUp() override {
+        BackupTaskRunThread::SetUp();
+        ASSERT_EQ(api().AddFolder("\\Backup", "", "", false), ResultCode::Success);
+    }
+};
+
 
 TEST_F(BackupTaskRunThread, RunSendsNoticesInOrderAndRerunsListEachServerFolderAtMostOnce) {
     for (const char* folder : {"a", "b", "c d"})
@@ -323,6 +422,291 @@ TEST(UploadPoolTest, JobsRunSideBySideAndAreTakenBackInTheOrderGiven) {
     }
     EXPECT_EQ(pool.takeFinished(true), nullptr);
     EXPECT_TRUE(pool.empty());
+}
+
+
+TEST(BackupTaskChangeRule, ExactStoresTrustTheTimeCoarseOnesForgiveEqualSizesOnly) {
+    auto current = [](uint64_t size, double at, uint64_t storedSize, double precision,
+                      int64_t window, bool encrypted = false) {
+        return CBackupTask::storedCopyIsCurrent(size, Date(at), storedSize, Date(T), encrypted,
+                                                precision, window);
+    };
+    for (double precision : {1e-9, 1.0}) {
+        SCOPED_TRACE(precision);
+        EXPECT_TRUE(current(4, T, 4, precision, 2));
+        // Grown from 30 to 40 bytes and saved within the window: always sent.
+        EXPECT_FALSE(current(40, T + 2, 30, precision, 2));
+        EXPECT_FALSE(current(40, T, 30, precision, 2));
+        // A clock moved by one hour is no change with the same size only.
+        EXPECT_TRUE(current(4, T + 3600, 4, precision, 2));
+        EXPECT_FALSE(current(5, T + 3600, 4, precision, 2));
+        // An encrypted copy is 128 bytes longer.
+        EXPECT_TRUE(current(4, T, 132, precision, 2, true));
+        EXPECT_FALSE(current(4, T, 4, precision, 2, true));
+    }
+    // A store keeping exact times: any difference is a change.
+    EXPECT_FALSE(current(4, T + 0.001, 4, 1e-9, 2));
+    EXPECT_FALSE(current(4, T + 3601, 4, 1e-9, 2));
+    // A store keeping seconds: the window over equal sizes, whole seconds only.
+    EXPECT_TRUE(current(4, T + 2.9, 4, 1, 2));
+    EXPECT_FALSE(current(4, T + 3, 4, 1, 2));
+    EXPECT_TRUE(current(4, T - 3602.5, 4, 1, 2));
+    EXPECT_FALSE(current(4, T + 3603, 4, 1, 2));
+    EXPECT_TRUE(current(4, T + 0.9, 4, 1, 0));
+    EXPECT_FALSE(current(4, T + 1, 4, 1, 0));
+}
+
+TEST_F(BackupTaskSpace, ChangeDecisionOnTheLocalStoreResumedUploadsAndEncryptedExtra) {
+    for (const char* name : {"same.txt", "near.txt", "hour.txt", "grown.txt"})
+        stored(name, "1234", T);
+    stored("resume.txt.part", "12345", T); // an interrupted upload
+    stored("a%3Ab.txt", "1", T);            // "a:b.txt" under the name the service takes
+
+    EXPECT_FALSE(decide("same.txt", "abcd", T));
+    EXPECT_FALSE(decide("hour.txt", "abcd", T + 3600));
+    EXPECT_EQ(std::pair(task_->uiNeedSpace, task_->scanFileArray.size()), std::pair(0ul, 0ul));
+
+    EXPECT_TRUE(decide("near.txt", "abcd", T + 1.5)); // the local store keeps exact times
+    EXPECT_TRUE(decide("grown.txt", "abcdefghij", T + 2)); // charged in full
+    EXPECT_EQ(task_->uiNeedSpace, 4u + 10u);
+
+    EXPECT_TRUE(decide("new.txt", "abcdefg", T));
+    EXPECT_EQ(task_->uiNeedSpace, 21u);
+
+    // Resumed upload: listed, but it adds nothing and lowers the remote size.
+    task_->uiRemoteSize = 3;
+    EXPECT_TRUE(decide("resume.txt", "abcdefgh", T));
+    EXPECT_EQ(std::pair(task_->uiNeedSpace, task_->uiRemoteSize), std::pair(21ul, 0ul));
+    task_->uiRemoteSize = 100;
+    task_->getPartSizeFromSever(home_.file("src/resume.txt"));
+    EXPECT_EQ(task_->uiRemoteSize, 95u);
+
+    EXPECT_EQ(task_->fileTotalSize, 4u + 10u + 7u + 8u);
+    std::vector<std::string> expected;
+    for (const char* name : {"near.txt", "grown.txt", "new.txt", "resume.txt"})
+        expected.push_back(home_.file(std::string("src/") + name));
+    EXPECT_EQ(task_->scanFileArray, expected);
+
+    task_->filterExt = {"*.log"};
+    EXPECT_FALSE(decide("x.log", "l", T));
+    EXPECT_FALSE(decide("a:b.txt", "l", T)); // found under its escaped name
+    // Too long once encoded: left out, and named for the event log and the summary.
+    const std::string colons(90, ':');
+    EXPECT_FALSE(decide(colons, "l", T));
+    EXPECT_EQ(task_->leftOutPaths, std::vector<std::string>{home_.file("src/" + colons)});
+    EXPECT_FALSE(task_->CalculateBackupFileSize(home_.file("src/missing.txt")));
+
+    EXPECT_EQ(store_->listCount("\\Backup\\src"), 1);
+
+    // An encrypted task charges new files 128 bytes more.
+    useServerFolder("\\" + LoadString::GetValueByKey("EncryptionFolder", "") + "\\Backup");
+    task_->uiNeedSpace = task_->fileTotalSize = 0;
+    stored("moved.txt", std::string(4 + 128, 'e'), T);
+    stored("changed.txt", std::string(4 + 128, 'e'), T);
+    EXPECT_FALSE(decide("moved.txt", "abcd", T + 3600));
+    EXPECT_TRUE(decide("changed.txt", "abcd", T + 60));
+    EXPECT_EQ(task_->uiNeedSpace, 4u);
+    EXPECT_TRUE(decide("new.txt", "abcdef", T));
+    EXPECT_EQ(task_->uiNeedSpace, 4u + 6u + 128u);
+    EXPECT_EQ(task_->fileTotalSize, 10u);
+}
+
+TEST_F(BackupTaskSpace, AccountSpaceCheck) {
+    setFree(5 * MB);
+    EXPECT_TRUE(task_->CheckAccountSpace(1));
+    EXPECT_TRUE(prompts().empty());
+
+    // Exactly enough is not enough. Declining with some space left ends quietly.
+    EXPECT_FALSE(task_->CheckAccountSpace(5 * MB));
+    EXPECT_EQ(std::pair(task_->iBackupRet, task_->bHaveErr.load()), std::pair(0ul, false));
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 5, 5)});
+
+    // Needed MB rounded up, free MB rounded down.
+    setFree(MB + MB / 2);
+    EXPECT_FALSE(task_->CheckAccountSpace(MB + MB / 2 + MB / 4));
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_NEEDMOREBUYSPACE", "Docs", 2, 1)});
+
+    // Nothing left: the other prompt, and declining refuses the run.
+    setFree(0);
+    EXPECT_FALSE(task_->CheckAccountSpace(1));
+    EXPECT_EQ(std::pair(task_->iBackupRet, task_->bHaveErr.load()),
+              std::pair(static_cast<uint64_t>(ResultCode::SpaceLimit), true));
+    EXPECT_EQ(prompts(), std::vector<std::string>{"6|" + LoadString::Format("NeedMoreBuySpace", 0)});
+    EXPECT_FALSE(task_->CheckAccountSpace(0));
+    EXPECT_EQ(SystemLog::capturedCount("needspace is zero."), 1u);
+    prompts();
+
+    // Ordering space and retrying reads fresh figures and asks again.
+    dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
+    dialogs_->queueAnswer(MessageboxAnswer::Retry);
+    EXPECT_FALSE(task_->CheckAccountSpace(1));
+    EXPECT_EQ(prompts().size(), 3u);
+    EXPECT_EQ(task_->iBackupRet, static_cast<uint64_t>(ResultCode::SpaceLimit));
+
+    // Account figures that cannot be read end the check with the service's code.
+    api().Logoff();
+    EXPECT_FALSE(task_->CheckAccountSpace(1));
+    EXPECT_NE(task_->iBackupRet, 0u);
+}
+
+TEST_F(BackupTaskSpace, FreeSpaceBeforeARun) {
+    int64_t code = -1;
+    setFree(5 * MB);
+    EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(MB, task_.get(), &code));
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE(prompts().empty());
+
+    // Short of space: going on anyway is the user's choice (the default answer).
+    setFree(MB);
+    EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(2 * MB, task_.get(), &code));
+    EXPECT_EQ(prompts(), std::vector<std::string>{
+                             "8|" + LoadString::Format("IDS_STRNEEDMORESPACE", "Docs", size(2 * MB),
+                                                       size(MB), size(2 * MB))});
+
+    // Ordering space, then not trying again, stops the run.
+    setFree(0);
+    dialogs_->queueAnswer(MessageboxAnswer::OrderSpace);
+    EXPECT_FALSE(CBackupTask::CheckFreeSpaceFromServer(MB, task_.get(), &code));
+    EXPECT_EQ(prompts(),
+              (std::vector<std::string>{"8|" + LoadString::Format("SubUserHaveBuyStorageSpace",
+                                                                  "Docs", size(MB), size(0)),
+                                        "3|" + LoadString::GetValueByKey("IDS_REBACKAGAIN", "")}));
+
+    // More used than allowed: the free size shows negative.
+    ASSERT_EQ(local_->setQuota(LocalStore::DiskQuota), ResultCode::Success);
+    stored("big.bin", std::string(2000, 'b'), T);
+    ASSERT_EQ(local_->setQuota(1000), ResultCode::Success);
+    ASSERT_LT(freeSpace(), 0);
+    EXPECT_TRUE(CBackupTask::CheckFreeSpaceFromServer(10, task_.get(), &code));
+    EXPECT_NE(prompts().at(0).find("-" + size(-freeSpace())), std::string::npos);
+}
+
+
+TEST_F(BackupTaskVersions, FoldersAreMadeWithTheirDescriptionsAndCaptions) {
+    std::string data = text("ApplicationDataPath");
+    std::string tasks = CFileInfo::serverPathAppend(data, text("ServerStoreTaskPath"));
+    std::string info = task_->getSvrInfoFolder();
+    EXPECT_EQ(info, CFileInfo::serverPathAppend(tasks, text("IDS_INFOPATH")));
+    EXPECT_EQ(task_->getSvrHistoryFolder(false),
+              CFileInfo::serverPathAppend(tasks, text("IDS_HISTFOLDER")));
+    std::string encrypted = task_->getSvrHistoryFolder(true);
+    EXPECT_EQ(encrypted,
+              CFileInfo::serverPathAppend(text("EncryptionFolder"), text("IDS_HISTFOLDER")));
+
+    tree().RefreshSvrPath("\\");
+    // The data folder has its caption text as description: the other way round.
+    for (auto [folder, description, caption] :
+         {std::tuple{data, text("IDS_STRORVODATACAP"), text("IDS_STRORVODATANOTE")},
+          std::tuple{tasks, text("IDS_STRAPPFOLDERNOTE"), text("IDS_STRAPPFOLDERCAP")},
+          std::tuple{info, text("IDS_INFONOTE"), text("IDS_INFOPATH")},
+          std::tuple{encrypted, text("IDS_HISTNOTE"), std::string()}}) {
+        PathInfo found;
+        ASSERT_TRUE(tree().FindPath(folder, found, false)) << folder;
+        EXPECT_EQ(found.description, description) << folder;
+        EXPECT_EQ(found.caption, caption) << folder;
+    }
+
+    api().Logoff();
+    EXPECT_EQ(task_->getSvrInfoFolder(), "");
+    EXPECT_EQ(task_->getSvrHistoryFolder(true), "");
+}
+
+// "a1.txt" reads as a version of "a.txt": each file keeps and drops only its own.
+TEST_F(BackupTaskVersions, KeepsAtMostMaxMinusOneVersionsReusingTheOldestNameEachOnlyItsOwn) {
+    task_->uiMaxVersion = 3;
+    const std::vector<std::string> files{"a.txt", "a1.txt"};
+    for (int change = 0; change < 5; ++change)
+        for (const auto& file : files)
+            upload("x/" + file, file + " #" + std::to_string(change), T + change);
+    const std::string versions = versionFolder("src\\x");
+    auto own = [&](const std::string& file) {
+        std::vector<std::string> kept;
+        for (const auto& name : names(versions))
+            if (VersionNames::numberOf(name, file, files))
+                kept.push_back(fetch(versions + "\\" + name));
+        std::sort(kept.begin(), kept.end());
+        return kept;
+    };
+    for (const auto& file : files)
+        EXPECT_EQ(fetch("\\Backup\\src\\x\\" + file), file + " #4");
+    // Full, the oldest went and its name took the newer version; each kept only its own.
+    std::vector<std::string> all;
+    for (const auto& name : names(versions))
+        all.push_back(name + "=" + fetch(versions + "\\" + name));
+    EXPECT_EQ(all, (std::vector<std::string>{"a0.txt=a.txt #2", "a10.txt=a1.txt #2",
+                                             "a11.txt=a1.txt #3", "a2.txt=a.txt #3"}));
+    EXPECT_EQ(task_->getOldTimeHistoryFile(versions), "a0.txt");
+    EXPECT_EQ(names("\\Backup\\src\\x"), files);
+
+    task_->uiMaxVersion = 2;
+    upload("x/a1.txt", "a1.txt #5", T + 20);
+    EXPECT_EQ(own("a1.txt"), std::vector<std::string>{"a1.txt #4"});
+    EXPECT_EQ(own("a.txt").size(), 2u);
+}
+
+// Nothing is kept below two versions or of a missing copy; a keep cut off (a refused move)
+// leaves no version beside the file, where a restore would take it for a file of its own.
+TEST_F(BackupTaskVersions, NothingKeptBelowTwoAndAnInterruptedKeepLeavesNoVersionBesideTheFile) {
+    std::string serverFile = upload("x/a.txt", "one", T);
+    for (uint64_t max : {0, 1})
+        EXPECT_FALSE(task_->recordCurrent(serverFile, max, "a.txt"));
+    EXPECT_FALSE(task_->recordCurrent("", 5, "a.txt"));
+    EXPECT_EQ(names(versionFolder("src\\x")), std::vector<std::string>{});
+    EXPECT_FALSE(task_->recordCurrent("\\Backup\\src\\gone.txt", 5, "gone.txt"));
+    EXPECT_TRUE(SystemLog::capturedContains("Error:Edit file: \\Backup\\src\\gone.txt"));
+    EXPECT_EQ(task_->getOldTimeHistoryFile("\\Backup\\missing"), "");
+
+    for (int32_t passing : {0, 1, 2}) {
+        store_->failOperation(FaultInjectingStore::Operation::Move, ResultCode::Failure, 1,
+                              passing);
+        bool kept = task_->recordCurrent(serverFile, task_->uiMaxVersion, "a.txt");
+        store_->clearFaults();
+        tree().RefreshSvrPath("\\");
+        std::vector<std::string> beside = names("\\Backup\\src\\x");
+        if (kept) {
+            EXPECT_EQ(beside, std::vector<std::string>{}) << passing;
+            EXPECT_EQ(names(versionFolder("src\\x")), (std::vector<std::string>{"a0.txt"}));
+            break;
+        }
+        EXPECT_EQ(beside, std::vector<std::string>{"a.txt"}) << passing;
+        EXPECT_EQ(fetch(serverFile), "one");
+    }
+}
+
+TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
+    std::string base(250, 'a');
+    std::string first = base + ".txt";
+    std::string second = base + "b.txt";
+    std::string version = VersionNames::name(first, 123456789);
+    EXPECT_LE(version.size(), 255u);
+    EXPECT_TRUE(version.ends_with("123456789.txt"));
+    EXPECT_NE(VersionNames::name(first, 0), VersionNames::name(second, 0));
+    EXPECT_EQ(VersionNames::numberOf(version, first, {first, second}), 123456789u);
+    EXPECT_FALSE(VersionNames::numberOf(version, second, {first, second}));
+    EXPECT_EQ(VersionNames::rivals(first, {first, second, "b.txt"}),
+              (std::vector<std::string>{second}));
+    EXPECT_EQ(VersionNames::rivals("n0", {"n", "n0", "n05", "m05", "n050"}),
+              (std::vector<std::string>{"n05", "n050"}));
+
+    // A cut never splits a character.
+    std::string accented;
+    for (int i = 0; i < 125; ++i)
+        accented += "é";
+    std::string cut = VersionNames::name(accented + ".txt", 7);
+    EXPECT_LE(cut.size(), 255u);
+    size_t mark = cut.find('~');
+    ASSERT_NE(mark, std::string::npos);
+    EXPECT_EQ(mark % 2, 0u);
+
+    // Short names stay base + number + extension; only numbers this system writes count.
+    EXPECT_EQ(VersionNames::name("notes", 3), "notes3");
+    EXPECT_EQ(VersionNames::name(".profile", 1), ".profile1");
+    EXPECT_EQ(VersionNames::name("a.tar.gz", 0), "a.tar0.gz");
+    EXPECT_FALSE(VersionNames::numberOf("n05", "n", {}));
+    EXPECT_FALSE(VersionNames::numberOf("n", "n", {}));
+    EXPECT_FALSE(VersionNames::numberOf("a0.md", "a.txt", {}));
 }
 
 } // namespace
