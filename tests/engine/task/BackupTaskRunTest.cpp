@@ -7,17 +7,24 @@
 #include <mutex>
 #include <tuple>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/EngineLoopDialog.h"
 #include "common/EngineSession.h"
 #include "engine/task/UploadPool.h"
 #include "engine/task/VersionNames.h"
 #include "platform/framework/AccountBalance.h"
 #include "platform/framework/Functions.h"
 #include "platform/framework/LoadString.h"
+#include "platform/framework/MailSender.h"
 #include "platform/framework/NimboSetting.h"
 #include "platform/framework/UploadFileInfo.h"
 #include "platform/view/headless/HeadlessViewBackend.h"
+#include "service/CManageTaskList.h"
 #include "support/CFileInfo.h"
 #include "support/GlobalFunction.h"
+#include "support/OptionsMan.h"
 
 using namespace cirrovault;
 using Op = FaultInjectingStore::Operation;
@@ -707,6 +714,361 @@ TEST(VersionNamesTest, LongNamesAreCutWithAHashAndTheUsersNameStays) {
     EXPECT_FALSE(VersionNames::numberOf("n05", "n", {}));
     EXPECT_FALSE(VersionNames::numberOf("n", "n", {}));
     EXPECT_FALSE(VersionNames::numberOf("a0.md", "a.txt", {}));
+}
+
+
+class BackupTaskReport : public BackupTaskRunThread {
+protected:
+    void SetUp() override {
+        BackupTaskRunThread::SetUp();
+        CErrorLog::releaseErrorLogClass();
+        OptionsMan::clearnOptionsManClass();
+        task_->mPCName = "desk";
+        task_->taskID = 42;
+    }
+    void TearDown() override {
+        OptionsMan::clearnOptionsManClass();
+        CErrorLog::releaseErrorLogClass();
+        BackupTaskRunThread::TearDown();
+    }
+
+    // The records of the event log, without the format mark and the empty tail.
+    std::vector<std::string> events() {
+        std::vector<std::string> records;
+        for (const auto& line : CErrorLog::GetErrorList().value_or(std::vector<std::string>{}))
+            if (!line.empty() && line.find('|') != std::string::npos)
+                records.push_back(line);
+        return records;
+    }
+    void setOptions(const std::string& email, bool whenError, bool whenFinish) {
+        OptionsMan::setReportEmail(email);
+        OptionsMan::SetReportWhenError(whenError);
+        OptionsMan::SetReportWhenFinish(whenFinish);
+        OptionsMan::SaveOptions();
+        OptionsMan::clearnOptionsManClass(); // the report must load them itself
+    }
+    std::vector<std::string> mails() { // in no particular order
+        std::vector<std::string> messages;
+        std::string outbox = MailSender::outboxFolder(api().customerID());
+        for (const auto& name : FileSystem::listDirectory(outbox).value_or(std::vector<std::string>{}))
+            if (name.ends_with(".eml"))
+                messages.push_back(readFile(outbox + "/" + name));
+        return messages;
+    }
+    // Whether one of the messages has the subject of key, up to the task's name.
+    static bool has(const std::vector<std::string>& messages, const char* key) {
+        std::string subject = LoadString::GetValueByKey(key);
+        subject = "Subject: " + subject.substr(0, subject.find('{'));
+        return std::any_of(messages.begin(), messages.end(), [&](const std::string& message) {
+            return message.find(subject) != std::string::npos;
+        });
+    }
+
+};
+
+TEST_F(BackupTaskReport, ResultCodesBecomeErrorTextAndEvents) {
+    task_->getBackupTaskResult(0, "\\Backup\\a", "/a");
+    task_->getBackupTaskResult(6, "\\Backup\\a", "/a");
+    EXPECT_FALSE(task_->bHaveErr || task_->strErrLog);
+    EXPECT_TRUE(events().empty());
+
+    task_->getBackupTaskResult(73, "\\Backup\\big", "/big");
+    std::string limit = LoadString::Format("OrvoSubItemLimitation", "\\Backup\\big", 1000);
+    EXPECT_EQ(task_->strErrLog, limit);
+    EXPECT_TRUE(task_->bHaveErr);
+    std::vector<std::string> records = events();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].substr(0, records[0].rfind('|', records[0].rfind('|') - 1)),
+              records[1].substr(0, records[1].rfind('|', records[1].rfind('|') - 1)));
+    EXPECT_TRUE(records[0].starts_with("Docs|42|"));
+
+    std::string codeText = TransferApiUtil::stringWithReturnCode(3);
+    task_->getBackupTaskResult(3, "\\Backup\\a.txt", "/home/a.txt");
+    EXPECT_EQ(task_->strErrLog,
+              LoadString::Format("StrLogUploadFail", "/home/a.txt", "\\Backup\\a.txt", codeText));
+    task_->getBackupTaskResult(3, "\\Backup\\a.txt", "");
+    EXPECT_EQ(task_->strErrLog, codeText);
+    task_->getBackupTaskResult(3, "", "/home/a.txt");
+    EXPECT_EQ(task_->strErrLog, codeText);
+    EXPECT_EQ(events().size(), 5u);
+}
+
+TEST_F(BackupTaskReport, MailsFollowTheAccountOptions) {
+    // No address: nothing, whatever else is on.
+    task_->bHaveErr = true;
+    setOptions("", true, true);
+    task_->sendLogByEmail(3);
+    EXPECT_TRUE(mails().empty());
+
+    // A success with only error reports on: nothing.
+    task_->bHaveErr = false;
+    setOptions("me@example.com", true, false);
+    task_->sendLogByEmail(0);
+    EXPECT_TRUE(mails().empty());
+
+    // A cancelled run with an error: the failure mail only.
+    task_->bHaveErr = true;
+    task_->strErrLog = "disk gone";
+    setOptions("me@example.com", true, true);
+    task_->sendLogByEmail(6);
+    std::vector<std::string> sent = mails();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_TRUE(has(sent, "FailEmailTitle"));
+
+    // A failed run with both on: the failure and the completion mail.
+    task_->nScanTotalFiles = 12;
+    task_->uiMaxVersion = 4;
+    task_->leftOutPaths = {"/home/u/a-name-too-long"};
+    task_->runStartDate = Date::now().addingTimeInterval(-65);
+    task_->sendLogByEmail(3);
+    sent = mails();
+    EXPECT_EQ(sent.size(), 3u);
+    EXPECT_TRUE(has(sent, "SuccessEmailTitle"));
+    // Both carry the run's figures: one left-out file and the error make two problems.
+    int withFigures = 0;
+    for (const auto& message : sent) {
+        if (message.find("New or changed files found: 12 (") == std::string::npos)
+            continue;
+        ++withFigures;
+        EXPECT_NE(message.find("up to 3\r\nProblems: 2\r\nDuration: 0:01:0"), std::string::npos) << message;
+    }
+    EXPECT_EQ(withFigures, 2);
+}
+
+TEST_F(BackupTaskReport, TaskListUploadAndReload) {
+    task_->localDirList = {"/home/u/Docs", "/home/u/Pictures"};
+    task_->uiMaxVersion = 4;
+    ASSERT_TRUE(task_->uploadTaskList("Add", "Docs"));
+    task_->description = "changed";
+    ASSERT_TRUE(task_->uploadTaskList("Edit", "Docs"));
+
+    CManageTaskList list;
+    std::string reply = list.getBackupTasks("Docs", "true");
+    EXPECT_NE(reply.find("changed"), std::string::npos);
+
+    auto loaded = std::make_shared<CBackupTask>();
+    loaded->name = "Docs";
+    EXPECT_EQ(loaded->loadFilePathListFromDB(), 0);
+    EXPECT_EQ(loaded->localDirList, task_->localDirList);
+    EXPECT_TRUE(loaded->sourceInfoArray.empty());
+
+    auto migrated = std::make_shared<CBackupTask>();
+    migrated->name = "Docs";
+    migrated->bMigrateTask = true;
+    EXPECT_EQ(migrated->loadFilePathListFromDB(), 0);
+    ASSERT_EQ(migrated->sourceInfoArray.size(), 2u);
+    EXPECT_EQ(migrated->sourceInfoArray[1].at("PathID"), "/home/u/Pictures");
+    EXPECT_EQ(migrated->localDirList.size(), 2u);
+
+    task_->name = "Unknown"; // not on the list
+    EXPECT_FALSE(task_->uploadTaskList("Edit", "Unknown"));
+    api().Logoff();
+    EXPECT_NE(loaded->loadFilePathListFromDB(), 0);
+    EXPECT_EQ(loaded->localDirList.size(), 2u);
+    EXPECT_TRUE(SystemLog::capturedContains("Error: get task list."));
+}
+
+using Paths = std::vector<std::string>;
+
+// Records the notices as "rescan <info>" or "finished" by the progress marks of the
+// time; may cancel at a rescan notice.
+struct ScanNotices : StowlineDelegate {
+    bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
+                             StowlineDelegateType) override {
+        std::string rescan = "rescan " + task->strRescanInfoForPrgbar.value_or("");
+        notices.push_back(task->bRescanForPrgBar ? rescan
+                          : task->bFinishScanForPrgBar ? "finished" : "other");
+        if (cancelAtRescan && task->bRescanForPrgBar)
+            task->pPrgBar->setBClickedCancel(true);
+        return true;
+    }
+    std::vector<std::string> notices;
+    bool cancelAtRescan = false;
+};
+
+class BackupTaskScan : public BackupTaskRunThread {
+protected:
+    void SetUp() override {
+        BackupTaskRunThread::SetUp();
+        task_->pPrgBar = std::make_shared<TrueProgressCallback>();
+        task_->SetDelegate(&scan_);
+    }
+    void TearDown() override {
+        CLoopItem::setFactory(nullptr);
+        BackupTaskRunThread::TearDown();
+    }
+
+    // A tree with everything the filters leave out next to what they keep.
+    void makeTree() {
+        file("a.txt", "aaaa");
+        file("a.tmp", "t");
+        file(".hidden.txt", "h");
+        file(".dotdir/x.txt", "x");
+        file("Library/lib.txt", "l");
+        file("Libraryx/inner.txt", "i"); // its name extends the excluded "Library"
+        file("sub/b.txt", "bbbbbb");
+        file("sub/cache1/c.txt", "c");
+        file("sub/x?y/d.txt", "d");
+        file("sub/e:f.txt", "e");
+        file("sub/deep/g.txt", "gg");
+        file("sub/" + std::string(90, ':'), "too long once encoded");
+        ASSERT_EQ(::symlink("b.txt", at("sub/link").c_str()), 0);
+        ASSERT_EQ(::mkfifo(at("sub/pipe").c_str(), 0600), 0);
+        task_->localDirList = {src_};
+        task_->filtedPath = {"Library", "cache*"};
+        task_->filterExt = {"*.TMP"};
+    }
+    std::string file(const std::string& relative, const std::string& content) {
+        return makeFile("src/" + relative, content);
+    }
+    std::string at(const std::string& relative) const { return src_ + "/" + relative; }
+
+    ScanNotices scan_;
+    const std::string src_ = home_.file("src");
+};
+
+// Dotfiles, links and refused characters are kept; FIFOs and names too long are not.
+Paths keptByTheWalks(const std::string& src) {
+    auto at = [&](const char* relative) { return src + "/" + relative; };
+    return {src,           at(".dotdir"),    at(".dotdir/x.txt"),   at(".hidden.txt"),
+            at("Libraryx"), at("a.txt"),      at("sub"),             at("sub/b.txt"),
+            at("sub/deep"), at("sub/deep/g.txt"), at("sub/e:f.txt"), at("sub/link"),
+            at("sub/x?y"),  at("sub/x?y/d.txt")};
+}
+
+TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
+    makeTree();
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    // The prefix memory of the excluded "Library" also covers the files of "Libraryx".
+    EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
+    const uint64_t bytes = 4 + 6 + 2 + 1 + 1 + 1 + 1 + 5; // the link: its target's length
+    EXPECT_EQ(std::pair(task_->fileTotalSize, task_->uiNeedSpace), std::pair(bytes, bytes));
+    EXPECT_EQ(task_->scanFilterUserPath, at("sub/cache1"));
+    EXPECT_EQ(task_->leftOutPaths, Paths{at("sub/" + std::string(90, ':'))});
+
+    task_->taskType |= CBackupTask::SkipHiddenFlag; // leaves out every dot-name
+    task_->scanFileArray.clear();
+    scan_.notices.clear();
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(std::count_if(task_->scanFileArray.begin(), task_->scanFileArray.end(),
+                            [](const std::string& p) { return p.find("/.") != std::string::npos; }),
+              0);
+    task_->taskType &= ~CBackupTask::SkipHiddenFlag;
+    EXPECT_EQ(scan_.notices, Paths{"finished"});
+    EXPECT_FALSE(task_->bFinishScanForPrgBar);
+
+    // Each missing server folder costs a bounded number of listings.
+    EXPECT_LE(store_->totalLists(), 8);
+}
+
+// A source is never tested as a system item, an excluded one is left out, and a missing
+// one gives nothing, in both walks.
+TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
+    file("one.txt", "1");
+    makeFile("Library/l.txt", "l");
+    makeFile(".dotsource/k.txt", "kk");
+    task_->filtedPath = {"Library"};
+    task_->localDirList = {at("one.txt"), home_.file("Library"), home_.file(".dotsource"),
+                           home_.file("gone")};
+    const Paths kept{at("one.txt"), home_.file(".dotsource"), home_.file(".dotsource/k.txt")};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(std::pair(task_->scanFileArray, task_->scanFilterUserPath),
+              std::pair(kept, home_.file("Library")));
+    task_->scanFileArray.clear();
+    ASSERT_TRUE(task_->StartScanFile());
+    EXPECT_EQ(std::pair(task_->scanFileArray, task_->fileTotalSize), std::pair(kept, uint64_t{3}));
+}
+
+TEST_F(BackupTaskScan,
+       RunWalkReportsEveryHundredItemsStopsOnCancelAndCountsNothingInExcludedFolders) {
+    for (int i = 0; i < 249; ++i)
+        file("f" + std::to_string(1000 + i), "");
+    task_->localDirList = {src_};
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(scan_.notices, (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 99),
+                                        "rescan " + LoadString::Format("ReScanFile", src_, 200, 199),
+                                        "finished"})); // the source is item 1
+    EXPECT_EQ(task_->scanFileArray.size(), 250u);
+
+    // Cancelled at the first notice: the walk ends, without the finishing notice.
+    scan_.notices.clear();
+    scan_.cancelAtRescan = true;
+    task_->scanFileArray.clear();
+    EXPECT_FALSE(task_->CalculateBackupSize());
+    EXPECT_EQ(scan_.notices.size(), 1u);
+    EXPECT_EQ(task_->scanFileArray.size(), 100u);
+
+    task_->pPrgBar->setBClickedCancel(false);
+    task_->pPrgBar->setCancelled(true);
+    EXPECT_FALSE(task_->CalculateBackupSize());
+
+    // The files of "Libraryx" (under the excluded "Library" prefix) are no items.
+    file("Library/l.txt", "l");
+    for (int i = 0; i < 150; ++i)
+        file("Libraryx/f" + std::to_string(1000 + i), "");
+    task_->localDirList = {src_, at("Libraryx/f1000")};
+    task_->filtedPath = {"Library"};
+    task_->pPrgBar = std::make_shared<TrueProgressCallback>();
+    scan_.notices.clear();
+    scan_.cancelAtRescan = false;
+    ASSERT_TRUE(task_->CalculateBackupSize());
+    EXPECT_EQ(scan_.notices,
+              (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98),
+                     "rescan " + LoadString::Format("ReScanFile", src_, 200, 198), "finished"}));
+    EXPECT_EQ(task_->nScanTotalFiles, 249);
+}
+
+// Presses Cancel after a chosen number of messages (never when negative).
+struct FakeLoopDialog : test::LoopDialogStub {
+    explicit FakeLoopDialog(int cancelAfter) : cancelAfter(cancelAfter) {}
+    bool IsLoopCancel(Thread*) override {
+        std::lock_guard lock(mutex);
+        return cancelAfter >= 0 && static_cast<int>(messages.size()) >= cancelAfter;
+    }
+    bool SetScanFileLoopMessage(Thread*, const std::string& size, const std::string& count,
+                                const std::string& path) override {
+        std::lock_guard lock(mutex);
+        messages.push_back(size + "|" + count + "|" + path);
+        return true;
+    }
+    const int cancelAfter;
+    std::mutex mutex;
+    std::vector<std::string> messages; // read once the walk has ended
+};
+
+// Any wait of the interactive walk shows as time gone by on the fixture's clock.
+class BackupTaskScanThread : public BackupTaskScan {
+protected:
+    std::shared_ptr<FakeLoopDialog> installDialog(int cancelAfter) {
+        auto dialog = std::make_shared<FakeLoopDialog>(cancelAfter);
+        CLoopItem::setFactory([dialog] { return dialog; });
+        return dialog;
+    }
+};
+
+// The interactive walk leaves out filtered files by itself and never asks the service.
+TEST_F(BackupTaskScanThread, InteractiveWalkFiltersFilesShowsTotalsAndCancelEmptiesTheList) {
+    makeTree();
+    auto dialog = installDialog(-1);
+    Date before = clock_->now();
+    ASSERT_TRUE(task_->StartScanFile());
+    EXPECT_EQ(dialog->buttonType_, CLoopItem::ButtonScanFiles);
+    EXPECT_EQ(clock_->now().timeIntervalSinceDate(before), 0.0); // no window to wait for
+    ASSERT_EQ(dialog->messages.size(), 13u); // every listed item below the source
+    EXPECT_EQ(dialog->messages.back(),
+              Functions::FormatSizeToString(21) + "|8|" + at("sub/x?y/d.txt"));
+    EXPECT_EQ(task_->scanFileArray, keptByTheWalks(src_));
+    EXPECT_EQ(std::pair(task_->fileTotalSize, task_->uiNeedSpace), std::pair(21ul, 21ul));
+    EXPECT_EQ(task_->nScanTotalFiles, 8);
+    EXPECT_FALSE(task_->bCancleScanFile);
+    EXPECT_EQ(store_->totalLists(), 0);
+    EXPECT_EQ(task_->pThread, nullptr);
+
+    auto cancelling = installDialog(2);
+    EXPECT_FALSE(task_->StartScanFile());
+    EXPECT_TRUE(task_->bCancleScanFile);
+    EXPECT_TRUE(task_->scanFileArray.empty());
+    EXPECT_EQ(cancelling->messages.size(), 2u);
 }
 
 } // namespace
