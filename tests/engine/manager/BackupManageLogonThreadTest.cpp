@@ -21,24 +21,10 @@ namespace {
 using TaskPtr = std::shared_ptr<CBackupTask>;
 using Op = FaultInjectingStore::Operation;
 
-// One ordered record of what the dialog showed and when the workers paused.
-struct Events {
-    void add(std::string event) {
-        std::lock_guard lock(mutex);
-        events.push_back(std::move(event));
-    }
-    std::vector<std::string> all() {
-        std::lock_guard lock(mutex);
-        return events;
-    }
-    std::mutex mutex;
-    std::vector<std::string> events;
-};
-
 // Records what the worker shows, and presses a button once a given text is shown.
 class ScriptedLoop : public test::LoopDialogStub {
 public:
-    ScriptedLoop(Events& events, std::string when, bool cancel)
+    ScriptedLoop(test::HostRecorder& events, std::string when, bool cancel)
         : events_(events), when_(std::move(when)), cancelPress_(cancel) {}
     bool EnterLoopMode(Thread* thread, int32_t buttonType) override {
         events_.add("type " + std::to_string(buttonType));
@@ -68,7 +54,7 @@ public:
     }
 
 private:
-    Events& events_;
+    test::HostRecorder& events_;
     std::mutex mutex_;
     std::string when_; // guarded by mutex_
     const bool cancelPress_;
@@ -131,7 +117,7 @@ protected:
         return out;
     }
 
-    Events events_;
+    test::HostRecorder events_; // what the dialog showed and when the workers paused
     std::shared_ptr<test::GatedClock> clock_ = std::make_shared<test::GatedClock>(
         Date(1'700'000'000.0), [this](double s) { events_.add(fmt::format("sleep {}", s)); });
     CBackupManage manager_;
@@ -147,7 +133,7 @@ TEST_F(BackupManageLogonThread, ThreeAttemptsThenCountDownUntilCancel) {
     EXPECT_EQ(SystemLog::capturedCount("Log on ret: 3"), 1u);
     std::vector<std::string> expected = attemptsAndCountDownTo(57);
     expected.push_back("leave");
-    EXPECT_EQ(events_.all(), expected);
+    EXPECT_EQ(events_.events(), expected);
 }
 
 TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn) {
@@ -164,7 +150,7 @@ TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn
     expected.insert(expected.end(), again.begin() + 2, again.end() - 2); // the attempts only
     expected.insert(expected.end(), {"type 7", text("IDS_STRINITLISTAFTERLOGON"),
                                      text("IDS_GETTINGTASK"), "leave"});
-    EXPECT_EQ(events_.all(), expected);
+    EXPECT_EQ(events_.events(), expected);
     // The account has no tasks yet: an empty reply, which loads nothing.
     EXPECT_EQ(SystemLog::capturedCount("Failed to load task list"), 1u);
 }
@@ -174,7 +160,7 @@ TEST_F(BackupManageLogonThread, UnansweredLogonLoadsTheServiceListOrReportsFailu
     // Nobody could end a count-down: three attempts, then the failure goes to the host.
     store_->failOperation(Op::Logon, ResultCode::Failure);
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 3);
-    EXPECT_EQ(events_.all(),
+    EXPECT_EQ(events_.events(),
               (std::vector<std::string>{"sleep 0", "sleep 1", "sleep 1", "sleep 1", "sleep 1"}));
     EXPECT_TRUE(api().sessionID().empty());
 
@@ -183,7 +169,7 @@ TEST_F(BackupManageLogonThread, UnansweredLogonLoadsTheServiceListOrReportsFailu
     manager_.bUnattended = true;
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 3);
     EXPECT_FALSE(manager_.bCancelLogon);
-    std::vector<std::string> events = events_.all();
+    std::vector<std::string> events = events_.events();
     EXPECT_EQ(std::count(events.begin(), events.end(), "type 3"), 0);
     EXPECT_EQ(events.back(), "leave");
     EXPECT_EQ(std::count(events.begin(), events.end(), text("IDS_STRFAILCONTRY3")), 1);

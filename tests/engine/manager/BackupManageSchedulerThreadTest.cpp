@@ -107,7 +107,7 @@ TEST_F(BackupManageSchedulerThread,
     TaskPtr a = addTask("A"), b = addTask("B"), c = addTask("C", 0), d = addTask("D", 0);
     EXPECT_TRUE(manager_.AddTaskToWaitList(c, false));
     manager_.bRefreshTaskListFlag = true;
-    host_.holdUploadOf("C");
+    host_.hold("C");
     startScheduler();
     pass();
     pass();
@@ -155,7 +155,7 @@ TEST_F(BackupManageSchedulerThread,
     TaskPtr a = addTask("A", 0), gone = addTask("Gone", 0), b = addTask("B", 0);
     startScheduler();
 
-    host_.holdUploadOf("A");
+    host_.hold("A");
     EXPECT_FALSE(manager_.StartBackupByUser("Nobody", false));
     EXPECT_TRUE(manager_.StartBackupByUser("A", false));
     host_.waitHeld();
@@ -198,7 +198,7 @@ TEST_F(BackupManageSchedulerThread,
 
 TEST_F(BackupManageSchedulerThread, EndingTheRunAndUnqueueingLeaveNothingBehind) {
     TaskPtr a = addTask("A"), b = addTask("B");
-    host_.holdUploadOf("A");
+    host_.hold("A");
     startScheduler();
     pass();
     host_.waitHeld();
@@ -239,7 +239,7 @@ TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTh
     manager_.pSaveTask = idle;
     startScheduler();
     const Date before = clock_->now();
-    host_.holdUploadOf("Run");
+    host_.hold("Run");
     ASSERT_TRUE(manager_.StartBackupByUser("Run", false));
     host_.waitHeld();
     manager_.AddTaskToWaitList(idle, false);
@@ -263,42 +263,26 @@ TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTh
 
 // Logging off while a run is closing: the run may already be past its test of the log-off
 // flag and on its way to the manager's lock, so the log-off must not hold that lock while
-// it waits for the run. ClosingHost holds the run in its closing notice until released.
-struct ClosingHost : StowlineBackupManageDelegate {
-    bool StowlineBackupManageDelegateFun(CBackupManage*, const std::shared_ptr<CBackupTask>&,
-                                         int32_t type) override {
-        if (type == closeProgressBarViewDelegate) {
-            closing.set_value();
-            released.wait_for(std::chrono::seconds(20));
-        }
-        return true;
-    }
-    std::promise<void> closing, release;
-    std::future<void> closed = closing.get_future();
-    std::shared_future<void> released = release.get_future().share();
-};
-
+// it waits for the run.
 using BackupManageLogOffThread = test::ManagerSession;
 
 TEST_F(BackupManageLogOffThread, LogOffWhileARunIsClosingEndsIt) {
-    ClosingHost closing_;
     auto task = makeTask("Closing", Date::now().addingTimeInterval(86400 * 30)); // not due
-    manager_.SetDelegate(&closing_);
+    host_.hold("Closing", closeProgressBarViewDelegate);
     ASSERT_TRUE(manager_.AddTask(task));
     ASSERT_TRUE(manager_.StartBackupByUser(task->name, false));
-    ASSERT_EQ(closing_.closed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    host_.waitHeld();
 
     manager_.bLogOff = true;
     auto ended = std::async(std::launch::async, [&] { return manager_.endBackpTask(); });
     // Let the log-off reach its wait for the run before the run goes on to the lock.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    closing_.release.set_value();
+    host_.release();
     ASSERT_EQ(ended.wait_for(std::chrono::seconds(20)), std::future_status::ready)
         << "the log-off and the closing run wait for each other";
     EXPECT_EQ(manager_.pWorkingTask, nullptr);
     EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_FALSE(task->bLogOff);
-    manager_.SetDelegate(&host_); // closing_ goes before the fixture
 }
 
 // ---- The due test and the waiting list, without the thread ----
