@@ -41,8 +41,9 @@ std::string text(const char* key) {
     return LoadString::GetValueByKey(key, "");
 }
 
-// Records every notice, and for notice 4 the file whose upload begins. Read once the
-// run's threads have ended.
+// Records every notice, for notice 4 the file whose upload begins, and the scan's
+// notices as "rescan <info>" or "finished" by the progress marks of the time; may cancel
+// at a rescan notice. Read once the run's threads have ended.
 struct RecordingDelegate : StowlineDelegate {
     bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
                              StowlineDelegateType type) override {
@@ -51,6 +52,13 @@ struct RecordingDelegate : StowlineDelegate {
             milestones.push_back(type);
         else if (task && task->bInitUIPrgBar)
             working.push_back(task->strWorkingFile);
+        if (!task)
+            return true;
+        std::string rescan = "rescan " + task->strRescanInfoForPrgbar.value_or("");
+        notices.push_back(task->bRescanForPrgBar ? rescan
+                          : task->bFinishScanForPrgBar ? "finished" : "other");
+        if (cancelAtRescan && task->bRescanForPrgBar)
+            task->pPrgBar->setBClickedCancel(true);
         return true;
     }
     void clear() {
@@ -59,7 +67,8 @@ struct RecordingDelegate : StowlineDelegate {
     }
     std::mutex mutex;
     std::vector<int> milestones;
-    std::vector<std::string> working;
+    std::vector<std::string> working, notices;
+    bool cancelAtRescan = false;
 };
 
 class BackupTaskRunThread : public test::EngineSession {
@@ -870,28 +879,11 @@ TEST_F(BackupTaskReport, TaskListUploadAndReload) {
 
 using Paths = std::vector<std::string>;
 
-// Records the notices as "rescan <info>" or "finished" by the progress marks of the
-// time; may cancel at a rescan notice.
-struct ScanNotices : StowlineDelegate {
-    bool StowlineDelegateFun(const std::shared_ptr<CBackupTask>& task,
-                             StowlineDelegateType) override {
-        std::string rescan = "rescan " + task->strRescanInfoForPrgbar.value_or("");
-        notices.push_back(task->bRescanForPrgBar ? rescan
-                          : task->bFinishScanForPrgBar ? "finished" : "other");
-        if (cancelAtRescan && task->bRescanForPrgBar)
-            task->pPrgBar->setBClickedCancel(true);
-        return true;
-    }
-    std::vector<std::string> notices;
-    bool cancelAtRescan = false;
-};
-
 class BackupTaskScan : public BackupTaskRunThread {
 protected:
     void SetUp() override {
         BackupTaskRunThread::SetUp();
         task_->pPrgBar = std::make_shared<TrueProgressCallback>();
-        task_->SetDelegate(&scan_);
     }
     void TearDown() override {
         CLoopItem::setFactory(nullptr);
@@ -900,30 +892,26 @@ protected:
 
     // A tree with everything the filters leave out next to what they keep.
     void makeTree() {
-        file("a.txt", "aaaa");
-        file("a.tmp", "t");
-        file(".hidden.txt", "h");
-        file(".dotdir/x.txt", "x");
-        file("Library/lib.txt", "l");
-        file("Libraryx/inner.txt", "i"); // its name extends the excluded "Library"
-        file("sub/b.txt", "bbbbbb");
-        file("sub/cache1/c.txt", "c");
-        file("sub/x?y/d.txt", "d");
-        file("sub/e:f.txt", "e");
-        file("sub/deep/g.txt", "gg");
-        file("sub/" + std::string(90, ':'), "too long once encoded");
+        local("a.txt", "aaaa");
+        local("a.tmp", "t");
+        local(".hidden.txt", "h");
+        local(".dotdir/x.txt", "x");
+        local("Library/lib.txt", "l");
+        local("Libraryx/inner.txt", "i"); // its name extends the excluded "Library"
+        local("sub/b.txt", "bbbbbb");
+        local("sub/cache1/c.txt", "c");
+        local("sub/x?y/d.txt", "d");
+        local("sub/e:f.txt", "e");
+        local("sub/deep/g.txt", "gg");
+        local("sub/" + std::string(90, ':'), "too long once encoded");
         ASSERT_EQ(::symlink("b.txt", at("sub/link").c_str()), 0);
         ASSERT_EQ(::mkfifo(at("sub/pipe").c_str(), 0600), 0);
         task_->localDirList = {src_};
         task_->filtedPath = {"Library", "cache*"};
         task_->filterExt = {"*.TMP"};
     }
-    std::string file(const std::string& relative, const std::string& content) {
-        return makeFile("src/" + relative, content);
-    }
     std::string at(const std::string& relative) const { return src_ + "/" + relative; }
 
-    ScanNotices scan_;
     const std::string src_ = home_.file("src");
 };
 
@@ -948,13 +936,13 @@ TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
 
     task_->taskType |= CBackupTask::SkipHiddenFlag; // leaves out every dot-name
     task_->scanFileArray.clear();
-    scan_.notices.clear();
+    delegate_.notices.clear();
     ASSERT_TRUE(task_->CalculateBackupSize());
     EXPECT_EQ(std::count_if(task_->scanFileArray.begin(), task_->scanFileArray.end(),
                             [](const std::string& p) { return p.find("/.") != std::string::npos; }),
               0);
     task_->taskType &= ~CBackupTask::SkipHiddenFlag;
-    EXPECT_EQ(scan_.notices, Paths{"finished"});
+    EXPECT_EQ(delegate_.notices, Paths{"finished"});
     EXPECT_FALSE(task_->bFinishScanForPrgBar);
 
     // Each missing server folder costs a bounded number of listings.
@@ -964,7 +952,7 @@ TEST_F(BackupTaskScan, RunWalkListsWhatTheFiltersKeep) {
 // A source is never tested as a system item, an excluded one is left out, and a missing
 // one gives nothing, in both walks.
 TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
-    file("one.txt", "1");
+    local("one.txt", "1");
     makeFile("Library/l.txt", "l");
     makeFile(".dotsource/k.txt", "kk");
     task_->filtedPath = {"Library"};
@@ -982,20 +970,20 @@ TEST_F(BackupTaskScan, SourcesThemselvesAndExcludedSources) {
 TEST_F(BackupTaskScan,
        RunWalkReportsEveryHundredItemsStopsOnCancelAndCountsNothingInExcludedFolders) {
     for (int i = 0; i < 249; ++i)
-        file("f" + std::to_string(1000 + i), "");
+        local("f" + std::to_string(1000 + i), "");
     task_->localDirList = {src_};
     ASSERT_TRUE(task_->CalculateBackupSize());
-    EXPECT_EQ(scan_.notices, (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 99),
+    EXPECT_EQ(delegate_.notices, (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 99),
                                         "rescan " + LoadString::Format("ReScanFile", src_, 200, 199),
                                         "finished"})); // the source is item 1
     EXPECT_EQ(task_->scanFileArray.size(), 250u);
 
     // Cancelled at the first notice: the walk ends, without the finishing notice.
-    scan_.notices.clear();
-    scan_.cancelAtRescan = true;
+    delegate_.notices.clear();
+    delegate_.cancelAtRescan = true;
     task_->scanFileArray.clear();
     EXPECT_FALSE(task_->CalculateBackupSize());
-    EXPECT_EQ(scan_.notices.size(), 1u);
+    EXPECT_EQ(delegate_.notices.size(), 1u);
     EXPECT_EQ(task_->scanFileArray.size(), 100u);
 
     task_->pPrgBar->setBClickedCancel(false);
@@ -1003,16 +991,16 @@ TEST_F(BackupTaskScan,
     EXPECT_FALSE(task_->CalculateBackupSize());
 
     // The files of "Libraryx" (under the excluded "Library" prefix) are no items.
-    file("Library/l.txt", "l");
+    local("Library/l.txt", "l");
     for (int i = 0; i < 150; ++i)
-        file("Libraryx/f" + std::to_string(1000 + i), "");
+        local("Libraryx/f" + std::to_string(1000 + i), "");
     task_->localDirList = {src_, at("Libraryx/f1000")};
     task_->filtedPath = {"Library"};
     task_->pPrgBar = std::make_shared<TrueProgressCallback>();
-    scan_.notices.clear();
-    scan_.cancelAtRescan = false;
+    delegate_.notices.clear();
+    delegate_.cancelAtRescan = false;
     ASSERT_TRUE(task_->CalculateBackupSize());
-    EXPECT_EQ(scan_.notices,
+    EXPECT_EQ(delegate_.notices,
               (Paths{"rescan " + LoadString::Format("ReScanFile", src_, 100, 98),
                      "rescan " + LoadString::Format("ReScanFile", src_, 200, 198), "finished"}));
     EXPECT_EQ(task_->nScanTotalFiles, 249);
