@@ -81,17 +81,17 @@ std::vector<std::string> attemptsAndCountDownTo(int seconds) {
     return events;
 }
 
-class BackupManageLogonThread : public test::EngineSession {
+class BackupManageLogonThread : public test::ManagerSession {
 protected:
     void SetUp() override {
-        EngineSession::SetUp();
+        ManagerSession::SetUp();
         Clock::setShared(clock_);
         CLoopItem::setFactory(nullptr);
         api().Logoff();
     }
     void TearDown() override {
         CLoopItem::setFactory(nullptr);
-        EngineSession::TearDown();
+        ManagerSession::TearDown();
     }
 
     void useDialog(const std::string& pressWhen = "", bool cancel = false) {
@@ -120,7 +120,6 @@ protected:
     test::HostRecorder events_; // what the dialog showed and when the workers paused
     std::shared_ptr<test::GatedClock> clock_ = std::make_shared<test::GatedClock>(
         Date(1'700'000'000.0), [this](double s) { events_.add(fmt::format("sleep {}", s)); });
-    CBackupManage manager_;
 };
 
 TEST_F(BackupManageLogonThread, ThreeAttemptsThenCountDownUntilCancel) {
@@ -202,7 +201,6 @@ TEST_F(BackupManageLogonThread, UnansweredLogonLoadsTheServiceListOrReportsFailu
 // look clean. A run under way defers it.
 TEST_F(BackupManageLogonThread, RefreshFollowsTheServiceAndReloadKeepsStateLastRunAndErrors) {
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
-    manager_.pcID = 7;
     TaskPtr a = registerTask("A", 7);
     // Every column is read back as it was sent: all type bits, lists, big numbers, dates.
     a->description = "my photos";

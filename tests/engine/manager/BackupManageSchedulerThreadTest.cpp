@@ -97,9 +97,7 @@ protected:
     std::shared_ptr<GatedClock> clock_ = std::make_shared<GatedClock>(Date(T));
 };
 
-// The reload flag keeps the passes going but queues and starts nothing; while the host
-// (the daemon) may not run, due and user-started tasks wait in order behind the queued one;
-// then they run one at a time.
+// While the host (the daemon) may not run, due and user-started tasks queue in order.
 TEST_F(BackupManageSchedulerThread,
        ReloadFlagAndHooksHoldRunsBackThenDueTasksRunInOrderOneAtATime) {
     struct Hooks : SchedulerHooks {

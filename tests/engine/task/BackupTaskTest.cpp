@@ -1029,7 +1029,6 @@ struct FakeLoopDialog : test::LoopDialogStub {
     std::vector<std::string> messages; // read once the walk has ended
 };
 
-// Any wait of the interactive walk shows as time gone by on the fixture's clock.
 class BackupTaskScanThread : public BackupTaskScan {
 protected:
     std::shared_ptr<FakeLoopDialog> installDialog(int cancelAfter) {
@@ -1039,7 +1038,6 @@ protected:
     }
 };
 
-// The interactive walk leaves out filtered files by itself and never asks the service.
 TEST_F(BackupTaskScanThread, InteractiveWalkFiltersFilesShowsTotalsAndCancelEmptiesTheList) {
     makeTree();
     auto dialog = installDialog(-1);
