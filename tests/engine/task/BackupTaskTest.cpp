@@ -191,13 +191,7 @@ protected:
     }
 };
 
-class BackupTaskVersions : public BackupTaskRunThread {
-protected:
-    void SetUp() override {
-        BackupTaskRunThread::SetUp();
-        ASSERT_EQ(api().AddFolder("\\Backup", "", "", false), ResultCode::Success);
-    }
-};
+using BackupTaskVersions = BackupTaskSpace;
 
 
 TEST_F(BackupTaskRunThread, RunSendsNoticesInOrderAndRerunsListEachServerFolderAtMostOnce) {
