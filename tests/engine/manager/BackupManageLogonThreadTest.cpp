@@ -7,7 +7,6 @@
 #include <mutex>
 
 #include "common/EngineLoopDialog.h"
-#include "common/EngineSession.h"
 #include "common/LocalDate.h"
 #include "engine/manager/ManagerDoubles.h"
 #include "platform/framework/LoadString.h"
