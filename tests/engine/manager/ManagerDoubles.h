@@ -75,7 +75,7 @@ public:
         if (type != refreshProgressBarDelegate)
             events_.push_back(name + ":" + std::to_string(type));
         cv_.notify_all();
-        if (name == holdName_ && type == holdType_ && !held_ &&
+        if (task && name == holdName_ && type == holdType_ && !held_ &&
             (type != refreshProgressBarDelegate || task->bInitUIPrgBar)) {
             held_ = true;
             cv_.notify_all();
