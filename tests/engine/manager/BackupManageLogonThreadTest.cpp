@@ -7,7 +7,6 @@
 #include <mutex>
 
 #include "common/EngineLoopDialog.h"
-#include "common/EngineSession.h"
 #include "common/LocalDate.h"
 #include "engine/manager/ManagerDoubles.h"
 #include "platform/framework/LoadString.h"
@@ -21,24 +20,10 @@ namespace {
 using TaskPtr = std::shared_ptr<CBackupTask>;
 using Op = FaultInjectingStore::Operation;
 
-// One ordered record of what the dialog showed and when the workers paused.
-struct Events {
-    void add(std::string event) {
-        std::lock_guard lock(mutex);
-        events.push_back(std::move(event));
-    }
-    std::vector<std::string> all() {
-        std::lock_guard lock(mutex);
-        return events;
-    }
-    std::mutex mutex;
-    std::vector<std::string> events;
-};
-
 // Records what the worker shows, and presses a button once a given text is shown.
 class ScriptedLoop : public test::LoopDialogStub {
 public:
-    ScriptedLoop(Events& events, std::string when, bool cancel)
+    ScriptedLoop(test::HostRecorder& events, std::string when, bool cancel)
         : events_(events), when_(std::move(when)), cancelPress_(cancel) {}
     bool EnterLoopMode(Thread* thread, int32_t buttonType) override {
         events_.add("type " + std::to_string(buttonType));
@@ -68,7 +53,7 @@ public:
     }
 
 private:
-    Events& events_;
+    test::HostRecorder& events_;
     std::mutex mutex_;
     std::string when_; // guarded by mutex_
     const bool cancelPress_;
@@ -95,17 +80,17 @@ std::vector<std::string> attemptsAndCountDownTo(int seconds) {
     return events;
 }
 
-class BackupManageLogonThread : public test::EngineSession {
+class BackupManageLogonThread : public test::ManagerSession {
 protected:
     void SetUp() override {
-        EngineSession::SetUp();
+        ManagerSession::SetUp();
         Clock::setShared(clock_);
         CLoopItem::setFactory(nullptr);
         api().Logoff();
     }
     void TearDown() override {
         CLoopItem::setFactory(nullptr);
-        EngineSession::TearDown();
+        ManagerSession::TearDown();
     }
 
     void useDialog(const std::string& pressWhen = "", bool cancel = false) {
@@ -131,10 +116,9 @@ protected:
         return out;
     }
 
-    Events events_;
+    test::HostRecorder events_; // what the dialog showed and when the workers paused
     std::shared_ptr<test::GatedClock> clock_ = std::make_shared<test::GatedClock>(
         Date(1'700'000'000.0), [this](double s) { events_.add(fmt::format("sleep {}", s)); });
-    CBackupManage manager_;
 };
 
 TEST_F(BackupManageLogonThread, ThreeAttemptsThenCountDownUntilCancel) {
@@ -147,7 +131,7 @@ TEST_F(BackupManageLogonThread, ThreeAttemptsThenCountDownUntilCancel) {
     EXPECT_EQ(SystemLog::capturedCount("Log on ret: 3"), 1u);
     std::vector<std::string> expected = attemptsAndCountDownTo(57);
     expected.push_back("leave");
-    EXPECT_EQ(events_.all(), expected);
+    EXPECT_EQ(events_.events(), expected);
 }
 
 TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn) {
@@ -164,7 +148,7 @@ TEST_F(BackupManageLogonThread, RetryMakesThreeNewAttemptsAndALaterSuccessLogsOn
     expected.insert(expected.end(), again.begin() + 2, again.end() - 2); // the attempts only
     expected.insert(expected.end(), {"type 7", text("IDS_STRINITLISTAFTERLOGON"),
                                      text("IDS_GETTINGTASK"), "leave"});
-    EXPECT_EQ(events_.all(), expected);
+    EXPECT_EQ(events_.events(), expected);
     // The account has no tasks yet: an empty reply, which loads nothing.
     EXPECT_EQ(SystemLog::capturedCount("Failed to load task list"), 1u);
 }
@@ -174,7 +158,7 @@ TEST_F(BackupManageLogonThread, UnansweredLogonLoadsTheServiceListOrReportsFailu
     // Nobody could end a count-down: three attempts, then the failure goes to the host.
     store_->failOperation(Op::Logon, ResultCode::Failure);
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 3);
-    EXPECT_EQ(events_.all(),
+    EXPECT_EQ(events_.events(),
               (std::vector<std::string>{"sleep 0", "sleep 1", "sleep 1", "sleep 1", "sleep 1"}));
     EXPECT_TRUE(api().sessionID().empty());
 
@@ -183,7 +167,7 @@ TEST_F(BackupManageLogonThread, UnansweredLogonLoadsTheServiceListOrReportsFailu
     manager_.bUnattended = true;
     EXPECT_EQ(manager_.Mylogon("alice", "secret"), 3);
     EXPECT_FALSE(manager_.bCancelLogon);
-    std::vector<std::string> events = events_.all();
+    std::vector<std::string> events = events_.events();
     EXPECT_EQ(std::count(events.begin(), events.end(), "type 3"), 0);
     EXPECT_EQ(events.back(), "leave");
     EXPECT_EQ(std::count(events.begin(), events.end(), text("IDS_STRFAILCONTRY3")), 1);
@@ -216,7 +200,6 @@ TEST_F(BackupManageLogonThread, UnansweredLogonLoadsTheServiceListOrReportsFailu
 // look clean. A run under way defers it.
 TEST_F(BackupManageLogonThread, RefreshFollowsTheServiceAndReloadKeepsStateLastRunAndErrors) {
     ASSERT_EQ(api().Logon("alice", "secret"), ResultCode::Success);
-    manager_.pcID = 7;
     TaskPtr a = registerTask("A", 7);
     // Every column is read back as it was sent: all type bits, lists, big numbers, dates.
     a->description = "my photos";

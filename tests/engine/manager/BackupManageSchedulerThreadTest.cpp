@@ -1,15 +1,21 @@
-// The scheduler against real runs on a local store, one pass at a time through a gated clock.
+// The scheduler against real runs one pass at a time through a gated clock; the manager's
+// own bookkeeping (delegate events, identity, due test) without a session.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <future>
+#include <set>
 #include <thread>
 
 #include "common/LocalDate.h"
 #include "engine/manager/ManagerDoubles.h"
+#include "platform/framework/PropertyList.h"
+#include "platform/os/FileSystem.h"
+#include "platform/os/Thread.h"
 
 using namespace cirrovault;
 using test::GatedClock;
@@ -91,9 +97,7 @@ protected:
     std::shared_ptr<GatedClock> clock_ = std::make_shared<GatedClock>(Date(T));
 };
 
-// The reload flag keeps the passes going but queues and starts nothing; while the host
-// (the daemon) may not run, due and user-started tasks wait in order behind the queued one;
-// then they run one at a time.
+// While the host (the daemon) may not run, due and user-started tasks queue in order.
 TEST_F(BackupManageSchedulerThread,
        ReloadFlagAndHooksHoldRunsBackThenDueTasksRunInOrderOneAtATime) {
     struct Hooks : SchedulerHooks {
@@ -107,7 +111,7 @@ TEST_F(BackupManageSchedulerThread,
     TaskPtr a = addTask("A"), b = addTask("B"), c = addTask("C", 0), d = addTask("D", 0);
     EXPECT_TRUE(manager_.AddTaskToWaitList(c, false));
     manager_.bRefreshTaskListFlag = true;
-    host_.holdUploadOf("C");
+    host_.hold("C");
     startScheduler();
     pass();
     pass();
@@ -155,7 +159,7 @@ TEST_F(BackupManageSchedulerThread,
     TaskPtr a = addTask("A", 0), gone = addTask("Gone", 0), b = addTask("B", 0);
     startScheduler();
 
-    host_.holdUploadOf("A");
+    host_.hold("A");
     EXPECT_FALSE(manager_.StartBackupByUser("Nobody", false));
     EXPECT_TRUE(manager_.StartBackupByUser("A", false));
     host_.waitHeld();
@@ -198,7 +202,7 @@ TEST_F(BackupManageSchedulerThread,
 
 TEST_F(BackupManageSchedulerThread, EndingTheRunAndUnqueueingLeaveNothingBehind) {
     TaskPtr a = addTask("A"), b = addTask("B");
-    host_.holdUploadOf("A");
+    host_.hold("A");
     startScheduler();
     pass();
     host_.waitHeld();
@@ -239,7 +243,7 @@ TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTh
     manager_.pSaveTask = idle;
     startScheduler();
     const Date before = clock_->now();
-    host_.holdUploadOf("Run");
+    host_.hold("Run");
     ASSERT_TRUE(manager_.StartBackupByUser("Run", false));
     host_.waitHeld();
     manager_.AddTaskToWaitList(idle, false);
@@ -263,57 +267,234 @@ TEST_F(BackupManageSchedulerThread, LogOffEndsTheRunThenTheSchedulerAndEmptiesTh
 
 // Logging off while a run is closing: the run may already be past its test of the log-off
 // flag and on its way to the manager's lock, so the log-off must not hold that lock while
-// it waits for the run. ClosingHost holds the run in its closing notice until released.
-struct ClosingHost : StowlineBackupManageDelegate {
-    bool StowlineBackupManageDelegateFun(CBackupManage*, const std::shared_ptr<CBackupTask>&,
-                                         int32_t type) override {
-        if (type == closeProgressBarViewDelegate) {
-            closing.set_value();
-            released.wait_for(std::chrono::seconds(20));
-        }
-        return true;
-    }
-    std::promise<void> closing, release;
-    std::future<void> closed = closing.get_future();
-    std::shared_future<void> released = release.get_future().share();
-};
-
+// it waits for the run.
 using BackupManageLogOffThread = test::ManagerSession;
 
 TEST_F(BackupManageLogOffThread, LogOffWhileARunIsClosingEndsIt) {
-    ClosingHost closing_;
     auto task = makeTask("Closing", Date::now().addingTimeInterval(86400 * 30)); // not due
-    manager_.SetDelegate(&closing_);
+    host_.hold("Closing", closeProgressBarViewDelegate);
     ASSERT_TRUE(manager_.AddTask(task));
     ASSERT_TRUE(manager_.StartBackupByUser(task->name, false));
-    ASSERT_EQ(closing_.closed.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    host_.waitHeld();
 
     manager_.bLogOff = true;
     auto ended = std::async(std::launch::async, [&] { return manager_.endBackpTask(); });
     // Let the log-off reach its wait for the run before the run goes on to the lock.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    closing_.release.set_value();
+    host_.release();
     ASSERT_EQ(ended.wait_for(std::chrono::seconds(20)), std::future_status::ready)
         << "the log-off and the closing run wait for each other";
     EXPECT_EQ(manager_.pWorkingTask, nullptr);
     EXPECT_EQ(task->mTaskState, CBackupTask::StateSucceeded);
     EXPECT_FALSE(task->bLogOff);
-    manager_.SetDelegate(&host_); // closing_ goes before the fixture
+}
+
+TaskPtr makeTask(const std::string& name) {
+    auto task = std::make_shared<CBackupTask>();
+    task->name = name;
+    return task;
+}
+
+using HostCall = std::tuple<CBackupManage*, TaskPtr, int32_t>;
+
+struct RecordingHost : StowlineBackupManageDelegate {
+    explicit RecordingHost(bool answer) : answer(answer) {}
+    bool StowlineBackupManageDelegateFun(CBackupManage* manager, const TaskPtr& task,
+                                         int32_t type) override {
+        calls.emplace_back(manager, task, type);
+        return answer;
+    }
+    bool answer;
+    std::vector<HostCall> calls;
+};
+
+class BackupManageDelegate : public ::testing::Test {
+protected:
+    void SetUp() override { SystemLog::startCapture(); }
+    void TearDown() override { SystemLog::stopCapture(); }
+
+    std::string productFolder() const {
+        return home_.dataHome() + "/Cirrovault/Cirrovault Online Backup";
+    }
+    std::string identityFile() const { return productFolder() + "/PCInfo.dat"; }
+
+    test::TempHome home_;
+};
+using BackupManageIdentity = BackupManageDelegate;
+
+TEST_F(BackupManageDelegate, FinishClearsOnlyTheWorkingTaskAndHostHearsTheRestAndRefusalsOnlyLog) {
+    CBackupManage manager;
+    RecordingHost host(false);
+    manager.SetDelegate(&host);
+    auto task = makeTask("Docs");
+    manager.SetWorkingTask(task);
+    manager.StowlineDelegateFun(makeTask("Music"), finishedTaskDelegate);
+    EXPECT_EQ(manager.pWorkingTask, task);
+    EXPECT_TRUE(manager.errTaskList.empty());
+    // Tasks are told apart by name: a reloaded copy of the working task ends it.
+    auto copy = makeTask("Docs");
+    copy->bHaveErr = true;
+    manager.StowlineDelegateFun(copy, finishedTaskDelegate);
+    EXPECT_EQ(manager.pWorkingTask, nullptr);
+    EXPECT_EQ(manager.errTaskList, std::vector<TaskPtr>{copy});
+    EXPECT_EQ(SystemLog::capturedCount("Set working task nil"), 2u);
+    // A null task counts as working, so its end clears whatever runs.
+    manager.SetWorkingTask(task);
+    manager.StowlineDelegateFun(nullptr, finishedTaskDelegate);
+    EXPECT_EQ(manager.pWorkingTask, nullptr);
+    EXPECT_TRUE(host.calls.empty());
+
+    manager.SetWorkingTask(task);
+    auto sendAll = [&] {
+        SystemLog::startCapture();
+        for (int32_t type : {0, 1, 2, 3, 4, 5, 6, 7, 42, -1})
+            EXPECT_TRUE(manager.StowlineDelegateFun(task, static_cast<StowlineDelegateType>(type)));
+    };
+    sendAll();
+    EXPECT_EQ(host.calls, (std::vector<HostCall>{{&manager, task, 1}, {&manager, task, 2},
+                                                 {&manager, task, 4}, {&manager, task, 5}}));
+    EXPECT_EQ(SystemLog::capturedCount(
+                  "Error: beginUploadTaskDelegate or endUploadTaskDelegate manage delegate."),
+              2u);
+    EXPECT_EQ(SystemLog::capturedCount("Error: refreshProgressBarDelegate manage delegate."), 1u);
+    EXPECT_EQ(SystemLog::capturedCount("Error: closeProgressBarViewDelegate Delegate."), 1u);
+    EXPECT_EQ(manager.pWorkingTask, nullptr); // the end of the run is still recorded
+
+    host.answer = true;
+    for (auto* delegate : {&host, static_cast<RecordingHost*>(nullptr)}) {
+        manager.SetDelegate(delegate);
+        sendAll();
+        EXPECT_FALSE(SystemLog::capturedContains("Error"));
+    }
+}
+
+// Runs end on their own threads while the scheduler and the host ask for the working
+// task: every question and change of it goes through the manager's lock.
+TEST_F(BackupManageDelegate, FinishEventsMeetWorkingTaskQueriesFromOtherThreads) {
+    CBackupManage manager;
+    std::vector<TaskPtr> tasks;
+    std::vector<std::unique_ptr<Thread>> threads;
+    for (int i = 0; i < 4; ++i) {
+        TaskPtr task = tasks.emplace_back(makeTask("T" + std::to_string(i)));
+        task->bHaveErr = (i % 2 == 0);
+        threads.push_back(std::make_unique<Thread>([&manager, task] {
+            for (int n = 0; n < 300; ++n)
+                manager.StowlineDelegateFun(task, finishedTaskDelegate);
+        }));
+    }
+    threads.push_back(std::make_unique<Thread>([&] {
+        for (int n = 0; n < 1200; ++n) {
+            manager.SetWorkingTask(tasks[n % 4]);
+            manager.isWorkingTask(tasks[(n + 1) % 4]);
+            manager.getTasksList();
+        }
+    }));
+    for (auto& thread : threads)
+        thread->start();
+    for (auto& thread : threads)
+        thread->join();
+
+    std::multiset<std::string> names;
+    for (const auto& task : manager.errTaskList)
+        names.insert(task->name);
+    EXPECT_EQ(names, (std::multiset<std::string>{"T0", "T2"}));
+}
+
+TEST_F(BackupManageIdentity, MadeOnceThenReadBackUnchangedAndDamagedFileComesBackFromItsCopy) {
+    CBackupManage first;
+    first.initMyID();
+    EXPECT_TRUE(SystemLog::capturedContains("No error saving pcINFO data."));
+    EXPECT_EQ(first.identityProblem, "");
+    auto bytes = FileSystem::readFile(identityFile());
+    ASSERT_TRUE(bytes);
+
+    auto plist = PropertyList::parse(*bytes);
+    // The identifier is a decimal text, not a number node.
+    EXPECT_EQ(plist, PropertyList(PlistDict{{"PC ID", PropertyList(std::to_string(first.pcID))},
+                                            {"PC Name", PropertyList(first.pcName)}}));
+
+    // Later starts read the same identity and never rewrite the file.
+    for (int i = 0; i < 2; ++i) {
+        CBackupManage later;
+        later.initMyID();
+        EXPECT_EQ(std::tie(later.pcID, later.pcName), std::tie(first.pcID, first.pcName));
+    }
+    EXPECT_EQ(FileSystem::readFile(identityFile()), bytes);
+    EXPECT_EQ(SystemLog::capturedCount("No error creating initMyID."), 2u);
+
+    // Another property-list reader takes the file as it is.
+    if (FileSystem::exists("/usr/bin/plistutil")) {
+        std::string binary = home_.file("pcinfo.bin");
+        std::string command = "/usr/bin/plistutil -i '" + identityFile() + "' -o '" + binary +
+                              "' -f bin >/dev/null 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0);
+        EXPECT_EQ(PropertyList::parse(FileSystem::readFile(binary).value_or("")), plist);
+    }
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "<plist><dict><key>PC"));
+    CBackupManage restored;
+    restored.initMyID();
+    EXPECT_EQ(restored.pcID, first.pcID);
+    EXPECT_EQ(restored.identityProblem, "");
+    EXPECT_EQ(FileSystem::readFile(identityFile()), bytes);
+    EXPECT_EQ(FileSystem::readFile(identityFile() + ".damaged"), "<plist><dict><key>PC");
+
+    ASSERT_TRUE(FileSystem::removeItem(identityFile())); // a lost file too
+    CBackupManage lost;
+    lost.initMyID();
+    EXPECT_EQ(lost.pcID, first.pcID);
+
+    ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), "x"));
+    ASSERT_TRUE(FileSystem::writeFileAtomically(productFolder() + "/PCInfo.copy", "y"));
+    CBackupManage neither;
+    neither.initMyID();
+    EXPECT_EQ(neither.pcID, 0u);
+    EXPECT_NE(neither.identityProblem.find("task migrate"), std::string::npos);
+    EXPECT_EQ(FileSystem::readFile(identityFile()), "x");
+}
+
+TEST_F(BackupManageIdentity, FileWithoutAGoodIdentityIsReadAsItIsAndLeftAlone) {
+    auto plist = [](PlistDict dict) { return PropertyList(std::move(dict)).toXml(); };
+    std::string valid = plist({{"PC ID", PropertyList("77")}, {"PC Name", PropertyList("desk")}});
+    // The file's content, then the identity and whether the file reads as damaged.
+    const std::tuple<std::string, uint64_t, std::string, bool> cases[] = {
+        // A damaged file or one without the keys leaves the identity as it was.
+        {"", 0, "before", true},
+        {valid.substr(0, valid.size() / 2), 0, "before", true},
+        {PropertyList(PlistArray{PropertyList("77")}).toXml(), 0, "before", true},
+        {plist({}), 0, "before", false}, // no identity, but nothing wrong with the file
+        // Numbers are read like a C int: leading digits, else 0.
+        {plist({{"PC ID", PropertyList(" 42abc")}, {"PC Name", PropertyList("desk")}}), 42, "desk", false},
+        {plist({{"PC ID", PropertyList("desk")}}), 0, "", false}, // the name read as missing
+    };
+    ASSERT_TRUE(FileSystem::createDirectories(productFolder()));
+    for (const auto& [content, id, name, damaged] : cases) {
+        SCOPED_TRACE(content);
+        ASSERT_TRUE(FileSystem::writeFileAtomically(identityFile(), content));
+        SystemLog::startCapture();
+        CBackupManage manager;
+        manager.pcName = "before";
+        manager.initMyID();
+        EXPECT_EQ(std::tie(manager.pcID, manager.pcName), std::tie(id, name));
+        EXPECT_EQ(SystemLog::capturedContains("Error: PCInfo.dat holds no identity"), damaged);
+        EXPECT_EQ(SystemLog::capturedContains("Error"), damaged);
+        EXPECT_EQ(FileSystem::readFile(identityFile()), content);
+    }
 }
 
 // ---- The due test and the waiting list, without the thread ----
 
-class BackupManageDue : public ::testing::Test {
+class BackupManageDue : public BackupManageDelegate {
 protected:
     void SetUp() override {
+        BackupManageDelegate::SetUp();
         clock_ = std::make_shared<ManualClock>(test::localDate(2024, 3, 5, 9, 1, 10));
         Clock::setShared(clock_);
-        SystemLog::startCapture();
         manager_.pcID = kPc;
     }
     void TearDown() override {
-        SystemLog::stopCapture();
         Clock::setShared(nullptr);
+        BackupManageDelegate::TearDown();
     }
     // Daily at 09:00 on 5 March 2024, never run.
     TaskPtr daily(const std::string& name = "Daily") {
@@ -332,7 +513,6 @@ protected:
         return manager_.nowDating(task);
     }
 
-    test::TempHome home_;
     std::shared_ptr<ManualClock> clock_;
     CBackupManage manager_;
 };

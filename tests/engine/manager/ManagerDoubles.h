@@ -63,29 +63,34 @@ private:
     uint64_t released_ = 0;
 };
 
-// Records the host events as "task:type" (progress refreshes left out) and can hold one
-// task's run at the start of its first file upload until released.
+// Records the host events as "task:type" (progress refreshes left out), and what a test
+// adds; can hold one task's run at one event (by default the start of its first file
+// upload) until released.
 class HostRecorder : public StowlineBackupManageDelegate {
 public:
     bool StowlineBackupManageDelegateFun(CBackupManage*, const std::shared_ptr<CBackupTask>& task,
                                          int32_t type) override {
         std::unique_lock lock(mutex_);
         std::string name = task ? task->name : "";
-        if (type == refreshProgressBarDelegate) {
-            if (task && task->bInitUIPrgBar && name == holdName_ && !held_) {
-                held_ = true;
-                cv_.notify_all();
-                cv_.wait(lock, [&] { return released_; });
-            }
-            return true;
-        }
-        events_.push_back(name + ":" + std::to_string(type));
+        if (type != refreshProgressBarDelegate)
+            events_.push_back(name + ":" + std::to_string(type));
         cv_.notify_all();
+        if (task && name == holdName_ && type == holdType_ && !held_ &&
+            (type != refreshProgressBarDelegate || task->bInitUIPrgBar)) {
+            held_ = true;
+            cv_.notify_all();
+            cv_.wait(lock, [&] { return released_; });
+        }
         return true;
     }
-    void holdUploadOf(const std::string& name) {
+    void add(std::string event) {
+        std::lock_guard lock(mutex_);
+        events_.push_back(std::move(event));
+    }
+    void hold(const std::string& name, int32_t type = refreshProgressBarDelegate) {
         std::lock_guard lock(mutex_);
         holdName_ = name;
+        holdType_ = type;
         held_ = released_ = false;
     }
     void waitHeld() {
@@ -115,6 +120,7 @@ private:
     std::condition_variable cv_;
     std::vector<std::string> events_;
     std::string holdName_;
+    int32_t holdType_ = refreshProgressBarDelegate;
     bool held_ = false;
     bool released_ = false;
 };
