@@ -34,7 +34,7 @@ protected:
         }
     }
 
-    // The stored form of a local file, bound to name and to Written, the file's time.
+    // The stored form of a local file, bound to name and to Written.
     std::string encrypt(const std::string& path, const std::string& phrase,
                         const std::string& name = "Docs\\plain") {
         EXPECT_TRUE(FileSystem::setModifyTime(path, Written));
@@ -58,7 +58,6 @@ protected:
         return done ? ResultCode::Success : sink.error();
     }
 
-    size_t entriesInHome() { return FileSystem::listDirectory(home_.path())->size(); }
     static constexpr Date Written{1'600'000'000.25};
     test::TempHome home_;
     bool misplaced_ = false;
@@ -117,11 +116,11 @@ TEST_F(FileCryptoTest, SameUnchangedFileGivesTheSameBytesAndSeeksResume) {
 TEST_F(FileCryptoTest, WrongPhraseDamageRaisedCostsAndAnotherNameOrTimeAreRefusedUntouched) {
     std::string plain = patterned(100'000), stored = encrypt(writeFile("plain", plain), "right");
     std::string target = writeFile("target", "earlier version");
-    size_t entries = entriesInHome();
+    auto entries = FileSystem::listDirectory(home_.path());
     auto expectRefused = [&](const std::string& bytes, const std::string& phrase, int64_t code) {
         EXPECT_EQ(decrypt(bytes, target, phrase), code);
         EXPECT_EQ(FileSystem::readFile(target), "earlier version");
-        EXPECT_EQ(entriesInHome(), entries); // no temporary file left behind
+        EXPECT_EQ(FileSystem::listDirectory(home_.path()), entries); // no temporary left
     };
     expectRefused(stored, "wrong", ResultCode::WrongPassPhrase);
     // Damage anywhere, the salt (8) and nonce (30) included, is damage, not a wrong phrase.
@@ -138,9 +137,8 @@ TEST_F(FileCryptoTest, WrongPhraseDamageRaisedCostsAndAnotherNameOrTimeAreRefuse
          {stored.substr(0, stored.size() - 1), stored.substr(0, 100), stored + "x", plain})
         expectRefused(bytes, "right", ResultCode::DamagedFile);
 
-    // Costs raised and the header check redone, as a hostile store would: refused before any
-    // key is derived. Lower costs are derived, and the key check then tells the keys are not
-    // the file's.
+    // Costs raised, header check redone (a hostile store): refused before any key is derived.
+    // Lower costs are derived, and the key check tells the keys are not the file's.
     auto withCosts = [&](unsigned char ops, uint16_t memMiB) {
         std::string bytes = stored;
         bytes.replace(5, 3, std::string{char(ops), char(memMiB & 0xff), char(memMiB >> 8)});
@@ -155,10 +153,8 @@ TEST_F(FileCryptoTest, WrongPhraseDamageRaisedCostsAndAnotherNameOrTimeAreRefuse
         expectRefused(withCosts(ops, memMiB), "right", code);
     EXPECT_EQ(decrypt(withCosts(2, 64), target, "right"), Success);
 
-    // Opened as stored, listed shift seconds off: the code, and "m" when the tag tells it is
-    // misplaced. A version is asked for under every name its number fits; stores round times,
-    // so a second either way opens. Swapped (b as stored) or put back (older copy, newer time
-    // or back) is refused.
+    // The code, "m" when the tag tells misplaced. A version is asked under every name its
+    // number fits; a second either way opens (stores round times); swapped or put back does not.
     std::string b = encrypt(writeFile("b", "content of b"), "right", "Docs\\b.txt");
     auto opened = [&](const std::string& bytes, double shift,
                       std::vector<std::string> names = {"Docs\\plain"}) {

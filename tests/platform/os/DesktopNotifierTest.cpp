@@ -22,8 +22,7 @@ namespace {
 
 #ifdef CV_TEST_SD_BUS
 
-// What a notification service on the bus was asked to show: the last summary and body,
-// and the urgency of each notification, one digit each. Read after its thread ended.
+// The last summary and body shown, and every notification's urgency, one digit each.
 struct Shown {
     std::string summary, body, urgencies;
 };
@@ -87,7 +86,7 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
         sd_bus_slot_unref(slot);
         sd_bus_flush_close_unref(bus);
     });
-    for (int i = 0; i < 100 && !serving; ++i) // waits for the bus and the service to come up
+    for (int i = 0; i < 100 && !serving; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_TRUE(serving);
 
@@ -95,9 +94,8 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     EXPECT_TRUE(DesktopNotifier::notify("Backup finished: \"Docs\"", "Sent: 2 KB", false));
     stop = true;
     service.join();
-    // The failure critical, the finish normal.
     EXPECT_EQ(std::tie(shown.summary, shown.body, shown.urgencies),
-              std::make_tuple("Backup finished: \"Docs\"", "Sent: 2 KB", "21"));
+              std::make_tuple("Backup finished: \"Docs\"", "Sent: 2 KB", "21")); // failure critical
     ::kill(daemon, SIGTERM);
     ::waitpid(daemon, nullptr, 0);
 
