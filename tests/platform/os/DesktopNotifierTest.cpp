@@ -71,11 +71,9 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     Shown shown;
     std::atomic<bool> stop{false}, serving{false};
     std::thread service([&] {
-        sd_bus* bus = nullptr;
-        if (sd_bus_open_user(&bus) < 0)
-            return;
-        sd_bus_slot* slot = nullptr;
-        if (sd_bus_add_object_vtable(bus, &slot, "/org/freedesktop/Notifications",
+        sd_bus* bus = nullptr; // the object's slot floats: it goes with the bus
+        if (sd_bus_open_user(&bus) >= 0 &&
+            sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/Notifications",
                                      "org.freedesktop.Notifications", NotificationsTable, &shown) >= 0 &&
             sd_bus_request_name(bus, "org.freedesktop.Notifications", 0) >= 0) {
             serving = true;
@@ -83,7 +81,6 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
                 if (sd_bus_process(bus, nullptr) <= 0)
                     sd_bus_wait(bus, 100'000);
         }
-        sd_bus_slot_unref(slot);
         sd_bus_flush_close_unref(bus);
     });
     for (int i = 0; i < 100 && !serving; ++i)
