@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <map>
-#include <numeric>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -46,9 +45,10 @@ public:
     }
     int listCount(const std::string& folder) const { return listCounts()[folder]; }
     int totalLists() const {
-        auto counts = listCounts();
-        return std::accumulate(counts.begin(), counts.end(), 0,
-                               [](int sum, const auto& entry) { return sum + entry.second; });
+        int total = 0;
+        for (const auto& [folder, count] : listCounts())
+            total += count;
+        return total;
     }
     void resetCounts() {
         std::lock_guard lock(mutex_);
