@@ -422,7 +422,6 @@ TEST_F(PathTreeTest, MissingFoldersAreAskedOnceUntilSomethingIsStoredThere) {
 
 class PathTreeConcurrencyTest : public PathTreeTest {};
 
-// Threads looking up the same folders at once, and the thread listing them ahead.
 TEST_F(PathTreeConcurrencyTest, FoldersLookedUpFromManyThreadsAndListedAheadAreListedOnce) {
     folders({"\\P"});
     std::vector<std::string> ahead;

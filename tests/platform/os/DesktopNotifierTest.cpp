@@ -50,7 +50,6 @@ const sd_bus_vtable NotificationsTable[] = {
     SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", onNotify, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END};
 
-// A private session bus, and on it a notification service that records what it is told.
 TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0)
         GTEST_SKIP() << "no dbus-daemon for a private session bus";

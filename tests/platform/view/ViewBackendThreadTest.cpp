@@ -96,8 +96,8 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
         ::close(fd);
 }
 
-// Cancel's confirmation, asked while the window holds the keys raw, waits for a typed line.
-// TERM=dumb or the user's NO_COLOR get plain lines, as without a terminal.
+// Cancel's confirmation, asked while the keys are raw, waits for a typed line; TERM=dumb or
+// NO_COLOR get plain lines.
 TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForItsAnswerUnlessDumb) {
     // The program's side (slave) and the user's (master), which the typist polls.
     int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
