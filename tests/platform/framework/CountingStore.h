@@ -11,21 +11,18 @@
 
 namespace cirrovault::test {
 
-// Passes everything to another backend and counts the listings per folder, so tests
-// can see how often the path cache really asks the service.
+// Passes everything on, counting the listings per folder: how often the cache really asks.
 class CountingStore : public FaultInjectingStore {
 public:
     using FaultInjectingStore::FaultInjectingStore;
 
     int64_t list(const std::string& folder, std::vector<StoreItem>& items) override {
-        {
-            std::lock_guard lock(mutex_);
-            ++lists_[folder];
-        }
+        std::unique_lock lock(mutex_);
+        ++lists_[folder];
+        lock.unlock();
         return FaultInjectingStore::list(folder, items);
     }
-    // Called after every put with its path and result: a test that changes a local file
-    // just after it was read. Set it before the puts start.
+    // Called after every put with its path and result; set before the puts start.
     std::function<void(const std::string&, int64_t)> afterPut;
     int64_t put(const std::string& path, ByteSource& source, Date modifyTime,
                 TransferObserver* observer) override {

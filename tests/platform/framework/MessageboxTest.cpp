@@ -71,7 +71,6 @@ TEST(Messagebox, HeadlessAnswersScriptThenDefaultsAndAFailingPresenterIsLoggedAn
     EXPECT_NE(NimboMessagebox::presenter(), nullptr); // the built-in one is back
 }
 
-// Boxes asked while presenters swap: each answered and recorded by exactly one.
 TEST(MessageboxConcurrency, BoxesFromManyThreadsWhilePresentersChange) {
     auto first = std::make_shared<HeadlessMessagebox>(), second = std::make_shared<HeadlessMessagebox>();
     for (auto& box : {first, second})

@@ -12,13 +12,10 @@
 using namespace cirrovault;
 
 using test::permissionsOf;
-using test::UmaskScope;
 
-// A damaged store is repaired without losing it; the secrets of a keyring that does not answer
-// are missing, not guessed.
 TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFileRepairedAndNeverGuessed) {
     test::TempHome home;
-    UmaskScope permissive(0); // the file must be private whatever the umask allows
+    test::UmaskScope permissive(0); // the file must be private whatever the umask allows
     SystemLog::startCapture();
 
     PasswordMan writer;
@@ -31,14 +28,12 @@ TEST(PasswordMan, PhrasesAndAccountLiveInAnOwnerOnlyFileRepairedAndNeverGuessed)
 
     std::string file = home.configHome() + "/cirrovault/passwords.plist";
     EXPECT_EQ(PasswordMan::PasswordFilePath(), file);
-    // Nobody else may read it, nor put another file in its place.
     EXPECT_EQ(std::make_pair(permissionsOf(file), permissionsOf(home.configHome() + "/cirrovault")),
               std::make_pair(0600u, 0700u));
     EXPECT_FALSE(writer.AccountInKeyring());
     EXPECT_EQ(FileSystem::listDirectory(home.configHome() + "/cirrovault"),
               std::vector<std::string>{"passwords.plist"}) << "no temporary file is left behind";
 
-    // Another instance (another process, in real life) sees the same store.
     PasswordMan reader;
     EXPECT_EQ(reader.GetPassword("\\Encrypted\\Docs"), "correct horse");
     EXPECT_EQ((std::vector{reader.IsEncrypt("\\Encrypted\\Docs"), reader.IsEncrypt("\\Encrypted\\Docs\\Deep"),

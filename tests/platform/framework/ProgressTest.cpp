@@ -43,7 +43,6 @@ TEST(ProgressTest, ResumedBytesCountForPercentButNotForSpeedAndASingleTransferSh
     p.setSentSize(5000);
     EXPECT_EQ(std::make_pair(p.percent(), p.secondsLeft()), std::make_pair(100.0, 0.0));
 
-    // A single transfer without run totals shows the file.
     TrueProgressCallback single;
     EXPECT_EQ(single.percent(), 0);
     single.setThisSize(400);

@@ -54,7 +54,7 @@ protected:
         for (const auto& path : paths)
             ASSERT_EQ(api().AddFolder(path, "", "", false), ResultCode::Success) << path;
     }
-    // Which of paths the cache finds, as '+' or '-' each: one look at many lookups.
+    // '+' or '-' for each path the cache finds or not.
     std::string found(std::initializer_list<std::string> paths) {
         std::string marks;
         for (const auto& path : paths) {

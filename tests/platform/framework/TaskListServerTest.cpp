@@ -15,8 +15,7 @@ using namespace cirrovault;
 
 namespace {
 
-// Only a task-list document, versioned with compare-and-swap; the server needs nothing else.
-// The public members are read and set only while no request runs.
+// A task-list document versioned with compare-and-swap; members are touched between requests.
 class MemoryTaskListStore : public FaultInjectingStore {
 public:
     MemoryTaskListStore() : FaultInjectingStore(nullptr) {}
@@ -56,10 +55,8 @@ const auto enc = UrlCoding::encode;
 using Strings = std::vector<std::string>;
 using Codes = std::vector<int64_t>; // the codes of calls made in order, one comparison
 using namespace ResultCode;
-
 using Entries = std::vector<std::pair<std::string, bool>>; // {path, add?}
 
-// A request as the client writes it.
 std::string request(const std::string& name, const std::string& action, const Entries& entries = {},
                     const std::string& oldName = "", int taskID = 7) {
     std::string text =
@@ -81,7 +78,6 @@ std::string request(const std::string& name, const std::string& action, const En
 }
 
 const auto valuesOf = Functions::GetValueArrayByKey;
-
 Strings pathsOf(TaskListServer& server, const std::string& name) {
     std::string reply;
     EXPECT_EQ(server.getTaskList(name, "true", reply), 0);
@@ -205,7 +201,6 @@ TEST(TaskListServer, DamagedRequestsAreRefusedAndADamagedStoreIsAStorageErrorNot
     SystemLog::stopCapture();
     EXPECT_EQ(f.store->document, "<plist>not a task list");
 
-    // A property list of another shape is just as foreign.
     f.store->setDocument(
         R"(<?xml version="1.0"?><plist version="1.0"><dict><key>FormatVersion</key>)"
         R"(<integer>1</integer><key>Tasks</key><array><string>x</string></array>)"
@@ -241,8 +236,7 @@ TEST(TaskListServer, EditRenamesAddsOrRemovesPathsAndReappliesOnTheNewerListUnti
     EXPECT_EQ(names + " " + valuesOf("RETURN_ServerPath", reply).at(0), "Papers \\Backup\\Papers");
     EXPECT_EQ(pathsOf(f.server, "Papers"), (Strings{"/b", "/c", "/d"}));
 
-    // Another task that merely has the new name is not taken for the old one.
-    EXPECT_EQ(f.up("Papers", "Edit", {}, "Docs", 99), OldTaskNotFound);
+    EXPECT_EQ(f.up("Papers", "Edit", {}, "Docs", 99), OldTaskNotFound); // another task, same name
 
     // Another client adds a path between this request's read and its write.
     f.store->beforeWrite = [&] {

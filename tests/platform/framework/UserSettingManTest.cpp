@@ -8,8 +8,7 @@
 
 using namespace cirrovault;
 
-// Damaged settings are never replaced by fresh ones, which would silently point the commands
-// at another store.
+// Damaged settings are never replaced: fresh ones would point the commands at another store.
 TEST(UserSettingMan, NothingUntilALogonIsRecordedAndDamagedSettingsAreNamedAndNeverWrittenOver) {
     test::TempHome home;
     test::ManualClockScope scope(Date(1714568709.0));

@@ -22,8 +22,7 @@ namespace {
 
 #ifdef CV_TEST_SD_BUS
 
-// What a notification service on the bus was asked to show: the last summary and body,
-// and the urgency of each notification, one digit each. Read after its thread ended.
+// The last summary and body shown, and every notification's urgency, one digit each.
 struct Shown {
     std::string summary, body, urgencies;
 };
@@ -51,7 +50,6 @@ const sd_bus_vtable NotificationsTable[] = {
     SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", onNotify, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END};
 
-// A private session bus, and on it a notification service that records what it is told.
 TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0)
         GTEST_SKIP() << "no dbus-daemon for a private session bus";
@@ -72,11 +70,9 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     Shown shown;
     std::atomic<bool> stop{false}, serving{false};
     std::thread service([&] {
-        sd_bus* bus = nullptr;
-        if (sd_bus_open_user(&bus) < 0)
-            return;
-        sd_bus_slot* slot = nullptr;
-        if (sd_bus_add_object_vtable(bus, &slot, "/org/freedesktop/Notifications",
+        sd_bus* bus = nullptr; // the object's slot floats: it goes with the bus
+        if (sd_bus_open_user(&bus) >= 0 &&
+            sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/Notifications",
                                      "org.freedesktop.Notifications", NotificationsTable, &shown) >= 0 &&
             sd_bus_request_name(bus, "org.freedesktop.Notifications", 0) >= 0) {
             serving = true;
@@ -84,10 +80,9 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
                 if (sd_bus_process(bus, nullptr) <= 0)
                     sd_bus_wait(bus, 100'000);
         }
-        sd_bus_slot_unref(slot);
         sd_bus_flush_close_unref(bus);
     });
-    for (int i = 0; i < 100 && !serving; ++i) // waits for the bus and the service to come up
+    for (int i = 0; i < 100 && !serving; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_TRUE(serving);
 
@@ -95,9 +90,8 @@ TEST(DesktopNotifier, ReachesTheSessionsServiceAndIsSilentWithoutOne) {
     EXPECT_TRUE(DesktopNotifier::notify("Backup finished: \"Docs\"", "Sent: 2 KB", false));
     stop = true;
     service.join();
-    // The failure critical, the finish normal.
     EXPECT_EQ(std::tie(shown.summary, shown.body, shown.urgencies),
-              std::make_tuple("Backup finished: \"Docs\"", "Sent: 2 KB", "21"));
+              std::make_tuple("Backup finished: \"Docs\"", "Sent: 2 KB", "21")); // failure critical
     ::kill(daemon, SIGTERM);
     ::waitpid(daemon, nullptr, 0);
 

@@ -36,11 +36,9 @@ TEST(ViewBackendThread, ModalLoopsNestAndEndFromOtherThreadsAndScriptedPressesFi
     other.join();
     EXPECT_EQ(std::make_tuple(seenInner, seenOuter, backend.modalWindow()),
               std::make_tuple(inner, outer, std::shared_ptr<ViewWindow>()));
-    // A closed window never runs modally, and no one waits for it.
-    backend.runModal(outer);
+    backend.runModal(outer); // a closed window never runs modally, and no one waits for it
     EXPECT_FALSE(backend.waitUntilModal(*outer));
 
-    // Scripted presses fire once, on their condition.
     backend.pressAfterTexts(ViewLayout::LoopDialog, ViewOutlet::LogOnStr, 2, ViewButton::Cancel);
     backend.pressWhenText(ViewLayout::LoopDialog, ViewOutlet::RetryLogonStr, "30", ViewButton::Retry);
     auto window = backend.createWindow(ViewLayout::LoopDialog);
@@ -98,11 +96,10 @@ TEST(TerminalBackendThread, WithoutTerminalPrintsLinesAndAnswersDefaults) {
         ::close(fd);
 }
 
-// Cancel's confirmation, asked while the window holds the keys raw, waits for a typed line.
-// TERM=dumb or the user's NO_COLOR get plain lines, as without a terminal.
+// Cancel's confirmation, asked while the keys are raw, waits for a typed line; TERM=dumb or
+// NO_COLOR get plain lines.
 TEST(TerminalBackendThread, PseudoTerminalKeysPressButtonsAndAQuestionWaitsForItsAnswerUnlessDumb) {
-    // A pseudo-terminal: the program's side (slave) and the user's (master), which the typist
-    // polls for what is drawn.
+    // The program's side (slave) and the user's (master), which the typist polls.
     int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
     ASSERT_TRUE(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0);
     int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY);

@@ -17,8 +17,6 @@
 #include "ui/LoopDlgController.h"
 #include "ui/ProgressBarController.h"
 
-// The controllers' windows drawn by GTK, driven by workers from their own threads; each
-// test saves a screenshot of what it drove.
 using namespace cirrovault;
 using namespace cirrovault::test;
 
@@ -53,9 +51,8 @@ protected:
     std::shared_ptr<GtkViewBackend> backend;
 };
 
-// Run off the main thread, a window is drawn by the main loop; its close button stops the
-// work behind it, which still ends the loop. The same for the wait dialog, and for the restore
-// window once the close is confirmed, its figures drawn for the screenshot.
+// Off the main thread, a window's close button stops the work behind it, which still ends the
+// loop: the progress window, the wait dialog, and the restore window once the close is confirmed.
 TEST_F(GtkWindowsTest, ClosingARunsOrTheRestoreWindowStopsTheWorkBehindIt) {
     ProgressBarController controller(backend);
     Thread* self = nullptr;
