@@ -2,7 +2,6 @@
 #include <cstdio>
 #include <future>
 #include <map>
-#include <mutex>
 #include <regex>
 #include <thread>
 

@@ -11,7 +11,6 @@
 #include "platform/framework/SessionFixture.h"
 #include "platform/os/SystemLog.h"
 #include "platform/os/Thread.h"
-#include "platform/view/ViewLayout.h"
 #include "platform/view/gtk/GtkViewBackend.h"
 #include "ui/CDownloadFileController.h"
 #include "ui/LoopDlgController.h"
@@ -27,6 +26,14 @@ bool polled(const std::function<bool()>& done) {
     for (int i = 0; i < 2000 && !done(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return done();
+}
+
+// Closes the window showing text with its title bar's close button, once photographed.
+Script closeWhenShown(const char* text, const char* shot) {
+    return Script(nullptr, {{showing(text), [shot](GtkWidget* w) {
+                                 EXPECT_TRUE(screenshot(w, shot));
+                                 gtk_window_close(GTK_WINDOW(w));
+                             }}});
 }
 
 class GtkWindowsTest : public test::SessionFixture {
@@ -68,10 +75,7 @@ TEST_F(GtkWindowsTest, ClosingARunsOrTheRestoreWindowStopsTheWorkBehindIt) {
         controller.EnterProgressMode(&worker);
         ended = true;
     });
-    Script close(nullptr, {{showing("Deleting the task's server files"), [](GtkWidget* w) {
-                                EXPECT_TRUE(screenshot(w, "close-button-cancels"));
-                                gtk_window_close(GTK_WINDOW(w)); // the title bar's close button
-                            }}});
+    Script close = closeWhenShown("Deleting the task's server files", "close-button-cancels");
     host.start();
     EXPECT_TRUE(pumpUntil([&] { return ended.load(); }, 30));
     host.join();
@@ -87,10 +91,7 @@ TEST_F(GtkWindowsTest, ClosingARunsOrTheRestoreWindowStopsTheWorkBehindIt) {
         loop.LeaveLoopMode(loopSelf);
     });
     loopSelf = &waiting;
-    Script closeDialog(nullptr, {{showing("Signing in to the service..."), [](GtkWidget* w) {
-                                      EXPECT_TRUE(screenshot(w, "wait-dialog"));
-                                      gtk_window_close(GTK_WINDOW(w));
-                                  }}});
+    Script closeDialog = closeWhenShown("Signing in to the service...", "wait-dialog");
     EXPECT_TRUE(loop.EnterLoopMode(&waiting, CLoopItem::ButtonCancel));
     waiting.join();
     EXPECT_TRUE(loopCancelled);
@@ -113,10 +114,7 @@ TEST_F(GtkWindowsTest, ClosingARunsOrTheRestoreWindowStopsTheWorkBehindIt) {
         restore.LeaveProgressModel(restoreSelf);
     });
     restoreSelf = &restoring;
-    Script closeRestore(nullptr, {{showing("0:00:23"), [](GtkWidget* w) {
-                                       EXPECT_TRUE(screenshot(w, "restore-progress"));
-                                       gtk_window_close(GTK_WINDOW(w));
-                                   }}});
+    Script closeRestore = closeWhenShown("0:00:23", "restore-progress");
     restore.EnterProgressMode(&restoring);
     restoring.join();
     EXPECT_TRUE(stopped);
