@@ -81,10 +81,13 @@ def main():
     ap.add_argument("-R", metavar="REGEX", help="only the tests whose name matches")
     args = ap.parse_args()
     build, out = Path(args.build).resolve(), Path(args.out).resolve()
+    only = ["-R", args.R] if args.R else []
     tests = json.loads(subprocess.check_output(
-        ["ctest", "--test-dir", str(build), "--show-only=json-v1", *(["-R", args.R] if args.R else [])]))["tests"]
-    executables = [p for p in [*glob.glob(str(build / "tests/test_*")), *glob.glob(str(build / "cirrovault*"))]
+        ["ctest", "--test-dir", str(build), "--show-only=json-v1", *only]))["tests"]
+    executables = [p for p in glob.glob(str(build / "tests/test_*")) + glob.glob(str(build / "cirrovault*"))
                    if os.path.isfile(p) and os.access(p, os.X_OK)]
+    if not executables:
+        sys.exit(f"coverage: no test programs in {build}: build it first")
     objects = [executables[0]] + [a for p in executables[1:] for a in ("-object", p)]
 
     def one(numbered):
@@ -103,15 +106,15 @@ def main():
                 failed.append(name)
             by_case[case_name(name)] |= reached
     reach_count = collections.Counter(line for lines in by_case.values() for line in lines)
+    own = {name: sum(reach_count[line] == 1 for line in lines) for name, lines in by_case.items()}
     (out / "tests.json").write_text(json.dumps({k: sorted(v) for k, v in by_case.items()}))
-    rows = sorted(by_case.items(), key=lambda kv: sum(reach_count[l] == 1 for l in kv[1]))
     with open(out / "report.txt", "w") as report:
         report.write("unique  reached  test\n")
-        for name, lines in rows:
-            report.write(f"{sum(reach_count[l] == 1 for l in lines):6d}  {len(lines):7d}  {name}\n")
+        for name in sorted(own, key=own.get):
+            report.write(f"{own[name]:6d}  {len(by_case[name]):7d}  {name}\n")
     print(f"coverage: {len(tests)} tests, {len(reach_count)} lines of src/ and apps/ reached; "
-          f"{sum(1 for _, v in rows if not any(reach_count[l] == 1 for l in v))} test cases reach "
-          f"no line of their own; report in {out / 'report.txt'}")
+          f"{sum(1 for n in own.values() if n == 0)} test cases reach no line of their own; "
+          f"report in {out / 'report.txt'}")
     if failed:
         print("coverage: failed: " + ", ".join(failed))
     return 1 if failed else 0
