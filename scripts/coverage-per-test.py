@@ -84,8 +84,8 @@ def main():
     only = ["-R", args.R] if args.R else []
     tests = json.loads(subprocess.check_output(
         ["ctest", "--test-dir", str(build), "--show-only=json-v1", *only]))["tests"]
-    executables = [p for p in glob.glob(str(build / "tests/test_*")) + glob.glob(str(build / "cirrovault*"))
-                   if os.path.isfile(p) and os.access(p, os.X_OK)]
+    candidates = glob.glob(str(build / "tests/test_*")) + glob.glob(str(build / "cirrovault*"))
+    executables = [p for p in candidates if os.path.isfile(p) and os.access(p, os.X_OK)]
     if not executables:
         sys.exit(f"coverage: no test programs in {build}: build it first")
     objects = [executables[0]] + [a for p in executables[1:] for a in ("-object", p)]
